@@ -1,0 +1,32 @@
+// The daemon's configuration: the configuration file's values with all defaults applied. Loaded
+// once when the run loop starts and read-only from then on.
+#pragma once
+
+#include <stdint.h>
+
+enum : uint8_t {
+    SMB_TYPE_OWN = 1, // the product's own file-sharing server
+    SMB_TYPE_SAMBA = 2,
+};
+
+struct ConfHotplug {
+    uint8_t smbtype;        // which file-sharing server is fed, SMB_TYPE_*
+    uint8_t naswork;        // 1: device-information lines in the share file
+    uint8_t fatvolumelabel; // 1: FAT volume labels give share names
+    char* smbconfigpath;    // share file; owned
+    char* deviceconfigpath; // device file; owned
+    char* mountpath;        // directory of the mount directories; owned
+    char* devicepath;       // directory of the device nodes; owned
+
+    // What the mount layer works with.
+    uint32_t defaultuid;
+    uint32_t defaultgid;
+    uint32_t fileumask; // complements of the configured permissions within 0777
+    uint32_t dirumask;
+    uint32_t mountvfat; // 1: partitions of this kind are mounted
+    uint32_t mountntfs;
+    uint32_t mountext;
+    char* vfatoptions; // extra mount options, may be null; live until the process ends
+    char* ntfsoptions;
+    char* extfsoptions;
+};

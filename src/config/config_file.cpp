@@ -1,0 +1,240 @@
+#include "config/config_file.h"
+
+#include "config/getopt.h"
+#include "config/ini.h"
+#include "lib/log.h"
+#include "lib/str.h"
+
+#include <stdlib.h>
+#include <string.h>
+#include <strings.h>
+#include <unistd.h>
+
+static constexpr char log_tag[] = "config_file";
+
+static constexpr uint32_t default_file_umask = 0113; // files 0664
+static constexpr uint32_t default_dir_umask = 0002;  // directories 0775
+static constexpr char default_smb_config[] = "/tmp/vynas.dir.conf";
+// The fallback of three keys, kept so: an installation that names no directories fails the
+// directory checks at start and says so, instead of mounting somewhere.
+static constexpr char default_device_config[] = "/tmp/hotplug.dev.conf";
+static constexpr char default_vfat_options[] = "utf8";
+
+// Returns owned: the key's last value in the unnamed section, possibly empty; null without one.
+static char* read_value(const char* path, const char* key) {
+    char* value = nullptr;
+    return config_get_ini_string(path, "", key, &value, INI_LAST) == 0 ? value : nullptr;
+}
+
+// ---- words ----
+
+// The names by which the product's own server is meant.
+static constexpr char own_server_names[8][12] = {
+    "vy nas mira", "vynas mira", "vynasmira", "vy nasmira",
+    "vynas",       "vy nas",     "nasmira",   "nas mira",
+};
+
+static bool names_own_server(const char* value) {
+    for (const auto& name : own_server_names) {
+        if (strcasecmp(value, name) == 0)
+            return true;
+    }
+    return false;
+}
+
+// An unknown word means the own server too.
+static uint8_t parse_smbtype(const char* value) {
+    const bool samba = !names_own_server(value) && strcasecmp(value, "samba") == 0;
+    return samba ? SMB_TYPE_SAMBA : SMB_TYPE_OWN;
+}
+
+static void load_smbtype(const char* path, ConfHotplug* config) {
+    const IniValueGuard value(read_value(path, "smbtype"));
+    if (value)
+        config->smbtype = parse_smbtype(value.get());
+}
+
+struct SwitchKey {
+    const char* key;
+    uint8_t ConfHotplug::*field;
+};
+
+static constexpr SwitchKey naswork_key = {"ds/naswork", &ConfHotplug::naswork};
+static constexpr SwitchKey fat_label_key = {"fatvolumelabel", &ConfHotplug::fatvolumelabel};
+
+// Off only when the value says so.
+static void load_switch(const char* path, ConfHotplug* config, const SwitchKey& row) {
+    const IniValueGuard value(read_value(path, row.key));
+    if (value)
+        config->*row.field = string_enable_disable(value.get()) == 0 ? 0 : 1;
+}
+
+// ---- paths ----
+
+struct PathKey {
+    const char* key;
+    char* ConfHotplug::*field;
+    const char* fallback;
+};
+
+static constexpr PathKey path_keys[] = {
+    {"smbconfigpath", &ConfHotplug::smbconfigpath, default_smb_config},
+    {"deviceconfigpath", &ConfHotplug::deviceconfigpath, default_device_config},
+    {"mountpath", &ConfHotplug::mountpath, default_device_config},
+    {"devicepath", &ConfHotplug::devicepath, default_device_config},
+};
+
+static void load_path(const char* path, ConfHotplug* config, const PathKey& row) {
+    const IniValueGuard value(read_value(path, row.key));
+    const bool absolute = value && value.get()[0] == '/';
+    config->*row.field = strdup(absolute ? value.get() : row.fallback);
+}
+
+// ---- numbers ----
+
+struct NumberKey {
+    const char* key;
+    uint32_t ConfHotplug::*field;
+    int base;
+    uint32_t fallback; // when the value is empty or no number
+};
+
+static constexpr NumberKey owner_keys[] = {
+    {"defaultuid", &ConfHotplug::defaultuid, 10, 0},
+    {"defaultgid", &ConfHotplug::defaultgid, 10, 0},
+};
+
+static constexpr NumberKey permission_keys[] = {
+    {"defaultfilepermission", &ConfHotplug::fileumask, 8, default_file_umask},
+    {"defaultdirectorypermission", &ConfHotplug::dirumask, 8, default_dir_umask},
+};
+
+// Reads the number; false when the key is absent. A bad number gives `bad` = true.
+static bool read_number(const char* path, const NumberKey& row, int32_t* number, bool* bad) {
+    const IniValueGuard value(read_value(path, row.key));
+    if (!value)
+        return false;
+    *bad = str_to_long(value.get(), number, row.base) != 0;
+    return true;
+}
+
+static void load_owner(const char* path, ConfHotplug* config, const NumberKey& row) {
+    int32_t number = 0;
+    bool bad = false;
+    if (read_number(path, row, &number, &bad))
+        config->*row.field = bad ? row.fallback : static_cast<uint32_t>(number);
+}
+
+static void load_permission(const char* path, ConfHotplug* config, const NumberKey& row) {
+    int32_t number = 0;
+    bool bad = false;
+    if (read_number(path, row, &number, &bad))
+        config->*row.field = bad ? row.fallback : ~static_cast<uint32_t>(number) & 0777U;
+}
+
+// ---- mount options ----
+
+struct OptionsKey {
+    const char* key;
+    char* ConfHotplug::*field;
+    const char* fallback; // null for none
+};
+
+static constexpr OptionsKey options_keys[] = {
+    {"vfatoptions", &ConfHotplug::vfatoptions, default_vfat_options},
+    {"ntfsoptions", &ConfHotplug::ntfsoptions, nullptr},
+    {"extfsoptions", &ConfHotplug::extfsoptions, nullptr},
+};
+
+static void load_options(const char* path, ConfHotplug* config, const OptionsKey& row) {
+    const IniValueGuard value(read_value(path, row.key));
+    const char* chosen = value && value.get()[0] != '\0' ? value.get() : row.fallback;
+    config->*row.field = chosen == nullptr ? nullptr : strdup(chosen);
+}
+
+// ---- filesystems ----
+
+static constexpr vyopt_option filesystem_names[] = {
+    {'f', VYOPT_NOCASE, "fat"},  {'f', VYOPT_NOCASE, "vfat"},
+    {'n', VYOPT_NOCASE, "ntfs"}, {'e', VYOPT_NOCASE, "ext"},
+    {'e', VYOPT_NOCASE, "ext2"}, {'e', VYOPT_NOCASE, "ext3"},
+    {'e', VYOPT_NOCASE, "ext4"}, {0, 0, nullptr},
+};
+
+// A list that is there replaces all three defaults: what it does not name is not mounted.
+static void load_mountfs(const char* path, ConfHotplug* config) {
+    const IniValueGuard value(read_value(path, "mountfs"));
+    if (!value)
+        return;
+    const OptionMapGuard map(vyopt_create_opmap(value.get()));
+    if (!map)
+        return;
+    config->mountvfat = 0;
+    config->mountntfs = 0;
+    config->mountext = 0;
+    int32_t index = 0;
+    int code = 0;
+    while ((code = vy_getopt(&index, map.get(), filesystem_names, nullptr)) != 0) {
+        if (code == 'f')
+            config->mountvfat = 1;
+        else if (code == 'n')
+            config->mountntfs = 1;
+        else if (code == 'e')
+            config->mountext = 1;
+    }
+}
+
+// ---- the record ----
+
+static void set_defaults(ConfHotplug* config) {
+    *config = {};
+    config->smbtype = SMB_TYPE_OWN;
+    config->naswork = 1;
+    config->fatvolumelabel = 1;
+    config->fileumask = default_file_umask;
+    config->dirumask = default_dir_umask;
+    config->mountvfat = 1;
+    config->mountntfs = 1;
+    config->mountext = 1;
+}
+
+ConfHotplug* load_config_hotplug(const char* path) {
+    if (path == nullptr)
+        return nullptr;
+    if (access(path, R_OK) != 0)
+        VY_LOG(LOG_ERR, "No Such File(%s)", path);
+    auto* config = static_cast<ConfHotplug*>(malloc(sizeof(ConfHotplug)));
+    if (config == nullptr)
+        return nullptr;
+    set_defaults(config);
+    load_smbtype(path, config);
+    load_switch(path, config, naswork_key);
+    for (const PathKey& row : path_keys)
+        load_path(path, config, row);
+    for (const NumberKey& row : owner_keys)
+        load_owner(path, config, row);
+    for (const NumberKey& row : permission_keys)
+        load_permission(path, config, row);
+    for (const OptionsKey& row : options_keys)
+        load_options(path, config, row);
+    load_mountfs(path, config);
+    load_switch(path, config, fat_label_key);
+    return config;
+}
+
+// The option texts of the record freed last: within reach until the process ends, so that leak
+// checkers see them as what they are.
+__attribute__((used)) static char* kept_options[3];
+
+void free_config_hotplug(ConfHotplug* config) {
+    if (config == nullptr)
+        return;
+    kept_options[0] = config->vfatoptions;
+    kept_options[1] = config->ntfsoptions;
+    kept_options[2] = config->extfsoptions;
+    free(config->smbconfigpath);
+    free(config->deviceconfigpath);
+    free(config->mountpath);
+    free(config->devicepath);
+    free(config);
+}

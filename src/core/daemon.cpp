@@ -1,0 +1,186 @@
+#include "core/daemon.h"
+
+#include "config/config_file.h"
+#include "core/command.h"
+#include "core/recieve.h"
+#include "core/refresh.h"
+#include "device/crtsec.h"
+#include "lib/guard.h"
+#include "lib/log.h"
+#include "lib/sys.h"
+#include "lib/vytime.h"
+#include "records/volume_label.h"
+
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+static constexpr char log_tag[] = "daemon";
+static constexpr uint32_t idle_pause_ms = 1200;
+static constexpr int idle_passes_per_reap = 300;
+
+namespace {
+
+enum class TableState {
+    clean,
+    touched, // commands were handled since the last refresh
+    due,     // refresh
+};
+
+struct RunLoop {
+    DaemonCtx* ctx;
+    TableState state;
+    int dirty; // COMMAND_ADDED, COMMAND_REMOVED
+    int idle_passes;
+    bool handled; // the previous pass handled a command
+};
+
+} // namespace
+
+// ---- start-up ----
+
+static void report_config(const ConfHotplug* config) {
+    VY_LOG(LOG_INFO, "Type     = %hhd", static_cast<signed char>(config->smbtype));
+    VY_LOG(LOG_INFO, "DS/NAS   = %hhd", static_cast<signed char>(config->naswork));
+    VY_LOG(LOG_INFO, "SMB Conf = %s", config->smbconfigpath);
+    VY_LOG(LOG_INFO, "Dev Conf = %s", config->deviceconfigpath);
+    VY_LOG(LOG_INFO, "MNT Path = %s", config->mountpath);
+    VY_LOG(LOG_INFO, "DEV Path = %s", config->devicepath);
+    VY_LOG(LOG_INFO, "UID      = %d", static_cast<int>(config->defaultuid));
+    VY_LOG(LOG_INFO, "GID      = %d", static_cast<int>(config->defaultgid));
+    VY_LOG(LOG_INFO, "fmask    = %04o", ~config->fileumask & 0777U);
+    VY_LOG(LOG_INFO, "dmask    = %04o", ~config->dirumask & 0777U);
+    VY_LOG(LOG_INFO, "Mount FS = %s%s%s", config->mountvfat != 0 ? "VFAT," : "",
+           config->mountntfs != 0 ? "NTFS," : "", config->mountext != 0 ? "EXT" : "");
+    const char* const vfat = config->vfatoptions;
+    const char* const ntfs = config->ntfsoptions;
+    const char* const ext = config->extfsoptions;
+    VY_LOG(LOG_INFO, "VFAT opt = %s", vfat != nullptr ? vfat : "");
+    VY_LOG(LOG_INFO, "NTFS opt = %s", ntfs != nullptr ? ntfs : "");
+    VY_LOG(LOG_INFO, "EXT opt  = %s", ext != nullptr ? ext : "");
+    VY_LOG(LOG_INFO, "FAT Label= %s", config->fatvolumelabel != 0 ? "enable" : "disable");
+}
+
+// Tells of a directory that is missing or none; it may still appear, so start-up goes on.
+static void check_directory(const char* checked, const char* named) {
+    struct stat status;
+    if (stat(checked, &status) != 0)
+        VY_LOG(LOG_ERR, "Error - No Such Directory(%s)", named);
+    else if (!S_ISDIR(status.st_mode))
+        VY_LOG(LOG_ERR, "Error - Not Directory(%s)", named);
+}
+
+static int load_config(DaemonCtx* ctx) {
+    VY_LOG(LOG_NOTICE, "Load Config File(%s)", ctx->confpath);
+    ctx->config = load_config_hotplug(ctx->confpath);
+    if (ctx->config == nullptr)
+        return -1;
+    const ConfHotplug* config = ctx->config;
+    report_config(config);
+    check_directory(config->mountpath, config->mountpath);
+    // Kept: the device path is named, but it is the mount path that is looked at again.
+    check_directory(config->mountpath, config->devicepath);
+    conf_dir_set_fat_vlabel(config->fatvolumelabel);
+    return 0;
+}
+
+// ---- the loop ----
+
+static void refresh(RunLoop* loop) {
+    refresh_tables(loop->ctx, loop->dirty);
+    loop->state = TableState::clean;
+    loop->dirty = 0;
+}
+
+// Lets a burst of commands end before the files are written for all of them.
+static void pause_idle(RunLoop* loop) {
+    (void)vytime_msleep(idle_pause_ms);
+    if (loop->state == TableState::touched)
+        loop->state = TableState::due;
+    if (flag_get(&loop->ctx->refresh) != 0) {
+        flag_set(&loop->ctx->refresh, 0);
+        refresh(loop);
+    } else if (loop->state == TableState::due) {
+        refresh(loop);
+    }
+}
+
+// Collects a hook or driver that outlived its wait.
+static void reap_now_and_then(RunLoop* loop) {
+    if (++loop->idle_passes < idle_passes_per_reap)
+        return;
+    (void)sys_waitpid(-1, nullptr, WNOHANG); // most often there is none
+    loop->idle_passes = 0;
+}
+
+static void close_and_free(HotplugCmd* cmd) {
+    // A hotplug message's connection was closed on receipt: closed once more here, kept.
+    if (cmd->fd != -1)
+        close(cmd->fd);
+    hotplug_cmd_free(cmd);
+}
+
+static void run_pass(RunLoop* loop) {
+    if (!loop->handled)
+        pause_idle(loop);
+    HotplugCmd* cmd = nullptr;
+    loop->handled = crtsec_cmd_dequeue(&cmd) == 0;
+    if (!loop->handled) {
+        reap_now_and_then(loop);
+        return;
+    }
+    const int result = command_handle(loop->ctx, cmd);
+    if (result > 0)
+        loop->dirty |= result;
+    close_and_free(cmd);
+    loop->state = TableState::touched;
+}
+
+// The first refresh, one pause after the start, drops the device records of what was unplugged.
+static void run_loop(DaemonCtx* ctx) {
+    RunLoop loop = {.ctx = ctx,
+                    .state = TableState::due,
+                    .dirty = COMMAND_REMOVED,
+                    .idle_passes = 0,
+                    .handled = false};
+    while (flag_get(&ctx->running) != 0)
+        run_pass(&loop);
+}
+
+// ---- teardown ----
+
+// Drops what is still queued, so that waiting clients see their connection close, and forgets the
+// busy entries; their filesystems stay mounted.
+static void empty_lists() {
+    HotplugCmd* cmd = nullptr;
+    while (crtsec_cmd_dequeue(&cmd) == 0)
+        close_and_free(cmd);
+    MountEntry* entry = nullptr;
+    while (crtsec_blk_search(&entry, 0) == 0) {
+        crtsec_blk_del(entry);
+        mount_entry_free(entry);
+    }
+}
+
+// Runs the loop between the start and the end of the receive thread.
+static int run_with_receiver(DaemonCtx* ctx) {
+    ReceiveArg receiver = {.running = &ctx->running, .status = 0, .thread = {}};
+    if (recieve_run(&receiver) != 0)
+        return -1;
+    run_loop(ctx);
+    flag_set(&ctx->running, 0);
+    (void)pthread_join(receiver.thread, nullptr);
+    return 0;
+}
+
+int daemon_run(DaemonCtx* ctx) {
+    int result = -1;
+    if (crtsec_init() == 0 && load_config(ctx) == 0)
+        result = run_with_receiver(ctx);
+    flag_set(&ctx->running, 0);
+    free_config_hotplug(ctx->config);
+    ctx->config = nullptr;
+    empty_lists();
+    crtsec_term();
+    return result;
+}

@@ -1,0 +1,23 @@
+// What differs between the C libraries and build kinds that are home: nothing else in the code asks
+// which one it is.
+#pragma once
+
+#include <features.h>
+#include <stddef.h>
+
+// Stack of the receive thread, in bytes.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define VY_SANITIZED 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define VY_SANITIZED 1
+#endif
+#endif
+
+#if defined(VY_SANITIZED)
+constexpr size_t receive_stack_bytes = 262144; // a sanitizer's report needs room
+#elif defined(__GLIBC__) && (defined(__aarch64__) || defined(__mips__) || defined(__powerpc64__))
+constexpr size_t receive_stack_bytes = 131072; // the least that glibc takes there
+#else
+constexpr size_t receive_stack_bytes = 16384;
+#endif

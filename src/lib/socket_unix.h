@@ -1,0 +1,33 @@
+// Local stream sockets (unix(7)) with a time limit on each transfer.
+//
+// A name that begins with '/' is a path, which must not exist before it is listened on; any other
+// lives in the abstract namespace, padded with zero bytes to the full length of the address. Names
+// are cut to 107 characters (paths) and 106 (abstract names of 108 and more).
+//
+// One connection carries one request and at most one answer, each a text with its zero byte, sent
+// and read in one piece. Failures are logged here, at error level. Callable from any thread.
+#pragma once
+
+#include <stddef.h>
+#include <sys/socket.h>
+#include <sys/types.h>
+
+// Returns owned: a non-blocking listening descriptor; -1.
+[[nodiscard]] int unix_create_listen_socket(const char* name);
+
+// Returns owned: a non-blocking connected descriptor; -1. Where both are given and *size (bytes)
+// suffices, stores the peer's address and its length; else leaves them as they are.
+[[nodiscard]] int unix_accept_addr(int listener, void* address, socklen_t* size);
+
+// Returns owned: a blocking connected descriptor; -1.
+[[nodiscard]] int unix_create_socket(const char* name);
+
+// Sends once, with send(2)'s `flags`, when the socket becomes writable in time. Returns the bytes
+// sent; 0 when it did not; a negated errno.
+[[nodiscard]] ssize_t unix_send(int fd, const void* buffer, size_t length, int flags,
+                                int timeout_ms);
+
+// Receives once, with recv(2)'s `flags`, when something arrives in time. Returns the bytes
+// received; 0 when the peer has closed; -EAGAIN when nothing arrived; a negated errno.
+[[nodiscard]] ssize_t unix_recieve(int fd, void* buffer, size_t capacity, int flags,
+                                   int timeout_ms);

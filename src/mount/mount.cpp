@@ -1,0 +1,226 @@
+#include "mount/mount.h"
+
+#include "lib/process.h"
+#include "lib/sys.h"
+#include "mount/mtab.h"
+
+#include <errno.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+
+static constexpr size_t options_size = 128; // longer option texts are cut
+static constexpr int driver_timeout_ms = 60000;
+static constexpr mode_t mount_directory_mode = 0700;
+
+// ---- option texts ----
+
+struct Options {
+    char text[options_size];
+};
+
+// The extra options of the configuration and what separates them from the others, both empty when
+// there are none.
+struct Extra {
+    const char* separator;
+    const char* text;
+};
+
+static Extra extra_of(const char* configured) {
+    const bool given = configured != nullptr && configured[0] != '\0';
+    return {.separator = given ? "," : "", .text = given ? configured : ""};
+}
+
+static Options ext_options(const ConfHotplug* config) {
+    const Extra extra = extra_of(config->extfsoptions);
+    Options options;
+    (void)snprintf(options.text, sizeof options.text, "user_xattr%s%s", extra.separator,
+                   extra.text);
+    return options;
+}
+
+static Options owner_options(const char* prefix, const ConfHotplug* config,
+                             const char* configured) {
+    const Extra extra = extra_of(configured);
+    Options options;
+    (void)snprintf(options.text, sizeof options.text, "%suid=%d,gid=%d,fmask=%04o,dmask=%04o%s%s",
+                   prefix, static_cast<int>(config->defaultuid),
+                   static_cast<int>(config->defaultgid), config->fileumask, config->dirumask,
+                   extra.separator, extra.text);
+    return options;
+}
+
+// ---- kernel filesystems ----
+
+static bool is_readonly(const HotplugDev* dev) {
+    return (dev->flags & HOTPLUG_FLAG_READONLY) != 0;
+}
+
+// Mounts with `flags`, and once more read-only where the medium refuses writing.
+static int kernel_mount(const char* devnode, const char* mountpoint, const char* type,
+                        unsigned long flags, const Options& options, HotplugDev* dev) {
+    const unsigned long first = is_readonly(dev) ? flags | MS_RDONLY : flags;
+    const int result = sys_mount(devnode, mountpoint, type, first, options.text);
+    if (result == 0)
+        return 0;
+    if ((result != -EACCES && result != -EROFS) || is_readonly(dev))
+        return -1;
+    // MS_RDONLY alone: kept, a second attempt never carried the first one's other flags.
+    if (sys_mount(devnode, mountpoint, type, MS_RDONLY, options.text) != 0)
+        return -1;
+    dev->flags |= HOTPLUG_FLAG_READONLY;
+    return 0;
+}
+
+static int mount_ext(const char* devnode, const char* mountpoint, const char* type, HotplugDev* dev,
+                     const ConfHotplug* config) {
+    if (config->mountext == 0)
+        return -1;
+    return kernel_mount(devnode, mountpoint, type, MS_NODEV, ext_options(config), dev);
+}
+
+static int mount_ext4(const char* devnode, const char* mountpoint, HotplugDev* dev,
+                      const ConfHotplug* config) {
+    return mount_ext(devnode, mountpoint, "ext4", dev, config);
+}
+
+static int mount_ext3(const char* devnode, const char* mountpoint, HotplugDev* dev,
+                      const ConfHotplug* config) {
+    return mount_ext(devnode, mountpoint, "ext3", dev, config);
+}
+
+static int mount_ext2(const char* devnode, const char* mountpoint, HotplugDev* dev,
+                      const ConfHotplug* config) {
+    return mount_ext(devnode, mountpoint, "ext2", dev, config);
+}
+
+static int mount_vfat(const char* devnode, const char* mountpoint, HotplugDev* dev,
+                      const ConfHotplug* config) {
+    if (config->mountvfat == 0)
+        return -1;
+    const Options options = owner_options("", config, config->vfatoptions);
+    return kernel_mount(devnode, mountpoint, "vfat", 0, options, dev);
+}
+
+// ---- NTFS ----
+
+// Starts the driver and waits for it. Returns its exit status (-1 for a signal's) in `status`; 0
+// with `status` 0 and its pid kept when it goes on running, which is as good as mounted. A driver
+// that cannot be started gives a negative value.
+static int run_driver(char* const argv[], HotplugDev* dev, int* status) {
+    const pid_t pid = vy_fork_exec(argv[0], argv, nullptr, nullptr, nullptr);
+    if (pid < 0)
+        return pid;
+    if (vy_wait(pid, 0, status, driver_timeout_ms) == 0)
+        return 0;
+    dev->helperpid = pid;
+    *status = 0;
+    return 0;
+}
+
+static int mount_ntfs(const char* devnode, const char* mountpoint, HotplugDev* dev,
+                      const ConfHotplug* config) {
+    if (config->mountntfs == 0)
+        return -1;
+    Options options = owner_options("ro,", config, config->ntfsoptions);
+    char* const option_argument = is_readonly(dev) ? options.text : options.text + strlen("ro,");
+    char* const argv[] = {const_cast<char*>("ntfs-3g"),
+                          const_cast<char*>(devnode),
+                          const_cast<char*>(mountpoint),
+                          const_cast<char*>("-o"),
+                          option_argument,
+                          nullptr};
+    int status = -1;
+    int result = run_driver(argv, dev, &status);
+    if (result < 0 || status == 0)
+        return result;
+    if (is_readonly(dev))
+        return -1;
+    // Kept: the second run has the first one's options, and its success reduces the flags to the
+    // read-only bit instead of setting it.
+    result = run_driver(argv, dev, &status);
+    if (result < 0)
+        return result;
+    if (status != 0)
+        return -1;
+    dev->flags &= HOTPLUG_FLAG_READONLY;
+    return 0;
+}
+
+// ---- one partition ----
+
+namespace {
+
+struct Filesystem {
+    uint8_t code;           // ConfDevFs
+    const char* table_type; // in the mount table; null: not noted there
+    int (*mount)(const char* devnode, const char* mountpoint, HotplugDev* dev,
+                 const ConfHotplug* config);
+};
+
+// In the order in which an unknown partition is tried.
+constexpr Filesystem filesystems[] = {
+    {CONF_DEV_FS_FAT, "vfat", mount_vfat},   {CONF_DEV_FS_EXT4, "ext4", mount_ext4},
+    {CONF_DEV_FS_EXT3, "ext3", mount_ext3},  {CONF_DEV_FS_EXT2, "ext2", mount_ext2},
+    {CONF_DEV_FS_NTFS, nullptr, mount_ntfs},
+};
+
+} // namespace
+
+static int make_node(const MountEntry* entry) {
+    const dev_t number =
+        makedev(static_cast<unsigned>(entry->dev->major), static_cast<unsigned>(entry->dev->minor));
+    const int result = sys_mknod(entry->devnode, S_IFBLK, number);
+    return result == 0 || result == -EEXIST ? 0 : -1;
+}
+
+static int make_directory(const MountEntry* entry) {
+    const int result = sys_mkdir(entry->mountpoint, mount_directory_mode);
+    if (result != -EEXIST)
+        return result == 0 ? 0 : -1;
+    struct stat status;
+    return stat(entry->mountpoint, &status) == 0 && S_ISDIR(status.st_mode) ? 0 : -1;
+}
+
+// Removes the mount directory and the node as far as they can be removed.
+static void remove_places(const MountEntry* entry) {
+    (void)sys_rmdir(entry->mountpoint);
+    (void)sys_unlink(entry->devnode);
+}
+
+static bool is_known(uint8_t fstype) {
+    return fstype >= CONF_DEV_FS_EXT2 && fstype <= CONF_DEV_FS_NTFS;
+}
+
+// Mounts as the wanted filesystem, or as the first that takes it when none is wanted. Returns the
+// filesystem mounted; null when there was none.
+static const Filesystem* mount_as(const MountEntry* entry, const ConfHotplug* config) {
+    const uint8_t wanted = entry->fstype;
+    for (const Filesystem& filesystem : filesystems) {
+        if (is_known(wanted) && filesystem.code != wanted)
+            continue;
+        if (filesystem.mount(entry->devnode, entry->mountpoint, entry->dev, config) == 0)
+            return &filesystem;
+    }
+    return nullptr;
+}
+
+int vymount(MountEntry* entry, const ConfHotplug* config) {
+    if (make_node(entry) != 0)
+        return -1;
+    if (make_directory(entry) != 0)
+        return -1;
+    const Filesystem* filesystem = mount_as(entry, config);
+    if (filesystem == nullptr) {
+        remove_places(entry);
+        return -1;
+    }
+    entry->fstype = filesystem->code;
+    if (filesystem->table_type != nullptr)
+        mtab_append(entry->devnode, entry->mountpoint, filesystem->table_type,
+                    is_readonly(entry->dev) ? "ro" : "rw");
+    entry->mounted = 1;
+    return 0;
+}

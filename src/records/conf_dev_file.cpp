@@ -1,0 +1,336 @@
+#include "records/conf_dev_file.h"
+
+#include "config/ini.h"
+#include "lib/str.h"
+#include "lib/sys.h"
+
+#include <ctype.h>
+#include <errno.h>
+#include <stdlib.h>
+#include <string.h>
+#include <strings.h>
+
+static constexpr char temporary_file[] = "/tmp/vyhotplug.dev.conf.tmp";
+static constexpr size_t sharename_max = 34; // bytes kept of what the administrator wrote
+static constexpr size_t comment_max = 63;
+static constexpr size_t path_size = 256;     // paths are shorter
+static constexpr size_t user_id_digits = 32; // longer runs of digits are no user id
+
+namespace {
+
+// ---- the tables of the file ----
+
+struct Word {
+    const char* text;
+    uint8_t value;
+};
+
+constexpr Word filesystem_words[] = {
+    {"deffs", CONF_DEV_FS_UNKNOWN}, {"fat", CONF_DEV_FS_FAT},   {"vfat", CONF_DEV_FS_FAT},
+    {"ntfs", CONF_DEV_FS_NTFS},     {"ext2", CONF_DEV_FS_EXT2}, {"ext3", CONF_DEV_FS_EXT3},
+    {"ext4", CONF_DEV_FS_EXT4},
+};
+
+constexpr Word administrator_words[] = {
+    {"hide", CONF_DEV_ADMIN_HIDE},
+    {"block", CONF_DEV_ADMIN_BLOCK},
+    {"readonly", CONF_DEV_ADMIN_READONLY},
+    {"ro", CONF_DEV_ADMIN_READONLY},
+};
+
+struct SwitchKey {
+    const char* key;
+    const char* line; // null: "Sync" has a line of its own, and only when it is on
+    uint8_t ConfDev::*field;
+};
+
+constexpr SwitchKey switch_keys[] = {
+    {"sync", nullptr, &ConfDev::sync},
+    {"readonly", "Read Only=", &ConfDev::readonly},
+    {"guestaccess", "Guest Access=", &ConfDev::guestaccess},
+    {"guesthide", "Guest Hide=", &ConfDev::guesthide},
+};
+
+struct UsersKey {
+    const char* key;
+    const char* line;
+    vylist* ConfDev::*field;
+};
+
+constexpr UsersKey users_keys[] = {
+    {"fullaccessusers", "Full Access Users=", &ConfDev::fullaccessusers},
+    {"readonlyusers", "Read Only Users=", &ConfDev::readonlyusers},
+    {"blockusers", "Block Users=", &ConfDev::blockusers},
+    {"hideusers", "Hide Users=", &ConfDev::hideusers},
+};
+
+} // namespace
+
+// ---- loading ----
+
+// Returns owned: the key's last value in the record's section; null when absent or empty.
+static char* read_value(const IniDoc* doc, const ConfDev* dev, const char* key) {
+    IniValueGuard value;
+    if (ini_doc_get_string(doc, dev->identifier, key, value.out(), INI_LAST) != 0)
+        return nullptr;
+    return value.get()[0] == '\0' ? nullptr : value.take();
+}
+
+static char* read_text(const IniDoc* doc, const ConfDev* dev, const char* key, size_t max) {
+    const IniValueGuard value(read_value(doc, dev, key));
+    return value ? strndup(value.get(), max) : nullptr;
+}
+
+// Returns -1 when the record must be dropped for its path.
+static int read_path(const IniDoc* doc, ConfDev* dev) {
+    const IniValueGuard value(read_value(doc, dev, "path"));
+    if (!value)
+        return 0;
+    if (value.get()[0] != '/' || strlen(value.get()) >= path_size)
+        return -1;
+    dev->path = strdup(value.get());
+    return dev->path != nullptr ? 0 : -1;
+}
+
+template <size_t N>
+static uint8_t read_word(const IniDoc* doc, const ConfDev* dev, const char* key,
+                         const Word (&words)[N], uint8_t otherwise) {
+    const IniValueGuard value(read_value(doc, dev, key));
+    if (!value)
+        return otherwise;
+    for (const Word& word : words) {
+        if (strcasecmp(value.get(), word.text) == 0)
+            return word.value;
+    }
+    return otherwise;
+}
+
+static void read_switch(const IniDoc* doc, ConfDev* dev, const SwitchKey& row) {
+    const IniValueGuard value(read_value(doc, dev, row.key));
+    dev->*row.field = string_enable_disable(value.get()) == 1 ? 1 : 0;
+}
+
+// Reads every setting. Returns -1 when the record must be dropped.
+static int read_settings(const IniDoc* doc, ConfDev* dev) {
+    dev->sharename = read_text(doc, dev, "sharename", sharename_max);
+    if (read_path(doc, dev) != 0)
+        return -1;
+    dev->comment = read_text(doc, dev, "comment", comment_max);
+    dev->filesystem =
+        read_word(doc, dev, "filesystem", filesystem_words, uint8_t{CONF_DEV_FS_UNKNOWN});
+    for (const SwitchKey& row : switch_keys)
+        read_switch(doc, dev, row);
+    dev->administrator =
+        read_word(doc, dev, "administrator", administrator_words, uint8_t{CONF_DEV_ADMIN_FULL});
+    for (const UsersKey& row : users_keys) {
+        const IniValueGuard value(read_value(doc, dev, row.key));
+        if (value)
+            conf_parse_user_list(value.get(), dev->*row.field);
+    }
+    return 0;
+}
+
+// Appends the record of one section, or nothing for a section that is not usable. Returns -1 when
+// loading must end.
+static int load_section(const IniDoc* doc, const char* name, ConfDevTable* table) {
+    ConfDevGuard dev(conf_dev_record_create());
+    if (!dev)
+        return -1;
+    if (name == nullptr || name[0] == '\0')
+        return 0;
+    dev->identifier = strdup(name);
+    if (dev->identifier == nullptr)
+        return 0;
+    conf_dev_record_defaults(dev.get());
+    if (read_settings(doc, dev.get()) != 0)
+        return 0;
+    if (vylist_insert(table->list, vylist_end(table->list), dev.get()) == nullptr)
+        return -1;
+    (void)dev.take();
+    return 0;
+}
+
+int conf_dev_load(const char* path, ConfDevTable* table) {
+    IniDocGuard doc;
+    if (ini_doc_load(path, doc.out()) != 0)
+        return -1;
+    SectionListGuard sections;
+    if (ini_doc_get_section_list(doc.get(), sections.out()) != 0)
+        return -1;
+    for (vylist_node* node = sections->next; node != vylist_end(sections.get());
+         node = node->next) {
+        if (load_section(doc.get(), static_cast<const char*>(node->data), table) != 0)
+            return -1;
+    }
+    return 0;
+}
+
+// ---- user lists ----
+
+static bool holds_user(vylist* users, int32_t id) {
+    for (vylist_node* node = users->next; node != vylist_end(users); node = node->next) {
+        if (*static_cast<int32_t*>(node->data) == id)
+            return true;
+    }
+    return false;
+}
+
+// Appends the id that `digits` spell. Returns 1 when it was appended, 0 otherwise.
+static int append_user(const char* digits, vylist* users) {
+    int32_t id = 0;
+    if (str_to_long(digits, &id, 10) != 0 || id < 0 || holds_user(users, id))
+        return 0;
+    MemGuard<int32_t> element(static_cast<int32_t*>(malloc(sizeof(int32_t))));
+    if (!element)
+        return 0;
+    *element.get() = id;
+    if (vylist_insert(users, vylist_end(users), element.get()) == nullptr)
+        return 0;
+    (void)element.take();
+    return 1;
+}
+
+static size_t digit_run(const char* text) {
+    size_t length = 0;
+    while (isdigit(static_cast<unsigned char>(text[length])))
+        length++;
+    return length;
+}
+
+int conf_parse_user_list(const char* text, vylist* users) {
+    int appended = 0;
+    while (*text != '\0') {
+        const size_t run = digit_run(text);
+        const char end = text[run];
+        if (run > 0 && run <= user_id_digits && (end == ',' || end == '\0')) {
+            char digits[user_id_digits + 1];
+            str_ncpy(digits, text, static_cast<int32_t>(run) + 1);
+            appended += append_user(digits, users);
+        }
+        // The character behind a run goes with it, be it the comma or what spoilt the number.
+        text += end == '\0' ? run : run + 1;
+    }
+    return appended;
+}
+
+int conf_write_user_list(FILE* stream, const vylist* users) {
+    if (stream == nullptr || users == nullptr)
+        return -1;
+    for (const vylist_node* node = users->next; node != vylist_end(users); node = node->next) {
+        if (fprintf(stream, "%d,", *static_cast<const int32_t*>(node->data)) < 0)
+            return -1;
+    }
+    return fputc('\n', stream) == EOF ? -1 : 0;
+}
+
+// ---- saving ----
+
+// An ext4 setting goes the way of an unknown one: kept, the administration pages know no EXT4.
+static const char* filesystem_line(uint8_t filesystem) {
+    switch (filesystem) {
+    case CONF_DEV_FS_UNKNOWN:
+        return nullptr;
+    case CONF_DEV_FS_EXT2:
+        return "File System=EXT2\n";
+    case CONF_DEV_FS_EXT3:
+        return "File System=EXT3\n";
+    case CONF_DEV_FS_FAT:
+        return "File System=FAT\n";
+    case CONF_DEV_FS_NTFS:
+        return "File System=NTFS\n";
+    default:
+        return "File System=DefFS\n";
+    }
+}
+
+// Full access is the default, so its line is never asked for.
+static const char* administrator_line(uint8_t administrator) {
+    switch (administrator) {
+    case CONF_DEV_ADMIN_HIDE:
+        return "Administrator=Hide\n";
+    case CONF_DEV_ADMIN_BLOCK:
+        return "Administrator=Block\n";
+    case CONF_DEV_ADMIN_READONLY:
+        return "Administrator=ReadOnly\n";
+    default:
+        return nullptr;
+    }
+}
+
+// Writes a whole line, or nothing for null. Returns -1 when the write fails.
+static int write_line(FILE* stream, const char* line) {
+    return line == nullptr || fputs(line, stream) != EOF ? 0 : -1;
+}
+
+static int write_texts(FILE* stream, const ConfDev* dev) {
+    if (fprintf(stream, "[%s]\n", dev->identifier) < 0)
+        return -1;
+    if (fprintf(stream, "Share Name=%s\n", dev->sharename != nullptr ? dev->sharename : "") < 0)
+        return -1;
+    if (dev->path != nullptr && fprintf(stream, "Path=%s\n", dev->path) < 0)
+        return -1;
+    if (fprintf(stream, "Comment=%s\n", dev->comment != nullptr ? dev->comment : "") < 0)
+        return -1;
+    return 0;
+}
+
+static int write_switches(FILE* stream, const ConfDev* dev) {
+    for (const SwitchKey& row : switch_keys) {
+        if (row.line == nullptr)
+            continue;
+        const char* word = dev->*row.field != 0 ? "Enable" : "Disable";
+        if (fprintf(stream, "%s%s\n", row.line, word) < 0)
+            return -1;
+    }
+    return 0;
+}
+
+static int write_record(FILE* stream, const ConfDev* dev) {
+    if (write_texts(stream, dev) != 0)
+        return -1;
+    if (write_line(stream, filesystem_line(dev->filesystem)) != 0)
+        return -1;
+    if (write_line(stream, dev->sync == 1 ? "Sync=Enable\n" : nullptr) != 0)
+        return -1;
+    if (write_switches(stream, dev) != 0)
+        return -1;
+    if (write_line(stream, administrator_line(dev->administrator)) != 0)
+        return -1;
+    for (const UsersKey& row : users_keys) {
+        if (write_line(stream, row.line) != 0)
+            return -1;
+        if (conf_write_user_list(stream, dev->*row.field) != 0)
+            return -1;
+    }
+    return 0;
+}
+
+// Writes every record down to the file, so that a full disk shows here. Returns -1 with errno.
+static int write_table(FILE* stream, const ConfDevTable* table) {
+    for (vylist_node* node = table->list->next; node != vylist_end(table->list);
+         node = node->next) {
+        const auto* dev = static_cast<const ConfDev*>(node->data);
+        if (dev->identifier != nullptr && write_record(stream, dev) != 0)
+            return -1;
+    }
+    return fflush(stream) == 0 ? 0 : -1;
+}
+
+int conf_dev_save(const char* path, const ConfDevTable* table) {
+    if (table == nullptr || table->list == nullptr)
+        return -1;
+    FileGuard file(fopen(temporary_file, "w"));
+    if (!file)
+        return -1;
+    errno = 0;
+    const int failure = write_table(file.get(), table) == 0 ? 0 : errno;
+    file.reset(nullptr);
+    if (failure != 0) {
+        (void)sys_unlink(temporary_file);
+        return -failure;
+    }
+    // The old file stays when the new one cannot take its place.
+    if (sys_rename(temporary_file, path) != 0)
+        (void)sys_unlink(temporary_file);
+    return 0;
+}

@@ -1,0 +1,28 @@
+// The device file: the device table between refreshes and across restarts, one INI section for each
+// record. Administrators write settings into it. The lines are listed in docs/device-file.md.
+//
+// Nothing here logs.
+#pragma once
+
+#include "records/conf_dev.h"
+
+#include <stdio.h>
+
+// Appends a record for each usable section of the file. Returns 0; -1 when the file cannot be read,
+// memory runs out or a record cannot be appended, records already appended staying. The file is
+// read once. Sections of one name give a record each; one whose path is no absolute path shorter
+// than 256 bytes is left out.
+int conf_dev_load(const char* path, ConfDevTable* table);
+
+// Writes the table to a temporary file and moves it to `path`, which is either replaced whole or
+// left as it was. Returns 0, also when only the move failed; -1 when the table is missing or the
+// temporary file cannot be made; the negated errno of a failed write.
+int conf_dev_save(const char* path, const ConfDevTable* table);
+
+// Writes "500,501," and a line feed for a list of user ids. Returns 0; -1 when an argument is null
+// or a write fails.
+[[nodiscard]] int conf_write_user_list(FILE* stream, const vylist* users);
+
+// Appends the user ids of a text such as "500, 501" to `users`, each once. Numbers stand before a
+// comma or the end; whatever else the text holds is passed over. Returns how many were appended.
+int conf_parse_user_list(const char* text, vylist* users);

@@ -1,0 +1,70 @@
+#include "records/volume_label.h"
+
+#include "lib/guard.h"
+#include "lib/process.h"
+#include "lib/str.h"
+
+static constexpr int tool_timeout_ms = 20000;
+
+static int fat_labels_on = 1;
+
+int conf_dir_set_fat_vlabel(int enable) {
+    fat_labels_on = enable != 0 ? 1 : 0;
+    return 0;
+}
+
+// Runs a label tool and takes what it prints. Returns the bytes read, 0 with an empty text when the
+// tool fails, a negated errno when it cannot be started or read.
+static int read_tool(char* const argv[], char* buffer, int size) {
+    int out_fd = -1;
+    const pid_t pid = vy_fork_exec(argv[0], argv, nullptr, &out_fd, nullptr);
+    if (pid < 0)
+        return pid;
+    const FdGuard out(out_fd);
+    int status = -1;
+    (void)vy_wait(pid, VY_WAIT_INTERRUPT, &status, tool_timeout_ms); // the status tells it all
+    if (status != 0) {
+        buffer[0] = '\0';
+        return 0;
+    }
+    const ssize_t count = str_read(out.get(), buffer, static_cast<size_t>(size) - 1, 0);
+    buffer[count < 0 ? 0 : count] = '\0';
+    return static_cast<int>(count);
+}
+
+// execvp wants its texts writable by type, but never writes to them.
+static char* text(const char* constant) {
+    return const_cast<char*>(constant);
+}
+
+int conf_dir_get_vlabel_vfat(const MountEntry* entry, char* buffer, int size) {
+    if (fat_labels_on == 0)
+        return -1;
+    char* const argv[] = {text("mlabel"), text("-i"), entry->devnode, text("-n"), nullptr};
+    return read_tool(argv, buffer, size);
+}
+
+int conf_dir_get_vlabel_ntfs(const MountEntry* entry, char* buffer, int size) {
+    char* const argv[] = {text("ntfsvlabel"), entry->devnode, text("-n"), nullptr};
+    return read_tool(argv, buffer, size);
+}
+
+static int read_label(const MountEntry* entry, char* buffer, int size) {
+    switch (entry->fstype) {
+    case CONF_DEV_FS_NTFS:
+        return conf_dir_get_vlabel_ntfs(entry, buffer, size);
+    case CONF_DEV_FS_FAT:
+        return conf_dir_get_vlabel_vfat(entry, buffer, size);
+    default:
+        return -1;
+    }
+}
+
+int conf_dir_get_vlabel(const MountEntry* entry, char* buffer, int size) {
+    const int count = read_label(entry, buffer, size);
+    if (count < 1)
+        return count;
+    if (buffer[count - 1] == '\n')
+        buffer[count - 1] = '\0';
+    return 0;
+}
