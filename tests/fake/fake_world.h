@@ -1,0 +1,65 @@
+// Stands in for lib/sys: a world that the test scripts. Names below the test's private root are
+// really made and removed; mounts, processes, signals and clocks are only pretended. Every call is
+// noted in a journal, and any call can be told to fail. Safe from any thread.
+#pragma once
+
+#include <stdint.h>
+#include <sys/types.h>
+
+#include <deque>
+#include <map>
+#include <string>
+#include <vector>
+
+// One run of a program that sys_spawn starts.
+struct FakeRun {
+    int wait_status = 0;    // as waitpid reports it: exit status << 8, or a signal
+    int polls = 0;          // looks that find it still running before it has ended; -1: it never ends
+    std::string output;     // what it prints, waiting in the stdout pipe
+};
+
+struct FakeMount {
+    std::string source;
+    std::string type;
+    unsigned long flags;
+    std::string options;
+};
+
+struct FakeWorld {
+    // ---- to be set up by the test ----
+
+    // Filesystem on a device node, by the node's path; a node without one mounts as nothing
+    // (EINVAL). `readonly` is the errno of a read-write mount, EROFS or EACCES; 0 for none.
+    struct Medium {
+        std::string type;
+        int readonly = 0;
+    };
+    std::map<std::string, Medium> media;
+    std::map<std::string, std::deque<FakeRun>> programs; // by argv[0]; an unknown one exits with 1
+    std::map<std::string, int> busy;                     // mountpoint: errno of umount
+    std::map<pid_t, int> kill_errors;                    // pid: errno of kill
+
+    // Makes the nth call (1 = the next, counted per call name from now on) fail with an errno; nth
+    // 0: every call. Names as in lib/sys.h without "sys_": "mount", "mkdir", "spawn", ...
+    void fail(const std::string& call, int nth, int error);
+
+    // ---- what happened ----
+
+    std::vector<std::string> journal; // "mount /dev/sda1 /mnt/sda1 vfat 0x4 uid=0,..."
+    std::map<std::string, FakeMount> mounts; // by mountpoint
+    std::vector<std::pair<pid_t, int>> signals;
+    std::vector<std::vector<std::string>> spawned; // argument vectors
+    uint64_t monotonic_usec = 1000000000; // sleeping moves the clocks on
+    uint64_t realtime_usec = 1700000000000000;
+    uint64_t slept_usec = 0;
+    int syncs = 0;
+
+    // Journal entries that begin with `prefix`.
+    std::vector<std::string> calls(const std::string& prefix) const;
+    // How often a call was made.
+    int count(const std::string& call) const;
+};
+
+// The world that lib/sys.h stands on, and a fresh one in its place.
+FakeWorld& fake_world();
+void fake_world_reset();

@@ -1,0 +1,41 @@
+#include "support/files.h"
+
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <fstream>
+#include <sstream>
+
+void write_file(const std::string& path, std::string_view content)
+{
+    std::ofstream file(path, std::ios::binary | std::ios::trunc);
+    file << content;
+    file.close();
+    ASSERT_TRUE(file.good()) << path;
+}
+
+std::string read_file(const std::string& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    std::ostringstream content;
+    content << file.rdbuf();
+    return content.str();
+}
+
+bool exists(const std::string& path)
+{
+    struct stat status;
+    return lstat(path.c_str(), &status) == 0;
+}
+
+int open_descriptors()
+{
+    int count = -1; // the one that counts
+    DIR* directory = opendir("/proc/self/fd");
+    while (const dirent* entry = readdir(directory))
+        count += entry->d_name[0] != '.' ? 1 : 0;
+    closedir(directory);
+    return count;
+}

@@ -1,0 +1,14 @@
+// Files and descriptors for tests.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+// Writes a file whole; reads one whole, "" when it is not there.
+void write_file(const std::string& path, std::string_view content);
+std::string read_file(const std::string& path);
+
+bool exists(const std::string& path);
+
+// How many descriptors this process holds open.
+int open_descriptors();
