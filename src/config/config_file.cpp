@@ -21,7 +21,8 @@ static constexpr char default_device_config[] = "/tmp/hotplug.dev.conf";
 static constexpr char default_vfat_options[] = "utf8";
 
 // Returns owned: the key's last value in the unnamed section, possibly empty; null without one.
-static char* read_value(const char* path, const char* key) {
+static char* read_value(const char* path, const char* key)
+{
     char* value = nullptr;
     return config_get_ini_string(path, "", key, &value, INI_LAST) == 0 ? value : nullptr;
 }
@@ -34,7 +35,8 @@ static constexpr char own_server_names[8][12] = {
     "vynas",       "vy nas",     "nasmira",   "nas mira",
 };
 
-static bool names_own_server(const char* value) {
+static bool names_own_server(const char* value)
+{
     for (const auto& name : own_server_names) {
         if (strcasecmp(value, name) == 0)
             return true;
@@ -43,12 +45,14 @@ static bool names_own_server(const char* value) {
 }
 
 // An unknown word means the own server too.
-static uint8_t parse_smbtype(const char* value) {
+static uint8_t parse_smbtype(const char* value)
+{
     const bool samba = !names_own_server(value) && strcasecmp(value, "samba") == 0;
     return samba ? SMB_TYPE_SAMBA : SMB_TYPE_OWN;
 }
 
-static void load_smbtype(const char* path, ConfHotplug* config) {
+static void load_smbtype(const char* path, ConfHotplug* config)
+{
     const IniValueGuard value(read_value(path, "smbtype"));
     if (value)
         config->smbtype = parse_smbtype(value.get());
@@ -63,7 +67,8 @@ static constexpr SwitchKey naswork_key = {"ds/naswork", &ConfHotplug::naswork};
 static constexpr SwitchKey fat_label_key = {"fatvolumelabel", &ConfHotplug::fatvolumelabel};
 
 // Off only when the value says so.
-static void load_switch(const char* path, ConfHotplug* config, const SwitchKey& row) {
+static void load_switch(const char* path, ConfHotplug* config, const SwitchKey& row)
+{
     const IniValueGuard value(read_value(path, row.key));
     if (value)
         config->*row.field = string_enable_disable(value.get()) == 0 ? 0 : 1;
@@ -84,7 +89,8 @@ static constexpr PathKey path_keys[] = {
     {"devicepath", &ConfHotplug::devicepath, default_device_config},
 };
 
-static void load_path(const char* path, ConfHotplug* config, const PathKey& row) {
+static void load_path(const char* path, ConfHotplug* config, const PathKey& row)
+{
     const IniValueGuard value(read_value(path, row.key));
     const bool absolute = value && value.get()[0] == '/';
     config->*row.field = strdup(absolute ? value.get() : row.fallback);
@@ -110,7 +116,8 @@ static constexpr NumberKey permission_keys[] = {
 };
 
 // Reads the number; false when the key is absent. A bad number gives `bad` = true.
-static bool read_number(const char* path, const NumberKey& row, int32_t* number, bool* bad) {
+static bool read_number(const char* path, const NumberKey& row, int32_t* number, bool* bad)
+{
     const IniValueGuard value(read_value(path, row.key));
     if (!value)
         return false;
@@ -118,14 +125,16 @@ static bool read_number(const char* path, const NumberKey& row, int32_t* number,
     return true;
 }
 
-static void load_owner(const char* path, ConfHotplug* config, const NumberKey& row) {
+static void load_owner(const char* path, ConfHotplug* config, const NumberKey& row)
+{
     int32_t number = 0;
     bool bad = false;
     if (read_number(path, row, &number, &bad))
         config->*row.field = bad ? row.fallback : static_cast<uint32_t>(number);
 }
 
-static void load_permission(const char* path, ConfHotplug* config, const NumberKey& row) {
+static void load_permission(const char* path, ConfHotplug* config, const NumberKey& row)
+{
     int32_t number = 0;
     bool bad = false;
     if (read_number(path, row, &number, &bad))
@@ -146,7 +155,8 @@ static constexpr OptionsKey options_keys[] = {
     {"extfsoptions", &ConfHotplug::extfsoptions, nullptr},
 };
 
-static void load_options(const char* path, ConfHotplug* config, const OptionsKey& row) {
+static void load_options(const char* path, ConfHotplug* config, const OptionsKey& row)
+{
     const IniValueGuard value(read_value(path, row.key));
     const char* chosen = value && value.get()[0] != '\0' ? value.get() : row.fallback;
     config->*row.field = chosen == nullptr ? nullptr : strdup(chosen);
@@ -162,7 +172,8 @@ static constexpr vyopt_option filesystem_names[] = {
 };
 
 // A list that is there replaces all three defaults: what it does not name is not mounted.
-static void load_mountfs(const char* path, ConfHotplug* config) {
+static void load_mountfs(const char* path, ConfHotplug* config)
+{
     const IniValueGuard value(read_value(path, "mountfs"));
     if (!value)
         return;
@@ -186,7 +197,8 @@ static void load_mountfs(const char* path, ConfHotplug* config) {
 
 // ---- the record ----
 
-static void set_defaults(ConfHotplug* config) {
+static void set_defaults(ConfHotplug* config)
+{
     *config = {};
     config->smbtype = SMB_TYPE_OWN;
     config->naswork = 1;
@@ -198,7 +210,8 @@ static void set_defaults(ConfHotplug* config) {
     config->mountext = 1;
 }
 
-ConfHotplug* load_config_hotplug(const char* path) {
+ConfHotplug* load_config_hotplug(const char* path)
+{
     if (path == nullptr)
         return nullptr;
     if (access(path, R_OK) != 0)
@@ -226,7 +239,8 @@ ConfHotplug* load_config_hotplug(const char* path) {
 // checkers see them as what they are.
 __attribute__((used)) static char* kept_options[3];
 
-void free_config_hotplug(ConfHotplug* config) {
+void free_config_hotplug(ConfHotplug* config)
+{
     if (config == nullptr)
         return;
     kept_options[0] = config->vfatoptions;

@@ -14,7 +14,8 @@ static constexpr char log_tag[] = "getopt";
 static constexpr int line_of_value_item = 243;
 static constexpr int line_of_bare_item = 245;
 
-const char* vyopt_get_section(const char* position, char* buffer, int32_t size) {
+const char* vyopt_get_section(const char* position, char* buffer, int32_t size)
+{
     if (position == nullptr)
         return nullptr;
     const char* item = position + strspn(position, ",");
@@ -26,7 +27,8 @@ const char* vyopt_get_section(const char* position, char* buffer, int32_t size) 
     return item + length;
 }
 
-void vyopt_free_op(vyopt_op* op) {
+void vyopt_free_op(vyopt_op* op)
+{
     if (op == nullptr)
         return;
     free(op->name);
@@ -36,7 +38,8 @@ void vyopt_free_op(vyopt_op* op) {
 
 using OpGuard = Guard<vyopt_op, vyopt_free_op>;
 
-void vyopt_free_opmap(vyopt_op** map) {
+void vyopt_free_opmap(vyopt_op** map)
+{
     if (map == nullptr)
         return;
     for (vyopt_op** op = map; *op != nullptr; op++)
@@ -45,7 +48,8 @@ void vyopt_free_opmap(vyopt_op** map) {
 }
 
 // Splits an item at its first "=". Returns owned; null when memory runs out.
-static vyopt_op* create_op(const char* item) {
+static vyopt_op* create_op(const char* item)
+{
     OpGuard op(static_cast<vyopt_op*>(calloc(1, sizeof(vyopt_op))));
     if (!op)
         return nullptr;
@@ -62,7 +66,8 @@ static vyopt_op* create_op(const char* item) {
 }
 
 // Appends the items of `text` until one has no name or memory runs out.
-static void take_items(const char* text, vylist* items) {
+static void take_items(const char* text, vylist* items)
+{
     char item[VYOPT_ITEM_SIZE];
     const char* position = text;
     while ((position = vyopt_get_section(position, item, sizeof item)) != nullptr) {
@@ -75,19 +80,21 @@ static void take_items(const char* text, vylist* items) {
     }
 }
 
-static void release_items(vylist* items) {
+static void release_items(vylist* items)
+{
     for (vylist_node* node = items->next; node != vylist_end(items); node = node->next)
         vyopt_free_op(static_cast<vyopt_op*>(node->data));
     vylist_dispose(items);
 }
 
-vyopt_op** vyopt_create_opmap(const char* text) {
+vyopt_op** vyopt_create_opmap(const char* text)
+{
     Guard<vylist, release_items> items(vylist_create());
     if (!items)
         return nullptr;
     take_items(text, items.get());
 
-    auto** map = static_cast<vyopt_op**>(calloc(items->count + size_t{1}, sizeof(vyopt_op*)));
+    auto** map = static_cast<vyopt_op**>(calloc(items->count + size_t{1}, sizeof(void*)));
     if (map == nullptr)
         return nullptr;
     size_t at = 0;
@@ -98,14 +105,16 @@ vyopt_op** vyopt_create_opmap(const char* text) {
     return map;
 }
 
-static bool matches(const vyopt_option& option, const char* name) {
+static bool matches(const vyopt_option& option, const char* name)
+{
     if (option.flags & VYOPT_NOCASE)
         return strcasecmp(option.name, name) == 0;
     return strcmp(option.name, name) == 0;
 }
 
 // The first descriptor of that name; null without one.
-static const vyopt_option* find_option(const vyopt_option* table, const char* name) {
+static const vyopt_option* find_option(const vyopt_option* table, const char* name)
+{
     for (; table->code != 0 && table->name != nullptr; table++) {
         if (matches(*table, name))
             return table;
@@ -114,7 +123,8 @@ static const vyopt_option* find_option(const vyopt_option* table, const char* na
 }
 
 // The item at a position; null behind the last one.
-static const vyopt_op* item_at(vyopt_op** map, int32_t index) {
+static const vyopt_op* item_at(vyopt_op** map, int32_t index)
+{
     for (; *map != nullptr; map++) {
         if (index-- == 0)
             return *map;
@@ -122,7 +132,8 @@ static const vyopt_op* item_at(vyopt_op** map, int32_t index) {
     return nullptr;
 }
 
-int vy_getopt(int32_t* index, vyopt_op** map, const vyopt_option* table, const char** value) {
+int vy_getopt(int32_t* index, vyopt_op** map, const vyopt_option* table, const char** value)
+{
     if (index == nullptr || map == nullptr || table == nullptr || *index < 0)
         return 0;
     const vyopt_op* op = item_at(map, *index);

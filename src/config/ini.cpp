@@ -38,20 +38,24 @@ struct IniDoc {
     size_t places;
 };
 
-static bool is_blank(char c) {
+static bool is_blank(char c)
+{
     return c == ' ' || c == '\t';
 }
 
-static bool ends_line(char c) {
+static bool ends_line(char c)
+{
     return c == '\n' || c == '\r' || c == '\0';
 }
 
-static unsigned char upper(char c) {
+static unsigned char upper(char c)
+{
     return static_cast<unsigned char>(toupper(static_cast<unsigned char>(c)));
 }
 
 // Takes the next line from `rest`; false at the end of the text.
-static bool next_line(Span* rest, Span* line) {
+static bool next_line(Span* rest, Span* line)
+{
     if (rest->empty())
         return false;
     const char* at = rest->begin;
@@ -62,27 +66,31 @@ static bool next_line(Span* rest, Span* line) {
     return true;
 }
 
-static Span skip_blanks(Span span) {
+static Span skip_blanks(Span span)
+{
     while (!span.empty() && is_blank(*span.begin))
         span.begin++;
     return span;
 }
 
-static Span trim(Span span) {
+static Span trim(Span span)
+{
     span = skip_blanks(span);
     while (!span.empty() && is_blank(span.end[-1]))
         span.end--;
     return span;
 }
 
-static const char* find_char(Span span, char c) {
+static const char* find_char(Span span, char c)
+{
     return static_cast<const char*>(memchr(span.begin, c, span.size()));
 }
 
 // ---- headers and the table of sections ----
 
 // The name by which a lookup finds the header in `line`; false when the line is none.
-static bool header_for_lookup(Span line, Span* name) {
+static bool header_for_lookup(Span line, Span* name)
+{
     line = skip_blanks(line);
     if (line.empty() || *line.begin != '[')
         return false;
@@ -95,7 +103,8 @@ static bool header_for_lookup(Span line, Span* name) {
 }
 
 // The name that the section list takes from `line`; false when it takes none.
-static bool header_for_list(Span line, Span* name) {
+static bool header_for_list(Span line, Span* name)
+{
     line = trim(line);
     if (line.size() < 3 || *line.begin != '[' || line.end[-1] != ']')
         return false;
@@ -103,11 +112,13 @@ static bool header_for_list(Span line, Span* name) {
     return true;
 }
 
-static bool ends_section(Span line) {
+static bool ends_section(Span line)
+{
     return !line.empty() && *line.begin == '[' && find_char(line, ']') != nullptr;
 }
 
-static bool same_name(Span a, Span b) {
+static bool same_name(Span a, Span b)
+{
     if (a.size() != b.size())
         return false;
     for (size_t i = 0; i < a.size(); i++) {
@@ -118,7 +129,8 @@ static bool same_name(Span a, Span b) {
 }
 
 // FNV-1a (Fowler, Noll, Vo) over the upper-cased name.
-static size_t hash_name(Span name) {
+static size_t hash_name(Span name)
+{
     uint32_t hash = 2166136261U;
     for (const char* at = name.begin; at != name.end; at++)
         hash = (hash ^ upper(*at)) * 16777619U;
@@ -126,18 +138,21 @@ static size_t hash_name(Span name) {
 }
 
 // The place of a name in the table: its own, or the unused one where it belongs.
-static Section* find_place(const IniDoc* doc, Span name) {
+static Section* find_place(const IniDoc* doc, Span name)
+{
     size_t at = hash_name(name) & (doc->places - 1);
     while (doc->table[at].name.begin != nullptr && !same_name(doc->table[at].name, name))
         at = (at + 1) & (doc->places - 1);
     return &doc->table[at];
 }
 
-static Span whole_text(const IniDoc* doc) {
+static Span whole_text(const IniDoc* doc)
+{
     return {.begin = doc->text, .end = doc->text + doc->size};
 }
 
-static size_t count_headers(const IniDoc* doc) {
+static size_t count_headers(const IniDoc* doc)
+{
     size_t count = 0;
     Span rest = whole_text(doc);
     Span line;
@@ -150,7 +165,8 @@ static size_t count_headers(const IniDoc* doc) {
 }
 
 // Fills the table in file order, so that the last header of a name is the one that stays.
-static int index_sections(IniDoc* doc) {
+static int index_sections(IniDoc* doc)
+{
     const size_t headers = count_headers(doc);
     doc->places = 2;
     while (doc->places < headers * 2)
@@ -171,7 +187,8 @@ static int index_sections(IniDoc* doc) {
 // ---- reading the file ----
 
 // Makes room for `size` bytes and a NUL, at least doubling. Returns 0 or -ENOMEM.
-static int grow(char** buffer, size_t* capacity) {
+static int grow(char** buffer, size_t* capacity)
+{
     if (*capacity > SIZE_MAX / 2)
         return -ENOMEM;
     const size_t doubled = *capacity * 2;
@@ -184,13 +201,15 @@ static int grow(char** buffer, size_t* capacity) {
 }
 
 // Drops the line that was being read.
-static void drop_unfinished_line(const char* text, size_t* size) {
+static void drop_unfinished_line(const char* text, size_t* size)
+{
     while (*size > 0 && !ends_line(text[*size - 1]))
         --*size;
 }
 
 // Reads to the end of the file or to a read error. Returns 0 or -ENOMEM.
-static int read_all(int fd, char** buffer, size_t* size) {
+static int read_all(int fd, char** buffer, size_t* size)
+{
     size_t capacity = first_read;
     *size = 0;
     *buffer = static_cast<char*>(malloc(capacity));
@@ -212,11 +231,13 @@ static int read_all(int fd, char** buffer, size_t* size) {
     return 0;
 }
 
-static IniDoc* create_doc() {
+static IniDoc* create_doc()
+{
     return static_cast<IniDoc*>(calloc(1, sizeof(IniDoc)));
 }
 
-int ini_doc_load(const char* path, IniDoc** doc) {
+int ini_doc_load(const char* path, IniDoc** doc)
+{
     if (path == nullptr || doc == nullptr)
         return -EINVAL;
     const FdGuard fd(open(path, O_RDONLY | O_CLOEXEC));
@@ -233,7 +254,8 @@ int ini_doc_load(const char* path, IniDoc** doc) {
     return 0;
 }
 
-int ini_doc_parse(const char* text, size_t size, IniDoc** doc) {
+int ini_doc_parse(const char* text, size_t size, IniDoc** doc)
+{
     IniDocGuard made(create_doc());
     if (!made)
         return -ENOMEM;
@@ -250,7 +272,8 @@ int ini_doc_parse(const char* text, size_t size, IniDoc** doc) {
     return 0;
 }
 
-void ini_doc_free(IniDoc* doc) {
+void ini_doc_free(IniDoc* doc)
+{
     free(doc->text);
     free(doc->table);
     free(doc);
@@ -259,7 +282,8 @@ void ini_doc_free(IniDoc* doc) {
 // ---- values ----
 
 // Just behind the section's header, or the text's beginning for no name; null without the section.
-static const char* find_section(const IniDoc* doc, const char* section) {
+static const char* find_section(const IniDoc* doc, const char* section)
+{
     if (section == nullptr || *section == '\0')
         return doc->text;
     const Span name = {.begin = section, .end = section + strlen(section)};
@@ -267,7 +291,8 @@ static const char* find_section(const IniDoc* doc, const char* section) {
 }
 
 // Compares an entry's key with the one asked for, both without their blanks.
-static bool same_key(Span entry, const char* asked) {
+static bool same_key(Span entry, const char* asked)
+{
     for (size_t compared = 0; compared < key_significant; compared++) {
         entry = skip_blanks(entry);
         while (is_blank(*asked))
@@ -283,7 +308,8 @@ static bool same_key(Span entry, const char* asked) {
 }
 
 // Finds the wanted entry from `body` on; false when the section does not hold it.
-static bool find_value(Span body, const char* key, int32_t occurrence, Span* value) {
+static bool find_value(Span body, const char* key, int32_t occurrence, Span* value)
+{
     int32_t seen = 0;
     Span line;
     while (next_line(&body, &line) && !ends_section(line)) {
@@ -297,7 +323,8 @@ static bool find_value(Span body, const char* key, int32_t occurrence, Span* val
     return occurrence == INI_LAST && seen > 0;
 }
 
-static char* copy_value(Span value) {
+static char* copy_value(Span value)
+{
     value = trim(value);
     const size_t length = value.size() < value_max ? value.size() : value_max;
     auto* copy = static_cast<char*>(malloc(length + 1));
@@ -309,7 +336,8 @@ static char* copy_value(Span value) {
 }
 
 int ini_doc_get_string(const IniDoc* doc, const char* section, const char* key, char** value,
-                       int32_t occurrence) {
+                       int32_t occurrence)
+{
     if (doc == nullptr || key == nullptr || value == nullptr)
         return -EINVAL;
     const char* body = find_section(doc, section);
@@ -326,7 +354,8 @@ int ini_doc_get_string(const IniDoc* doc, const char* section, const char* key, 
 }
 
 int config_get_ini_string(const char* path, const char* section, const char* key, char** value,
-                          int32_t occurrence) {
+                          int32_t occurrence)
+{
     if (path == nullptr || key == nullptr || value == nullptr)
         return -EINVAL;
     IniDocGuard doc;
@@ -336,13 +365,15 @@ int config_get_ini_string(const char* path, const char* section, const char* key
     return ini_doc_get_string(doc.get(), section, key, value, occurrence);
 }
 
-void config_release_string(char* value) {
+void config_release_string(char* value)
+{
     free(value);
 }
 
 // ---- section list ----
 
-static int append_name(vylist* sections, Span name) {
+static int append_name(vylist* sections, Span name)
+{
     MemGuard<char> copy(strndup(name.begin, name.size()));
     if (!copy)
         return -ENOMEM;
@@ -352,7 +383,8 @@ static int append_name(vylist* sections, Span name) {
     return 0;
 }
 
-static int append_names(const IniDoc* doc, vylist* sections) {
+static int append_names(const IniDoc* doc, vylist* sections)
+{
     Span rest = whole_text(doc);
     Span line;
     Span name;
@@ -363,7 +395,8 @@ static int append_names(const IniDoc* doc, vylist* sections) {
     return 0;
 }
 
-int ini_doc_get_section_list(const IniDoc* doc, vylist** sections) {
+int ini_doc_get_section_list(const IniDoc* doc, vylist** sections)
+{
     if (doc == nullptr || sections == nullptr)
         return -EINVAL;
     SectionListGuard made(vylist_create());
@@ -375,7 +408,8 @@ int ini_doc_get_section_list(const IniDoc* doc, vylist** sections) {
     return 0;
 }
 
-int config_get_section_list(const char* path, vylist** sections) {
+int config_get_section_list(const char* path, vylist** sections)
+{
     if (path == nullptr || sections == nullptr)
         return -EINVAL;
     IniDocGuard doc;
@@ -385,7 +419,8 @@ int config_get_section_list(const char* path, vylist** sections) {
     return ini_doc_get_section_list(doc.get(), sections);
 }
 
-void config_release_section_list(vylist* sections) {
+void config_release_section_list(vylist* sections)
+{
     if (sections == nullptr)
         return;
     for (vylist_node* node = sections->next; node != vylist_end(sections); node = node->next)
@@ -395,7 +430,8 @@ void config_release_section_list(vylist* sections) {
 
 // ---- words ----
 
-int string_enable_disable(const char* text) {
+int string_enable_disable(const char* text)
+{
     if (text == nullptr)
         return -1;
     if (strcasecmp(text, "enable") == 0 || strcmp(text, "1") == 0)
@@ -405,7 +441,8 @@ int string_enable_disable(const char* text) {
     return -1;
 }
 
-int string_yes_no(const char* text) {
+int string_yes_no(const char* text)
+{
     if (text == nullptr)
         return -1;
     if (strcasecmp(text, "y") == 0 || strcasecmp(text, "yes") == 0 || strcmp(text, "1") == 0)

@@ -27,7 +27,8 @@ using EntryGuard = Guard<MountEntry, mount_entry_free>;
 
 // Whether the disk has partitions, which come as messages of their own. Looks for "sd" names for
 // every kind of device: kept, cards without a partition table rely on never being passed over.
-static bool has_partitions(const HotplugDev* dev) {
+static bool has_partitions(const HotplugDev* dev)
+{
     const auto letter = static_cast<char>('a' + hotplug_dev_index(dev));
     for (int n = 1; n < dev->range; n++) {
         char path[64];
@@ -39,7 +40,8 @@ static bool has_partitions(const HotplugDev* dev) {
 }
 
 // The name of the kind of device; null for one that is not mounted.
-static const char* kind_name(int32_t major) {
+static const char* kind_name(int32_t major)
+{
     switch (major) {
     case MAJOR_SD:
         return "sd";
@@ -52,7 +54,8 @@ static const char* kind_name(int32_t major) {
 
 // Makes "<directory>/<name>". Returns owned; null when it is too long (the limit is one more than
 // fits, kept) or memory runs out.
-static char* join_path(const char* directory, const char* name) {
+static char* join_path(const char* directory, const char* name)
+{
     if (directory == nullptr)
         return nullptr;
     char path[path_size];
@@ -63,7 +66,8 @@ static char* join_path(const char* directory, const char* name) {
 }
 
 // Gives the entry its node and directory.
-static int name_entry(MountEntry* entry, const ConfHotplug* config) {
+static int name_entry(MountEntry* entry, const ConfHotplug* config)
+{
     const HotplugDev* dev = entry->dev;
     const int index = dev->minor < 0 ? -1 : hotplug_dev_index(dev);
     if (index < 0 || index >= disk_letters) {
@@ -82,7 +86,8 @@ static int name_entry(MountEntry* entry, const ConfHotplug* config) {
 
 // Returns owned: an entry for a copy of the description, which takes its strings over; null when
 // memory runs out.
-static MountEntry* create_entry(HotplugDev* dev) {
+static MountEntry* create_entry(HotplugDev* dev)
+{
     MemGuard<HotplugDev> copy(static_cast<HotplugDev*>(malloc(sizeof(HotplugDev))));
     if (!copy)
         return nullptr;
@@ -97,7 +102,8 @@ static MountEntry* create_entry(HotplugDev* dev) {
     return entry;
 }
 
-static int add_device(HotplugDev* dev, const ConfHotplug* config) {
+static int add_device(HotplugDev* dev, const ConfHotplug* config)
+{
     if (hotplug_dev_partition(dev) == 0 && dev->range >= 2 && has_partitions(dev))
         return -1;
     EntryGuard entry(create_entry(dev));
@@ -118,7 +124,8 @@ static int add_device(HotplugDev* dev, const ConfHotplug* config) {
 // ---- remove ----
 
 // The first entry of that device; null without one.
-static MountEntry* find_entry(const HotplugDev* dev) {
+static MountEntry* find_entry(const HotplugDev* dev)
+{
     MountEntry* entry = nullptr;
     for (int32_t at = 0; crtsec_blk_search(&entry, at) == 0; at++) {
         if (entry->dev->major == dev->major && entry->dev->minor == dev->minor)
@@ -128,7 +135,8 @@ static MountEntry* find_entry(const HotplugDev* dev) {
 }
 
 // The entry stays in the set until the next refresh has taken it out of the files.
-static int remove_device(const HotplugDev* dev, const ConfHotplug* config) {
+static int remove_device(const HotplugDev* dev, const ConfHotplug* config)
+{
     MountEntry* entry = find_entry(dev);
     if (entry == nullptr)
         return -1;
@@ -153,7 +161,8 @@ static int remove_device(const HotplugDev* dev, const ConfHotplug* config) {
 
 // A request plugs and pulls nothing, so its result never marks the tables.
 static int answer_request(DaemonCtx* ctx, const HotplugCmd* cmd, HotplugAction action,
-                          const ControlMessage* message) {
+                          const ControlMessage* message)
+{
     const int result =
         hotplug_mount_request(ctx, message->target, action, message->force, ctx->config);
     if (cmd->fd == -1)
@@ -166,15 +175,16 @@ static int answer_request(DaemonCtx* ctx, const HotplugCmd* cmd, HotplugAction a
 
 // ---- one command ----
 
-static void wait_until_due(uint64_t due) {
+static void wait_until_due(uint64_t due)
+{
     vytime now;
     if (due == 0 || vytime_get(&now, CLOCK_MONOTONIC) != 0 || vytime_count(now) >= due)
         return;
     (void)vytime_usleep(static_cast<uint32_t>(due - vytime_count(now)));
 }
 
-static int act(DaemonCtx* ctx, const HotplugCmd* cmd, HotplugAction action,
-               ControlMessage* message) {
+static int act(DaemonCtx* ctx, const HotplugCmd* cmd, HotplugAction action, ControlMessage* message)
+{
     switch (action) {
     case HOTPLUG_ACTION_ADD:
         return add_device(&message->dev, ctx->config);
@@ -189,7 +199,8 @@ static int act(DaemonCtx* ctx, const HotplugCmd* cmd, HotplugAction action,
     return 0;
 }
 
-int command_handle(DaemonCtx* ctx, const HotplugCmd* cmd) {
+int command_handle(DaemonCtx* ctx, const HotplugCmd* cmd)
+{
     wait_until_due(cmd->due);
     if (cmd->text == nullptr)
         return 0;

@@ -39,7 +39,8 @@ struct RunLoop {
 
 // ---- start-up ----
 
-static void report_config(const ConfHotplug* config) {
+static void report_config(const ConfHotplug* config)
+{
     VY_LOG(LOG_INFO, "Type     = %hhd", static_cast<signed char>(config->smbtype));
     VY_LOG(LOG_INFO, "DS/NAS   = %hhd", static_cast<signed char>(config->naswork));
     VY_LOG(LOG_INFO, "SMB Conf = %s", config->smbconfigpath);
@@ -62,7 +63,8 @@ static void report_config(const ConfHotplug* config) {
 }
 
 // Tells of a directory that is missing or none; it may still appear, so start-up goes on.
-static void check_directory(const char* checked, const char* named) {
+static void check_directory(const char* checked, const char* named)
+{
     struct stat status;
     if (stat(checked, &status) != 0)
         VY_LOG(LOG_ERR, "Error - No Such Directory(%s)", named);
@@ -70,7 +72,8 @@ static void check_directory(const char* checked, const char* named) {
         VY_LOG(LOG_ERR, "Error - Not Directory(%s)", named);
 }
 
-static int load_config(DaemonCtx* ctx) {
+static int load_config(DaemonCtx* ctx)
+{
     VY_LOG(LOG_NOTICE, "Load Config File(%s)", ctx->confpath);
     ctx->config = load_config_hotplug(ctx->confpath);
     if (ctx->config == nullptr)
@@ -86,14 +89,16 @@ static int load_config(DaemonCtx* ctx) {
 
 // ---- the loop ----
 
-static void refresh(RunLoop* loop) {
+static void refresh(RunLoop* loop)
+{
     refresh_tables(loop->ctx, loop->dirty);
     loop->state = TableState::clean;
     loop->dirty = 0;
 }
 
 // Lets a burst of commands end before the files are written for all of them.
-static void pause_idle(RunLoop* loop) {
+static void pause_idle(RunLoop* loop)
+{
     (void)vytime_msleep(idle_pause_ms);
     if (loop->state == TableState::touched)
         loop->state = TableState::due;
@@ -106,21 +111,24 @@ static void pause_idle(RunLoop* loop) {
 }
 
 // Collects a hook or driver that outlived its wait.
-static void reap_now_and_then(RunLoop* loop) {
+static void reap_now_and_then(RunLoop* loop)
+{
     if (++loop->idle_passes < idle_passes_per_reap)
         return;
     (void)sys_waitpid(-1, nullptr, WNOHANG); // most often there is none
     loop->idle_passes = 0;
 }
 
-static void close_and_free(HotplugCmd* cmd) {
+static void close_and_free(HotplugCmd* cmd)
+{
     // A hotplug message's connection was closed on receipt: closed once more here, kept.
     if (cmd->fd != -1)
         close(cmd->fd);
     hotplug_cmd_free(cmd);
 }
 
-static void run_pass(RunLoop* loop) {
+static void run_pass(RunLoop* loop)
+{
     if (!loop->handled)
         pause_idle(loop);
     HotplugCmd* cmd = nullptr;
@@ -137,7 +145,8 @@ static void run_pass(RunLoop* loop) {
 }
 
 // The first refresh, one pause after the start, drops the device records of what was unplugged.
-static void run_loop(DaemonCtx* ctx) {
+static void run_loop(DaemonCtx* ctx)
+{
     RunLoop loop = {.ctx = ctx,
                     .state = TableState::due,
                     .dirty = COMMAND_REMOVED,
@@ -151,7 +160,8 @@ static void run_loop(DaemonCtx* ctx) {
 
 // Drops what is still queued, so that waiting clients see their connection close, and forgets the
 // busy entries; their filesystems stay mounted.
-static void empty_lists() {
+static void empty_lists()
+{
     HotplugCmd* cmd = nullptr;
     while (crtsec_cmd_dequeue(&cmd) == 0)
         close_and_free(cmd);
@@ -163,7 +173,8 @@ static void empty_lists() {
 }
 
 // Runs the loop between the start and the end of the receive thread.
-static int run_with_receiver(DaemonCtx* ctx) {
+static int run_with_receiver(DaemonCtx* ctx)
+{
     ReceiveArg receiver = {.running = &ctx->running, .status = 0, .thread = {}};
     if (recieve_run(&receiver) != 0)
         return -1;
@@ -173,7 +184,8 @@ static int run_with_receiver(DaemonCtx* ctx) {
     return 0;
 }
 
-int daemon_run(DaemonCtx* ctx) {
+int daemon_run(DaemonCtx* ctx)
+{
     int result = -1;
     if (crtsec_init() == 0 && load_config(ctx) == 0)
         result = run_with_receiver(ctx);

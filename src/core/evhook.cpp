@@ -8,7 +8,8 @@ static constexpr char hook_script[] = "/tmp/vyhotplugd-evhook.sh";
 static constexpr int hook_timeout_ms = 60000;
 
 // The hook's first argument; null for an unknown event.
-static const char* word_of(int code) {
+static const char* word_of(int code)
+{
     switch (code) {
     case HOTPLUG_EVENT_ADD:
     case HOTPLUG_EVENT_MOUNT:
@@ -21,7 +22,8 @@ static const char* word_of(int code) {
     }
 }
 
-int daemon_call_evhook(int code, const char* path) {
+int daemon_call_evhook(int code, const char* path)
+{
     VY_LOG(LOG_ERR, "action %d mntpath (%p) %s", code, static_cast<const void*>(path),
            path != nullptr ? path : "(null)");
     if (path == nullptr || path[0] == '\0')

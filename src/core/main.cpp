@@ -1,5 +1,6 @@
 #include "core/personality.h"
 
-int main(int argc, char* argv[]) {
+int main(int argc, char* argv[])
+{
     return personality_run(argc, argv);
 }

@@ -33,7 +33,8 @@ constexpr vyopt_option message_keys[] = {
 
 } // namespace
 
-HotplugAction message_action(const char* text) {
+HotplugAction message_action(const char* text)
+{
     for (const ActionPrefix& prefix : action_prefixes) {
         if (strncmp(text, prefix.text, strlen(prefix.text)) == 0)
             return prefix.action;
@@ -43,29 +44,34 @@ HotplugAction message_action(const char* text) {
 
 // ---- values: one that is missing or does not parse leaves its field as it was ----
 
-static bool parse_number(const char* value, int base, int32_t* number) {
+static bool parse_number(const char* value, int base, int32_t* number)
+{
     return value != nullptr && str_to_long(value, number, base) == 0;
 }
 
-static void set_number(int32_t* field, const char* value) {
+static void set_number(int32_t* field, const char* value)
+{
     int32_t number = 0;
     if (parse_number(value, 10, &number))
         *field = number;
 }
 
-static void set_usb_id(uint16_t* field, const char* value) {
+static void set_usb_id(uint16_t* field, const char* value)
+{
     int32_t number = 0;
     if (parse_number(value, 16, &number))
         *field = static_cast<uint16_t>(number);
 }
 
-static void set_range(HotplugDev* dev, const char* value) {
+static void set_range(HotplugDev* dev, const char* value)
+{
     int32_t number = 0;
     if (parse_number(value, 10, &number) && number >= 1 && number <= 255)
         dev->range = static_cast<uint8_t>(number);
 }
 
-static void set_flag(HotplugDev* dev, uint8_t flag, const char* value) {
+static void set_flag(HotplugDev* dev, uint8_t flag, const char* value)
+{
     int32_t number = 0;
     if (!parse_number(value, 10, &number))
         return;
@@ -75,7 +81,8 @@ static void set_flag(HotplugDev* dev, uint8_t flag, const char* value) {
         dev->flags = static_cast<uint8_t>(dev->flags & ~flag);
 }
 
-static void set_devtype(HotplugDev* dev, const char* value) {
+static void set_devtype(HotplugDev* dev, const char* value)
+{
     if (value == nullptr)
         return;
     if (strcmp(value, "partition") == 0)
@@ -84,7 +91,8 @@ static void set_devtype(HotplugDev* dev, const char* value) {
         dev->devtype = HOTPLUG_DEVTYPE_DISK;
 }
 
-static void set_speed(HotplugDev* dev, const char* value) {
+static void set_speed(HotplugDev* dev, const char* value)
+{
     if (value == nullptr)
         return;
     if (strstr(value, "480") != nullptr)
@@ -93,7 +101,8 @@ static void set_speed(HotplugDev* dev, const char* value) {
         dev->speed = 12;
 }
 
-static void set_text(char** field, const char* value, size_t length) {
+static void set_text(char** field, const char* value, size_t length)
+{
     char* copy = strndup(value, length);
     if (copy == nullptr)
         return;
@@ -102,7 +111,8 @@ static void set_text(char** field, const char* value, size_t length) {
 }
 
 // A name without the blanks at its end; nothing when only blanks are left.
-static void set_name(char** field, const char* value) {
+static void set_name(char** field, const char* value)
+{
     if (value == nullptr)
         return;
     size_t length = strlen(value);
@@ -112,14 +122,16 @@ static void set_name(char** field, const char* value) {
         set_text(field, value, length);
 }
 
-static void set_word(ControlMessage* message, const char* word) {
+static void set_word(ControlMessage* message, const char* word)
+{
     if (strcmp(word, "force") == 0)
         message->force = 1;
     else
         str_ncpy(message->target, word, sizeof message->target);
 }
 
-static void set_item(ControlMessage* message, int code, const char* value) {
+static void set_item(ControlMessage* message, int code, const char* value)
+{
     HotplugDev* dev = &message->dev;
     switch (code) {
     case 'j':
@@ -155,7 +167,8 @@ static void set_item(ControlMessage* message, int code, const char* value) {
     }
 }
 
-int message_parse(const char* text, ControlMessage* message) {
+int message_parse(const char* text, ControlMessage* message)
+{
     *message = {};
     message->dev.range = default_range;
     const OptionMapGuard map(vyopt_create_opmap(text));
@@ -169,6 +182,7 @@ int message_parse(const char* text, ControlMessage* message) {
     return 0;
 }
 
-void message_clear(ControlMessage* message) {
+void message_clear(ControlMessage* message)
+{
     hotplug_dev_clear(&message->dev);
 }

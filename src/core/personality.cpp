@@ -23,14 +23,16 @@ constexpr Personality personalities[] = {
 
 } // namespace
 
-int progname(const char* path, const char* name) {
+int progname(const char* path, const char* name)
+{
     const char* found = strstr(path, name);
     if (found == nullptr || found[strlen(name)] != '\0')
         return 0;
     return found == path || found[-1] == '/' ? 1 : 0;
 }
 
-int personality_run(int argc, char* argv[]) {
+int personality_run(int argc, char* argv[])
+{
     const char* path = argc > 0 && argv[0] != nullptr ? argv[0] : "";
     for (const Personality& personality : personalities) {
         if (progname(path, personality.name) != 0)

@@ -18,19 +18,22 @@ static constexpr uint64_t add_delay_usec = 2000000; // for the kernel to finish 
 
 using CmdGuard = Guard<HotplugCmd, hotplug_cmd_free>;
 
-static bool begins_with(const char* text, const char* prefix) {
+static bool begins_with(const char* text, const char* prefix)
+{
     return strncmp(text, prefix, strlen(prefix)) == 0;
 }
 
 // When an add message may be handled; 0, at once, when the clock cannot be read.
-static uint64_t due_time() {
+static uint64_t due_time()
+{
     vytime now;
     return vytime_get(&now, CLOCK_MONOTONIC) == 0 ? vytime_count(now) + add_delay_usec : 0;
 }
 
 // Hotplug messages get no answer, so their connection is closed at once. The command keeps the
 // closed descriptor's number and the run loop closes that once more: kept.
-static void settle_connection(HotplugCmd* cmd, FdGuard* connection) {
+static void settle_connection(HotplugCmd* cmd, FdGuard* connection)
+{
     if (begins_with(cmd->text, "ACTION=remove")) {
         connection->reset(-1);
     } else if (begins_with(cmd->text, "ACTION=add")) {
@@ -40,7 +43,8 @@ static void settle_connection(HotplugCmd* cmd, FdGuard* connection) {
 }
 
 // Reads the message of one connection and queues it. Whatever fails drops the connection.
-static void take_message(int listener) {
+static void take_message(int listener)
+{
     FdGuard connection(unix_accept_addr(listener, nullptr, nullptr));
     if (connection.get() < 0)
         return;
@@ -61,7 +65,8 @@ static void take_message(int listener) {
 }
 
 // Takes messages until `running` is cleared. Returns 0, or the negated errno of a failed wait.
-static int32_t recieve_loop(int listener, const uint8_t* running) {
+static int32_t recieve_loop(int listener, const uint8_t* running)
+{
     while (flag_get(running) != 0) {
         timeval limit = {.tv_sec = poll_seconds, .tv_usec = 0};
         const int ready = sys_select_one(listener, SYS_READABLE, &limit);
@@ -73,7 +78,8 @@ static int32_t recieve_loop(int listener, const uint8_t* running) {
     return 0;
 }
 
-static void* recieve_main(void* argument) {
+static void* recieve_main(void* argument)
+{
     auto* arg = static_cast<ReceiveArg*>(argument);
     FdGuard listener(unix_create_listen_socket(hotplug_socket_name));
     if (listener.get() < 0)
@@ -86,7 +92,8 @@ static void* recieve_main(void* argument) {
     return reinterpret_cast<void*>(static_cast<intptr_t>(arg->status));
 }
 
-int recieve_run(ReceiveArg* arg) {
+int recieve_run(ReceiveArg* arg)
+{
     pthread_attr_t attributes;
     if (pthread_attr_init(&attributes) != 0)
         return -1;

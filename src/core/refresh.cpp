@@ -7,7 +7,8 @@
 #include "records/conf_dev_file.h"
 #include "records/config_file_dir.h"
 
-static void add_mounted_devices(ConfDevTable* table) {
+static void add_mounted_devices(ConfDevTable* table)
+{
     MountEntry* entry = nullptr;
     for (int32_t at = 0; crtsec_blk_search(&entry, at) == 0; at++) {
         const HotplugDev* dev = entry->dev;
@@ -16,7 +17,8 @@ static void add_mounted_devices(ConfDevTable* table) {
 }
 
 // Wakes filesystems whose size the share service is about to ask for; every second entry: kept.
-static void touch_filesystems() {
+static void touch_filesystems()
+{
     MountEntry* entry = nullptr;
     for (int32_t at = 0; crtsec_blk_search(&entry, at) == 0; at += 2) {
         if (entry->fstype == CONF_DEV_FS_UNKNOWN || entry->fstype == CONF_DEV_FS_FAT)
@@ -24,7 +26,8 @@ static void touch_filesystems() {
     }
 }
 
-static void drop_removed_entries() {
+static void drop_removed_entries()
+{
     MountEntry* entry = nullptr;
     int32_t at = 0;
     while (crtsec_blk_search(&entry, at) == 0) {
@@ -38,7 +41,8 @@ static void drop_removed_entries() {
 }
 
 // Whether a partition in the busy-device set has this record.
-static bool is_plugged(const ConfDev* record) {
+static bool is_plugged(const ConfDev* record)
+{
     MountEntry* entry = nullptr;
     for (int32_t at = 0; crtsec_blk_search(&entry, at) == 0; at++) {
         const HotplugDev* dev = entry->dev;
@@ -48,7 +52,8 @@ static bool is_plugged(const ConfDev* record) {
     return false;
 }
 
-void refresh_tables(const DaemonCtx* ctx, int dirty) {
+void refresh_tables(const DaemonCtx* ctx, int dirty)
+{
     const ConfHotplug* config = ctx->config;
     const ConfDevTableGuard table(conf_dev_create());
     if (!table)

@@ -36,7 +36,8 @@ constexpr DeviceKind device_kinds[] = {{"sd", MAJOR_SD}, {"mmcblk", MAJOR_MMC}};
 } // namespace
 
 // The first busy entry of a major; null without one.
-static const MountEntry* first_of_major(int major) {
+static const MountEntry* first_of_major(int major)
+{
     MountEntry* entry = nullptr;
     for (int32_t at = 0; crtsec_blk_search(&entry, at) == 0; at++) {
         if (entry->dev->major == major)
@@ -47,7 +48,8 @@ static const MountEntry* first_of_major(int major) {
 
 // Selects by what stands behind the kind: a letter, and perhaps a number. Returns -1 when it is no
 // letter, or nothing of the kind is there to tell how many minors a device has.
-static int select_disk(const char* rest, Selection* selection) {
+static int select_disk(const char* rest, Selection* selection)
+{
     if (!isalpha(static_cast<unsigned char>(rest[0])))
         return -1;
     const MountEntry* first = first_of_major(selection->major);
@@ -71,7 +73,8 @@ static int select_disk(const char* rest, Selection* selection) {
     return 0;
 }
 
-static int parse_target(const char* target, Selection* selection) {
+static int parse_target(const char* target, Selection* selection)
+{
     *selection = {.major = any, .lowest = 0, .highest = any, .unbounded = true};
     if (strcmp(target, "all") == 0)
         return 0;
@@ -85,7 +88,8 @@ static int parse_target(const char* target, Selection* selection) {
     return -1;
 }
 
-static bool selects(const Selection& selection, const HotplugDev* dev) {
+static bool selects(const Selection& selection, const HotplugDev* dev)
+{
     if (selection.major != any && dev->major != selection.major)
         return false;
     return selection.unbounded ||
@@ -93,7 +97,8 @@ static bool selects(const Selection& selection, const HotplugDev* dev) {
 }
 
 // Returns -1 when the entry is not mounted afterwards; one that was mounted before is fine.
-static int mount_entry(MountEntry* entry, const ConfHotplug* options) {
+static int mount_entry(MountEntry* entry, const ConfHotplug* options)
+{
     if (vymount(entry, options) != 0)
         return entry->mounted != 0 ? 0 : -1;
     VY_LOG(LOG_ERR, "mount %s %s", entry->devnode, entry->mountpoint);
@@ -102,7 +107,8 @@ static int mount_entry(MountEntry* entry, const ConfHotplug* options) {
 }
 
 // Returns -1 when the entry is still mounted afterwards.
-static int unmount_entry(const DaemonCtx* ctx, MountEntry* entry, int32_t force) {
+static int unmount_entry(const DaemonCtx* ctx, MountEntry* entry, int32_t force)
+{
     daemon_call_evhook(HOTPLUG_EVENT_UNMOUNT, entry->mountpoint);
     conf_dir_set_unmount_flg(ctx->config->smbconfigpath, entry->sharename);
     share_service_reload();
@@ -114,7 +120,8 @@ static int unmount_entry(const DaemonCtx* ctx, MountEntry* entry, int32_t force)
 }
 
 int hotplug_mount_request(DaemonCtx* ctx, const char* target, HotplugAction action, int32_t force,
-                          const ConfHotplug* options) {
+                          const ConfHotplug* options)
+{
     Selection selection;
     if (parse_target(target, &selection) != 0)
         return -1;

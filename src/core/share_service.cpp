@@ -6,6 +6,7 @@
 
 static constexpr char pid_file[] = "/var/run/vynas-fssd.pid";
 
-void share_service_reload() {
+void share_service_reload()
+{
     vy_sigsend_pid_file(pid_file, SIGHUP); // nobody to tell is no failure
 }

@@ -33,13 +33,15 @@ static constexpr size_t directory_size = 256; // bytes of a working directory's 
 // For the signal handler; null outside vyhotplug_main.
 static DaemonCtx* process_ctx;
 
-static void set_process_ctx(DaemonCtx* ctx) {
+static void set_process_ctx(DaemonCtx* ctx)
+{
     __atomic_store_n(&process_ctx, ctx, __ATOMIC_RELEASE);
 }
 
 // ---- the end ----
 
-[[noreturn]] static void end_process(DaemonCtx* ctx, int status) {
+[[noreturn]] static void end_process(DaemonCtx* ctx, int status)
+{
     if (ctx->lockfd != -1) {
         (void)flock(ctx->lockfd, LOCK_UN); // closing it unlocks as well
         close(ctx->lockfd);
@@ -50,25 +52,29 @@ static void set_process_ctx(DaemonCtx* ctx) {
     exit(status);
 }
 
-[[noreturn]] static void end_with_error(DaemonCtx* ctx, int status) {
+[[noreturn]] static void end_with_error(DaemonCtx* ctx, int status)
+{
     set_process_ctx(nullptr);
     VY_LOG(LOG_ERR, "Error - exit %s (%d)", daemon_name, status);
     end_process(ctx, status);
 }
 
-[[noreturn]] static void end_initialize(DaemonCtx* ctx, int status) {
+[[noreturn]] static void end_initialize(DaemonCtx* ctx, int status)
+{
     VY_LOG(LOG_ERR, "Error - initialize");
     end_with_error(ctx, status);
 }
 
 // ---- texts ----
 
-static void print_version() {
+static void print_version()
+{
     fprintf(stderr, "%s --- version %d.%d.%d%s\n\n", daemon_name, version_major, version_minor,
             version_patch, version_suffix);
 }
 
-static void print_help() {
+static void print_help()
+{
     fprintf(stderr, "\nVY NAS Mira - Hotplug Daemon.\n");
     fprintf(stderr, "Usage: %s {option}\n", daemon_name);
     fprintf(stderr, "\noption:\n");
@@ -85,7 +91,8 @@ static void print_help() {
     fprintf(stderr, "\n\n");
 }
 
-static void print_undefined_level(int level) {
+static void print_undefined_level(int level)
+{
     fprintf(stderr,
             "Error : Undefined Log Level(%d)\n"
             " LOG_EMERG  = %d\n"
@@ -102,7 +109,8 @@ static void print_undefined_level(int level) {
 
 // ---- options ----
 
-static int set_config_path(DaemonCtx* ctx, const char* path) {
+static int set_config_path(DaemonCtx* ctx, const char* path)
+{
     struct stat status;
     if (path == nullptr || stat(path, &status) != 0) {
         fprintf(stderr, "Error : no such file (%s)\n", path != nullptr ? path : "(null)");
@@ -117,7 +125,8 @@ static int set_config_path(DaemonCtx* ctx, const char* path) {
     return 0;
 }
 
-static int set_level(DaemonCtx* ctx, const char* text) {
+static int set_level(DaemonCtx* ctx, const char* text)
+{
     int32_t level = 0;
     const int32_t result = str_to_long(text, &level, 10);
     if (result != 0) {
@@ -144,7 +153,8 @@ static constexpr option long_options[] = {
 };
 
 // Takes one option. Returns -1 for one that ends the start.
-static int take_option(DaemonCtx* ctx, int code) {
+static int take_option(DaemonCtx* ctx, int code)
+{
     switch (code) {
     case 'v':
         print_version();
@@ -172,7 +182,8 @@ static int take_option(DaemonCtx* ctx, int code) {
     return -1;
 }
 
-static int parse_options(DaemonCtx* ctx, int argc, char* argv[]) {
+static int parse_options(DaemonCtx* ctx, int argc, char* argv[])
+{
     int code = 0;
     while ((code = getopt_long(argc, argv, short_options, long_options, nullptr)) != -1) {
         if (take_option(ctx, code) != 0)
@@ -183,7 +194,8 @@ static int parse_options(DaemonCtx* ctx, int argc, char* argv[]) {
 
 // ---- paths ----
 
-static void find_default_config(DaemonCtx* ctx) {
+static void find_default_config(DaemonCtx* ctx)
+{
     if (access(local_config, R_OK) == 0)
         str_cpy(ctx->confpath, local_config);
     else if (access(default_config, R_OK) == 0)
@@ -191,7 +203,8 @@ static void find_default_config(DaemonCtx* ctx) {
 }
 
 // Writes "<working directory>/<path>", cut to the buffer. Returns -1 without a working directory.
-static int join_directory(char (&joined)[DAEMON_PATH_SIZE], const char* path) {
+static int join_directory(char (&joined)[DAEMON_PATH_SIZE], const char* path)
+{
     char directory[directory_size];
     if (getcwd(directory, sizeof directory) == nullptr)
         return -1;
@@ -204,7 +217,8 @@ static int join_directory(char (&joined)[DAEMON_PATH_SIZE], const char* path) {
 }
 
 // Finds the path by which the program can start itself again.
-static int find_program(DaemonCtx* ctx, const char* argv0) {
+static int find_program(DaemonCtx* ctx, const char* argv0)
+{
     if (argv0[0] == '/' || strchr(argv0, '/') == nullptr) {
         str_ncpy(ctx->progpath, argv0, sizeof ctx->progpath);
         return 0;
@@ -214,7 +228,8 @@ static int find_program(DaemonCtx* ctx, const char* argv0) {
 
 // The daemon works in "/", so a relative path must not stay one. Without a working directory it
 // does.
-static void make_config_path_absolute(DaemonCtx* ctx) {
+static void make_config_path_absolute(DaemonCtx* ctx)
+{
     if (ctx->confpath[0] == '/')
         return;
     char relative[DAEMON_PATH_SIZE];
@@ -226,7 +241,8 @@ static void make_config_path_absolute(DaemonCtx* ctx) {
 
 // Detaches and starts the program again as the daemon. Returns a negated errno when it cannot
 // detach, else not at all.
-static int restart_as_daemon(DaemonCtx* ctx) {
+static int restart_as_daemon(DaemonCtx* ctx)
+{
     if (daemon(0, 0) != 0)
         return -errno;
     // Low descriptors that the new program finds taken; they hold nothing.
@@ -242,14 +258,16 @@ static int restart_as_daemon(DaemonCtx* ctx) {
     _exit(1);
 }
 
-static void open_log(const DaemonCtx* ctx) {
+static void open_log(const DaemonCtx* ctx)
+{
     openlog(daemon_name, ctx->daemonmode != 0 ? LOG_PID : LOG_PID | LOG_PERROR, LOG_DAEMON);
     setlogmask(LOG_UPTO(ctx->loglevel));
 }
 
 // ---- signals ----
 
-static void handle_signal(int number, siginfo_t*, void*) {
+static void handle_signal(int number, siginfo_t*, void*)
+{
     DaemonCtx* ctx = __atomic_load_n(&process_ctx, __ATOMIC_ACQUIRE);
     if (ctx == nullptr)
         return;
@@ -277,7 +295,8 @@ constexpr SignalRow signal_rows[] = {
 
 } // namespace
 
-static int install_signal(const SignalRow& row) {
+static int install_signal(const SignalRow& row)
+{
     struct sigaction action = {};
     sigemptyset(&action.sa_mask);
     action.sa_flags = row.flags;
@@ -288,7 +307,8 @@ static int install_signal(const SignalRow& row) {
     return sigaction(row.number, &action, nullptr);
 }
 
-static int install_signals() {
+static int install_signals()
+{
     for (const SignalRow& row : signal_rows) {
         if (install_signal(row) == 0)
             continue;
@@ -301,7 +321,8 @@ static int install_signals() {
 
 // ---- the daemon ----
 
-static int take_lock(DaemonCtx* ctx) {
+static int take_lock(DaemonCtx* ctx)
+{
     ctx->lockfd = vy_create_pid_file(daemon_name);
     if (ctx->lockfd != -1)
         return 0;
@@ -310,7 +331,8 @@ static int take_lock(DaemonCtx* ctx) {
 }
 
 // From the root check to the signal handlers. Returns 0, -1 or a negated errno.
-static int initialize(DaemonCtx* ctx) {
+static int initialize(DaemonCtx* ctx)
+{
     if (ctx->daemonized == 0)
         make_config_path_absolute(ctx);
     if (ctx->daemonmode != 0 && ctx->daemonized == 0)
@@ -321,7 +343,8 @@ static int initialize(DaemonCtx* ctx) {
     return install_signals();
 }
 
-static void set_defaults(DaemonCtx* ctx) {
+static void set_defaults(DaemonCtx* ctx)
+{
     *ctx = {};
     ctx->daemonmode = 1;
     ctx->loglevel = LOG_WARNING;
@@ -329,7 +352,8 @@ static void set_defaults(DaemonCtx* ctx) {
     ctx->lockfd = -1;
 }
 
-int vyhotplug_main(int argc, char* argv[]) {
+int vyhotplug_main(int argc, char* argv[])
+{
     DaemonCtx ctx;
     set_defaults(&ctx);
     find_default_config(&ctx);

@@ -10,7 +10,8 @@ static Mutex set_mutex;
 static vylist* queue VY_PT_GUARDED_BY(queue_mutex);
 static vylist* busy VY_PT_GUARDED_BY(set_mutex);
 
-HotplugCmd* hotplug_cmd_create() {
+HotplugCmd* hotplug_cmd_create()
+{
     MemGuard<HotplugCmd> cmd(static_cast<HotplugCmd*>(calloc(1, sizeof(HotplugCmd))));
     if (!cmd)
         return nullptr;
@@ -21,12 +22,14 @@ HotplugCmd* hotplug_cmd_create() {
     return cmd.take();
 }
 
-void hotplug_cmd_free(HotplugCmd* cmd) {
+void hotplug_cmd_free(HotplugCmd* cmd)
+{
     free(cmd->text);
     free(cmd);
 }
 
-int crtsec_init() {
+int crtsec_init()
+{
     ListGuard new_queue(vylist_create());
     ListGuard new_busy(vylist_create());
     if (!new_queue || !new_busy)
@@ -43,7 +46,8 @@ int crtsec_init() {
 }
 
 // One thread is left when this runs, so the lists are let go without their locks.
-void crtsec_term() VY_NO_THREAD_ANALYSIS {
+void crtsec_term() VY_NO_THREAD_ANALYSIS
+{
     if (queue != nullptr) {
         queue_mutex.term();
         vylist_dispose(queue);
@@ -56,14 +60,16 @@ void crtsec_term() VY_NO_THREAD_ANALYSIS {
     }
 }
 
-int crtsec_cmd_enqueue(HotplugCmd* cmd) {
+int crtsec_cmd_enqueue(HotplugCmd* cmd)
+{
     if (cmd == nullptr)
         return -1;
     const LockGuard lock(queue_mutex);
     return vylist_insert(queue, vylist_end(queue), cmd) != nullptr ? 0 : -1;
 }
 
-int crtsec_cmd_dequeue(HotplugCmd** cmd) {
+int crtsec_cmd_dequeue(HotplugCmd** cmd)
+{
     if (cmd == nullptr)
         return -1;
     const LockGuard lock(queue_mutex);
@@ -74,14 +80,16 @@ int crtsec_cmd_dequeue(HotplugCmd** cmd) {
     return 0;
 }
 
-int crtsec_blk_add(MountEntry* entry) {
+int crtsec_blk_add(MountEntry* entry)
+{
     if (entry == nullptr || entry->dev == nullptr)
         return -1;
     const LockGuard lock(set_mutex);
     return vylist_insert(busy, vylist_end(busy), entry) != nullptr ? 0 : -1;
 }
 
-int crtsec_blk_del(const MountEntry* entry) {
+int crtsec_blk_del(const MountEntry* entry)
+{
     if (entry == nullptr)
         return -1;
     const LockGuard lock(set_mutex);
@@ -94,7 +102,8 @@ int crtsec_blk_del(const MountEntry* entry) {
     return -1;
 }
 
-int crtsec_blk_search(MountEntry** entry, int32_t position) {
+int crtsec_blk_search(MountEntry** entry, int32_t position)
+{
     if (entry == nullptr || position < 0)
         return -1;
     const LockGuard lock(set_mutex);

@@ -58,12 +58,14 @@ struct MountEntry {
 
 // Which disk of its kind a device belongs to, counted from 0. A description without minors per
 // device (range 0) has the index 0.
-inline int32_t hotplug_dev_index(const HotplugDev* dev) {
+inline int32_t hotplug_dev_index(const HotplugDev* dev)
+{
     return dev->range == 0 ? 0 : dev->minor / dev->range;
 }
 
 // Partition number, 0 for the whole disk.
-inline int32_t hotplug_dev_partition(const HotplugDev* dev) {
+inline int32_t hotplug_dev_partition(const HotplugDev* dev)
+{
     return dev->range == 0 ? 0 : dev->minor % dev->range;
 }
 

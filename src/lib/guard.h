@@ -36,12 +36,14 @@ class Guard {
     T* operator->() const { return held_; }
     explicit operator bool() const { return held_ != nullptr; }
     T** out() { return &held_; } // for functions that return owned through a pointer; hold null
-    T* take() {
+    T* take()
+    {
         T* handed_on = held_;
         held_ = nullptr;
         return handed_on;
     }
-    void reset(T* next) {
+    void reset(T* next)
+    {
         if (held_ != nullptr)
             Release(held_);
         held_ = next;
@@ -52,11 +54,13 @@ class Guard {
 };
 
 template <typename T>
-void mem_release(T* memory) {
+void mem_release(T* memory)
+{
     free(memory);
 }
 
-inline void file_release(FILE* stream) {
+inline void file_release(FILE* stream)
+{
     (void)fclose(stream); // who cares for the last write's result has called fflush
 }
 
@@ -74,12 +78,14 @@ class FdGuard {
     FdGuard& operator=(const FdGuard&) = delete;
 
     int get() const { return fd_; }
-    int take() {
+    int take()
+    {
         const int handed_on = fd_;
         fd_ = -1;
         return handed_on;
     }
-    void reset(int next) {
+    void reset(int next)
+    {
         if (fd_ >= 0)
             close(fd_);
         fd_ = next;
@@ -114,10 +120,12 @@ class VY_SCOPED_CAPABILITY LockGuard {
 
 // Flags that a signal handler or another thread sets without a lock: one byte, lock-free
 // everywhere.
-inline uint8_t flag_get(const uint8_t* flag) {
+inline uint8_t flag_get(const uint8_t* flag)
+{
     return __atomic_load_n(flag, __ATOMIC_ACQUIRE);
 }
 
-inline void flag_set(uint8_t* flag, uint8_t value) {
+inline void flag_set(uint8_t* flag, uint8_t value)
+{
     __atomic_store_n(flag, value, __ATOMIC_RELEASE);
 }

@@ -23,7 +23,8 @@ static constexpr unsigned poll_ms = 200;
 static constexpr mode_t pid_file_mode = 644;
 
 // Writes this process's pid as the file's whole content.
-static bool write_own_pid(int fd) {
+static bool write_own_pid(int fd)
+{
     char text[16];
     const int length = snprintf(text, sizeof text, "%d\n", static_cast<int>(getpid()));
     if (ftruncate(fd, 0) != 0)
@@ -31,7 +32,8 @@ static bool write_own_pid(int fd) {
     return write(fd, text, static_cast<size_t>(length)) == length;
 }
 
-int vy_create_pid_file(const char* name) {
+int vy_create_pid_file(const char* name)
+{
     char path[path_size];
     (void)snprintf(path, sizeof path, "/var/run/%s.pid", name);
     FdGuard fd(open(path, O_WRONLY | O_CREAT, pid_file_mode));
@@ -47,7 +49,8 @@ int vy_create_pid_file(const char* name) {
 }
 
 // Reads the first 15 bytes of the file as text, without a newline at their end.
-static int read_pid_text(const char* path, char (&text)[16]) {
+static int read_pid_text(const char* path, char (&text)[16])
+{
     const FileGuard file(fopen(path, "r"));
     if (!file)
         return -1;
@@ -62,7 +65,8 @@ static int read_pid_text(const char* path, char (&text)[16]) {
     return 0;
 }
 
-int vy_sigsend_pid_file(const char* name, int signal) {
+int vy_sigsend_pid_file(const char* name, int signal)
+{
     VY_LOG(LOG_DEBUG, "open pid file (%s)", name);
     char below_run[path_size];
     const char* path = name;
@@ -95,7 +99,8 @@ struct Pipe {
     FdGuard read_end;
     FdGuard write_end;
 
-    int open() {
+    int open()
+    {
         int ends[2];
         const int result = sys_pipe(ends);
         if (result < 0)
@@ -108,7 +113,8 @@ struct Pipe {
 
 } // namespace
 
-pid_t vy_fork_exec(const char* file, char* const argv[], int* in_fd, int* out_fd, int* err_fd) {
+pid_t vy_fork_exec(const char* file, char* const argv[], int* in_fd, int* out_fd, int* err_fd)
+{
     Pipe in;
     Pipe out;
     Pipe err;
@@ -135,7 +141,8 @@ pid_t vy_fork_exec(const char* file, char* const argv[], int* in_fd, int* out_fd
 
 // Looks at the child until it ends or the time runs out. Returns waitpid's positive answer, 0 when
 // the time ran out, a negated errno.
-static pid_t poll_child(pid_t pid, int* wait_status, int timeout_ms) {
+static pid_t poll_child(pid_t pid, int* wait_status, int timeout_ms)
+{
     if (timeout_ms == -1)
         return sys_waitpid(pid, wait_status, 0);
     const int polls = timeout_ms / static_cast<int>(poll_ms);
@@ -148,7 +155,8 @@ static pid_t poll_child(pid_t pid, int* wait_status, int timeout_ms) {
     return 0;
 }
 
-int vy_wait(pid_t pid, int flags, int* status, int timeout_ms) {
+int vy_wait(pid_t pid, int flags, int* status, int timeout_ms)
+{
     int wait_status = 0;
     const pid_t ended = poll_child(pid, &wait_status, timeout_ms);
     if (ended < 0)

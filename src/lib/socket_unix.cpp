@@ -12,7 +12,8 @@
 static constexpr char log_tag[] = "socket_unix";
 static constexpr int listen_backlog = 128;
 
-static sockaddr_un make_address(const char* name) {
+static sockaddr_un make_address(const char* name)
+{
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     // An abstract name is one zero byte and then the name.
@@ -23,7 +24,8 @@ static sockaddr_un make_address(const char* name) {
     return address;
 }
 
-static int set_nonblocking(int fd) {
+static int set_nonblocking(int fd)
+{
     const int flags = fcntl(fd, F_GETFL);
     if (flags < 0) {
         VY_LOG(LOG_ERR, "Error - get socket flag (err=%d)", errno);
@@ -36,14 +38,16 @@ static int set_nonblocking(int fd) {
     return 0;
 }
 
-static int create_stream_socket() {
+static int create_stream_socket()
+{
     const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
     if (fd < 0)
         VY_LOG(LOG_ERR, "Error - create socket (err=%d)", errno);
     return fd < 0 ? -1 : fd;
 }
 
-int unix_create_listen_socket(const char* name) {
+int unix_create_listen_socket(const char* name)
+{
     FdGuard fd(create_stream_socket());
     if (fd.get() < 0)
         return -1;
@@ -66,7 +70,8 @@ int unix_create_listen_socket(const char* name) {
     return fd.take();
 }
 
-int unix_accept_addr(int listener, void* address, socklen_t* size) {
+int unix_accept_addr(int listener, void* address, socklen_t* size)
+{
     sockaddr_storage peer;
     static_assert(sizeof peer == 128);
     socklen_t length = sizeof peer;
@@ -84,7 +89,8 @@ int unix_accept_addr(int listener, void* address, socklen_t* size) {
     return fd.take();
 }
 
-int unix_create_socket(const char* name) {
+int unix_create_socket(const char* name)
+{
     FdGuard fd(create_stream_socket());
     if (fd.get() < 0)
         return -1;
@@ -97,12 +103,14 @@ int unix_create_socket(const char* name) {
 }
 
 // Returns 1 when the socket is ready, 0 when the time ran out, a negated errno.
-static int await(int fd, SysDirection direction, int timeout_ms) {
-    timeval limit = {.tv_sec = timeout_ms / 1000, .tv_usec = timeout_ms % 1000 * 1000};
+static int await(int fd, SysDirection direction, int timeout_ms)
+{
+    timeval limit = {.tv_sec = timeout_ms / 1000, .tv_usec = timeout_ms % 1000 * 1000L};
     return sys_select_one(fd, direction, &limit);
 }
 
-ssize_t unix_send(int fd, const void* buffer, size_t length, int flags, int timeout_ms) {
+ssize_t unix_send(int fd, const void* buffer, size_t length, int flags, int timeout_ms)
+{
     const int ready = await(fd, SYS_WRITABLE, timeout_ms);
     if (ready <= 0)
         return ready;
@@ -110,7 +118,8 @@ ssize_t unix_send(int fd, const void* buffer, size_t length, int flags, int time
     return sent < 0 ? -errno : sent;
 }
 
-ssize_t unix_recieve(int fd, void* buffer, size_t capacity, int flags, int timeout_ms) {
+ssize_t unix_recieve(int fd, void* buffer, size_t capacity, int flags, int timeout_ms)
+{
     const int ready = await(fd, SYS_READABLE, timeout_ms);
     if (ready < 0)
         return ready;

@@ -9,13 +9,15 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-char* str_cpy(char* destination, const char* source) {
+char* str_cpy(char* destination, const char* source)
+{
     const size_t length = strlen(source);
     memcpy(destination, source, length + 1);
     return destination + length;
 }
 
-char* str_ncpy(char* destination, const char* source, int32_t size) {
+char* str_ncpy(char* destination, const char* source, int32_t size)
+{
     if (size <= 0)
         return destination;
     const size_t length = strnlen(source, static_cast<size_t>(size) - 1);
@@ -25,7 +27,8 @@ char* str_ncpy(char* destination, const char* source, int32_t size) {
 }
 
 // Length of the whole UTF-8 sequence that `text` begins with; 0 at the NUL or at a malformed one.
-static uint32_t utf8_sequence(const char* text) {
+static uint32_t utf8_sequence(const char* text)
+{
     const auto lead = static_cast<uint8_t>(*text);
     uint32_t length = 0;
     if (lead == 0)
@@ -45,7 +48,8 @@ static uint32_t utf8_sequence(const char* text) {
     return length;
 }
 
-char* str_ncpy_u8(char* destination, const char* source, uint32_t size) {
+char* str_ncpy_u8(char* destination, const char* source, uint32_t size)
+{
     uint32_t used = 0;
     for (;;) {
         const uint32_t sequence = utf8_sequence(source + used);
@@ -60,17 +64,20 @@ char* str_ncpy_u8(char* destination, const char* source, uint32_t size) {
     return destination + used;
 }
 
-char ctox(signed char value) {
+char ctox(signed char value)
+{
     return static_cast<char>(value < 10 ? value + '0' : value + '7');
 }
 
-char* btox(uint8_t byte, char* destination) {
+char* btox(uint8_t byte, char* destination)
+{
     destination[0] = ctox(static_cast<signed char>(byte >> 4));
     destination[1] = ctox(static_cast<signed char>(byte & 0x0F));
     return destination + 2;
 }
 
-int32_t str_to_long(const char* text, int32_t* value, int base) {
+int32_t str_to_long(const char* text, int32_t* value, int base)
+{
     char* end = nullptr;
     errno = 0;
     const long long number = strtoll(text, &end, base);
@@ -87,13 +94,15 @@ int32_t str_to_long(const char* text, int32_t* value, int base) {
 }
 
 // Whether the first character of the number is a minus sign.
-static bool is_negative(const char* text) {
+static bool is_negative(const char* text)
+{
     while (isspace(static_cast<unsigned char>(*text)))
         text++;
     return *text == '-';
 }
 
-int32_t str_to_ulong(const char* text, uint32_t* value, int base) {
+int32_t str_to_ulong(const char* text, uint32_t* value, int base)
+{
     char* end = nullptr;
     errno = 0;
     const unsigned long long number = strtoull(text, &end, base);
@@ -110,7 +119,8 @@ int32_t str_to_ulong(const char* text, uint32_t* value, int base) {
     return 0;
 }
 
-ssize_t str_read(int fd, void* buffer, size_t length, int timeout_ms) {
+ssize_t str_read(int fd, void* buffer, size_t length, int timeout_ms)
+{
     if (timeout_ms != 0) {
         // The rest of the milliseconds goes in as microseconds: kept, callers are tuned to it.
         timeval limit = {.tv_sec = timeout_ms / 1000, .tv_usec = timeout_ms % 1000};

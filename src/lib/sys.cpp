@@ -12,66 +12,81 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-static int answer(int result) {
+static int answer(int result)
+{
     return result < 0 ? -errno : result;
 }
 
 int sys_mount(const char* source, const char* target, const char* type, unsigned long flags,
-              const char* options) {
+              const char* options)
+{
     return answer(mount(source, target, type, flags, options));
 }
 
-int sys_umount(const char* target) {
+int sys_umount(const char* target)
+{
     return answer(umount(target));
 }
 
-int sys_umount2(const char* target, int flags) {
+int sys_umount2(const char* target, int flags)
+{
     return answer(umount2(target, flags));
 }
 
-int sys_mknod(const char* path, mode_t mode, dev_t device) {
+int sys_mknod(const char* path, mode_t mode, dev_t device)
+{
     return answer(mknod(path, mode, device));
 }
 
-int sys_mkdir(const char* path, mode_t mode) {
+int sys_mkdir(const char* path, mode_t mode)
+{
     return answer(mkdir(path, mode));
 }
 
-int sys_rmdir(const char* path) {
+int sys_rmdir(const char* path)
+{
     return answer(rmdir(path));
 }
 
-int sys_unlink(const char* path) {
+int sys_unlink(const char* path)
+{
     return answer(unlink(path));
 }
 
-int sys_rename(const char* from, const char* to) {
+int sys_rename(const char* from, const char* to)
+{
     return answer(rename(from, to));
 }
 
-int sys_statfs(const char* path) {
+int sys_statfs(const char* path)
+{
     struct statfs ignored;
     return answer(statfs(path, &ignored));
 }
 
-void sys_sync() {
+void sys_sync()
+{
     sync();
 }
 
-int sys_kill(pid_t pid, int signal) {
+int sys_kill(pid_t pid, int signal)
+{
     return answer(kill(pid, signal));
 }
 
-pid_t sys_waitpid(pid_t pid, int* status, int options) {
+pid_t sys_waitpid(pid_t pid, int* status, int options)
+{
     return answer(waitpid(pid, status, options));
 }
 
-int sys_pipe(int ends[2]) {
+int sys_pipe(int ends[2])
+{
     return answer(pipe(ends));
 }
 
 // In the child: stream `number` becomes a duplicate of `source`, or /dev/null when that is -1.
-static void child_stream(int number, int source, int null_flags) {
+static void child_stream(int number, int source, int null_flags)
+{
     close(number);
     const int got = source >= 0 ? dup(source) : open("/dev/null", null_flags);
     if (got != number)
@@ -79,7 +94,8 @@ static void child_stream(int number, int source, int null_flags) {
 }
 
 // In the child: only calls that are safe after fork(2) in a process with threads.
-[[noreturn]] static void child_run(const char* file, char* const argv[], const int stdio[3]) {
+[[noreturn]] static void child_run(const char* file, char* const argv[], const int stdio[3])
+{
     child_stream(0, stdio[0], O_RDONLY);
     child_stream(1, stdio[1], O_WRONLY);
     child_stream(2, stdio[2], O_WRONLY);
@@ -89,30 +105,36 @@ static void child_stream(int number, int source, int null_flags) {
     _exit(1);
 }
 
-pid_t sys_spawn(const char* file, char* const argv[], const int stdio[3]) {
+pid_t sys_spawn(const char* file, char* const argv[], const int stdio[3])
+{
     const pid_t pid = fork();
     if (pid == 0)
         child_run(file, argv, stdio);
     return answer(pid);
 }
 
-int sys_clock_gettime(clockid_t clock, timespec* now) {
+int sys_clock_gettime(clockid_t clock, timespec* now)
+{
     return answer(clock_gettime(clock, now));
 }
 
-int sys_gettimeofday(timeval* now) {
+int sys_gettimeofday(timeval* now)
+{
     return answer(gettimeofday(now, nullptr));
 }
 
-int sys_time(time_t* now) {
+int sys_time(time_t* now)
+{
     return time(now) == static_cast<time_t>(-1) ? -errno : 0;
 }
 
-int sys_nanosleep(const timespec* interval, timespec* rest) {
+int sys_nanosleep(const timespec* interval, timespec* rest)
+{
     return answer(nanosleep(interval, rest));
 }
 
-int sys_select_one(int fd, SysDirection direction, timeval* limit) {
+int sys_select_one(int fd, SysDirection direction, timeval* limit)
+{
     if (fd < 0 || fd >= FD_SETSIZE)
         return -EBADF;
     fd_set set;

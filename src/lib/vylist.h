@@ -26,11 +26,13 @@ struct __attribute__((may_alias)) vylist {
 };
 
 // The head seen as a node: the end of every walk, and the insert position for "last".
-inline vylist_node* vylist_end(vylist* list) {
+inline vylist_node* vylist_end(vylist* list)
+{
     return reinterpret_cast<vylist_node*>(list);
 }
 
-inline const vylist_node* vylist_end(const vylist* list) {
+inline const vylist_node* vylist_end(const vylist* list)
+{
     return reinterpret_cast<const vylist_node*>(list);
 }
 

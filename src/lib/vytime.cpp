@@ -9,7 +9,8 @@
 
 static constexpr int32_t nsec_per_sec = 1000000000;
 
-int vytime_get(vytime* now, clockid_t clock) {
+int vytime_get(vytime* now, clockid_t clock)
+{
     timespec reading;
     const int result = sys_clock_gettime(clock, &reading);
     if (result < 0)
@@ -19,7 +20,8 @@ int vytime_get(vytime* now, clockid_t clock) {
     return 0;
 }
 
-int vytime_cmp(vytime a, vytime b) {
+int vytime_cmp(vytime a, vytime b)
+{
     const auto left = static_cast<int64_t>(vytime_count(a));
     const auto right = static_cast<int64_t>(vytime_count(b));
     if (left == right)
@@ -27,7 +29,8 @@ int vytime_cmp(vytime a, vytime b) {
     return left > right ? 1 : -1;
 }
 
-int vytime_pending(vytime start, vytime duration) {
+int vytime_pending(vytime start, vytime duration)
+{
     vytime now;
     if (vytime_get(&now, CLOCK_REALTIME) != 0)
         return -1;
@@ -35,7 +38,8 @@ int vytime_pending(vytime start, vytime duration) {
     return vytime_cmp(end, now) > 0 ? 1 : 0;
 }
 
-static int sleep_whole(timespec interval) {
+static int sleep_whole(timespec interval)
+{
     for (;;) {
         timespec rest = {};
         const int result = sys_nanosleep(&interval, &rest);
@@ -47,21 +51,25 @@ static int sleep_whole(timespec interval) {
     }
 }
 
-int vytime_usleep(uint32_t microseconds) {
+int vytime_usleep(uint32_t microseconds)
+{
     return sleep_whole({.tv_sec = static_cast<time_t>(microseconds / 1000000),
                         .tv_nsec = static_cast<long>(microseconds % 1000000) * 1000});
 }
 
-int vytime_msleep(uint32_t milliseconds) {
+int vytime_msleep(uint32_t milliseconds)
+{
     return sleep_whole({.tv_sec = static_cast<time_t>(milliseconds / 1000),
                         .tv_nsec = static_cast<long>(milliseconds % 1000) * 1000000});
 }
 
-int vytime_sleep(uint32_t seconds) {
+int vytime_sleep(uint32_t seconds)
+{
     return sleep_whole({.tv_sec = static_cast<time_t>(seconds), .tv_nsec = 0});
 }
 
-int vytime_get_timezone() {
+int vytime_get_timezone()
+{
     time_t now = 0;
     tm universal;
     tm local;
@@ -77,7 +85,8 @@ int vytime_get_timezone() {
 }
 
 // Reduces once, and only above a full second.
-static void carry(int32_t* sec, int32_t* nsec) {
+static void carry(int32_t* sec, int32_t* nsec)
+{
     if (*nsec <= nsec_per_sec)
         return;
     *nsec -= nsec_per_sec;
@@ -85,7 +94,8 @@ static void carry(int32_t* sec, int32_t* nsec) {
 }
 
 // Adds now - start to the current run, its seconds `times` times, and stops the watch.
-static void watch_gather(vytime_watch* watch, int32_t now_sec, int32_t now_nsec, int32_t times) {
+static void watch_gather(vytime_watch* watch, int32_t now_sec, int32_t now_nsec, int32_t times)
+{
     if (watch->start_sec == 0 && watch->start_nsec == 0)
         return;
     int32_t sec = now_sec - watch->start_sec;
@@ -101,7 +111,8 @@ static void watch_gather(vytime_watch* watch, int32_t now_sec, int32_t now_nsec,
     watch->start_nsec = 0;
 }
 
-static void watch_stop(vytime_watch* watch, int32_t now_sec, int32_t now_nsec) {
+static void watch_stop(vytime_watch* watch, int32_t now_sec, int32_t now_nsec)
+{
     watch_gather(watch, now_sec, now_nsec, 2); // kept: the last stretch's seconds count twice
     watch->total_sec += watch->run_sec;
     watch->total_nsec += watch->run_nsec;
@@ -113,7 +124,8 @@ static void watch_stop(vytime_watch* watch, int32_t now_sec, int32_t now_nsec) {
     watch->start_nsec = 0;
 }
 
-int vytime_stopwatch(vytime_watch* watch, uint32_t operation) {
+int vytime_stopwatch(vytime_watch* watch, uint32_t operation)
+{
     timespec now;
     const int result = sys_clock_gettime(CLOCK_MONOTONIC, &now);
     if (result < 0)
@@ -165,7 +177,8 @@ struct DayText {
 
 } // namespace
 
-static void append(DayText* text, const char* prefix, int digits, uint32_t value) {
+static void append(DayText* text, const char* prefix, int digits, uint32_t value)
+{
     if (text->failed)
         return;
     const auto space = static_cast<size_t>(text->size - text->length);
@@ -176,7 +189,8 @@ static void append(DayText* text, const char* prefix, int digits, uint32_t value
         text->length += written;
 }
 
-static void append_fields(DayText* text, const DayTime& day, uint32_t flags) {
+static void append_fields(DayText* text, const DayTime& day, uint32_t flags)
+{
     if (flags & VYTIME_FMT_HOUR) {
         append(text, "", 2, day.hours);
         if (!(flags & VYTIME_FMT_MIN))
@@ -196,7 +210,8 @@ static void append_fields(DayText* text, const DayTime& day, uint32_t flags) {
         append(text, point, 3, day.fraction_msec);
 }
 
-static int write_day_time(char* buffer, int32_t size, const DayTime& day, uint32_t flags) {
+static int write_day_time(char* buffer, int32_t size, const DayTime& day, uint32_t flags)
+{
     if (size <= 0)
         return -1;
     buffer[0] = '\0';
@@ -208,7 +223,8 @@ static int write_day_time(char* buffer, int32_t size, const DayTime& day, uint32
     return -1;
 }
 
-int vytime_format_now(char* buffer, int32_t size, uint32_t flags) {
+int vytime_format_now(char* buffer, int32_t size, uint32_t flags)
+{
     timeval now;
     const int result = sys_gettimeofday(&now);
     if (result < 0)
@@ -233,7 +249,8 @@ static constexpr uint32_t units_per_day = 2700000000U;
 static constexpr uint32_t units_per_hour = 112500000U;
 static constexpr uint32_t units_per_minute = 1875000U;
 
-static uint32_t units_of_day(uint64_t microseconds) {
+static uint32_t units_of_day(uint64_t microseconds)
+{
     const uint64_t units = microseconds >> 5;
     if (units <= UINT32_MAX)
         return static_cast<uint32_t>(units) % units_per_day;
@@ -242,7 +259,8 @@ static uint32_t units_of_day(uint64_t microseconds) {
     return rest;
 }
 
-int vytime_format(const vytime* value, char* buffer, int32_t size, uint32_t flags) {
+int vytime_format(const vytime* value, char* buffer, int32_t size, uint32_t flags)
+{
     if (flags == 0)
         flags =
             VYTIME_FMT_HOUR | VYTIME_FMT_MIN | VYTIME_FMT_SEC | VYTIME_FMT_USEC | VYTIME_FMT_LOCAL;
@@ -260,7 +278,8 @@ int vytime_format(const vytime* value, char* buffer, int32_t size, uint32_t flag
     return write_day_time(buffer, size, day, flags);
 }
 
-uint64_t vydiv64_32(uint64_t dividend, uint32_t divisor, uint32_t* remainder) {
+uint64_t vydiv64_32(uint64_t dividend, uint32_t divisor, uint32_t* remainder)
+{
     if (divisor == 0)
         __builtin_trap(); // not every machine traps a division by zero by itself
     const auto high = static_cast<uint32_t>(dividend >> 32);

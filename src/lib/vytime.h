@@ -11,11 +11,13 @@ struct vytime {
     uint32_t high;
 };
 
-constexpr uint64_t vytime_count(vytime value) {
+constexpr uint64_t vytime_count(vytime value)
+{
     return static_cast<uint64_t>(value.high) << 32 | value.low;
 }
 
-constexpr vytime vytime_make(uint64_t microseconds) {
+constexpr vytime vytime_make(uint64_t microseconds)
+{
     return {.low = static_cast<uint32_t>(microseconds),
             .high = static_cast<uint32_t>(microseconds >> 32)};
 }

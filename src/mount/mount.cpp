@@ -28,12 +28,14 @@ struct Extra {
     const char* text;
 };
 
-static Extra extra_of(const char* configured) {
+static Extra extra_of(const char* configured)
+{
     const bool given = configured != nullptr && configured[0] != '\0';
     return {.separator = given ? "," : "", .text = given ? configured : ""};
 }
 
-static Options ext_options(const ConfHotplug* config) {
+static Options ext_options(const ConfHotplug* config)
+{
     const Extra extra = extra_of(config->extfsoptions);
     Options options;
     (void)snprintf(options.text, sizeof options.text, "user_xattr%s%s", extra.separator,
@@ -41,8 +43,8 @@ static Options ext_options(const ConfHotplug* config) {
     return options;
 }
 
-static Options owner_options(const char* prefix, const ConfHotplug* config,
-                             const char* configured) {
+static Options owner_options(const char* prefix, const ConfHotplug* config, const char* configured)
+{
     const Extra extra = extra_of(configured);
     Options options;
     (void)snprintf(options.text, sizeof options.text, "%suid=%d,gid=%d,fmask=%04o,dmask=%04o%s%s",
@@ -54,13 +56,15 @@ static Options owner_options(const char* prefix, const ConfHotplug* config,
 
 // ---- kernel filesystems ----
 
-static bool is_readonly(const HotplugDev* dev) {
+static bool is_readonly(const HotplugDev* dev)
+{
     return (dev->flags & HOTPLUG_FLAG_READONLY) != 0;
 }
 
 // Mounts with `flags`, and once more read-only where the medium refuses writing.
 static int kernel_mount(const char* devnode, const char* mountpoint, const char* type,
-                        unsigned long flags, const Options& options, HotplugDev* dev) {
+                        unsigned long flags, const Options& options, HotplugDev* dev)
+{
     const unsigned long first = is_readonly(dev) ? flags | MS_RDONLY : flags;
     const int result = sys_mount(devnode, mountpoint, type, first, options.text);
     if (result == 0)
@@ -75,29 +79,34 @@ static int kernel_mount(const char* devnode, const char* mountpoint, const char*
 }
 
 static int mount_ext(const char* devnode, const char* mountpoint, const char* type, HotplugDev* dev,
-                     const ConfHotplug* config) {
+                     const ConfHotplug* config)
+{
     if (config->mountext == 0)
         return -1;
     return kernel_mount(devnode, mountpoint, type, MS_NODEV, ext_options(config), dev);
 }
 
 static int mount_ext4(const char* devnode, const char* mountpoint, HotplugDev* dev,
-                      const ConfHotplug* config) {
+                      const ConfHotplug* config)
+{
     return mount_ext(devnode, mountpoint, "ext4", dev, config);
 }
 
 static int mount_ext3(const char* devnode, const char* mountpoint, HotplugDev* dev,
-                      const ConfHotplug* config) {
+                      const ConfHotplug* config)
+{
     return mount_ext(devnode, mountpoint, "ext3", dev, config);
 }
 
 static int mount_ext2(const char* devnode, const char* mountpoint, HotplugDev* dev,
-                      const ConfHotplug* config) {
+                      const ConfHotplug* config)
+{
     return mount_ext(devnode, mountpoint, "ext2", dev, config);
 }
 
 static int mount_vfat(const char* devnode, const char* mountpoint, HotplugDev* dev,
-                      const ConfHotplug* config) {
+                      const ConfHotplug* config)
+{
     if (config->mountvfat == 0)
         return -1;
     const Options options = owner_options("", config, config->vfatoptions);
@@ -109,7 +118,8 @@ static int mount_vfat(const char* devnode, const char* mountpoint, HotplugDev* d
 // Starts the driver and waits for it. Returns its exit status (-1 for a signal's) in `status`; 0
 // with `status` 0 and its pid kept when it goes on running, which is as good as mounted. A driver
 // that cannot be started gives a negative value.
-static int run_driver(char* const argv[], HotplugDev* dev, int* status) {
+static int run_driver(char* const argv[], HotplugDev* dev, int* status)
+{
     const pid_t pid = vy_fork_exec(argv[0], argv, nullptr, nullptr, nullptr);
     if (pid < 0)
         return pid;
@@ -121,7 +131,8 @@ static int run_driver(char* const argv[], HotplugDev* dev, int* status) {
 }
 
 static int mount_ntfs(const char* devnode, const char* mountpoint, HotplugDev* dev,
-                      const ConfHotplug* config) {
+                      const ConfHotplug* config)
+{
     if (config->mountntfs == 0)
         return -1;
     Options options = owner_options("ro,", config, config->ntfsoptions);
@@ -169,14 +180,16 @@ constexpr Filesystem filesystems[] = {
 
 } // namespace
 
-static int make_node(const MountEntry* entry) {
+static int make_node(const MountEntry* entry)
+{
     const dev_t number =
         makedev(static_cast<unsigned>(entry->dev->major), static_cast<unsigned>(entry->dev->minor));
     const int result = sys_mknod(entry->devnode, S_IFBLK, number);
     return result == 0 || result == -EEXIST ? 0 : -1;
 }
 
-static int make_directory(const MountEntry* entry) {
+static int make_directory(const MountEntry* entry)
+{
     const int result = sys_mkdir(entry->mountpoint, mount_directory_mode);
     if (result != -EEXIST)
         return result == 0 ? 0 : -1;
@@ -185,18 +198,21 @@ static int make_directory(const MountEntry* entry) {
 }
 
 // Removes the mount directory and the node as far as they can be removed.
-static void remove_places(const MountEntry* entry) {
+static void remove_places(const MountEntry* entry)
+{
     (void)sys_rmdir(entry->mountpoint);
     (void)sys_unlink(entry->devnode);
 }
 
-static bool is_known(uint8_t fstype) {
+static bool is_known(uint8_t fstype)
+{
     return fstype >= CONF_DEV_FS_EXT2 && fstype <= CONF_DEV_FS_NTFS;
 }
 
 // Mounts as the wanted filesystem, or as the first that takes it when none is wanted. Returns the
 // filesystem mounted; null when there was none.
-static const Filesystem* mount_as(const MountEntry* entry, const ConfHotplug* config) {
+static const Filesystem* mount_as(const MountEntry* entry, const ConfHotplug* config)
+{
     const uint8_t wanted = entry->fstype;
     for (const Filesystem& filesystem : filesystems) {
         if (is_known(wanted) && filesystem.code != wanted)
@@ -207,7 +223,8 @@ static const Filesystem* mount_as(const MountEntry* entry, const ConfHotplug* co
     return nullptr;
 }
 
-int vymount(MountEntry* entry, const ConfHotplug* config) {
+int vymount(MountEntry* entry, const ConfHotplug* config)
+{
     if (make_node(entry) != 0)
         return -1;
     if (make_directory(entry) != 0)

@@ -11,24 +11,27 @@ static constexpr char table_file[] = "/etc/mtab";
 static constexpr char temporary_file[] = "/tmp/mntent.tmp";
 static constexpr int line_size = 512;
 
-static void table_release(FILE* table) {
+static void table_release(FILE* table)
+{
     (void)endmntent(table);
 }
 
 using TableGuard = Guard<FILE, table_release>;
 
-static bool belongs_to_kernel() {
+static bool belongs_to_kernel()
+{
     struct stat status;
     return lstat(table_file, &status) == 0 && S_ISLNK(status.st_mode);
 }
 
 // mntent's texts are writable by type, but addmntent only reads them.
-static char* text(const char* constant) {
+static char* text(const char* constant)
+{
     return const_cast<char*>(constant);
 }
 
-void mtab_append(const char* devnode, const char* mountpoint, const char* type,
-                 const char* options) {
+void mtab_append(const char* devnode, const char* mountpoint, const char* type, const char* options)
+{
     if (belongs_to_kernel())
         return;
     const TableGuard table(setmntent(table_file, "a"));
@@ -43,7 +46,8 @@ void mtab_append(const char* devnode, const char* mountpoint, const char* type,
 }
 
 // Copies all lines but those of that node at that directory. Returns -1 when one cannot be written.
-static int copy_without(FILE* from, FILE* to, const char* devnode, const char* mountpoint) {
+static int copy_without(FILE* from, FILE* to, const char* devnode, const char* mountpoint)
+{
     mntent line = {};
     char texts[line_size];
     while (getmntent_r(from, &line, texts, sizeof texts) != nullptr) {
@@ -55,7 +59,8 @@ static int copy_without(FILE* from, FILE* to, const char* devnode, const char* m
     return fflush(to) == 0 ? 0 : -1; // a full disk must not cost the other lines
 }
 
-void mtab_remove(const char* devnode, const char* mountpoint) {
+void mtab_remove(const char* devnode, const char* mountpoint)
+{
     if (belongs_to_kernel())
         return;
     TableGuard copy(setmntent(temporary_file, "w"));

@@ -16,7 +16,8 @@ enum class Detached {
 
 } // namespace
 
-static Detached detach(const char* mountpoint, unsigned force) {
+static Detached detach(const char* mountpoint, unsigned force)
+{
     const int result = sys_umount(mountpoint);
     if (result == 0)
         return Detached::done;
@@ -32,7 +33,8 @@ static Detached detach(const char* mountpoint, unsigned force) {
     return Detached::failed;
 }
 
-int vyunmount(MountEntry* entry, unsigned force) {
+int vyunmount(MountEntry* entry, unsigned force)
+{
     sys_sync();
     const Detached detached = detach(entry->mountpoint, force);
     if (detached == Detached::failed)

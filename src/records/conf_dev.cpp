@@ -9,7 +9,8 @@ static constexpr int key_size = 512;
 // Formats an identity; -1 when it is too long. One of exactly 512 characters is used cut to 511:
 // kept, such serials have been stored that way.
 static int format_key(char (&key)[key_size], uint16_t vid, uint16_t pid, const char* serial,
-                      int32_t partition) {
+                      int32_t partition)
+{
     const int length = snprintf(key, sizeof key, "%04hx:%04hx:%s:%d", vid, pid,
                                 serial != nullptr ? serial : "", partition);
     return length < 0 || length > key_size ? -1 : 0;
@@ -17,7 +18,8 @@ static int format_key(char (&key)[key_size], uint16_t vid, uint16_t pid, const c
 
 // ---- records ----
 
-static void free_users(vylist* users) {
+static void free_users(vylist* users)
+{
     if (users == nullptr)
         return;
     for (vylist_node* node = users->next; node != vylist_end(users); node = node->next)
@@ -25,7 +27,8 @@ static void free_users(vylist* users) {
     vylist_dispose(users);
 }
 
-void conf_dev_record_free(ConfDev* dev) {
+void conf_dev_record_free(ConfDev* dev)
+{
     free(dev->identifier);
     free(dev->sharename);
     free(dev->path);
@@ -37,7 +40,8 @@ void conf_dev_record_free(ConfDev* dev) {
     free(dev);
 }
 
-ConfDev* conf_dev_record_create() {
+ConfDev* conf_dev_record_create()
+{
     ConfDevGuard dev(static_cast<ConfDev*>(calloc(1, sizeof(ConfDev))));
     if (!dev)
         return nullptr;
@@ -50,7 +54,8 @@ ConfDev* conf_dev_record_create() {
     return complete ? dev.take() : nullptr;
 }
 
-void conf_dev_record_defaults(ConfDev* dev) {
+void conf_dev_record_defaults(ConfDev* dev)
+{
     dev->filesystem = CONF_DEV_FS_UNKNOWN;
     dev->sync = 0;
     dev->readonly = 0;
@@ -60,7 +65,8 @@ void conf_dev_record_defaults(ConfDev* dev) {
 }
 
 // Whether the record carries nothing of the administrator's. The filesystem is not looked at.
-static bool is_default(const ConfDev* dev) {
+static bool is_default(const ConfDev* dev)
+{
     return dev->sharename == nullptr && dev->path == nullptr && dev->comment == nullptr &&
            dev->sync == 0 && dev->readonly == 0 && dev->guestaccess == 0 && dev->guesthide == 0 &&
            dev->administrator == CONF_DEV_ADMIN_FULL && dev->fullaccessusers->count == 0 &&
@@ -70,11 +76,13 @@ static bool is_default(const ConfDev* dev) {
 
 // ---- the table ----
 
-static ConfDev* record_of(const vylist_node* node) {
+static ConfDev* record_of(const vylist_node* node)
+{
     return static_cast<ConfDev*>(node->data);
 }
 
-ConfDevTable* conf_dev_create() {
+ConfDevTable* conf_dev_create()
+{
     MemGuard<ConfDevTable> table(static_cast<ConfDevTable*>(malloc(sizeof(ConfDevTable))));
     if (!table)
         return nullptr;
@@ -84,7 +92,8 @@ ConfDevTable* conf_dev_create() {
     return table.take();
 }
 
-void conf_dev_free(ConfDevTable* table) {
+void conf_dev_free(ConfDevTable* table)
+{
     if (table == nullptr)
         return;
     for (vylist_node* node = table->list->next; node != vylist_end(table->list); node = node->next)
@@ -93,7 +102,8 @@ void conf_dev_free(ConfDevTable* table) {
     free(table);
 }
 
-static ConfDev* find_key(const ConfDevTable* table, const char* key) {
+static ConfDev* find_key(const ConfDevTable* table, const char* key)
+{
     for (vylist_node* node = table->list->next; node != vylist_end(table->list);
          node = node->next) {
         if (strcmp(record_of(node)->identifier, key) == 0)
@@ -103,7 +113,8 @@ static ConfDev* find_key(const ConfDevTable* table, const char* key) {
 }
 
 ConfDev* conf_dev_add(ConfDevTable* table, uint16_t vid, uint16_t pid, const char* serial,
-                      int32_t partition) {
+                      int32_t partition)
+{
     char key[key_size];
     if (format_key(key, vid, pid, serial, partition) != 0)
         return nullptr;
@@ -122,7 +133,8 @@ ConfDev* conf_dev_add(ConfDevTable* table, uint16_t vid, uint16_t pid, const cha
 }
 
 ConfDev* conf_dev_find(const ConfDevTable* table, uint16_t vid, uint16_t pid, const char* serial,
-                       int32_t partition) {
+                       int32_t partition)
+{
     char key[key_size];
     if (format_key(key, vid, pid, serial, partition) != 0)
         return nullptr;
@@ -130,14 +142,16 @@ ConfDev* conf_dev_find(const ConfDevTable* table, uint16_t vid, uint16_t pid, co
 }
 
 int conf_dev_cmp(const ConfDev* dev, uint16_t vid, uint16_t pid, const char* serial,
-                 int32_t partition) {
+                 int32_t partition)
+{
     char key[key_size];
     if (format_key(key, vid, pid, serial, partition) != 0)
         return -1;
     return strcmp(key, dev->identifier);
 }
 
-ConfDev* conf_dev_find_index(const ConfDevTable* table, int32_t index) {
+ConfDev* conf_dev_find_index(const ConfDevTable* table, int32_t index)
+{
     if (index < 0)
         return nullptr;
     for (vylist_node* node = table->list->next; node != vylist_end(table->list);
@@ -148,7 +162,8 @@ ConfDev* conf_dev_find_index(const ConfDevTable* table, int32_t index) {
     return nullptr;
 }
 
-ConfDev* conf_dev_find_def(const ConfDevTable* table, int32_t n) {
+ConfDev* conf_dev_find_def(const ConfDevTable* table, int32_t n)
+{
     if (n < 0)
         return nullptr;
     for (vylist_node* node = table->list->next; node != vylist_end(table->list);
@@ -160,12 +175,14 @@ ConfDev* conf_dev_find_def(const ConfDevTable* table, int32_t n) {
 }
 
 // Frees the node's record and the node. Returns the node that followed.
-static vylist_node* erase(ConfDevTable* table, vylist_node* node) {
+static vylist_node* erase(ConfDevTable* table, vylist_node* node)
+{
     conf_dev_record_free(record_of(node));
     return vylist_erase(table->list, node);
 }
 
-int conf_dev_del(ConfDevTable* table, ConfDev* dev) {
+int conf_dev_del(ConfDevTable* table, ConfDev* dev)
+{
     for (vylist_node* node = table->list->next; node != vylist_end(table->list);
          node = node->next) {
         if (node->data != dev)
@@ -176,7 +193,8 @@ int conf_dev_del(ConfDevTable* table, ConfDev* dev) {
     return -1;
 }
 
-void conf_dev_prune(ConfDevTable* table, bool (*in_use)(const ConfDev* dev)) {
+void conf_dev_prune(ConfDevTable* table, bool (*in_use)(const ConfDev* dev))
+{
     for (vylist_node* node = table->list->next; node != vylist_end(table->list);) {
         if (is_default(record_of(node)) && !in_use(record_of(node)))
             node = erase(table, node);

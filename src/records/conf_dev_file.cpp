@@ -69,20 +69,23 @@ constexpr UsersKey users_keys[] = {
 // ---- loading ----
 
 // Returns owned: the key's last value in the record's section; null when absent or empty.
-static char* read_value(const IniDoc* doc, const ConfDev* dev, const char* key) {
+static char* read_value(const IniDoc* doc, const ConfDev* dev, const char* key)
+{
     IniValueGuard value;
     if (ini_doc_get_string(doc, dev->identifier, key, value.out(), INI_LAST) != 0)
         return nullptr;
     return value.get()[0] == '\0' ? nullptr : value.take();
 }
 
-static char* read_text(const IniDoc* doc, const ConfDev* dev, const char* key, size_t max) {
+static char* read_text(const IniDoc* doc, const ConfDev* dev, const char* key, size_t max)
+{
     const IniValueGuard value(read_value(doc, dev, key));
     return value ? strndup(value.get(), max) : nullptr;
 }
 
 // Returns -1 when the record must be dropped for its path.
-static int read_path(const IniDoc* doc, ConfDev* dev) {
+static int read_path(const IniDoc* doc, ConfDev* dev)
+{
     const IniValueGuard value(read_value(doc, dev, "path"));
     if (!value)
         return 0;
@@ -94,7 +97,8 @@ static int read_path(const IniDoc* doc, ConfDev* dev) {
 
 template <size_t N>
 static uint8_t read_word(const IniDoc* doc, const ConfDev* dev, const char* key,
-                         const Word (&words)[N], uint8_t otherwise) {
+                         const Word (&words)[N], uint8_t otherwise)
+{
     const IniValueGuard value(read_value(doc, dev, key));
     if (!value)
         return otherwise;
@@ -105,13 +109,15 @@ static uint8_t read_word(const IniDoc* doc, const ConfDev* dev, const char* key,
     return otherwise;
 }
 
-static void read_switch(const IniDoc* doc, ConfDev* dev, const SwitchKey& row) {
+static void read_switch(const IniDoc* doc, ConfDev* dev, const SwitchKey& row)
+{
     const IniValueGuard value(read_value(doc, dev, row.key));
     dev->*row.field = string_enable_disable(value.get()) == 1 ? 1 : 0;
 }
 
 // Reads every setting. Returns -1 when the record must be dropped.
-static int read_settings(const IniDoc* doc, ConfDev* dev) {
+static int read_settings(const IniDoc* doc, ConfDev* dev)
+{
     dev->sharename = read_text(doc, dev, "sharename", sharename_max);
     if (read_path(doc, dev) != 0)
         return -1;
@@ -132,7 +138,8 @@ static int read_settings(const IniDoc* doc, ConfDev* dev) {
 
 // Appends the record of one section, or nothing for a section that is not usable. Returns -1 when
 // loading must end.
-static int load_section(const IniDoc* doc, const char* name, ConfDevTable* table) {
+static int load_section(const IniDoc* doc, const char* name, ConfDevTable* table)
+{
     ConfDevGuard dev(conf_dev_record_create());
     if (!dev)
         return -1;
@@ -150,7 +157,8 @@ static int load_section(const IniDoc* doc, const char* name, ConfDevTable* table
     return 0;
 }
 
-int conf_dev_load(const char* path, ConfDevTable* table) {
+int conf_dev_load(const char* path, ConfDevTable* table)
+{
     IniDocGuard doc;
     if (ini_doc_load(path, doc.out()) != 0)
         return -1;
@@ -167,7 +175,8 @@ int conf_dev_load(const char* path, ConfDevTable* table) {
 
 // ---- user lists ----
 
-static bool holds_user(vylist* users, int32_t id) {
+static bool holds_user(vylist* users, int32_t id)
+{
     for (vylist_node* node = users->next; node != vylist_end(users); node = node->next) {
         if (*static_cast<int32_t*>(node->data) == id)
             return true;
@@ -176,7 +185,8 @@ static bool holds_user(vylist* users, int32_t id) {
 }
 
 // Appends the id that `digits` spell. Returns 1 when it was appended, 0 otherwise.
-static int append_user(const char* digits, vylist* users) {
+static int append_user(const char* digits, vylist* users)
+{
     int32_t id = 0;
     if (str_to_long(digits, &id, 10) != 0 || id < 0 || holds_user(users, id))
         return 0;
@@ -190,14 +200,16 @@ static int append_user(const char* digits, vylist* users) {
     return 1;
 }
 
-static size_t digit_run(const char* text) {
+static size_t digit_run(const char* text)
+{
     size_t length = 0;
     while (isdigit(static_cast<unsigned char>(text[length])))
         length++;
     return length;
 }
 
-int conf_parse_user_list(const char* text, vylist* users) {
+int conf_parse_user_list(const char* text, vylist* users)
+{
     int appended = 0;
     while (*text != '\0') {
         const size_t run = digit_run(text);
@@ -213,7 +225,8 @@ int conf_parse_user_list(const char* text, vylist* users) {
     return appended;
 }
 
-int conf_write_user_list(FILE* stream, const vylist* users) {
+int conf_write_user_list(FILE* stream, const vylist* users)
+{
     if (stream == nullptr || users == nullptr)
         return -1;
     for (const vylist_node* node = users->next; node != vylist_end(users); node = node->next) {
@@ -226,7 +239,8 @@ int conf_write_user_list(FILE* stream, const vylist* users) {
 // ---- saving ----
 
 // An ext4 setting goes the way of an unknown one: kept, the administration pages know no EXT4.
-static const char* filesystem_line(uint8_t filesystem) {
+static const char* filesystem_line(uint8_t filesystem)
+{
     switch (filesystem) {
     case CONF_DEV_FS_UNKNOWN:
         return nullptr;
@@ -244,7 +258,8 @@ static const char* filesystem_line(uint8_t filesystem) {
 }
 
 // Full access is the default, so its line is never asked for.
-static const char* administrator_line(uint8_t administrator) {
+static const char* administrator_line(uint8_t administrator)
+{
     switch (administrator) {
     case CONF_DEV_ADMIN_HIDE:
         return "Administrator=Hide\n";
@@ -258,11 +273,13 @@ static const char* administrator_line(uint8_t administrator) {
 }
 
 // Writes a whole line, or nothing for null. Returns -1 when the write fails.
-static int write_line(FILE* stream, const char* line) {
+static int write_line(FILE* stream, const char* line)
+{
     return line == nullptr || fputs(line, stream) != EOF ? 0 : -1;
 }
 
-static int write_texts(FILE* stream, const ConfDev* dev) {
+static int write_texts(FILE* stream, const ConfDev* dev)
+{
     if (fprintf(stream, "[%s]\n", dev->identifier) < 0)
         return -1;
     if (fprintf(stream, "Share Name=%s\n", dev->sharename != nullptr ? dev->sharename : "") < 0)
@@ -274,7 +291,8 @@ static int write_texts(FILE* stream, const ConfDev* dev) {
     return 0;
 }
 
-static int write_switches(FILE* stream, const ConfDev* dev) {
+static int write_switches(FILE* stream, const ConfDev* dev)
+{
     for (const SwitchKey& row : switch_keys) {
         if (row.line == nullptr)
             continue;
@@ -285,7 +303,8 @@ static int write_switches(FILE* stream, const ConfDev* dev) {
     return 0;
 }
 
-static int write_record(FILE* stream, const ConfDev* dev) {
+static int write_record(FILE* stream, const ConfDev* dev)
+{
     if (write_texts(stream, dev) != 0)
         return -1;
     if (write_line(stream, filesystem_line(dev->filesystem)) != 0)
@@ -306,7 +325,8 @@ static int write_record(FILE* stream, const ConfDev* dev) {
 }
 
 // Writes every record down to the file, so that a full disk shows here. Returns -1 with errno.
-static int write_table(FILE* stream, const ConfDevTable* table) {
+static int write_table(FILE* stream, const ConfDevTable* table)
+{
     for (vylist_node* node = table->list->next; node != vylist_end(table->list);
          node = node->next) {
         const auto* dev = static_cast<const ConfDev*>(node->data);
@@ -316,7 +336,8 @@ static int write_table(FILE* stream, const ConfDevTable* table) {
     return fflush(stream) == 0 ? 0 : -1;
 }
 
-int conf_dev_save(const char* path, const ConfDevTable* table) {
+int conf_dev_save(const char* path, const ConfDevTable* table)
+{
     if (table == nullptr || table->list == nullptr)
         return -1;
     FileGuard file(fopen(temporary_file, "w"));

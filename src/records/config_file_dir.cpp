@@ -22,17 +22,20 @@ static constexpr uint32_t label_in_name_size = 34;
 // ---- lines ----
 
 // Writes a whole line, or nothing for null. Returns -1 when the write fails.
-static int write_line(FILE* stream, const char* line) {
+static int write_line(FILE* stream, const char* line)
+{
     return line == nullptr || fputs(line, stream) != EOF ? 0 : -1;
 }
 
 // Writes "<key><text>" and a line feed, or nothing for a null text.
-static int write_text(FILE* stream, const char* key, const char* text) {
+static int write_text(FILE* stream, const char* key, const char* text)
+{
     return text == nullptr || fprintf(stream, "%s%s\n", key, text) >= 0 ? 0 : -1;
 }
 
 // No line for ext4: kept, the share service knows no such word.
-static const char* filesystem_line(uint8_t filesystem) {
+static const char* filesystem_line(uint8_t filesystem)
+{
     switch (filesystem) {
     case CONF_DEV_FS_EXT2:
         return "File System=EXT2\n";
@@ -47,7 +50,8 @@ static const char* filesystem_line(uint8_t filesystem) {
     }
 }
 
-static const char* administrator_line(uint8_t administrator) {
+static const char* administrator_line(uint8_t administrator)
+{
     switch (administrator) {
     case CONF_DEV_ADMIN_HIDE:
         return "Administrator=HideT\n"; // kept: the share service looks for this spelling
@@ -88,7 +92,8 @@ constexpr UsersLine users_lines[] = {
 
 } // namespace
 
-int conf_dir_info(FILE* stream, const char* sharename, const ConfDev* dev) {
+int conf_dir_info(FILE* stream, const char* sharename, const ConfDev* dev)
+{
     if (fprintf(stream, "[%s]\n", sharename) < 0)
         return -1;
     if (write_text(stream, "Comment=", dev->comment) != 0)
@@ -111,7 +116,8 @@ int conf_dir_info(FILE* stream, const char* sharename, const ConfDev* dev) {
     return 0;
 }
 
-static int write_usb_port(FILE* stream, const HotplugDev* dev) {
+static int write_usb_port(FILE* stream, const HotplugDev* dev)
+{
     if (dev->usbport[0] == 0)
         return 0;
     const char* separator = "USB Port=";
@@ -125,7 +131,8 @@ static int write_usb_port(FILE* stream, const HotplugDev* dev) {
     return write_line(stream, "\n");
 }
 
-int conf_dir_exinfo(FILE* stream, const MountEntry* entry) {
+int conf_dir_exinfo(FILE* stream, const MountEntry* entry)
+{
     const HotplugDev* dev = entry->dev;
     if (write_line(stream, entry->mounted == 0 ? "Status=Unmount\n" : nullptr) != 0)
         return -1;
@@ -153,7 +160,8 @@ int conf_dir_exinfo(FILE* stream, const MountEntry* entry) {
 
 // Ends a section that began at `start`: down to the file when all its writes went well, out of the
 // file otherwise, so that the next one begins where it began.
-static void end_section(FILE* stream, off_t start, bool written) {
+static void end_section(FILE* stream, off_t start, bool written)
+{
     if (written && fflush(stream) == 0)
         return;
     __fpurge(stream);
@@ -164,14 +172,16 @@ static void end_section(FILE* stream, off_t start, bool written) {
 }
 
 // Fills `name` for a fixed directory; unnamed ones are numbered in table order.
-static void name_directory(const ConfDev* dev, int* unnamed, char (&name)[sharename_size]) {
+static void name_directory(const ConfDev* dev, int* unnamed, char (&name)[sharename_size])
+{
     if (dev->sharename != nullptr)
         str_ncpy(name, dev->sharename, sizeof name);
     else
         (void)snprintf(name, sizeof name, "Disk(%d)", (*unnamed)++);
 }
 
-static bool write_directory(FILE* stream, const char* name, const ConfDev* dev) {
+static bool write_directory(FILE* stream, const char* name, const ConfDev* dev)
+{
     if (conf_dir_info(stream, name, dev) != 0)
         return false;
     if (write_text(stream, "Path=", dev->path) != 0)
@@ -181,7 +191,8 @@ static bool write_directory(FILE* stream, const char* name, const ConfDev* dev) 
     return write_text(stream, "Identifier=", dev->identifier) == 0;
 }
 
-static void write_directories(FILE* stream, const ConfDevTable* table) {
+static void write_directories(FILE* stream, const ConfDevTable* table)
+{
     int unnamed = 0;
     for (const vylist_node* node = table->list->next; node != vylist_end(table->list);
          node = node->next) {
@@ -197,7 +208,8 @@ static void write_directories(FILE* stream, const ConfDevTable* table) {
 
 // Fills `name` after the volume's label, or "Drive", and the partition's letter and number. Empty
 // for a kind of device that has no names.
-static void name_by_label(const HotplugDev* dev, const char* label, char (&name)[sharename_size]) {
+static void name_by_label(const HotplugDev* dev, const char* label, char (&name)[sharename_size])
+{
     char base[label_in_name_size];
     str_ncpy_u8(base, label, sizeof base);
     if (base[0] == '\0')
@@ -213,7 +225,8 @@ static void name_by_label(const HotplugDev* dev, const char* label, char (&name)
 
 // Fills `name`, and `label` where the name comes from it.
 static void name_partition(const MountEntry* entry, const ConfDev* dev, char (&label)[label_size],
-                           char (&name)[sharename_size]) {
+                           char (&name)[sharename_size])
+{
     label[0] = '\0';
     if (dev->sharename != nullptr) {
         str_ncpy(name, dev->sharename, sizeof name);
@@ -223,7 +236,8 @@ static void name_partition(const MountEntry* entry, const ConfDev* dev, char (&l
     name_by_label(entry->dev, label, name);
 }
 
-static const char* device_kind(const HotplugDev* dev) {
+static const char* device_kind(const HotplugDev* dev)
+{
     switch (dev->major) {
     case MAJOR_SD:
         return "USB Storage Device";
@@ -234,7 +248,8 @@ static const char* device_kind(const HotplugDev* dev) {
     }
 }
 
-static void describe_device(const HotplugDev* dev, char (&comment)[comment_size]) {
+static void describe_device(const HotplugDev* dev, char (&comment)[comment_size])
+{
     const char* kind = device_kind(dev);
     if (dev->vname == nullptr && dev->pname == nullptr) {
         (void)snprintf(comment, sizeof comment, "%s (0x%04hX/0x%04hX)", kind, dev->vid, dev->pid);
@@ -247,7 +262,8 @@ static void describe_device(const HotplugDev* dev, char (&comment)[comment_size]
 }
 
 static bool write_partition(FILE* stream, const MountEntry* entry, const ConfDev* dev,
-                            const char* name, const char* label) {
+                            const char* name, const char* label)
+{
     if (conf_dir_info(stream, name, dev) != 0)
         return false;
     if (write_text(stream, "Identifier=", dev->identifier) != 0)
@@ -263,13 +279,15 @@ static bool write_partition(FILE* stream, const MountEntry* entry, const ConfDev
     return write_text(stream, "Comment=", comment) == 0;
 }
 
-static void keep_sharename(MountEntry* entry, const char* name) {
+static void keep_sharename(MountEntry* entry, const char* name)
+{
     free(entry->sharename);
     entry->sharename = strdup(name);
 }
 
 // The record of a mounted partition; null when it has none, which is logged.
-static const ConfDev* record_of(const ConfDevTable* table, const HotplugDev* dev) {
+static const ConfDev* record_of(const ConfDevTable* table, const HotplugDev* dev)
+{
     const ConfDev* found =
         conf_dev_find(table, dev->vid, dev->pid, dev->serial, hotplug_dev_partition(dev));
     if (found == nullptr)
@@ -277,7 +295,8 @@ static const ConfDev* record_of(const ConfDevTable* table, const HotplugDev* dev
     return found;
 }
 
-static void add_partition(FILE* stream, const ConfDevTable* table, MountEntry* entry, bool exinfo) {
+static void add_partition(FILE* stream, const ConfDevTable* table, MountEntry* entry, bool exinfo)
+{
     if (entry->gone != 0)
         return;
     const ConfDev* dev = record_of(table, entry->dev);
@@ -294,7 +313,8 @@ static void add_partition(FILE* stream, const ConfDevTable* table, MountEntry* e
     end_section(stream, start, written);
 }
 
-static void write_partitions(FILE* stream, const ConfDevTable* table, bool exinfo) {
+static void write_partitions(FILE* stream, const ConfDevTable* table, bool exinfo)
+{
     MountEntry* entry = nullptr;
     for (int32_t at = 0; crtsec_blk_search(&entry, at) == 0; at++)
         add_partition(stream, table, entry, exinfo);
@@ -302,7 +322,8 @@ static void write_partitions(FILE* stream, const ConfDevTable* table, bool exinf
 
 // ---- the file ----
 
-int conf_dir_save(const char* path, const ConfDevTable* table, int naswork) {
+int conf_dir_save(const char* path, const ConfDevTable* table, int naswork)
+{
     FileGuard file(fopen(temporary_file, "w"));
     if (!file)
         return -1;
@@ -315,7 +336,8 @@ int conf_dir_save(const char* path, const ConfDevTable* table, int naswork) {
     return 0;
 }
 
-int conf_dir_set_unmount_flg(const char* path, const char* sharename) {
+int conf_dir_set_unmount_flg(const char* path, const char* sharename)
+{
     if (path == nullptr || sharename == nullptr)
         return -1;
     FILE* file = fopen(path, "a");

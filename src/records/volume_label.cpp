@@ -8,14 +8,16 @@ static constexpr int tool_timeout_ms = 20000;
 
 static int fat_labels_on = 1;
 
-int conf_dir_set_fat_vlabel(int enable) {
+int conf_dir_set_fat_vlabel(int enable)
+{
     fat_labels_on = enable != 0 ? 1 : 0;
     return 0;
 }
 
 // Runs a label tool and takes what it prints. Returns the bytes read, 0 with an empty text when the
 // tool fails, a negated errno when it cannot be started or read.
-static int read_tool(char* const argv[], char* buffer, int size) {
+static int read_tool(char* const argv[], char* buffer, int size)
+{
     int out_fd = -1;
     const pid_t pid = vy_fork_exec(argv[0], argv, nullptr, &out_fd, nullptr);
     if (pid < 0)
@@ -33,23 +35,27 @@ static int read_tool(char* const argv[], char* buffer, int size) {
 }
 
 // execvp wants its texts writable by type, but never writes to them.
-static char* text(const char* constant) {
+static char* text(const char* constant)
+{
     return const_cast<char*>(constant);
 }
 
-int conf_dir_get_vlabel_vfat(const MountEntry* entry, char* buffer, int size) {
+int conf_dir_get_vlabel_vfat(const MountEntry* entry, char* buffer, int size)
+{
     if (fat_labels_on == 0)
         return -1;
     char* const argv[] = {text("mlabel"), text("-i"), entry->devnode, text("-n"), nullptr};
     return read_tool(argv, buffer, size);
 }
 
-int conf_dir_get_vlabel_ntfs(const MountEntry* entry, char* buffer, int size) {
+int conf_dir_get_vlabel_ntfs(const MountEntry* entry, char* buffer, int size)
+{
     char* const argv[] = {text("ntfsvlabel"), entry->devnode, text("-n"), nullptr};
     return read_tool(argv, buffer, size);
 }
 
-static int read_label(const MountEntry* entry, char* buffer, int size) {
+static int read_label(const MountEntry* entry, char* buffer, int size)
+{
     switch (entry->fstype) {
     case CONF_DEV_FS_NTFS:
         return conf_dir_get_vlabel_ntfs(entry, buffer, size);
@@ -60,7 +66,8 @@ static int read_label(const MountEntry* entry, char* buffer, int size) {
     }
 }
 
-int conf_dir_get_vlabel(const MountEntry* entry, char* buffer, int size) {
+int conf_dir_get_vlabel(const MountEntry* entry, char* buffer, int size)
+{
     const int count = read_label(entry, buffer, size);
     if (count < 1)
         return count;

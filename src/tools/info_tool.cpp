@@ -13,12 +13,14 @@ static constexpr char default_config[] = "/tmp/vynasmira/vyhotplugd.conf";
 
 // ---- listing ----
 
-static void print_names(vylist* sections) {
+static void print_names(vylist* sections)
+{
     for (vylist_node* node = sections->next; node != vylist_end(sections); node = node->next)
         printf("%s\n", static_cast<const char*>(node->data));
 }
 
-int hotplug_info_list(const char* device_file) {
+int hotplug_info_list(const char* device_file)
+{
     SectionListGuard sections;
     if (config_get_section_list(device_file, sections.out()) != 0)
         return -1;
@@ -55,19 +57,22 @@ constexpr Setting device_settings[] = {
 } // namespace
 
 // Returns owned: the key's last value; null when absent or empty.
-static char* read_value(const IniDoc* doc, const char* section, const char* key) {
+static char* read_value(const IniDoc* doc, const char* section, const char* key)
+{
     IniValueGuard value;
     if (ini_doc_get_string(doc, section, key, value.out(), INI_LAST) != 0)
         return nullptr;
     return value.get()[0] == '\0' ? nullptr : value.take();
 }
 
-static bool has_value(const IniDoc* doc, const char* section, const char* key) {
+static bool has_value(const IniDoc* doc, const char* section, const char* key)
+{
     const IniValueGuard value(read_value(doc, section, key));
     return static_cast<bool>(value);
 }
 
-static void print_setting(const IniDoc* doc, const char* section, const Setting& setting) {
+static void print_setting(const IniDoc* doc, const char* section, const Setting& setting)
+{
     const IniValueGuard value(read_value(doc, section, setting.key));
     if (value)
         printf("%s%s\n", setting.label, value.get());
@@ -77,19 +82,22 @@ static void print_setting(const IniDoc* doc, const char* section, const Setting&
 
 // Prints the first of two keys that has a value.
 static void print_either(const IniDoc* doc, const char* section, const char* label, const char* key,
-                         const char* second_key) {
+                         const char* second_key)
+{
     const bool first = has_value(doc, section, key);
     print_setting(doc, section, {first ? key : second_key, label, ""});
 }
 
-static void print_device(const IniDoc* devices, const char* identifier) {
+static void print_device(const IniDoc* devices, const char* identifier)
+{
     if (has_value(devices, identifier, "path"))
         printf("DevType=InternalDisk\n");
     for (const Setting& setting : device_settings)
         print_setting(devices, identifier, setting);
 }
 
-static void print_sizes(const char* path) {
+static void print_sizes(const char* path)
+{
     struct statvfs status;
     if (statvfs(path, &status) != 0)
         return;
@@ -98,7 +106,8 @@ static void print_sizes(const char* path) {
     printf("Free Size=%lld\n", static_cast<long long>(block * status.f_bfree));
 }
 
-static void print_share(const IniDoc* shares, const char* section, bool filesystem_told) {
+static void print_share(const IniDoc* shares, const char* section, bool filesystem_told)
+{
     print_setting(shares, section, {"status", "Status=", "Mount"});
     printf("Auto Mount Share Name=%s\n", section);
     print_setting(shares, section, {"comment", "Auto Mount Comment=", ""});
@@ -115,7 +124,8 @@ static void print_share(const IniDoc* shares, const char* section, bool filesyst
 }
 
 // Whether the list holds exactly this name.
-static bool holds_name(vylist* sections, const char* name) {
+static bool holds_name(vylist* sections, const char* name)
+{
     for (vylist_node* node = sections->next; node != vylist_end(sections); node = node->next) {
         if (strcmp(static_cast<const char*>(node->data), name) == 0)
             return true;
@@ -124,7 +134,8 @@ static bool holds_name(vylist* sections, const char* name) {
 }
 
 // The first section of the share file that belongs to the device; null without one.
-static const char* find_share(const IniDoc* shares, vylist* sections, const char* identifier) {
+static const char* find_share(const IniDoc* shares, vylist* sections, const char* identifier)
+{
     for (vylist_node* node = sections->next; node != vylist_end(sections); node = node->next) {
         const auto* section = static_cast<const char*>(node->data);
         const IniValueGuard value(read_value(shares, section, "identifier"));
@@ -135,12 +146,14 @@ static const char* find_share(const IniDoc* shares, vylist* sections, const char
 }
 
 // Reads a file and its section names; false when either fails.
-static bool load_file(const char* path, IniDocGuard* doc, SectionListGuard* sections) {
+static bool load_file(const char* path, IniDocGuard* doc, SectionListGuard* sections)
+{
     return ini_doc_load(path, doc->out()) == 0 &&
            ini_doc_get_section_list(doc->get(), sections->out()) == 0;
 }
 
-int hotplug_info_devinfo(const char* device_file, const char* share_file, const char* identifier) {
+int hotplug_info_devinfo(const char* device_file, const char* share_file, const char* identifier)
+{
     IniDocGuard devices;
     SectionListGuard device_names;
     IniDocGuard shares;
@@ -173,7 +186,8 @@ struct InfoArgs {
 
 } // namespace
 
-static void print_usage() {
+static void print_usage()
+{
     fprintf(stderr,
             "\n"
             "VY NAS Mira - Hotplug Information.\n"
@@ -198,7 +212,8 @@ static constexpr option long_options[] = {
 static constexpr int word_code = 1; // a word that is no option, for an option string with "-"
 
 // Takes one option. Returns -1 for a wrong one.
-static int take_option(InfoArgs* args, int code) {
+static int take_option(InfoArgs* args, int code)
+{
     struct stat status;
     switch (code) {
     case 'h':
@@ -225,7 +240,8 @@ static int take_option(InfoArgs* args, int code) {
 }
 
 // Returns -1 for a wrong command line, which has been told. Stops at the first -h.
-static int parse_args(int argc, char* argv[], InfoArgs* args) {
+static int parse_args(int argc, char* argv[], InfoArgs* args)
+{
     int code = 0;
     while (!args->help &&
            (code = getopt_long(argc, argv, short_options, long_options, nullptr)) != -1) {
@@ -235,7 +251,8 @@ static int parse_args(int argc, char* argv[], InfoArgs* args) {
     return 0;
 }
 
-static int describe(const InfoArgs& args, const char* device_file) {
+static int describe(const InfoArgs& args, const char* device_file)
+{
     IniValueGuard share_file;
     if (config_get_ini_string(args.config, "", "smbconfigpath", share_file.out(), INI_LAST) != 0) {
         fprintf(stderr, "Error - Read Hotplug Config File (SMB Config Path)\n");
@@ -253,7 +270,8 @@ static int describe(const InfoArgs& args, const char* device_file) {
     return hotplug_info_devinfo(device_file, share_file.get(), args.identifier);
 }
 
-static int answer(const InfoArgs& args) {
+static int answer(const InfoArgs& args)
+{
     if (access(args.config, R_OK) != 0) {
         fprintf(stderr, "Error - Read Hotplug Config File. (No Permission or No such file.)\n");
         return -1;
@@ -271,7 +289,8 @@ static int answer(const InfoArgs& args) {
     return args.list ? hotplug_info_list(device_file.get()) : describe(args, device_file.get());
 }
 
-int hotplug_info_main(int argc, char* argv[]) {
+int hotplug_info_main(int argc, char* argv[])
+{
     InfoArgs args = {.config = default_config, .identifier = nullptr, .list = false, .help = false};
     if (parse_args(argc, argv, &args) != 0)
         return -1;

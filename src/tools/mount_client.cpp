@@ -54,7 +54,8 @@ constexpr ClientCommand unmount_command = {
 
 } // namespace
 
-static int send_request(const ClientCommand& command, const char* target) {
+static int send_request(const ClientCommand& command, const char* target)
+{
     const FdGuard fd(unix_create_socket(daemon_socket));
     if (fd.get() < 0)
         return -1;
@@ -73,7 +74,8 @@ static int send_request(const ClientCommand& command, const char* target) {
     return memcmp(message, success_answer, strlen(success_answer)) == 0 ? 0 : -1;
 }
 
-static int run_client(const ClientCommand& command, int argc, char* argv[]) {
+static int run_client(const ClientCommand& command, int argc, char* argv[])
+{
     if (getuid() != 0) {
         fputs("root only.\n", stderr);
         return -1;
@@ -87,18 +89,22 @@ static int run_client(const ClientCommand& command, int argc, char* argv[]) {
     return 0;
 }
 
-int hotplug_cmd_mount(const char* target) {
+int hotplug_cmd_mount(const char* target)
+{
     return send_request(mount_command, target);
 }
 
-int hotplug_cmd_unmount(const char* target) {
+int hotplug_cmd_unmount(const char* target)
+{
     return send_request(unmount_command, target);
 }
 
-int hotplug_mount_main(int argc, char* argv[]) {
+int hotplug_mount_main(int argc, char* argv[])
+{
     return run_client(mount_command, argc, argv);
 }
 
-int hotplug_unmount_main(int argc, char* argv[]) {
+int hotplug_unmount_main(int argc, char* argv[])
+{
     return run_client(unmount_command, argc, argv);
 }

@@ -132,9 +132,8 @@ int sys_mount(const char* source, const char* target, const char* type, unsigned
               const char* options)
 {
     const Lock lock(mutex);
-    const int failed = note("mount", text_of(source) + " " + text_of(target) + " " +
-                                         text_of(type) + " " + hex(flags) + " " +
-                                         text_of(options));
+    const int failed = note("mount", text_of(source) + " " + text_of(target) + " " + text_of(type) +
+                                         " " + hex(flags) + " " + text_of(options));
     if (failed != 0)
         return failed;
     if (state.world.mounts.count(target) != 0)
@@ -351,7 +350,8 @@ int sys_nanosleep(const timespec* interval, timespec* rest)
     return failed;
 }
 
-// Waits for real: the descriptors are real ones. What was waited for is noted as "fd direction usec".
+// Waits for real: the descriptors are real ones. What was waited for is noted as "fd direction
+// usec".
 int sys_select_one(int fd, SysDirection direction, timeval* limit)
 {
     {

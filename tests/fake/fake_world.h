@@ -13,9 +13,9 @@
 
 // One run of a program that sys_spawn starts.
 struct FakeRun {
-    int wait_status = 0;    // as waitpid reports it: exit status << 8, or a signal
-    int polls = 0;          // looks that find it still running before it has ended; -1: it never ends
-    std::string output;     // what it prints, waiting in the stdout pipe
+    int wait_status = 0; // as waitpid reports it: exit status << 8, or a signal
+    int polls = 0;       // looks that find it still running before it has ended; -1: it never ends
+    std::string output;  // what it prints, waiting in the stdout pipe
 };
 
 struct FakeMount {
@@ -45,11 +45,11 @@ struct FakeWorld {
 
     // ---- what happened ----
 
-    std::vector<std::string> journal; // "mount /dev/sda1 /mnt/sda1 vfat 0x4 uid=0,..."
+    std::vector<std::string> journal;        // "mount /dev/sda1 /mnt/sda1 vfat 0x4 uid=0,..."
     std::map<std::string, FakeMount> mounts; // by mountpoint
     std::vector<std::pair<pid_t, int>> signals;
     std::vector<std::vector<std::string>> spawned; // argument vectors
-    uint64_t monotonic_usec = 1000000000; // sleeping moves the clocks on
+    uint64_t monotonic_usec = 1000000000;          // sleeping moves the clocks on
     uint64_t realtime_usec = 1700000000000000;
     uint64_t slept_usec = 0;
     int syncs = 0;

@@ -2,9 +2,10 @@
 //
 // Runs a command in a world of its own: mount, network, pid, ipc and uts namespaces, and a root
 // directory on one tmpfs, into which the host's programs are bound. Its /etc/mtab is a regular,
-// empty file; /tmp, /run, /var/run and /dev are its own, /sys/block is empty. Directories named with
-// --keep are seen under the same path even where the host has them below /tmp or the like. Ends with
-// the command's status (128 + the signal's number when one killed it); whatever the command
+// empty file; /tmp, /run, /var/run and /dev are its own, /sys/block is empty. Directories named
+// with
+// --keep are seen under the same path even where the host has them below /tmp or the like. Ends
+// with the command's status (128 + the signal's number when one killed it); whatever the command
 // left running is killed. Needs root: ends with 77 otherwise.
 #include <dirent.h>
 #include <errno.h>
@@ -113,9 +114,9 @@ static void bind_host()
 static void make_etc()
 {
     make_directory(root + "/etc");
-    for (const char* name : {"passwd", "group", "nsswitch.conf", "ld.so.cache", "ld.so.conf",
-                             "localtime", "hosts", "protocols", "services", "mke2fs.conf",
-                             "fuse.conf", "login.defs"})
+    for (const char* name :
+         {"passwd", "group", "nsswitch.conf", "ld.so.cache", "ld.so.conf", "localtime", "hosts",
+          "protocols", "services", "mke2fs.conf", "fuse.conf", "login.defs"})
         copy_file(std::string("/etc/") + name, root + "/etc/" + name);
     for (const char* name : {"alternatives", "ld.so.conf.d"}) {
         if (access((std::string("/etc/") + name).c_str(), R_OK) != 0)
@@ -150,7 +151,8 @@ static void make_dev()
     make_device("loop-control", S_IFCHR, 10, 237);
     for (unsigned number = 0; number < 64; number++)
         make_device("loop" + std::to_string(number), S_IFBLK, 7, number);
-    symlink("/proc/self/fd", (root + "/dev/fd").c_str()) == 0 || (die("symlink", "fd"), false);
+    if (symlink("/proc/self/fd", (root + "/dev/fd").c_str()) != 0)
+        die("symlink", "/dev/fd");
 }
 
 static void make_root(const std::vector<std::string>& kept)
