@@ -3,6 +3,7 @@
 #include "config/ini.h"
 #include "lib/str.h"
 #include "lib/sys.h"
+#include "records/lines.h"
 
 #include <ctype.h>
 #include <errno.h>
@@ -238,23 +239,14 @@ int conf_write_user_list(FILE* stream, const vylist* users)
 
 // ---- saving ----
 
-// An ext4 setting goes the way of an unknown one: kept, the administration pages know no EXT4.
+// A setting without a line of its own, ext4 among them, is written as none: kept, the
+// administration pages know no EXT4.
 static const char* filesystem_line(uint8_t filesystem)
 {
-    switch (filesystem) {
-    case CONF_DEV_FS_UNKNOWN:
+    if (filesystem == CONF_DEV_FS_UNKNOWN)
         return nullptr;
-    case CONF_DEV_FS_EXT2:
-        return "File System=EXT2\n";
-    case CONF_DEV_FS_EXT3:
-        return "File System=EXT3\n";
-    case CONF_DEV_FS_FAT:
-        return "File System=FAT\n";
-    case CONF_DEV_FS_NTFS:
-        return "File System=NTFS\n";
-    default:
-        return "File System=DefFS\n";
-    }
+    const char* line = line_of_filesystem(filesystem);
+    return line != nullptr ? line : "File System=DefFS\n";
 }
 
 // Full access is the default, so its line is never asked for.
@@ -272,23 +264,20 @@ static const char* administrator_line(uint8_t administrator)
     }
 }
 
-// Writes a whole line, or nothing for null. Returns -1 when the write fails.
-static int write_line(FILE* stream, const char* line)
+static const char* text_or_empty(const char* text)
 {
-    return line == nullptr || fputs(line, stream) != EOF ? 0 : -1;
+    return text != nullptr ? text : "";
 }
 
 static int write_texts(FILE* stream, const ConfDev* dev)
 {
     if (fprintf(stream, "[%s]\n", dev->identifier) < 0)
         return -1;
-    if (fprintf(stream, "Share Name=%s\n", dev->sharename != nullptr ? dev->sharename : "") < 0)
+    if (line_write_text(stream, "Share Name=", text_or_empty(dev->sharename)) != 0)
         return -1;
-    if (dev->path != nullptr && fprintf(stream, "Path=%s\n", dev->path) < 0)
+    if (line_write_text(stream, "Path=", dev->path) != 0)
         return -1;
-    if (fprintf(stream, "Comment=%s\n", dev->comment != nullptr ? dev->comment : "") < 0)
-        return -1;
-    return 0;
+    return line_write_text(stream, "Comment=", text_or_empty(dev->comment));
 }
 
 static int write_switches(FILE* stream, const ConfDev* dev)
@@ -296,8 +285,7 @@ static int write_switches(FILE* stream, const ConfDev* dev)
     for (const SwitchKey& row : switch_keys) {
         if (row.line == nullptr)
             continue;
-        const char* word = dev->*row.field != 0 ? "Enable" : "Disable";
-        if (fprintf(stream, "%s%s\n", row.line, word) < 0)
+        if (line_write_text(stream, row.line, dev->*row.field != 0 ? "Enable" : "Disable") != 0)
             return -1;
     }
     return 0;
@@ -307,16 +295,16 @@ static int write_record(FILE* stream, const ConfDev* dev)
 {
     if (write_texts(stream, dev) != 0)
         return -1;
-    if (write_line(stream, filesystem_line(dev->filesystem)) != 0)
+    if (line_write(stream, filesystem_line(dev->filesystem)) != 0)
         return -1;
-    if (write_line(stream, dev->sync == 1 ? "Sync=Enable\n" : nullptr) != 0)
+    if (line_write(stream, dev->sync == 1 ? "Sync=Enable\n" : nullptr) != 0)
         return -1;
     if (write_switches(stream, dev) != 0)
         return -1;
-    if (write_line(stream, administrator_line(dev->administrator)) != 0)
+    if (line_write(stream, administrator_line(dev->administrator)) != 0)
         return -1;
     for (const UsersKey& row : users_keys) {
-        if (write_line(stream, row.line) != 0)
+        if (line_write(stream, row.line) != 0)
             return -1;
         if (conf_write_user_list(stream, dev->*row.field) != 0)
             return -1;

@@ -5,6 +5,7 @@
 #include "lib/str.h"
 #include "lib/sys.h"
 #include "records/conf_dev_file.h"
+#include "records/lines.h"
 #include "records/volume_label.h"
 
 #include <stdio_ext.h>
@@ -20,35 +21,6 @@ static constexpr uint32_t label_size = 80;
 static constexpr uint32_t label_in_name_size = 34;
 
 // ---- lines ----
-
-// Writes a whole line, or nothing for null. Returns -1 when the write fails.
-static int write_line(FILE* stream, const char* line)
-{
-    return line == nullptr || fputs(line, stream) != EOF ? 0 : -1;
-}
-
-// Writes "<key><text>" and a line feed, or nothing for a null text.
-static int write_text(FILE* stream, const char* key, const char* text)
-{
-    return text == nullptr || fprintf(stream, "%s%s\n", key, text) >= 0 ? 0 : -1;
-}
-
-// No line for ext4: kept, the share service knows no such word.
-static const char* filesystem_line(uint8_t filesystem)
-{
-    switch (filesystem) {
-    case CONF_DEV_FS_EXT2:
-        return "File System=EXT2\n";
-    case CONF_DEV_FS_EXT3:
-        return "File System=EXT3\n";
-    case CONF_DEV_FS_FAT:
-        return "File System=FAT\n";
-    case CONF_DEV_FS_NTFS:
-        return "File System=NTFS\n";
-    default:
-        return nullptr;
-    }
-}
 
 static const char* administrator_line(uint8_t administrator)
 {
@@ -96,21 +68,21 @@ int conf_dir_info(FILE* stream, const char* sharename, const ConfDev* dev)
 {
     if (fprintf(stream, "[%s]\n", sharename) < 0)
         return -1;
-    if (write_text(stream, "Comment=", dev->comment) != 0)
+    if (line_write_text(stream, "Comment=", dev->comment) != 0)
         return -1;
-    if (write_line(stream, filesystem_line(dev->filesystem)) != 0)
+    if (line_write(stream, line_of_filesystem(dev->filesystem)) != 0)
         return -1;
     for (const SwitchLine& row : switch_lines) {
-        if (write_line(stream, dev->*row.field == 1 ? row.line : nullptr) != 0)
+        if (line_write(stream, dev->*row.field == 1 ? row.line : nullptr) != 0)
             return -1;
     }
-    if (write_line(stream, administrator_line(dev->administrator)) != 0)
+    if (line_write(stream, administrator_line(dev->administrator)) != 0)
         return -1;
     for (const UsersLine& row : users_lines) {
         const vylist* users = dev->*row.field;
         if (users->count == 0)
             continue;
-        if (write_line(stream, row.key) != 0 || conf_write_user_list(stream, users) != 0)
+        if (line_write(stream, row.key) != 0 || conf_write_user_list(stream, users) != 0)
             return -1;
     }
     return 0;
@@ -128,32 +100,33 @@ static int write_usb_port(FILE* stream, const HotplugDev* dev)
             return -1;
         separator = "-";
     }
-    return write_line(stream, "\n");
+    return line_write(stream, "\n");
 }
 
 int conf_dir_exinfo(FILE* stream, const MountEntry* entry)
 {
     const HotplugDev* dev = entry->dev;
-    if (write_line(stream, entry->mounted == 0 ? "Status=Unmount\n" : nullptr) != 0)
+    if (line_write(stream, entry->mounted == 0 ? "Status=Unmount\n" : nullptr) != 0)
         return -1;
-    if (write_line(stream, filesystem_line(entry->fstype)) != 0)
+    if (line_write(stream, line_of_filesystem(entry->fstype)) != 0)
         return -1;
     if (dev->vid != 0 && fprintf(stream, "VID=%hu\n", dev->vid) < 0)
         return -1;
     if (dev->pid != 0 && fprintf(stream, "PID=%hu\n", dev->pid) < 0)
         return -1;
-    if (write_text(stream, "Serial=", dev->serial) != 0)
+    if (line_write_text(stream, "Serial=", dev->serial) != 0)
         return -1;
-    if (write_text(stream, "Manufactuare=", dev->vname) != 0) // kept: the spelling readers know
+    if (line_write_text(stream, "Manufactuare=", dev->vname) !=
+        0) // kept: the spelling readers know
         return -1;
-    if (write_text(stream, "Product=", dev->pname) != 0)
+    if (line_write_text(stream, "Product=", dev->pname) != 0)
         return -1;
     if (dev->speed != 0 && fprintf(stream, "Speed=%d\n", dev->speed) < 0)
         return -1;
     if (write_usb_port(stream, dev) != 0)
         return -1;
     const bool readonly = (dev->flags & HOTPLUG_FLAG_READONLY) != 0;
-    return write_line(stream, readonly ? "Read Only=Enable\n" : nullptr);
+    return line_write(stream, readonly ? "Read Only=Enable\n" : nullptr);
 }
 
 // ---- sections ----
@@ -184,11 +157,11 @@ static bool write_directory(FILE* stream, const char* name, const ConfDev* dev)
 {
     if (conf_dir_info(stream, name, dev) != 0)
         return false;
-    if (write_text(stream, "Path=", dev->path) != 0)
+    if (line_write_text(stream, "Path=", dev->path) != 0)
         return false;
-    if (dev->comment == nullptr && write_line(stream, "Comment=Internal Disk\n") != 0)
+    if (dev->comment == nullptr && line_write(stream, "Comment=Internal Disk\n") != 0)
         return false;
-    return write_text(stream, "Identifier=", dev->identifier) == 0;
+    return line_write_text(stream, "Identifier=", dev->identifier) == 0;
 }
 
 static void write_directories(FILE* stream, const ConfDevTable* table)
@@ -266,17 +239,17 @@ static bool write_partition(FILE* stream, const MountEntry* entry, const ConfDev
 {
     if (conf_dir_info(stream, name, dev) != 0)
         return false;
-    if (write_text(stream, "Identifier=", dev->identifier) != 0)
+    if (line_write_text(stream, "Identifier=", dev->identifier) != 0)
         return false;
-    if (write_text(stream, "Path=", entry->mountpoint) != 0)
+    if (line_write_text(stream, "Path=", entry->mountpoint) != 0)
         return false;
-    if (write_text(stream, "Volume Label=", label[0] != '\0' ? label : nullptr) != 0)
+    if (line_write_text(stream, "Volume Label=", label[0] != '\0' ? label : nullptr) != 0)
         return false;
     if (dev->comment != nullptr)
         return true;
     char comment[comment_size];
     describe_device(entry->dev, comment);
-    return write_text(stream, "Comment=", comment) == 0;
+    return line_write_text(stream, "Comment=", comment) == 0;
 }
 
 static void keep_sharename(MountEntry* entry, const char* name)
