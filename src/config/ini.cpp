@@ -343,7 +343,7 @@ int ini_doc_get_string(const IniDoc* doc, const char* section, const char* key, 
     const char* body = find_section(doc, section);
     if (body == nullptr)
         return -1;
-    Span found;
+    Span found = {};
     if (!find_value({.begin = body, .end = doc->text + doc->size}, key, occurrence, &found))
         return -ENOENT;
     char* copy = copy_value(found);
