@@ -39,26 +39,28 @@ struct RunLoop {
 
 // ---- start-up ----
 
+static const char* or_empty(const char* text)
+{
+    return text != nullptr ? text : "";
+}
+
 static void report_config(const ConfHotplug* config)
 {
     VY_LOG(LOG_INFO, "Type     = %hhd", static_cast<signed char>(config->smbtype));
     VY_LOG(LOG_INFO, "DS/NAS   = %hhd", static_cast<signed char>(config->naswork));
-    VY_LOG(LOG_INFO, "SMB Conf = %s", config->smbconfigpath);
-    VY_LOG(LOG_INFO, "Dev Conf = %s", config->deviceconfigpath);
-    VY_LOG(LOG_INFO, "MNT Path = %s", config->mountpath);
-    VY_LOG(LOG_INFO, "DEV Path = %s", config->devicepath);
+    VY_LOG(LOG_INFO, "SMB Conf = %s", or_empty(config->smbconfigpath));
+    VY_LOG(LOG_INFO, "Dev Conf = %s", or_empty(config->deviceconfigpath));
+    VY_LOG(LOG_INFO, "MNT Path = %s", or_empty(config->mountpath));
+    VY_LOG(LOG_INFO, "DEV Path = %s", or_empty(config->devicepath));
     VY_LOG(LOG_INFO, "UID      = %d", static_cast<int>(config->defaultuid));
     VY_LOG(LOG_INFO, "GID      = %d", static_cast<int>(config->defaultgid));
     VY_LOG(LOG_INFO, "fmask    = %04o", ~config->fileumask & 0777U);
     VY_LOG(LOG_INFO, "dmask    = %04o", ~config->dirumask & 0777U);
     VY_LOG(LOG_INFO, "Mount FS = %s%s%s", config->mountvfat != 0 ? "VFAT," : "",
            config->mountntfs != 0 ? "NTFS," : "", config->mountext != 0 ? "EXT" : "");
-    const char* const vfat = config->vfatoptions;
-    const char* const ntfs = config->ntfsoptions;
-    const char* const ext = config->extfsoptions;
-    VY_LOG(LOG_INFO, "VFAT opt = %s", vfat != nullptr ? vfat : "");
-    VY_LOG(LOG_INFO, "NTFS opt = %s", ntfs != nullptr ? ntfs : "");
-    VY_LOG(LOG_INFO, "EXT opt  = %s", ext != nullptr ? ext : "");
+    VY_LOG(LOG_INFO, "VFAT opt = %s", or_empty(config->vfatoptions));
+    VY_LOG(LOG_INFO, "NTFS opt = %s", or_empty(config->ntfsoptions));
+    VY_LOG(LOG_INFO, "EXT opt  = %s", or_empty(config->extfsoptions));
     VY_LOG(LOG_INFO, "FAT Label= %s", config->fatvolumelabel != 0 ? "enable" : "disable");
 }
 
@@ -66,10 +68,10 @@ static void report_config(const ConfHotplug* config)
 static void check_directory(const char* checked, const char* named)
 {
     struct stat status;
-    if (stat(checked, &status) != 0)
-        VY_LOG(LOG_ERR, "Error - No Such Directory(%s)", named);
+    if (stat(or_empty(checked), &status) != 0)
+        VY_LOG(LOG_ERR, "Error - No Such Directory(%s)", or_empty(named));
     else if (!S_ISDIR(status.st_mode))
-        VY_LOG(LOG_ERR, "Error - Not Directory(%s)", named);
+        VY_LOG(LOG_ERR, "Error - Not Directory(%s)", or_empty(named));
 }
 
 static int load_config(DaemonCtx* ctx)
@@ -186,9 +188,11 @@ static int run_with_receiver(DaemonCtx* ctx)
 
 int daemon_run(DaemonCtx* ctx)
 {
-    int result = -1;
-    if (crtsec_init() == 0 && load_config(ctx) == 0)
-        result = run_with_receiver(ctx);
+    if (crtsec_init() != 0) {
+        flag_set(&ctx->running, 0);
+        return -1;
+    }
+    const int result = load_config(ctx) == 0 ? run_with_receiver(ctx) : -1;
     flag_set(&ctx->running, 0);
     free_config_hotplug(ctx->config);
     ctx->config = nullptr;

@@ -16,7 +16,8 @@
 
 #if defined(VY_SANITIZED)
 constexpr size_t receive_stack_bytes = 262144; // a sanitizer's report needs room
-#elif defined(__GLIBC__) && (defined(__aarch64__) || defined(__mips__) || defined(__powerpc64__))
+#elif defined(__GLIBC__) && !defined(__UCLIBC__) &&                                                \
+    (defined(__aarch64__) || defined(__mips__) || defined(__powerpc64__))
 constexpr size_t receive_stack_bytes = 131072; // the least that glibc takes there
 #else
 constexpr size_t receive_stack_bytes = 16384;

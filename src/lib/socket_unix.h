@@ -1,8 +1,8 @@
 // Local stream sockets (unix(7)) with a time limit on each transfer.
 //
 // A name that begins with '/' is a path, which must not exist before it is listened on; any other
-// lives in the abstract namespace, padded with zero bytes to the full length of the address. Names
-// are cut to 107 characters (paths) and 106 (abstract names of 108 and more).
+// lives in the abstract namespace, padded with zero bytes to the full length of the address. The
+// last byte of the address is always zero: a path is cut to 107 characters, another name to 106.
 //
 // One connection carries one request and at most one answer, each a text with its zero byte, sent
 // and read in one piece. Failures are logged here, at error level. Callable from any thread.

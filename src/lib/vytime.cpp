@@ -223,31 +223,40 @@ static int write_day_time(char* buffer, int32_t size, const DayTime& day, uint32
     return -1;
 }
 
+// The time zone's offset where the flags ask for it. The sum with it is not reduced to one day
+// again, and wraps below zero: kept.
+static uint32_t local_second(uint32_t second, uint32_t flags)
+{
+    if (flags & VYTIME_FMT_LOCAL)
+        second += static_cast<uint32_t>(60 * vytime_get_timezone());
+    return second;
+}
+
+static DayTime split_day(uint32_t second)
+{
+    return {.hours = second / 3600,
+            .minutes = second % 3600 / 60,
+            .seconds = second % 60,
+            .fraction_usec = 0,
+            .fraction_msec = 0};
+}
+
 int vytime_format_now(char* buffer, int32_t size, uint32_t flags)
 {
     timeval now;
     const int result = sys_gettimeofday(&now);
     if (result < 0)
         return result;
-    // Not reduced to one day again after the offset is added: kept.
-    auto second = static_cast<uint32_t>(now.tv_sec % 86400);
-    if (flags & VYTIME_FMT_LOCAL)
-        second += static_cast<uint32_t>(60 * vytime_get_timezone());
-    const auto usec = static_cast<uint32_t>(now.tv_usec);
-    const DayTime day = {
-        .hours = second / 3600,
-        .minutes = second % 3600 / 60,
-        .seconds = second % 60,
-        .fraction_usec = usec,
-        .fraction_msec = usec % 1000, // kept: the last digits of the microseconds
-    };
+    DayTime day = split_day(local_second(static_cast<uint32_t>(now.tv_sec % 86400), flags));
+    day.fraction_usec = static_cast<uint32_t>(now.tv_usec);
+    day.fraction_msec = day.fraction_usec % 1000; // kept: the last digits of the microseconds
     return write_day_time(buffer, size, day, flags);
 }
 
 // Time of day in units of 32 microseconds, in which a whole day fits 32 bits.
 static constexpr uint32_t units_per_day = 2700000000U;
-static constexpr uint32_t units_per_hour = 112500000U;
 static constexpr uint32_t units_per_minute = 1875000U;
+static constexpr uint32_t units_per_second = 31250U;
 
 static uint32_t units_of_day(uint64_t microseconds)
 {
@@ -264,17 +273,11 @@ int vytime_format(const vytime* value, char* buffer, int32_t size, uint32_t flag
     if (flags == 0)
         flags =
             VYTIME_FMT_HOUR | VYTIME_FMT_MIN | VYTIME_FMT_SEC | VYTIME_FMT_USEC | VYTIME_FMT_LOCAL;
-    uint32_t units = units_of_day(vytime_count(*value));
-    if (flags & VYTIME_FMT_LOCAL)
-        units += static_cast<uint32_t>(vytime_get_timezone()) * units_per_minute;
-    const uint32_t usec_of_minute = units % units_per_minute * 32 + (value->low & 31);
-    const DayTime day = {
-        .hours = units / units_per_hour,
-        .minutes = units % units_per_hour / units_per_minute,
-        .seconds = usec_of_minute / 1000000,
-        .fraction_usec = usec_of_minute, // kept: counted from the minute, up to eight digits
-        .fraction_msec = usec_of_minute % 1000000 / 1000,
-    };
+    const uint32_t units = units_of_day(vytime_count(*value));
+    DayTime day = split_day(local_second(units / units_per_second, flags));
+    // Kept: counted from the minute, up to eight digits.
+    day.fraction_usec = units % units_per_minute * 32 + (value->low & 31);
+    day.fraction_msec = day.fraction_usec % 1000000 / 1000;
     return write_day_time(buffer, size, day, flags);
 }
 

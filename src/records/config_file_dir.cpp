@@ -18,7 +18,7 @@ static constexpr char temporary_file[] = "/tmp/vyhotplug.dir.conf.tmp";
 static constexpr uint32_t sharename_size = 40; // bytes with the NUL, as are the next three
 static constexpr uint32_t comment_size = 64;
 static constexpr uint32_t label_size = 80;
-static constexpr uint32_t label_in_name_size = 34;
+static constexpr uint32_t label_used_size = 34;
 
 // ---- lines ----
 
@@ -183,10 +183,7 @@ static void write_directories(FILE* stream, const ConfDevTable* table)
 // for a kind of device that has no names.
 static void name_by_label(const HotplugDev* dev, const char* label, char (&name)[sharename_size])
 {
-    char base[label_in_name_size];
-    str_ncpy_u8(base, label, sizeof base);
-    if (base[0] == '\0')
-        str_cpy(base, "Drive");
+    const char* base = label[0] != '\0' ? label : "Drive";
     const int letter = 'A' + hotplug_dev_index(dev);
     const int partition = hotplug_dev_partition(dev);
     name[0] = '\0';
@@ -196,16 +193,24 @@ static void name_by_label(const HotplugDev* dev, const char* label, char (&name)
         (void)snprintf(name, sizeof name, "%s(MMC%c%d)", base, letter, partition);
 }
 
+// Fills `label` with as much of the volume's label as is used; empty without one.
+static void read_label(const MountEntry* entry, char (&label)[label_used_size])
+{
+    char printed[label_size] = "";
+    (void)conf_dir_get_vlabel(entry, printed, sizeof printed); // without a label it is a "Drive"
+    str_ncpy_u8(label, printed, sizeof label);
+}
+
 // Fills `name`, and `label` where the name comes from it.
-static void name_partition(const MountEntry* entry, const ConfDev* dev, char (&label)[label_size],
-                           char (&name)[sharename_size])
+static void name_partition(const MountEntry* entry, const ConfDev* dev,
+                           char (&label)[label_used_size], char (&name)[sharename_size])
 {
     label[0] = '\0';
     if (dev->sharename != nullptr) {
         str_ncpy(name, dev->sharename, sizeof name);
         return;
     }
-    (void)conf_dir_get_vlabel(entry, label, sizeof label); // without a label it is a "Drive"
+    read_label(entry, label);
     name_by_label(entry->dev, label, name);
 }
 
@@ -276,7 +281,7 @@ static void add_partition(FILE* stream, const ConfDevTable* table, MountEntry* e
     if (dev == nullptr || dev->path != nullptr) // one with a path is a fixed directory already
         return;
     const off_t start = ftello(stream);
-    char label[label_size];
+    char label[label_used_size];
     char name[sharename_size];
     name_partition(entry, dev, label, name);
     bool written = write_partition(stream, entry, dev, name, label);

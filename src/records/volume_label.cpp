@@ -4,6 +4,8 @@
 #include "lib/process.h"
 #include "lib/str.h"
 
+#include <fcntl.h>
+
 static constexpr int tool_timeout_ms = 20000;
 
 static int fat_labels_on = 1;
@@ -29,6 +31,9 @@ static int read_tool(char* const argv[], char* buffer, int size)
         buffer[0] = '\0';
         return 0;
     }
+    // What it printed is in the pipe by now; a child of its own that holds the pipe is not waited
+    // for.
+    (void)fcntl(out.get(), F_SETFL, O_NONBLOCK);
     const ssize_t count = str_read(out.get(), buffer, static_cast<size_t>(size) - 1, 0);
     buffer[count < 0 ? 0 : count] = '\0';
     return static_cast<int>(count);
