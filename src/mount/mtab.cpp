@@ -9,7 +9,7 @@
 
 static constexpr char table_file[] = "/etc/mtab";
 static constexpr char temporary_file[] = "/tmp/mntent.tmp";
-static constexpr int line_size = 512;
+static constexpr int line_size = 512; // bytes of a line's texts; the C library cuts longer ones
 
 static void table_release(FILE* table)
 {
@@ -56,7 +56,8 @@ static int copy_without(FILE* from, FILE* to, const char* devnode, const char* m
         if (addmntent(to, &line) != 0)
             return -1;
     }
-    return fflush(to) == 0 ? 0 : -1; // a full disk must not cost the other lines
+    // Neither a table that cannot be read to its end nor a full disk may cost the other lines.
+    return ferror(from) == 0 && fflush(to) == 0 ? 0 : -1;
 }
 
 void mtab_remove(const char* devnode, const char* mountpoint)
