@@ -330,24 +330,42 @@ int sys_time(time_t* now)
     return failed;
 }
 
+static void advance(uint64_t usec)
+{
+    state.world.monotonic_usec += usec;
+    state.world.realtime_usec += usec;
+    state.world.slept_usec += usec;
+}
+
 // An interrupted sleep (fail with EINTR) has slept half of its time.
-int sys_nanosleep(const timespec* interval, timespec* rest)
+static int sleep_pretended(uint64_t asked, timespec* rest)
 {
     const Lock lock(mutex);
-    const uint64_t asked = static_cast<uint64_t>(interval->tv_sec) * 1000000 +
-                           static_cast<uint64_t>(interval->tv_nsec) / 1000;
     const int failed = note("nanosleep", std::to_string(asked));
     if (failed != 0 && failed != -EINTR)
         return failed;
     const uint64_t slept = failed == 0 ? asked : asked / 2;
-    state.world.monotonic_usec += slept;
-    state.world.realtime_usec += slept;
-    state.world.slept_usec += slept;
+    advance(slept);
     if (failed == 0)
         return 0;
     rest->tv_sec = static_cast<time_t>((asked - slept) / 1000000);
     rest->tv_nsec = static_cast<long>((asked - slept) % 1000000 * 1000);
     return failed;
+}
+
+int sys_nanosleep(const timespec* interval, timespec* rest)
+{
+    const uint64_t asked = static_cast<uint64_t>(interval->tv_sec) * 1000000 +
+                           static_cast<uint64_t>(interval->tv_nsec) / 1000;
+    const int result = sleep_pretended(asked, rest);
+    std::function<void(uint64_t)> step_in;
+    {
+        const Lock lock(mutex);
+        step_in = state.world.on_sleep;
+    }
+    if (step_in)
+        step_in(asked);
+    return result;
 }
 
 // Waits for real: the descriptors are real ones. What was waited for is noted as "fd direction
@@ -362,6 +380,12 @@ int sys_select_one(int fd, SysDirection direction, timeval* limit)
             note("select", std::to_string(fd) + " " + std::to_string(direction) + " " + usec);
         if (failed != 0)
             return failed;
+        if (state.world.select_expires > 0 && --state.world.select_expires == 0) {
+            if (limit != nullptr)
+                advance(static_cast<uint64_t>(limit->tv_sec) * 1000000 +
+                        static_cast<uint64_t>(limit->tv_usec));
+            return 0;
+        }
     }
     if (fd < 0 || fd >= FD_SETSIZE)
         return -EBADF;

@@ -7,6 +7,7 @@
 #include <sys/types.h>
 
 #include <deque>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -42,6 +43,14 @@ struct FakeWorld {
     // Makes the nth call (1 = the next, counted per call name from now on) fail with an errno; nth
     // 0: every call. Names as in lib/sys.h without "sys_": "mount", "mkdir", "spawn", ...
     void fail(const std::string& call, int nth, int error);
+
+    // The nth select from now on (0: none) finds nothing ready: it returns at once, the clocks
+    // moved on by its whole time.
+    int select_expires = 0;
+
+    // Called at each sleep with its microseconds, in the thread that sleeps, the world unlocked:
+    // the place for a test to step in while a loop runs.
+    std::function<void(uint64_t usec)> on_sleep;
 
     // ---- what happened ----
 

@@ -1,0 +1,155 @@
+// The reader when memory runs out or the file cannot be read to its end.
+#include "config/ini.h"
+
+#include "support/failing_memory.h"
+#include "support/files.h"
+
+#include <gtest/gtest.h>
+
+#include <errno.h>
+#include <unistd.h>
+
+#include <string>
+
+// A read that is cut short: so many bytes at a time, and an error after so many calls.
+static size_t read_piece; // 0: as much as is asked for
+static int read_calls;    // calls until one fails; 0: none does
+static int read_error;
+
+extern "C" {
+
+ssize_t __real_read(int fd, void* buffer, size_t size);
+ssize_t __wrap_read(int fd, void* buffer, size_t size);
+
+ssize_t __wrap_read(int fd, void* buffer, size_t size)
+{
+    if (read_calls > 0 && --read_calls == 0) {
+        errno = read_error;
+        return -1;
+    }
+    return __real_read(fd, buffer, read_piece != 0 && read_piece < size ? read_piece : size);
+}
+
+} // extern "C"
+
+namespace {
+
+const std::string path = "/tmp/test.conf";
+
+int get(const char* section, const char* key, std::string* text)
+{
+    char* value = nullptr;
+    const int result = config_get_ini_string(path.c_str(), section, key, &value, INI_LAST);
+    *text = value != nullptr && result == 0 ? value : "";
+    if (result == 0)
+        config_release_string(value);
+    return result;
+}
+
+// Lets the 1st, 2nd, ... allocation of a lookup fail until none is left. Returns how many there
+// were.
+int sweep_lookup(const char* section, const char* key, const std::string& expected)
+{
+    for (int nth = 1;; nth++) {
+        const long before = memory_blocks();
+        const int descriptors = open_descriptors();
+        std::string text;
+        memory_fail(nth);
+        const int result = get(section, key, &text);
+        const bool failed = memory_failed();
+        EXPECT_EQ(memory_blocks(), before) << "allocation " << nth;
+        EXPECT_EQ(open_descriptors(), descriptors) << "allocation " << nth;
+        if (!failed) {
+            EXPECT_EQ(result, 0);
+            EXPECT_EQ(text, expected);
+            return nth - 1;
+        }
+        EXPECT_EQ(result, -ENOMEM) << "allocation " << nth;
+    }
+}
+
+TEST(IniMemory, ALookupThatRunsOutGivesEnomemAndLeavesNothing)
+{
+    write_file(path, "[dev]\nk=v\n");
+    EXPECT_GT(sweep_lookup("dev", "k", "v"), 0);
+}
+
+TEST(IniMemory, ALookupOfAnEmptyValueThatRunsOutGivesEnomem)
+{
+    write_file(path, "[dev]\nk=\n");
+    EXPECT_GT(sweep_lookup("dev", "k", ""), 0);
+}
+
+TEST(IniMemory, ALargeFileThatRunsOutGivesEnomem)
+{
+    write_file(path, std::string(100000, 'x') + "\n[dev]\nk=v\n");
+    EXPECT_GT(sweep_lookup("dev", "k", "v"), 0);
+}
+
+TEST(IniMemory, AListThatRunsOutGivesEnomemAndLeavesNothing)
+{
+    write_file(path, "[a]\n[b]\n[c]\n");
+    int nth = 1;
+    for (;; nth++) {
+        const long before = memory_blocks();
+        const int descriptors = open_descriptors();
+        vylist mark;
+        vylist* list = &mark;
+        memory_fail(nth);
+        const int result = config_get_section_list(path.c_str(), &list);
+        const bool failed = memory_failed();
+        EXPECT_EQ(open_descriptors(), descriptors) << "allocation " << nth;
+        if (!failed) {
+            ASSERT_EQ(result, 0);
+            EXPECT_EQ(list->count, 3U);
+            config_release_section_list(list);
+            EXPECT_EQ(memory_blocks(), before) << "the release frees every name and the list";
+            break;
+        }
+        EXPECT_EQ(result, -ENOMEM) << "allocation " << nth;
+        EXPECT_EQ(list, &mark) << "allocation " << nth;
+        EXPECT_EQ(memory_blocks(), before) << "allocation " << nth;
+    }
+    EXPECT_GT(nth, 3);
+}
+
+TEST(IniRead, GoesOnAfterPiecesOfAnySize)
+{
+    write_file(path, "[dev]\nk=value\n");
+    for (read_piece = 1; read_piece <= 16; read_piece++) {
+        std::string text;
+        EXPECT_EQ(get("dev", "k", &text), 0) << read_piece;
+        EXPECT_EQ(text, "value") << read_piece;
+    }
+}
+
+TEST(IniRead, AnInterruptedReadIsRepeated)
+{
+    write_file(path, "[dev]\nk=value\n");
+    read_calls = 1;
+    read_error = EINTR;
+    std::string text;
+    EXPECT_EQ(get("dev", "k", &text), 0);
+    EXPECT_EQ(text, "value");
+}
+
+// What was read whole counts; the line that was being read does not.
+TEST(IniRead, AnErrorEndsTheFileBeforeTheLineItStruck)
+{
+    write_file(path, "a=1\nb=2\nc=3\n");
+    read_error = EIO;
+    std::string text;
+    read_piece = 1;
+    read_calls = 6; // five bytes: "a=1", its end, "b"
+    EXPECT_EQ(get("", "a", &text), 0);
+    EXPECT_EQ(text, "1");
+    read_calls = 8; // seven bytes: "b=2" is there, its end is not
+    EXPECT_EQ(get("", "b", &text), -ENOENT);
+    read_calls = 9;
+    EXPECT_EQ(get("", "b", &text), 0);
+    EXPECT_EQ(text, "2");
+    read_calls = 9;
+    EXPECT_EQ(get("", "c", &text), -ENOENT);
+}
+
+} // namespace

@@ -1,0 +1,385 @@
+#include "core/recieve.h"
+
+#include "device/crtsec.h"
+#include "fake/fake_log.h"
+#include "fake/fake_world.h"
+#include "fake_start.h"
+#include "lib/guard.h"
+#include "lib/platform.h"
+#include "lib/socket_unix.h"
+#include "support/child.h"
+#include "support/files.h"
+
+#include <gtest/gtest.h>
+
+#include <errno.h>
+#include <fcntl.h>
+#include <string.h>
+#include <syslog.h>
+#include <unistd.h>
+
+namespace {
+
+using Names = std::vector<std::string>;
+
+class ReceiveTest : public testing::Test {
+  protected:
+    ReceiveTest() { EXPECT_EQ(crtsec_init(), 0); }
+
+    ~ReceiveTest() override
+    {
+        stop();
+        HotplugCmd* cmd = nullptr;
+        while (crtsec_cmd_dequeue(&cmd) == 0)
+            drop(cmd);
+        crtsec_term();
+    }
+
+    static void drop(HotplugCmd* cmd)
+    {
+        if (cmd->due == 0 && fcntl(cmd->fd, F_GETFD) != -1)
+            close(cmd->fd);
+        hotplug_cmd_free(cmd);
+    }
+
+    void start()
+    {
+        ASSERT_EQ(recieve_run(&arg), 0);
+        started = true;
+    }
+
+    // Ends the thread and gives what it ended with.
+    intptr_t stop()
+    {
+        void* result = nullptr;
+        flag_set(&running, 0);
+        if (started)
+            pthread_join(arg.thread, &result);
+        started = false;
+        return reinterpret_cast<intptr_t>(result);
+    }
+
+    // A connection to the thread.
+    static int connect_to_daemon()
+    {
+        EXPECT_TRUE(wait_for([] { return fake_world().count("select") > 0; })); // it listens
+        const int fd = unix_create_socket("vyhotplugd");
+        EXPECT_GE(fd, 0);
+        return fd;
+    }
+
+    // Sends exactly these bytes on a connection of its own, which is returned.
+    static int send_bytes(const std::string& bytes)
+    {
+        const int fd = connect_to_daemon();
+        EXPECT_EQ(send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL),
+                  static_cast<ssize_t>(bytes.size()));
+        return fd;
+    }
+
+    // As send_bytes, with the zero byte that ends a message.
+    static int send_text(const std::string& text)
+    {
+        return send_bytes(std::string(text.c_str(), text.size() + 1));
+    }
+
+    static HotplugCmd* next_command()
+    {
+        HotplugCmd* cmd = nullptr;
+        EXPECT_TRUE(wait_for([&] { return crtsec_cmd_dequeue(&cmd) == 0; }));
+        return cmd;
+    }
+
+    // Whether the thread closes the connection, which it does without an answer.
+    static bool is_closed_by_daemon(int fd)
+    {
+        char byte = 0;
+        return wait_for([&] { return recv(fd, &byte, 1, MSG_DONTWAIT) == 0; });
+    }
+
+    uint8_t running = 1;
+    ReceiveArg arg = {.running = &running, .status = 77, .thread = {}};
+    bool started = false;
+};
+
+TEST_F(ReceiveTest, QueuesARequestWithItsOpenConnection)
+{
+    start();
+    const FdGuard fd(send_text("ACTION=mount,sda1"));
+    HotplugCmd* cmd = next_command();
+    ASSERT_NE(cmd, nullptr);
+    EXPECT_STREQ(cmd->text, "ACTION=mount,sda1");
+    EXPECT_EQ(cmd->len, 18);
+    EXPECT_EQ(cmd->due, 0U);
+    EXPECT_EQ(cmd->reserved, 0);
+    ASSERT_EQ(send(cmd->fd, "answer", 6, MSG_NOSIGNAL), 6);
+    char answer[16];
+    EXPECT_EQ(recv(fd.get(), answer, sizeof answer, 0), 6);
+    drop(cmd);
+}
+
+TEST_F(ReceiveTest, AnAddIsClosedAtOnceAndDueInTwoSeconds)
+{
+    start();
+    const FdGuard fd(send_text("ACTION=add,MAJOR=8,MINOR=1"));
+    EXPECT_TRUE(is_closed_by_daemon(fd.get()));
+    HotplugCmd* cmd = next_command();
+    ASSERT_NE(cmd, nullptr);
+    EXPECT_STREQ(cmd->text, "ACTION=add,MAJOR=8,MINOR=1");
+    EXPECT_EQ(cmd->due, 1000000000U + 2000000U); // the fake clock stands still
+    EXPECT_EQ(fake_world().calls("clock_gettime"), (Names{"clock_gettime 1"})); // monotonic
+    EXPECT_GE(cmd->fd, 0); // kept: the number of the closed connection
+    EXPECT_EQ(fcntl(cmd->fd, F_GETFD), -1);
+    hotplug_cmd_free(cmd);
+}
+
+TEST_F(ReceiveTest, AnAddIsDueAtOnceWithoutAClock)
+{
+    fake_world().fail("clock_gettime", 1, EINVAL);
+    start();
+    const FdGuard fd(send_text("ACTION=add,MAJOR=8,MINOR=1"));
+    HotplugCmd* cmd = next_command();
+    ASSERT_NE(cmd, nullptr);
+    EXPECT_EQ(cmd->due, 0U);
+    hotplug_cmd_free(cmd);
+}
+
+TEST_F(ReceiveTest, ARemoveIsClosedAtOnceAndDueAtOnce)
+{
+    start();
+    const FdGuard fd(send_text("ACTION=remove,MAJOR=8,MINOR=1"));
+    EXPECT_TRUE(is_closed_by_daemon(fd.get()));
+    HotplugCmd* cmd = next_command();
+    ASSERT_NE(cmd, nullptr);
+    EXPECT_EQ(cmd->due, 0U);
+    EXPECT_GE(cmd->fd, 0);
+    EXPECT_EQ(fcntl(cmd->fd, F_GETFD), -1);
+    EXPECT_EQ(fake_world().count("clock_gettime"), 0);
+    hotplug_cmd_free(cmd);
+}
+
+TEST_F(ReceiveTest, ASenderNeedNotWait)
+{
+    start();
+    close(send_text("ACTION=remove,MAJOR=8,MINOR=1"));
+    HotplugCmd* cmd = next_command();
+    ASSERT_NE(cmd, nullptr);
+    EXPECT_STREQ(cmd->text, "ACTION=remove,MAJOR=8,MINOR=1");
+    hotplug_cmd_free(cmd);
+}
+
+TEST_F(ReceiveTest, UnknownActionsAreQueuedToo)
+{
+    start();
+    const FdGuard fd(send_text("hello"));
+    HotplugCmd* cmd = next_command();
+    ASSERT_NE(cmd, nullptr);
+    EXPECT_STREQ(cmd->text, "hello");
+    EXPECT_NE(fcntl(cmd->fd, F_GETFD), -1);
+    drop(cmd);
+}
+
+TEST_F(ReceiveTest, CommandsAreQueuedAsTheyCome)
+{
+    start();
+    for (const char* text : {"ACTION=mount,1", "ACTION=mount,2", "ACTION=mount,3"}) {
+        const FdGuard fd(send_text(text));
+        HotplugCmd* cmd = next_command();
+        ASSERT_NE(cmd, nullptr);
+        EXPECT_STREQ(cmd->text, text);
+        drop(cmd);
+    }
+}
+
+TEST_F(ReceiveTest, OneConnectionBringsOneMessage)
+{
+    start();
+    const FdGuard fd(send_text("ACTION=mount,1"));
+    HotplugCmd* cmd = next_command();
+    ASSERT_NE(cmd, nullptr);
+    ASSERT_EQ(send(fd.get(), "ACTION=mount,2", 15, MSG_NOSIGNAL), 15);
+    const FdGuard other(send_text("ACTION=mount,3"));
+    HotplugCmd* next = next_command();
+    ASSERT_NE(next, nullptr);
+    EXPECT_STREQ(next->text, "ACTION=mount,3");
+    drop(cmd);
+    drop(next);
+}
+
+// ---- lengths ----
+
+TEST_F(ReceiveTest, TakesATextOf511Characters)
+{
+    const std::string text = "ACTION=mount," + std::string(511 - 13, 'x');
+    start();
+    const FdGuard fd(send_text(text));
+    HotplugCmd* cmd = next_command();
+    ASSERT_NE(cmd, nullptr);
+    EXPECT_EQ(cmd->len, 512);
+    EXPECT_EQ(cmd->text, text);
+    drop(cmd);
+}
+
+TEST_F(ReceiveTest, ATextOf512BytesWithoutItsEndIsHarmless)
+{
+    const std::string text = "ACTION=mount," + std::string(512 - 13, 'x');
+    start();
+    const FdGuard fd(send_bytes(text));
+    HotplugCmd* cmd = next_command();
+    ASSERT_NE(cmd, nullptr);
+    EXPECT_EQ(cmd->len, 512);
+    EXPECT_EQ(strnlen(cmd->text, 600), 512U);
+    EXPECT_EQ(cmd->text, text);
+    drop(cmd);
+}
+
+TEST_F(ReceiveTest, WhatIsBeyond512BytesIsNotRead)
+{
+    const std::string text = "ACTION=mount," + std::string(2000, 'x');
+    start();
+    const FdGuard fd(send_text(text));
+    HotplugCmd* cmd = next_command();
+    ASSERT_NE(cmd, nullptr);
+    EXPECT_EQ(cmd->len, 512);
+    EXPECT_EQ(cmd->text, text.substr(0, 512));
+    drop(cmd);
+}
+
+TEST_F(ReceiveTest, AShortTextWithoutItsEndIsEndedAllTheSame)
+{
+    start();
+    const FdGuard fd(send_bytes("ACTION=mount,sda"));
+    HotplugCmd* cmd = next_command();
+    ASSERT_NE(cmd, nullptr);
+    EXPECT_EQ(cmd->len, 16);
+    EXPECT_STREQ(cmd->text, "ACTION=mount,sda");
+    drop(cmd);
+}
+
+// ---- dropped connections ----
+
+TEST_F(ReceiveTest, AConnectionThatIsClosedAtOnceIsDropped)
+{
+    start();
+    close(connect_to_daemon());
+    const FdGuard fd(send_text("ACTION=mount,1"));
+    HotplugCmd* cmd = next_command();
+    ASSERT_NE(cmd, nullptr);
+    EXPECT_STREQ(cmd->text, "ACTION=mount,1");
+    drop(cmd);
+}
+
+TEST_F(ReceiveTest, AConnectionThatSendsNothingIsDroppedAfterTwoSeconds)
+{
+    start();
+    const FdGuard silent(connect_to_daemon());
+    EXPECT_TRUE(is_closed_by_daemon(silent.get()));
+    stop();
+    HotplugCmd* cmd = nullptr;
+    EXPECT_EQ(crtsec_cmd_dequeue(&cmd), -1);
+    int reads = 0;
+    for (const std::string& call : fake_world().calls("select"))
+        reads += call.find(" 0 2000000") != std::string::npos ? 1 : 0;
+    EXPECT_EQ(reads, 1);
+}
+
+// ---- the loop ----
+
+TEST_F(ReceiveTest, LooksEverySecondWhetherItIsToEnd)
+{
+    start();
+    ASSERT_TRUE(wait_for([] { return fake_world().count("select") >= 2; }));
+    EXPECT_EQ(stop(), 0);
+    for (const std::string& call : fake_world().calls("select"))
+        EXPECT_NE(call.find(" 0 1000000"), std::string::npos) << call;
+    EXPECT_EQ(arg.status, 0);
+}
+
+TEST_F(ReceiveTest, LogsItsBeginningAndItsEnd)
+{
+    start();
+    close(connect_to_daemon());
+    stop();
+    EXPECT_EQ(fake_log_texts(),
+              (Names{"recieve(#)start recieve loop", "recieve(#)exit recieve loop"}));
+    for (const FakeLogLine& line : fake_log_lines())
+        EXPECT_EQ(line.priority, LOG_ERR);
+}
+
+TEST_F(ReceiveTest, LogsEveryTextForDebugging)
+{
+    start();
+    const FdGuard fd(send_text("ACTION=mount,sda1"));
+    HotplugCmd* cmd = next_command();
+    ASSERT_NE(cmd, nullptr);
+    stop();
+    const std::vector<FakeLogLine> lines = fake_log_lines();
+    ASSERT_EQ(lines.size(), 3U);
+    EXPECT_EQ(fake_log_texts()[1], "recieve(#)ACTION=mount,sda1");
+    EXPECT_EQ(lines[1].priority, LOG_DEBUG);
+    drop(cmd);
+}
+
+TEST_F(ReceiveTest, AnInterruptedWaitGoesOn)
+{
+    fake_world().fail("select", 1, EINTR);
+    start();
+    const FdGuard fd(send_text("ACTION=mount,1"));
+    HotplugCmd* cmd = next_command();
+    ASSERT_NE(cmd, nullptr);
+    drop(cmd);
+    EXPECT_EQ(stop(), 0);
+}
+
+TEST_F(ReceiveTest, AFailedWaitEndsTheThreadAndTheDaemon)
+{
+    fake_world().fail("select", 1, ENOMEM);
+    start();
+    EXPECT_TRUE(wait_for([&] { return flag_get(&running) == 0; }));
+    EXPECT_EQ(stop(), -ENOMEM);
+    EXPECT_EQ(arg.status, -ENOMEM);
+    EXPECT_EQ(fake_log_texts().back(), "recieve(#)exit recieve loop");
+}
+
+TEST_F(ReceiveTest, WithoutItsSocketItEndsTheDaemon)
+{
+    const FdGuard taken(unix_create_listen_socket("vyhotplugd"));
+    ASSERT_GE(taken.get(), 0);
+    start();
+    EXPECT_TRUE(wait_for([&] { return flag_get(&running) == 0; }));
+    EXPECT_EQ(stop(), 0);
+    EXPECT_EQ(fake_world().count("select"), 0);
+    const Names texts = fake_log_texts();
+    ASSERT_EQ(texts.size(), 3U);
+    EXPECT_EQ(texts[0].substr(0, 15), "socket_unix(#)E");
+    EXPECT_EQ(texts[1], "recieve(#)start recieve loop");
+    EXPECT_EQ(texts[2], "recieve(#)exit recieve loop");
+}
+
+TEST_F(ReceiveTest, ClosesItsSocketAtTheEnd)
+{
+    const int before = open_descriptors();
+    start();
+    close(connect_to_daemon());
+    stop();
+    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_EQ(unix_create_socket("vyhotplugd"), -1);
+}
+
+TEST_F(ReceiveTest, AsksForAStackOf16KilobytesWhereThatWillDo)
+{
+    start();
+    EXPECT_EQ(fake_start().stack_bytes, receive_stack_bytes);
+#if !defined(VY_SANITIZED) && (defined(__x86_64__) || defined(__i386__))
+    EXPECT_EQ(fake_start().stack_bytes, 16384U);
+#endif
+}
+
+TEST_F(ReceiveTest, FailsWhenTheThreadCannotBeMade)
+{
+    fake_start().pthread_create_error = EAGAIN;
+    EXPECT_EQ(recieve_run(&arg), -1);
+    EXPECT_EQ(running, 1);
+}
+
+} // namespace

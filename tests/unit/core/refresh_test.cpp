@@ -1,0 +1,251 @@
+#include "core/refresh.h"
+
+#include "busy_devices.h"
+#include "core/command.h"
+#include "fake/fake_log.h"
+#include "fake/fake_world.h"
+#include "support/files.h"
+
+#include <errno.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/stat.h>
+
+namespace {
+
+using Names = std::vector<std::string>;
+
+// The lines of a record that carries nothing of the administrator's.
+std::string default_record(const std::string& identifier)
+{
+    return "[" + identifier +
+           "]\nShare Name=\nComment=\nRead Only=Disable\nGuest Access=Disable\n"
+           "Guest Hide=Disable\nFull Access Users=\nRead Only Users=\nBlock Users=\n"
+           "Hide Users=\n";
+}
+
+std::string named_record(const std::string& identifier)
+{
+    std::string record = default_record(identifier);
+    const std::string key = "Share Name=";
+    return record.insert(record.find(key) + key.size(), "Photos");
+}
+
+class RefreshTest : public BusyDevicesTest {
+  protected:
+    RefreshTest()
+    {
+        config.naswork = 0;
+        write_file("/var/run/vynas-fssd.pid", "4321\n");
+    }
+
+    // A mounted partition of a device with this serial.
+    MountEntry* add_device(int32_t minor, const char* serial)
+    {
+        MountEntry* entry = add(MAJOR_SD, minor);
+        entry->fstype = CONF_DEV_FS_EXT3; // no label is looked for
+        entry->dev->vid = 0x1234;
+        entry->dev->pid = 0x00AB;
+        entry->dev->serial = strdup(serial);
+        return entry;
+    }
+};
+
+TEST_F(RefreshTest, SavesTheShareFileThenTheDeviceFileThenSyncsThenTells)
+{
+    refresh_tables(&ctx, COMMAND_ADDED | COMMAND_REMOVED);
+    EXPECT_EQ(
+        fake_world().journal,
+        (Names{"rename /tmp/vyhotplug.dir.conf.tmp /tmp/vynas.dir.conf",
+               "rename /tmp/vyhotplug.dev.conf.tmp /tmp/hotplug.dev.conf", "sync", "kill 4321 1"}));
+    EXPECT_TRUE(exists(share_file));
+    EXPECT_TRUE(exists(device_file));
+}
+
+TEST_F(RefreshTest, AddsEveryMountedPartitionInOrder)
+{
+    add_device(1, "ABC");
+    add_device(18, "");
+    refresh_tables(&ctx, COMMAND_ADDED);
+    EXPECT_EQ(read_file(device_file),
+              default_record("1234:00ab:ABC:1") + default_record("1234:00ab::2"));
+}
+
+TEST_F(RefreshTest, AddsNothingWithoutTheBit)
+{
+    add_device(1, "ABC");
+    for (const int dirty : {0, static_cast<int>(COMMAND_REMOVED)}) {
+        fake_log_clear();
+        refresh_tables(&ctx, dirty);
+        EXPECT_EQ(read_file(device_file), "") << dirty;
+        // Without a record it is no share.
+        EXPECT_EQ(read_file(share_file), "") << dirty;
+        EXPECT_EQ(fake_log_texts()[0], "config_file_dir(#)Error - External Directory Config.");
+    }
+}
+
+TEST_F(RefreshTest, KeepsWhatTheDeviceFileHolds)
+{
+    write_file(device_file, named_record("1:2:3:4") + named_record("1234:00ab:ABC:1"));
+    add_device(1, "ABC");
+    add_device(2, "ABC");
+    refresh_tables(&ctx, COMMAND_ADDED);
+    EXPECT_EQ(read_file(device_file), named_record("1:2:3:4") + named_record("1234:00ab:ABC:1") +
+                                          default_record("1234:00ab:ABC:2"));
+}
+
+TEST_F(RefreshTest, AGoneEntryIsStillAddedToTheTable)
+{
+    MountEntry* entry = add_device(1, "ABC");
+    entry->gone = 1;
+    refresh_tables(&ctx, COMMAND_ADDED);
+    EXPECT_EQ(read_file(device_file), default_record("1234:00ab:ABC:1"));
+    EXPECT_EQ(read_file(share_file), ""); // but it is no share
+}
+
+TEST_F(RefreshTest, NamesTheShareInTheEntry)
+{
+    MountEntry* entry = add_device(17, "ABC");
+    refresh_tables(&ctx, COMMAND_ADDED);
+    EXPECT_STREQ(entry->sharename, "Drive(B1)");
+    EXPECT_EQ(read_file(share_file), "[Drive(B1)]\nIdentifier=1234:00ab:ABC:1\n"
+                                     "Path=/media/mnt/sdb1\n"
+                                     "Comment=USB Storage Device (0x1234/0x00AB)\n");
+}
+
+TEST_F(RefreshTest, DeviceInformationIsWrittenWhereItIsAskedFor)
+{
+    config.naswork = 1;
+    add_device(1, "ABC");
+    refresh_tables(&ctx, COMMAND_ADDED);
+    EXPECT_NE(read_file(share_file).find("VID=4660\n"), std::string::npos);
+}
+
+// ---- the filesystems that are woken ----
+
+TEST_F(RefreshTest, WakesEverySecondFilesystem)
+{
+    for (int32_t minor = 1; minor <= 5; minor++)
+        add(MAJOR_SD, minor);
+    refresh_tables(&ctx, 0);
+    EXPECT_EQ(
+        fake_world().calls("statfs"),
+        (Names{"statfs /media/mnt/sda1", "statfs /media/mnt/sda3", "statfs /media/mnt/sda5"}));
+}
+
+TEST_F(RefreshTest, WakesFatAndUnknownFilesystemsOnly)
+{
+    const uint8_t types[] = {0, 1, 2, 3, 4, 5, 6};
+    for (const uint8_t type : types) {
+        add(MAJOR_SD, type * 2)->fstype = type;
+        add(MAJOR_SD, type * 2 + 1)->fstype = CONF_DEV_FS_FAT; // at an odd position
+    }
+    refresh_tables(&ctx, 0);
+    EXPECT_EQ(fake_world().calls("statfs"),
+              (Names{"statfs /media/mnt/sda0", "statfs /media/mnt/sda8"}));
+}
+
+TEST_F(RefreshTest, AFilesystemThatDoesNotWakeChangesNothing)
+{
+    add(MAJOR_SD, 1);
+    fake_world().fail("statfs", 0, EIO);
+    refresh_tables(&ctx, COMMAND_ADDED);
+    EXPECT_EQ(fake_world().count("kill"), 1);
+    EXPECT_NE(read_file(share_file), "");
+}
+
+TEST_F(RefreshTest, WakesThemBeforeTheShareFileIsWritten)
+{
+    add(MAJOR_SD, 1);
+    refresh_tables(&ctx, 0);
+    EXPECT_EQ(fake_world().journal[0], "statfs /media/mnt/sda1");
+}
+
+// ---- what is dropped ----
+
+TEST_F(RefreshTest, DropsEveryGoneEntry)
+{
+    MountEntry* first = add_device(1, "A");
+    MountEntry* second = add_device(2, "B");
+    MountEntry* third = add_device(3, "C");
+    MountEntry* fourth = add_device(4, "D");
+    first->gone = 1;
+    second->gone = 1;
+    fourth->gone = 1;
+    refresh_tables(&ctx, COMMAND_REMOVED);
+    EXPECT_EQ(entries(), (std::vector<MountEntry*>{third}));
+}
+
+TEST_F(RefreshTest, DropsNothingWithoutTheBit)
+{
+    MountEntry* entry = add_device(1, "A");
+    entry->gone = 1;
+    write_file(device_file, default_record("1:2:3:4"));
+    refresh_tables(&ctx, COMMAND_ADDED);
+    EXPECT_EQ(entries(), (std::vector<MountEntry*>{entry}));
+    EXPECT_EQ(read_file(device_file), default_record("1:2:3:4") + default_record("1234:00ab:A:1"));
+}
+
+TEST_F(RefreshTest, DropsTheRecordsThatNobodyNamedAndNoDeviceHas)
+{
+    add_device(1, "A");
+    write_file(device_file, default_record("1:1:1:1") + default_record("1234:00ab:A:1") +
+                                default_record("2:2:2:2") + named_record("3:3:3:3") +
+                                default_record("4:4:4:4"));
+    refresh_tables(&ctx, COMMAND_REMOVED);
+    EXPECT_EQ(read_file(device_file), default_record("1234:00ab:A:1") + named_record("3:3:3:3"));
+}
+
+TEST_F(RefreshTest, DropsTheRecordOfWhatIsGoneInTheSameRefresh)
+{
+    add_device(1, "A")->gone = 1;
+    add_device(2, "B");
+    write_file(device_file, default_record("1234:00ab:A:1") + default_record("1234:00ab:B:2"));
+    refresh_tables(&ctx, COMMAND_ADDED | COMMAND_REMOVED);
+    EXPECT_EQ(read_file(device_file), default_record("1234:00ab:B:2"));
+}
+
+TEST_F(RefreshTest, AnUnmountedDeviceKeepsItsRecord)
+{
+    MountEntry* entry = add(MAJOR_SD, 1, 16, false);
+    entry->dev->serial = strdup("A");
+    write_file(device_file, default_record("0000:0000:A:1"));
+    refresh_tables(&ctx, COMMAND_REMOVED);
+    EXPECT_EQ(read_file(device_file), default_record("0000:0000:A:1"));
+}
+
+// ---- what goes wrong ----
+
+TEST_F(RefreshTest, AMissingDeviceFileIsMade)
+{
+    refresh_tables(&ctx, 0);
+    EXPECT_TRUE(exists(device_file));
+    EXPECT_EQ(read_file(device_file), "");
+}
+
+TEST_F(RefreshTest, AShareFileThatCannotBeWrittenDoesNotEndTheRefresh)
+{
+    ASSERT_EQ(mkdir("/tmp/vyhotplug.dir.conf.tmp", 0755), 0);
+    add_device(1, "A");
+    refresh_tables(&ctx, COMMAND_ADDED);
+    EXPECT_EQ(read_file(device_file), default_record("1234:00ab:A:1"));
+    EXPECT_EQ(fake_world().signals, (std::vector<std::pair<pid_t, int>>{{4321, SIGHUP}}));
+}
+
+TEST_F(RefreshTest, ADeviceFileThatCannotBeWrittenDoesNotEndTheRefresh)
+{
+    ASSERT_EQ(mkdir("/tmp/vyhotplug.dev.conf.tmp", 0755), 0);
+    refresh_tables(&ctx, COMMAND_ADDED);
+    EXPECT_EQ(fake_world().syncs, 1);
+    EXPECT_EQ(fake_world().count("kill"), 1);
+}
+
+TEST_F(RefreshTest, WithoutAServiceNobodyIsTold)
+{
+    ASSERT_EQ(unlink("/var/run/vynas-fssd.pid"), 0);
+    refresh_tables(&ctx, 0);
+    EXPECT_EQ(fake_world().syncs, 1);
+    EXPECT_TRUE(fake_world().signals.empty());
+}
+
+} // namespace
