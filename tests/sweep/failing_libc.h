@@ -28,5 +28,5 @@ void libc_fail_call(const std::string& function, int nth, int error);
 bool libc_struck();
 
 // Memory and streams that the service got since libc_reset and has not given back, in words; "" for
-// none.
-std::string libc_leaks();
+// none, or no more than the allocations allowed for.
+std::string libc_leaks(size_t allowed = 0);

@@ -88,7 +88,7 @@ void run_once(const Scenario& scenario, const std::function<void()>& plan,
         scenario.check(hit);
     if (hit && scenario.keeps_streams)
         return;
-    EXPECT_EQ(libc_leaks(), "");
+    EXPECT_EQ(libc_leaks(scenario.keeps_options ? 3 : 0), "");
     EXPECT_EQ(open_descriptors(), descriptors);
 }
 

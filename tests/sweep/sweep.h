@@ -14,6 +14,7 @@ struct Scenario {
     std::function<void(bool struck)> check; // struck: the planned failure happened
     bool keeps_streams = false;             // a failure may leave a stream open: kept behaviour
     bool threads = false;                   // counts may differ from run to run
+    bool keeps_options = false; // the configuration's option texts live on, three at most
 };
 
 // Fails every allocation, each alone and each from there on.
