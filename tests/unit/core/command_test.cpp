@@ -90,6 +90,10 @@ TEST_F(CommandTest, WaitsForADroppedTextToo)
 {
     handle("hello", -1, fake_world().monotonic_usec + 5);
     EXPECT_EQ(fake_world().slept_usec, 5U);
+    const uint64_t due = fake_world().monotonic_usec + 5;
+    const HotplugCmd cmd = {.fd = -1, .len = 0, .text = nullptr, .reserved = 0, .due = due};
+    EXPECT_EQ(command_handle(&ctx, &cmd), 0);
+    EXPECT_EQ(fake_world().slept_usec, 10U);
 }
 
 TEST_F(CommandTest, DoesNotWaitWhenItIsDueOrHasNoTime)

@@ -519,34 +519,34 @@ std::string config_loaded_in(const std::string& directory, const Names& argument
 
 TEST(Startup, TakesTheConfigurationOfItsDirectoryFirst)
 {
-    ASSERT_EQ(mkdir("/tmp/work", 0755), 0);
+    ASSERT_EQ(mkdir("/tmp/place", 0755), 0);
     ASSERT_EQ(mkdir("/tmp/vynasmira", 0755), 0);
-    write_file("/tmp/work/vyhotplugd.conf", "mountpath=/tmp\n");
+    write_file("/tmp/place/vyhotplugd.conf", "mountpath=/tmp\n");
     write_file("/tmp/vynasmira/vyhotplugd.conf", "mountpath=/tmp\n");
-    EXPECT_EQ(config_loaded_in("/tmp/work"), "/tmp/work/./vyhotplugd.conf");
+    EXPECT_EQ(config_loaded_in("/tmp/place"), "/tmp/place/./vyhotplugd.conf");
     EXPECT_EQ(config_loaded_in("/tmp"), "/tmp/vynasmira/vyhotplugd.conf");
 }
 
 TEST(Startup, WithoutAConfigurationThePathIsTheDirectory)
 {
-    ASSERT_EQ(mkdir("/tmp/work", 0755), 0);
-    EXPECT_EQ(config_loaded_in("/tmp/work"), "/tmp/work/");
+    ASSERT_EQ(mkdir("/tmp/place", 0755), 0);
+    EXPECT_EQ(config_loaded_in("/tmp/place"), "/tmp/place/");
 }
 
 TEST(Startup, ARelativePathBecomesAbsolute)
 {
-    ASSERT_EQ(mkdir("/tmp/work", 0755), 0);
-    write_file("/tmp/work/my.conf", "mountpath=/tmp\n");
-    EXPECT_EQ(config_loaded_in("/tmp/work", {"-f", "my.conf"}), "/tmp/work/my.conf");
-    EXPECT_EQ(config_loaded_in("/tmp/work", {"-f", "../work/my.conf"}),
-              "/tmp/work/../work/my.conf");
+    ASSERT_EQ(mkdir("/tmp/place", 0755), 0);
+    write_file("/tmp/place/my.conf", "mountpath=/tmp\n");
+    EXPECT_EQ(config_loaded_in("/tmp/place", {"-f", "my.conf"}), "/tmp/place/my.conf");
+    EXPECT_EQ(config_loaded_in("/tmp/place", {"-f", "../place/my.conf"}),
+              "/tmp/place/../place/my.conf");
 }
 
 TEST(Startup, TheRestartedDaemonTakesItsPathAsItIs)
 {
-    ASSERT_EQ(mkdir("/tmp/work", 0755), 0);
-    write_file("/tmp/work/my.conf", "mountpath=/tmp\n");
-    EXPECT_EQ(config_loaded_in("/tmp/work", {"-D", "-f", "my.conf"}), "my.conf");
+    ASSERT_EQ(mkdir("/tmp/place", 0755), 0);
+    write_file("/tmp/place/my.conf", "mountpath=/tmp\n");
+    EXPECT_EQ(config_loaded_in("/tmp/place", {"-D", "-f", "my.conf"}), "my.conf");
 }
 
 TEST(Startup, AnAbsolutePathThatGrowsTooLongIsCutTo127Characters)
@@ -600,13 +600,13 @@ void put_program(const std::string& path)
     ASSERT_EQ(chmod(path.c_str(), 0755), 0);
 }
 
-// Starts the daemon under this name in /tmp/work and gives what the script in its place told.
+// Starts the daemon under this name in /tmp/place and gives what the script in its place told.
 Names started_again(const Names& arguments)
 {
     const ChildResult result = run_child([&] {
         for (int fd = 3; fd < 64; fd++)
             close(fd);
-        if (chdir("/tmp/work") != 0)
+        if (chdir("/tmp/place") != 0)
             return 9;
         return call_main(vyhotplug_main, arguments);
     });
@@ -622,10 +622,10 @@ class RestartTest : public testing::Test {
   protected:
     RestartTest()
     {
-        EXPECT_EQ(mkdir("/tmp/work", 0755), 0);
-        EXPECT_EQ(mkdir("/tmp/work/bin", 0755), 0);
-        put_program("/tmp/work/bin/vyhotplugd");
-        write_file("/tmp/work/my.conf", "mountpath=/tmp\n");
+        EXPECT_EQ(mkdir("/tmp/place", 0755), 0);
+        EXPECT_EQ(mkdir("/tmp/place/bin", 0755), 0);
+        put_program("/tmp/place/bin/vyhotplugd");
+        write_file("/tmp/place/my.conf", "mountpath=/tmp\n");
     }
 
     static std::string command(const Names& arguments)
@@ -637,38 +637,38 @@ class RestartTest : public testing::Test {
 
 TEST_F(RestartTest, StartsItselfAgainWithAllThatItWasTold)
 {
-    EXPECT_EQ(command({"/tmp/work/bin/vyhotplugd", "-f", "/tmp/work/my.conf", "-l", "6"}),
-              "/tmp/work/bin/vyhotplugd -f /tmp/work/my.conf -l 6 -D");
+    EXPECT_EQ(command({"/tmp/place/bin/vyhotplugd", "-f", "/tmp/place/my.conf", "-l", "6"}),
+              "/tmp/place/bin/vyhotplugd -f /tmp/place/my.conf -l 6 -D");
 }
 
 TEST_F(RestartTest, TheDefaultLevelIsPassedOnToo)
 {
-    EXPECT_EQ(command({"/tmp/work/bin/vyhotplugd", "-f", "/tmp/work/my.conf"}),
-              "/tmp/work/bin/vyhotplugd -f /tmp/work/my.conf -l 4 -D");
+    EXPECT_EQ(command({"/tmp/place/bin/vyhotplugd", "-f", "/tmp/place/my.conf"}),
+              "/tmp/place/bin/vyhotplugd -f /tmp/place/my.conf -l 4 -D");
 }
 
 TEST_F(RestartTest, ARelativeConfigurationIsFoundFromTheRoot)
 {
-    EXPECT_EQ(command({"/tmp/work/bin/vyhotplugd", "-f", "my.conf"}),
-              "/tmp/work/bin/vyhotplugd -f /tmp/work/my.conf -l 4 -D");
+    EXPECT_EQ(command({"/tmp/place/bin/vyhotplugd", "-f", "my.conf"}),
+              "/tmp/place/bin/vyhotplugd -f /tmp/place/my.conf -l 4 -D");
 }
 
 TEST_F(RestartTest, ARelativeProgramIsFoundFromTheRoot)
 {
     EXPECT_EQ(command({"./bin/vyhotplugd", "-f", "my.conf"}),
-              "/tmp/work/./bin/vyhotplugd -f /tmp/work/my.conf -l 4 -D");
+              "/tmp/place/./bin/vyhotplugd -f /tmp/place/my.conf -l 4 -D");
 }
 
 TEST_F(RestartTest, AProgramWithoutADirectoryIsSearchedOnThePath)
 {
-    setenv("PATH", "/tmp/work/bin:/bin:/usr/bin", 1);
+    setenv("PATH", "/tmp/place/bin:/bin:/usr/bin", 1);
     EXPECT_EQ(command({"vyhotplugd", "-f", "my.conf"}),
-              "/tmp/work/bin/vyhotplugd -f /tmp/work/my.conf -l 4 -D");
+              "/tmp/place/bin/vyhotplugd -f /tmp/place/my.conf -l 4 -D");
 }
 
 TEST_F(RestartTest, WorksInTheRootWithNothingButNullBelow6)
 {
-    const Names lines = started_again({"/tmp/work/bin/vyhotplugd", "-f", "my.conf"});
+    const Names lines = started_again({"/tmp/place/bin/vyhotplugd", "-f", "my.conf"});
     ASSERT_EQ(lines.size(), 7U);
     EXPECT_EQ(lines[1], "/");
     for (size_t at = 2; at < 7; at++)
@@ -677,14 +677,14 @@ TEST_F(RestartTest, WorksInTheRootWithNothingButNullBelow6)
 
 TEST_F(RestartTest, TheFirstProcessTakesNoLock)
 {
-    EXPECT_NE(command({"/tmp/work/bin/vyhotplugd"}), "");
+    EXPECT_NE(command({"/tmp/place/bin/vyhotplugd"}), "");
     EXPECT_FALSE(exists(pid_file));
 }
 
 TEST_F(RestartTest, TheFirstProcessStartsThoughAnotherRuns)
 {
     const FdGuard lock(vy_create_pid_file("vyhotplugd"));
-    EXPECT_NE(command({"/tmp/work/bin/vyhotplugd"}), "");
+    EXPECT_NE(command({"/tmp/place/bin/vyhotplugd"}), "");
 }
 
 TEST_F(RestartTest, AProgramThatIsGoneEndsWithStatus1)
