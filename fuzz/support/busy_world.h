@@ -1,0 +1,34 @@
+// A daemon's context and busy-device set on the fake world, with directories of its own. It lasts
+// for one input and takes everything with it: files, entries, journal and log lines.
+#pragma once
+
+#include "core/daemon.h"
+#include "device/mount_entry.h"
+
+#include <string>
+#include <vector>
+
+class BusyWorld {
+  public:
+    BusyWorld();
+    ~BusyWorld();
+    BusyWorld(const BusyWorld&) = delete;
+    BusyWorld& operator=(const BusyWorld&) = delete;
+
+    // Adds an entry with that node and directory, whose description is a copy that takes the
+    // strings over. A mounted one (as FAT) is so in the fake world.
+    MountEntry* add(const HotplugDev& dev, const std::string& name, bool mounted);
+
+    // The entries of the set, in order.
+    std::vector<MountEntry*> entries() const;
+
+    static std::string node_of(const std::string& name);
+    static std::string directory_of(const std::string& name);
+
+    DaemonCtx ctx = {};
+    ConfHotplug config = {};
+    std::string share_file = "/tmp/vynas.dir.conf";
+    std::string device_file = "/tmp/hotplug.dev.conf";
+    std::string mountpath = "/media/mnt";
+    std::string devicepath = "/media/dev";
+};
