@@ -1,30 +1,37 @@
 #!/usr/bin/python3
 """Adds up ctest's result files: "N passed, N failed, N skipped".
 
-usage: count.py FAILED_LANES RESULT.xml...
-Exits with 0 when something passed and nothing failed. A lane that failed without a failed test (it did
-not build, say) counts as one failure.
+usage: count.py RESULT_DIRECTORY
+Reads its *.xml and the file "failed", a line for each lane or part of one that failed. Exits with 0 when
+something passed and nothing failed. What failed without a failed test (it did not build, say) counts as one
+failure.
 """
+import pathlib
 import sys
 import xml.etree.ElementTree as ElementTree
 
 
 def main():
-    failed_lanes = sys.argv[1].split()
+    results = pathlib.Path(sys.argv[1])
+    marker = results / "failed"
+    lanes = sorted(set(marker.read_text().split())) if marker.exists() else []
     passed = failed = skipped = 0
-    for path in sys.argv[2:]:
+    for path in sorted(results.glob("*.xml")):
         try:
             suite = ElementTree.parse(path).getroot()
-        except (OSError, ElementTree.ParseError):
-            continue  # the lane has failed before its tests
+        except ElementTree.ParseError:
+            lanes.append(path.stem)  # cut off in the middle
+            continue
         for case in suite.iter("testcase"):
             status = case.get("status")
             passed += status == "run"
             failed += status == "fail"
             skipped += status in ("notrun", "disabled")
             if status in ("fail", "notrun"):
-                print(f"{status}: {path.split('/')[-1]}: {case.get('name')}")
-    failed = max(failed, len(failed_lanes))
+                print(f"{status}: {path.stem}: {case.get('name')}")
+    if lanes:
+        print("failed: " + " ".join(lanes))
+    failed = max(failed, len(lanes))
     print(f"{passed} passed, {failed} failed, {skipped} skipped")
     return 0 if passed and not failed else 1
 

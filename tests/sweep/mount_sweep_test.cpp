@@ -177,7 +177,7 @@ struct Commands {
             fake_world().journal.clear();
         };
         made.run = [=, this] { handle(message, request ? ends[0] : -1); };
-        made.finish = [this] {
+        made.finish = [] {
             empty_set();
             crtsec_term();
         };

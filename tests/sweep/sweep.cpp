@@ -154,32 +154,46 @@ static Calls count_calls(const Scenario& scenario)
     return calls;
 }
 
+// Fails the nth call of a function with each of its errors. Returns how many runs that took.
+static int fail_each(const Scenario& scenario, const std::string& name, const std::string& call,
+                     int nth, const std::function<void(int error)>& plan,
+                     const std::function<bool()>& struck)
+{
+    int runs = 0;
+    for (const int error : errors(call)) {
+        run_once(
+            scenario, [&] { plan(error); }, struck,
+            name + " " + std::to_string(nth) + " fails with errno " + std::to_string(error));
+        runs++;
+    }
+    return runs;
+}
+
+static int fail_libc_call(const Scenario& scenario, const std::string& call, int nth)
+{
+    return fail_each(
+        scenario, call, call, nth, [&](int error) { libc_fail_call(call, nth, error); },
+        [] { return libc_struck(); });
+}
+
+static int fail_sys_call(const Scenario& scenario, const std::string& call, int nth)
+{
+    return fail_each(
+        scenario, "sys_" + call, call, nth, [&](int error) { fake_world().fail(call, nth, error); },
+        [] { return true; });
+}
+
 void sweep_calls(const Scenario& scenario)
 {
     const Calls calls = count_calls(scenario);
     int runs = 0;
     for (const auto& [call, count] : calls.libc) {
-        for (int nth = 1; nth <= count && !testing::Test::HasFailure(); nth++) {
-            for (const int error : errors(call)) {
-                run_once(
-                    scenario, [&] { libc_fail_call(call, nth, error); },
-                    [] { return libc_struck(); },
-                    call + " " + std::to_string(nth) + " fails with errno " +
-                        std::to_string(error));
-                runs++;
-            }
-        }
+        for (int nth = 1; nth <= count && !testing::Test::HasFailure(); nth++)
+            runs += fail_libc_call(scenario, call, nth);
     }
     for (const auto& [call, count] : calls.sys) {
-        for (int nth = 1; nth <= count && !testing::Test::HasFailure(); nth++) {
-            for (const int error : errors(call)) {
-                run_once(
-                    scenario, [&] { fake_world().fail(call, nth, error); }, [] { return true; },
-                    "sys_" + call + " " + std::to_string(nth) + " fails with errno " +
-                        std::to_string(error));
-                runs++;
-            }
-        }
+        for (int nth = 1; nth <= count && !testing::Test::HasFailure(); nth++)
+            runs += fail_sys_call(scenario, call, nth);
     }
     EXPECT_GT(runs, 0);
     printf("%d failures\n", runs);

@@ -46,7 +46,7 @@ class Resources(SystemTest):
             partition.lay_node()
             self.assertEqual(vyworld.request("ACTION=mount,sda1"), b"success\0")
             vyworld.request_all([b"\xff" * 512, b"\0", "ACTION=mount,nothing", "ACTION=none"] * 5)
-            vyworld.send("ACTION=mount,all")
+            vyworld.send("ACTION=mount,mmcblk")
             with vyworld.connect():
                 pass
         self.assert_back_to(before)

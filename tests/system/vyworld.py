@@ -565,7 +565,7 @@ echo "${{0##*/}} $*" >> {LABEL_RECORD}
 
     def assert_alive(self):
         """It still takes requests."""
-        self.assertEqual(request("ACTION=mount,all"), b"success\0")
+        self.assertEqual(request("ACTION=mount,usb"), b"faild\0")
 
     # ---- the hook ----
 
