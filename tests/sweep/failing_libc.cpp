@@ -162,6 +162,16 @@ std::string libc_leaks(size_t allowed)
     return words;
 }
 
+extern "C" void __real_free(void* memory);
+
+void libc_free_kept()
+{
+    const Lock lock(mutex);
+    for (void* memory : live)
+        __real_free(memory);
+    live.clear();
+}
+
 extern "C" {
 
 // ---- memory ----
@@ -169,7 +179,6 @@ extern "C" {
 void* __real_malloc(size_t size);
 void* __real_calloc(size_t count, size_t size);
 void* __real_realloc(void* memory, size_t size);
-void __real_free(void* memory);
 char* __real_strdup(const char* text);
 char* __real_strndup(const char* text, size_t length);
 

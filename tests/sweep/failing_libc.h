@@ -30,3 +30,6 @@ bool libc_struck();
 // Memory and streams that the service got since libc_reset and has not given back, in words; "" for
 // none, or no more than the allocations allowed for.
 std::string libc_leaks(size_t allowed = 0);
+
+// Frees that memory: for what outlives a run on purpose.
+void libc_free_kept();

@@ -90,6 +90,8 @@ void run_once(const Scenario& scenario, const std::function<void()>& plan,
         return;
     EXPECT_EQ(libc_leaks(scenario.keeps_options ? 3 : 0), "");
     EXPECT_EQ(open_descriptors(), descriptors);
+    if (scenario.keeps_options)
+        libc_free_kept();
 }
 
 } // namespace
