@@ -20,14 +20,14 @@ struct Failing {
     std::vector<int> errors;
 };
 
-// What really occurs. A call that is not listed fails with EIO.
+// What really occurs. A call that is not listed fails with EIO and ENOMEM.
 const std::map<std::string, std::vector<int>> errors_of = {
     {"access", {EACCES, ENOENT}},
     {"accept", {EMFILE, EINTR, ECONNABORTED}},
-    {"bind", {EADDRINUSE}},
-    {"clock_gettime", {EINVAL}},
-    {"close", {EIO}},
-    {"connect", {ECONNREFUSED}},
+    {"bind", {EADDRINUSE, ENOMEM}},
+    {"clock_gettime", {EINVAL, EPERM}},
+    {"close", {EIO, EINTR}},
+    {"connect", {ECONNREFUSED, EAGAIN, EINTR}},
     {"fclose", {EIO, ENOSPC}},
     {"fflush", {EIO, ENOSPC}},
     {"flock", {EWOULDBLOCK, EINTR}},
@@ -44,7 +44,7 @@ const std::map<std::string, std::vector<int>> errors_of = {
     {"pipe", {EMFILE, ENFILE}},
     {"pthread_attr_init", {ENOMEM}},
     {"pthread_attr_setstacksize", {EINVAL}},
-    {"pthread_create", {EAGAIN}},
+    {"pthread_create", {EAGAIN, EPERM}},
     {"pthread_mutex_init", {ENOMEM}},
     {"read", {EIO, EINTR}},
     {"recv", {ECONNRESET, EINTR}},
@@ -53,7 +53,7 @@ const std::map<std::string, std::vector<int>> errors_of = {
     {"select", {EINTR, ENOMEM}},
     {"send", {EPIPE, EAGAIN}},
     {"setmntent", {EMFILE, EROFS}},
-    {"socket", {EMFILE}},
+    {"socket", {EMFILE, ENFILE, ENOMEM}},
     {"spawn", {EAGAIN, ENOMEM}},
     {"umount", {EBUSY, EINVAL, ENOENT}},
     {"umount2", {EBUSY, EIO}},
@@ -64,7 +64,7 @@ const std::map<std::string, std::vector<int>> errors_of = {
 std::vector<int> errors(const std::string& call)
 {
     const auto found = errors_of.find(call);
-    return found == errors_of.end() ? std::vector<int>{EIO} : found->second;
+    return found == errors_of.end() ? std::vector<int>{EIO, ENOMEM} : found->second;
 }
 
 // One whole run. `plan` is made between prepare and run.
