@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Holds the includes of src against the directions of the house (docs/ARCHITECTURE.md).
+"""Holds the includes of src and companions against the directions of the house (docs/ARCHITECTURE.md).
 
 usage: include_graph.py SOURCE_DIRECTORY
 """
@@ -17,33 +17,44 @@ MAY_INCLUDE = {
     "tools": {"config", "lib"},
     "core": {"config", "records", "mount", "tools", "lib", "device"},
 }
+# The same for companions/, whose folders see these of src besides.
+COMPANIONS_MAY_INCLUDE = {
+    "common": set(),
+    "agent": {"common"},
+    "label": {"common"},
+    "prepare": {"common"},
+    "samba": {"common"},
+}
+COMPANIONS_SEE = {"lib", "config"}
 # Of these folders, only these headers may be seen from there.
 ONLY = {("mount", "config"): {"config/conf_hotplug.h"}}
 
 INCLUDE = re.compile(r'^\s*#\s*include\s*"([^"]+)"')
 
 
-def faults_of(source, path):
-    folder = path.relative_to(source).parts[0]
+def faults_of(root, path):
+    source, folder = path.relative_to(root).parts[:2]
+    allowed = MAY_INCLUDE[folder] if source == "src" else COMPANIONS_MAY_INCLUDE[folder] | COMPANIONS_SEE
     for number, line in enumerate(path.read_text().splitlines(), 1):
         match = INCLUDE.match(line)
         if not match:
             continue
         name = match.group(1)
-        where = f"{path.relative_to(source.parent)}:{number}: "
+        where = f"{path.relative_to(root)}:{number}: "
         other = name.split("/")[0]
-        if not (source / name).is_file():
-            yield where + f"{name} is not written from src/"
-        elif other != folder and other not in MAY_INCLUDE[folder]:
+        if not any((root / top / name).is_file() for top in {source, "src"}):
+            yield where + f"{name} is not written from src/ or companions/"
+        elif other != folder and other not in allowed:
             yield where + f"{folder} must not look at {other}"
         elif name not in ONLY.get((folder, other), {name}):
             yield where + f"{folder} sees nothing of {other} but {', '.join(ONLY[folder, other])}"
 
 
 def main():
-    source = pathlib.Path(sys.argv[1]).resolve() / "src"
-    files = [path for path in sorted(source.rglob("*")) if path.suffix in (".h", ".cpp")]
-    faults = [fault for path in files for fault in faults_of(source, path)]
+    root = pathlib.Path(sys.argv[1]).resolve()
+    files = [path for top in ("src", "companions") for path in sorted((root / top).rglob("*"))
+             if path.suffix in (".h", ".cpp")]
+    faults = [fault for path in files for fault in faults_of(root, path)]
     print("\n".join(faults))
     print(f"{len(files)} files, {len(faults)} faults")
     return 1 if faults or not files else 0
