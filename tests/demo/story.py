@@ -2,11 +2,13 @@
 """Plugs a stick in, looks at what the service makes of it, and pulls it. Run by ./demo in a private world."""
 
 import os
+import shutil
 import subprocess
 import sys
 import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "system"))
+import samba_world  # noqa: E402
 import vyworld  # noqa: E402
 
 PROGRAMS = os.environ["VY_BIN"]
@@ -75,12 +77,73 @@ class Surroundings:
     def reloads(self):
         return self.service.count()
 
+    def refresh(self):
+        """Has the daemon look at its files again."""
+        reloads = self.reloads()
+        self.daemon.send_signal(1)
+        self.wait_for_reload(reloads + 1)
+
+    def end_service(self):
+        self.service.process.kill()
+        self.service.process.wait()
+
     def end(self):
         self.daemon.terminate()
         status = self.daemon.wait(LIMIT)
-        self.service.process.kill()
-        self.service.process.wait()
+        self.end_service()
         return status
+
+
+class Samba:
+    """A Samba on this world's own loopback, and the bridge that feeds it."""
+
+    def __init__(self):
+        for name in ("log", "lock", "state", "cache", "private", "pid", "ncalrpc"):
+            os.makedirs(f"{samba_world.SAMBA}/{name}")
+        for path in (samba_world.SMB_CONF, samba_world.INCLUDE, "/var/log/samba/any"):
+            os.makedirs(os.path.dirname(path), exist_ok=True)
+        vyworld.write(samba_world.SMB_CONF, f"{samba_world.GLOBAL}\ninclude = {samba_world.INCLUDE}\n")
+        os.unlink(vyworld.SERVICE_PID_FILE)
+        quiet = {"stdin": subprocess.DEVNULL, "stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL}
+        self.processes = [
+            subprocess.Popen([os.path.join(PROGRAMS, "vynas-samba"), "-f", vyworld.CONFIG], **quiet),
+            # Of a session of its own: it ends its whole process group when it ends.
+            subprocess.Popen(["smbd", "--foreground", "--no-process-group"], start_new_session=True, **quiet)]
+        wait_for("Samba's answer", lambda: self.client("-L", "//127.0.0.1").returncode == 0)
+
+    @staticmethod
+    def client(*arguments):
+        return subprocess.run(["smbclient", "-N", *arguments], check=False, stdin=subprocess.DEVNULL,
+                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+
+    def shares(self):
+        lines = self.client("-g", "-L", "//127.0.0.1").stdout.splitlines()
+        return [line.split("|")[1] for line in lines if line.startswith("Disk|")]
+
+    def end(self):
+        for process in self.processes:
+            process.terminate()
+            process.wait(LIMIT)
+
+
+def share_on_the_network(around, partition):
+    chapter("It is plugged in again, on a machine with Samba")
+    missing = [program for program in samba_world.NEEDED if shutil.which(program) is None]
+    if missing:
+        say(f"   skipped: {', '.join(missing)} not installed")
+        return
+    settings = vyworld.read(vyworld.DEVICE_FILE)
+    vyworld.write(vyworld.DEVICE_FILE, settings.replace("Guest Access=Disable", "Guest Access=Enable"))
+    show("the administrator lets guests in: Guest Access=Enable")
+    around.end_service()
+    samba = Samba()
+    partition.lay_node()
+    vyworld.send(partition.add_message())
+    wait_for("the share on the network", lambda: "Holiday" in samba.shares())
+    for command in (["-L", "//127.0.0.1"], ["//127.0.0.1/Holiday", "-c", "get holiday.txt -"]):
+        say("$ smbclient -N " + " ".join(command))
+        show(samba.client(*command).stdout)
+    samba.end()
 
 
 def make_stick():
@@ -128,9 +191,7 @@ def main():
     header, rest = text.split("Share Name=\n", 1)
     vyworld.write(vyworld.DEVICE_FILE, header + "Share Name=Holiday\n" + rest)
     show(f"[{first.identifier}]\nShare Name=Holiday")
-    reloads = around.reloads()
-    around.daemon.send_signal(1)  # SIGHUP: look at the files again
-    around.wait_for_reload(reloads + 1)
+    around.refresh()
     say("   shares are now: " + " ".join(line for line in vyworld.read_lines(vyworld.SHARE_FILE)
                                          if line.startswith("[")))
 
@@ -158,6 +219,8 @@ def main():
     for line in around.log.lines:
         if line.program == "vyhotplugd":
             show(line.raw)
+
+    share_on_the_network(around, first)
     status = around.end()
     say()
     say(f"The daemon ended with status {status}. Nothing on this machine was touched.")
