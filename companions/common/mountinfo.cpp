@@ -1,0 +1,262 @@
+#include "common/mountinfo.h"
+
+#include "lib/str.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+static constexpr size_t first_read = 8192; // bytes; doubled as the file needs
+
+// ---- fields ----
+
+static bool is_octal(char c, char highest)
+{
+    return c >= '0' && c <= highest;
+}
+
+// Decodes "\ooo" in place; a backslash before anything else stands for itself.
+static void decode(char* field)
+{
+    char* to = field;
+    for (const char* from = field; *from != '\0'; to++) {
+        if (from[0] != '\\' || !is_octal(from[1], '3') || !is_octal(from[2], '7') ||
+            !is_octal(from[3], '7')) {
+            *to = *from++;
+            continue;
+        }
+        *to = static_cast<char>((from[1] - '0') * 64 + (from[2] - '0') * 8 + (from[3] - '0'));
+        from += 4;
+    }
+    *to = '\0';
+}
+
+// Takes the next field, ended by one blank, from `rest`; null at the end of the line.
+static char* next_field(char** rest)
+{
+    char* field = *rest;
+    if (*field == '\0')
+        return nullptr;
+    char* end = strchr(field, ' ');
+    if (end == nullptr) {
+        *rest = field + strlen(field);
+        return field;
+    }
+    *end = '\0';
+    *rest = end + 1;
+    return field;
+}
+
+// As next_field, decoded; null for an empty one too.
+static const char* next_text(char** rest)
+{
+    char* field = next_field(rest);
+    if (field == nullptr || *field == '\0')
+        return nullptr;
+    decode(field);
+    return field;
+}
+
+static bool next_number(char** rest, int32_t* number)
+{
+    const char* field = next_field(rest);
+    return field != nullptr && str_to_long(field, number, 10) == 0;
+}
+
+// "major:minor"
+static bool next_device(char** rest, MountinfoEntry* entry)
+{
+    char* field = next_field(rest);
+    char* colon = field != nullptr ? strchr(field, ':') : nullptr;
+    if (colon == nullptr)
+        return false;
+    *colon = '\0';
+    return str_to_ulong(field, &entry->major, 10) == 0 &&
+           str_to_ulong(colon + 1, &entry->minor, 10) == 0;
+}
+
+// Passes over the optional fields and the "-" behind them.
+static bool skip_optional(char** rest)
+{
+    for (const char* field = next_field(rest); field != nullptr; field = next_field(rest)) {
+        if (strcmp(field, "-") == 0)
+            return true;
+    }
+    return false;
+}
+
+static bool parse_line(char* line, MountinfoEntry* entry)
+{
+    if (!next_number(&line, &entry->id) || !next_number(&line, &entry->parent) ||
+        !next_device(&line, entry))
+        return false;
+    entry->root = next_text(&line);
+    entry->directory = next_text(&line);
+    if (entry->root == nullptr || entry->directory == nullptr)
+        return false;
+    if (next_field(&line) == nullptr || !skip_optional(&line)) // the mount's own options
+        return false;
+    entry->type = next_text(&line);
+    entry->source = next_field(&line); // an empty name is one
+    if (entry->type == nullptr || entry->source == nullptr)
+        return false;
+    decode(const_cast<char*>(entry->source)); // points into the table's own text
+    return true;
+}
+
+// ---- the table ----
+
+static size_t count_lines(const char* text, size_t size)
+{
+    size_t lines = 1; // the last may have no line feed
+    for (size_t i = 0; i < size; i++)
+        lines += text[i] == '\n' ? 1 : 0;
+    return lines;
+}
+
+static void parse_lines(Mountinfo* table, size_t size)
+{
+    char* line = table->text;
+    const char* end = table->text + size;
+    while (line < end) {
+        char* feed = static_cast<char*>(memchr(line, '\n', static_cast<size_t>(end - line)));
+        char* next = feed != nullptr ? feed + 1 : table->text + size;
+        if (feed != nullptr)
+            *feed = '\0';
+        if (parse_line(line, &table->entries[table->count]))
+            table->count++;
+        line = next;
+    }
+}
+
+// Takes the text, of `size` bytes and one NUL. Returns 0 and an owned table; -ENOMEM.
+static int make_table(MemGuard<char>* text, size_t size, Mountinfo** table)
+{
+    MountinfoGuard made(static_cast<Mountinfo*>(calloc(1, sizeof(Mountinfo))));
+    if (!made)
+        return -ENOMEM;
+    made->text = text->take();
+    made->entries =
+        static_cast<MountinfoEntry*>(calloc(count_lines(made->text, size), sizeof(MountinfoEntry)));
+    if (made->entries == nullptr)
+        return -ENOMEM;
+    parse_lines(made.get(), size);
+    *table = made.take();
+    return 0;
+}
+
+int mountinfo_parse(const char* text, size_t size, Mountinfo** table)
+{
+    MemGuard<char> copy(static_cast<char*>(malloc(size + 1)));
+    if (!copy)
+        return -ENOMEM;
+    if (size > 0)
+        memcpy(copy.get(), text, size);
+    copy.get()[size] = '\0';
+    return make_table(&copy, size, table);
+}
+
+// Doubles the room. Returns 0 or -ENOMEM.
+static int grow(char** buffer, size_t* room)
+{
+    if (*room > SIZE_MAX / 2)
+        return -ENOMEM;
+    auto* larger = static_cast<char*>(realloc(*buffer, *room * 2));
+    if (larger == nullptr)
+        return -ENOMEM;
+    *buffer = larger;
+    *room *= 2;
+    return 0;
+}
+
+// Reads to the end of the file, and puts a NUL behind it. Returns 0 or a negated errno; what is in
+// `buffer` then is the caller's in any case.
+static int read_all(int fd, char** buffer, size_t* size)
+{
+    size_t room = first_read;
+    *buffer = static_cast<char*>(malloc(room));
+    if (*buffer == nullptr)
+        return -ENOMEM;
+    *size = 0;
+    for (;;) {
+        if (*size + 1 == room && grow(buffer, &room) != 0)
+            return -ENOMEM;
+        const ssize_t count = read(fd, *buffer + *size, room - *size - 1);
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count < 0)
+            return -errno;
+        if (count == 0)
+            break;
+        *size += static_cast<size_t>(count);
+    }
+    (*buffer)[*size] = '\0';
+    return 0;
+}
+
+int mountinfo_load(const char* path, Mountinfo** table)
+{
+    const FdGuard fd(open(path, O_RDONLY | O_CLOEXEC));
+    if (fd.get() < 0)
+        return -errno;
+    MemGuard<char> text;
+    size_t size = 0;
+    const int result = read_all(fd.get(), text.out(), &size);
+    if (result != 0)
+        return result;
+    return make_table(&text, size, table);
+}
+
+void mountinfo_free(Mountinfo* table)
+{
+    free(table->text);
+    free(table->entries);
+    free(table);
+}
+
+// ---- paths ----
+
+static const char* skip_slashes(const char* path)
+{
+    while (*path == '/')
+        path++;
+    return path;
+}
+
+const char* mountinfo_rest(const char* path, const char* directory)
+{
+    if (*path != '/' || *directory != '/')
+        return nullptr;
+    path = skip_slashes(path);
+    directory = skip_slashes(directory);
+    while (*directory != '\0') {
+        const size_t length = strcspn(directory, "/");
+        if (strcspn(path, "/") != length || memcmp(path, directory, length) != 0)
+            return nullptr;
+        path = skip_slashes(path + length);
+        directory = skip_slashes(directory + length);
+    }
+    return path;
+}
+
+bool mountinfo_is_below(const char* path, const char* directory)
+{
+    const char* rest = mountinfo_rest(path, directory);
+    return rest != nullptr && *rest != '\0';
+}
+
+const MountinfoEntry* mountinfo_find(const Mountinfo* table, const char* path)
+{
+    const MountinfoEntry* found = nullptr;
+    size_t shortest = SIZE_MAX; // what is left of the path behind the directory
+    for (size_t i = 0; i < table->count; i++) {
+        const char* rest = mountinfo_rest(path, table->entries[i].directory);
+        if (rest == nullptr || strlen(rest) > shortest)
+            continue;
+        shortest = strlen(rest);
+        found = &table->entries[i];
+    }
+    return found;
+}

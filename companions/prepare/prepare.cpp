@@ -1,0 +1,327 @@
+#include "prepare/prepare.h"
+
+#include "common/mountinfo.h"
+#include "config/config_file.h"
+#include "lib/guard.h"
+#include "lib/str.h"
+#include "prepare/leftovers.h"
+#include "prepare/places.h"
+#include "prepare/settings.h"
+#include "prepare/tell.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <getopt.h>
+#include <string.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+static constexpr char program_name[] = "vyhotplug-prepare";
+static constexpr char program_version[] = "1.0.5";
+static constexpr char default_config[] = "/etc/vyhotplugd/vyhotplugd.conf";
+static constexpr char pid_file[] = "/var/run/vyhotplugd.pid";
+static constexpr size_t service_path_size = 128; // bytes of a configuration's path in the service
+
+// The service makes its files in /tmp and moves them, so they must stay on that filesystem.
+static constexpr char temporary_folder[] = "/tmp";
+static constexpr char files_folder[] = "/tmp/vyhotplugd";
+static constexpr char files_link_folder[] = "/run/vyhotplugd";
+static constexpr char files_link[] = "/run/vyhotplugd/files";
+
+static constexpr char info_folder[] = "/tmp/vynasmira";
+static constexpr char info_link[] = "/tmp/vynasmira/vyhotplugd.conf";
+static constexpr char hook_link[] = "/tmp/vyhotplugd-evhook.sh";
+static constexpr char hook[] = "/etc/vyhotplugd/evhook";
+
+// What a directory is called that the configuration does not name.
+static constexpr char no_directory[] = "/tmp/hotplug.dev.conf";
+
+// ---- the configuration ----
+
+static int check_directory_key(const char* key, const char* path)
+{
+    if (strcmp(path, no_directory) != 0)
+        return 0;
+    tell(LOG_ERR, "the configuration names no %s", key);
+    return -1;
+}
+
+static bool is_complete(const ConfHotplug* config)
+{
+    return config->smbconfigpath != nullptr && config->deviceconfigpath != nullptr &&
+           config->mountpath != nullptr && config->devicepath != nullptr;
+}
+
+// Returns owned; null, told, for one that cannot be read or loaded.
+static ConfHotplug* load_config(const char* path)
+{
+    if (access(path, R_OK) != 0) {
+        tell(LOG_ERR, "%s cannot be read: %s", path, strerror(errno));
+        return nullptr;
+    }
+    ConfHotplugGuard config(load_config_hotplug(path));
+    if (!config || !is_complete(config.get())) {
+        tell(LOG_ERR, "no memory for the configuration");
+        return nullptr;
+    }
+    return config.take();
+}
+
+// ---- the lock ----
+
+// Takes the service's lock, so that neither it nor another run of this program begins meanwhile.
+// Returns -1, told, when somebody has it. Without a file, nobody has it.
+static int take_lock(FdGuard* lock)
+{
+    lock->reset(open(pid_file, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (lock->get() < 0 && errno == ENOENT)
+        return 0;
+    if (lock->get() >= 0 && flock(lock->get(), LOCK_EX | LOCK_NB) == 0)
+        return 0;
+    if (lock->get() >= 0 && errno == EWOULDBLOCK)
+        tell(LOG_ERR, "vyhotplugd is running, %s is locked", pid_file);
+    else
+        tell(LOG_ERR, "%s cannot be locked: %s", pid_file, strerror(errno));
+    return -1;
+}
+
+// ---- the places ----
+
+namespace {
+
+enum class PlaceKind {
+    directory,
+    own_directory,
+    link,
+    clear,
+};
+
+struct Place {
+    PlaceKind kind;
+    bool wanted;
+    bool needed; // without it the service must not start
+    const char* path;
+    const char* target;
+};
+
+// The directories above the two files.
+struct Parents {
+    char shares[place_path_size];
+    char devices[place_path_size];
+};
+
+} // namespace
+
+static int make_place(const Place& place)
+{
+    switch (place.kind) {
+    case PlaceKind::directory:
+        return place_directory(place.path);
+    case PlaceKind::own_directory:
+        return place_own_directory(place.path);
+    case PlaceKind::link:
+        return place_link(place.path, place.target);
+    case PlaceKind::clear:
+        return place_clear(place.path);
+    }
+    return -EINVAL;
+}
+
+// Returns -1 when the service must not start without it.
+static int try_place(const Place& place)
+{
+    if (!place.wanted)
+        return 0;
+    const int result = make_place(place);
+    if (result == 0)
+        return 0;
+    tell(place.needed ? LOG_ERR : LOG_WARNING, "%s cannot be made ready: %s", place.path,
+         strerror(-result));
+    return place.needed ? -1 : 0;
+}
+
+// What is made, in this order. A hook that another user laid there would be run as root, and what
+// others put in the place of a temporary file would be written to: so both are needed.
+static int make_places(const ConfHotplug* config, const Parents& parents, const char* config_path)
+{
+    const bool files = mountinfo_is_below(config->smbconfigpath, files_link) ||
+                       mountinfo_is_below(config->deviceconfigpath, files_link);
+    const bool info = !mountinfo_is_below(config_path, info_folder);
+    const Place places[] = {
+        {PlaceKind::own_directory, files, true, files_folder, nullptr},
+        {PlaceKind::directory, files, true, files_link_folder, nullptr},
+        {PlaceKind::link, files, true, files_link, files_folder},
+        {PlaceKind::directory, true, true, parents.shares, nullptr},
+        {PlaceKind::directory, true, true, parents.devices, nullptr},
+        {PlaceKind::directory, true, true, config->mountpath, nullptr},
+        {PlaceKind::directory, true, true, config->devicepath, nullptr},
+        {PlaceKind::link, true, true, hook_link, hook},
+        {PlaceKind::clear, true, true, "/tmp/vyhotplug.dev.conf.tmp", nullptr},
+        {PlaceKind::clear, true, true, "/tmp/vyhotplug.dir.conf.tmp", nullptr},
+        {PlaceKind::clear, true, true, "/tmp/mntent.tmp", nullptr},
+        // For vyhotpluginfo, which finds the configuration there.
+        {PlaceKind::own_directory, info, false, info_folder, nullptr},
+        {PlaceKind::link, info, false, info_link, config_path},
+    };
+    int result = 0;
+    for (const Place& place : places) {
+        if (try_place(place) != 0)
+            result = -1;
+    }
+    return result;
+}
+
+// Says so when a file can never be moved into its place.
+static void check_filesystem(const char* directory, const char* file)
+{
+    struct stat there;
+    struct stat here;
+    if (stat(directory, &there) != 0 || stat(temporary_folder, &here) != 0)
+        return;
+    if (there.st_dev != here.st_dev)
+        tell(LOG_WARNING, "%s is not on the filesystem of %s: the service cannot replace it", file,
+             temporary_folder);
+}
+
+// ---- all of it ----
+
+static void take_leftovers_off(const ConfHotplug* config)
+{
+    MountinfoGuard table;
+    const int result = mountinfo_load(mountinfo_path, table.out());
+    if (result != 0)
+        tell(LOG_WARNING, "%s cannot be read: %s", mountinfo_path, strerror(-result));
+    else
+        (void)leftovers_take_off(config, table.get()); // told; other devices can be mounted
+}
+
+static void restore_settings(const char* device_file)
+{
+    const int result = settings_restore(device_file);
+    if (result != 0)
+        tell(LOG_WARNING, "the settings in %s cannot be restored: %s", settings_copy,
+             strerror(-result));
+}
+
+int prepare_surroundings(const char* config_path)
+{
+    FdGuard lock;
+    if (take_lock(&lock) != 0)
+        return -1;
+    const ConfHotplugGuard config(load_config(config_path));
+    if (!config)
+        return -1;
+    if (check_directory_key("mountpath", config->mountpath) != 0 ||
+        check_directory_key("devicepath", config->devicepath) != 0)
+        return -1;
+    Parents parents;
+    if (place_parent(config->smbconfigpath, parents.shares) != 0 ||
+        place_parent(config->deviceconfigpath, parents.devices) != 0) {
+        tell(LOG_ERR, "the configuration names too long a path");
+        return -1;
+    }
+    const int result = make_places(config.get(), parents, config_path);
+    check_filesystem(parents.shares, config->smbconfigpath);
+    check_filesystem(parents.devices, config->deviceconfigpath);
+    take_leftovers_off(config.get());
+    restore_settings(config->deviceconfigpath);
+    return result;
+}
+
+int prepare_save(const char* config_path)
+{
+    const ConfHotplugGuard config(load_config(config_path));
+    if (!config)
+        return -1;
+    const int result = settings_save(config->deviceconfigpath);
+    if (result != 0)
+        tell(LOG_ERR, "the settings in %s cannot be saved: %s", config->deviceconfigpath,
+             strerror(-result));
+    return result != 0 ? -1 : 0;
+}
+
+// ---- the command line ----
+
+static constexpr char short_options[] = "f:hv";
+static constexpr option long_options[] = {
+    {"file", required_argument, nullptr, 'f'},
+    {"save", no_argument, nullptr, 's'},
+    {"help", no_argument, nullptr, 'h'},
+    {"version", no_argument, nullptr, 'v'},
+    {nullptr, 0, nullptr, 0},
+};
+
+static void print_help(FILE* stream)
+{
+    fprintf(stream,
+            "usage: %s [-f FILE] [--save]\n"
+            "Makes the surroundings of vyhotplugd ready, before it starts.\n"
+            "\n"
+            "  -f, --file FILE  the service's configuration (%s)\n"
+            "      --save       save the devices' settings instead\n"
+            "  -h, --help       print this\n"
+            "  -v, --version    print the version\n",
+            program_name, default_config);
+}
+
+// Makes the configuration's path one that holds wherever it is read. Returns -1, told.
+static int make_absolute(const char* path, char (&absolute)[service_path_size])
+{
+    char directory[service_path_size] = "";
+    if (path[0] != '/' && getcwd(directory, sizeof directory) == nullptr)
+        directory[0] = '\0';
+    const int length = path[0] == '/' || directory[0] == '\0'
+                           ? snprintf(absolute, sizeof absolute, "%s", path)
+                           : snprintf(absolute, sizeof absolute, "%s/%s", directory, path);
+    if (length > 0 && static_cast<size_t>(length) < sizeof absolute && absolute[0] == '/')
+        return 0;
+    tell(LOG_ERR, "%s: no path that the service could read", path);
+    return -1;
+}
+
+static int run(const char* file, bool save)
+{
+    if (geteuid() != 0) {
+        fputs("root only.\n", stderr);
+        return 1;
+    }
+    umask(022);
+    openlog(program_name, LOG_PID, LOG_DAEMON);
+    setlogmask(LOG_UPTO(LOG_NOTICE));
+    char path[service_path_size];
+    if (make_absolute(file, path) != 0)
+        return 1;
+    return (save ? prepare_save(path) : prepare_surroundings(path)) == 0 ? 0 : 1;
+}
+
+int prepare_main(int argc, char* argv[])
+{
+    const char* file = default_config;
+    bool save = false;
+    int code = 0;
+    while ((code = getopt_long(argc, argv, short_options, long_options, nullptr)) != -1) {
+        switch (code) {
+        case 'f':
+            file = optarg;
+            break;
+        case 's':
+            save = true;
+            break;
+        case 'h':
+            print_help(stdout);
+            return 0;
+        case 'v':
+            printf("%s %s\n", program_name, program_version);
+            return 0;
+        default:
+            print_help(stderr);
+            return 2;
+        }
+    }
+    if (optind < argc) {
+        print_help(stderr);
+        return 2;
+    }
+    return run(file, save);
+}

@@ -1,0 +1,252 @@
+#include "prepare/settings.h"
+
+#include "fake/fake_log.h"
+#include "fake/fake_world.h"
+#include "support/files.h"
+
+#include <gtest/gtest.h>
+
+#include <errno.h>
+#include <glob.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr char device_file[] = "/tmp/settings/hotplug.dev.conf";
+constexpr char copy_folder[] = "/var/lib/vyhotplugd";
+const std::string settings = "[1:2:3:1]\nShare Name=Music\n";
+
+class SettingsTest : public testing::Test {
+  protected:
+    SettingsTest()
+    {
+        umask(022);
+        mkdir("/tmp/settings", 0755);
+        fake_log_clear();
+    }
+    ~SettingsTest() override { fake_world_reset(); }
+
+    static void make_copy(const std::string& text)
+    {
+        mkdir("/var/lib", 0755);
+        mkdir(copy_folder, 0755);
+        write_file(settings_copy, text);
+    }
+
+    static struct stat status_of(const char* path)
+    {
+        struct stat status = {};
+        EXPECT_EQ(lstat(path, &status), 0) << path;
+        return status;
+    }
+
+    // Files beside the two that should not have stayed.
+    static void expect_nothing_beside()
+    {
+        for (const char* pattern : {"/tmp/settings/*.new-*", "/var/lib/vyhotplugd/*.new-*"}) {
+            glob_t found = {};
+            EXPECT_EQ(glob(pattern, 0, nullptr, &found), GLOB_NOMATCH) << pattern;
+            globfree(&found);
+        }
+    }
+};
+
+} // namespace
+
+// ---- restoring ----
+
+TEST_F(SettingsTest, RestoresWhereThereIsNoFile)
+{
+    make_copy(settings);
+    EXPECT_EQ(settings_restore(device_file), 0);
+    EXPECT_EQ(read_file(device_file), settings);
+    EXPECT_EQ(status_of(device_file).st_mode, S_IFREG | 0644U);
+    EXPECT_EQ(read_file(settings_copy), settings);
+    expect_nothing_beside();
+}
+
+TEST_F(SettingsTest, RestoresWhereTheFileIsEmpty)
+{
+    make_copy(settings);
+    write_file(device_file, "");
+    EXPECT_EQ(settings_restore(device_file), 0);
+    EXPECT_EQ(read_file(device_file), settings);
+}
+
+TEST_F(SettingsTest, LeavesAFileThatHoldsSomething)
+{
+    make_copy(settings);
+    write_file(device_file, "x");
+    EXPECT_EQ(settings_restore(device_file), 0);
+    EXPECT_EQ(read_file(device_file), "x");
+    EXPECT_TRUE(fake_world().journal.empty());
+}
+
+TEST_F(SettingsTest, WithoutACopyThereIsNothingToRestore)
+{
+    EXPECT_EQ(settings_restore(device_file), 0);
+    EXPECT_FALSE(exists(device_file));
+    make_copy("");
+    EXPECT_EQ(settings_restore(device_file), 0);
+    EXPECT_FALSE(exists(device_file));
+}
+
+TEST_F(SettingsTest, FollowsNoLinkThatLeadsToNothing)
+{
+    make_copy(settings);
+    EXPECT_EQ(symlink("/tmp/settings/elsewhere", device_file), 0);
+    EXPECT_EQ(settings_restore(device_file), 0);
+    EXPECT_EQ(status_of(device_file).st_mode & S_IFMT, unsigned{S_IFREG});
+    EXPECT_FALSE(exists("/tmp/settings/elsewhere"));
+}
+
+TEST_F(SettingsTest, APipeInItsPlaceIsNotWaitedFor)
+{
+    make_copy(settings);
+    EXPECT_EQ(mkfifo(device_file, 0600), 0);
+    EXPECT_EQ(settings_restore(device_file), 0);
+    EXPECT_EQ(read_file(device_file), settings);
+}
+
+TEST_F(SettingsTest, ARestoreThatFailsLeavesTheOldFile)
+{
+    make_copy(settings);
+    write_file(device_file, "");
+    fake_world().fail("rename", 1, EXDEV);
+    EXPECT_EQ(settings_restore(device_file), -EXDEV);
+    EXPECT_EQ(read_file(device_file), "");
+    expect_nothing_beside();
+    EXPECT_EQ(settings_restore("/tmp/none/file"), -ENOENT);
+    EXPECT_EQ(settings_restore(("/tmp/" + std::string(4090, 'x')).c_str()), -ENAMETOOLONG);
+}
+
+TEST_F(SettingsTest, ACopyThatIsNoFileIsNotRestored)
+{
+    make_copy("");
+    unlink(settings_copy);
+    EXPECT_EQ(mkfifo(settings_copy, 0600), 0);
+    EXPECT_EQ(settings_restore(device_file), -EINVAL);
+    unlink(settings_copy);
+    EXPECT_EQ(symlink("/etc/passwd", settings_copy), 0);
+    EXPECT_EQ(settings_restore(device_file), -ELOOP);
+    unlink(settings_copy);
+    write_file(settings_copy, "x");
+    EXPECT_EQ(truncate(settings_copy, (4 << 20) + 1), 0);
+    EXPECT_EQ(settings_restore(device_file), -EFBIG);
+    EXPECT_FALSE(exists(device_file));
+}
+
+// ---- saving ----
+
+TEST_F(SettingsTest, SavesACopyAndMakesItsDirectory)
+{
+    write_file(device_file, settings);
+    EXPECT_EQ(settings_save(device_file), 0);
+    EXPECT_EQ(read_file(settings_copy), settings);
+    EXPECT_EQ(status_of(settings_copy).st_mode, S_IFREG | 0600U);
+    EXPECT_EQ(status_of(copy_folder).st_mode, S_IFDIR | 0755U);
+    EXPECT_EQ(read_file(device_file), settings);
+    expect_nothing_beside();
+}
+
+TEST_F(SettingsTest, SavesOverAnotherCopy)
+{
+    for (const char* old : {"", "other", "[1:2:3:1]\nShare Name=Musik\n"}) {
+        make_copy(old);
+        write_file(device_file, settings);
+        EXPECT_EQ(settings_save(device_file), 0);
+        EXPECT_EQ(read_file(settings_copy), settings);
+    }
+}
+
+TEST_F(SettingsTest, SavesOnlyWhatIsDifferent)
+{
+    make_copy(settings);
+    write_file(device_file, settings);
+    const struct stat before = status_of(settings_copy);
+    EXPECT_EQ(settings_save(device_file), 0);
+    EXPECT_EQ(status_of(settings_copy).st_ino, before.st_ino);
+    EXPECT_TRUE(fake_world().journal.empty());
+}
+
+TEST_F(SettingsTest, KeepsACopyWhereThereIsNothingToSave)
+{
+    make_copy(settings);
+    EXPECT_EQ(settings_save(device_file), 0);
+    write_file(device_file, "");
+    EXPECT_EQ(settings_save(device_file), 0);
+    EXPECT_EQ(read_file(settings_copy), settings);
+    EXPECT_EQ(fake_log_texts(),
+              std::vector<std::string>(2, "prepare(#)/tmp/settings/hotplug.dev.conf holds nothing, "
+                                          "/var/lib/vyhotplugd/hotplug.dev.conf stays as it is"));
+}
+
+TEST_F(SettingsTest, WithoutAnythingNothingIsSaved)
+{
+    EXPECT_EQ(settings_save(device_file), 0);
+    write_file(device_file, "");
+    EXPECT_EQ(settings_save(device_file), 0);
+    EXPECT_FALSE(exists(settings_copy));
+    EXPECT_TRUE(fake_log_texts().empty());
+}
+
+TEST_F(SettingsTest, SavesNothingFromBehindALink)
+{
+    make_copy("old");
+    EXPECT_EQ(symlink("/etc/passwd", device_file), 0);
+    EXPECT_EQ(settings_save(device_file), -ELOOP);
+    unlink(device_file);
+    EXPECT_EQ(mkfifo(device_file, 0600), 0);
+    EXPECT_EQ(settings_save(device_file), -EINVAL);
+    unlink(device_file);
+    EXPECT_EQ(mkdir(device_file, 0755), 0);
+    EXPECT_EQ(settings_save(device_file), -EINVAL);
+    EXPECT_EQ(read_file(settings_copy), "old");
+}
+
+TEST_F(SettingsTest, SavesUpToALimit)
+{
+    write_file(device_file, std::string(4 << 20, 'x'));
+    EXPECT_EQ(settings_save(device_file), 0);
+    EXPECT_EQ(read_file(settings_copy).size(), size_t{4 << 20});
+    write_file(device_file, std::string((4 << 20) + 1, 'y'));
+    EXPECT_EQ(settings_save(device_file), -EFBIG);
+    EXPECT_EQ(read_file(settings_copy)[0], 'x');
+}
+
+TEST_F(SettingsTest, ASaveThatFailsLeavesTheOldCopy)
+{
+    make_copy("old");
+    write_file(device_file, settings);
+    fake_world().fail("rename", 1, EIO);
+    EXPECT_EQ(settings_save(device_file), -EIO);
+    EXPECT_EQ(read_file(settings_copy), "old");
+    expect_nothing_beside();
+    EXPECT_EQ(settings_save(device_file), 0);
+    EXPECT_EQ(read_file(settings_copy), settings);
+}
+
+TEST_F(SettingsTest, ReplacesACopyThatCannotBeRead)
+{
+    make_copy("");
+    unlink(settings_copy);
+    EXPECT_EQ(symlink("/etc/passwd", settings_copy), 0);
+    const std::string passwd = read_file("/etc/passwd");
+    write_file(device_file, settings);
+    EXPECT_EQ(settings_save(device_file), 0);
+    EXPECT_EQ(status_of(settings_copy).st_mode, S_IFREG | 0600U);
+    EXPECT_EQ(read_file(settings_copy), settings);
+    EXPECT_EQ(read_file("/etc/passwd"), passwd);
+}
+
+TEST_F(SettingsTest, TellsThatTheCopysDirectoryCannotBeMade)
+{
+    write_file(device_file, settings);
+    fake_world().fail("mkdir", 0, EROFS);
+    EXPECT_EQ(settings_save(device_file), -EROFS);
+    EXPECT_FALSE(exists(settings_copy));
+}
