@@ -1,0 +1,121 @@
+// vynas-samba: the file-sharing service of the hotplug service, for Samba.
+#include "config/config_file.h"
+#include "lib/log.h"
+#include "lib/process.h"
+#include "samba/bridge.h"
+#include "samba/bridge_config.h"
+#include "samba/options.h"
+
+#include <errno.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+static constexpr char log_tag[] = "main";
+static constexpr char program_name[] = "vynas-samba";
+static constexpr char service_name[] = "vynas-fssd"; // under which the hotplug daemon knows it
+static constexpr char version[] = "1.0.5";
+
+static constexpr char help[] =
+    "Usage: vynas-samba [option]...\n"
+    "Makes the shares of the hotplug service Samba's, now and whenever they change.\n"
+    "\n"
+    "  -f, --file FILE     configuration of the hotplug service\n"
+    "                      (/etc/vyhotplugd/vyhotplugd.conf)\n"
+    "  -c, --config FILE   own configuration (/etc/vynas-samba/vynas-samba.conf)\n"
+    "      --once          bring the include file up to date, tell Samba, and end\n"
+    "      --print         print what the include file should be, and end\n"
+    "      --help          print this, and end\n"
+    "      --version       print the version, and end\n";
+
+// ---- one task each ----
+
+// Nothing comes at a bad moment: signals are taken where they are waited for. SIGCHLD is among them
+// for samba_tell.
+static void block_signals(sigset_t* awaited)
+{
+    sigemptyset(awaited);
+    sigaddset(awaited, SIGHUP);
+    sigaddset(awaited, SIGINT);
+    sigaddset(awaited, SIGTERM);
+    sigset_t blocked = *awaited;
+    sigaddset(&blocked, SIGCHLD);
+    (void)sigprocmask(SIG_BLOCK, &blocked, nullptr); // cannot fail with these arguments
+}
+
+static int serve(Bridge* bridge, const sigset_t* awaited)
+{
+    const FdGuard lock(vy_create_pid_file(service_name));
+    if (lock.get() < 0) {
+        VY_LOG(LOG_ERR, "cannot lock /var/run/%s.pid, another copy may be running", service_name);
+        return EXIT_FAILURE;
+    }
+    VY_LOG(LOG_INFO, "start");
+    for (;;) {
+        (void)bridge_refresh(bridge); // told; the next signal is the next try
+        int number = sigwaitinfo(awaited, nullptr);
+        while (number < 0 && errno == EINTR) // stopped and continued
+            number = sigwaitinfo(awaited, nullptr);
+        if (number != SIGHUP)
+            break;
+    }
+    VY_LOG(LOG_INFO, "end");
+    return EXIT_SUCCESS;
+}
+
+static int print_text(Bridge* bridge)
+{
+    MemGuard<char> text;
+    if (bridge_make_text(bridge, text.out()) != 0)
+        return EXIT_FAILURE;
+    return fputs(text.get(), stdout) >= 0 && fflush(stdout) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+}
+
+static int run(const BridgeOptions* options, Bridge* bridge)
+{
+    sigset_t awaited;
+    switch (options->task) {
+    case TASK_PRINT:
+        return print_text(bridge);
+    case TASK_ONCE:
+        block_signals(&awaited);
+        return bridge_refresh(bridge) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+    default:
+        block_signals(&awaited);
+        return serve(bridge, &awaited);
+    }
+}
+
+static int run_configured(const BridgeOptions* options)
+{
+    const ConfHotplugGuard service(load_config_hotplug(options->service_file));
+    const BridgeConfigGuard own(bridge_config_load(options->own_file));
+    if (!service || !own || service->smbconfigpath == nullptr || service->mountpath == nullptr) {
+        VY_LOG(LOG_ERR, "out of memory");
+        return EXIT_FAILURE;
+    }
+    Bridge bridge = {.config = own.get(),
+                     .sharefile = service->smbconfigpath,
+                     .mountpath = service->mountpath,
+                     .told = {}};
+    const int status = run(options, &bridge);
+    bridge_clear(&bridge);
+    return status;
+}
+
+int main(int argc, char* argv[])
+{
+    const BridgeOptions options = options_parse(argc, argv);
+    if (options.task == TASK_WRONG) {
+        fputs(help, stderr);
+        return EXIT_FAILURE;
+    }
+    if (options.task == TASK_HELP)
+        return fputs(help, stdout) >= 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+    if (options.task == TASK_VERSION)
+        return printf("%s %s\n", program_name, version) > 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+    // Who runs it by hand sees the lines as well.
+    openlog(program_name, options.task == TASK_SERVE ? LOG_PID : LOG_PID | LOG_PERROR, LOG_DAEMON);
+    return run_configured(&options);
+}

@@ -1,0 +1,21 @@
+// The command line of vynas-samba. Touches no world.
+#pragma once
+
+#include <stdint.h>
+
+enum OptionsTask : uint8_t {
+    TASK_SERVE,   // stay, and follow SIGHUP
+    TASK_ONCE,    // bring the include file up to date
+    TASK_PRINT,   // print its text
+    TASK_HELP,    // print the help
+    TASK_VERSION, // print the version
+    TASK_WRONG,   // the command line is wrong, which getopt_long has told
+};
+
+struct BridgeOptions {
+    const char* service_file; // borrowed from the command line, or a default
+    const char* own_file;
+    OptionsTask task;
+};
+
+BridgeOptions options_parse(int argc, char* argv[]);

@@ -1,0 +1,182 @@
+// The bridge to Samba: whatever stands in the share file, the include file holds a section for each
+// share that can be exported, under names that differ, with known parameters and exact paths, and
+// nothing that Samba would read as anything else.
+//
+// Input: the share file.
+#include "samba/closing.h"
+#include "samba/include_text.h"
+#include "samba/share.h"
+#include "samba/share_name.h"
+
+#include "common/text.h"
+#include "support/check.h"
+#include "support/input.h"
+
+#include <stdio.h>
+#include <string.h>
+
+#include <set>
+
+static const std::set<std::string> known_parameters = {
+    "path",          "comment",
+    "strict sync",   "sync always",
+    "read only",     "guest ok",
+    "guest only",    "wide links",
+    "admin users",   "write list",
+    "valid users",   "read list",
+    "invalid users", "access based share enum",
+};
+
+// Users below 100 have names that smb.conf would take for something else, those above 100000 none.
+static bool user_name(int32_t id, char (&name)[user_name_size])
+{
+    static const char* const odd[] = {"@a", "a b", "a,b", "%U", "a\nb", "\xff", "", "+x"};
+    if (id > 100000)
+        return false;
+    if (id < 100)
+        snprintf(name, sizeof name, "%s", odd[id % 8]);
+    else
+        snprintf(name, sizeof name, "u%d", static_cast<int>(id / 2)); // two ids for each name
+    return true;
+}
+
+static const IncludeSettings settings = {
+    .administrator = "root", .guest = "nobody", .forceuser = "", .user_name = user_name};
+
+// Every line ends where it should, and holds printable text.
+static void check_text(const std::string& text)
+{
+    std::string copy = text;
+    for (char& c : copy) {
+        if (c == '\n' || c == '\t')
+            c = ' ';
+    }
+    check_equal(static_cast<int64_t>(text_clean(copy.data(), "")), 0, "the text is printable");
+    check(text.find("\\\n") == std::string::npos, "no line goes on in the next");
+    check(!text.empty() && text.back() == '\n', "the last line is ended");
+}
+
+namespace {
+
+struct Section {
+    std::string name;
+    std::vector<std::pair<std::string, std::string>> entries;
+};
+
+} // namespace
+
+// Reads the text as smb.conf(5) says: comments, sections, parameters.
+static std::vector<Section> read_sections(const std::string& text)
+{
+    std::vector<Section> found;
+    for (size_t at = 0; at < text.size();) {
+        const size_t end = text.find('\n', at);
+        const std::string line = text.substr(at, end - at);
+        at = end + 1;
+        if (line[0] == '#')
+            continue;
+        if (line[0] == '[') {
+            check(line.find(']') == line.size() - 1, "a section's name ends with its line");
+            found.push_back({.name = line.substr(1, line.size() - 2), .entries = {}});
+            continue;
+        }
+        check(line[0] == '\t' && !found.empty(), "an entry belongs to a section");
+        const size_t equals = line.find(" =");
+        check(equals != std::string::npos, "an entry has a value");
+        const bool empty = equals + 2 == line.size();
+        found.back().entries.emplace_back(line.substr(1, equals - 1),
+                                          empty ? "" : line.substr(equals + 3));
+    }
+    return found;
+}
+
+static std::string value_of(const Section& section, const std::string& parameter)
+{
+    for (const auto& [key, value] : section.entries) {
+        if (key == parameter)
+            return value;
+    }
+    return "(none)";
+}
+
+static void check_section(const Section& section, const ExportedShare& share)
+{
+    check_same(section.name, share.name, "the name");
+    check_same(value_of(section, "path"), share.share->path, "the path");
+    std::set<std::string> seen;
+    for (const auto& [key, value] : section.entries) {
+        check(known_parameters.count(key) == 1, "a parameter is known");
+        check(seen.insert(key).second, "a parameter is written once");
+    }
+    check(!value_of(section, "valid users").empty(), "nobody is not everybody");
+    check(value_of(section, "admin users").empty(), "nobody is root");
+    if (share.share->readonly)
+        check_same(value_of(section, "read only"), "yes", "a read-only share");
+    if (share.share->guesthide || !share.share->guestaccess)
+        check_same(value_of(section, "guest ok"), "no", "a share without guests");
+    const bool selective = share_lists_users(share.share, SHARE_FULL) ||
+                           share_lists_users(share.share, SHARE_READ_ONLY);
+    check(selective == (value_of(section, "valid users") != "(none)"), "who may enter");
+}
+
+static void check_names(const std::vector<ExportedShare>& shares)
+{
+    for (size_t i = 0; i < shares.size(); i++) {
+        check(strlen(shares[i].name) < share_name_size, "a name is short enough");
+        for (size_t j = 0; j < i; j++)
+            check(!share_names_meet(shares[i].name, shares[j].name), "names differ");
+    }
+}
+
+static size_t count_closed(const char* old_text, const char* new_text)
+{
+    SectionListGuard names;
+    check_equal(closing_find(old_text, new_text, names.out()), 0, "the texts are compared");
+    return names->count;
+}
+
+// The shares whose path the file can carry.
+static std::vector<ExportedShare> select(const ShareTable* table)
+{
+    std::vector<ExportedShare> shares;
+    for (size_t i = 0; i < table->count; i++) {
+        if (include_path_fault(table->shares[i].path) == nullptr)
+            shares.push_back({.share = &table->shares[i], .name = nullptr});
+    }
+    return shares;
+}
+
+int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    const std::string file = Input(data, size).rest();
+    IniDocGuard doc;
+    check_equal(ini_doc_parse(file.data(), file.size(), doc.out()), 0, "the file is read");
+    Notes notes = {};
+    const NotesGuard held(&notes);
+    ShareTableGuard table;
+    check_equal(shares_read(doc.get(), &notes, table.out()), 0, "the shares are read");
+    std::vector<ExportedShare> shares = select(table.get());
+    std::vector<ShareName> names(shares.size());
+    for (size_t i = 0; i < shares.size(); i++)
+        names[i].original = shares[i].share->name;
+    share_names_map(names.data(), names.size(), &notes);
+    for (size_t i = 0; i < shares.size(); i++)
+        shares[i].name = names[i].exported;
+    check_names(shares);
+
+    MemGuard<char> text;
+    check_equal(include_text_make(shares.data(), shares.size(), &settings, &notes, text.out()), 0,
+                "the text is made");
+    check_text(text.get());
+    const std::vector<Section> sections = read_sections(text.get());
+    check_equal(static_cast<int64_t>(sections.size()), static_cast<int64_t>(shares.size()) + 1,
+                "a section for each share, and one at the end");
+    check_same(sections.back().name, "global", "the last section");
+    for (size_t i = 0; i < shares.size(); i++)
+        check_section(sections[i], shares[i]);
+    check_equal(static_cast<int64_t>(count_closed(text.get(), text.get())), 0, "nothing changes");
+    check_equal(static_cast<int64_t>(count_closed(text.get(), "[global]\n")),
+                static_cast<int64_t>(shares.size()), "everything goes");
+    (void)count_closed(file.c_str(), text.get()); // an old file may be anything
+    return 0;
+}

@@ -1,0 +1,307 @@
+#include "samba/bridge.h"
+
+#include "fake/fake_log.h"
+#include "fake/fake_world.h"
+#include "support/failing_memory.h"
+#include "support/files.h"
+
+#include <gtest/gtest.h>
+
+#include <errno.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+using Texts = std::vector<std::string>;
+using Runs = std::vector<std::vector<std::string>>;
+
+const std::string share_file = "/tmp/vynas.dir.conf";
+const std::string place = "/tmp/hotplug";
+const std::string include_path = "/tmp/samba/shares.conf";
+const std::vector<std::string> reload = {"smbcontrol", "smbd", "reload-config"};
+
+std::vector<std::string> close_of(const std::string& name)
+{
+    return {"smbcontrol", "smbd", "close-share", "--", name};
+}
+
+// A fixed directory and a mounted one on the machine, and a bridge for them.
+class BridgeTest : public testing::Test {
+  protected:
+    void SetUp() override
+    {
+        ASSERT_EQ(mkdir("/tmp/fixed", 0755), 0);
+        ASSERT_EQ(mkdir(place.c_str(), 0755), 0);
+        mount_at("sda1");
+        write_file("/tmp/bridge.conf", "includepath = " + include_path + "\n");
+        config.reset(bridge_config_load("/tmp/bridge.conf"));
+        bridge.config = config.get();
+        bridge.sharefile = share_file.c_str();
+        bridge.mountpath = place.c_str();
+        fake_log_clear();
+    }
+    void TearDown() override { bridge_clear(&bridge); }
+
+    static void mount_at(const std::string& name)
+    {
+        const std::string directory = place + "/" + name;
+        ASSERT_EQ(mkdir(directory.c_str(), 0755), 0);
+        ASSERT_EQ(mount("disk", directory.c_str(), "tmpfs", 0, nullptr), 0);
+    }
+
+    // Refreshes after a change of the share file. Returns the programs that were run.
+    Runs refresh(const std::string& shares, int wanted = 0)
+    {
+        write_file(share_file, shares);
+        return refresh_again(wanted);
+    }
+    Runs refresh_again(int wanted = 0)
+    {
+        fake_world().spawned.clear();
+        EXPECT_EQ(bridge_refresh(&bridge), wanted);
+        return fake_world().spawned;
+    }
+
+    // The log without debug lines, and forgets it.
+    static Texts said()
+    {
+        Texts found;
+        for (const FakeLogLine& line : fake_log_lines()) {
+            if (line.priority == LOG_DEBUG || line.text.find("is written") != std::string::npos)
+                continue;
+            found.push_back(line.text.substr(line.text.find(')') + 1));
+        }
+        fake_log_clear();
+        return found;
+    }
+
+    static Texts exported()
+    {
+        Texts names;
+        const std::string text = "\n" + read_file(include_path);
+        for (size_t at = 0; (at = text.find("\n[", at)) != std::string::npos; at++)
+            names.push_back(text.substr(at + 2, text.find("]\n", at) - at - 2));
+        EXPECT_TRUE(!names.empty() && names.back() == "global");
+        names.pop_back();
+        return names;
+    }
+
+    BridgeConfigGuard config;
+    Bridge bridge = {};
+};
+
+const std::string fixed = "[Fixed]\nPath=/tmp/fixed\n";
+const std::string stick = "[Stick]\nPath=/tmp/hotplug/sda1\nIdentifier=1234:00ab:A:1\n";
+
+} // namespace
+
+TEST_F(BridgeTest, WritesTheSharesAndHasSambaReadThem)
+{
+    EXPECT_EQ(refresh(fixed + stick), (Runs{reload}));
+    EXPECT_EQ(exported(), (Texts{"Fixed", "Stick"}));
+    EXPECT_EQ(said(), Texts{});
+}
+
+TEST_F(BridgeTest, WhatStaysTheSameIsNeitherWrittenNorTold)
+{
+    refresh(fixed + stick);
+    struct stat before = {};
+    stat(include_path.c_str(), &before);
+    EXPECT_EQ(refresh_again(), Runs{});
+    EXPECT_EQ(refresh("[Fixed]\nComment=\nPath=/tmp/fixed\nVID=5\n" + stick), Runs{});
+    struct stat after = {};
+    stat(include_path.c_str(), &after);
+    EXPECT_EQ(before.st_ino, after.st_ino);
+    EXPECT_EQ(before.st_mtim.tv_nsec, after.st_mtim.tv_nsec);
+}
+
+TEST_F(BridgeTest, AWithdrawnShareIsTakenOutAndClosed)
+{
+    refresh(fixed + stick);
+    EXPECT_EQ(refresh(fixed + stick + "[Stick]\n"), (Runs{reload, close_of("Stick")}));
+    EXPECT_EQ(exported(), (Texts{"Fixed"}));
+    EXPECT_EQ(said(), (Texts{"share Stick is withdrawn", "close share Stick"}));
+}
+
+TEST_F(BridgeTest, AShareWhosePathChangesIsClosed)
+{
+    mount_at("sdb1");
+    refresh(stick);
+    EXPECT_EQ(refresh("[Stick]\nPath=/tmp/hotplug/sdb1\n"), (Runs{reload, close_of("Stick")}));
+    EXPECT_EQ(exported(), (Texts{"Stick"}));
+}
+
+TEST_F(BridgeTest, AShareThatIsForOthersNowIsClosed)
+{
+    refresh(stick);
+    EXPECT_EQ(refresh(stick + "Block Users=0,\n"), (Runs{reload, close_of("Stick")}));
+}
+
+TEST_F(BridgeTest, ANewCommentDisturbsNobody)
+{
+    refresh(stick);
+    EXPECT_EQ(refresh(stick + "Comment=new\n"), (Runs{reload}));
+}
+
+TEST_F(BridgeTest, SharesThatAreCalledOtherwiseAreClosedUnderThatName)
+{
+    refresh("[a/b]\nPath=/tmp/fixed\n[-x y]\nPath=/tmp/fixed\n");
+    EXPECT_EQ(exported(), (Texts{"a_b", "-x y"}));
+    EXPECT_EQ(refresh(""), (Runs{reload, close_of("a_b"), close_of("-x y")}));
+}
+
+TEST_F(BridgeTest, AtTheStartWhatTheOldFileExportedIsClosed)
+{
+    ASSERT_EQ(mkdir("/tmp/samba", 0755), 0);
+    write_file(include_path, "[Old]\n\tpath = /tmp/old\n[global]\n");
+    EXPECT_EQ(refresh(fixed), (Runs{reload, close_of("Old")}));
+}
+
+TEST_F(BridgeTest, WhatIsNotMountedIsWithdrawn)
+{
+    ASSERT_EQ(mkdir("/tmp/hotplug/sdc1", 0755), 0);
+    refresh(fixed + "[C]\nPath=/tmp/hotplug/sdc1\nIdentifier=id\n[Place]\nPath=/tmp/hotplug\n");
+    EXPECT_EQ(exported(), (Texts{"Fixed", "Place"}));
+    EXPECT_EQ(said(), (Texts{"share C (id) is withdrawn: /tmp/hotplug/sdc1 is not mounted"}));
+}
+
+TEST_F(BridgeTest, WhatIsNotMountedAnyMoreIsClosed)
+{
+    refresh(stick);
+    ASSERT_EQ(umount("/tmp/hotplug/sda1"), 0);
+    EXPECT_EQ(refresh_again(), (Runs{reload, close_of("Stick")}));
+    EXPECT_EQ(exported(), Texts{});
+}
+
+TEST_F(BridgeTest, APlaceBehindALinkIsFollowed)
+{
+    ASSERT_EQ(symlink(place.c_str(), "/tmp/link"), 0);
+    bridge.mountpath = "/tmp/link";
+    refresh("[A]\nPath=/tmp/link/sda1\n[B]\nPath=/tmp/link/sdb1\n");
+    EXPECT_EQ(exported(), (Texts{"A"}));
+}
+
+TEST_F(BridgeTest, APlaceThatDoesNotExistHasNoMounts)
+{
+    bridge.mountpath = "/tmp/nowhere";
+    refresh(fixed + "[A]\nPath=/tmp/nowhere/sda1\n");
+    EXPECT_EQ(exported(), (Texts{"Fixed"}));
+}
+
+TEST_F(BridgeTest, AFixedPathMustBeADirectory)
+{
+    write_file("/tmp/file", "");
+    refresh("[F]\nPath=/tmp/file\n[N]\nPath=/tmp/none\n" + fixed);
+    EXPECT_EQ(exported(), (Texts{"Fixed"}));
+    EXPECT_EQ(said(), (Texts{"share F () is withdrawn: /tmp/file is no directory",
+                             "share N () is withdrawn: /tmp/none is no directory"}));
+}
+
+TEST_F(BridgeTest, APathThatCannotBeWrittenIsLeftOut)
+{
+    ASSERT_EQ(mkdir("/tmp/100%", 0755), 0);
+    refresh("[A]\nPath=/tmp/100%\n");
+    EXPECT_EQ(exported(), Texts{});
+    EXPECT_EQ(said(), (Texts{"share A is left out: its path holds a percent sign: /tmp/100%"}));
+}
+
+TEST_F(BridgeTest, AShareThatIsLeftOutTakesNoNameFromAnother)
+{
+    refresh("[a/b]\nPath=/tmp/none\n[a?b]\nPath=/tmp/fixed\n");
+    EXPECT_EQ(exported(), (Texts{"a_b"}));
+}
+
+TEST_F(BridgeTest, AShareFileThatCannotBeReadWithdrawsEverything)
+{
+    refresh(fixed + stick);
+    ASSERT_EQ(unlink(share_file.c_str()), 0);
+    EXPECT_EQ(refresh_again(), (Runs{reload, close_of("Fixed"), close_of("Stick")}));
+    EXPECT_EQ(exported(), Texts{});
+    EXPECT_EQ(said()[0], "share file /tmp/vynas.dir.conf cannot be read: nothing is exported");
+}
+
+TEST_F(BridgeTest, WhatThereIsToSayIsSaidOncePerChange)
+{
+    const std::string shares = "[A/B]\nPath=/tmp/fixed\nBlock Users=99999,\n";
+    refresh(shares);
+    EXPECT_EQ(said(),
+              (Texts{"share A/B is exported as A_B", "share A/B: no user has the id 99999"}));
+    refresh_again();
+    EXPECT_EQ(said(), Texts{});
+    refresh(shares + "[C]\nPath=/tmp/none\n");
+    EXPECT_EQ(said(), (Texts{"share C () is withdrawn: /tmp/none is no directory"}));
+    refresh(shares);
+    EXPECT_EQ(said(), Texts{});
+    refresh(shares + "[C]\nPath=/tmp/none\n");
+    EXPECT_EQ(said(), (Texts{"share C () is withdrawn: /tmp/none is no directory"}));
+}
+
+TEST_F(BridgeTest, UserIdsAreTheMachines)
+{
+    refresh("[A]\nPath=/tmp/fixed\nFull Access Users=65534,\n");
+    EXPECT_NE(read_file(include_path).find("valid users = nobody, root\n"), std::string::npos);
+}
+
+TEST_F(BridgeTest, AFileThatCannotBeWrittenIsToldAndTriedAgain)
+{
+    fake_world().fail("rename", 1, EACCES);
+    EXPECT_EQ(refresh(fixed, -1), Runs{});
+    EXPECT_EQ(said(), (Texts{"cannot write /tmp/samba/shares.conf (13)"}));
+    EXPECT_EQ(refresh_again(), (Runs{reload}));
+    EXPECT_EQ(exported(), (Texts{"Fixed"}));
+}
+
+TEST_F(BridgeTest, WithoutMemoryTheOldFileStaysAndSambaIsNotTold)
+{
+    refresh(fixed + stick);
+    const std::string before = read_file(include_path);
+    write_file(share_file, stick + "[a/b]\nPath=/tmp/fixed\nBlock Users=0,99999,\n");
+    int failures = 0;
+    for (int nth = 1;; nth++) {
+        fake_world().spawned.clear();
+        fake_log_clear();
+        memory_fail(nth);
+        const int result = bridge_refresh(&bridge);
+        const bool struck = memory_failed();
+        if (!struck || result == 0) // a note may be lost
+            break;
+        EXPECT_EQ(read_file(include_path), before);
+        EXPECT_EQ(fake_world().spawned, Runs{});
+        EXPECT_EQ(said(), (Texts{"out of memory, nothing is changed"})) << nth;
+        failures++;
+    }
+    EXPECT_GT(failures, 20);
+}
+
+TEST_F(BridgeTest, ThatNoSambaRunsIsNoFailure)
+{
+    fake_world().programs["smbcontrol"] = {
+        FakeRun{.wait_status = 1 << 8, .polls = 0, .output = ""}};
+    EXPECT_EQ(refresh(fixed), (Runs{reload}));
+    EXPECT_EQ(said(), Texts{});
+}
+
+TEST_F(BridgeTest, ThatSmbcontrolCannotBeStartedIsNoFailureButTold)
+{
+    fake_world().fail("spawn", 1, EAGAIN);
+    refresh(fixed);
+    EXPECT_EQ(exported(), (Texts{"Fixed"}));
+    EXPECT_EQ(said(), (Texts{"cannot start smbcontrol (11)"}));
+}
+
+TEST_F(BridgeTest, PrintingChangesNothing)
+{
+    write_file(share_file, fixed);
+    char* text = nullptr;
+    ASSERT_EQ(bridge_make_text(&bridge, &text), 0);
+    EXPECT_NE(std::string(text).find("[Fixed]\n\tpath = /tmp/fixed\n"), std::string::npos);
+    free(text);
+    EXPECT_FALSE(exists(include_path));
+    EXPECT_EQ(fake_world().spawned, Runs{});
+}
