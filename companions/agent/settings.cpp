@@ -1,0 +1,160 @@
+#include "agent/settings.h"
+
+#include "agent/limits.h"
+#include "lib/str.h"
+
+#include <getopt.h>
+#include <stdio.h>
+#include <string.h>
+
+static constexpr char program[] = "vyhotplug-agent";
+
+namespace {
+
+enum OptionCode {
+    OPTION_MONITOR = 1000, // modes first, in the order of AgentMode
+    OPTION_ONCE,
+    OPTION_SCAN,
+    OPTION_LIST,
+    OPTION_HELP,
+    OPTION_VERSION,
+    OPTION_SYSFS,
+    OPTION_PROC,
+    OPTION_MOUNTS,
+    OPTION_STATE,
+    OPTION_WAIT,
+    OPTION_ALL,
+};
+
+} // namespace
+
+static constexpr option long_options[] = {
+    {"monitor", no_argument, nullptr, OPTION_MONITOR},
+    {"once", no_argument, nullptr, OPTION_ONCE},
+    {"scan", no_argument, nullptr, OPTION_SCAN},
+    {"list", no_argument, nullptr, OPTION_LIST},
+    {"help", no_argument, nullptr, OPTION_HELP},
+    {"version", no_argument, nullptr, OPTION_VERSION},
+    {"sysfs", required_argument, nullptr, OPTION_SYSFS},
+    {"proc", required_argument, nullptr, OPTION_PROC},
+    {"mounts", required_argument, nullptr, OPTION_MOUNTS},
+    {"state", required_argument, nullptr, OPTION_STATE},
+    {"wait", required_argument, nullptr, OPTION_WAIT},
+    {"all", no_argument, nullptr, OPTION_ALL},
+    {nullptr, 0, nullptr, 0},
+};
+
+void settings_print_help()
+{
+    printf("usage: %s MODE [OPTION]...\n"
+           "\n"
+           "Tells vyhotplugd of USB disks and MMC/SD cards that come and go.\n"
+           "\n"
+           "modes:\n"
+           "  --monitor        tell of what is plugged, then of every change; stays in the\n"
+           "                   foreground\n"
+           "  --once           tell of the event in the environment (ACTION, DEVPATH, ...)\n"
+           "  --scan           tell of everything that is plugged\n"
+           "  --list           print what would be told\n"
+           "  --help           print this\n"
+           "  --version        print the version\n"
+           "\n"
+           "options:\n"
+           "  --all            tell of disks that the machine itself uses, too\n"
+           "  --mounts DIR     where the service mounts (default /media/vyhotplug)\n"
+           "  --state FILE     where it is kept what the service was told, \"\" for nowhere\n"
+           "                   (default /run/vyhotplug-agent.state)\n"
+           "  --sysfs DIR      where sysfs is mounted (default /sys)\n"
+           "  --wait SECONDS   how long --once and --scan wait for the service (default %d)\n",
+           program, agent_wait_default);
+}
+
+static int complain(const char* what, const char* about)
+{
+    fprintf(stderr, "%s: %s%s\nTry '%s --help'.\n", program, what, about, program);
+    return -1;
+}
+
+static int set_mode(AgentSettings* settings, AgentMode mode)
+{
+    if (settings->mode != AGENT_NO_MODE)
+        return complain("more than one mode", "");
+    settings->mode = mode;
+    return 0;
+}
+
+static int set_directory(const char** field)
+{
+    if (optarg[0] != '/')
+        return complain("not an absolute path: ", optarg);
+    if (strlen(optarg) >= agent_folder_size)
+        return complain("path too long: ", optarg);
+    *field = optarg;
+    return 0;
+}
+
+// Everything lies below "/".
+static int set_mounts(AgentSettings* settings)
+{
+    if (optarg[strspn(optarg, "/")] == '\0')
+        return complain("no directory of the service's: ", optarg);
+    return set_directory(&settings->mounts);
+}
+
+static int set_state(AgentSettings* settings)
+{
+    if (optarg[0] != '\0')
+        return set_directory(&settings->state);
+    settings->state = "";
+    return 0;
+}
+
+static int set_wait(AgentSettings* settings)
+{
+    const bool is_number = optarg[0] >= '0' && optarg[0] <= '9';
+    if (!is_number || str_to_long(optarg, &settings->wait, 10) != 0 ||
+        settings->wait > agent_wait_most)
+        return complain("not a number of seconds up to a day: ", optarg);
+    return 0;
+}
+
+static int take_option(AgentSettings* settings, int code)
+{
+    switch (code) {
+    case OPTION_SYSFS:
+        return set_directory(&settings->sysfs);
+    case OPTION_PROC:
+        return set_directory(&settings->proc);
+    case OPTION_MOUNTS:
+        return set_mounts(settings);
+    case OPTION_STATE:
+        return set_state(settings);
+    case OPTION_WAIT:
+        return set_wait(settings);
+    case OPTION_ALL:
+        settings->all = true;
+        return 0;
+    case '?': // getopt_long has told
+        return complain("wrong command line", "");
+    default:
+        return set_mode(settings, static_cast<AgentMode>(code - OPTION_MONITOR + AGENT_MONITOR));
+    }
+}
+
+int settings_parse(int argc, char* argv[], AgentSettings* settings)
+{
+    *settings = {};
+    settings->wait = agent_wait_default;
+    settings->sysfs = "/sys";
+    settings->proc = "/proc";
+    settings->mounts = "/media/vyhotplug";
+    settings->state = "/run/vyhotplug-agent.state";
+    int code = 0;
+    while ((code = getopt_long(argc, argv, "", long_options, nullptr)) != -1) {
+        if (take_option(settings, code) != 0)
+            return -1;
+    }
+    if (optind < argc)
+        return complain("unexpected argument: ", argv[optind]);
+    return settings->mode != AGENT_NO_MODE ? 0 : complain("no mode given", "");
+}

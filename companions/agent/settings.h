@@ -1,0 +1,30 @@
+// The command line.
+#pragma once
+
+#include <stdint.h>
+
+enum AgentMode : uint8_t {
+    AGENT_NO_MODE,
+    AGENT_MONITOR,
+    AGENT_ONCE,
+    AGENT_SCAN,
+    AGENT_LIST,
+    AGENT_HELP,
+    AGENT_VERSION,
+};
+
+// All texts are borrowed from the command line.
+struct AgentSettings {
+    AgentMode mode;
+    bool all;     // the machine's own disks too
+    int32_t wait; // seconds
+    const char* sysfs;
+    const char* proc;   // where the tables of mounts and swaps are read
+    const char* mounts; // the service's mount directory
+    const char* state;  // "": none
+};
+
+// Returns 0; -1 when the command line is wrong, the reason told on standard error.
+[[nodiscard]] int settings_parse(int argc, char* argv[], AgentSettings* settings);
+
+void settings_print_help();

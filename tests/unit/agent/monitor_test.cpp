@@ -1,0 +1,390 @@
+// The monitor in a process of its own, told of events by the test, before a daemon that notes what
+// it is told.
+#include "agent/monitor.h"
+
+#include "fake_netlink.h"
+#include "fake_sysfs.h"
+#include "support/child.h"
+#include "support/files.h"
+#include "test_daemon.h"
+
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <memory>
+
+using Told = std::vector<std::string>;
+
+static constexpr char state[] = "/tmp/agent.state";
+
+class MonitorTest : public testing::Test {
+  protected:
+    MonitorTest()
+    {
+        daemon_forget_record();
+        fake_netlink_open();
+    }
+    ~MonitorTest() override
+    {
+        EXPECT_EQ(agent_ > 0 ? stop() : 0, 0);
+        fake_netlink_close();
+        unlink(state);
+    }
+
+    void start()
+    {
+        fflush(nullptr);
+        agent_ = fork();
+        if (agent_ != 0) {
+            EXPECT_TRUE(wait_for([this] { return handles_signals(); }));
+            return;
+        }
+        const AgentSettings settings = {
+            AGENT_MONITOR, false, 0, FakeSysfs::root, FakeSysfs::proc, FakeSysfs::mounts, state_};
+        exit(monitor_run(settings));
+    }
+
+    // Or has ended.
+    bool handles_signals() const
+    {
+        const std::string status = read_file("/proc/" + std::to_string(agent_) + "/status");
+        const size_t mask = status.find("SigCgt:");
+        if (mask == std::string::npos || status.find("zombie") != std::string::npos)
+            return true;
+        return (strtoull(status.c_str() + mask + 7, nullptr, 16) >> (SIGTERM - 1) & 1) != 0;
+    }
+
+    // Ends it with a signal and returns its exit status.
+    int stop(int number = SIGTERM)
+    {
+        kill(agent_, number);
+        int status = 0;
+        EXPECT_EQ(waitpid(agent_, &status, 0), agent_);
+        agent_ = -1;
+        return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+    }
+
+    void plug()
+    {
+        sysfs_.add_stick("sda", "8:0");
+        sysfs_.add_partition("sda", "sda1", "8:1");
+    }
+
+    // Waits until the daemons have been told this much, which must be this.
+    static void expect_told(const Told& wanted)
+    {
+        EXPECT_TRUE(wait_for([&] { return daemon_told().size() >= wanted.size(); }));
+        EXPECT_EQ(daemon_told(), wanted);
+    }
+
+    // An unknown device's remove comes through when all that came before it has.
+    void expect_nothing_more(const Told& wanted)
+    {
+        fake_netlink_send("remove", "/block/sdz", 8, 400 + marks_);
+        Told all = wanted;
+        for (int i = 0; i <= marks_; i++)
+            all.push_back("-8:" + std::to_string(400 + i));
+        marks_++;
+        EXPECT_TRUE(wait_for([&] { return daemon_told().size() >= all.size(); }));
+        Told told = daemon_told();
+        std::erase_if(told, [](const std::string& text) { return text.rfind("-8:4", 0) == 0; });
+        EXPECT_EQ(told, wanted);
+    }
+
+    FakeSysfs sysfs_;
+    pid_t agent_ = -1;
+    const char* state_ = state;
+    int marks_ = 0;
+};
+
+TEST_F(MonitorTest, TellsOfWhatIsPluggedAndOfWhatComesAndGoes)
+{
+    plug();
+    TestDaemon daemon;
+    start();
+    expect_told({"+8:0", "+8:1"});
+    sysfs_.add_card("mmcblk0", "179:0");
+    sysfs_.add_partition("mmcblk0", "mmcblk0p1", "179:1");
+    fake_netlink_send("add", "/block/mmcblk0", 179, 0);
+    fake_netlink_send("add", "/block/mmcblk0/mmcblk0p1", 179, 1);
+    fake_netlink_send("add", "/block/sda", 8, 0); // was told before
+    expect_told({"+8:0", "+8:1", "+179:0", "+179:1"});
+    sysfs_.remove_disk("sda");
+    fake_netlink_send("remove", "/block/sda/sda1", 8, 1);
+    fake_netlink_send("remove", "/block/sda", 8, 0);
+    expect_nothing_more({"+8:0", "+8:1", "+179:0", "+179:1", "-8:1", "-8:0"});
+}
+
+TEST_F(MonitorTest, PassesOverWhatIsNoEventOfItsKind)
+{
+    TestDaemon daemon;
+    plug();
+    start();
+    expect_told({"+8:0", "+8:1"});
+    for (const char* bytes : {"foreign", "", "rubbish", "add@/x"})
+        fake_netlink_send_bytes(bytes);
+    fake_netlink_send_bytes(std::string(8192, 'a'));
+    fake_netlink_send("remove", "/block/../sda", 8, 0);
+    fake_netlink_send("remove", "/block/loop0", 7, 0);
+    fake_netlink_send("bind", "/block/sda", 8, 0);
+    expect_nothing_more({"+8:0", "+8:1"});
+}
+
+TEST_F(MonitorTest, TellsOfAChangedMedium)
+{
+    plug();
+    TestDaemon daemon;
+    start();
+    expect_told({"+8:0", "+8:1"});
+    sysfs_.remove_partition("sda", "sda1");
+    sysfs_.add_partition("sda", "sda2", "8:2");
+    fake_netlink_send("change", "/block/sda", 8, 0, "DISK_EJECT_REQUEST=1\n");
+    fake_netlink_send("change", "/block/sda", 8, 0, "DISK_MEDIA_CHANGE=1\n");
+    expect_nothing_more({"+8:0", "+8:1", "-8:1", "-8:0", "+8:0", "+8:2"});
+}
+
+TEST_F(MonitorTest, LooksThroughEverythingWhenEventsWereLost)
+{
+    plug();
+    TestDaemon daemon;
+    start();
+    expect_told({"+8:0", "+8:1"});
+    sysfs_.add_stick("sdb", "8:16");
+    sysfs_.remove_partition("sda", "sda1");
+    fake_netlink_send_bytes("lost");
+    expect_nothing_more({"+8:0", "+8:1", "-8:1", "+8:16"});
+}
+
+TEST_F(MonitorTest, LooksThroughEverythingAfterAHangup)
+{
+    plug();
+    TestDaemon daemon;
+    start();
+    expect_told({"+8:0", "+8:1"});
+    sysfs_.add_stick("sdb", "8:16");
+    kill(agent_, SIGHUP);
+    expect_told({"+8:0", "+8:1", "+8:16"});
+    kill(agent_, SIGHUP);
+    expect_nothing_more({"+8:0", "+8:1", "+8:16"});
+}
+
+TEST_F(MonitorTest, WaitsForTheDaemon)
+{
+    plug();
+    start();
+    usleep(500000); // it tries in vain
+    sysfs_.add_stick("sdb", "8:16");
+    fake_netlink_send("add", "/block/sdb", 8, 16);
+    const TestDaemon daemon;
+    expect_told({"+8:0", "+8:1", "+8:16"});
+    expect_nothing_more({"+8:0", "+8:1", "+8:16"});
+}
+
+TEST_F(MonitorTest, WaitsForTheDaemonFromTheFirstEventOn)
+{
+    start();
+    EXPECT_TRUE(wait_for([this] { // nothing is plugged: it sleeps
+        return read_file("/proc/" + std::to_string(agent_) + "/stat").find(" S ") !=
+               std::string::npos;
+    }));
+    const TestDaemon daemon;
+    plug();
+    fake_netlink_send("add", "/block/sda", 8, 0);
+    fake_netlink_send("add", "/block/sda/sda1", 8, 1);
+    expect_told({"+8:0", "+8:1"});
+    expect_nothing_more({"+8:0", "+8:1"});
+}
+
+TEST_F(MonitorTest, TellsADaemonThatWasRestartedOfEverything)
+{
+    plug();
+    auto daemon = std::make_unique<TestDaemon>();
+    start();
+    expect_told({"+8:0", "+8:1"});
+    for (int turn = 0; turn < 2; turn++) {
+        daemon->end();
+        daemon_forget_record();
+        daemon = std::make_unique<TestDaemon>();
+        expect_told({"+8:0", "+8:1"});
+    }
+}
+
+TEST_F(MonitorTest, TellsANewDaemonNothingOfThePast)
+{
+    plug();
+    auto daemon = std::make_unique<TestDaemon>();
+    start();
+    expect_told({"+8:0", "+8:1"});
+    daemon->stop();
+    sysfs_.remove_disk("sda");
+    fake_netlink_send("remove", "/block/sda/sda1", 8, 1);
+    fake_netlink_send("remove", "/block/sda", 8, 0);
+    sysfs_.add_stick("sdb", "8:16");
+    fake_netlink_send("add", "/block/sdb", 8, 16);
+    daemon->end();
+    daemon_forget_record();
+    daemon = std::make_unique<TestDaemon>();
+    expect_told({"+8:16"});
+}
+
+TEST_F(MonitorTest, TellsNothingTwiceWhenItIsStartedAgain)
+{
+    plug();
+    TestDaemon daemon;
+    start();
+    expect_told({"+8:0", "+8:1"});
+    EXPECT_EQ(stop(), 0);
+    start();
+    expect_nothing_more({"+8:0", "+8:1"});
+}
+
+TEST_F(MonitorTest, TellsOfTheDifferencesWhenItIsStartedAgain)
+{
+    plug();
+    TestDaemon daemon;
+    start();
+    expect_told({"+8:0", "+8:1"});
+    EXPECT_EQ(stop(SIGINT), 0);
+    sysfs_.remove_partition("sda", "sda1");
+    sysfs_.add_stick("sdb", "8:16");
+    start();
+    expect_nothing_more({"+8:0", "+8:1", "-8:1", "+8:16"});
+}
+
+TEST_F(MonitorTest, TakesADeviceBackThatAnotherReplacedWhileItDidNotRun)
+{
+    plug();
+    TestDaemon daemon;
+    start();
+    expect_told({"+8:0", "+8:1"});
+    EXPECT_EQ(stop(), 0);
+    sysfs_.remove_disk("sda");
+    sysfs_.add_stick("sda", "8:0", {{"serial", "OTHER"}});
+    sysfs_.add_partition("sda", "sda1", "8:1");
+    start();
+    expect_nothing_more({"+8:0", "+8:1", "-8:1", "-8:0", "+8:0", "+8:1"});
+}
+
+TEST_F(MonitorTest, TellsANewDaemonOfEverythingWhenBothAreStartedAgain)
+{
+    plug();
+    auto daemon = std::make_unique<TestDaemon>();
+    start();
+    expect_told({"+8:0", "+8:1"});
+    EXPECT_EQ(stop(), 0);
+    daemon->end();
+    daemon_forget_record();
+    daemon = std::make_unique<TestDaemon>();
+    start();
+    expect_nothing_more({"+8:0", "+8:1"});
+}
+
+TEST_F(MonitorTest, KnowsWhatItToldAfterItWasKilled)
+{
+    plug();
+    TestDaemon daemon;
+    start();
+    expect_told({"+8:0", "+8:1"});
+    EXPECT_TRUE(wait_for([] { return read_file(state).find(" sda1 ") != std::string::npos; }));
+    EXPECT_EQ(stop(SIGKILL), 128 + SIGKILL);
+    start();
+    expect_nothing_more({"+8:0", "+8:1"});
+}
+
+TEST_F(MonitorTest, TakesAMessageUnderWayForDeliveredWhenItEnds)
+{
+    plug();
+    TestDaemon daemon;
+    start();
+    expect_told({"+8:0", "+8:1"});
+    daemon.stop();
+    sysfs_.add_stick("sdb", "8:16");
+    sysfs_.add_stick("sdc", "8:32");
+    fake_netlink_send("add", "/block/sdb", 8, 16);
+    fake_netlink_send("add", "/block/sdc", 8, 32);
+    usleep(300000); // the first is under way, most likely; if not, nothing else comes out
+    EXPECT_EQ(stop(), 0);
+    daemon.go_on();
+    start();
+    expect_nothing_more({"+8:0", "+8:1", "+8:16", "+8:32"});
+}
+
+TEST_F(MonitorTest, NeedsNoStateFile)
+{
+    state_ = "";
+    plug();
+    TestDaemon daemon;
+    start();
+    expect_told({"+8:0", "+8:1"});
+    EXPECT_EQ(stop(), 0);
+    EXPECT_FALSE(exists(state));
+    start();
+    expect_nothing_more({"+8:0", "+8:1", "+8:0", "+8:1"}); // as is to be expected
+}
+
+TEST_F(MonitorTest, RunsWithoutADirectoryForItsStateFile)
+{
+    state_ = "/tmp/nothing/state";
+    plug();
+    TestDaemon daemon;
+    start();
+    expect_nothing_more({"+8:0", "+8:1"});
+}
+
+TEST_F(MonitorTest, TakesAStateFileThatIsNoneForNothing)
+{
+    write_file(state, "vyhotplug-agent 1\ndaemon x");
+    plug();
+    TestDaemon daemon;
+    start();
+    expect_nothing_more({"+8:0", "+8:1"});
+}
+
+TEST_F(MonitorTest, SendsAgainWhatTheDaemonDidNotRead)
+{
+    plug();
+    TestDaemonManners manners;
+    manners.unread = 3;
+    TestDaemon daemon(manners);
+    start();
+    expect_nothing_more({"unread", "unread", "unread", "+8:0", "+8:1"});
+}
+
+TEST_F(MonitorTest, ReadsEventsWhileTheDaemonStandsStill)
+{
+    plug();
+    TestDaemon daemon;
+    start();
+    expect_told({"+8:0", "+8:1"});
+    daemon.stop();
+    for (int i = 2; i < 200; i++) { // more than fit between the two unless somebody reads
+        sysfs_.add_partition("sda", "sda" + std::to_string(i), "8:" + std::to_string(i));
+        fake_netlink_send("add", "/block/sda/sda" + std::to_string(i), 8, i);
+    }
+    daemon.go_on();
+    Told wanted;
+    for (int i = 0; i < 200; i++)
+        wanted.push_back("+8:" + std::to_string(i));
+    expect_nothing_more(wanted);
+}
+
+TEST_F(MonitorTest, EndsWhileItWaitsForTheDaemon)
+{
+    plug();
+    start();
+    usleep(300000);
+    EXPECT_EQ(stop(), 0);
+}
+
+TEST_F(MonitorTest, FailsWhereThereIsNoListening)
+{
+    fake_netlink_close();
+    start();
+    int status = 0;
+    EXPECT_EQ(waitpid(agent_, &status, 0), agent_);
+    agent_ = -1;
+    EXPECT_EQ(WEXITSTATUS(status), 1);
+}

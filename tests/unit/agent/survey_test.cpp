@@ -1,0 +1,240 @@
+#include "agent/survey.h"
+
+#include "fake_sysfs.h"
+#include "support/files.h"
+
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+class Survey : public testing::Test {
+  protected:
+    Survey()
+    {
+        sysfs_.add_stick("sda", "8:0");
+        sysfs_.add_partition("sda", "sda1", "8:1");
+        sysfs_.add_partition("sda", "sda2", "8:2");
+        sysfs_.add_stick("sdb", "8:16");
+        sysfs_.add_partition("sdb", "sdb1", "8:17");
+    }
+
+    // "" for a device that is to be announced, else why not.
+    std::string verdict(const char* text)
+    {
+        BlockName name;
+        EXPECT_TRUE(block_name_parse(text, &name));
+        char reason[survey_reason_size] = "";
+        result_ = survey_device(view_, name, &device_, reason);
+        if (result_ == 0)
+            return "";
+        return result_ == -ENOENT ? "not there" : reason;
+    }
+
+    FakeSysfs sysfs_;
+    AnnouncedTable table_ = {};
+    SurveyView view_ = {FakeSysfs::root, FakeSysfs::proc, FakeSysfs::mounts, &table_, false, false};
+    BlockDevice device_ = {};
+    int result_ = 0;
+};
+
+TEST_F(Survey, AnnouncesWhatIsNotInUse)
+{
+    for (const char* name : {"sda", "sda1", "sda2", "sdb", "sdb1"})
+        EXPECT_EQ(verdict(name), "") << name;
+    EXPECT_EQ(device_.minor, 17);
+    EXPECT_EQ(verdict("sdc"), "not there");
+    EXPECT_EQ(verdict("sda3"), "not there");
+}
+
+TEST_F(Survey, AnnouncesNothingOfADiskThatIsMounted)
+{
+    sysfs_.set_mounts({"8:2 / /dev/root"});
+    EXPECT_EQ(verdict("sda"), "sda2 is mounted at /");
+    EXPECT_EQ(verdict("sda1"), "sda2 is mounted at /");
+    EXPECT_EQ(verdict("sda2"), "mounted at /");
+    EXPECT_EQ(result_, 1);
+    EXPECT_EQ(verdict("sdb1"), "");
+}
+
+TEST_F(Survey, AnnouncesNoPartitionOfADiskThatIsMountedWhole)
+{
+    sysfs_.set_mounts({"8:0 /srv /dev/sda"});
+    EXPECT_EQ(verdict("sda"), "mounted at /srv");
+    EXPECT_EQ(verdict("sda1"), "sda is mounted at /srv");
+}
+
+TEST_F(Survey, KnowsAMountByItsSourceToo)
+{
+    sysfs_.set_mounts({"0:42 /data /dev/sda1"}); // as for btrfs
+    EXPECT_EQ(verdict("sda1"), "mounted at /data");
+    EXPECT_EQ(verdict("sda2"), "sda1 is mounted at /data");
+    sysfs_.set_mounts({"0:42 /data /dev/sda11", "0:43 /more sda1", "0:44 /etc /dev/x/sda1"});
+    EXPECT_EQ(verdict("sda1"), "");
+}
+
+TEST_F(Survey, ShowsAMountDirectoryAsOneLine)
+{
+    sysfs_.set_mounts({"8:1 /a\\012b\\040c /dev/sda1"});
+    EXPECT_EQ(verdict("sda1"), "mounted at /a_b c");
+}
+
+TEST_F(Survey, SurvivesAMountDirectoryOfAnyLength)
+{
+    sysfs_.set_mounts({"8:1 /" + std::string(4000, 'x') + " /dev/sda1"});
+    EXPECT_EQ(verdict("sda1").size(), survey_reason_size - 1);
+    EXPECT_EQ(verdict("sda2").size(), survey_reason_size - 1);
+}
+
+TEST_F(Survey, LeavesTheServicesMountsOutOfAccount)
+{
+    announced_put(&table_, ANNOUNCED_TOLD, true, {BLOCK_SD, 1, 1}, 8, 1);
+    sysfs_.set_mounts({"8:1 /anywhere /dev/x/sda1"});
+    EXPECT_EQ(verdict("sda1"), "");
+    EXPECT_EQ(verdict("sda2"), "");
+}
+
+TEST_F(Survey, LeavesMountsOfAnnouncedDevicesOutOfAccountUntilTheyAreUnmounted)
+{
+    // The daemon has been told, and takes its time.
+    announced_put(&table_, ANNOUNCED_GONE, true, {BLOCK_SD, 1, 1}, 8, 1);
+    sysfs_.set_mounts({"8:1 /anywhere /dev/x/sda1"});
+    EXPECT_EQ(verdict("sda1"), "");
+}
+
+TEST_F(Survey, TakesARemoveEventOfTheMachinesDiskForNothing)
+{
+    announced_put(&table_, ANNOUNCED_GONE, false, {BLOCK_SD, 1, 1}, 8, 1);
+    sysfs_.set_mounts({"8:1 / /dev/root"});
+    EXPECT_EQ(verdict("sda1"), "mounted at /");
+}
+
+TEST_F(Survey, KnowsTheServicesMountsByTheirDirectoryOnOtherPartitions)
+{
+    view_.announced = nullptr;
+    sysfs_.set_mounts({"8:1 /media/vyhotplug/sda1 /dev/vyhotplug/sda1"});
+    EXPECT_EQ(verdict("sda2"), "");
+    EXPECT_EQ(verdict("sda"), "");
+    EXPECT_EQ(verdict("sda1"), "mounted at /media/vyhotplug/sda1"); // it would be mounted twice
+    sysfs_.set_mounts({"8:1 /media/vyhotplugs/sda1 /dev/vyhotplug/sda1"});
+    EXPECT_EQ(verdict("sda2"), "sda1 is mounted at /media/vyhotplugs/sda1");
+}
+
+TEST_F(Survey, LeavesMountsOutOfAccountThatAreAboutToGo)
+{
+    view_.leaving = true;
+    sysfs_.set_mounts({"8:1 /media/vyhotplug/sda1 /dev/vyhotplug/sda1"});
+    EXPECT_EQ(verdict("sda1"), "");
+    sysfs_.set_mounts({"8:1 / /dev/root"});
+    EXPECT_EQ(verdict("sda1"), "mounted at /");
+}
+
+TEST_F(Survey, AnnouncesNothingOfADiskWithSwap)
+{
+    sysfs_.set_swaps({"/dev/sda2"});
+    EXPECT_EQ(verdict("sda2"), "used as swap");
+    EXPECT_EQ(verdict("sda1"), "sda2 is used as swap");
+    EXPECT_EQ(verdict("sdb1"), "");
+}
+
+TEST_F(Survey, KnowsSwapUnderAnotherName)
+{
+    ASSERT_EQ(mknod("/tmp/swap node", S_IFBLK | 0600, makedev(8, 2)), 0);
+    sysfs_.set_swaps({"/tmp/swap\\040node"});
+    EXPECT_EQ(verdict("sda2"), "used as swap");
+    EXPECT_EQ(verdict("sdb1"), "");
+    unlink("/tmp/swap node");
+    write_file("/tmp/swap node", "a file");
+    EXPECT_EQ(verdict("sda2"), "");
+}
+
+TEST_F(Survey, AnnouncesNothingOfADiskThatIsHeld)
+{
+    sysfs_.hold("sda/sda2", "dm-3");
+    EXPECT_EQ(verdict("sda2"), "held by dm-3");
+    EXPECT_EQ(verdict("sda"), "sda2 is held by dm-3");
+    EXPECT_EQ(verdict("sdb"), "");
+}
+
+TEST_F(Survey, AnnouncesNoEmptyDrive)
+{
+    sysfs_.set("sda/size", "0");
+    EXPECT_EQ(verdict("sda"), "no medium");
+    EXPECT_EQ(verdict("sda1"), "");
+}
+
+TEST_F(Survey, AnnouncesTheMachinesDisksWhenToldTo)
+{
+    view_.all = true;
+    sysfs_.set_mounts({"8:1 / /dev/root"});
+    sysfs_.set_swaps({"/dev/sda2"});
+    sysfs_.hold("sda", "md0");
+    for (const char* name : {"sda", "sda1", "sda2"})
+        EXPECT_EQ(verdict(name), "") << name;
+}
+
+TEST_F(Survey, AnnouncesNothingWhenTheMountsCannotBeRead)
+{
+    unlink("/tmp/fake-proc/self/mountinfo");
+    EXPECT_EQ(verdict("sda1"), std::string("/tmp/fake-proc/self/mountinfo: ") + strerror(EIO));
+    EXPECT_LT(result_, 0);
+    mkdir("/tmp/fake-proc/self/mountinfo", 0755);
+    EXPECT_EQ(verdict("sda1"), std::string("/tmp/fake-proc/self/mountinfo: ") + strerror(EISDIR));
+    EXPECT_LT(result_, 0);
+}
+
+TEST_F(Survey, AnnouncesNothingWhenTheSwapsCannotBeRead)
+{
+    unlink("/tmp/fake-proc/swaps");
+    EXPECT_EQ(verdict("sda1"), ""); // a kernel without swap
+    symlink("swaps", "/tmp/fake-proc/swaps");
+    EXPECT_NE(verdict("sda1"), "");
+    EXPECT_EQ(result_, -ELOOP);
+    unlink("/tmp/fake-proc/swaps");
+    mkdir("/tmp/fake-proc/swaps", 0755);
+    EXPECT_NE(verdict("sda1"), "");
+    EXPECT_LT(result_, 0);
+}
+
+TEST_F(Survey, AnnouncesNothingWhenHoldersCannotBeRead)
+{
+    rmdir("/tmp/fake-sysfs/block/sda/sda2/holders");
+    EXPECT_EQ(verdict("sda1"), ""); // an old kernel
+    symlink("holders", "/tmp/fake-sysfs/block/sda/sda2/holders");
+    EXPECT_NE(verdict("sda1"), "");
+    EXPECT_EQ(result_, -ELOOP);
+}
+
+TEST_F(Survey, AnnouncesNothingWhenItsPartitionsCannotBeRead)
+{
+    sysfs_.drop("sda/sda2/dev");
+    symlink("dev", "/tmp/fake-sysfs/block/sda/sda2/dev");
+    EXPECT_EQ(verdict("sda1"), std::string("sda2: ") + strerror(ELOOP));
+    EXPECT_LT(result_, 0);
+}
+
+TEST(SwapPath, IsTheLinesFirstField)
+{
+    const struct {
+        const char* line;
+        const char* path; // null: none
+    } rows[] = {
+        {"/dev/sda2                               partition\t1024\t0\t-2\n", "/dev/sda2"},
+        {"/dev/zram0\tpartition\n", "/dev/zram0"},
+        {"/swap\\040file x\n", "/swap file"},
+        {"/dev/sda2\\040(deleted) partition\n", "/dev/sda2"},
+        {"/dev/sda2", "/dev/sda2"},
+        {"/\\040", "/ "},
+        {"/\\04", "/\\04"},
+        {"Filename\t\t\t\tType\n", nullptr},
+        {"", nullptr},
+        {"\n", nullptr},
+    };
+    for (const auto& row : rows) {
+        std::string line = row.line;
+        const char* path = survey_swap_path(line.data());
+        EXPECT_STREQ(path, row.path) << row.line;
+    }
+}
