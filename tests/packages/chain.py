@@ -1,0 +1,116 @@
+#!/usr/bin/python3
+"""The Debian packages in a fresh Debian: installed, run, removed.
+
+usage: chain.py DEBIAN PACKAGES RESULT [SCENARIO]...
+           DEBIAN is what debian_root.sh has made, PACKAGES the folder with the packages, RESULT the file to
+           write. Without a name, all scenarios.
+       chain.py --scenario NAME ORDER     used by itself, in new namespaces
+"""
+import json
+import os
+import pathlib
+import shutil
+import sys
+import time
+import xml.etree.ElementTree as ElementTree
+
+import debian_world
+from test_busybox import BusyboxInit, BusyboxScript
+from test_chain import Chain, Names
+from test_completion import Completion
+from test_install import Install, Removal
+from test_units import Systemd, UnitLines
+
+# The first one alone, for the others begin with what it leaves; of the others those first that take longest.
+SCENARIOS = (Install, Systemd, Chain, Names, Removal, BusyboxScript, UnitLines, BusyboxInit, Completion)
+AT_ONCE = 4  # they wait most of the time
+
+
+class Order:
+    """Where things are, for all scenarios."""
+
+    def __init__(self, debian, packages):
+        self.folder = packages + "/worlds"
+        self.debian = debian + "/root"
+        self.installed = self.folder + "/installed"
+        self.exchange = self.folder + "/exchange"
+        shutil.rmtree(self.folder, ignore_errors=True)
+        os.makedirs(self.exchange)
+        for path in pathlib.Path(packages).glob("*.deb"):
+            if "dbgsym" not in path.name:
+                shutil.copy(path, self.exchange)
+
+    def start(self, scenario):
+        first = scenario is Install
+        order = {"exchange": self.exchange, "upper": self.installed if first else None,
+                 "layers": [self.debian] if first else [self.installed, self.debian]}
+        return debian_world.Running(os.path.abspath(__file__), scenario, order, self.folder)
+
+
+def tell(scenario, results, seconds):
+    passed = sum(result["status"] == "run" for result in results)
+    print(f"   {scenario.__name__}: {passed} of {len(results)} tests passed, {seconds:.0f} s", flush=True)
+    return passed == len(results)
+
+
+def run_all(order, scenarios):
+    """Runs them, several at once; returns the results by scenario. Without the packages, no others."""
+    results = {}
+    waiting = list(scenarios)
+    running = []
+    while waiting or running:
+        while waiting and len(running) < AT_ONCE and Install not in [one.scenario for one in running]:
+            running.append(order.start(waiting.pop(0)))
+        for one in [one for one in running if one.is_over()]:
+            running.remove(one)
+            results[one.scenario] = one.results()
+            if not tell(one.scenario, results[one.scenario], one.seconds()) and one.scenario is Install:
+                return results
+        time.sleep(0.1)
+    return results
+
+
+def report(suite, scenario, results):
+    """Adds the scenario's tests to the results, and tells of those that did not pass."""
+    for result in results:
+        words = result["name"].removeprefix("test_").replace("_", " ")
+        case = ElementTree.SubElement(suite, "testcase", name=f"packages.{scenario.__name__}.{words}",
+                                      status=result["status"], time=str(result["time"]))
+        if result["status"] != "run":
+            case.text = result["message"].encode("ascii", "backslashreplace").decode()
+            print(f"{result['status']}: {scenario.__name__}: {words}\n{result['message'][-1500:]}")
+
+
+def keep_logs(order, packages, results):
+    """Of scenarios with a failure, in a folder that is there only then."""
+    logs = packages + "/test-logs"
+    shutil.rmtree(logs, ignore_errors=True)
+    for scenario, found in results.items():
+        if any(result["status"] == "fail" for result in found):
+            os.makedirs(logs, exist_ok=True)
+            shutil.copy(f"{order.folder}/{scenario.__name__}.log", logs)
+    if os.path.isdir(logs):
+        print(f"logs: {logs}")
+
+
+def main():
+    by_name = {scenario.__name__: scenario for scenario in SCENARIOS}
+    if sys.argv[1] == "--scenario":
+        debian_world.run_scenario(by_name[sys.argv[2]], json.loads(sys.argv[3]))
+    debian, packages, path = sys.argv[1:4]
+    chosen = [Install, *map(by_name.get, sys.argv[4:])] if sys.argv[4:] else SCENARIOS
+    order = Order(debian, packages)
+    results = run_all(order, chosen)
+    suite = ElementTree.Element("testsuite", name="packages")
+    for scenario in chosen:
+        report(suite, scenario, results.get(scenario) or debian_world.missing_results(scenario, set()))
+    ElementTree.ElementTree(suite).write(path, encoding="utf-8", xml_declaration=True)
+    keep_logs(order, packages, results)
+    shutil.rmtree(order.installed, ignore_errors=True)  # large
+    states = [case.get("status") for case in suite]
+    print(f"{states.count('run')} passed, {states.count('fail')} failed, {states.count('notrun')} skipped")
+    return 0 if "run" in states and "fail" not in states else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,149 @@
+"""With busybox in place of the usual tools, and as init."""
+
+import contextlib
+import os
+import re
+import shutil
+import signal
+import subprocess
+
+import debian_world
+import vyworld
+from machine import ANNA, SETTINGS_COPY, SHARE_FILE, Machine, Stick
+
+
+class BusyboxScript(Machine):
+    """The init script where there is nothing but busybox: its shell and its tools."""
+
+    SCRIPT = "/etc/init.d/vyhotplugd"
+    TOOLS = ("sh", "grep", "sleep", "rm", "cat", "mkdir", "seq", "kill", "awk", "umount")
+
+    def test_the_shell_is_busybox(self):
+        self.collect_log()
+        for name in self.TOOLS:
+            path = f"/usr/bin/{name}"
+            with contextlib.suppress(FileNotFoundError):
+                os.remove(path)
+            os.symlink("/usr/bin/busybox", path)
+        for path in ("/lib/lsb/init-functions",):
+            os.remove(path)
+        self.assertIn("BusyBox", self.run_any("grep", "--help")[1])
+        self.run_ok("sh", "-n", self.SCRIPT)
+        self.run_ok("sh", "-n", "/etc/init.d/vynas-samba")
+
+    def test_wrong_words_are_refused(self):
+        self.assertEqual(self.run_any(self.SCRIPT)[0], 2)
+        self.assertEqual(self.run_any(self.SCRIPT, "begin")[0], 2)
+
+    def test_nothing_runs_at_first(self):
+        self.assertEqual(self.run_any(self.SCRIPT, "status")[0], 3)
+        self.run_ok(self.SCRIPT, "stop")
+
+    def test_start(self):
+        self.run_ok(self.SCRIPT, "start")
+        self.run_ok(self.SCRIPT, "start")
+        self.run_ok(self.SCRIPT, "status")
+        self.assertEqual(len(self.pids_of("vyhotplugd")), 1)
+        self.assertEqual(len(self.pids_of("vyhotplug-agent")), 1)
+
+    def test_it_serves_a_stick(self):
+        self.stick = Stick(self, "a", "STICK1", p1=("ext4", None, {"a.txt": "one\n"}))
+        self.plug(self.stick)
+        self.wait_for_mounts("sda1")
+
+    def test_one_that_is_missing_is_told(self):
+        agent, = self.pids_of("vyhotplug-agent")
+        os.kill(agent, signal.SIGKILL)
+        self.wait_until("its end", lambda: not os.path.exists(f"/proc/{agent}"))
+        self.assertEqual(self.run_any(self.SCRIPT, "status")[0], 1)
+
+    def test_restart(self):
+        old = self.pids_of("vyhotplugd")
+        self.run_ok(self.SCRIPT, "restart")
+        self.assertNotEqual(self.pids_of("vyhotplugd"), old)
+        self.run_ok(self.SCRIPT, "status")
+        self.wait_for_mounts("sda1")
+        self.wait_until("it is told of", lambda: "sda1" in self.read(SHARE_FILE))
+
+    def test_a_pid_file_of_somebody_else_misleads_nobody(self):
+        self.run_ok(self.SCRIPT, "stop")
+        sleeper = subprocess.Popen(["/bin/sleep", "600"])
+        self.addCleanup(sleeper.kill)
+        for path in ("/run/vyhotplugd.pid", "/run/vyhotplug-agent.pid"):
+            self.write(path, f"{sleeper.pid}\n")
+        self.assertEqual(self.run_any(self.SCRIPT, "status")[0], 3)
+        self.run_ok(self.SCRIPT, "stop")
+        self.assertIsNone(sleeper.poll())
+        self.run_ok(self.SCRIPT, "start")
+        self.run_ok(self.SCRIPT, "status")
+
+    def test_options_of_the_machine(self):
+        self.run_ok(self.SCRIPT, "stop")
+        self.write("/etc/default/vyhotplugd", "daemon_options='-l 7'\nagent=\n")
+        self.run_ok(self.SCRIPT, "start")
+        self.run_ok(self.SCRIPT, "status")
+        self.assertEqual(self.pids_of("vyhotplug-agent"), [])
+        self.assertIn("-l\x007\x00", self.read(f"/proc/{self.pids_of('vyhotplugd')[0]}/cmdline"))
+
+    def test_mdev_tells_the_agent(self):
+        """As the kernel's helper for each event, with the line of the example."""
+        shutil.copy("/usr/share/doc/vyhotplugd/examples/appliance/mdev.conf", "/etc/mdev.conf")
+        for path, what in (("/run/started", self.stick.events("add")), ("/run/gone", self.stick.events("remove"))):
+            if path == "/run/started":
+                self.wait_for_mounts()
+            for event in what:
+                self.run_ok("busybox", "mdev", env=event)
+            if path == "/run/started":
+                self.wait_for_mounts("sda1")
+        self.wait_for_mounts()
+
+    def test_stop(self):
+        self.run_ok(self.SCRIPT, "stop")
+        self.run_ok(self.SCRIPT, "stop")
+        self.assertEqual(self.run_any(self.SCRIPT, "status")[0], 3)
+        self.assertEqual(self.pids_of("vyhotplugd"), [])
+
+
+class BusyboxInit(Machine):
+    """The lines for an inittab, under busybox's init."""
+
+    init = (["/usr/bin/busybox", "init"], {"PATH": debian_world.PATH})
+
+    @classmethod
+    def before_init(cls):
+        vyworld.write("/etc/inittab", "".join(
+            line + "\n" for line in ("::sysinit:/bin/true", "::sysinit:/etc/init.d/smbd start",
+                                     "::respawn:/usr/sbin/vynas-samba",
+                                     vyworld.read("/usr/share/doc/vyhotplugd/examples/appliance/inittab"))))
+
+    def test_init_has_started_everything(self):
+        self.collect_log()
+        for name in ("vyhotplugd", "vyhotplug-agent", "vynas-samba"):
+            self.wait_until(name, lambda name=name: len(self.pids_of(name)) == 1)
+        self.wait_until("it listens", lambda: "@vyhotplugd@" in self.read("/proc/net/unix"))
+        self.run_ok("vynas-samba-setup", "enable")
+        self.add_anna()
+
+    def test_a_stick_is_shared(self):
+        self.stick = Stick(self, "a", "STICK1", p1=("ext4", None, {"a.txt": "one\n"}))
+        self.plug(self.stick)
+        self.wait_for_shares("Drive(A1)", who=ANNA)
+
+    def test_whoever_ends_is_started_again(self):
+        for name in ("vyhotplug-agent", "vyhotplugd", "vynas-samba"):
+            old = self.pids_of(name)
+            os.kill(old[0], signal.SIGKILL)
+            self.wait_until(f"another {name}", lambda: self.pids_of(name) and self.pids_of(name) != old)
+
+    def test_and_shares_what_is_plugged(self):
+        self.wait_until("a new announcement", lambda: "sda1" in self.read(SHARE_FILE))
+        self.wait_for_mounts("sda1")
+        self.wait_for_shares("Drive(A1)", who=ANNA)
+        self.assertEqual(self.fetch("Drive(A1)", "a.txt", ANNA), "one\n")
+
+    def test_a_shutdown_saves_the_settings(self):
+        self.set_for_device(self.stick.partitions[0].identifier, share_name="Cinema")
+        self.wait_for_shares("Cinema", who=ANNA)
+        line, = re.findall("^::shutdown:(.*)$", self.read("/etc/inittab"), re.MULTILINE)
+        self.run_ok(*line.split())
+        self.assertIn("Share Name=Cinema", self.read(SETTINGS_COPY))

@@ -1,0 +1,93 @@
+"""The packages come, and go."""
+
+import json
+import os
+import pathlib
+
+from debian_world import EXCHANGE, Scenario
+from machine import (APT_INSTALL, COMMANDS, FILES_BEFORE, INCLUDED, LIBEXEC, NONINTERACTIVE, PACKAGES,
+                     SETTINGS_COPY, Machine, Stick, list_files)
+
+
+class Install(Scenario):
+    """What is installed here is what the other scenarios begin with."""
+
+    def test_debian_as_a_newcomer_has_it(self):
+        """Samba and what one needs to try it, from Debian; an mtab as every Debian has it."""
+        os.symlink("../proc/self/mounts", "/etc/mtab")
+        self.run_ok(*APT_INSTALL, "--no-download", "samba", "smbclient", "ntfs-3g", "e2fsprogs", "busybox",
+                    "bash-completion", env=NONINTERACTIVE, limit=600)
+        self.run_ok("/etc/init.d/smbd", "stop")
+        self.run_any("/etc/init.d/nmbd", "stop")
+        self.kill_all()
+        self.write(FILES_BEFORE, json.dumps(list_files()))
+
+    def test_packages_install(self):
+        packages = sorted(str(path) for path in pathlib.Path(EXCHANGE).glob("*.deb"))
+        self.assertEqual(len(packages), len(PACKAGES), packages)
+        said = self.run_ok(*APT_INSTALL, *packages, env=NONINTERACTIVE, limit=600)
+        self.assertNotRegex(said, r"(?im)^(W|E|warning|error|dpkg: warning):")
+        self.assertEqual(self.run_ok("dpkg", "--audit"), "")
+
+    def test_files_are_as_packed(self):
+        for package in PACKAGES:
+            self.assertEqual(self.run_ok("dpkg", "--verify", package), "")
+
+    def test_commands_are_there(self):
+        for name in COMMANDS:
+            self.assertTrue(os.access("/usr/sbin/" + name, os.X_OK), name)
+        for name in ("mlabel", "ntfsvlabel", "vyhotplug-prepare"):
+            self.assertTrue(os.access(f"{LIBEXEC}/{name}", os.X_OK), name)
+        for name in ("vymount", "vyunmount", "vyhotpluginfo"):
+            self.assertEqual(os.readlink("/usr/sbin/" + name), "vyhotplugd")
+        for name in ("vyhotplugd", "vyhotpluginfo", "vyhotplug-agent", "vyhotplug-prepare", "vynas-samba",
+                     "vynas-samba-setup"):
+            self.run_ok(f"{LIBEXEC if name.endswith('prepare') else '/usr/sbin'}/{name}", "--help")
+
+    def test_configuration_belongs_to_the_administrator(self):
+        listed = "".join(self.run_ok("dpkg-query", "-W", "-f", "${Conffiles}\n", name) for name in PACKAGES)
+        for path in ("/etc/vyhotplugd/vyhotplugd.conf", "/etc/vyhotplugd/evhook",
+                     "/etc/vynas-samba/vynas-samba.conf"):
+            self.assertIn(path + " ", listed)
+        self.assertTrue(os.access("/etc/vyhotplugd/evhook", os.X_OK))
+
+
+class Removal(Machine):
+    """After the packages are removed and purged the machine is as it was before."""
+
+    def test_everything_is_in_use(self):
+        self.collect_log()
+        self.start_by_init_scripts()
+        self.run_ok("vynas-samba-setup", "enable")
+        self.stick = Stick(self, "a", "STICK1", p1=("ext4", None, {"a.txt": "one\n"}),
+                           p2=("ntfs", None, {"b.txt": "two\n"}))
+        self.stick.put_in()
+        self.stick.announce()
+        self.wait_for_mounts("sda1", "sda2")
+        self.wait_until("two shares", lambda: "sda2" in self.read(INCLUDED))
+        self.held = open("/media/vyhotplug/sda1/a.txt", "rb")
+        self.addCleanup(self.held.close)
+
+    def test_removing_ends_it_all(self):
+        self.run_ok("apt-get", "-qy", "-o", "Dpkg::Use-Pty=0", "remove", *PACKAGES, env=NONINTERACTIVE)
+        self.stick.plugged = False
+        for name in ("vyhotplugd", "vyhotplug-agent", "vynas-samba", "ntfs-3g", "mount.ntfs-3g"):
+            self.wait_until(f"no {name}", lambda name=name: not self.pids_of(name))
+        self.assertEqual(self.mounted(), set())
+        for folder in ("/tmp", "/run", "/dev", "/media"):
+            self.assertEqual([name for name in os.listdir(folder) if name.startswith("vy")], [], folder)
+        self.assertEqual(self.assert_testparm(), set())
+        self.assertTrue(os.path.exists("/etc/vyhotplugd/vyhotplugd.conf"))
+        self.assertTrue(os.path.exists(SETTINGS_COPY))
+
+    def test_purging_leaves_the_machine_as_it_was(self):
+        self.held.close()
+        self.run_ok("apt-get", "-qy", "-o", "Dpkg::Use-Pty=0", "purge", *PACKAGES, env=NONINTERACTIVE)
+        self.run_ok("/etc/init.d/smbd", "stop")
+        before, after = json.loads(self.read(FILES_BEFORE)), list_files()
+        changed = {path: (before.get(path), after.get(path)) for path in before.keys() | after.keys()
+                   if before.get(path) != after.get(path)}
+        for path in list(changed):  # Samba's own, since it ran, and umount's
+            if path.startswith(("/var/lib/samba", "/run/samba", "/run/lock")) or path == "/run/mount":
+                del changed[path]
+        self.assertEqual(changed, {})

@@ -1,0 +1,220 @@
+"""Under systemd, and by the lines of its unit files."""
+
+import os
+import pathlib
+import re
+import signal
+import subprocess
+import time
+
+import debian_world
+import vyworld
+from debian_world import EXCHANGE
+from machine import (ANNA, APT_INSTALL, INSTALL_GUIDE, NONINTERACTIVE, PACKAGES, SETTINGS_COPY,
+                     SHARE_FILE, Machine, Stick)
+
+
+class UnitLines(Machine):
+    """The command lines of the unit files do what they should, whoever runs them."""
+
+    def lines(self, unit, key):
+        return re.findall(f"^{key}=-?(.*)$", self.read(f"/lib/systemd/system/{unit}.service"), re.MULTILINE)
+
+    def run_unit(self, unit):
+        """Runs its lines as systemd would, by hand."""
+        environment = {"PATH": debian_world.PATH, **dict(line.split("=", 1)
+                                                        for line in self.lines(unit, "Environment"))}
+        for line in self.lines(unit, "ExecStartPre"):
+            self.run_ok(*line.split(), env=environment)
+        line, = self.lines(unit, "ExecStart")
+        process = subprocess.Popen(line.split(), env=environment, stdin=subprocess.DEVNULL, stdout=self.log,
+                                   stderr=self.log)
+        self.addCleanup(process.kill)
+        return process
+
+    def test_the_services_run_and_share(self):
+        self.collect_log()
+        self.run_ok("/etc/init.d/smbd", "start")
+        self.service = self.run_unit("vyhotplugd")
+        self.agent = self.run_unit("vyhotplug-agent")
+        self.bridge = self.run_unit("vynas-samba")
+        self.run_ok("vynas-samba-setup", "enable")
+        self.add_anna()
+        self.stick = Stick(self, "a", "STICK1", p1=("ntfs", "Films", {"a.txt": "one\n"}))
+        self.plug(self.stick)
+        self.wait_for_shares("Films(A1)", who=ANNA)
+        self.assertEqual(self.fetch("Films(A1)", "a.txt", ANNA), "one\n")
+
+    def test_a_second_service_is_refused_and_touches_nothing(self):
+        line, = self.lines("vyhotplugd", "ExecStartPre")
+        self.assertEqual(self.run_any(*line.split())[0], 1)
+        self.assertEqual(self.mounted(), {"sda1"})
+
+    def test_changed_settings_are_saved(self):
+        self.set_for_device(self.stick.partitions[0].identifier, share_name="Cinema")
+        self.wait_for_shares("Cinema", who=ANNA)
+        line, = self.lines("vyhotplugd-settings", "ExecStart")
+        self.run_ok(*line.split())
+        self.assertIn("Share Name=Cinema", self.read(SETTINGS_COPY))
+
+    def test_the_service_ends_and_its_drivers_live_on(self):
+        self.service.terminate()
+        self.assertEqual(self.service.wait(debian_world.LIMIT), 0)
+        for line in self.lines("vyhotplugd", "ExecStopPost"):
+            self.run_ok(*line.split())
+        self.assertEqual(self.mounted(), {"sda1"})
+        self.assertEqual(self.stick.partitions[0].read_file("a.txt"), "one\n")
+
+    def test_the_next_one_has_it_all_again(self):
+        self.service = self.run_unit("vyhotplugd")
+        self.wait_for_mounts("sda1")
+        self.wait_for_shares("Cinema", who=ANNA)
+        self.assertEqual(self.fetch("Cinema", "a.txt", ANNA), "one\n")
+
+    def test_all_end_when_they_are_told(self):
+        for process in (self.agent, self.bridge, self.service):
+            process.terminate()
+            self.assertEqual(process.wait(debian_world.LIMIT), 0)
+
+
+class Systemd(Machine):
+    """On a machine that systemd runs."""
+
+    init = (["/lib/systemd/systemd", "--system", "--log-target=null", "--show-status=no"],
+            {"PATH": debian_world.PATH, "container": "other"})
+    cgroups = True
+    UNITS = ("vyhotplugd.service", "vyhotplug-agent.service", "vyhotplugd-settings.path", "vynas-samba.service")
+
+    @classmethod
+    def before_init(cls):
+        with open("/images/apt.log", "wb") as log:
+            subprocess.run([*APT_INSTALL, "--no-download", "systemd-sysv", "dbus"], check=True, stdout=log, stderr=log,
+                           stdin=subprocess.DEVNULL, env={"PATH": debian_world.PATH, **NONINTERACTIVE})
+        vyworld.write("/etc/machine-id", "0123456789abcdef0123456789abcdef\n")
+        for name in ("systemd-udevd.service", "systemd-udevd-kernel.socket", "systemd-udevd-control.socket",
+                     "nmbd.service", "console-getty.service"):
+            os.symlink("/dev/null", "/etc/systemd/system/" + name)
+        os.makedirs("/sys/fs/cgroup")
+        debian_world.mount("cgroup2", "/sys/fs/cgroup", "cgroup2")
+
+    def show(self, unit, name):
+        return self.run_ok("systemctl", "show", "--value", "--property", name, unit).strip()
+
+    def wait_for_unit(self, unit, state="active"):
+        self.wait_until(f"{unit} is {state}", lambda: self.show(unit, "ActiveState") == state)
+
+    def test_units_are_sound(self):
+        paths = [f"/lib/systemd/system/{unit}" for unit in (*self.UNITS, "vyhotplugd-settings.service")]
+        self.assertEqual(self.run_ok("systemd-analyze", "verify", "--man=no", *paths), "")
+
+    def test_the_machine_has_started(self):
+        self.wait_until("systemd", lambda: os.path.exists("/run/systemd/private"))
+        for unit in (*self.UNITS, "smbd.service"):
+            self.wait_for_unit(unit)
+
+    def test_installing_starts_everything(self):
+        """Purged and installed anew, for they were installed where no systemd ran."""
+        self.run_ok("apt-get", "-qy", "purge", *PACKAGES, env=NONINTERACTIVE)
+        for unit in self.UNITS:
+            self.assertNotEqual(self.show(unit, "ActiveState"), "active", unit)
+        packages = sorted(str(path) for path in pathlib.Path(EXCHANGE).glob("*.deb"))
+        self.run_ok(*APT_INSTALL, *packages, env=NONINTERACTIVE)
+        for unit in self.UNITS:
+            self.wait_for_unit(unit)
+            self.run_ok("systemctl", "is-enabled", unit)
+
+    def test_they_see_the_mounts_of_everybody(self):
+        for name in ("vyhotplugd", "vyhotplug-agent", "vynas-samba"):
+            self.assertEqual(os.readlink(f"/proc/{self.pids_of(name)[0]}/ns/mnt"), os.readlink("/proc/1/ns/mnt"))
+
+    def test_sticks_are_shared(self):
+        self.run_ok("vynas-samba-setup", "enable")
+        self.add_anna()
+        self.stick = Stick(self, "a", "STICK1", p1=("ext4", None, {"a.txt": "one\n"}),
+                           p2=("ntfs", "Films", {"b.txt": "two\n"}))
+        self.plug(self.stick)
+        self.wait_for_shares("Drive(A1)", "Films(A2)", who=ANNA)
+
+    def test_the_guides_commands_name_a_share_and_open_it(self):
+        """What docs/install.md tells the newcomer to type."""
+        commands, = re.findall("^cd /run/vyhotplugd/files\n(?:sed .*\n)+systemctl reload .*\n", INSTALL_GUIDE,
+                               re.MULTILINE)
+        self.assertIn("1234:00ab:ABC:1", commands)
+        self.shell(commands.replace("1234:00ab:ABC:1", self.stick.partitions[0].identifier)
+                   .replace("Music", "Cinema"))
+        self.wait_for_shares("Cinema", "Films(A2)", who=ANNA)
+        self.wait_until("a guest reads", lambda: self.fetch("Cinema", "a.txt") == "one\n")
+
+    def test_changed_settings_are_saved_at_once(self):
+        self.wait_until("a copy", lambda: "Share Name=Cinema" in self.read(SETTINGS_COPY))
+
+    def test_a_restart_shares_everything_again(self):
+        agent = self.pids_of("vyhotplug-agent")
+        begun = time.monotonic()
+        self.run_ok("systemctl", "restart", "vyhotplugd")
+        self.wait_for_mounts("sda1", "sda2")
+        self.wait_for_shares("Cinema", "Films(A2)", who=ANNA)
+        self.tell(f"shared again {time.monotonic() - begun:.1f} s after the restart was asked for")
+        self.assertNotEqual(self.pids_of("vyhotplug-agent"), agent)
+        self.assertEqual(self.fetch("Films(A2)", "b.txt", ANNA), "two\n")
+
+    def test_whoever_crashes_is_started_again(self):
+        for name in ("vyhotplug-agent", "vynas-samba", "vyhotplugd"):
+            old = self.pids_of(name)
+            os.kill(old[0], signal.SIGKILL)
+            self.wait_until(f"another {name}", lambda: self.pids_of(name) and self.pids_of(name) != old)
+        self.wait_until("a new announcement", lambda: "sda2" in self.read(SHARE_FILE))
+        self.wait_for_mounts("sda1", "sda2")
+        self.wait_for_shares("Cinema", "Films(A2)", who=ANNA)
+
+    def test_a_stop_leaves_mounts_and_their_drivers(self):
+        self.run_ok("systemctl", "stop", "vyhotplugd")
+        self.assertEqual(self.pids_of("vyhotplugd") + self.pids_of("vyhotplug-agent"), [])
+        self.assertEqual(self.mounted(), {"sda1", "sda2"})
+        self.assertEqual(self.stick.partitions[1].read_file("b.txt"), "two\n")
+
+    def test_a_start_starts_the_agent_too(self):
+        self.run_ok("systemctl", "start", "vyhotplugd")
+        self.wait_until("the agent", lambda: self.pids_of("vyhotplug-agent"))
+        self.wait_for_mounts("sda1", "sda2")
+        self.wait_for_shares("Cinema", "Films(A2)", who=ANNA)
+
+    def test_an_upgrade_keeps_what_was_set_and_shares_everything_again(self):
+        old = self.pids_of("vyhotplugd")
+        self.run_ok("sed", "-i", "s/^defaultgid = .*/defaultgid = 60/", "/etc/vyhotplugd/vyhotplugd.conf")
+        packages = sorted(str(path) for path in pathlib.Path(EXCHANGE).glob("*.deb"))
+        self.run_ok("dpkg", "--install", *packages, env=NONINTERACTIVE, limit=600)
+        self.assertNotEqual(self.pids_of("vyhotplugd"), old)
+        self.assertIn("defaultgid = 60\n", self.read("/etc/vyhotplugd/vyhotplugd.conf"))
+        self.wait_for_mounts("sda1", "sda2")
+        self.wait_for_shares("Cinema", "Films(A2)", who=ANNA)
+        self.assertEqual(os.stat("/media/vyhotplug/sda2/b.txt").st_gid, 60)
+
+    def test_the_init_script_hands_over_to_systemd(self):
+        old = self.pids_of("vyhotplugd")
+        self.run_ok("/etc/init.d/vyhotplugd", "restart")
+        self.wait_until("another service", lambda: self.pids_of("vyhotplugd") not in ([], old))
+        self.assertEqual(str(self.pids_of("vyhotplugd")[0]), self.show("vyhotplugd", "MainPID"))
+        self.wait_for_mounts("sda1", "sda2")
+
+    def test_cleaning_spares_what_the_service_has_in_tmp(self):
+        old = time.time() - 400 * 86400
+        places = ("/tmp/vyhotplugd/hotplug.dev.conf", "/tmp/vyhotplugd", "/tmp/vynasmira")
+        self.write("/tmp/somebodys", "")
+        for path in ("/tmp/somebodys", *places):
+            os.utime(path, (old, old))
+        self.write("/etc/tmpfiles.d/tmp.conf", "q /tmp 1777 root root aAmM:1d\n")
+        self.run_ok("systemd-tmpfiles", "--clean")
+        self.assertFalse(os.path.exists("/tmp/somebodys"))
+        for path in (*places, "/tmp/vyhotplugd-evhook.sh", "/tmp/vynasmira/vyhotplugd.conf"):
+            self.assertTrue(os.path.lexists(path), path)
+
+    def test_removing_ends_and_unmounts_it_all(self):
+        self.run_ok("apt-get", "-qy", "purge", *PACKAGES, env=NONINTERACTIVE)
+        self.stick.plugged = False
+        for name in ("vyhotplugd", "vyhotplug-agent", "vynas-samba", "ntfs-3g", "mount.ntfs-3g"):
+            self.wait_until(f"no {name}", lambda name=name: not self.pids_of(name))
+        self.assertEqual(self.mounted(), set())
+        self.assertEqual(self.run_ok("systemctl", "list-units", "--failed", "--plain", "--no-legend"), "")
+        for folder in ("/tmp", "/run", "/dev", "/media", "/etc", "/var/lib"):
+            self.assertEqual([name for name in os.listdir(folder) if name.startswith("vy")], [], folder)
