@@ -1,6 +1,5 @@
 #include "config/ini.h"
 
-#include <ctype.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
@@ -11,6 +10,7 @@
 static constexpr size_t key_significant = 511;
 static constexpr size_t value_max = 2047;
 static constexpr size_t first_read = 4096; // bytes; doubled as the file needs
+static constexpr size_t listed_max = 24;   // entries of a section that are kept at hand
 
 namespace {
 
@@ -29,13 +29,30 @@ struct Section {
     const char* body; // just behind the header's line
 };
 
+// An entry's line, and the upper-cased letter that its key begins with ("=" for an empty key).
+struct Entry {
+    Span line;
+    char letter;
+};
+
+// The section that was asked last, for the next key is most often asked of the same one: its place
+// and its first entries, so that they are not looked for in the text again.
+struct RecentSection {
+    const Section* place; // null before the first question
+    const char* body;     // whose entries are listed; null for none
+    size_t count;
+    Entry entries[listed_max];
+    Span rest; // the text behind the listed entries' lines; empty at the section's end
+};
+
 } // namespace
 
 struct IniDoc {
-    char* text; // `size` bytes and one NUL behind them
+    char* text; // `size` bytes and one NUL behind them, every line end a line feed
     size_t size;
     Section* table; // `places` of them, a power of two, at most half of them used
     size_t places;
+    mutable RecentSection recent;
 };
 
 static bool is_blank(char c)
@@ -48,21 +65,33 @@ static bool ends_line(char c)
     return c == '\n' || c == '\r' || c == '\0';
 }
 
-static unsigned char upper(char c)
+// Upper case of ASCII letters, as toupper(3) in the C locale, for what is compared byte by byte.
+static char upper(char c)
 {
-    return static_cast<unsigned char>(toupper(static_cast<unsigned char>(c)));
+    return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
 }
 
-// Takes the next line from `rest`; false at the end of the text.
+// Makes every line end a line feed, so that the C library can look for it.
+static void unify_line_ends(IniDoc* doc)
+{
+    const char* end = doc->text + doc->size;
+    constexpr char others[] = {'\r', '\0'};
+    for (const char other : others) {
+        char* at = doc->text;
+        while ((at = static_cast<char*>(memchr(at, other, static_cast<size_t>(end - at)))) !=
+               nullptr)
+            *at++ = '\n';
+    }
+}
+
+// Takes the next line from `rest`, whose line ends are unified; false at the end of the text.
 static bool next_line(Span* rest, Span* line)
 {
     if (rest->empty())
         return false;
-    const char* at = rest->begin;
-    while (at != rest->end && !ends_line(*at))
-        at++;
-    *line = {.begin = rest->begin, .end = at};
-    rest->begin = at == rest->end ? at : at + 1;
+    const auto* end = static_cast<const char*>(memchr(rest->begin, '\n', rest->size()));
+    *line = {.begin = rest->begin, .end = end != nullptr ? end : rest->end};
+    rest->begin = end != nullptr ? end + 1 : rest->end;
     return true;
 }
 
@@ -117,6 +146,11 @@ static bool ends_section(Span line)
     return !line.empty() && *line.begin == '[' && find_char(line, ']') != nullptr;
 }
 
+static bool same_bytes(Span a, Span b)
+{
+    return a.size() == b.size() && memcmp(a.begin, b.begin, a.size()) == 0;
+}
+
 static bool same_name(Span a, Span b)
 {
     if (a.size() != b.size())
@@ -133,7 +167,7 @@ static size_t hash_name(Span name)
 {
     uint32_t hash = 2166136261U;
     for (const char* at = name.begin; at != name.end; at++)
-        hash = (hash ^ upper(*at)) * 16777619U;
+        hash = (hash ^ static_cast<unsigned char>(upper(*at))) * 16777619U;
     return hash;
 }
 
@@ -167,6 +201,7 @@ static size_t count_headers(const IniDoc* doc)
 // Fills the table in file order, so that the last header of a name is the one that stays.
 static int index_sections(IniDoc* doc)
 {
+    unify_line_ends(doc);
     const size_t headers = count_headers(doc);
     doc->places = 2;
     while (doc->places < headers * 2)
@@ -287,37 +322,86 @@ static const char* find_section(const IniDoc* doc, const char* section)
     if (section == nullptr || *section == '\0')
         return doc->text;
     const Span name = {.begin = section, .end = section + strlen(section)};
-    return find_place(doc, name)->body;
+    if (doc->recent.place == nullptr || !same_bytes(doc->recent.place->name, name))
+        doc->recent.place = find_place(doc, name);
+    return doc->recent.place->body;
 }
 
-// Compares an entry's key with the one asked for, both without their blanks.
-static bool same_key(Span entry, const char* asked)
+static bool same_letter(char a, char b)
 {
+    return a == b || upper(a) == upper(b);
+}
+
+// Whether the line is an entry of that key, both without their blanks; fills `value` with what
+// stands behind the "=".
+static bool is_entry(Span line, const char* asked, Span* value)
+{
+    const char* at = line.begin;
     for (size_t compared = 0; compared < key_significant; compared++) {
-        entry = skip_blanks(entry);
+        while (at != line.end && is_blank(*at))
+            at++;
         while (is_blank(*asked))
             asked++;
-        if (entry.empty() || *asked == '\0')
-            return entry.empty() && *asked == '\0';
-        if (upper(*entry.begin) != upper(*asked))
+        if (at == line.end)
             return false;
-        entry.begin++;
-        asked++;
+        if (*at == '=' && *asked == '\0') {
+            *value = {.begin = at + 1, .end = line.end};
+            return true;
+        }
+        if (*at == '=' || !same_letter(*at++, *asked++))
+            return false;
     }
-    return true;
+    const char* equals = find_char({.begin = at, .end = line.end}, '=');
+    if (equals != nullptr)
+        *value = {.begin = equals + 1, .end = line.end};
+    return equals != nullptr;
 }
 
-// Finds the wanted entry from `body` on; false when the section does not hold it.
-static bool find_value(Span body, const char* key, int32_t occurrence, Span* value)
+// The letter that tells most keys apart: `text` begins a key.
+static char first_letter(const char* text)
 {
-    int32_t seen = 0;
+    while (is_blank(*text))
+        text++;
+    return *text == '\0' ? '=' : upper(*text);
+}
+
+// Lists the first entries of the section from `body` on, unless they are listed already.
+static const RecentSection* list_entries(const IniDoc* doc, const char* body)
+{
+    RecentSection* recent = &doc->recent;
+    if (recent->body == body)
+        return recent;
+    recent->body = body;
+    recent->count = 0;
+    recent->rest = {.begin = body, .end = doc->text + doc->size};
     Span line;
-    while (next_line(&body, &line) && !ends_section(line)) {
-        const char* equals = find_char(line, '=');
-        if (equals == nullptr || !same_key({.begin = line.begin, .end = equals}, key))
-            continue;
-        *value = {.begin = equals + 1, .end = line.end};
-        if (++seen == occurrence)
+    while (recent->count < listed_max) {
+        if (!next_line(&recent->rest, &line) || ends_section(line)) {
+            recent->rest.begin = recent->rest.end;
+            break;
+        }
+        if (find_char(line, '=') != nullptr)
+            recent->entries[recent->count++] = {.line = line, .letter = first_letter(line.begin)};
+    }
+    return recent;
+}
+
+// Finds the wanted entry of the section from `body` on; false when there is none.
+static bool find_value(const IniDoc* doc, const char* body, const char* key, int32_t occurrence,
+                       Span* value)
+{
+    const RecentSection* section = list_entries(doc, body);
+    const char letter = first_letter(key);
+    int32_t seen = 0;
+    for (size_t at = 0; at < section->count; at++) {
+        const Entry& entry = section->entries[at];
+        if (entry.letter == letter && is_entry(entry.line, key, value) && ++seen == occurrence)
+            return true;
+    }
+    Span rest = section->rest;
+    Span line;
+    while (next_line(&rest, &line) && !ends_section(line)) {
+        if (is_entry(line, key, value) && ++seen == occurrence)
             return true;
     }
     return occurrence == INI_LAST && seen > 0;
@@ -344,7 +428,7 @@ int ini_doc_get_string(const IniDoc* doc, const char* section, const char* key, 
     if (body == nullptr)
         return -1;
     Span found = {};
-    if (!find_value({.begin = body, .end = doc->text + doc->size}, key, occurrence, &found))
+    if (!find_value(doc, body, key, occurrence, &found))
         return -ENOENT;
     char* copy = copy_value(found);
     if (copy == nullptr)

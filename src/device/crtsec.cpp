@@ -10,6 +10,12 @@ static Mutex set_mutex;
 static vylist* queue VY_PT_GUARDED_BY(queue_mutex);
 static vylist* busy VY_PT_GUARDED_BY(set_mutex);
 
+// Where the last search ended: a walk goes on from there instead of counting from the beginning.
+static struct {
+    vylist_node* node; // null for nowhere
+    int32_t position;
+} walk VY_GUARDED_BY(set_mutex);
+
 HotplugCmd* hotplug_cmd_create()
 {
     MemGuard<HotplugCmd> cmd(static_cast<HotplugCmd*>(calloc(1, sizeof(HotplugCmd))));
@@ -57,6 +63,7 @@ void crtsec_term() VY_NO_THREAD_ANALYSIS
         set_mutex.term();
         vylist_dispose(busy);
         busy = nullptr;
+        walk = {};
     }
 }
 
@@ -97,6 +104,7 @@ int crtsec_blk_del(const MountEntry* entry)
         if (node->data != entry)
             continue;
         vylist_erase(busy, node);
+        walk = {};
         return 0;
     }
     return -1;
@@ -107,12 +115,16 @@ int crtsec_blk_search(MountEntry** entry, int32_t position)
     if (entry == nullptr || position < 0)
         return -1;
     const LockGuard lock(set_mutex);
-    int32_t at = 0;
-    for (vylist_node* node = busy->next; node != vylist_end(busy); node = node->next) {
-        if (at++ != position)
-            continue;
-        *entry = static_cast<MountEntry*>(node->data);
-        return 0;
+    const bool onwards = walk.node != nullptr && walk.position <= position;
+    vylist_node* node = onwards ? walk.node : busy->next;
+    int32_t at = onwards ? walk.position : 0;
+    while (node != vylist_end(busy) && at < position) {
+        node = node->next;
+        at++;
     }
-    return -1;
+    if (node == vylist_end(busy))
+        return -1;
+    walk = {.node = node, .position = position};
+    *entry = static_cast<MountEntry*>(node->data);
+    return 0;
 }

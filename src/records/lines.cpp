@@ -9,7 +9,11 @@ int line_write(FILE* stream, const char* line)
 
 int line_write_text(FILE* stream, const char* key, const char* text)
 {
-    return text == nullptr || fprintf(stream, "%s%s\n", key, text) >= 0 ? 0 : -1;
+    if (text == nullptr)
+        return 0;
+    const bool written =
+        fputs(key, stream) != EOF && fputs(text, stream) != EOF && fputc('\n', stream) != EOF;
+    return written ? 0 : -1;
 }
 
 const char* line_of_filesystem(uint8_t filesystem)
