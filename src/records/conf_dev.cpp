@@ -41,17 +41,15 @@ static int format_key(char (&key)[key_size], uint16_t vid, uint16_t pid, const c
         serial = "";
     char digits[12]; // "-2147483648"
     const char* number = decimal(digits, partition);
-    const size_t length = strlen(serial);
     constexpr size_t ids = 10; // "vvvv:pppp:"
-    if (ids + length + 1 + strlen(number) > key_size)
+    if (ids + strlen(serial) + 1 + strlen(number) > key_size)
         return -1;
     char* at = put_id(key, vid);
     *at++ = ':';
     at = put_id(at, pid);
     *at++ = ':';
-    memcpy(at, serial, length);
-    at[length] = ':';
-    at += length + 1;
+    at = str_cpy(at, serial);
+    *at++ = ':';
     str_ncpy(at, number, static_cast<int32_t>(key + key_size - at));
     return 0;
 }
