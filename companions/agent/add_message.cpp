@@ -104,15 +104,13 @@ static void drop_last(char* text)
     text_trim(text);
 }
 
-// Takes a character off what can be spared. Returns whether there was any.
+// Takes a character off the longer name. Returns whether there was any.
 static bool shorten(BlockDevice* device)
 {
     const bool vendor_longer = strlen(device->vname) > strlen(device->pname);
     char* name = vendor_longer ? device->vname : device->pname;
     if (name[0] == '\0')
-        name = device->serial; // cannot happen with a real device, see the header
-    if (name[0] == '\0')
-        return false;
+        return false; // and then it fits, see the header
     drop_last(name);
     return true;
 }

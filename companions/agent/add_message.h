@@ -11,8 +11,9 @@
 // are left out. Texts are trimmed and cleaned: a comma, a bracket (the serial becomes the name of a
 // section), a control character and a byte that is no UTF-8 become "_", and so does a "=" that a
 // text begins with. A message that would be too long has its names shortened, the longer one first;
-// numbers and the serial stay whole. Only a serial of more than about 390 bytes, which no USB
-// device can have, is cut itself. Returns the length.
+// numbers and the serial stay whole, for which there is room: a serial in a BlockDevice has at most
+// 399 bytes (agent_text_size), one of a real USB device 378, and all the rest takes 110. Returns
+// the length.
 size_t add_message_format(const BlockDevice& device, char (&text)[agent_message_size]);
 
 // Writes the remove message. Returns the length.

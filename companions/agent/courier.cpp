@@ -73,8 +73,6 @@ static bool look_for_end(Courier* courier, uint64_t now)
         finish(courier);
         return true;
     }
-    if (errno == EINTR)
-        return false;
     if (errno != EAGAIN) {
         fail(courier, now, errno);
         return true;

@@ -218,6 +218,20 @@ class Again(AgentTest):
         FakeDaemon(self)
         self.wait_for_told("+8:0", "+8:1", "+8:0", "+8:1", "+8:16", "+8:17")
 
+    def test_without_a_pidfd_a_daemon_that_is_started_again_is_noticed_with_the_next_message(self):
+        self.require_strace()
+        daemon = FakeDaemon(self)
+        self.start_agent(strace=["-e", "inject=pidfd_open:error=ENOSYS", "-e", "signal=none"])
+        self.wait_for_told("+8:0", "+8:1")
+        self.assertEqual(len(self.log.matching(
+            r"^monitor\(#\)a restart of the daemon will be noticed with the next event only")), 1)
+        daemon.kill()
+        FakeDaemon(self)
+        self.settle()
+        self.assertEqual(self.told(), ["+8:0", "+8:1"])
+        os.kill(self.agent_pid(), signal.SIGHUP)
+        self.wait_for_told("+8:0", "+8:1", "+8:0", "+8:1")
+
     def test_a_daemon_that_stands_still_is_told_when_it_goes_on(self):
         daemon = FakeDaemon(self)
         agent = self.start_agent()

@@ -277,18 +277,20 @@ TEST(AddMessage, KeepsTheLongestSerialWhole)
     EXPECT_EQ(item(device, "SPEED"), "1000000");
 }
 
-TEST(AddMessage, CutsASerialThatNoDeviceCanHave)
+TEST(AddMessage, HasRoomForTheLongestSerialThatItCanBeGiven)
 {
     BlockDevice device = stick();
     device.minor = 1048575;
     device.major = 4095;
-    PUT(device.serial, std::string(399, 's'));
-    PUT(device.speed, "1000000");
     device.range = 255;
-    PUT(device.vname, "v");
-    EXPECT_LE(message(device).size(), most);
-    EXPECT_GT(item(device, "SID").size(), 380U);
+    PUT(device.speed, "1000000");
+    PUT(device.serial, std::string(5000, 's'));
+    PUT(device.vname, std::string(378, 'v'));
+    PUT(device.pname, std::string(378, 'p'));
+    EXPECT_EQ(item(device, "SID"), std::string(agent_text_size - 1, 's'));
     EXPECT_EQ(item(device, "SPEED"), "1000000");
+    EXPECT_EQ(item(device, "VNAME"), "(none)");
+    EXPECT_EQ(item(device, "PNAME"), "(none)");
 }
 
 TEST(RemoveMessage, HasTheNumbers)

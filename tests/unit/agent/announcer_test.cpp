@@ -482,6 +482,74 @@ TEST_F(AnnouncerTest, LooksAgainWhereverMemoryRunsOut)
     }
 }
 
+// What a daemon has that was told all of this. No device may be told of that it has.
+static Told carry_out(const Told& told)
+{
+    Told has;
+    for (const std::string& text : told) {
+        const std::string numbers = text.substr(1);
+        const auto at = std::find(has.begin(), has.end(), numbers);
+        EXPECT_TRUE(text[0] == '-' || at == has.end()) << text;
+        if (at != has.end())
+            has.erase(at);
+        if (text[0] == '+')
+            has.push_back(numbers);
+    }
+    std::sort(has.begin(), has.end());
+    return has;
+}
+
+// Makes a change, memory running out once in it, and a walk. Whatever was lost, the daemon has in
+// the end what is plugged.
+TEST_F(AnnouncerTest, TellsEverythingInTheEndWhereverMemoryRanOut)
+{
+    const std::function<void()> changes[] = {
+        [this] { event(UEVENT_CHANGE, "sda", 8, 0); },
+        [this] {
+            sysfs_.remove_partition("sda", "sda1");
+            sysfs_.add_partition("sda", "sda1", "8:1");
+            event(UEVENT_ADD, "sda1", 8, 1); // the remove event was lost
+        },
+        [this] {
+            sysfs_.remove_disk("sda");
+            event(UEVENT_REMOVE, "sda1", 8, 1);
+            event(UEVENT_REMOVE, "sda", 8, 0);
+            sysfs_.add_stick("sda", "8:0", {{"serial", "OTHER"}});
+            sysfs_.add_partition("sda", "sda1", "8:1");
+            event(UEVENT_ADD, "sda", 8, 0);
+            event(UEVENT_ADD, "sda1", 8, 1);
+        },
+        [this] {
+            sysfs_.remove_disk("sda");
+            sysfs_.add_stick("sda", "8:0", {{"serial", "OTHER"}});
+            sysfs_.add_partition("sda", "sda1", "8:1");
+            walk();
+        },
+    };
+    plug();
+    for (const auto& change : changes) {
+        for (int nth = 1;; nth++) {
+            announcer_forget(&announcer_);
+            walk();
+            Told all = told();
+            memory_fail(nth);
+            change();
+            const bool failed = memory_failed();
+            for (int i = 0; i < 2; i++) {
+                for (const std::string& text : told())
+                    all.push_back(text);
+                walk();
+            }
+            EXPECT_EQ(carry_out(all), (Told{"8:0", "8:1"})) << nth;
+            EXPECT_GE(all.size(), 4U) << nth; // it was told of the change
+            EXPECT_FALSE(announcer_.walk_due) << nth;
+            if (!failed)
+                break;
+            ASSERT_LT(nth, 200);
+        }
+    }
+}
+
 TEST_F(AnnouncerTest, LosesNoRemoveWhenMemoryRunsOut)
 {
     for (int nth = 1;; nth++) {

@@ -215,6 +215,22 @@ TEST_F(Survey, AnnouncesNothingWhenItsPartitionsCannotBeRead)
     EXPECT_LT(result_, 0);
 }
 
+TEST_F(Survey, AnnouncesNothingThatCannotBeReadWhole)
+{
+    sysfs_.drop("sda/removable");
+    symlink("removable", "/tmp/fake-sysfs/block/sda/removable");
+    EXPECT_EQ(verdict("sda1"), std::string("/tmp/fake-sysfs: ") + strerror(ELOOP));
+    EXPECT_EQ(result_, -ELOOP);
+}
+
+TEST_F(Survey, AnnouncesNothingOfADiskWithMorePartitionsThanCanBeListed)
+{
+    for (unsigned i = 3; i <= agent_walk_limit; i++)
+        sysfs_.add_partition("sda", "sda" + std::to_string(i), "8:1");
+    EXPECT_EQ(verdict("sda1"), std::string("its partitions: ") + strerror(E2BIG));
+    EXPECT_LT(result_, 0);
+}
+
 TEST(SwapPath, IsTheLinesFirstField)
 {
     const struct {

@@ -5,8 +5,10 @@
 #include "support/files.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -220,14 +222,30 @@ TEST_F(StateFile, ReplacesWhatAKilledAgentLeft)
     EXPECT_EQ(state_load(path, &read_, &table_), 0);
 }
 
-TEST_F(StateFile, KeepsTheOldFileWhenTheDiskIsFull)
+TEST_F(StateFile, KeepsTheOldFileWhenItsNameIsTaken)
 {
     ASSERT_EQ(state_save(path, daemon_, &table_), 0);
     const std::string before = read_file(path);
     mkdir("/tmp/state.tmp", 0755);
-    EXPECT_NE(state_save(path, daemon_, &table_), 0);
+    EXPECT_EQ(state_save(path, daemon_, &table_), -EEXIST);
     EXPECT_EQ(read_file(path), before);
     rmdir("/tmp/state.tmp");
+}
+
+TEST_F(StateFile, KeepsTheOldFileWhenTheDiskIsFull)
+{
+    mkdir("/tmp/small", 0755);
+    ASSERT_EQ(mount("small", "/tmp/small", "tmpfs", 0, "size=64k"), 0);
+    ASSERT_EQ(state_save("/tmp/small/state", daemon_, &table_), 0);
+    const std::string before = read_file("/tmp/small/state");
+    const int rest = open("/tmp/small/rest", O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    while (write(rest, before.data(), before.size()) > 0) {
+    } // until nothing more goes in
+    close(rest);
+    EXPECT_EQ(state_save("/tmp/small/state", daemon_, &table_), -ENOSPC);
+    EXPECT_EQ(read_file("/tmp/small/state"), before);
+    EXPECT_FALSE(exists("/tmp/small/state.tmp"));
+    EXPECT_EQ(umount("/tmp/small"), 0);
 }
 
 TEST_F(StateFile, IsRefusedWhenItIsNotInItsForm)
