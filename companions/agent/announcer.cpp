@@ -145,6 +145,10 @@ static void consider(Announcer* announcer, const BlockName& name)
         return announce(announcer, device, seen);
     if (result > 0 && is_announced(announcer, device))
         return;
+    // The kernel tells of a new medium only once until somebody has opened the disk, and of an
+    // empty drive it may have told before anybody listened.
+    if (result > 0 && device.empty)
+        announcer_touch(name);
     block_name_format(name, text);
     VY_LOG(result > 0 || announcer->in_trouble ? LOG_INFO : LOG_ERR, "%s not announced: %s", text,
            reason);

@@ -1,0 +1,343 @@
+"""What a virtual machine needs: kernel, first filesystem, and in it the service as it is installed.
+
+Foreign packages are downloaded once into build/cache/vm, by an apt with a configuration of its own, and
+only unpacked, never installed: the machine's own list of packages stays as it is.
+"""
+
+import dataclasses
+import functools
+import glob
+import lzma
+import os
+import re
+import shutil
+import stat
+import struct
+import subprocess
+import sys
+
+FOLDER = os.path.dirname(os.path.abspath(__file__))
+PROJECT = os.path.dirname(os.path.dirname(FOLDER))
+CACHE = os.path.join(PROJECT, "build", "cache", "vm")
+
+MODULES = ("usb-storage uas xhci-pci ehci-pci ohci-pci uhci-hcd sd_mod sdhci-pci mmc_block vfat nls_cp437 nls_ascii"
+           " nls_iso8859-1 nls_utf8 ext4 crc32c_generic fuse").split()
+
+GUEST_FILES = {"init": "init", "vm/load": "load", "etc/vyhotplugd/evhook": "hook",
+               "etc/vyhotplugd/vyhotplugd.conf": "vyhotplugd.conf"}
+
+# Where the service and its companions are installed, where their build puts them, and other names of theirs.
+PROGRAMS = {"usr/sbin/vyhotplugd": "vyhotplugd", "usr/sbin/vyhotplug-agent": "vyhotplug-agent",
+            "usr/libexec/vyhotplugd/mlabel": "libexec/mlabel",
+            "usr/libexec/vyhotplugd/vyhotplug-prepare": "vyhotplug-prepare"}
+LINKS = {"usr/sbin/vymount": "vyhotplugd", "usr/sbin/vyunmount": "vyhotplugd", "usr/sbin/vyhotpluginfo": "vyhotplugd",
+         "usr/libexec/vyhotplugd/ntfsvlabel": "mlabel", "var/run": "../run"}
+
+
+@dataclasses.dataclass
+class Kind:
+    """One of the two machines."""
+
+    name: str
+    architecture: str  # Debian's name of it
+    kernel: str  # the package that names the newest kernel
+    packages: tuple  # to be unpacked
+    qemu: tuple
+    modules: tuple = ()  # besides MODULES, loaded by the tests that need them
+    libraries: tuple = ()  # folders, below root
+    preset: str = "release"
+    sysroot: str = ""  # the script of cmake/ that makes the service's C library, where it is not Debian's
+
+    @property
+    def folder(self):
+        return os.path.join(CACHE, self.name)
+
+    @property
+    def root(self):
+        """Where programs for the guest are taken from."""
+        return os.path.join(self.folder, "root")
+
+    @property
+    def kernel_image(self):
+        return os.path.join(self.folder, "kernel")
+
+    @property
+    def build(self):
+        return os.path.join(PROJECT, "build", f"vm-{self.name}")
+
+    @property
+    def initramfs(self):
+        return os.path.join(self.build, "initramfs")
+
+
+PACKAGES = ("busybox-static", "ntfs-3g", "libntfs-3g89", "libc6", "libblkid1", "util-linux")
+KINDS = {
+    "x86": Kind("x86", "amd64", "linux-image-amd64", PACKAGES, ("qemu-system-x86_64", "-M", "pc"),
+                ("dummy_hcd", "usb_f_mass_storage"), ("lib/x86_64-linux-gnu", "usr/lib/x86_64-linux-gnu")),
+    "mips": Kind("mips", "mipsel", "linux-image-4kc-malta", PACKAGES, ("qemu-system-mipsel", "-M", "malta"),
+                 (), ("lib/mipsel-linux-gnu", "usr/lib/mipsel-linux-gnu"),
+                 "mips-uclibc", "build-uclibc-sysroot"),
+}
+
+
+def say(text):
+    print(text, flush=True)
+
+
+def run(*command, quiet=True, **options):
+    """Runs a program that must succeed."""
+    done = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE if quiet else None,
+                          stderr=subprocess.STDOUT if quiet else None, check=False, **options)
+    if done.returncode != 0:
+        tail = (done.stdout or b"").decode(errors="replace")[-4000:]
+        sys.exit(f"{' '.join(command)}: status {done.returncode}\n{tail}")
+    return (done.stdout or b"").decode(errors="replace")
+
+
+# ---- foreign packages ----
+
+
+def apt(*arguments, **options):
+    """apt with its state and its downloads in the cache, and both architectures."""
+    folder = os.path.join(CACHE, "apt")
+    for name in ("state/lists/partial", "cache/archives/partial"):
+        os.makedirs(os.path.join(folder, name), exist_ok=True)
+    with open(os.path.join(folder, "status"), "a", encoding="ascii"):
+        pass
+    config = os.path.join(folder, "apt.conf")
+    names = "".join(f' "{kind.architecture}";' for kind in KINDS.values())
+    with open(config, "w", encoding="ascii") as file:
+        file.write(f'APT::Architectures {{{names} }};\nAPT::Sandbox::User "root";\n'
+                   f'Dir::State "{folder}/state";\nDir::State::status "{folder}/status";\n'
+                   f'Dir::Cache "{folder}/cache";\n')
+    return run(*arguments, env={**os.environ, "APT_CONFIG": config, "LC_ALL": "C"}, **options)
+
+
+def fetch(kind):
+    """Kernel and programs of a machine, once."""
+    if os.path.exists(os.path.join(kind.folder, "fetched")):
+        return
+    say(f"{kind.name}: downloading kernel and programs")
+    shutil.rmtree(kind.folder, ignore_errors=True)
+    packages = os.path.join(kind.folder, "packages")
+    os.makedirs(packages)
+    apt("apt-get", "update", "-q")
+    depends = apt("apt-cache", "depends", f"{kind.kernel}:{kind.architecture}")
+    kernel = re.search(r"Depends: (linux-image-\d[^\s:]*)", depends)[1]
+    names = [f"{name}:{kind.architecture}" for name in (kernel, *kind.packages)]
+    apt("apt-get", "download", "-qq", *names, cwd=packages)
+    for package in glob.glob(packages + "/*.deb"):
+        run("dpkg-deb", "-x", package, kind.root)
+    shutil.rmtree(packages)
+    image, = glob.glob(kind.root + "/boot/vmlinu*")
+    unpack_kernel(image, kind.kernel_image)
+    with open(os.path.join(kind.folder, "fetched"), "w", encoding="ascii") as file:
+        file.write("\n".join(names) + "\n")
+
+
+def unpack_kernel(image, out):
+    """Takes the kernel out of its self-extracting wrapper, so that the emulation need not unpack it."""
+    with open(image, "rb") as file:
+        wrapped = file.read()
+    magic = b"\xfd7zXZ\0"
+    at = wrapped.find(magic)
+    while at >= 0:
+        try:
+            kernel = lzma.LZMADecompressor().decompress(wrapped[at:])
+            break
+        except lzma.LZMAError:
+            at = wrapped.find(magic, at + 1)
+    else:
+        sys.exit(f"{image}: no kernel in it")
+    with open(out, "wb") as file:
+        file.write(kernel if kernel.startswith(b"\x7fELF") else malta_elf(wrapped, kernel))
+
+
+def malta_elf(wrapper, kernel):
+    """An ELF file around the bare kernel, which runs where the wrapper would have put it.
+
+    The wrapper's last act is a jump through t9: lui t9, HIGH; ori t9, t9, LOW; jalr t9.
+    """
+    load = 0x80100000
+    start = re.search(rb"(..)\x19\x3c(..)\x39\x37\x09\xf8\x20\x03", wrapper, re.DOTALL)
+    entry, = struct.unpack("<I", start[2] + start[1])
+    page = 0x1000
+    room = len(kernel) + (8 << 20)  # for what the kernel clears behind itself
+    header = struct.pack("<16sHHIIIIIHHHHHH", b"\x7fELF\1\1\1", 2, 8, 1, entry, 52, 0, 0x70001001, 52, 32, 1, 40, 0, 0)
+    segment = struct.pack("<IIIIIIII", 1, page, load, load, len(kernel), room, 7, page)
+    return (header + segment).ljust(page, b"\0") + kernel
+
+
+# ---- the first filesystem ----
+
+
+class Archive:
+    """A cpio archive of the form that the kernel unpacks ("newc")."""
+
+    def __init__(self, path):
+        self.file = open(path, "wb")
+        self.count = 0
+        self.folders = set()
+
+    def _entry(self, name, mode, content=b""):
+        self.count += 1
+        raw = name.encode() + b"\0"
+        fields = (self.count, mode, 0, 0, 1, 0, len(content), 0, 0, 0, 0, len(raw), 0)
+        self.file.write(b"070701" + b"".join(b"%08X" % field for field in fields) + raw)
+        self._pad()
+        self.file.write(content)
+        self._pad()
+
+    def _pad(self):
+        self.file.write(bytes(-self.file.tell() % 4))
+
+    def folder(self, name):
+        if name and name not in self.folders:
+            self.folder(os.path.dirname(name))
+            self.folders.add(name)
+            self._entry(name, stat.S_IFDIR | 0o755)
+
+    def content(self, name, content, mode=0o755):
+        self.folder(os.path.dirname(name))
+        self._entry(name, stat.S_IFREG | mode, content)
+
+    def copy(self, name, source):
+        with open(source, "rb") as file:
+            self.content(name, file.read())
+
+    def link(self, name, target):
+        self.folder(os.path.dirname(name))
+        self._entry(name, stat.S_IFLNK | 0o777, target.encode())
+
+    def close(self):
+        self._entry("TRAILER!!!", 0)
+        self.file.close()
+
+
+def needed_by(program):
+    """The libraries and the loader that an executable names."""
+    text = run("readelf", "-ld", program, env={**os.environ, "LC_ALL": "C"})
+    names = re.findall(r"\(NEEDED\).*\[(.*)\]", text)
+    loader = re.search(r"interpreter: (.*)\]", text)
+    return names, loader and loader[1]
+
+
+def add_program(archive, name, source, known, folders):
+    """An executable with everything it is linked to; `known` is what the archive has already."""
+    archive.copy(name, source)
+    add_needed(archive, source, known, folders)
+
+
+def add_needed(archive, program, known, folders):
+    libraries, loader = needed_by(program)
+    for library in libraries + ([loader] if loader else []):
+        place = library.lstrip("/") if library.startswith("/") else "lib/" + library
+        if place in known:
+            continue
+        known.add(place)
+        paths = [os.path.join(folder, os.path.basename(library)) for folder in folders]
+        found = [path for path in paths if os.path.exists(path)]
+        if not found:
+            sys.exit(f"{program} needs {library}, which is nowhere in {folders}")
+        archive.copy(place, found[0])
+        add_needed(archive, found[0], known, folders)
+
+
+def module_files(kind):
+    """The kernel's modules: name to path, and the names of those that are built in."""
+    folder, = glob.glob(kind.root + "/lib/modules/*")
+    files = {}
+    for place, _, names in os.walk(folder):
+        for name in names:
+            if name.endswith(".ko"):
+                files[name[:-3].replace("-", "_")] = os.path.join(place, name)
+    with open(folder + "/modules.builtin", encoding="ascii") as file:
+        builtin = {os.path.basename(line.strip())[:-3].replace("-", "_") for line in file}
+    return files, builtin
+
+
+def modules_in_order(kind, names):
+    """These modules and what they depend on: name to path, each behind those it needs."""
+    files, builtin = module_files(kind)
+    order = {}
+
+    def visit(name):
+        name = name.strip().replace("-", "_")
+        if not name or name in order or name in builtin:
+            return
+        with open(files[name], "rb") as file:
+            info = re.search(rb"\0depends=([^\0]*)\0", file.read())
+        for other in (info[1].decode() if info else "").split(","):
+            visit(other)
+        order[name] = files[name]
+
+    for name in names:
+        visit(name)
+    return order
+
+
+# ---- the service ----
+
+
+def build_service(kind):
+    """Builds the service and its companions as for an appliance; returns the folder they are in."""
+    tree = os.path.join(kind.build, "cmake")
+    run("cmake", "--preset", kind.preset, "-DVY_TESTS=OFF", "-B", tree, cwd=PROJECT)
+    targets = sorted({os.path.basename(path) for path in PROGRAMS.values()})
+    run("cmake", "--build", tree, "-j", str(os.cpu_count()), "--target", *targets)
+    return os.path.join(tree, "bin")
+
+
+def build_sysroot(kind):
+    """The C library for the service, below which its loader and libraries lie; none where it is Debian's."""
+    return run(os.path.join(PROJECT, "cmake", kind.sysroot)).splitlines()[-1] if kind.sysroot else None
+
+
+def build_guest_program(kind):
+    compiler = {"x86": "g++", "mips": "mipsel-linux-gnu-g++"}[kind.name]
+    source = os.path.join(FOLDER, "guest", "guest.cpp")
+    program = os.path.join(kind.build, "guest")
+    if not os.path.exists(program) or os.path.getmtime(program) < os.path.getmtime(source):
+        run(compiler, "-std=c++20", "-D_GNU_SOURCE", "-Wall", "-Wextra", "-Werror", "-O1", "-static", "-s",
+            "-o", program, source)
+    return program
+
+
+def make_initramfs(kind, programs, sysroot):
+    archive = Archive(kind.initramfs)
+    known = set()
+    for name in ("dev", "proc", "sys", "tmp", "run", "var", "mnt", "vm", "usr/sbin"):
+        archive.folder(name)
+    for name, target in LINKS.items():
+        archive.link(name, target)
+    archive.content("etc/mtab", b"", 0o644)
+    for name, source in GUEST_FILES.items():
+        archive.copy(name, os.path.join(FOLDER, "guest", source))
+    archive.copy("bin/busybox", os.path.join(kind.root, "bin", "busybox"))
+    archive.copy("vm/guest", build_guest_program(kind))
+    folders = [os.path.join(kind.root, path) for path in kind.libraries]
+    for name in ("bin/ntfs-3g", "sbin/blkid"):
+        add_program(archive, name, os.path.join(kind.root, name), known, folders)
+    if sysroot:
+        folders = [os.path.join(sysroot, "lib")]
+    for name, program in PROGRAMS.items():
+        add_program(archive, name, os.path.join(programs, program), known, folders)
+    for list_name, names in (("order", MODULES), ("more", kind.modules)):
+        order = modules_in_order(kind, names)
+        for name, path in order.items():
+            archive.copy(f"modules/{name}.ko", path)
+        archive.content(f"modules/{list_name}", "".join(name + "\n" for name in order).encode(), 0o644)
+    archive.close()
+
+
+@functools.cache
+def prepare(name, build=True):
+    """Makes everything that a machine of that kind starts from."""
+    kind = KINDS[name]
+    fetch(kind)
+    if build or not os.path.exists(kind.initramfs):
+        say(f"{name}: building the service")
+        os.makedirs(kind.build, exist_ok=True)
+        sysroot = build_sysroot(kind)
+        make_initramfs(kind, build_service(kind), sysroot)
+    return kind

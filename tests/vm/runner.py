@@ -1,0 +1,118 @@
+"""Runs the tests in virtual machines: each in a process and a machine of its own, several at once."""
+
+import argparse
+import concurrent.futures
+import os
+import shutil
+import subprocess
+import sys
+import time
+import unittest
+import xml.etree.ElementTree as ElementTree
+
+import kit
+
+LIMIT = 600  # seconds for one test; a long one has ten times as much
+LOGS = os.path.join(kit.PROJECT, "build", "vm-logs")
+
+
+class Test:
+    """A test method on a machine."""
+
+    def __init__(self, machine, case):
+        self.machine = machine
+        self.id = case.id()
+        method = getattr(case, case.id().rsplit(".", 1)[1])
+        self.long = machine in getattr(method, "long", case.long)
+        self.name = f"{machine}.{self.id.removeprefix('test_').replace('.test_', '.')}"
+        self.folder = os.path.join(LOGS, self.name)
+
+    def run(self):
+        shutil.rmtree(self.folder, ignore_errors=True)
+        os.makedirs(self.folder)
+        start = time.monotonic()
+        environment = {**os.environ, "VY_VM_MACHINE": self.machine, "VY_VM_FOLDER": self.folder}
+        with open(os.path.join(self.folder, "test.log"), "wb") as out:
+            try:
+                status = subprocess.call([sys.executable, "-B", "-m", "unittest", "-v", self.id], cwd=kit.FOLDER,
+                                         env=environment, stdin=subprocess.DEVNULL, stdout=out, stderr=out,
+                                         timeout=LIMIT * 10 if self.long else LIMIT)
+            except subprocess.TimeoutExpired:
+                status = -1
+                out.write(b"\nran too long\n")
+        self.seconds = time.monotonic() - start
+        self.passed = status == 0
+        with open(os.path.join(self.folder, "test.log"), encoding="utf-8", errors="replace") as file:
+            self.output = file.read()
+        if self.passed:
+            shutil.rmtree(self.folder)
+        return self
+
+
+def cases(suite):
+    for part in suite:
+        if isinstance(part, unittest.TestSuite):
+            yield from cases(part)
+        else:
+            yield part
+
+
+def find_tests(options):
+    loader = unittest.TestLoader()
+    found = list(cases(loader.discover(kit.FOLDER)))
+    if loader.errors:
+        sys.exit("\n".join(loader.errors))
+    tests = [Test(machine, case) for machine in options.machines for case in found if machine in case.machines]
+    tests = [test for test in tests if (any(part in test.id for part in options.tests) if options.tests
+                                        else options.long or not test.long)]
+    return sorted(tests, key=lambda test: not test.long)  # the longest first, so that they do not run alone
+
+
+def write_results(folder, machine, tests):
+    """As ctest writes them: count.py reads both."""
+    suite = ElementTree.Element("testsuite", name=f"vm-{machine}", tests=str(len(tests)))
+    for test in tests:
+        case = ElementTree.SubElement(suite, "testcase", name=test.name, classname=test.name,
+                                      time=f"{test.seconds:.2f}", status="run" if test.passed else "fail")
+        if not test.passed:
+            ElementTree.SubElement(case, "failure", message="failed")
+            ElementTree.SubElement(case, "system-out").text = printable(test.output)
+    ElementTree.ElementTree(suite).write(os.path.join(folder, f"vm-{machine}.xml"), encoding="utf-8")
+
+
+def printable(text):
+    return "".join(c if c in "\n\t" or c.isprintable() else "?" for c in text)
+
+
+def main():
+    parser = argparse.ArgumentParser(prog="tests/vm/run")
+    parser.add_argument("--long", action="store_true")
+    parser.add_argument("--machine", dest="machines", action="append", choices=list(kit.KINDS))
+    parser.add_argument("--no-build", dest="build", action="store_false")
+    parser.add_argument("--jobs", type=int, default=2 * os.cpu_count())
+    parser.add_argument("--results", default=os.path.join(kit.PROJECT, "build", "vm-results"))
+    parser.add_argument("tests", nargs="*", metavar="TEST")
+    options = parser.parse_args()
+    options.machines = options.machines or list(kit.KINDS)
+    tests = find_tests(options)
+    if not tests:
+        sys.exit("no such test")
+    os.makedirs(options.results, exist_ok=True)
+    for machine in options.machines:
+        kit.prepare(machine, options.build)
+    with concurrent.futures.ThreadPoolExecutor(options.jobs) as pool:
+        for done in concurrent.futures.as_completed([pool.submit(test.run) for test in tests]):
+            test = done.result()
+            kit.say(f"{'passed' if test.passed else 'FAILED'} {test.seconds:6.1f} s  {test.name}")
+            if not test.passed:
+                kit.say(printable("\n".join(test.output.splitlines()[-25:])))
+                kit.say(f"its traces are in {os.path.relpath(test.folder, kit.PROJECT)}")
+    for machine in options.machines:
+        write_results(options.results, machine, [test for test in tests if test.machine == machine])
+    failed = sum(not test.passed for test in tests)
+    kit.say(f"{len(tests) - failed} passed, {failed} failed, 0 skipped")
+    return 1 if failed else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

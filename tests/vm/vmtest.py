@@ -1,0 +1,181 @@
+"""What the tests in virtual machines share: a machine for each test, the service in it, waiting, images.
+
+No test waits for a fixed time to pass except where nothing is to happen: wait_until() looks again and
+again, with a limit that only a hanging machine reaches.
+"""
+
+import json
+import os
+import time
+import unittest
+
+import machine
+import media
+from machine import CONFIG, LIMIT
+from state import place_of
+
+QUIET = 2.5  # seconds in which the service would go on if it had anything left to do
+SETTINGS = ("Comment=\nRead Only=Disable\nGuest Access=Disable\nGuest Hide=Disable\nFull Access Users=\n"
+            "Read Only Users=\nBlock Users=\nHide Users=\n")
+
+
+BOTH = ("x86", "mips")
+
+
+def long_on(*machines):
+    """Marks a test, or a class of them, as one of the long tests of these machines; without names, of both."""
+    def mark(test):
+        test.long = machines or BOTH
+        return test
+    return mark
+
+
+class VmTest(unittest.TestCase):
+    machines = BOTH
+    long = ()
+    devices = machine.USB
+    append = ""
+
+    def setUp(self):
+        self.folder = os.environ["VY_VM_FOLDER"]
+        self.images = 0
+        self.vm = machine.Machine(os.environ["VY_VM_MACHINE"], self.folder, self.devices, self.append)
+        self.addCleanup(self.vm.close)
+        self.addCleanup(self._keep_traces)
+        self.before_boot()
+        self.vm.boot()
+        self.start_neighbours()
+        self.start_service()
+
+    def before_boot(self):
+        """What is plugged when the machine starts."""
+
+    def start_service(self):
+        self.start_daemon()
+        self.start_agent()
+
+    def _keep_traces(self):
+        """For the reader of a failure; whoever runs the tests throws them away after a success."""
+        if self.vm.process.poll() is not None:
+            return
+        try:
+            state = self.vm.state()
+            with open(os.path.join(self.folder, "state.json"), "w", encoding="ascii") as file:
+                json.dump(state.raw, file, indent=1)
+            with open(os.path.join(self.folder, "service.log"), "w", encoding="latin-1") as file:
+                file.write("".join(line.raw + "\n" for line in self.vm.log))
+            self.vm.attempt("ps; dmesg | tail -n 100; cat /vm/*.out", 20)
+        except machine.GuestError as error:
+            with open(os.path.join(self.folder, "state.json"), "w", encoding="utf-8") as file:
+                file.write(f"no state: {error}\n")
+
+    # ---- the service and its neighbours ----
+
+    def start(self, name, command):
+        """Starts what is to run on, apart from the shell."""
+        self.vm.run(f"setsid {command} >>/vm/{name}.out 2>&1 &")
+
+    def start_neighbours(self):
+        self.start("log", "/vm/guest log")
+        self.start("service", "/vm/guest share-service")
+        self.vm.run("until [ -S /dev/log ] && [ -e /var/run/vynas-fssd.pid ]; do sleep 0.05; done")
+
+    def start_daemon(self, environment=""):
+        """Starts it as the appliance does; returns when its first refresh is over."""
+        state = self.vm.state()
+        begun = len(state.said("recieve(#)start recieve loop"))
+        self.vm.run(f"vyhotplug-prepare -f {CONFIG}")
+        self.vm.run(f"{environment} vyhotplugd -f {CONFIG} -l 7")
+        return self.wait_until("the daemon's first refresh", lambda now:
+                               len(now.said("recieve(#)start recieve loop")) > begun
+                               and now.signals > state.signals)
+
+    def start_agent(self):
+        self.start("agent", "vyhotplug-agent --monitor")
+
+    def stop(self, program):
+        """Ends a program in order and waits for its end."""
+        process, = self.vm.state().of(program)
+        self.vm.run(f"kill {process['pid']}")
+        return self.wait_until(f"{program} has ended", lambda state: not state.of(program))
+
+    # ---- waiting ----
+
+    def wait_until(self, what, condition, limit=LIMIT):
+        """Returns the first state that fulfils the condition."""
+        end = time.monotonic() + limit
+        while True:
+            state = self.vm.state()
+            if condition(state):
+                return state
+            if time.monotonic() > end:
+                self.fail(f"still not true after {limit} s: {what}; mounted: {state.mounts}, shares: {state.shares!r}")
+            time.sleep(machine.STEP)
+
+    def wait_for_idle(self, quiet=QUIET):
+        """Returns a state in which the service has done nothing for a while, and runs nothing."""
+        def is_idle(state):
+            last = max([line.time for line in state.log] + [signal["time"] for signal in state.service] + [0])
+            daemons = {process["pid"] for process in state.of("vyhotplugd")}
+            children = [process for process in state.processes if process["parent"] in daemons]
+            return state.time - last > quiet and not children
+        return self.wait_until("the service is idle", is_idle)
+
+    def wait_for_mounts(self, *names):
+        """Mounted are these and no others, and all of them are shared."""
+        return self.wait_until(
+            f"mounted and shared: {', '.join(names) or 'nothing'}", lambda state:
+            sorted(state.names) == sorted(names) == sorted(state.places) == sorted(state.nodes)
+            and sorted(lines.get("Path", "") for lines in state.sections().values())
+            == sorted(place_of(name) for name in names))
+
+    def assert_same(self, before, after, without=()):
+        """Two states' footprints, without these parts."""
+        self.maxDiff = None
+        self.assertEqual(before.footprint(without), after.footprint(without))
+
+    # ---- media ----
+
+    def image(self, *filesystems, **options):
+        self.images += 1
+        path = os.path.join(self.folder, f"medium-{self.images}.img")
+        return media.make_disk(path, *filesystems, **options)
+
+    def plug(self, name, *filesystems, table="dos", size=None, **options):
+        """Makes a disk with these filesystems and plugs it in; returns its image."""
+        image = self.image(*filesystems, table=table, size=size)
+        self.vm.plug(name, image, **options)
+        return image
+
+    def card(self, slot, *filesystems, table="dos", size=64):
+        """Makes a card and puts it into a slot; returns its image."""
+        image = self.image(*filesystems, table=table, size=size)
+        self.vm.insert(slot, image)
+        return image
+
+    def wait_for_kernel(self, *names):
+        """Until the kernel has these."""
+        return self.wait_until(f"the kernel has {names}", lambda state: set(names) <= set(state.kernel))
+
+    # ---- looks ----
+
+    def assert_file(self, name, text, file="readme.txt"):
+        self.assertEqual(self.vm.run(f"timeout 20 cat {place_of(name)}/{file}"), text)
+
+    def tool(self, command):
+        """What a client prints."""
+        return self.vm.attempt(command)[1]
+
+
+class WaitingTools(VmTest):
+    """With label tool and NTFS driver that wait as long as /vm/mlabel.hold and /vm/ntfs-3g.hold exist."""
+
+    SCRIPT = '#!/bin/sh\nwhile [ -e /vm/{name}.hold ]; do sleep 0.1; done\nexec {program} "$@"\n'
+
+    def start_service(self):
+        self.vm.run("mkdir /vm/bin")
+        for name in ("mlabel", "ntfs-3g"):
+            program = self.vm.run(f"which {name}").strip()
+            self.vm.write(f"/vm/bin/{name}", self.SCRIPT.format(name=name, program=program), 0o755)
+        self.start_daemon("PATH=/vm/bin:$PATH")
+        self.start_agent()
