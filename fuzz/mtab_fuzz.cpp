@@ -12,13 +12,15 @@
 #include <stdio.h>
 
 static constexpr char table_file[] = "/etc/mtab";
-static char texts[64 * 1024];
+static constexpr size_t kept_bytes = 512; // of a line, when the table is rewritten
+static constexpr size_t room = 64 * 1024; // for lines that a rewrite has made longer
+static char texts[room];
 
 namespace {
 
 struct Line {
     std::string text; // its fields, one behind the other
-    bool whole;       // has a field for everything
+    bool whole;       // has a field for everything; others come out of a rewrite as something else
     bool ours;
 };
 
@@ -35,14 +37,15 @@ static Line make_line(const mntent& entry, const std::string& node, const std::s
     return line;
 }
 
-// The table as the C library reads it.
-static std::vector<Line> read_table(const std::string& node, const std::string& directory)
+// The table as a reader with that much room for a line sees it.
+static std::vector<Line> read_table(size_t line_bytes, const std::string& node,
+                                    const std::string& directory)
 {
     std::vector<Line> lines;
     FILE* table = setmntent(table_file, "r");
     check(table != nullptr, "there is a table");
     mntent entry = {};
-    while (getmntent_r(table, &entry, texts, sizeof texts) != nullptr)
+    while (getmntent_r(table, &entry, texts, static_cast<int>(line_bytes)) != nullptr)
         lines.push_back(make_line(entry, node, directory));
     endmntent(table);
     return lines;
@@ -58,18 +61,18 @@ static std::vector<std::string> whole_lines(const std::vector<Line>& lines)
 
 static void check_append(const std::string& node, const std::string& directory)
 {
-    std::vector<std::string> wanted = whole_lines(read_table(node, directory));
+    std::vector<std::string> wanted = whole_lines(read_table(room, node, directory));
     mtab_append(node.c_str(), directory.c_str(), "vfat", "rw");
     wanted.push_back(node + "|" + directory + "|vfat|rw|0|0");
-    check_list(whole_lines(read_table(node, directory)), wanted, "the table with the line");
+    check_list(whole_lines(read_table(room, node, directory)), wanted, "the table with the line");
 }
 
 static void check_remove(const std::string& node, const std::string& directory)
 {
-    const std::vector<Line> before = read_table(node, directory);
+    const std::vector<Line> before = read_table(kept_bytes, node, directory);
     mtab_remove(node.c_str(), directory.c_str());
     check(!is_there("/tmp/mntent.tmp"), "the temporary file has become the table");
-    const std::vector<Line> after = read_table(node, directory);
+    const std::vector<Line> after = read_table(room, node, directory);
     size_t at = 0;
     for (const Line& line : before) {
         if (line.ours)

@@ -4,6 +4,15 @@
 
 #include <features.h>
 #include <stddef.h>
+#include <stdio.h>
+
+// Sends what a stream holds down to its file. Returns 0, or -1 with errno when a write failed: now,
+// or earlier since the stream was opened or cleared. uClibc's fflush returns 0 even then and
+// forgets the bytes; only the stream's mark tells.
+[[nodiscard]] inline int stream_flush(FILE* stream)
+{
+    return fflush(stream) == 0 && ferror(stream) == 0 ? 0 : -1;
+}
 
 // Stack of the receive thread, in bytes.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)

@@ -1,6 +1,7 @@
 #include "mount/mtab.h"
 
 #include "lib/guard.h"
+#include "lib/platform.h"
 #include "lib/sys.h"
 
 #include <mntent.h>
@@ -57,7 +58,7 @@ static int copy_without(FILE* from, FILE* to, const char* devnode, const char* m
             return -1;
     }
     // Neither a table that cannot be read to its end nor a full disk may cost the other lines.
-    return ferror(from) == 0 && fflush(to) == 0 ? 0 : -1;
+    return ferror(from) == 0 && stream_flush(to) == 0 ? 0 : -1;
 }
 
 void mtab_remove(const char* devnode, const char* mountpoint)

@@ -1,6 +1,7 @@
 #include "records/conf_dev_file.h"
 
 #include "config/ini.h"
+#include "lib/platform.h"
 #include "lib/str.h"
 #include "lib/sys.h"
 #include "records/lines.h"
@@ -321,7 +322,7 @@ static int write_table(FILE* stream, const ConfDevTable* table)
         if (dev->identifier != nullptr && write_record(stream, dev) != 0)
             return -1;
     }
-    return fflush(stream) == 0 ? 0 : -1;
+    return stream_flush(stream);
 }
 
 int conf_dev_save(const char* path, const ConfDevTable* table)

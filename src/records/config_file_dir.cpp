@@ -2,6 +2,7 @@
 
 #include "device/crtsec.h"
 #include "lib/log.h"
+#include "lib/platform.h"
 #include "lib/str.h"
 #include "lib/sys.h"
 #include "records/conf_dev_file.h"
@@ -135,7 +136,7 @@ int conf_dir_exinfo(FILE* stream, const MountEntry* entry)
 // file otherwise, so that the next one begins where it began.
 static void end_section(FILE* stream, off_t start, bool written)
 {
-    if (written && fflush(stream) == 0)
+    if (written && stream_flush(stream) == 0)
         return;
     __fpurge(stream);
     clearerr(stream);
@@ -321,7 +322,7 @@ int conf_dir_set_unmount_flg(const char* path, const char* sharename)
     FILE* file = fopen(path, "a");
     if (file == nullptr)
         return -1;
-    if (fprintf(file, "[%s]\n", sharename) < 0 || fflush(file) != 0) {
+    if (fprintf(file, "[%s]\n", sharename) < 0 || stream_flush(file) != 0) {
         __fpurge(file); // nothing of it may reach the file later; the stream stays open: kept
         return -1;
     }

@@ -6,6 +6,7 @@
 #include <string.h>
 
 #include <atomic>
+#include <new>
 
 static std::atomic<int> left; // allocations until one fails; 0: none will
 static std::atomic<bool> struck;
@@ -103,3 +104,23 @@ void __wrap_free(void* block)
 }
 
 } // extern "C"
+
+// The test's own containers are not concerned, even where the C++ library is linked statically and
+// takes its memory from here.
+void* operator new(size_t size)
+{
+    void* block = __real_malloc(size);
+    if (block == nullptr)
+        abort();
+    return block;
+}
+
+void operator delete(void* block) noexcept
+{
+    __real_free(block);
+}
+
+void operator delete(void* block, size_t) noexcept
+{
+    __real_free(block);
+}

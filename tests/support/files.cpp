@@ -5,6 +5,7 @@
 #include <dirent.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <fstream>
 #include <sstream>
 
@@ -22,6 +23,13 @@ std::string read_file(const std::string& path)
     std::ostringstream content;
     content << file.rdbuf();
     return content.str();
+}
+
+std::string read_table(const std::string& path)
+{
+    std::string table = read_file(path);
+    std::replace(table.begin(), table.end(), '\t', ' ');
+    return table;
 }
 
 bool exists(const std::string& path)

@@ -8,6 +8,9 @@
 void write_file(const std::string& path, std::string_view content);
 std::string read_file(const std::string& path);
 
+// Reads the mount table, or a copy of it. Fields that a C library sets apart by tabs are by blanks.
+std::string read_table(const std::string& path = "/etc/mtab");
+
 bool exists(const std::string& path);
 
 // How many descriptors this process holds open.

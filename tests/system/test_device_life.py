@@ -87,7 +87,7 @@ class Arrival(SystemTest):
         self.start_daemon(level=4)
         partition = self.make_partition("sda1")
         self.plug(partition)
-        self.assertEqual(vyworld.read(vyworld.MOUNT_TABLE),
+        self.assertEqual(vyworld.read_table(),
                          "proc /proc proc rw 0 0\n" + partition.table_line())
         line, = self.log.find(f"daemon(#)mount {partition.node} {partition.directory}")
         self.assertEqual(line.priority, ERR)
@@ -243,7 +243,7 @@ class Removal(SystemTest):
         self.plug(partition)
         self.unplug(partition)
         self.assert_no_trace(partition)
-        self.assertEqual(vyworld.read(vyworld.MOUNT_TABLE), "proc /proc proc rw 0 0\n")
+        self.assertEqual(vyworld.read_table(), "proc /proc proc rw 0 0\n")
         self.assertEqual(os.listdir(vyworld.MOUNT_DIR) + os.listdir(vyworld.DEVICE_DIR), [])
         self.assertEqual(vyworld.read(vyworld.SHARE_FILE), "")
         self.assertEqual(vyworld.read(vyworld.DEVICE_FILE), "")
@@ -275,7 +275,7 @@ class Removal(SystemTest):
         self.unplug(first)
         self.assert_no_trace(first)
         self.assertEqual(vyworld.mounted_names(), ["sda2"])
-        self.assertEqual(vyworld.read(vyworld.MOUNT_TABLE), second.table_line())
+        self.assertEqual(vyworld.read_table(), second.table_line())
         self.assertEqual(vyworld.read(vyworld.DEVICE_FILE), DEVICE.replace("SERA:1", "SERA:2"))
         self.assertEqual(vyworld.read(vyworld.SHARE_FILE),
                          SHARE.replace("A1", "A2").replace("SERA:1", "SERA:2").replace(
@@ -289,7 +289,7 @@ class Removal(SystemTest):
         partition.lay_node()
         self.plug(partition)
         self.assertEqual(partition.read_file("readme.txt"), "this is sda1\n")
-        self.assertEqual(vyworld.read(vyworld.MOUNT_TABLE), partition.table_line())
+        self.assertEqual(vyworld.read_table(), partition.table_line())
 
     def test_a_partition_that_somebody_else_unmounted_is_cleaned_up(self):
         self.start_daemon()
@@ -302,7 +302,7 @@ class Removal(SystemTest):
         self.wait_for_refresh(refreshes + 1)
         self.assertFalse(os.path.exists(partition.directory))
         self.assertFalse(os.path.exists(partition.node))
-        self.assertEqual(vyworld.read(vyworld.MOUNT_TABLE), "")
+        self.assertEqual(vyworld.read_table(), "")
         self.assertEqual(vyworld.read(vyworld.SHARE_FILE), "")
 
 
@@ -318,7 +318,7 @@ class MountTable(SystemTest):
         with open(vyworld.MOUNT_TABLE, "a", encoding="ascii") as table:
             table.write(others[2])
         self.unplug(partition)
-        self.assertEqual(vyworld.read(vyworld.MOUNT_TABLE), "".join(others))
+        self.assertEqual(vyworld.read_table(), "".join(others))
 
     def test_a_table_that_is_a_link_to_the_kernels_is_left_alone(self):
         os.unlink(vyworld.MOUNT_TABLE)

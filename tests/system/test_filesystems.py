@@ -32,7 +32,7 @@ class Ext(SystemTest):
         mount, = vyworld.mounts()
         self.assertEqual((mount.source, mount.type), (partition.node, mounted_as))
         self.assertEqual(partition.read_file("readme.txt"), "this is sda1\n")
-        self.assertEqual(vyworld.read(vyworld.MOUNT_TABLE), partition.table_line(mounted_as))
+        self.assertEqual(vyworld.read_table(), partition.table_line(mounted_as))
         self.assertEqual(vyworld.read(vyworld.SHARE_FILE), share(line))
         self.unplug(partition)
         self.assert_no_trace(partition)
@@ -82,7 +82,7 @@ class Ntfs(SystemTest):
         self.start_daemon()
         partition = self.make_partition("sda1", filesystem="ntfs")
         self.plug(partition)
-        self.assertEqual(vyworld.read(vyworld.MOUNT_TABLE), "")
+        self.assertEqual(vyworld.read_table(), "")
         self.assertEqual(vyworld.read(vyworld.SHARE_FILE), share("File System=NTFS\n"))
 
     def test_a_line_that_somebody_else_noted_goes_with_the_mount(self):
@@ -92,7 +92,7 @@ class Ntfs(SystemTest):
         vyworld.write(vyworld.MOUNT_TABLE, "proc /proc proc rw 0 0\n"
                       + partition.table_line("fuseblk", "rw,nosuid,nodev"))
         self.unplug(partition)
-        self.assertEqual(vyworld.read(vyworld.MOUNT_TABLE), "proc /proc proc rw 0 0\n")
+        self.assertEqual(vyworld.read_table(), "proc /proc proc rw 0 0\n")
 
     def test_an_ntfs_medium_that_goes_takes_its_driver_along(self):
         self.start_daemon()
@@ -172,7 +172,7 @@ class ReadOnly(SystemTest):
     def check_told(self, partition):
         mount, = vyworld.mounts()
         self.assertIn("ro", mount.options)
-        self.assertEqual(vyworld.read(vyworld.MOUNT_TABLE), partition.table_line(options="ro"))
+        self.assertEqual(vyworld.read_table(), partition.table_line(options="ro"))
         self.assertEqual(vyworld.read(vyworld.SHARE_FILE), share("", "Read Only=Enable\n"))
 
     def test_a_write_protected_medium_is_mounted_on_the_second_attempt(self):

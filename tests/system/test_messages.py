@@ -169,7 +169,7 @@ class Twice(SystemTest):
         vyworld.send(partition.add_message())
         self.wait_for_refresh(count + 1)
         self.assertEqual(vyworld.mounted_names(), ["sda1"])
-        self.assertEqual(vyworld.read(vyworld.MOUNT_TABLE), partition.table_line())
+        self.assertEqual(vyworld.read_table(), partition.table_line())
         self.assertEqual(len(vyworld.read_lines(vyworld.HOOK_RECORD)), 1)
         self.assertEqual((vyworld.read(vyworld.SHARE_FILE), vyworld.read(vyworld.DEVICE_FILE)),
                          files)

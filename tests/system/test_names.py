@@ -34,7 +34,7 @@ class Names(SystemTest):
         self.assertEqual((card.major, card.minor, card.range), (179, 9, 8))
         self.plug(card)
         self.assertEqual(card.read_file("readme.txt"), "this is mmcblkb1\n")
-        self.assertEqual(vyworld.read(vyworld.MOUNT_TABLE), card.table_line())
+        self.assertEqual(vyworld.read_table(), card.table_line())
         self.assertEqual(vyworld.read(vyworld.SHARE_FILE), """[Drive(MMCB1)]
 Identifier=0000:0000::1
 Path=/tmp/hotplug/mmcblkb1

@@ -29,7 +29,7 @@ class Selection(SystemTest):
         self.assertEqual(sorted(vyworld.mounted_names()), sorted(self.NAMES))
         for name in selected:
             self.assertEqual(self.all[name].read_file("readme.txt"), f"this is {name}\n")
-        table = sorted(vyworld.read_lines(vyworld.MOUNT_TABLE))
+        table = sorted(vyworld.read_table().splitlines())
         self.assertEqual(table, sorted(partition.table_line().strip()
                                        for partition in self.all.values()))
         calls = vyworld.read_lines(vyworld.HOOK_RECORD)[hooks:]
@@ -104,12 +104,12 @@ class Outcome(SystemTest):
         self.assert_tool("vyunmount", "sda1", err="unmount sda1 - success.\n")
         self.wait_for_refresh(count + 2)
         self.assertEqual(vyworld.read(vyworld.DEVICE_FILE), devices)
-        self.assertEqual(vyworld.read(vyworld.MOUNT_TABLE), "")
+        self.assertEqual(vyworld.read_table(), "")
         partition.lay_node()
         self.assert_tool("vymount", "sda1", err="mount sda1 - success.\n")
         self.wait_for_refresh(count + 3)
         self.assertEqual(vyworld.read(vyworld.SHARE_FILE), shares)
-        self.assertEqual(vyworld.read(vyworld.MOUNT_TABLE), partition.table_line())
+        self.assertEqual(vyworld.read_table(), partition.table_line())
 
     def test_unmounting_twice_succeeds_and_tells_hook_and_service_each_time(self):
         self.start_daemon()
@@ -130,7 +130,7 @@ class Outcome(SystemTest):
         self.plug(partition)
         self.assert_tool("vymount", "sda1", err="mount sda1 - success.\n")
         self.assertEqual(vyworld.mounted_names(), ["sda1"])
-        self.assertEqual(vyworld.read(vyworld.MOUNT_TABLE), partition.table_line())
+        self.assertEqual(vyworld.read_table(), partition.table_line())
         self.assertEqual(len(vyworld.read_lines(vyworld.HOOK_RECORD)), 1)
 
     def test_a_mount_that_fails_is_answered_so_and_the_others_are_done(self):
@@ -175,7 +175,7 @@ class Busy(SystemTest):
         with open(self.partition.directory + "/readme.txt", encoding="ascii"):
             self.assert_tool("vyunmount", "sda1", err="unmount sda1 - failed.\n")
         self.assertEqual(vyworld.mounted_names(), ["sda1"])
-        self.assertEqual(vyworld.read(vyworld.MOUNT_TABLE), self.partition.table_line())
+        self.assertEqual(vyworld.read_table(), self.partition.table_line())
         self.assertTrue(os.path.exists(self.partition.node))
         self.wait_for_refresh(count + 2)
         self.assertEqual(vyworld.read(vyworld.SHARE_FILE), shares)
@@ -185,7 +185,7 @@ class Busy(SystemTest):
         with open(self.partition.directory + "/readme.txt", encoding="ascii") as file:
             self.assert_tool("vyunmount", "sda1,force", err="unmount sda1,force - success.\n")
             self.assertEqual(vyworld.mounts(), [])
-            self.assertEqual(vyworld.read(vyworld.MOUNT_TABLE), "")
+            self.assertEqual(vyworld.read_table(), "")
             self.assertEqual(os.listdir(vyworld.MOUNT_DIR) + os.listdir(vyworld.DEVICE_DIR), [])
             self.assertEqual(file.read(), "this is sda1\n")
 

@@ -21,7 +21,7 @@ class Soak(SystemTest):
     def held(self):
         return {"descriptors": self.daemon.descriptors(), "children": self.daemon.children(),
                 "threads": self.daemon.threads(), "mounts": vyworld.mounted_names(),
-                "mount table": vyworld.read(vyworld.MOUNT_TABLE),
+                "mount table": vyworld.read_table(),
                 "places": os.listdir(vyworld.DEVICE_DIR) + os.listdir(vyworld.MOUNT_DIR),
                 "shares": vyworld.read(vyworld.SHARE_FILE),
                 "devices": vyworld.read(vyworld.DEVICE_FILE)}

@@ -79,7 +79,7 @@ class Detached(SystemTest):
         daemon = self.start_detached("-f", CONFIG)
         self.assert_tool("vyhotplugd", "-f", CONFIG)
         self.wait_for_log("main(#)Error - exit vyhotplugd (-1)")
-        self.wait_for_log("main(#)cannot run more than one process\n")
+        self.wait_for_log("main(#)cannot run more than one process")
         self.assertEqual(vyworld.read(PID_FILE), f"{daemon.pid}\n")
         self.assert_alive()
 
@@ -113,7 +113,7 @@ class PidFile(SystemTest):
         daemon = self.start_daemon(settled=False)
         for options in (["-d"], ["-D"]):
             self.assert_tool("vyhotplugd", "-f", CONFIG, *options, status=255)
-        self.wait_for_log("main(#)cannot run more than one process\n", 2)
+        self.wait_for_log("main(#)cannot run more than one process", 2)
         self.wait_for_log("main(#)Error - initialize", 2)
         self.wait_for_log("main(#)Error - exit vyhotplugd (-1)", 2)
         self.assertEqual(vyworld.read(PID_FILE), f"{daemon.pid}\n")
@@ -284,7 +284,7 @@ class End(SystemTest):
         hooks = vyworld.read(vyworld.HOOK_RECORD)
         self.assertEqual(self.stop_daemon(), 0)
         self.assertEqual(partition.read_file("readme.txt"), "this is sda1\n")
-        self.assertEqual(vyworld.read(vyworld.MOUNT_TABLE), partition.table_line())
+        self.assertEqual(vyworld.read_table(), partition.table_line())
         self.assertEqual(vyworld.read(vyworld.SHARE_FILE), shares)
         self.assertEqual(vyworld.read(vyworld.HOOK_RECORD), hooks)
         self.start_daemon()

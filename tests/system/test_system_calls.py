@@ -30,7 +30,7 @@ class SystemCalls(SystemTest):
         self.start_traced("mount:retval=0:when=1", "umount2:retval=0:when=1")
         stick = vyworld.Partition("sda1")
         self.handle(stick.add_message())
-        self.assertEqual(vyworld.read(vyworld.MOUNT_TABLE), stick.table_line("vfat"))
+        self.assertEqual(vyworld.read_table(), stick.table_line("vfat"))
         self.assertIn("File System=FAT\nVID=4660\n", vyworld.read(vyworld.SHARE_FILE))
         self.handle(stick.remove_message())
         node, directory = f'"{stick.node}"', f'"{stick.directory}"'
@@ -41,7 +41,7 @@ class SystemCalls(SystemTest):
             f"umount2({directory}, 0) = 0",
             f"rmdir({directory}) = 0",
             f"unlink({node}) = 0"])
-        self.assertEqual(vyworld.read(vyworld.MOUNT_TABLE), "")
+        self.assertEqual(vyworld.read_table(), "")
         self.wait_for_log(f"daemon(#)unmount {stick.node} {stick.directory}")
 
     def test_a_fat_medium_is_mounted_with_the_configured_owner_and_options(self):
@@ -58,7 +58,7 @@ class SystemCalls(SystemTest):
         self.handle(stick.add_message())
         self.assertIn(self.mount_call("sda1", f'"vfat", MS_RDONLY, {FAT}) = 0'),
                       self.calls("sda1"))
-        self.assertEqual(vyworld.read(vyworld.MOUNT_TABLE), stick.table_line("vfat", "ro"))
+        self.assertEqual(vyworld.read_table(), stick.table_line("vfat", "ro"))
         self.assertIn("Read Only=Enable\n", vyworld.read(vyworld.SHARE_FILE))
 
     def test_a_fat_share_is_named_after_its_label_unless_that_is_switched_off(self):
@@ -87,7 +87,7 @@ class SystemCalls(SystemTest):
             self.mount_call("sda1", f'"vfat", MS_RDONLY, {FAT}) = E')), second)
         # A second attempt that fails leaves the device as it was: the next filesystem may write.
         self.assertEqual(third, self.mount_call("sda1", '"ext4", MS_NODEV, "user_xattr") = 0'))
-        self.assertIn(" rw 0 0\n", vyworld.read(vyworld.MOUNT_TABLE))
+        self.assertIn(" rw 0 0\n", vyworld.read_table())
 
     def test_a_fat_medium_that_refuses_writing_is_tried_read_only_after_erofs(self):
         self.check_fat_second_attempt("EROFS")
@@ -114,7 +114,7 @@ class SystemCalls(SystemTest):
         mount, = vyworld.mounts()
         self.assertIn("ro", mount.options)
         self.assertNotIn("nodev", mount.options)
-        self.assertEqual(vyworld.read(vyworld.MOUNT_TABLE), stick.table_line(options="ro"))
+        self.assertEqual(vyworld.read_table(), stick.table_line(options="ro"))
 
     def test_a_read_only_device_that_is_refused_gets_no_second_attempt(self):
         self.start_traced("mount:error=EROFS:when=1..4", mountfs="fat,ext")
@@ -189,7 +189,7 @@ class SystemCalls(SystemTest):
                                    ["0) = EBUSY", "MNT_DETACH) = EBUSY", "MNT_FORCE) = EBUSY"])
         self.wait_for_log(f"daemon(#)faild unmount {stick.node} {stick.directory}")
         self.assertEqual(vyworld.mounted_names(), ["sda1"])
-        self.assertEqual(vyworld.read(vyworld.MOUNT_TABLE), stick.table_line())
+        self.assertEqual(vyworld.read_table(), stick.table_line())
         self.assertTrue(os.path.exists(stick.node))
         self.assertEqual(vyworld.read(vyworld.SHARE_FILE), "")
 
@@ -201,4 +201,4 @@ class SystemCalls(SystemTest):
         self.assertEqual([call for call in self.calls("sda1") if call.startswith("umount")],
                          [f'umount2("{stick.directory}", 0) = EBUSY'])
         self.assertEqual(vyworld.mounted_names(), ["sda1"])
-        self.assertEqual(vyworld.read(vyworld.MOUNT_TABLE), stick.table_line())
+        self.assertEqual(vyworld.read_table(), stick.table_line())

@@ -78,13 +78,21 @@ def read_lines(path):
     return read(path).splitlines() if os.path.exists(path) else []
 
 
+def read_table():
+    """The mount table; fields that a C library sets apart by tabs are by blanks."""
+    return read(MOUNT_TABLE).replace("\t", " ")
+
+
 # ---- log lines ----
 
 
 class LogLine:
-    """One line as the daemon sent it; `text` has "#" in place of the module's line number."""
+    """One line as the daemon sent it; `text` has "#" in place of the module's line number.
 
-    FORM = re.compile(rb"<(\d+)>\w{3} [ \d]\d \d\d:\d\d:\d\d ([^\[:]+)(?:\[(\d+)\])?: (.*)",
+    Behind it some C libraries send a zero byte or a line feed; before openlog(3) some name no program.
+    """
+
+    FORM = re.compile(rb"<(\d+)>\w{3} [ \d]\d \d\d:\d\d:\d\d ([^\[:]*)(?:\[(\d+)\])?: (.*)",
                       re.DOTALL)
 
     def __init__(self, datagram):
@@ -95,7 +103,7 @@ class LogLine:
         self.facility, self.priority = divmod(int(match[1]), 8)
         self.program = match[2].decode()
         self.pid = int(match[3]) if match[3] else None
-        self.raw = match[4].rstrip(b"\0").decode("utf-8", "surrogateescape")
+        self.raw = match[4].rstrip(b"\0\n").decode("utf-8", "surrogateescape")
         self.text = re.sub(r"^(\w+)\(\d+\)", r"\1(#)", self.raw, count=1)
 
     def __str__(self):
@@ -627,7 +635,7 @@ echo "${{0##*/}} $*" >> {LABEL_RECORD}
     def assert_no_trace(self, partition):
         """No mount, table line, directory, node, share or device record of it."""
         self.assertNotIn(partition.name, mounted_names())
-        self.assertNotIn(partition.node, read(MOUNT_TABLE))
+        self.assertNotIn(partition.node, read_table())
         self.assertFalse(os.path.exists(partition.directory), partition.directory)
         self.assertFalse(os.path.lexists(partition.node), partition.node)
         self.assertNotIn(partition.directory, read(SHARE_FILE))

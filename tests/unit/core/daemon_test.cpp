@@ -392,7 +392,7 @@ TEST_F(DaemonTest, AnAddIsMountedWhenDueAndSharedBehindAPause)
     EXPECT_EQ(read_file(share_file), "[Drive(A1)]\nIdentifier=1234:00ab:X:1\nPath=/media/mnt/sda1\n"
                                      "Comment=USB Storage Device (0x1234/0x00AB)\n");
     EXPECT_EQ(read_file(device_file).substr(0, 17), "[1234:00ab:X:1]\nS");
-    EXPECT_EQ(read_file("/etc/mtab"), "/media/dev/sda1 /media/mnt/sda1 vfat rw 0 0\n");
+    EXPECT_EQ(read_table(), "/media/dev/sda1 /media/mnt/sda1 vfat rw 0 0\n");
 }
 
 TEST_F(DaemonTest, TwoAddsInARowAreRefreshedOnce)
@@ -430,7 +430,7 @@ TEST_F(DaemonTest, ARemovedDeviceLeavesFilesAndSet)
               0);
     EXPECT_EQ(read_file(share_file), "");
     EXPECT_EQ(read_file(device_file), "");
-    EXPECT_EQ(read_file("/etc/mtab"), "");
+    EXPECT_EQ(read_table(), "");
     EXPECT_EQ(entries_left, 0);
     EXPECT_FALSE(exists("/media/mnt/sda1"));
 }

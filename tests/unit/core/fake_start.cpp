@@ -13,12 +13,28 @@ FakeStart& fake_start()
     return state;
 }
 
+static const char* signal_name(int number)
+{
+    switch (number) {
+    case SIGINT:
+        return "SIGINT";
+    case SIGTERM:
+        return "SIGTERM";
+    case SIGHUP:
+        return "SIGHUP";
+    case SIGPIPE:
+        return "SIGPIPE";
+    default:
+        return "another signal";
+    }
+}
+
 static void keep_signal(int number, const struct sigaction* action)
 {
     char line[64];
     const unsigned flags = static_cast<unsigned>(action->sa_flags);
     const bool ignored = (flags & SA_SIGINFO) == 0 || action->sa_handler == SIG_IGN;
-    (void)snprintf(line, sizeof line, "SIG%s 0x%x %s\n", sigabbrev_np(number), flags,
+    (void)snprintf(line, sizeof line, "%s 0x%x %s\n", signal_name(number), flags,
                    ignored ? "ignored" : "handled");
     state.sigactions += line;
 }

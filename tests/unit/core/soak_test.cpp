@@ -139,7 +139,7 @@ TEST_F(SoakTest, TwoThousandDevicesLeaveNothingBehind)
     EXPECT_EQ(after.mounts, 0U);
     EXPECT_EQ(after.devices, before.devices);
     EXPECT_EQ(after.shares, before.shares);
-    EXPECT_EQ(read_file("/etc/mtab"), "");
+    EXPECT_EQ(read_table(), "");
 }
 
 } // namespace

@@ -412,13 +412,23 @@ TEST(Startup, TheLogMaskHoldsEveryPriorityUpToTheLevel)
     EXPECT_TRUE(reports(run_in_foreground(terminate, {"--level", "7"}), "mask 255"));
 }
 
-// SA_RESETHAND is 0x80000000, SA_RESTART 0x10000000, SA_SIGINFO 4, SA_NOCLDSTOP 1.
 TEST(Startup, InstallsItsSignalHandlers)
 {
+    struct Row {
+        const char* signal;
+        unsigned flags;
+        const char* handling;
+    };
+    const auto once = static_cast<unsigned>(SA_RESETHAND);
     const Start start = run_in_foreground(terminate);
-    for (const char* line : {"SIGINT 0x80000004 handled", "SIGTERM 0x80000004 handled",
-                             "SIGHUP 0x10000004 handled", "SIGPIPE 0x10000001 ignored"})
+    for (const Row& row :
+         {Row{"SIGINT", once | SA_SIGINFO, "handled"}, Row{"SIGTERM", once | SA_SIGINFO, "handled"},
+          Row{"SIGHUP", SA_RESTART | SA_SIGINFO, "handled"},
+          Row{"SIGPIPE", SA_RESTART | SA_NOCLDSTOP, "ignored"}}) {
+        char line[64];
+        (void)snprintf(line, sizeof line, "%s 0x%x %s", row.signal, row.flags, row.handling);
         EXPECT_TRUE(reports(start, line)) << line;
+    }
 }
 
 TEST(Startup, ASecondTerminationKills)
@@ -692,10 +702,10 @@ TEST_F(RestartTest, AProgramThatIsGoneEndsWithStatus1)
     ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0); // the daemon is to be this test's child
     const ChildResult result = run_main(vyhotplug_main, {"/tmp/gone/vyhotplugd"});
     EXPECT_EQ(result.status, 0);
-    int status = 0;
-    ASSERT_GT(waitpid(-1, &status, 0), 0);
-    EXPECT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 1);
+    bool failed = false;
+    for (int status = 0; waitpid(-1, &status, 0) > 0;) // some C libraries fork twice
+        failed = failed || (WIFEXITED(status) && WEXITSTATUS(status) == 1);
+    EXPECT_TRUE(failed);
 }
 
 TEST(Startup, FailsWhenItCannotDetach)

@@ -378,7 +378,8 @@ TEST_F(EndlessChild, IsInterruptedWhenAskedAndLeftToBeReaped)
 TEST_F(EndlessChild, IsInterruptedWithoutALookWhenTheTimeIsShort)
 {
     EXPECT_EQ(vy_wait(pid, VY_WAIT_INTERRUPT, nullptr, 199), 1);
-    EXPECT_EQ(WTERMSIG(end()), SIGINT);
+    const int ended = end();
+    EXPECT_EQ(WTERMSIG(ended), SIGINT);
 }
 
 } // namespace

@@ -36,12 +36,16 @@ class Log : public testing::Test {
         text.copy(destination, text.size());
         destination[text.size()] = '\0';
     }
-    // The next line as the service got it, "" when there is none.
+    // The next line as the service got it, "" when there is none; without the line feed or the zero
+    // byte that some C libraries send behind it.
     std::string received()
     {
         char line[1024];
         const ssize_t length = recv(service, line, sizeof line, 0);
-        return length < 0 ? "" : std::string(line, static_cast<size_t>(length));
+        std::string text(line, length < 0 ? 0 : static_cast<size_t>(length));
+        if (!text.empty() && (text.back() == '\n' || text.back() == '\0'))
+            text.pop_back();
+        return text;
     }
     // Its priority in front, and its text behind the time and the program.
     std::string received_text()

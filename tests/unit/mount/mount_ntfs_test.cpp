@@ -105,7 +105,7 @@ TEST_F(MountNtfsTest, TheMountTableIsNotTouched)
     write_file("/etc/mtab", "proc /proc proc rw 0 0\n");
     script({run(exit_0)});
     EXPECT_EQ(mount(), 0);
-    EXPECT_EQ(read_file("/etc/mtab"), "proc /proc proc rw 0 0\n");
+    EXPECT_EQ(read_table(), "proc /proc proc rw 0 0\n");
 }
 
 TEST_F(MountNtfsTest, FoundLastIsAsGoodAsWanted)
@@ -115,7 +115,7 @@ TEST_F(MountNtfsTest, FoundLastIsAsGoodAsWanted)
     EXPECT_EQ(mount(), 0);
     EXPECT_EQ(entry.fstype, CONF_DEV_FS_NTFS);
     EXPECT_EQ(entry.mounted, 1);
-    EXPECT_EQ(read_file("/etc/mtab"), "");
+    EXPECT_EQ(read_table(), "");
 }
 
 TEST_F(MountNtfsTest, SwitchedOffStartsNoDriver)

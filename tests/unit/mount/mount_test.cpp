@@ -211,8 +211,8 @@ TEST_P(KernelMountTest, NotesTheMountInTheTable)
     write_file("/etc/mtab", "proc /proc proc rw,noexec 1 2\n");
     put_medium(row.type);
     EXPECT_EQ(mount(), 0);
-    EXPECT_EQ(read_file("/etc/mtab"), "proc /proc proc rw,noexec 1 2\n" + devnode + " " +
-                                          mountpoint + " " + row.type + " rw 0 0\n");
+    EXPECT_EQ(read_table(), "proc /proc proc rw,noexec 1 2\n" + devnode + " " + mountpoint + " " +
+                                row.type + " rw 0 0\n");
 }
 
 // The second attempt carries MS_RDONLY alone for every filesystem.
@@ -230,8 +230,7 @@ TEST_P(KernelMountTest, TriesARefusingMediumOnceMoreReadOnly)
         EXPECT_EQ(mount_calls(), (Calls{call_of(row.type, row.flags, row.text),
                                         call_of(row.type, "0x1", row.text)}));
         EXPECT_EQ(dev.flags, HOTPLUG_FLAG_READONLY | HOTPLUG_FLAG_REMOVABLE);
-        EXPECT_EQ(read_file("/etc/mtab"),
-                  devnode + " " + mountpoint + " " + row.type + " ro 0 0\n");
+        EXPECT_EQ(read_table(), devnode + " " + mountpoint + " " + row.type + " ro 0 0\n");
     }
 }
 
@@ -274,7 +273,7 @@ TEST_P(KernelMountTest, MarksNothingReadOnlyWhenTheSecondAttemptFails)
     EXPECT_EQ(mount(), -1);
     EXPECT_EQ(mount_calls().size(), 2U);
     EXPECT_EQ(dev.flags, 0);
-    EXPECT_EQ(read_file("/etc/mtab"), "");
+    EXPECT_EQ(read_table(), "");
 }
 
 TEST_P(KernelMountTest, LeavesNeitherDirectoryNorNodeWhenItFails)
@@ -481,7 +480,7 @@ TEST_F(MountTest, AReadOnlyDeviceIsNotedAsSuch)
     dev.flags = HOTPLUG_FLAG_READONLY;
     put_medium("ext3");
     EXPECT_EQ(mount(), 0);
-    EXPECT_EQ(read_file("/etc/mtab"), devnode + " " + mountpoint + " ext3 ro 0 0\n");
+    EXPECT_EQ(read_table(), devnode + " " + mountpoint + " ext3 ro 0 0\n");
 }
 
 TEST_F(MountTest, ABlankInThePathIsNotedAsItsOctalCode)
@@ -490,13 +489,13 @@ TEST_F(MountTest, ABlankInThePathIsNotedAsItsOctalCode)
     entry.mountpoint = mountpoint.data();
     put_medium("vfat");
     EXPECT_EQ(mount(), 0);
-    EXPECT_EQ(read_file("/etc/mtab"), devnode + " /media/mnt/my\\040disk vfat rw 0 0\n");
+    EXPECT_EQ(read_table(), devnode + " /media/mnt/my\\040disk vfat rw 0 0\n");
 }
 
 TEST_F(MountTest, AFailureNotesNothing)
 {
     EXPECT_EQ(mount(), -1);
-    EXPECT_EQ(read_file("/etc/mtab"), "");
+    EXPECT_EQ(read_table(), "");
 }
 
 TEST_F(MountTest, LeavesAloneWhatIsNotItsOwn)

@@ -29,7 +29,7 @@ std::string table_after_removal(const std::string& table)
 {
     write_file(table_file, table);
     mtab_remove("/dev/sda1", "/mnt/sda1");
-    return read_file(table_file);
+    return read_table();
 }
 
 TEST(MtabRemove, LeavesTheOtherLinesAsTheyWere)
@@ -88,7 +88,7 @@ TEST(MtabRemove, FindsAndKeepsPathsWithBlanks)
     const std::string other = "/dev/sdc1 /mnt/your\\040disk vfat rw 0 0\n";
     write_file(table_file, with("/dev/sda1 /mnt/my\\040disk vfat rw 0 0\n" + other));
     mtab_remove("/dev/sda1", "/mnt/my disk");
-    EXPECT_EQ(read_file(table_file), with(other));
+    EXPECT_EQ(read_table(), with(other));
 }
 
 TEST(MtabRemove, ReplacesWhatATemporaryFileHeldBefore)
@@ -148,7 +148,7 @@ TEST(MtabRemove, KeepsTheStaleLineWhenTheFileCannotBeMoved)
 {
     fake_world().fail("rename", 1, EXDEV);
     EXPECT_EQ(table_after_removal(with(line)), with(line));
-    EXPECT_EQ(read_file(temporary_file), with(""));
+    EXPECT_EQ(read_table(temporary_file), with(""));
 }
 
 TEST(MtabRemove, LeavesATableOfTheKernelsAlone)
@@ -180,7 +180,7 @@ TEST(MtabAppend, WritesNodeDirectoryTypeOptionsAndTwoZeros)
 {
     write_file(table_file, last_line);
     mtab_append("/dev/sda1", "/mnt/sda1", "vfat", "rw");
-    EXPECT_EQ(read_file(table_file), std::string(last_line) + line);
+    EXPECT_EQ(read_table(), std::string(last_line) + line);
 }
 
 TEST(MtabAppend, WritesToTheTableItself)

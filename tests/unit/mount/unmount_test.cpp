@@ -32,7 +32,7 @@ class UnmountTest : public PartitionTest {
     void expect_cleaned_up()
     {
         EXPECT_EQ(entry.mounted, 0);
-        EXPECT_EQ(read_file("/etc/mtab"), other_line);
+        EXPECT_EQ(read_table(), other_line);
         EXPECT_FALSE(exists(mountpoint));
         EXPECT_FALSE(exists(devnode));
     }
@@ -40,7 +40,7 @@ class UnmountTest : public PartitionTest {
     void expect_untouched()
     {
         EXPECT_EQ(entry.mounted, 1);
-        EXPECT_EQ(read_file("/etc/mtab"), own_line() + other_line);
+        EXPECT_EQ(read_table(), own_line() + other_line);
         EXPECT_TRUE(exists(mountpoint));
         EXPECT_TRUE(exists(devnode));
     }
@@ -208,7 +208,7 @@ TEST_F(UnmountTest, ATableThatCannotBeRewrittenDoesNotSpoilTheResult)
 {
     ASSERT_EQ(mkdir("/tmp/mntent.tmp", 0755), 0);
     EXPECT_EQ(vyunmount(&entry, 0), 0);
-    EXPECT_EQ(read_file("/etc/mtab"), own_line() + other_line);
+    EXPECT_EQ(read_table(), own_line() + other_line);
     EXPECT_FALSE(exists(mountpoint));
     EXPECT_FALSE(exists(devnode));
 }
@@ -225,7 +225,7 @@ TEST_F(UnmountTest, AStaleTableDoesNotSpoilTheResult)
 {
     fake_world().fail("rename", 1, EXDEV);
     EXPECT_EQ(vyunmount(&entry, 0), 0);
-    EXPECT_EQ(read_file("/etc/mtab"), own_line() + other_line);
+    EXPECT_EQ(read_table(), own_line() + other_line);
     EXPECT_FALSE(exists(devnode));
 }
 
