@@ -55,7 +55,7 @@ BridgeOptions options_parse(int argc, char* argv[])
                              .own_file = "/etc/vynas-samba/vynas-samba.conf",
                              .task = TASK_SERVE};
     int code = 0;
-    optind = 1;
+    optind = 0; // begin anew, for every C library
     while (options.task != TASK_WRONG &&
            (code = getopt_long(argc, argv, "f:c:", long_options, nullptr)) != -1)
         take_option(&options, code);
