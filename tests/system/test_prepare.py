@@ -43,11 +43,12 @@ def state_of(path):
 
 
 def everything(*tops):
-    """State of all that lies there."""
+    """State of all that lies there, but for what the world keeps of the machine."""
     found = {}
     for top in tops:
         found[top] = state_of(top)
         for folder, folders, files in os.walk(top):
+            folders[:] = [name for name in folders if not os.path.ismount(os.path.join(folder, name))]
             for name in folders + files:
                 path = os.path.join(folder, name)
                 found[path] = state_of(path)
