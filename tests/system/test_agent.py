@@ -223,8 +223,8 @@ class Again(AgentTest):
         daemon = FakeDaemon(self)
         self.start_agent(strace=["-e", "inject=pidfd_open:error=ENOSYS", "-e", "signal=none"])
         self.wait_for_told("+8:0", "+8:1")
-        self.assertEqual(len(self.log.matching(
-            r"^monitor\(#\)a restart of the daemon will be noticed with the next event only")), 1)
+        self.wait_until("it is logged, once", lambda: len(self.log.matching(
+            r"^monitor\(#\)a restart of the daemon will be noticed with the next event only")) == 1)
         daemon.kill()
         FakeDaemon(self)
         self.settle()

@@ -155,7 +155,8 @@ class FreshWorld(Prepare):
         self.assertIn("/media/vyhotplug cannot be made ready: Not a directory\n", told)
         self.assert_link(HOOK_LINK, HOOK_SCRIPT)  # the others are made all the same
         self.assert_link(FILES_LINK, FILES)
-        self.assertEqual(len(self.log.matching("/media/vyhotplug cannot be made ready")), 1)
+        self.wait_until("it is logged, once",
+                        lambda: len(self.log.matching("/media/vyhotplug cannot be made ready")) == 1)
 
     def test_another_user_is_refused(self):
         done = self.tool("vyhotplug-prepare", "-f", CONFIG, user=SOMEBODY)
