@@ -15,7 +15,7 @@ done
         cp -P "$from/$name" "$to/$name"
     elif readelf -h "$from/$name" >/dev/null 2>&1; then
         # shellcheck disable=SC2016
-        printf '#!/bin/sh\nexec %s -0 "$0" %s "$@"\n' "$*" "$from/$name" >"$to/$name"
+        printf '#!/bin/sh\nexec %s -0 "$0" %s "$@"\n' "$*" "$from/${name#./}" >"$to/$name"
         chmod 755 "$to/$name"
     else
         cp "$from/$name" "$to/$name"
