@@ -132,6 +132,16 @@ def print_markdown(data):
         print("| " + " | ".join(cells(row)) + " |")
 
 
+def print_objects(values):
+    """The sizes of objects, the largest first."""
+    sources = [key.removeprefix("object.text.") for key in values if key.startswith("object.text.")]
+    print("\n| Object | Code and constants | Data | Zeroed data |")
+    print("|---|---|---|---|")
+    for source in sorted(sources, key=lambda name: -values[f"object.text.{name}"]["value"]):
+        sizes = [f"{values[f'object.{kind}.{source}']['value']:,}" for kind in ("text", "data", "bss")]
+        print(f"| `{source}` | " + " | ".join(sizes) + " |")
+
+
 def print_plain(data):
     for row in data["rows"]:
         what, own, beside, goals = cells(row)
@@ -189,6 +199,7 @@ def table(build, _):
     data = load_results(build)
     data["rows"] = [describe(row, data["values"]) for row in targets.ROWS]
     print_markdown(data)
+    print_objects(data["values"])
     return 0
 
 

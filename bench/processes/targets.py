@@ -147,7 +147,7 @@ ROWS = [
 
 # What --brief holds: counts and sizes, which a loaded machine does not change.
 BRIEF = [
-    below("size.x86_64", 88000, "the stripped executable is smaller than 88,000 bytes"),
+    below("size.x86_64", 64000, "the stripped executable is smaller than 64,000 bytes"),
     at_most("allocations.options.message.vyhotplugd", 60, "an option map takes 60 allocations at most"),
     at_most("allocations.message.message.vyhotplugd", 64, "a message takes 64 allocations at most"),
     at_most("allocations.ini_one.small.vyhotplugd", 4, "a lookup takes 4 allocations at most"),

@@ -11,8 +11,7 @@
 //   compared without case, 511 characters significant; its value is what stands behind it without
 //   blanks at both ends, cut to 2047 bytes. There are no comments, quotes or escapes.
 // - The section list takes a header's name up to the last "]" of its line, blanks and case kept,
-// and
-//   only when nothing but blanks follows.
+//   and only when nothing but blanks follows.
 //
 // The config_ functions read the file at each call. Who needs many values of one version of a file
 // reads it once into an IniDoc and asks that; the answers are the same.
@@ -26,7 +25,8 @@
 
 constexpr int32_t INI_LAST = -1; // occurrence: the last entry of the key
 
-// A file's text and the places of its sections.
+// A file's text and the places of its sections. For one thread at a time: a question remembers
+// where it looked, in a document that is const too.
 struct IniDoc;
 
 // Reads the file and finds its sections. Returns 0 and an owned document; -EIO when the file cannot

@@ -223,13 +223,11 @@ static int write_day_time(char* buffer, int32_t size, const DayTime& day, uint32
     return -1;
 }
 
-// The time zone's offset where the flags ask for it. The sum with it is not reduced to one day
-// again, and wraps below zero: kept.
-static uint32_t local_second(uint32_t second, uint32_t flags)
+// The time zone's offset where the flags ask for it, in units of which `per_minute` make a minute.
+// What it is added to is not reduced to one day again, and wraps at 32 bits: kept.
+static uint32_t local_offset(uint32_t per_minute, uint32_t flags)
 {
-    if (flags & VYTIME_FMT_LOCAL)
-        second += static_cast<uint32_t>(60 * vytime_get_timezone());
-    return second;
+    return flags & VYTIME_FMT_LOCAL ? static_cast<uint32_t>(vytime_get_timezone()) * per_minute : 0;
 }
 
 static DayTime split_day(uint32_t second)
@@ -247,7 +245,7 @@ int vytime_format_now(char* buffer, int32_t size, uint32_t flags)
     const int result = sys_gettimeofday(&now);
     if (result < 0)
         return result;
-    DayTime day = split_day(local_second(static_cast<uint32_t>(now.tv_sec % 86400), flags));
+    DayTime day = split_day(static_cast<uint32_t>(now.tv_sec % 86400) + local_offset(60, flags));
     day.fraction_usec = static_cast<uint32_t>(now.tv_usec);
     day.fraction_msec = day.fraction_usec % 1000; // kept: the last digits of the microseconds
     return write_day_time(buffer, size, day, flags);
@@ -273,8 +271,9 @@ int vytime_format(const vytime* value, char* buffer, int32_t size, uint32_t flag
     if (flags == 0)
         flags =
             VYTIME_FMT_HOUR | VYTIME_FMT_MIN | VYTIME_FMT_SEC | VYTIME_FMT_USEC | VYTIME_FMT_LOCAL;
-    const uint32_t units = units_of_day(vytime_count(*value));
-    DayTime day = split_day(local_second(units / units_per_second, flags));
+    const uint32_t units =
+        units_of_day(vytime_count(*value)) + local_offset(units_per_minute, flags);
+    DayTime day = split_day(units / units_per_second);
     // Kept: counted from the minute, up to eight digits.
     day.fraction_usec = units % units_per_minute * 32 + (value->low & 31);
     day.fraction_msec = day.fraction_usec % 1000000 / 1000;

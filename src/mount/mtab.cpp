@@ -57,8 +57,10 @@ static int copy_without(FILE* from, FILE* to, const char* devnode, const char* m
         if (addmntent(to, &line) != 0)
             return -1;
     }
-    // Neither a table that cannot be read to its end nor a full disk may cost the other lines.
-    return ferror(from) == 0 && stream_flush(to) == 0 ? 0 : -1;
+    // Some C libraries stop at a line that they cannot take, as they do at the end. Neither that
+    // nor a full disk may cost the other lines.
+    const bool complete = feof(from) != 0 && ferror(from) == 0;
+    return complete && stream_flush(to) == 0 ? 0 : -1;
 }
 
 void mtab_remove(const char* devnode, const char* mountpoint)

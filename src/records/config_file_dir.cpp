@@ -117,8 +117,8 @@ int conf_dir_exinfo(FILE* stream, const MountEntry* entry)
         return -1;
     if (line_write_text(stream, "Serial=", dev->serial) != 0)
         return -1;
-    if (line_write_text(stream, "Manufactuare=", dev->vname) !=
-        0) // kept: the spelling readers know
+    // The spelling is kept: readers know no other.
+    if (line_write_text(stream, "Manufactuare=", dev->vname) != 0)
         return -1;
     if (line_write_text(stream, "Product=", dev->pname) != 0)
         return -1;
