@@ -26,7 +26,8 @@ using EntryGuard = Guard<MountEntry, mount_entry_free>;
 // ---- add ----
 
 // Whether the disk has partitions, which come as messages of their own. Looks for "sd" names for
-// every kind of device: kept, cards without a partition table rely on never being passed over.
+// every kind of device, kept: a card goes on whatever partitions it has, unless the disk of the
+// same letter has some.
 static bool has_partitions(const HotplugDev* dev)
 {
     const auto letter = static_cast<char>('a' + hotplug_dev_index(dev));

@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <stdarg.h>
 #include <sys/socket.h>
+#include <time.h>
 
 static FakeCall planned = FAKE_CALLS;
 static int left = 0;
@@ -36,12 +37,16 @@ int __real_socket(int domain, int type, int protocol);
 int __real_fcntl(int fd, int command, ...);
 int __real_setsockopt(int fd, int level, int option, const void* value, socklen_t size);
 int __real_listen(int fd, int backlog);
+struct tm* __real_gmtime_r(const time_t* time, struct tm* fields);
+struct tm* __real_localtime_r(const time_t* time, struct tm* fields);
 
 int __wrap_socket(int domain, int type, int protocol);
 int __wrap_fcntl(int fd, int command, ...);
 int __wrap_fcntl64(int fd, int command, ...);
 int __wrap_setsockopt(int fd, int level, int option, const void* value, socklen_t size);
 int __wrap_listen(int fd, int backlog);
+struct tm* __wrap_gmtime_r(const time_t* time, struct tm* fields);
+struct tm* __wrap_localtime_r(const time_t* time, struct tm* fields);
 
 int __wrap_socket(int domain, int type, int protocol)
 {
@@ -75,5 +80,15 @@ int __wrap_setsockopt(int fd, int level, int option, const void* value, socklen_
 int __wrap_listen(int fd, int backlog)
 {
     return strikes(FAKE_LISTEN) ? -1 : __real_listen(fd, backlog);
+}
+
+struct tm* __wrap_gmtime_r(const time_t* time, struct tm* fields)
+{
+    return strikes(FAKE_GMTIME) ? nullptr : __real_gmtime_r(time, fields);
+}
+
+struct tm* __wrap_localtime_r(const time_t* time, struct tm* fields)
+{
+    return strikes(FAKE_LOCALTIME) ? nullptr : __real_localtime_r(time, fields);
 }
 }

@@ -1,6 +1,6 @@
-// Makes chosen calls of the C library fail, for sockets and descriptor flags, which do not go
-// through lib/sys.h. All other calls go on to the library. For executables linked with "-Wl,--wrap"
-// for socket, fcntl, fcntl64, setsockopt and listen.
+// Makes chosen calls of the C library fail, for sockets, descriptor flags and broken-down times,
+// which do not go through lib/sys.h. All other calls go on to the library. For executables linked
+// with "-Wl,--wrap" for socket, fcntl, fcntl64, setsockopt, listen, gmtime_r and localtime_r.
 #pragma once
 
 enum FakeCall {
@@ -8,6 +8,8 @@ enum FakeCall {
     FAKE_FCNTL,
     FAKE_SETSOCKOPT,
     FAKE_LISTEN,
+    FAKE_GMTIME,
+    FAKE_LOCALTIME,
     FAKE_CALLS, // how many there are
 };
 

@@ -280,6 +280,7 @@ pid_t sys_spawn(const char* file, char* const argv[], const int stdio[3])
     if (failed != 0)
         return failed;
     state.world.spawned.push_back(arguments);
+    state.world.streams.push_back({stdio[0], stdio[1], stdio[2]});
     FakeRun run;
     auto& script = state.world.programs[file];
     if (script.empty()) {

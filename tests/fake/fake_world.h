@@ -6,6 +6,7 @@
 #include <stdint.h>
 #include <sys/types.h>
 
+#include <array>
 #include <deque>
 #include <functional>
 #include <map>
@@ -58,6 +59,7 @@ struct FakeWorld {
     std::map<std::string, FakeMount> mounts; // by mountpoint
     std::vector<std::pair<pid_t, int>> signals;
     std::vector<std::vector<std::string>> spawned; // argument vectors
+    std::vector<std::array<int, 3>> streams;       // what their standard streams were to be
     uint64_t monotonic_usec = 1000000000;          // sleeping moves the clocks on
     uint64_t realtime_usec = 1700000000000000;
     uint64_t slept_usec = 0;

@@ -120,6 +120,8 @@ void operator delete(void* block) noexcept
     __real_free(block);
 }
 
+void operator delete(void* block,
+                     size_t) noexcept; // some compilers do not declare it by themselves
 void operator delete(void* block, size_t) noexcept
 {
     __real_free(block);

@@ -2,11 +2,10 @@
 //
 // Runs a command in a world of its own: mount, network, pid, ipc and uts namespaces, and a root
 // directory on one tmpfs, into which the host's programs are bound. Its /etc/mtab is a regular,
-// empty file; /tmp, /run, /var/run and /dev are its own, /sys/block is empty. Directories named
-// with
-// --keep are seen under the same path even where the host has them below /tmp or the like. Ends
-// with the command's status (128 + the signal's number when one killed it); whatever the command
-// left running is killed. Needs root: ends with 77 otherwise.
+// empty file; /tmp, /run, /var/run and /dev are its own, /sys/block, /root and /home are empty.
+// Directories named with --keep are seen under the same path even where the host has them below
+// /tmp or the like. Ends with the command's status (128 + the signal's number when one killed it);
+// whatever the command left running is killed. Needs root: ends with 77 otherwise.
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -88,7 +87,7 @@ static void bind_host()
         die("opendir", "/");
     while (const dirent* entry = readdir(host)) {
         if (is_one_of(entry->d_name, {".", "..", "proc", "sys", "dev", "tmp", "run", "etc", "var",
-                                      "mnt", "media", "lost+found"}))
+                                      "mnt", "media", "root", "home", "lost+found"}))
             continue;
         const std::string from = std::string("/") + entry->d_name;
         const std::string to = root + from;
@@ -174,6 +173,8 @@ static void make_root(const std::vector<std::string>& kept)
     make_directory(root + "/var/tmp", 01777);
     make_directory(root + "/mnt");
     make_directory(root + "/media");
+    make_directory(root + "/root"); // empty, and anybody may look for what is kept below
+    make_directory(root + "/home");
     make_directory(root + "/proc");
     make_directory(root + "/sys");
     bind("/sys", root + "/sys");

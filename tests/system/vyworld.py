@@ -413,6 +413,7 @@ class ShareService:
         return len(self.signals())
 
 
+SUPPRESSIONS = "thread-sanitizer.supp"  # copied, for the project may lie where only root may look
 SANITIZER_OPTIONS = ("ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS")
 
 
@@ -424,7 +425,7 @@ def environment(traced=False):
         if traced:
             options.append("detect_leaks=0")  # the leak check does not work under strace
         if name == "TSAN_OPTIONS":
-            options.append(f"suppressions={FOLDER}/thread-sanitizer.supp")
+            options.append(f"suppressions={PROGRAMS}/{SUPPRESSIONS}")
         result[name] = ":".join(filter(None, options))
     return result
 
@@ -467,6 +468,7 @@ echo "${{0##*/}} $*" >> {LABEL_RECORD}
         os.mkdir(PROGRAMS)
         binaries = os.environ["VY_BIN"]
         shutil.copy(os.path.join(binaries, "vyhotplugd"), PROGRAMS)
+        shutil.copy(os.path.join(FOLDER, SUPPRESSIONS), PROGRAMS)
         for name in ("vymount", "vyunmount", "vyhotpluginfo"):
             self.assertEqual(os.readlink(os.path.join(binaries, name)), "vyhotplugd")
             os.symlink("vyhotplugd", os.path.join(PROGRAMS, name))

@@ -247,6 +247,12 @@ TEST(VyGetopt, ComparesWithoutCaseOnlyWhereTheTableSaysSo)
     EXPECT_EQ(answers("Action=add", message_keys), (Items{"-=Action"}));
 }
 
+TEST(VyGetopt, AnOptionMayTakeAValueAndAnyCase)
+{
+    const vyopt_option table[] = {{'x', VYOPT_ARG | VYOPT_NOCASE, "Key"}, {0, 0, nullptr}};
+    EXPECT_EQ(answers("kEY=v,KEY", table), (Items{"x=v", "x"}));
+}
+
 TEST(VyGetopt, FirstDescriptorOfANameWins)
 {
     const vyopt_option table[] = {

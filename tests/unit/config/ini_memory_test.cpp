@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <string>
+#include <vector>
 
 // A read that is cut short: so many bytes at a time, and an error after so many calls.
 static size_t read_piece; // 0: as much as is asked for
@@ -44,6 +45,18 @@ int get(const char* section, const char* key, std::string* text)
     if (result == 0)
         config_release_string(value);
     return result;
+}
+
+std::vector<std::string> list_sections()
+{
+    SectionListGuard list;
+    EXPECT_EQ(config_get_section_list(path.c_str(), list.out()), 0);
+    std::vector<std::string> names;
+    if (!list)
+        return names;
+    for (vylist_node* node = list->next; node != vylist_end(list.get()); node = node->next)
+        names.emplace_back(static_cast<const char*>(node->data));
+    return names;
 }
 
 // Lets the 1st, 2nd, ... allocation of a lookup fail until none is left. Returns how many there
@@ -150,6 +163,17 @@ TEST(IniRead, AnErrorEndsTheFileBeforeTheLineItStruck)
     EXPECT_EQ(text, "2");
     read_calls = 9;
     EXPECT_EQ(get("", "c", &text), -ENOENT);
+}
+
+TEST(IniRead, AnErrorEndsTheSectionListBeforeTheLineItStruck)
+{
+    write_file(path, "[a]\n[b]\n[c]\n");
+    read_error = EIO;
+    read_piece = 1;
+    read_calls = 8; // seven bytes: "[b]" is there, its end is not
+    EXPECT_EQ(list_sections(), (std::vector<std::string>{"a"}));
+    read_calls = 9;
+    EXPECT_EQ(list_sections(), (std::vector<std::string>{"a", "b"}));
 }
 
 } // namespace

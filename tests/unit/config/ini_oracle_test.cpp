@@ -75,12 +75,13 @@ std::string random_soup(Random& random)
     return line;
 }
 
-std::string random_file(Random& random)
+// A file of so many lines, so many of a hundred of them headers.
+std::string random_file(Random& random, uint32_t lines, uint32_t headers)
 {
     std::string text;
-    for (uint32_t left = random.below(25); left > 0; left--) {
+    for (uint32_t left = lines; left > 0; left--) {
         const uint32_t kind = random.below(100);
-        if (kind < 35)
+        if (kind < headers)
             text += random_header(random);
         else if (kind < 80)
             text += random_entry(random);
@@ -91,6 +92,17 @@ std::string random_file(Random& random)
     if (!text.empty() && random.chance(30))
         text.pop_back(); // the last line without its end
     return text;
+}
+
+std::string random_file(Random& random)
+{
+    return random_file(random, random.below(25), 35);
+}
+
+// A file whose sections hold more entries than the reader keeps at hand of one.
+std::string random_long_file(Random& random)
+{
+    return random_file(random, 80 + random.below(80), 1);
 }
 
 std::string printable(const std::string& text)
@@ -122,6 +134,17 @@ Question random_question(Random& random)
     question.no_section = random.chance(5);
     question.key = random.chance(95) ? pick_common(random, keys) : std::string(511, 'K');
     const int32_t occurrences[] = {INI_LAST, INI_LAST, INI_LAST, 1, 2, 3, 0, -2};
+    question.occurrence = occurrences[random.below(8)];
+    return question;
+}
+
+// A question whose answer lies about the end of what the reader keeps at hand.
+Question random_far_question(Random& random)
+{
+    Question question = random_question(random);
+    if (random.chance(70))
+        question.section = "";
+    const int32_t occurrences[] = {INI_LAST, INI_LAST, 10, 20, 24, 25, 26, 30};
     question.occurrence = occurrences[random.below(8)];
     return question;
 }
@@ -163,41 +186,65 @@ std::vector<std::string> take_names(vylist* list)
     return found;
 }
 
+// How the questions were answered.
+struct Tally {
+    int found;
+    int found_far; // the 25th of a key or a later one
+    int without_section;
+    int without_key;
+};
+
+// Asks twelve questions about a file, each of the file and of two documents made of it.
+void compare(Random& random, const std::string& text, Question (*ask)(Random&), Tally* tally)
+{
+    write_file(path, text);
+    IniDocGuard loaded;
+    IniDocGuard parsed;
+    ASSERT_EQ(ini_doc_load(path.c_str(), loaded.out()), 0);
+    ASSERT_EQ(ini_doc_parse(text.data(), text.size(), parsed.out()), 0);
+    for (int asked = 0; asked < 12; asked++) {
+        const Question question = ask(random);
+        const IniOracleAnswer expected =
+            ini_oracle_get_string(path, question.section_text(), question.key, question.occurrence);
+        const std::string answer = text_of(expected);
+        const std::string where = printable(text) + "\nsection \"" + printable(question.section) +
+                                  (question.no_section ? "\" (null)" : "\"") + " key \"" +
+                                  printable(question.key) + "\" occurrence " +
+                                  std::to_string(question.occurrence);
+        ASSERT_EQ(text_of(ask_file(question)), answer) << where;
+        ASSERT_EQ(text_of(ask_doc(loaded.get(), question)), answer) << where;
+        ASSERT_EQ(text_of(ask_doc(parsed.get(), question)), answer) << where;
+        tally->found += expected.result == 0 ? 1 : 0;
+        tally->found_far += expected.result == 0 && question.occurrence >= 25 ? 1 : 0;
+        tally->without_section += expected.result == -1 ? 1 : 0;
+        tally->without_key += expected.result == -2 ? 1 : 0;
+    }
+}
+
 TEST(IniOracle, AgreesOnEveryValueOfGeneratedFiles)
 {
     Random random(20240611);
-    int found = 0;
-    int without_section = 0;
-    int without_key = 0;
-    for (int i = 0; i < 5000; i++) {
-        const std::string text = random_file(random);
-        write_file(path, text);
-        IniDocGuard loaded;
-        IniDocGuard parsed;
-        ASSERT_EQ(ini_doc_load(path.c_str(), loaded.out()), 0);
-        ASSERT_EQ(ini_doc_parse(text.data(), text.size(), parsed.out()), 0);
-        for (int asked = 0; asked < 12; asked++) {
-            const Question question = random_question(random);
-            const IniOracleAnswer expected = ini_oracle_get_string(
-                path, question.section_text(), question.key, question.occurrence);
-            const std::string answer = text_of(expected);
-            const std::string where = "file " + std::to_string(i) + ": " + printable(text) +
-                                      "\nsection \"" + printable(question.section) +
-                                      (question.no_section ? "\" (null)" : "\"") + " key \"" +
-                                      printable(question.key) + "\" occurrence " +
-                                      std::to_string(question.occurrence);
-            ASSERT_EQ(text_of(ask_file(question)), answer) << where;
-            ASSERT_EQ(text_of(ask_doc(loaded.get(), question)), answer) << where;
-            ASSERT_EQ(text_of(ask_doc(parsed.get(), question)), answer) << where;
-            found += expected.result == 0 ? 1 : 0;
-            without_section += expected.result == -1 ? 1 : 0;
-            without_key += expected.result == -2 ? 1 : 0;
-        }
-    }
+    Tally tally = {};
+    for (int i = 0; i < 5000; i++)
+        ASSERT_NO_FATAL_FAILURE(compare(random, random_file(random), random_question, &tally))
+            << "file " << i;
     // The questions are worth asking.
-    EXPECT_GT(found, 4000);
-    EXPECT_GT(without_section, 4000);
-    EXPECT_GT(without_key, 4000);
+    EXPECT_GT(tally.found, 4000);
+    EXPECT_GT(tally.without_section, 4000);
+    EXPECT_GT(tally.without_key, 4000);
+}
+
+TEST(IniOracle, AgreesOnEveryValueOfLongSections)
+{
+    Random random(20240612);
+    Tally tally = {};
+    for (int i = 0; i < 150; i++)
+        ASSERT_NO_FATAL_FAILURE(
+            compare(random, random_long_file(random), random_far_question, &tally))
+            << "file " << i;
+    // The questions are worth asking.
+    EXPECT_GT(tally.found, 200);
+    EXPECT_GT(tally.found_far, 20);
 }
 
 TEST(IniOracle, AgreesOnTheSectionListOfGeneratedFiles)

@@ -1,5 +1,6 @@
 #include "config/ini.h"
 
+#include "fake/fake_log.h"
 #include "support/files.h"
 
 #include <gtest/gtest.h>
@@ -314,6 +315,12 @@ TEST(IniValue, LosesItsLeadingBlanksBeforeItIsCut)
     EXPECT_EQ(lookup_in("k=" + std::string(3000, ' ') + "v\n", "", "k"), "0 v");
 }
 
+TEST(IniValue, LosesTheBlanksAtItsEndBeforeItIsCut)
+{
+    EXPECT_EQ(lookup_in("k=" + std::string(2040, 'a') + std::string(100, ' ') + "b\n", "", "k"),
+              "0 " + std::string(2040, 'a') + std::string(7, ' '));
+}
+
 TEST(IniValue, MayHoldBracketsAndBytesAbove127)
 {
     EXPECT_EQ(lookup_in("k=[\xFF] \xC3\xA4\n", "", "k"), "0 [\xFF] \xC3\xA4");
@@ -342,6 +349,22 @@ TEST(IniOccurrence, LastWinsEvenWhenItIsEmpty)
     EXPECT_EQ(lookup_in("k=1\nk=\n", "", "k", INI_LAST), "0 ");
     EXPECT_EQ(lookup_in("k=\nk=2\n", "", "k", INI_LAST), "0 2");
     EXPECT_EQ(lookup_in("k=\nk=2\n", "", "k", 1), "0 ");
+}
+
+// A section's first entries are kept at hand, the others are looked for in the text.
+TEST(IniOccurrence, GoesOnBehindTheEntriesKeptAtHand)
+{
+    for (int before = 20; before <= 50; before++) {
+        std::string text = "[s]\n";
+        for (int i = 1; i <= before; i++)
+            text += "x" + std::to_string(i) + "=v\n";
+        write_file(path, text + "k=1\n[b\nnone\n K = 2\n[t]\nk=3\n");
+        EXPECT_EQ(lookup("s", "k", INI_LAST), "0 2") << before;
+        EXPECT_EQ(lookup("s", "k", 1), "0 1") << before;
+        EXPECT_EQ(lookup("s", "k", 2), "0 2") << before;
+        EXPECT_EQ(lookup("s", "k", 3), "-2") << before;
+        EXPECT_EQ(lookup("s", ("x" + std::to_string(before)).c_str()), "0 v") << before;
+    }
 }
 
 // ---- lines ----
@@ -499,6 +522,22 @@ TEST(IniArguments, AFailureLeavesTheListUntouched)
     EXPECT_EQ(config_get_section_list("/tmp/none", &list), -EIO);
     EXPECT_EQ(config_get_section_list(nullptr, &list), -EINVAL);
     EXPECT_EQ(list, &mark);
+}
+
+TEST(IniArguments, AFailureIsNotLogged)
+{
+    write_file(path, "[dev]\na=1\n");
+    EXPECT_EQ(lookup("dev", "k"), std::to_string(-ENOENT));
+    EXPECT_EQ(lookup("dev", "a", 2), std::to_string(-ENOENT));
+    EXPECT_EQ(lookup("none", "a"), "-1");
+    ASSERT_EQ(unlink(path.c_str()), 0);
+    EXPECT_EQ(lookup("dev", "a"), std::to_string(-EIO));
+    char* value = nullptr;
+    EXPECT_EQ(config_get_ini_string(nullptr, "dev", "a", &value, INI_LAST), -EINVAL);
+    vylist* list = nullptr;
+    EXPECT_EQ(config_get_section_list(path.c_str(), &list), -EIO);
+    EXPECT_EQ(config_get_section_list(nullptr, &list), -EINVAL);
+    EXPECT_TRUE(fake_log_lines().empty());
 }
 
 TEST(IniFile, MissingGivesEio)

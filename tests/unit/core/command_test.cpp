@@ -3,6 +3,7 @@
 #include "busy_devices.h"
 #include "fake/fake_log.h"
 #include "fake/fake_world.h"
+#include "support/failing_memory.h"
 #include "support/files.h"
 
 #include <errno.h>
@@ -209,6 +210,32 @@ TEST_F(CommandTest, AMountThatFailsLeavesNothing)
     EXPECT_FALSE(exists(node_of("sda1")));
 }
 
+// Memory runs out at each allocation in turn; the last one is the busy-device set's.
+TEST_F(CommandTest, AMountThatCannotBeRememberedStaysMounted)
+{
+    int result = 0;
+    size_t mounts = 0;
+    Names hooks;
+    for (int nth = 1; nth < 100; nth++) {
+        fake_world_reset();
+        put_fat("sda1");
+        const long before = memory_blocks();
+        memory_fail(nth);
+        const int handled = handle("ACTION=add,MAJOR=8,MINOR=1");
+        if (!memory_failed())
+            break;
+        result = handled;
+        mounts = fake_world().mounts.count(directory_of("sda1"));
+        hooks = hook_calls();
+        EXPECT_EQ(memory_blocks(), before) << nth;
+        EXPECT_TRUE(entries().empty()) << nth;
+    }
+    EXPECT_EQ(entries().size(), 1U); // once there was memory for all
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(mounts, 1U);
+    EXPECT_EQ(hooks, (Names{"mount sda1"}));
+}
+
 TEST_F(CommandTest, TheSameDeviceMayBeAddedTwice)
 {
     put_fat("sda1");
@@ -234,6 +261,17 @@ TEST_F(CommandTest, TheDisksNumberIsLoggedWhereItIsOutOfRange)
     EXPECT_EQ(log_lines(),
               (Names{"daemon(#)Out of Device Range(100)", "daemon(#)Out of Device Range(26)",
                      "daemon(#)Out of Device Range(26)"}));
+}
+
+TEST_F(CommandTest, AMinorBelowZeroIsOutOfRange)
+{
+    for (const char* minor : {"-1", "-15", "-16", "-17", "-2147483648"}) {
+        fake_log_clear();
+        EXPECT_EQ(handle(std::string("ACTION=add,MAJOR=8,MINOR=") + minor), -1) << minor;
+        EXPECT_EQ(log_lines(), (Names{"daemon(#)Out of Device Range(-1)"})) << minor;
+    }
+    EXPECT_TRUE(fake_world().journal.empty());
+    EXPECT_TRUE(entries().empty());
 }
 
 TEST_F(CommandTest, AnotherMajorFailsSilently)
@@ -287,6 +325,14 @@ TEST_F(CommandTest, ADeviceOfASingleMinorIsNotLookedInto)
     put_fat("sda0");
     show_partition("sda", "sda1");
     EXPECT_EQ(handle("ACTION=add,MAJOR=8,MINOR=0,RANGE=1"), COMMAND_ADDED);
+}
+
+TEST_F(CommandTest, ADeviceOfTwoMinorsIsLookedInto)
+{
+    put_fat("sda0");
+    show_partition("sda", "sda1");
+    EXPECT_EQ(handle("ACTION=add,MAJOR=8,MINOR=0,RANGE=2"), -1);
+    EXPECT_TRUE(fake_world().journal.empty());
 }
 
 TEST_F(CommandTest, APartitionIsNotLookedInto)

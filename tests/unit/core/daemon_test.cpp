@@ -8,6 +8,7 @@
 #include "lib/process.h"
 #include "lib/socket_unix.h"
 #include "support/child.h"
+#include "support/failing_memory.h"
 #include "support/files.h"
 
 #include <gtest/gtest.h>
@@ -54,6 +55,8 @@ class DaemonTest : public testing::Test {
         fake_world().on_sleep = [this](uint64_t usec) {
             if (usec == idle_pause)
                 idle();
+            else if (other_sleep)
+                other_sleep(usec);
         };
         return daemon_run(&ctx);
     }
@@ -138,6 +141,7 @@ class DaemonTest : public testing::Test {
 
     DaemonCtx ctx = {};
     int pauses = 0;
+    std::function<void(uint64_t usec)> other_sleep; // called at each that is no idle pause
 
   private:
     std::vector<std::function<void()>> steps;
@@ -257,6 +261,27 @@ TEST_F(DaemonTest, RunsWithDefaultsWithoutAConfigurationFile)
     EXPECT_EQ(fake_log_texts()[1], "config_file(#)No Such File(/tmp/missing.conf)");
 }
 
+// The two lists come first, then the configuration.
+TEST_F(DaemonTest, FailsWithoutMemoryForItsListsOrItsConfiguration)
+{
+    const Names logs[] = {{}, {}, {"Load Config File(/tmp/daemon.conf)"}};
+    for (int nth = 1; nth <= 3; nth++) {
+        SCOPED_TRACE(nth);
+        fake_log_clear();
+        ctx.running = 1;
+        const long before = memory_blocks();
+        memory_fail(nth);
+        EXPECT_EQ(run(), -1);
+        EXPECT_TRUE(memory_failed());
+        EXPECT_EQ(memory_blocks(), before);
+        EXPECT_EQ(pauses, 0);
+        EXPECT_EQ(ctx.running, 0);
+        EXPECT_EQ(ctx.config, nullptr);
+        EXPECT_EQ(log_lines(), logs[nth - 1]);
+        EXPECT_EQ(fake_log_lines().size(), logs[nth - 1].size()); // nor a word of the thread
+    }
+}
+
 TEST_F(DaemonTest, FailsWhenTheReceiveThreadCannotBeMade)
 {
     fake_start().pthread_create_error = EAGAIN;
@@ -274,6 +299,18 @@ TEST_F(DaemonTest, EndsWhenItCannotListen)
         1, [this] { EXPECT_TRUE(wait_for([this] { return flag_get(&ctx.running) == 0; })); });
     EXPECT_EQ(run(waiting), 0);
     EXPECT_LE(pauses, 1); // none where the thread was faster
+}
+
+TEST_F(DaemonTest, EndsWhenItCannotWaitForConnections)
+{
+    fake_world().fail("select", 1, ENOMEM);
+    std::vector<std::function<void()>> waiting(
+        1, [this] { EXPECT_TRUE(wait_for([this] { return flag_get(&ctx.running) == 0; })); });
+    EXPECT_EQ(run(waiting), 0);
+    EXPECT_LE(pauses, 1); // none where the thread was faster
+    EXPECT_EQ(fake_world().count("select"), 1);
+    const Names lines = fake_log_texts();
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), "recieve(#)exit recieve loop"), 1);
 }
 
 TEST_F(DaemonTest, LeavesNothingBehind)
@@ -353,6 +390,45 @@ TEST_F(DaemonTest, ARefreshThatIsDueAndAskedForIsMadeOnce)
 {
     EXPECT_EQ(run({[this] { flag_set(&ctx.refresh, 1); }, [] {}, [] {}}), 0);
     EXPECT_EQ(refreshes(), 1);
+}
+
+// Asked for inside a burst, it waits for the burst's end.
+TEST_F(DaemonTest, ARefreshThatIsAskedForWaitsForTheNextPause)
+{
+    put_fat("sda1");
+    put_fat("sdb1");
+    other_sleep = [this](uint64_t usec) {
+        if (usec == 2000000) // until the first one is due
+            flag_set(&ctx.refresh, 1);
+    };
+    EXPECT_EQ(run({[] {},
+                   [this] {
+                       send_event("ACTION=add,MAJOR=8,MINOR=1");
+                       send_event("ACTION=add,MAJOR=8,MINOR=17");
+                   },
+                   [] {}, [] {}}),
+              0);
+    EXPECT_EQ(events(), (Names{"pause", "kill", "pause", "nanosleep 2000000", "mount", "hook",
+                               "mount", "hook", "pause", "kill", "pause", "pause"}));
+    EXPECT_EQ(ctx.refresh, 0);
+}
+
+TEST_F(DaemonTest, ARefreshWithoutMemoryIsNotMadeUpFor)
+{
+    const std::string record = "[1:1:1:1]\nShare Name=\n";
+    write_file(device_file, record);
+    std::string behind_it;
+    EXPECT_EQ(run({[] { memory_fail(1); }, // the device table's
+                   [&] {
+                       EXPECT_TRUE(memory_failed());
+                       behind_it = read_file(device_file);
+                   },
+                   [] {}, [this] { flag_set(&ctx.refresh, 1); }, [] {}}),
+              0);
+    EXPECT_EQ(behind_it, record);
+    EXPECT_EQ(refreshes(), 1); // the one that was asked for
+    // What was marked went with the first: the record that nobody named is still there.
+    EXPECT_EQ(read_file(device_file).substr(0, 10), "[1:1:1:1]\n");
 }
 
 TEST_F(DaemonTest, EveryHandledCommandBringsARefresh)
@@ -527,6 +603,17 @@ TEST_F(DaemonTest, ReapsOneChildEvery300IdlePasses)
     plan[600] = [&] { EXPECT_EQ(fake_world().count("waitpid"), 2); };
     EXPECT_EQ(run(plan), 0);
     EXPECT_EQ(fake_world().calls("waitpid"), (Names{"waitpid -1 1", "waitpid -1 1"}));
+}
+
+// Only passes without a command are counted, and a command does not begin the count anew.
+TEST_F(DaemonTest, ACommandDoesNotChangeWhenChildrenAreReaped)
+{
+    std::vector<std::function<void()>> plan(304, [] {});
+    plan[10] = [this] { send_event("hello"); };
+    plan[299] = [&] { EXPECT_EQ(fake_world().count("waitpid"), 0); };
+    plan[300] = [&] { EXPECT_EQ(fake_world().count("waitpid"), 1); };
+    EXPECT_EQ(run(plan), 0);
+    EXPECT_EQ(fake_world().count("waitpid"), 1);
 }
 
 // A slow hook holds the loop, and is reaped by a later pass when it has outlived its time.

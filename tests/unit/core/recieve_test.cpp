@@ -8,6 +8,7 @@
 #include "lib/platform.h"
 #include "lib/socket_unix.h"
 #include "support/child.h"
+#include "support/failing_memory.h"
 #include "support/files.h"
 
 #include <gtest/gtest.h>
@@ -88,6 +89,20 @@ class ReceiveTest : public testing::Test {
         HotplugCmd* cmd = nullptr;
         EXPECT_TRUE(wait_for([&] { return crtsec_cmd_dequeue(&cmd) == 0; }));
         return cmd;
+    }
+
+    // The thread's end of the connection that it has read from, once it waits for others again; -1
+    // before that.
+    static int end_in_daemon()
+    {
+        int fd = -1;
+        bool waits = false;
+        for (const std::string& call : fake_world().calls("select ")) {
+            waits = call.find(" 0 1000000") != std::string::npos;
+            if (!waits)
+                fd = std::stoi(call.substr(strlen("select ")));
+        }
+        return waits ? fd : -1;
     }
 
     // Whether the thread closes the connection, which it does without an answer.
@@ -281,6 +296,26 @@ TEST_F(ReceiveTest, AConnectionThatSendsNothingIsDroppedAfterTwoSeconds)
     for (const std::string& call : fake_world().calls("select"))
         reads += call.find(" 0 2000000") != std::string::npos ? 1 : 0;
     EXPECT_EQ(reads, 1);
+}
+
+// Kept: the command goes, the connection does not.
+TEST_F(ReceiveTest, ACommandThatCannotBeQueuedLeavesItsConnectionOpen)
+{
+    start();
+    ASSERT_TRUE(wait_for([] { return fake_world().count("select") > 0; }));
+    const long before = memory_blocks();
+    memory_fail(3); // behind the command's two blocks comes its place in the queue
+    const FdGuard fd(send_text("ACTION=mount,all"));
+    ASSERT_TRUE(wait_for([] { return end_in_daemon() != -1; }));
+    EXPECT_TRUE(memory_failed());
+    EXPECT_EQ(memory_blocks(), before);
+    stop();
+    HotplugCmd* cmd = nullptr;
+    EXPECT_EQ(crtsec_cmd_dequeue(&cmd), -1);
+    char byte = 0;
+    EXPECT_EQ(recv(fd.get(), &byte, 1, MSG_DONTWAIT), -1); // 0 when it was closed
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_EQ(close(end_in_daemon()), 0);
 }
 
 // ---- the loop ----

@@ -401,6 +401,22 @@ TEST_F(RequestTest, EntriesStayInTheSetAndCanBeMountedAgain)
     EXPECT_EQ(entries(), (std::vector<MountEntry*>{entry}));
 }
 
+// Pulled out or not, what is in the set is served until the refresh takes it out.
+TEST_F(RequestTest, WhatIsGoneIsSelectedToo)
+{
+    MountEntry* mounted = add(MAJOR_SD, 1);
+    MountEntry* unmounted = add(MAJOR_SD, 2, 16, false);
+    mounted->gone = 1;
+    unmounted->gone = 1;
+    EXPECT_EQ(unmount("sda1"), 0);
+    EXPECT_EQ(mounted->mounted, 0);
+    EXPECT_EQ(mount("sda2"), 0);
+    EXPECT_EQ(unmounted->mounted, 1);
+    EXPECT_EQ(hook_calls(), (Names{"unmount sda1", "mount sda2"}));
+    EXPECT_EQ(mounted->gone, 1);
+    EXPECT_EQ(unmounted->gone, 1);
+}
+
 // The type that was found once is what a later mount asks for.
 TEST_F(RequestTest, MountingAgainAsksForTheSameFilesystem)
 {

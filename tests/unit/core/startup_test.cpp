@@ -266,6 +266,16 @@ TEST(Startup, RefusesAMissingConfigurationFile)
     expect_parse_error({"--file", "/tmp/missing"}, text);
 }
 
+// What is not there is told before what is too long.
+TEST(Startup, ALongPathToNothingIsAMissingFile)
+{
+    const std::string path = "/tmp/" + std::string(123, 'm');
+    ASSERT_EQ(path.size(), 128U);
+    expect_parse_error({"-f", path}, "Error : no such file (" + path + ")\n" + help_text);
+    const std::string longer = "/tmp/" + std::string(200, 'm');
+    expect_parse_error({"-f", longer}, "Error : no such file (" + longer + ")\n" + help_text);
+}
+
 TEST(Startup, RefusesTheFileOptionWithoutAPath)
 {
     const std::string text = std::string("Error : no such file ((null))\n") + help_text;
@@ -400,6 +410,28 @@ TEST(Startup, TheDaemonLogsToTheSystemLogAlone)
     write_file(config_file, "mountpath=/tmp\n");
     const Start start = start_daemon({"-D", "-f", config_file},
                                      [] { fake_world().on_sleep = [](uint64_t) { terminate(); }; });
+    EXPECT_EQ(start.result.status, 0);
+    EXPECT_TRUE(reports(start, "openlog vyhotplugd 0x1 0x18"));
+}
+
+TEST(Startup, TheLongOptionForTheForegroundIsDebug)
+{
+    write_file(config_file, "mountpath=/tmp\n");
+    const Start start = start_daemon({"--debug", "-f", config_file}, [] {
+        fake_start().daemon_error = EAGAIN;
+        fake_world().on_sleep = [](uint64_t) { terminate(); };
+    });
+    EXPECT_EQ(start.result.status, 0);
+    EXPECT_TRUE(reports(start, "openlog vyhotplugd 0x21 0x18"));
+}
+
+TEST(Startup, TheLongOptionForTheRestartedDaemonIsDaemon)
+{
+    write_file(config_file, "mountpath=/tmp\n");
+    const Start start = start_daemon({"--Daemon", "-f", config_file}, [] {
+        fake_start().daemon_error = EAGAIN; // it is detached already
+        fake_world().on_sleep = [](uint64_t) { terminate(); };
+    });
     EXPECT_EQ(start.result.status, 0);
     EXPECT_TRUE(reports(start, "openlog vyhotplugd 0x1 0x18"));
 }
@@ -580,6 +612,24 @@ TEST(Startup, WithoutAWorkingDirectoryThePathStaysRelative)
     EXPECT_EQ(loaded_config(start), "");
 }
 
+// Makes a directory below /tmp whose path has more than the 255 characters that are asked for.
+std::string make_deep_directory()
+{
+    std::string path = "/tmp";
+    for (int depth = 0; depth < 3; depth++) {
+        path += "/" + std::string(100, 'd');
+        EXPECT_EQ(mkdir(path.c_str(), 0755), 0);
+    }
+    return path;
+}
+
+TEST(Startup, InADirectoryThatIsTooDeepThePathStaysRelative)
+{
+    const std::string deep = make_deep_directory();
+    write_file(deep + "/my.conf", "mountpath=/tmp\n");
+    EXPECT_EQ(config_loaded_in(deep, {"-f", "my.conf"}), "my.conf");
+}
+
 // ---- where the program is ----
 
 TEST(Startup, ARelativeProgramNeedsAWorkingDirectory)
@@ -589,6 +639,18 @@ TEST(Startup, ARelativeProgramNeedsAWorkingDirectory)
         EXPECT_EQ(chdir("/tmp/gone"), 0);
         EXPECT_EQ(rmdir("/tmp/gone"), 0);
         // Not even the help is given.
+        return call_main(vyhotplug_main, {"bin/vyhotplugd", "-h"}) == -1 ? 5 : 6;
+    });
+    EXPECT_EQ(result.status, 5);
+    EXPECT_EQ(result.err, "");
+    EXPECT_EQ(result.out, "");
+}
+
+TEST(Startup, ARelativeProgramNeedsADirectoryThatIsNotTooDeep)
+{
+    const std::string deep = make_deep_directory();
+    const ChildResult result = run_child([&] {
+        EXPECT_EQ(chdir(deep.c_str()), 0);
         return call_main(vyhotplug_main, {"bin/vyhotplugd", "-h"}) == -1 ? 5 : 6;
     });
     EXPECT_EQ(result.status, 5);
@@ -667,6 +729,23 @@ TEST_F(RestartTest, ARelativeProgramIsFoundFromTheRoot)
 {
     EXPECT_EQ(command({"./bin/vyhotplugd", "-f", "my.conf"}),
               "/tmp/place/./bin/vyhotplugd -f /tmp/place/my.conf -l 4 -D");
+}
+
+// The program that is started is the one of the cut name.
+TEST_F(RestartTest, AProgramsLongPathIsCutTo127Characters)
+{
+    const std::string name = "/tmp/place/" + std::string(150, 'p');
+    const std::string cut = name.substr(0, 127);
+    put_program(cut);
+    EXPECT_EQ(command({name, "-f", "/tmp/place/my.conf"}), cut + " -f /tmp/place/my.conf -l 4 -D");
+}
+
+TEST_F(RestartTest, ARelativeProgramsPathIsCutBehindTheDirectory)
+{
+    const std::string name = "bin/" + std::string(150, 'p');
+    const std::string cut = ("/tmp/place/" + name).substr(0, 127);
+    put_program(cut);
+    EXPECT_EQ(command({name, "-f", "/tmp/place/my.conf"}), cut + " -f /tmp/place/my.conf -l 4 -D");
 }
 
 TEST_F(RestartTest, AProgramWithoutADirectoryIsSearchedOnThePath)

@@ -282,7 +282,8 @@ INSTANTIATE_TEST_SUITE_P(
                     ContentRow{"the largest", "2147483647\n", 2147483647},
                     ContentRow{"15 digits", "000000000000812", 812},
                     ContentRow{"15 digits and a newline", "000000000000812\n", 812},
-                    ContentRow{"14 digits, a newline and more", "00000000000812\n99999\n", 812}));
+                    ContentRow{"14 digits, a newline and more", "00000000000812\n99999\n", 812},
+                    ContentRow{"a zero byte behind the digits", std::string("812\0x", 5), 812}));
 
 INSTANTIATE_TEST_SUITE_P(
     CutToFifteen, PidFileContent,
@@ -291,18 +292,18 @@ INSTANTIATE_TEST_SUITE_P(
                     ContentRow{"a long line of digits", "000000000000812345678901234567890", 812},
                     ContentRow{"letters behind the fifteenth", "000000000000812abc\n", 812}));
 
-INSTANTIATE_TEST_SUITE_P(NoPid, PidFileContent,
-                         testing::Values(ContentRow{"nothing", "", 0},
-                                         ContentRow{"a newline alone", "\n", 0},
-                                         ContentRow{"letters behind the digits", "812abc\n", 0},
-                                         ContentRow{"letters", "running\n", 0},
-                                         ContentRow{"two newlines", "812\n\n", 0},
-                                         ContentRow{"a second line", "812\n813\n", 0},
-                                         ContentRow{"a blank behind the digits", "812 \n", 0},
-                                         ContentRow{"a carriage return", "812\r\n", 0},
-                                         ContentRow{"hexadecimal", "0x32C\n", 0},
-                                         ContentRow{"more than 32 bits", "99999999999\n", 0},
-                                         ContentRow{"blanks alone", "   \n", 0}));
+INSTANTIATE_TEST_SUITE_P(
+    NoPid, PidFileContent,
+    testing::Values(ContentRow{"nothing", "", 0}, ContentRow{"a newline alone", "\n", 0},
+                    ContentRow{"a zero byte in front", std::string("\000812\n", 5), 0},
+                    ContentRow{"letters behind the digits", "812abc\n", 0},
+                    ContentRow{"letters", "running\n", 0}, ContentRow{"two newlines", "812\n\n", 0},
+                    ContentRow{"a second line", "812\n813\n", 0},
+                    ContentRow{"a blank behind the digits", "812 \n", 0},
+                    ContentRow{"a carriage return", "812\r\n", 0},
+                    ContentRow{"hexadecimal", "0x32C\n", 0},
+                    ContentRow{"more than 32 bits", "99999999999\n", 0},
+                    ContentRow{"blanks alone", "   \n", 0}));
 
 class PidFileSignal : public SignalTest, public testing::Test {};
 

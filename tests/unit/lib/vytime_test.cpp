@@ -1,5 +1,6 @@
 #include "lib/vytime.h"
 
+#include "fake/fake_libc.h"
 #include "fake/fake_world.h"
 
 #include <gtest/gtest.h>
@@ -258,6 +259,19 @@ TEST_F(VytimeZone, WithoutATimeIsZero)
     fake_world().realtime_usec = (winter_day + 43200) * 1000000;
     fake_world().fail("time", 1, EFAULT);
     EXPECT_EQ(vytime_get_timezone(), 0);
+}
+
+TEST_F(VytimeZone, WithoutItsFieldsIsZero)
+{
+    setenv("TZ", "<+01>-1", 1);
+    tzset();
+    fake_world().realtime_usec = (winter_day + 43200) * 1000000;
+    for (const FakeCall call : {FAKE_GMTIME, FAKE_LOCALTIME}) {
+        fake_libc_fail(call, 1, EOVERFLOW);
+        EXPECT_EQ(vytime_get_timezone(), 0) << call;
+        EXPECT_TRUE(fake_libc_end()) << call;
+    }
+    EXPECT_EQ(vytime_get_timezone(), 60);
 }
 
 // ---- the stopwatch ----

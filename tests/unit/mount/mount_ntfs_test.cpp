@@ -71,6 +71,17 @@ TEST_F(MountNtfsTest, ExtraOptionsStandBehindAComma)
                                         "uid=7,gid=8,fmask=0113,dmask=0002,noatime,big_writes")}));
 }
 
+// Numbers above 2147483647 are told as the negative ones of the same bits.
+TEST_F(MountNtfsTest, TheOwnersNumbersAreSigned)
+{
+    config.defaultuid = 4294967295U;
+    config.defaultgid = 4294967294U;
+    script({run(exit_0)});
+    EXPECT_EQ(mount(), 0);
+    EXPECT_EQ(fake_world().spawned,
+              (std::vector<Arguments>{driver_with("uid=-1,gid=-2,fmask=0113,dmask=0002")}));
+}
+
 TEST_F(MountNtfsTest, EmptyExtraOptionsLeaveNoComma)
 {
     set_ntfs_options("");
@@ -168,6 +179,18 @@ TEST_F(MountNtfsTest, ADriverThatRunsOnFor60SecondsIsMounted)
     EXPECT_TRUE(fake_world().signals.empty()); // it is not interrupted
 }
 
+TEST_F(MountNtfsTest, AReadOnlyDevicesDriverThatRunsOnIsMounted)
+{
+    dev.flags = HOTPLUG_FLAG_READONLY | HOTPLUG_FLAG_REMOVABLE;
+    script({run(exit_0, -1)});
+    EXPECT_EQ(mount(), 0);
+    EXPECT_EQ(fake_world().spawned,
+              (std::vector<Arguments>{driver_with(std::string("ro,") + owner_text)}));
+    EXPECT_EQ(dev.helperpid, first_pid);
+    EXPECT_EQ(dev.flags, HOTPLUG_FLAG_READONLY | HOTPLUG_FLAG_REMOVABLE);
+    EXPECT_EQ(entry.mounted, 1);
+}
+
 TEST_F(MountNtfsTest, AWaitThatFailsCountsAsMounted)
 {
     script({run(exit_1)});
@@ -206,6 +229,18 @@ TEST_F(MountNtfsTest, ASecondRunThatGoesOnIsMountedAndKeepsItsPid)
     script({run(exit_1), run(exit_0, -1)});
     EXPECT_EQ(mount(), 0);
     EXPECT_EQ(fake_world().slept_usec, 60000000U);
+    EXPECT_EQ(dev.helperpid, first_pid + 1);
+    EXPECT_EQ(dev.flags, 0);
+    EXPECT_EQ(entry.mounted, 1);
+}
+
+TEST_F(MountNtfsTest, ASecondWaitThatFailsCountsAsMountedToo)
+{
+    dev.flags = HOTPLUG_FLAG_REMOVABLE;
+    script({run(exit_1), run(exit_1)});
+    fake_world().fail("waitpid", 2, ECHILD);
+    EXPECT_EQ(mount(), 0);
+    EXPECT_EQ(fake_world().spawned.size(), 2U);
     EXPECT_EQ(dev.helperpid, first_pid + 1);
     EXPECT_EQ(dev.flags, 0);
     EXPECT_EQ(entry.mounted, 1);

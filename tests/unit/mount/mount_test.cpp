@@ -4,6 +4,7 @@
 #include "support/files.h"
 
 #include <errno.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -392,6 +393,16 @@ TEST_F(MountTest, FatTextCarriesOwnerAndMasks)
               "uid=1000,gid=500,fmask=0022,dmask=0777,utf8");
 }
 
+// Numbers above 2147483647 are told as the negative ones of the same bits.
+TEST_F(MountTest, FatTextCarriesSignedNumbersOfTheOwner)
+{
+    config.defaultuid = 4294967295U;
+    config.defaultgid = 4294967294U;
+    put_medium("vfat");
+    EXPECT_EQ(mount(), 0);
+    EXPECT_EQ(fake_world().mounts[mountpoint].options, "uid=-1,gid=-2,fmask=0113,dmask=0002,utf8");
+}
+
 TEST_F(MountTest, TextsCarryNoCommaWithoutExtraOptions)
 {
     set_vfat_options("");
@@ -463,6 +474,18 @@ TEST_F(MountTest, ATableThatCannotBeOpenedDoesNotSpoilTheMount)
     put_medium("vfat");
     EXPECT_EQ(mount(), 0);
     EXPECT_EQ(entry.mounted, 1);
+}
+
+TEST_F(MountTest, ATableThatCannotBeWrittenToDoesNotSpoilTheMount)
+{
+    const char table[] = "/etc/mtab";
+    write_file(table, "proc /proc proc rw 0 0\n");
+    ASSERT_EQ(::mount(table, table, nullptr, MS_BIND, nullptr), 0);
+    ASSERT_EQ(::mount(nullptr, table, nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr), 0);
+    put_medium("vfat");
+    EXPECT_EQ(mount(), 0);
+    EXPECT_EQ(entry.mounted, 1);
+    EXPECT_EQ(read_table(), "proc /proc proc rw 0 0\n");
 }
 
 TEST_F(MountTest, ATableOfTheKernelsIsLeftAlone)

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <errno.h>
+#include <string.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -22,6 +23,13 @@ const char last_line[] = "/dev/sdb1 /mnt/sdb1 ext3 rw 0 0\n";
 std::string with(const std::string& middle)
 {
     return first_lines + middle + last_line;
+}
+
+// Makes the table one that can be read only.
+void protect_table()
+{
+    ASSERT_EQ(mount(table_file, table_file, nullptr, MS_BIND, nullptr), 0);
+    ASSERT_EQ(mount(nullptr, table_file, nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr), 0);
 }
 
 // The table after sda1's line was removed from it.
@@ -91,6 +99,26 @@ TEST(MtabRemove, FindsAndKeepsPathsWithBlanks)
     EXPECT_EQ(read_table(), with(other));
 }
 
+TEST(MtabRemove, KeepsALastLineWithoutItsEnd)
+{
+    EXPECT_EQ(table_after_removal(line + std::string("/dev/sdb1 /mnt/sdb1 ext3 rw 0 0")),
+              last_line);
+}
+
+// Some C libraries cut a line that does not fit; others stop at it, then the table stays.
+TEST(MtabRemove, ALineThatIsTooLongCostsNoOther)
+{
+    for (const size_t size : {size_t{490}, size_t{600}, size_t{5000}}) {
+        SCOPED_TRACE(size);
+        const std::string overlay = "overlay / overlay " + std::string(size, 'x') + " 0 0\n";
+        const std::string table = table_after_removal(with(line + overlay));
+        EXPECT_EQ(table.substr(0, strlen(first_lines)), first_lines);
+        EXPECT_NE(table.find("\noverlay / overlay xxx"), std::string::npos);
+        ASSERT_GE(table.size(), strlen(last_line));
+        EXPECT_EQ(table.substr(table.size() - strlen(last_line)), last_line);
+    }
+}
+
 TEST(MtabRemove, ReplacesWhatATemporaryFileHeldBefore)
 {
     write_file(temporary_file, std::string(1000, '#') + "\n");
@@ -113,6 +141,17 @@ TEST(MtabRemove, LeavesTheTemporaryFileWithoutATable)
     EXPECT_FALSE(exists(table_file));
     EXPECT_TRUE(exists(temporary_file));
     EXPECT_EQ(fake_world().count("rename"), 0);
+}
+
+TEST(MtabRemove, LeavesATableThatCannotBeWrittenTo)
+{
+    write_file(table_file, with(line));
+    protect_table();
+    mtab_remove("/dev/sda1", "/mnt/sda1");
+    EXPECT_EQ(read_table(), with(line));
+    EXPECT_EQ(fake_world().count("rename"), 0);
+    EXPECT_TRUE(exists(temporary_file));
+    EXPECT_EQ(read_file(temporary_file), "");
 }
 
 TEST(MtabRemove, LeavesTheTableWhenTheDiskIsFull)
@@ -181,6 +220,22 @@ TEST(MtabAppend, WritesNodeDirectoryTypeOptionsAndTwoZeros)
     write_file(table_file, last_line);
     mtab_append("/dev/sda1", "/mnt/sda1", "vfat", "rw");
     EXPECT_EQ(read_table(), std::string(last_line) + line);
+}
+
+TEST(MtabAppend, MakesATableThatIsMissing)
+{
+    ASSERT_EQ(unlink(table_file), 0);
+    mtab_append("/dev/sda1", "/mnt/sda1", "vfat", "rw");
+    EXPECT_EQ(read_table(), line);
+}
+
+TEST(MtabAppend, LeavesATableThatCannotBeWrittenTo)
+{
+    write_file(table_file, last_line);
+    protect_table();
+    mtab_append("/dev/sda1", "/mnt/sda1", "vfat", "rw");
+    EXPECT_EQ(read_table(), last_line);
+    EXPECT_TRUE(fake_world().journal.empty());
 }
 
 TEST(MtabAppend, WritesToTheTableItself)

@@ -122,6 +122,14 @@ TEST_F(ConfDevLoadTest, ShareNameMayEndInsideACharacter)
               defaults_but("name null", "name \"" + name.substr(0, 34) + "\""));
 }
 
+// The cut is the last thing that happens to it.
+TEST_F(ConfDevLoadTest, ShareNameMayEndInABlank)
+{
+    const std::string letters(33, 'a');
+    EXPECT_EQ(settings("sharename=" + letters + " b"),
+              defaults_but("name null", "name \"" + letters + " \""));
+}
+
 TEST_F(ConfDevLoadTest, CommentIsItsFirst63Bytes)
 {
     const std::string comment(40, 'a');

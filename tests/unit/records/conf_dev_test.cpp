@@ -1,10 +1,13 @@
 #include "records/conf_dev.h"
 
+#include "fake/fake_log.h"
 #include "record.h"
 #include "support/failing_memory.h"
 
 #include <gtest/gtest.h>
 
+#include <stdint.h>
+#include <stdio.h>
 #include <stdlib.h>
 
 #include <functional>
@@ -86,6 +89,7 @@ TEST_F(ConfDevTest, IdentityOf513CharactersIsRefused)
     EXPECT_EQ(conf_dev_find(table, 0x1234, 0x00AB, serial.c_str(), 1), nullptr);
     EXPECT_EQ(conf_dev_cmp(dev, 0x1234, 0x00AB, serial.c_str(), 1), -1);
     EXPECT_EQ(table->list->count, 1U);
+    EXPECT_TRUE(fake_log_lines().empty());
 }
 
 TEST_F(ConfDevTest, IdentityOf511CharactersIsWhole)
@@ -108,6 +112,32 @@ TEST_F(ConfDevTest, IdentityOf512CharactersIsUsedCutTo511)
     EXPECT_EQ(conf_dev_find(table, 0x1234, 0x00AB, serial.c_str(), 2), dev);
     EXPECT_EQ(conf_dev_cmp(dev, 0x1234, 0x00AB, serial.c_str(), 2), 0);
     EXPECT_EQ(conf_dev_add(table, 0x1234, 0x00AB, serial.c_str(), 2), nullptr);
+}
+
+// What printf(3) makes of it, with every number's length on either side of the limit.
+TEST_F(ConfDevTest, IdentityIsAsPrintedUpToItsLimit)
+{
+    const uint16_t vid = 0xA;
+    const uint16_t pid = 0xFFFF;
+    const int32_t partitions[] = {0, 9, 10, 99, 255, -1, INT32_MAX, INT32_MIN};
+    int refused = 0;
+    for (size_t length = 485; length <= 504; length++) {
+        const std::string serial(length, 's');
+        for (const int32_t partition : partitions) {
+            char printed[600];
+            const int size = snprintf(printed, sizeof printed, "%04hx:%04hx:%s:%d", vid, pid,
+                                      serial.c_str(), partition);
+            ConfDev* dev = conf_dev_add(table, vid, pid, serial.c_str(), partition);
+            ASSERT_EQ(dev == nullptr, size > 512) << length << " and " << partition;
+            if (dev == nullptr) {
+                refused++;
+                continue;
+            }
+            EXPECT_EQ(dev->identifier, std::string(printed).substr(0, 511));
+            EXPECT_EQ(conf_dev_del(table, dev), 0);
+        }
+    }
+    EXPECT_GT(refused, 0);
 }
 
 // ---- adding ----

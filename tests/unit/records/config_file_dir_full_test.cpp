@@ -141,6 +141,18 @@ TEST_F(ShareFileWriteTest, PartitionThatDoesNotFitIsDroppedWholeAndTheNextTakesI
     EXPECT_EQ(read_file(path), partition_section("first", 100) + partition_section("last", 200));
 }
 
+// Everything before the device's details has been written by then, and the entry has its name.
+TEST_F(ShareFileWriteTest, PartitionWhoseDetailsDoNotFitIsDroppedWholeAndKeepsItsName)
+{
+    make_small_tmp(16);
+    MountEntry* large = add_partition("large", 10);
+    set_text(&large->dev->pname, std::string(50000, 'p'));
+    add_partition("last", 10);
+    EXPECT_EQ(save(), 0);
+    EXPECT_EQ(read_file(path), partition_section("last", 10));
+    EXPECT_STREQ(large->sharename, "large");
+}
+
 TEST_F(ShareFileWriteTest, NothingOfADroppedLastSectionStays)
 {
     make_small_tmp(16);
@@ -220,6 +232,12 @@ TEST(UnmountMark, TakesTheShareAwayFromReaders)
     EXPECT_EQ(conf_dir_set_unmount_flg(path.c_str(), "Drive(A1)"), 0);
     char* value = nullptr;
     EXPECT_EQ(config_get_ini_string(path.c_str(), "Drive(A1)", "path", &value, INI_LAST), -ENOENT);
+}
+
+TEST(UnmountMark, MakesTheFileThatIsNotThere)
+{
+    EXPECT_EQ(conf_dir_set_unmount_flg(path.c_str(), "a"), 0);
+    EXPECT_EQ(read_file(path), "[a]\n");
 }
 
 TEST(UnmountMark, IsSetAgainAndAgain)

@@ -418,6 +418,7 @@ TEST_F(ShareFileTest, RemovedPartitionIsLeftOut)
     EXPECT_EQ(headers_of(saved()), (Names{"[Drive(A1)]", "[Drive(A3)]"}));
     EXPECT_EQ(gone->sharename, nullptr);
     EXPECT_TRUE(fake_log_lines().empty());
+    EXPECT_EQ(fake_world().spawned.size(), 2U) << "its label is not read";
 }
 
 TEST_F(ShareFileTest, PartitionThatIsNotMountedIsWrittenAllTheSame)
@@ -439,6 +440,7 @@ TEST_F(ShareFileTest, PartitionWithoutARecordIsLoggedAndLeftOut)
     EXPECT_EQ(fake_log_texts(), (Names{"config_file_dir(#)Error - External Directory Config."}));
     EXPECT_EQ(fake_log_lines().at(0).priority, LOG_ERR);
     EXPECT_EQ(unknown->sharename, nullptr);
+    EXPECT_EQ(fake_world().spawned.size(), 1U) << "its label is not read";
 }
 
 TEST_F(ShareFileTest, PartitionWithoutASerialHasItsRecord)
@@ -458,6 +460,7 @@ TEST_F(ShareFileTest, PartitionWhoseRecordHasAPathIsWrittenOnceAsADirectory)
     EXPECT_TRUE(has_line(read_file(path), "Path=/srv"));
     EXPECT_EQ(entry->sharename, nullptr);
     EXPECT_TRUE(fake_log_lines().empty());
+    EXPECT_TRUE(fake_world().spawned.empty()) << "its label is not read";
 }
 
 TEST_F(ShareFileTest, TwoSharesMayHaveOneName)

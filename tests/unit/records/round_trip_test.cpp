@@ -150,4 +150,19 @@ TEST(DeviceFile, OverlongTextsAreCutOnce)
     EXPECT_EQ(records_of(table.get()).at(0)->comment, std::string(63, 'c'));
 }
 
+// The blank that a cut leaves at a name's end is lost at the next load, and nothing after it.
+TEST(DeviceFile, BlankAtANamesEndIsLostOnce)
+{
+    const std::string letters(33, 'n');
+    write_file(path, "[1234:00ab:ABC:1]\nShare Name=" + letters + " b\n");
+    ConfDevTableGuard table;
+    reload(&table);
+    EXPECT_EQ(records_of(table.get()).at(0)->sharename, letters + " ");
+    for (int again = 0; again < 3; again++) {
+        (void)save(table.get());
+        reload(&table);
+        EXPECT_EQ(records_of(table.get()).at(0)->sharename, letters);
+    }
+}
+
 } // namespace

@@ -49,10 +49,21 @@ class VolumeLabelTest : public testing::Test {
 
 // ---- which tool ----
 
+// Whether the one tool that ran had its output taken and nothing else of this process.
+void expect_output_alone()
+{
+    ASSERT_EQ(fake_world().streams.size(), 1U);
+    const auto& [in, out, err] = fake_world().streams[0];
+    EXPECT_EQ(in, -1) << "/dev/null";
+    EXPECT_GE(out, 0);
+    EXPECT_EQ(err, -1) << "/dev/null";
+}
+
 TEST_F(VolumeLabelTest, FatLabelIsMlabels)
 {
     EXPECT_EQ(label_of("PHOTOS\n"), "PHOTOS");
     EXPECT_EQ(fake_world().spawned, (Arguments{{"mlabel", "-i", "/dev/sda1", "-n"}}));
+    expect_output_alone();
 }
 
 TEST_F(VolumeLabelTest, NtfsLabelIsNtfsvlabels)
@@ -62,6 +73,7 @@ TEST_F(VolumeLabelTest, NtfsLabelIsNtfsvlabels)
     EXPECT_EQ(read_label(), 0);
     EXPECT_STREQ(buffer, "Backup");
     EXPECT_EQ(fake_world().spawned, (Arguments{{"ntfsvlabel", "/dev/sda1", "-n"}}));
+    expect_output_alone();
 }
 
 TEST_F(VolumeLabelTest, OtherFilesystemsHaveNone)

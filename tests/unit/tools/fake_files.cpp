@@ -14,7 +14,8 @@ template <typename Answer>
 static void fill(Answer* answer)
 {
     *answer = {};
-    answer->f_bsize = static_cast<unsigned long>(state.block_size);
+    answer->f_bsize = static_cast<unsigned long>(state.preferred_size != 0 ? state.preferred_size
+                                                                           : state.block_size);
     answer->f_frsize = static_cast<unsigned long>(state.block_size);
     answer->f_blocks = state.blocks;
     answer->f_bfree = state.free_blocks;

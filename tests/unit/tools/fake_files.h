@@ -14,6 +14,7 @@ struct FakeFiles {
     // When `scripted`, what statvfs(3) answers for every path.
     bool scripted = false;
     uint64_t block_size = 0;
+    uint64_t preferred_size = 0; // for reading and writing; no count is in it. 0: as block_size
     uint64_t blocks = 0;
     uint64_t free_blocks = 0;      // those kept back for root included
     uint64_t available_blocks = 0; // to everybody

@@ -1,5 +1,6 @@
 #include "tools/info_tool.h"
 
+#include "fake/fake_log.h"
 #include "fake_files.h"
 #include "support/child.h"
 #include "support/files.h"
@@ -130,6 +131,7 @@ TEST_F(InfoCommandTest, AConfigurationFileThatIsMissingIsRefused)
     expect_failure({"-f", "/tmp/missing"}, text);
     expect_failure({"--file=/tmp/missing", "-l"}, text);
     expect_failure({"-l", "-f", "/tmp/missing"}, text);
+    expect_failure({"-f", "/tmp/missing", "-h"}, text); // before it comes to the help
 }
 
 // ---- the list ----
@@ -185,6 +187,29 @@ TEST_F(InfoCommandTest, AMissingShareFileIsAnErrorWithoutWords)
 {
     ASSERT_EQ(unlink("/tmp/shares"), 0);
     expect_failure({"3:4:C:0"}, "");
+}
+
+// What it has to tell goes to its caller alone.
+TEST_F(InfoCommandTest, TheSystemLogHearsNothing)
+{
+    write_file("/tmp/gone.conf", "deviceconfigpath=/tmp/gone\nsmbconfigpath=/tmp/gone\n");
+    struct Row {
+        std::vector<std::string> arguments;
+        bool answered; // on standard output
+    };
+    for (const Row& row :
+         {Row{{"-l"}, true}, Row{{"3:4:C:0"}, true}, Row{{"9:9:9:9"}, false}, Row{{"-x"}, false},
+          Row{{"-f", "/tmp/missing", "-l"}, false}, Row{{"-f", "/tmp/gone.conf", "-l"}, false}}) {
+        SCOPED_TRACE(row.arguments.back());
+        std::vector<std::string> all = {"vyhotpluginfo"};
+        all.insert(all.end(), row.arguments.begin(), row.arguments.end());
+        const ChildResult result = run_child([&] {
+            (void)call_main(hotplug_info_main, all);
+            return static_cast<int>(fake_log_lines().size());
+        });
+        EXPECT_EQ(result.status, 0);
+        EXPECT_EQ(result.out.empty(), !row.answered);
+    }
 }
 
 // ---- the configuration ----

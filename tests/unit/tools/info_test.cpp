@@ -272,7 +272,7 @@ TEST(InfoSizes, AreThoseOfThePathsFilesystem)
     fake_files().scripted = false;
     struct statvfs status;
     ASSERT_EQ(statvfs("/sys/block", &status), 0);
-    const unsigned long long size = status.f_bsize;
+    const unsigned long long size = status.f_frsize;
     EXPECT_EQ(share_told("Path=/sys/block\n"),
               std::string(share_defaults) +
                   "Path=/sys/block\nMax Size=" + std::to_string(size * status.f_blocks) +
@@ -288,6 +288,17 @@ TEST(InfoSizes, CountWhatIsKeptBackForRootAsFree)
     fake_files().available_blocks = 400;
     EXPECT_EQ(share_told("Path=/tmp\n"),
               std::string(share_defaults) + "Path=/tmp\nMax Size=1024000\nFree Size=512000\n");
+}
+
+TEST(InfoSizes, CountInTheBlocksThatAreCounted)
+{
+    fake_files().scripted = true;
+    fake_files().preferred_size = 65536;
+    fake_files().block_size = 4096;
+    fake_files().blocks = 10;
+    fake_files().free_blocks = 5;
+    EXPECT_EQ(share_told("Path=/tmp\n"),
+              std::string(share_defaults) + "Path=/tmp\nMax Size=40960\nFree Size=20480\n");
 }
 
 TEST(InfoSizes, HaveMoreThan32Bits)
