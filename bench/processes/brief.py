@@ -45,6 +45,12 @@ def run_each_once(results):
     results.add("found.differences", sum(len(numbers) - 1 for numbers in found.values()), "")
 
 
+def time_each_once(results):
+    """As the full run does, on small inputs."""
+    functions.time_all(results, ["/".join(names) for names in functions.operations()
+                                 if names[1] != "big"])
+
+
 def look_at_idle(results, stack):
     service = measure.Service(stack)
     resident.add_other_calls(results, resident.system_calls([service.pid], IDLE_SECONDS)[0])
@@ -54,6 +60,7 @@ def brief(results, stack):
     began = time.monotonic()
     sizes.measure_own(results)
     run_each_once(results)
+    time_each_once(results)
     count_refreshes(results)
     before = burst.loop_numbers()
     partitions = burst.make_partitions(stack, PARTITIONS)

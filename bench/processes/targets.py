@@ -37,6 +37,10 @@ def exactly(key, wanted, text):
     return Target(text, [key], lambda value: value[key] == wanted)
 
 
+def is_measured(group, key):
+    return Target(f"the benchmark {group} measures", [key], lambda value: True)
+
+
 def times_less(own, other, factor, text):
     return Target(text, [own, other], lambda value: value[own] * factor <= value[other])
 
@@ -144,6 +148,11 @@ ROWS = [
                                 "blkid of one": "lookup.blkid_one",
                                 "udisksctl status": "lookup.udisksctl"}, "faster than {}")),
 ]
+
+# Groups that measure times, and what each must have measured: --brief runs them, and holds no more of them.
+TIMED = {"functions": "speed.ini_one.small.vyhotplugd", "lookups": "lookup.list",
+         "start": "start.vyhotplugd", "messages": "messages.8.vyhotplugd", "mounts": "mount.vyhotplugd",
+         "resident": "memory.pss.vyhotplugd"}
 
 # What --brief holds: counts and sizes, which a loaded machine does not change.
 BRIEF = [
