@@ -26,6 +26,8 @@ struct Announced {
     BlockName name;
     uint64_t identity; // block_device_identity
     uint64_t seen;     // how many events the kernel had sent before the device was read
+    uint8_t checks;    // looks, had or due, whether it is still mounted since it went
+    uint64_t due;      // the next one's time, milliseconds, monotonic; 0: none is due
 };
 
 // All zero is an empty table.

@@ -1,15 +1,15 @@
 #include "agent/announcer.h"
 
 #include "agent/add_message.h"
-#include "lib/guard.h"
+#include "common/mountinfo.h"
 #include "lib/log.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
 
 static constexpr char log_tag[] = "announcer";
+static constexpr size_t path_size = agent_folder_size + 32;
 
 void announcer_init(Announcer* announcer, const SurveyView& view, Courier* courier)
 {
@@ -134,6 +134,8 @@ static bool is_announced(Announcer* announcer, const BlockDevice& device)
 // Announces what stands in sysfs under that name, if it is to be.
 static void consider(Announcer* announcer, const BlockName& name)
 {
+    if (changed_keeps(&announcer->changed, name))
+        return; // it is not this medium's
     BlockDevice device;
     char reason[survey_reason_size];
     char text[block_name_size];
@@ -148,7 +150,7 @@ static void consider(Announcer* announcer, const BlockName& name)
     // The kernel tells of a new medium only once until somebody has opened the disk, and of an
     // empty drive it may have told before anybody listened.
     if (result > 0 && device.empty)
-        announcer_touch(name);
+        medium_touch(name);
     block_name_format(name, text);
     VY_LOG(result > 0 || announcer->in_trouble ? LOG_INFO : LOG_ERR, "%s not announced: %s", text,
            reason);
@@ -156,6 +158,16 @@ static void consider(Announcer* announcer, const BlockName& name)
         return;
     announcer->in_trouble = true;
     look_again(announcer);
+}
+
+// Announces what stands in sysfs of a disk.
+static void consider_disk(Announcer* announcer, const BlockName& disk)
+{
+    static BlockList parts; // large for a stack
+    if (block_list_disk(announcer->view.sysfs, disk, &parts) != 0)
+        return;
+    for (uint32_t i = 0; i < parts.count; i++)
+        consider(announcer, parts.names[i]);
 }
 
 // ---- events ----
@@ -186,6 +198,8 @@ static void pass_on(Announcer* announcer, const Uevent& event)
 
 static void event_remove(Announcer* announcer, const Uevent& event)
 {
+    if (event.name.partition == 0)
+        changed_drop(&announcer->changed, event.name);
     Announced* entry = announced_find(&announcer->table, event.major, event.minor);
     if (entry == nullptr)
         return pass_on(announcer, event);
@@ -193,17 +207,6 @@ static void event_remove(Announcer* announcer, const Uevent& event)
     // partitions that the kernel reads anew when a medium is changed.
     if (event.sequence == 0 || event.sequence > entry->seen)
         (void)take_back(announcer, entry);
-}
-
-void announcer_touch(const BlockName& disk)
-{
-    char name[block_name_size];
-    char path[block_name_size + 8];
-    block_name_format(disk, name);
-    (void)snprintf(path, sizeof path, "/dev/%s", name);
-    const FdGuard fd(open(path, O_RDONLY | O_CLOEXEC));
-    if (fd.get() < 0)
-        VY_LOG(LOG_DEBUG, "%s: %s", path, strerror(errno));
 }
 
 // Takes back what is announced of the disk: its partitions, or itself. Returns false when messages
@@ -221,17 +224,16 @@ static bool take_back_disk(Announcer* announcer, const BlockName& disk, bool par
 
 static void event_media_change(Announcer* announcer, const BlockName& disk)
 {
-    static BlockList parts; // large for a stack
     const bool waits =
         take_back_disk(announcer, disk, true) && take_back_disk(announcer, disk, false);
     // An empty drive too: the size that sysfs shows may be the one from before.
-    announcer_touch(disk);
-    if (!waits)
-        return; // a walk is due
-    if (block_list_disk(announcer->view.sysfs, disk, &parts) != 0)
-        return;
-    for (uint32_t i = 0; i < parts.count; i++)
-        consider(announcer, parts.names[i]);
+    if (!changed_read(&announcer->changed, disk, courier_now())) {
+        char name[block_name_size];
+        block_name_format(disk, name);
+        VY_LOG(LOG_INFO, "%s not announced yet: the medium before is in use", name);
+    }
+    if (waits) // else a walk is due
+        consider_disk(announcer, disk);
 }
 
 void announcer_event(Announcer* announcer, const Uevent& event)
@@ -296,10 +298,110 @@ void announcer_walk(Announcer* announcer)
         announcer->in_trouble = false;
 }
 
+// ---- what went, and is still mounted ----
+
+static uint64_t next_check(const Announcer* announcer)
+{
+    uint64_t next = 0;
+    for (const Announced& entry : announcer->table.entries) {
+        if (entry.state == ANNOUNCED_GONE && entry.due != 0 && (next == 0 || entry.due < next))
+            next = entry.due;
+    }
+    return next;
+}
+
+static void plan_check(Announcer* announcer, Announced* entry)
+{
+    const bool wanted = entry->ours && entry->checks < agent_checks;
+    entry->due = wanted ? courier_now() + (uint64_t{agent_check_first} << entry->checks++) : 0;
+    announcer->check_due = next_check(announcer);
+}
+
+// Whether the daemon has been told of these numbers, or will be, since the entry went.
+static bool is_overtaken(Announcer* announcer, const Announced* entry)
+{
+    AnnouncedTable* table = &announcer->table;
+    const int32_t major = entry->major;
+    const int32_t minor = entry->minor;
+    return announced_find(table, major, minor) != nullptr ||
+           announced_find_state(table, major, minor, ANNOUNCED_LEAVING) != nullptr ||
+           announced_find_state(table, major, minor, ANNOUNCED_LOST) != nullptr;
+}
+
+static bool is_mounted(const Announcer* announcer, const Announced* entry, const Mountinfo* mounts)
+{
+    for (size_t i = 0; i < mounts->count; i++) {
+        const MountinfoEntry& mount = mounts->entries[i];
+        if (mount.major == static_cast<uint32_t>(entry->major) &&
+            mount.minor == static_cast<uint32_t>(entry->minor) &&
+            mountinfo_is_below(mount.directory, announcer->view.mount_directory))
+            return true;
+    }
+    return false;
+}
+
+// `mounts` is null when they could not be read.
+static void check(Announcer* announcer, Announced* entry, const Mountinfo* mounts)
+{
+    entry->due = 0;
+    if (is_overtaken(announcer, entry))
+        return;
+    if (mounts == nullptr)
+        return plan_check(announcer, entry);
+    if (!is_mounted(announcer, entry, mounts))
+        return;
+    char name[block_name_size];
+    block_name_format(entry->name, name);
+    VY_LOG(LOG_NOTICE, "%s (%d:%d) is still mounted", name, entry->major, entry->minor);
+    (void)take_back(announcer, entry); // where it is lost, a walk takes it back
+}
+
+static void check_gone(Announcer* announcer, uint64_t now)
+{
+    if (announcer->check_due == 0 || now < announcer->check_due)
+        return;
+    char path[path_size];
+    (void)snprintf(path, sizeof path, "%s/self/mountinfo", announcer->view.proc);
+    MountinfoGuard mounts;
+    (void)mountinfo_load(path, mounts.out()); // stays null
+    for (Announced& entry : announcer->table.entries) {
+        if (entry.state == ANNOUNCED_GONE && entry.due != 0 && entry.due <= now)
+            check(announcer, &entry, mounts.get());
+    }
+    announcer->check_due = next_check(announcer);
+}
+
+// ---- time ----
+
+static void read_changed(Announcer* announcer, uint64_t now)
+{
+    BlockName read[agent_changed_limit];
+    const uint32_t count = changed_read_again(&announcer->changed, now, read);
+    for (uint32_t i = 0; i < count && !announcer->walk_due; i++)
+        consider_disk(announcer, read[i]);
+}
+
+void announcer_advance(Announcer* announcer, uint64_t now)
+{
+    check_gone(announcer, now);
+    read_changed(announcer, now);
+}
+
+int announcer_timeout(const Announcer* announcer, uint64_t now)
+{
+    uint64_t due = announcer->check_due;
+    if (announcer->changed.count > 0 && (due == 0 || announcer->changed.due < due))
+        due = announcer->changed.due;
+    if (due == 0)
+        return -1;
+    return due > now ? static_cast<int>(due - now) : 0;
+}
+
 // ---- the daemon ----
 
 void announcer_forget(Announcer* announcer)
 {
+    announcer->check_due = 0;
     courier_hang_up(announcer->courier);
     message_queue_cut(&announcer->courier->queue, 0);
     announced_clear(&announcer->table);
@@ -312,6 +414,8 @@ void announcer_delivered(Announcer* announcer, const QueuedMessage* message)
         return;
     if (message->kind == MESSAGE_ADD && entry->state == ANNOUNCED_COMING)
         entry->state = ANNOUNCED_TOLD;
-    else if (message->kind == MESSAGE_REMOVE)
-        entry->state = ANNOUNCED_GONE;
+    if (message->kind != MESSAGE_REMOVE)
+        return;
+    entry->state = ANNOUNCED_GONE;
+    plan_check(announcer, entry);
 }

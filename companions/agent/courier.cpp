@@ -112,9 +112,11 @@ static bool visit(Courier* courier, uint64_t now)
     }
     courier->connection = fd;
     courier->visit = false;
-    courier->pause = 0;
-    if (!courier->owner.met(courier->owner.self, fd) || courier->queue.count == 0) {
-        const uint64_t due = courier->due; // the owner may have paused
+    const bool sends = courier->owner.met(courier->owner.self, fd) && courier->queue.count > 0;
+    const uint64_t due = courier->due;
+    if (due <= now) // else the owner has paused, and its pauses grow
+        courier->pause = 0;
+    if (!sends) {
         courier_hang_up(courier);
         courier->due = due;
         return false;

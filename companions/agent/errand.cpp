@@ -1,9 +1,9 @@
 #include "agent/errand.h"
 
 #include "agent/add_message.h"
-#include "agent/announcer.h"
 #include "agent/courier.h"
 #include "agent/daemon_peer.h"
+#include "agent/medium.h"
 #include "agent/state_file.h"
 #include "agent/survey.h"
 #include "agent/uevent.h"
@@ -150,7 +150,7 @@ static int change_medium(Errand* errand, const BlockName& disk)
         return 1;
     take_back_parts(errand, parts, true);
     take_back_parts(errand, parts, false);
-    announcer_touch(disk);
+    medium_touch(disk);
     if (block_list_disk(errand->view.sysfs, disk, &parts) != 0)
         errand->status = 1;
     errand->view.leaving = true;

@@ -93,11 +93,21 @@ static void watch_daemon(Monitor* monitor)
 {
     const int watch = daemon_watch(monitor->daemon);
     monitor->watch = watch >= 0 ? watch : -1;
+    if (watch >= 0)
+        return;
     if (watch == -ESRCH)
         monitor->courier.visit = true; // it has just gone, which the next connection will show
-    else if (watch < 0)
-        VY_LOG(LOG_WARNING, "a restart of the daemon will be noticed with the next event only (%s)",
+    else if (monitor->daemon.pid <= 0)
+        VY_LOG(LOG_WARNING, "the daemon's process cannot be seen, a restart may go unnoticed");
+    else
+        VY_LOG(LOG_WARNING, "a restart of the daemon will be noticed some seconds later (%s)",
                strerror(-watch));
+}
+
+// Whether the daemon is to be looked at from time to time.
+static bool is_unwatched(const Monitor* monitor)
+{
+    return monitor->daemon.pid > 0 && monitor->watch < 0;
 }
 
 // A daemon that is not the one of before knows nothing, unless the state file is about it.
@@ -129,6 +139,11 @@ static bool met(void* self, int connection)
         adopt_daemon(monitor, daemon);
     if (!monitor->announcer.walk_due)
         return true;
+    // What waits goes first: a device that makes trouble has walks due for ever.
+    if (monitor->courier.queue.count > 0) {
+        monitor->courier.visit = true; // the walk follows
+        return true;
+    }
     announcer_walk(&monitor->announcer);
     return false; // the walk may have taken longer than the daemon waits for a message
 }
@@ -209,7 +224,22 @@ static void install_signals(sigset_t* waiting)
 
 // ---- the loop ----
 
-// Waits until something happens. A timeout of -1 waits without limit.
+// The shorter of two waits; -1 is one without end.
+static int sooner(int a, int b)
+{
+    return a >= 0 && (b < 0 || a < b) ? a : b;
+}
+
+// Milliseconds until there is something to do unasked; -1: nothing before something happens.
+static int next_wait(const Monitor* monitor)
+{
+    const uint64_t now = courier_now();
+    const int look = is_unwatched(monitor) ? int{agent_daemon_look} : -1;
+    return sooner(look, sooner(courier_timeout(&monitor->courier, now),
+                               announcer_timeout(&monitor->announcer, now)));
+}
+
+// Waits until something happens.
 static void wait_for_news(Monitor* monitor, const sigset_t* waiting)
 {
     pollfd fds[] = {
@@ -217,7 +247,7 @@ static void wait_for_news(Monitor* monitor, const sigset_t* waiting)
         {.fd = monitor->watch, .events = POLLIN, .revents = 0}, // -1 is passed over
         {.fd = monitor->courier.connection, .events = POLLIN, .revents = 0},
     };
-    const int timeout = courier_timeout(&monitor->courier, courier_now());
+    const int timeout = next_wait(monitor);
     const timespec limit = {.tv_sec = timeout / 1000, .tv_nsec = timeout % 1000 * 1000000L};
     if (ppoll(fds, sizeof fds / sizeof fds[0], timeout >= 0 ? &limit : nullptr, waiting) <= 0)
         return; // a signal, or time
@@ -234,6 +264,9 @@ static void run_loop(Monitor* monitor, const sigset_t* waiting)
             flag_set(&walk_asked, 0);
             ask_for_walk(monitor);
         }
+        if (is_unwatched(monitor) && !daemon_runs(monitor->daemon))
+            lose_daemon(monitor);
+        announcer_advance(&monitor->announcer, courier_now());
         courier_advance(&monitor->courier, courier_now());
         wait_for_news(monitor, waiting);
     }

@@ -11,6 +11,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 static constexpr char log_tag[] = "main";
 static constexpr char program_name[] = "vynas-samba";
@@ -44,6 +45,13 @@ static void block_signals(sigset_t* awaited)
     (void)sigprocmask(SIG_BLOCK, &blocked, nullptr); // cannot fail with these arguments
 }
 
+// Nobody is to be told from now on: the number may be another's soon, who would get the signals.
+static void withdraw_number(int lock)
+{
+    if (ftruncate(lock, 0) != 0)
+        VY_LOG(LOG_WARNING, "cannot empty /var/run/%s.pid (%d)", service_name, errno);
+}
+
 static int serve(Bridge* bridge, const sigset_t* awaited)
 {
     const FdGuard lock(vy_create_pid_file(service_name));
@@ -60,6 +68,7 @@ static int serve(Bridge* bridge, const sigset_t* awaited)
         if (number != SIGHUP)
             break;
     }
+    withdraw_number(lock.get());
     VY_LOG(LOG_INFO, "end");
     return EXIT_SUCCESS;
 }

@@ -8,6 +8,7 @@ outside is. /sys is an empty one, /dev has what every machine has and loop devic
 Nothing waits for a fixed time unless nothing is to happen: wait_until() looks again and again.
 """
 
+import contextlib
 import ctypes
 import fcntl
 import json
@@ -31,6 +32,7 @@ LIMIT = 120  # seconds; nothing takes this long unless it hangs
 SCENARIO_LIMIT = 900  # seconds, for all of a scenario
 PATH = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
 EXCHANGE = "/exchange"  # the packages, and what one scenario leaves for others
+READER_POLL = "/sys/module/block/parameters/events_dfl_poll_msecs"  # as the kernel has it by itself
 PLACES = ("/tmp", "/run", "/dev", "/sys")  # made anew when the machine starts
 
 vyworld.DEVICE_DIR = "/dev/vyhotplug"
@@ -82,6 +84,8 @@ def make_sys(root):
     mount("sys", root + "/sys", "tmpfs", MS_NOSUID | MS_NODEV, "mode=755")
     for name in ("block", "bus", "class/block", "dev/block", "devices", "fs", "kernel", "module"):
         os.makedirs(f"{root}/sys/{name}")
+    os.makedirs(os.path.dirname(root + READER_POLL))
+    vyworld.write(root + READER_POLL, "0\n")
 
 
 def make_places(root):
@@ -320,6 +324,16 @@ def keep_sources():
     linecache.checkcache = lambda filename=None: None
 
 
+def unmount_drivers():
+    """Takes off what NTFS drivers serve, while they live. One that is killed as the last in its world unmounts by
+    its end, waits for its own answer, and every sync(2) on the machine with it."""
+    for line in reversed(vyworld.read_lines("/proc/self/mounts")):
+        _, point, kind = line.split(" ")[:3]
+        if kind.startswith("fuse"):
+            with contextlib.suppress(OSError):
+                unmount(point.replace("\\040", " "))
+
+
 def skip_all(scenario, results):
     for name in step_names(scenario):
         results.write(json.dumps({"name": name, "status": "notrun", "time": 0,
@@ -342,6 +356,7 @@ def run_tests(scenario, results, log):
         run_steps(case, tell)
         case.doCleanups()
     finally:
+        unmount_drivers()
         results.write("\n")
         results.flush()
 

@@ -24,6 +24,7 @@ DEVICE_FILE = "/run/vyhotplugd/files/hotplug.dev.conf"
 SHARE_FILE = "/run/vyhotplugd/files/vynas.dir.conf"
 SETTINGS_COPY = "/var/lib/vyhotplugd/hotplug.dev.conf"
 INCLUDED = "/run/vynas-samba/shares.conf"
+SHARE_SERVICE_PID = "/run/vynas-fssd.pid"
 GUEST = ("-N",)
 ANNA = ("-U", "anna%secret")
 

@@ -9,13 +9,14 @@ import subprocess
 
 import debian_world
 import vyworld
-from machine import ANNA, SETTINGS_COPY, SHARE_FILE, Machine, Stick
+from machine import ANNA, SETTINGS_COPY, SHARE_FILE, SHARE_SERVICE_PID, Machine, Stick
 
 
 class BusyboxScript(Machine):
     """The init script where there is nothing but busybox: its shell and its tools."""
 
     SCRIPT = "/etc/init.d/vyhotplugd"
+    BRIDGE_SCRIPT = "/etc/init.d/vynas-samba"
     TOOLS = ("sh", "grep", "sleep", "rm", "cat", "mkdir", "seq", "kill", "awk", "umount")
 
     def test_the_shell_is_busybox(self):
@@ -29,7 +30,7 @@ class BusyboxScript(Machine):
             os.remove(path)
         self.assertIn("BusyBox", self.run_any("grep", "--help")[1])
         self.run_ok("sh", "-n", self.SCRIPT)
-        self.run_ok("sh", "-n", "/etc/init.d/vynas-samba")
+        self.run_ok("sh", "-n", self.BRIDGE_SCRIPT)
 
     def test_wrong_words_are_refused(self):
         self.assertEqual(self.run_any(self.SCRIPT)[0], 2)
@@ -45,6 +46,12 @@ class BusyboxScript(Machine):
         self.run_ok(self.SCRIPT, "status")
         self.assertEqual(len(self.pids_of("vyhotplugd")), 1)
         self.assertEqual(len(self.pids_of("vyhotplug-agent")), 1)
+
+    def test_the_kernel_looks_into_card_readers(self):
+        self.assertEqual(vyworld.read(debian_world.READER_POLL), "2000\n")
+        self.write(debian_world.READER_POLL, "500\n")
+        self.run_ok(self.SCRIPT, "restart")
+        self.assertEqual(vyworld.read(debian_world.READER_POLL), "500\n")
 
     def test_it_serves_a_stick(self):
         self.stick = Stick(self, "a", "STICK1", p1=("ext4", None, {"a.txt": "one\n"}))
@@ -69,19 +76,54 @@ class BusyboxScript(Machine):
         self.run_ok(self.SCRIPT, "stop")
         sleeper = subprocess.Popen(["/bin/sleep", "600"])
         self.addCleanup(sleeper.kill)
-        for path in ("/run/vyhotplugd.pid", "/run/vyhotplug-agent.pid"):
+        for path in ("/run/vyhotplugd.pid", "/run/vyhotplug-agent.pid", SHARE_SERVICE_PID):
             self.write(path, f"{sleeper.pid}\n")
         self.assertEqual(self.run_any(self.SCRIPT, "status")[0], 3)
         self.run_ok(self.SCRIPT, "stop")
         self.assertIsNone(sleeper.poll())
+        self.assertEqual(self.mounted(), {"sda1"})  # which the share service is told of at the start
         self.run_ok(self.SCRIPT, "start")
         self.run_ok(self.SCRIPT, "status")
+        self.assertEqual(vyworld.read(SHARE_SERVICE_PID), "")
+        self.wait_for_mounts("sda1")
+        self.wait_until("a refresh", lambda: "sda1" in self.read(SHARE_FILE))
+        self.assertIsNone(sleeper.poll())
+
+    def test_the_bridge_is_started_and_stopped(self):
+        self.write(SHARE_SERVICE_PID, "999999\n")
+        for word in ("start", "start", "restart"):
+            self.run_ok(self.BRIDGE_SCRIPT, word)
+            self.run_ok(self.BRIDGE_SCRIPT, "status")
+        bridge, = self.pids_of("vynas-samba")
+        self.assertEqual(vyworld.read(SHARE_SERVICE_PID), f"{bridge}\n")
+        self.run_ok(self.SCRIPT, "restart")
+        self.assertEqual(vyworld.read(SHARE_SERVICE_PID), f"{bridge}\n")
+        self.run_ok(self.BRIDGE_SCRIPT, "stop")
+        self.assertEqual(self.run_any(self.BRIDGE_SCRIPT, "status")[0], 3)
+        self.assertEqual((self.pids_of("vynas-samba"), vyworld.read(SHARE_SERVICE_PID)), ([], ""))
+
+    def test_a_bridge_that_has_to_be_killed_leaves_no_number(self):
+        self.run_ok(self.BRIDGE_SCRIPT, "start")
+        os.kill(self.pids_of("vynas-samba")[0], signal.SIGSTOP)
+        self.run_ok(self.BRIDGE_SCRIPT, "stop")
+        self.wait_until("its end", lambda: not self.pids_of("vynas-samba"))
+        self.assertEqual(vyworld.read(SHARE_SERVICE_PID), "")
+
+    def test_what_is_started_holds_no_directory(self):
+        os.mkdir("/images/stick")
+        for script in (self.SCRIPT, self.BRIDGE_SCRIPT):
+            self.run_ok(script, "restart", cwd="/images/stick")
+        for name in ("vyhotplugd", "vyhotplug-agent", "vynas-samba"):
+            self.assertEqual(os.readlink(f"/proc/{self.pids_of(name)[0]}/cwd"), "/", name)
+        self.run_ok(self.BRIDGE_SCRIPT, "stop")
 
     def test_options_of_the_machine(self):
         self.run_ok(self.SCRIPT, "stop")
-        self.write("/etc/default/vyhotplugd", "daemon_options='-l 7'\nagent=\n")
+        self.write("/etc/default/vyhotplugd", "daemon_options='-l 7'\nagent=\nshare_service=\n")
+        self.write(SHARE_SERVICE_PID, "999999\n")
         self.run_ok(self.SCRIPT, "start")
         self.run_ok(self.SCRIPT, "status")
+        self.assertEqual(vyworld.read(SHARE_SERVICE_PID), "999999\n")
         self.assertEqual(self.pids_of("vyhotplug-agent"), [])
         self.assertIn("-l\x007\x00", self.read(f"/proc/{self.pids_of('vyhotplugd')[0]}/cmdline"))
 

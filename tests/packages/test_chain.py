@@ -10,7 +10,8 @@ import time
 
 import debian_world
 import vyworld
-from machine import ANNA, DEVICE_FILE, INCLUDED, LIBEXEC, SETTINGS_COPY, SHARE_FILE, Machine, Stick
+from machine import (ANNA, DEVICE_FILE, INCLUDED, LIBEXEC, SETTINGS_COPY, SHARE_FILE, SHARE_SERVICE_PID, Machine,
+                     Stick)
 
 
 class Chain(Machine):
@@ -184,6 +185,7 @@ class Chain(Machine):
         self.run_ok("/etc/init.d/vyhotplugd", "stop")
         self.assertEqual(self.run_any("/etc/init.d/vyhotplugd", "status")[0], 3)
         self.assertEqual(self.run_any("/etc/init.d/vynas-samba", "status")[0], 3)
+        self.assertEqual(vyworld.read(SHARE_SERVICE_PID), "")
         self.assertIn("Share Name=Holiday", self.read(SETTINGS_COPY))
 
     def test_the_machine_starts_anew_and_shares_what_is_plugged(self):

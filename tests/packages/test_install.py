@@ -3,7 +3,10 @@
 import json
 import os
 import pathlib
+import re
 
+import debian_world
+import vyworld
 from debian_world import EXCHANGE, Scenario
 from machine import (APT_INSTALL, COMMANDS, FILES_BEFORE, INCLUDED, LIBEXEC, NONINTERACTIVE, PACKAGES,
                      SETTINGS_COPY, Machine, Stick, list_files)
@@ -91,3 +94,39 @@ class Removal(Machine):
             if path.startswith(("/var/lib/samba", "/run/samba", "/run/lock")) or path == "/run/mount":
                 del changed[path]
         self.assertEqual(changed, {})
+
+
+class RemovalElsewhere(Machine):
+    """Where partitions are mounted in another directory, of the administrator's choice."""
+
+    DIRECTORY = "/srv/usb sticks"
+
+    @classmethod
+    def before_init(cls):
+        vyworld.MOUNT_DIR = cls.DIRECTORY
+
+    @staticmethod
+    def mounted():
+        return set(re.findall(r" /srv/usb\\040sticks/(\S+) ", vyworld.read("/proc/self/mounts")))
+
+    def test_everything_is_in_use(self):
+        self.collect_log()
+        with open("/etc/vyhotplugd/vyhotplugd.conf", "a", encoding="utf-8") as file:
+            file.write("Mount Path =  /srv/usb sticks/\t\n")
+        self.run_ok("/etc/init.d/vyhotplugd", "start")
+        self.stick = Stick(self, "a", "STICK1", p1=("ext4", None, {"a.txt": "one\n"}),
+                           p2=("ntfs", None, {"b.txt": "two\n"}))
+        self.stick.put_in()
+        self.stick.announce()
+        self.wait_for_mounts("sda1", "sda2")
+        for name in ("mine", "sda1x", "sdb"):
+            os.mkdir(f"{self.DIRECTORY}/{name}")
+        debian_world.mount("mine", self.DIRECTORY + "/mine", "tmpfs")
+
+    def test_removing_unmounts_what_the_service_has_mounted(self):
+        self.run_ok("apt-get", "-qy", "-o", "Dpkg::Use-Pty=0", "remove", *PACKAGES, env=NONINTERACTIVE)
+        self.stick.plugged = False
+        self.assertEqual(self.mounted(), {"mine"})
+        self.assertEqual(sorted(os.listdir(self.DIRECTORY)), ["mine", "sda1x", "sdb"])
+        self.assertFalse(os.path.exists("/media/vyhotplug"))
+        self.run_ok("apt-get", "-qy", "-o", "Dpkg::Use-Pty=0", "purge", *PACKAGES, env=NONINTERACTIVE)

@@ -10,8 +10,8 @@ import time
 import debian_world
 import vyworld
 from debian_world import EXCHANGE
-from machine import (ANNA, APT_INSTALL, INSTALL_GUIDE, NONINTERACTIVE, PACKAGES, SETTINGS_COPY,
-                     SHARE_FILE, Machine, Stick)
+from machine import (ANNA, APT_INSTALL, DEVICE_FILE, INCLUDED, INSTALL_GUIDE, NONINTERACTIVE, PACKAGES,
+                     SETTINGS_COPY, SHARE_FILE, SHARE_SERVICE_PID, Machine, Stick)
 
 
 class UnitLines(Machine):
@@ -147,6 +147,53 @@ class Systemd(Machine):
 
     def test_changed_settings_are_saved_at_once(self):
         self.wait_until("a copy", lambda: "Share Name=Cinema" in self.read(SETTINGS_COPY))
+
+    def test_as_many_changes_as_come_are_saved(self):
+        for number in range(8):
+            self.write(DEVICE_FILE + ".new", re.sub("^Comment=.*$", f"Comment=change {number}",
+                                                    self.read(DEVICE_FILE), flags=re.MULTILINE))
+            os.rename(DEVICE_FILE + ".new", DEVICE_FILE)
+            self.wait_until("a copy", lambda number=number: f"Comment=change {number}\n" in self.read(SETTINGS_COPY))
+            self.wait_for_unit("vyhotplugd-settings.service", "inactive")
+        self.assertEqual(self.show("vyhotplugd-settings.path", "ActiveState"), "active")
+
+    def test_taking_leftovers_off_may_take_its_time(self):
+        self.assertEqual(self.show("vyhotplugd.service", "TimeoutStartUSec"), "infinity")
+
+    def with_drop_in(self, unit, text):
+        folder = f"/run/systemd/system/{unit}.d"
+        os.makedirs(folder, exist_ok=True)
+        self.write(f"{folder}/test.conf", text)
+        self.run_ok("systemctl", "daemon-reload")
+
+    def test_a_bridge_that_crashes_leaves_no_number(self):
+        self.with_drop_in("vynas-samba.service", "[Service]\nRestart=no\n")
+        os.kill(self.pids_of("vynas-samba")[0], signal.SIGKILL)
+        self.wait_for_unit("vynas-samba.service", "failed")
+        self.assertEqual(vyworld.read(SHARE_SERVICE_PID), "")
+
+    def test_one_that_finds_another_running_leaves_its_number(self):
+        by_hand = subprocess.Popen(["/usr/sbin/vynas-samba"], stdin=subprocess.DEVNULL)
+        self.addCleanup(by_hand.kill)
+        self.wait_until("its number", lambda: self.read(SHARE_SERVICE_PID) == f"{by_hand.pid}\n")
+        self.run_ok("systemctl", "reset-failed", "vynas-samba.service")
+        self.run_any("systemctl", "start", "vynas-samba.service")
+        self.wait_for_unit("vynas-samba.service", "failed")
+        self.assertEqual(self.read(SHARE_SERVICE_PID), f"{by_hand.pid}\n")
+        by_hand.terminate()
+        self.assertEqual(by_hand.wait(debian_world.LIMIT), 0)
+        self.with_drop_in("vynas-samba.service", "")
+        self.run_ok("systemctl", "start", "vynas-samba.service")
+
+    def test_where_the_bridge_is_stopped_nothing_is_shared(self):
+        self.wait_for_shares("Cinema", "Films(A2)", who=ANNA)
+        self.run_ok("systemctl", "stop", "vynas-samba")
+        self.assertFalse(os.path.exists(INCLUDED))
+        begun = time.monotonic()
+        self.wait_for_shares(who=ANNA)
+        self.tell(f"no share any more {time.monotonic() - begun:.1f} s after the bridge had ended")
+        self.run_ok("systemctl", "start", "vynas-samba")
+        self.wait_for_shares("Cinema", "Films(A2)", who=ANNA)
 
     def test_a_restart_shares_everything_again(self):
         agent = self.pids_of("vyhotplug-agent")

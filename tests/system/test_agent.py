@@ -70,6 +70,23 @@ class ColdPlug(AgentTest):
         os.kill(agent.pid, signal.SIGHUP)
         self.wait_for_told("+8:0", "+8:1", "-8:1", "-8:0", "+8:16", "+8:17")
 
+    def test_what_went_and_is_still_mounted_is_taken_back_again(self):
+        self.sysfs.add_stick("sda")
+        FakeDaemon(self)
+        agent = self.start_agent()
+        self.wait_for_told("+8:0", "+8:1")
+        self.set_mounts(**{vyworld.MOUNT_DIR + "/sda1": "8:1"})
+        self.sysfs.remove("sda")
+        os.kill(agent.pid, signal.SIGHUP)
+        told = ["+8:0", "+8:1", "-8:1", "-8:0"]
+        self.wait_for_told(*told)
+        self.wait_for_told(*told, "-8:1")  # seconds later
+        self.wait_for_log("announcer(#)sda1 (8:1) is still mounted")
+        self.set_mounts()
+        self.sysfs.add_stick("sda")
+        os.kill(agent.pid, signal.SIGHUP)
+        self.wait_for_told(*told, "-8:1", "+8:0", "+8:1")
+
     def test_hostile_texts_are_made_harmless(self):
         self.sysfs.add_stick("sda", parts=(), usb={
             "idVendor": "12,4", "idProduct": "00ab", "serial": " [a],b\x01=\udcff ",
@@ -218,19 +235,26 @@ class Again(AgentTest):
         FakeDaemon(self)
         self.wait_for_told("+8:0", "+8:1", "+8:0", "+8:1", "+8:16", "+8:17")
 
-    def test_without_a_pidfd_a_daemon_that_is_started_again_is_noticed_with_the_next_message(self):
+    def test_without_a_pidfd_a_daemon_that_is_started_again_is_noticed_some_seconds_later(self):
         self.require_strace()
         daemon = FakeDaemon(self)
         self.start_agent(strace=["-e", "inject=pidfd_open:error=ENOSYS", "-e", "signal=none"])
         self.wait_for_told("+8:0", "+8:1")
         self.wait_until("it is logged, once", lambda: len(self.log.matching(
-            r"^monitor\(#\)a restart of the daemon will be noticed with the next event only")) == 1)
+            r"^monitor\(#\)a restart of the daemon will be noticed some seconds later")) == 1)
         daemon.kill()
         FakeDaemon(self)
-        self.settle()
-        self.assertEqual(self.told(), ["+8:0", "+8:1"])
-        os.kill(self.agent_pid(), signal.SIGHUP)
         self.wait_for_told("+8:0", "+8:1", "+8:0", "+8:1")
+        self.settle()
+        self.assertEqual(len(self.told()), 4)
+
+    def test_without_a_pidfd_the_end_of_a_daemon_is_noticed_too(self):
+        self.require_strace()
+        daemon = FakeDaemon(self)
+        self.start_agent(strace=["-e", "inject=pidfd_open:error=ENOSYS", "-e", "signal=none"])
+        self.wait_for_told("+8:0", "+8:1")
+        daemon.kill()
+        self.wait_for_log("monitor(#)the daemon has gone")
 
     def test_a_daemon_that_stands_still_is_told_when_it_goes_on(self):
         daemon = FakeDaemon(self)

@@ -46,6 +46,28 @@ class Program(BridgeTest):
             self.assertEqual(self.exported(), ["A"])
             self.log.lines.clear()
 
+    def test_at_its_end_nobody_is_to_be_told(self):
+        for number in (signal.SIGTERM, signal.SIGINT):
+            self.start_bridge()
+            self.bridge.send_signal(number)
+            self.assertEqual(self.bridge.wait(vyworld.LIMIT), 0)
+            self.assertEqual(vyworld.read(SERVICE_PID_FILE), "")
+            self.log.lines.clear()
+
+    def test_that_its_number_stays_is_told(self):
+        self.require_strace()
+        call = "/^ftruncate(64)?$"  # the first one makes room for the number
+        bridge = subprocess.Popen(
+            ["strace", "-qq", "-o", "/dev/null", "-e", f"trace={call}", "-e",
+             f"inject={call}:error=EIO:when=2", *self.command()], stdin=subprocess.DEVNULL,
+            env=vyworld.environment(traced=True))
+        self.addCleanup(bridge.wait)
+        self.addCleanup(bridge.kill)
+        self.wait_for_log("main(#)start")
+        os.kill(int(vyworld.read(SERVICE_PID_FILE)), signal.SIGTERM)
+        self.assertEqual(bridge.wait(vyworld.LIMIT), 0)
+        self.wait_for_log("main(#)cannot empty /var/run/vynas-fssd.pid (5)")
+
     def test_it_sleeps_while_there_is_nothing_to_do(self):
         self.start_bridge()
 

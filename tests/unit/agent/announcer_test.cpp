@@ -2,6 +2,7 @@
 #include "agent/announcer.h"
 
 #include "fake/fake_log.h"
+#include "fake_medium.h"
 #include "fake_sysfs.h"
 #include "support/failing_memory.h"
 #include "support/files.h"
@@ -62,6 +63,32 @@ class AnnouncerTest : public testing::Test {
 
     void walk() { announcer_walk(&announcer_); }
 
+    // The stick has been told of, and is pulled.
+    void pull()
+    {
+        sysfs_.remove_disk("sda");
+        event(UEVENT_REMOVE, "sda1", 8, 1);
+        event(UEVENT_REMOVE, "sda", 8, 0);
+    }
+
+    // Another card is in the drive sda, while a partition of the one before is mounted.
+    void change_in_use()
+    {
+        medium_.add_node("sda");
+        medium_.answer(EBUSY);
+        event(UEVENT_CHANGE, "sda", 8, 0);
+    }
+
+    // The kernel reads the new card's partitions once nothing is in use.
+    void end_use()
+    {
+        medium_.answer(0);
+        sysfs_.remove_partition("sda", "sda1");
+        sysfs_.add_partition("sda", "sda2", "8:2");
+        announcer_advance(&announcer_, announcer_.changed.due);
+    }
+
+    FakeMedium medium_;
     FakeSysfs sysfs_;
     Courier courier_;
     Announcer announcer_;
@@ -295,9 +322,82 @@ TEST_F(AnnouncerTest, OpensTheDiskWhoseMediumChanged)
     plug();
     event(UEVENT_CHANGE, "sda", 8, 0);
     const auto lines = fake_log_texts();
-    EXPECT_NE(
-        std::find(lines.begin(), lines.end(), "announcer(#)/dev/sda: No such file or directory"),
-        lines.end());
+    EXPECT_NE(std::find(lines.begin(), lines.end(), "medium(#)/dev/sda: No such file or directory"),
+              lines.end());
+}
+
+TEST_F(AnnouncerTest, TellsOfAMediumThatWasChangedInUseOnceTheKernelHasReadIt)
+{
+    plug();
+    (void)told();
+    change_in_use();
+    EXPECT_EQ(fake_log_texts().back(),
+              "announcer(#)sda not announced yet: the medium before is in use");
+    EXPECT_EQ(told(), (Told{"-8:1", "-8:0"}));
+    walk();
+    event(UEVENT_ADD, "sda1", 8, 1);
+    announcer_advance(&announcer_, announcer_.changed.due - 1);
+    announcer_advance(&announcer_, announcer_.changed.due);
+    EXPECT_EQ(told(), Told{});
+    EXPECT_EQ(medium_.requests(), 2);
+    end_use();
+    EXPECT_EQ(told(), (Told{"+8:0", "+8:2"}));
+    walk();
+    EXPECT_EQ(told(), Told{});
+    announcer_advance(&announcer_, announcer_.changed.due);
+    EXPECT_EQ(medium_.requests(), 3);
+}
+
+TEST_F(AnnouncerTest, KnowsTheEventsOfPartitionsThatItHadRead)
+{
+    plug();
+    (void)told();
+    change_in_use();
+    sysfs_.set_event_count(102);
+    end_use();
+    event(UEVENT_REMOVE, "sda1", 8, 1, 101);
+    event(UEVENT_ADD, "sda2", 8, 2, 102);
+    EXPECT_EQ(told(), (Told{"-8:1", "-8:0", "+8:0", "+8:2"}));
+}
+
+TEST_F(AnnouncerTest, LeavesAMediumThatWasChangedInUseToAWalkThatIsDue)
+{
+    plug();
+    (void)told();
+    change_in_use();
+    announcer_forget(&announcer_); // the daemon has gone
+    announcer_.walk_due = true;
+    end_use();
+    EXPECT_EQ(told(), Told{});
+    walk();
+    EXPECT_EQ(told(), (Told{"+8:0", "+8:2"}));
+}
+
+TEST_F(AnnouncerTest, TellsANewDaemonNothingOfAMediumThatWasChangedInUse)
+{
+    plug();
+    (void)told();
+    change_in_use();
+    announcer_forget(&announcer_);
+    walk();
+    EXPECT_EQ(told(), Told{});
+    end_use();
+    EXPECT_EQ(told(), (Told{"+8:0", "+8:2"}));
+}
+
+TEST_F(AnnouncerTest, AsksForNoMediumOfADriveThatHasGone)
+{
+    plug();
+    (void)told();
+    change_in_use();
+    EXPECT_GE(announcer_timeout(&announcer_, courier_now()), 0);
+    pull();
+    EXPECT_EQ(told(), (Told{"-8:1", "-8:0"}));
+    announcer_advance(&announcer_, courier_now() + agent_check_first); // nothing is mounted
+    EXPECT_EQ(announcer_timeout(&announcer_, courier_now()), -1);
+    plug("OTHER");
+    EXPECT_EQ(told(), (Told{"+8:0", "+8:1"}));
+    EXPECT_EQ(medium_.requests(), 1);
 }
 
 TEST_F(AnnouncerTest, DoesNothingForOtherChanges)
@@ -310,6 +410,135 @@ TEST_F(AnnouncerTest, DoesNothingForOtherChanges)
     change.major = 8;
     announcer_event(&announcer_, change); // another kind of change
     event(UEVENT_CHANGE, "sda1", 8, 1);   // a partition has no medium
+    EXPECT_EQ(told(), Told{});
+}
+
+TEST_F(AnnouncerTest, TakesBackAgainWhatIsStillMounted)
+{
+    plug();
+    (void)told();
+    pull();
+    EXPECT_EQ(told(), (Told{"-8:1", "-8:0"}));
+    sysfs_.set_mounts({"8:1 /media/vyhotplug/sda1 /dev/vyhotplug/sda1"});
+    EXPECT_GT(announcer_timeout(&announcer_, courier_now()), 0);
+    announcer_advance(&announcer_, announcer_.check_due - 1);
+    EXPECT_EQ(told(), Told{});
+    announcer_advance(&announcer_, announcer_.check_due + 1000); // of the disk too
+    EXPECT_EQ(told(), Told{"-8:1"});
+    sysfs_.set_mounts({});
+    EXPECT_GT(announcer_timeout(&announcer_, courier_now()), 0);
+    announcer_advance(&announcer_, announcer_.check_due);
+    EXPECT_EQ(told(), Told{});
+    EXPECT_EQ(announcer_timeout(&announcer_, courier_now()), -1);
+}
+
+TEST_F(AnnouncerTest, TakesWhatStaysMountedBackSoOftenAndNoMore)
+{
+    plug();
+    (void)told();
+    pull();
+    sysfs_.set_mounts({"8:1 /media/vyhotplug/sda1 /dev/vyhotplug/sda1"});
+    for (int looks = 0; looks < agent_checks; looks++) {
+        const uint64_t before = courier_now();
+        EXPECT_EQ(told().front(), "-8:1") << looks;
+        const Announced* entry = announced_find_state(&announcer_.table, 8, 1, ANNOUNCED_GONE);
+        ASSERT_NE(entry, nullptr);
+        EXPECT_GE(entry->due, before + (uint64_t{agent_check_first} << looks));
+        EXPECT_LE(entry->due, courier_now() + (uint64_t{agent_check_first} << looks));
+        announcer_advance(&announcer_, entry->due);
+    }
+    EXPECT_EQ(told(), Told{"-8:1"});
+    EXPECT_EQ(announcer_timeout(&announcer_, courier_now()), -1);
+}
+
+TEST_F(AnnouncerTest, TakesNothingBackThatIsMountedElsewhereOrWasNeverAnnounced)
+{
+    plug();
+    (void)told();
+    pull();
+    event(UEVENT_REMOVE, "sdb1", 8, 17);
+    EXPECT_EQ(told(), (Told{"-8:1", "-8:0", "-8:17"}));
+    sysfs_.set_mounts({"8:1 /mnt /dev/sda1", "8:0 /media/vyhotplug /dev/sda",
+                       "8:17 /media/vyhotplug/sdb1 /dev/sdb1", "9:1 /media/vyhotplug/sda1 /dev/x",
+                       "8:2 /media/vyhotplug/sda2 /dev/x"});
+    announcer_advance(&announcer_, courier_now() + agent_check_first);
+    EXPECT_EQ(told(), Told{});
+    EXPECT_EQ(announcer_timeout(&announcer_, courier_now()), -1);
+}
+
+TEST_F(AnnouncerTest, TakesNothingBackThatHasBeenAnnouncedAgain)
+{
+    plug();
+    (void)told();
+    for (int turn = 0; turn < 2; turn++) { // before anything is delivered
+        pull();
+        plug();
+    }
+    EXPECT_EQ(told(), (Told{"-8:1", "-8:0", "+8:0", "+8:1", "-8:1", "-8:0", "+8:0", "+8:1"}));
+    sysfs_.set_mounts({"8:1 /media/vyhotplug/sda1 /dev/vyhotplug/sda1"});
+    announcer_advance(&announcer_, courier_now() + agent_check_first);
+    EXPECT_EQ(told(), Told{});
+}
+
+TEST_F(AnnouncerTest, TakesNumbersBackOnceHoweverOftenTheyWent)
+{
+    plug();
+    (void)told();
+    pull();
+    plug();
+    pull();
+    EXPECT_EQ(told(), (Told{"-8:1", "-8:0", "+8:0", "+8:1", "-8:1", "-8:0"}));
+    sysfs_.set_mounts({"8:1 /media/vyhotplug/sda1 /dev/vyhotplug/sda1"});
+    announcer_advance(&announcer_, courier_now() + agent_check_first);
+    EXPECT_EQ(told(), Told{"-8:1"});
+}
+
+TEST_F(AnnouncerTest, LooksLaterWhenTheMountsCannotBeRead)
+{
+    plug();
+    (void)told();
+    pull();
+    (void)told();
+    unlink("/tmp/fake-proc/self/mountinfo");
+    announcer_advance(&announcer_, courier_now() + agent_check_first);
+    EXPECT_EQ(told(), Told{});
+    EXPECT_GT(announcer_timeout(&announcer_, courier_now()), static_cast<int>(agent_check_first));
+    sysfs_.set_mounts({"8:1 /media/vyhotplug/sda1 /dev/vyhotplug/sda1"});
+    announcer_advance(&announcer_, courier_now() + 2 * agent_check_first);
+    EXPECT_EQ(told(), Told{"-8:1"});
+}
+
+TEST_F(AnnouncerTest, LosesNoLookWhereverMemoryRunsOut)
+{
+    for (int nth = 1;; nth++) {
+        sysfs_.set_mounts({});
+        plug();
+        (void)told();
+        pull();
+        (void)told();
+        sysfs_.set_mounts({"8:1 /media/vyhotplug/sda1 /dev/vyhotplug/sda1"});
+        memory_fail(nth);
+        announcer_advance(&announcer_, courier_now() + agent_check_first);
+        const bool failed = memory_failed();
+        walk(); // one may be due
+        announcer_advance(&announcer_, courier_now() + 2 * agent_check_first);
+        EXPECT_EQ(told(), Told{"-8:1"}) << nth;
+        if (!failed)
+            break;
+        ASSERT_LT(nth, 100);
+    }
+}
+
+TEST_F(AnnouncerTest, LooksForNoMountOfAnotherDaemons)
+{
+    plug();
+    (void)told();
+    pull();
+    (void)told();
+    announcer_forget(&announcer_);
+    EXPECT_EQ(announcer_timeout(&announcer_, courier_now()), -1);
+    sysfs_.set_mounts({"8:1 /media/vyhotplug/sda1 /dev/vyhotplug/sda1"});
+    announcer_advance(&announcer_, courier_now() + agent_check_first);
     EXPECT_EQ(told(), Told{});
 }
 

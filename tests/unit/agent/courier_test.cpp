@@ -25,8 +25,11 @@ class CourierTest : public testing::Test {
 
     static bool met(void* self, int)
     {
-        static_cast<CourierTest*>(self)->met_++;
-        return static_cast<CourierTest*>(self)->sends_;
+        auto* test = static_cast<CourierTest*>(self);
+        test->met_++;
+        if (test->pauses_at_ != 0)
+            courier_pause(&test->courier_, test->pauses_at_);
+        return test->sends_;
     }
     static void missed(void* self) { static_cast<CourierTest*>(self)->missed_++; }
     static void delivered(void* self, const QueuedMessage* message)
@@ -51,6 +54,7 @@ class CourierTest : public testing::Test {
 
     Courier courier_;
     bool sends_ = true;
+    uint64_t pauses_at_ = 0; // a time: the owner pauses when it meets the daemon
     int met_ = 0;
     int missed_ = 0;
     Told delivered_;
@@ -205,6 +209,30 @@ TEST_F(CourierTest, SendsNothingWhereTheOwnerWantsNothingSent)
     sends_ = true;
     run();
     EXPECT_EQ(daemon_told(), Told{"+8:1"});
+}
+
+TEST_F(CourierTest, LetsTheOwnersPausesGrow)
+{
+    const TestDaemon daemon;
+    sends_ = false;
+    put("ACTION=add,MAJOR=8,MINOR=1");
+    uint64_t now = courier_now();
+    for (const int pause : {250, 500, 1000, 2000, 2000}) {
+        pauses_at_ = now;
+        courier_.visit = true;
+        courier_advance(&courier_, now);
+        EXPECT_EQ(courier_timeout(&courier_, now), pause);
+        EXPECT_EQ(courier_.connection, -1);
+        const int met = met_;
+        courier_advance(&courier_, now + static_cast<unsigned>(pause) - 1);
+        EXPECT_EQ(met_, met);
+        now += static_cast<unsigned>(pause);
+    }
+    EXPECT_EQ(met_, 5);
+    pauses_at_ = 0;
+    courier_advance(&courier_, now);
+    EXPECT_EQ(courier_.pause, 0U); // the next pause is a short one again
+    EXPECT_EQ(courier_timeout(&courier_, now), 0);
 }
 
 TEST_F(CourierTest, LeavesAMessageUnderWayAlone)

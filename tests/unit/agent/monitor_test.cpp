@@ -11,9 +11,11 @@
 #include <gtest/gtest.h>
 
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <memory>
 
 using Told = std::vector<std::string>;
@@ -310,6 +312,25 @@ TEST_F(MonitorTest, TakesAMessageUnderWayForDeliveredWhenItEnds)
     daemon.go_on();
     start();
     expect_nothing_more({"+8:0", "+8:1", "+8:16", "+8:32"});
+}
+
+TEST_F(MonitorTest, TellsOfTheOthersWhileOneDeviceCannotBeLookedAt)
+{
+    plug();
+    sysfs_.add_stick("sdb", "8:16");
+    const std::string holders = std::string(FakeSysfs::root) + "/block/sdb/holders";
+    ASSERT_EQ(rmdir(holders.c_str()), 0);
+    write_file(holders, "");
+    const TestDaemon daemon;
+    start();
+    expect_told({"+8:0", "+8:1"});
+    expect_nothing_more({"+8:0", "+8:1"});
+    unlink(holders.c_str());
+    ASSERT_EQ(mkdir(holders.c_str(), 0755), 0);
+    EXPECT_TRUE(wait_for([] { // by itself
+        const Told told = daemon_told();
+        return std::find(told.begin(), told.end(), "+8:16") != told.end();
+    }));
 }
 
 TEST_F(MonitorTest, NeedsNoStateFile)
