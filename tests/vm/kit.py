@@ -16,6 +16,8 @@ import struct
 import subprocess
 import sys
 
+from state import TABLE
+
 FOLDER = os.path.dirname(os.path.abspath(__file__))
 PROJECT = os.path.dirname(os.path.dirname(FOLDER))
 CACHE = os.path.join(PROJECT, "build", "cache", "vm")
@@ -310,7 +312,7 @@ def make_initramfs(kind, programs, sysroot):
         archive.folder(name)
     for name, target in LINKS.items():
         archive.link(name, target)
-    archive.content("etc/mtab", b"", 0o644)
+    archive.content("etc/mtab", TABLE.encode(), 0o644)
     for name, source in GUEST_FILES.items():
         archive.copy(name, os.path.join(FOLDER, "guest", source))
     archive.copy("bin/busybox", os.path.join(kind.root, "bin", "busybox"))

@@ -228,6 +228,18 @@ class Machine:
         for node in self.usb.pop(name):
             self.qmp("blockdev-del", node_name=node)
 
+    def plug_hub(self, name, port):
+        """Plugs in a hub; ports of its own are called PORT.1 and so on."""
+        self.qmp("device_add", driver="usb-hub", id=name, bus="usb.0", port=port)
+
+    def pull_hub(self, name, *disks):
+        """Pulls a hub out, with these disks in it."""
+        self.qmp("device_del", id=name)
+        for disk in disks:
+            self.wait_for_event("DEVICE_DELETED", disk)
+            for node in self.usb.pop(disk):
+                self.qmp("blockdev-del", node_name=node)
+
     def plug_reader(self, name, drive):
         """Plugs in a card reader: a disk whose medium comes and goes; `drive` is one of card_drives()."""
         self.qmp("device_add", driver="usb-bot", id=f"{name}-bus", attached=False, bus="usb.0", serial=name.upper())

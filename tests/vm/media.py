@@ -11,7 +11,7 @@ PATH = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
 # Kind of filesystem: MiB it needs at least, its type in a partition table.
 KINDS = {"fat32": (40, "c"), "fat16": (16, "e"), "ext2": (8, "83"), "ext3": (8, "83"), "ext4": (8, "83"),
          "ntfs": (8, "7"), "corrupt": (8, "83"), "empty": (8, "83"), "broken-ext4": (8, "83"),
-         "broken-fat": (40, "c")}
+         "broken-fat": (40, "c"), "exfat": (8, "7")}
 
 RAW_LABEL = "LABELTOWRITE"[:11]
 
@@ -96,6 +96,13 @@ class Filesystem:
         with open(path, "r+b") as file:
             file.write(bytes((n * 89 + n // 256 * 7) & 0xFF for n in range(MIB)))
 
+    def _exfat(self, path):
+        """What tells a filesystem that the service does not know; nothing behind it."""
+        with open(path, "r+b") as file:
+            file.write(b"\xeb\x76\x90EXFAT   ")
+            file.seek(510)
+            file.write(b"\x55\xaa")
+
     def _break(self, path):
         """The signature stands, what it promises does not."""
         with open(path, "r+b") as file:
@@ -107,34 +114,43 @@ class Filesystem:
                 file.write(b"\xa5" * 16)
 
 
-def make_disk(path, *filesystems, table="dos", size=None):
+def make_disk(path, *filesystems, table="dos", size=None, numbers=None, logical=0):
     """An image that holds the filesystems as partitions; table None puts the only one on the whole disk.
 
-    Returns the path. A card's image must be a power of two: give its `size` in MiB.
+    Returns the path. A card's image must be a power of two: give its `size` in MiB. Partitions are numbered from 1
+    on unless their `numbers` are given. The last `logical` ones of a DOS table lie in an extended partition.
     """
     if table is None:
         filesystems[0].make(path)
         return path
-    end = FIRST + sum(filesystem.size for filesystem in filesystems) + FIRST
-    with open(path, "wb") as file:
-        file.truncate((size or end) * MIB)
-    _write_table(path, filesystems, table)
+    primary = len(filesystems) - logical
+    starts = []
     at = FIRST
-    for filesystem in filesystems:
+    for index, filesystem in enumerate(filesystems):
+        at += FIRST if index >= primary else 0  # for the table of a logical partition
+        starts.append(at)
+        at += filesystem.size
+    with open(path, "wb") as file:
+        file.truncate((size or at + FIRST) * MIB)
+    lines = [_table_line(table, start, filesystem) for start, filesystem in zip(starts, filesystems)]
+    if numbers:
+        lines = [f"{path}{number} : {line}" for number, line in zip(numbers, lines)]
+    if logical:
+        lines.insert(primary, f"start={starts[primary] - FIRST}MiB, size={at - starts[primary] + FIRST}MiB, type=5")
+    _write_table(path, [f"label: {table}", *lines])
+    for start, filesystem in zip(starts, filesystems):
         part = path + ".part"
         filesystem.make(part)
-        run("dd", f"if={part}", f"of={path}", "bs=1M", f"seek={at}", "conv=notrunc,sparse")
+        run("dd", f"if={part}", f"of={path}", "bs=1M", f"seek={start}", "conv=notrunc,sparse")
         os.unlink(part)
-        at += filesystem.size
     return path
 
 
-def _write_table(path, filesystems, table):
-    lines = [f"label: {table}"]
-    at = FIRST
-    for filesystem in filesystems:
-        kind = f", type={filesystem.type}" if table == "dos" else ""
-        lines.append(f"start={at}MiB, size={filesystem.size}MiB{kind}")
-        at += filesystem.size
+def _table_line(table, start, filesystem):
+    kind = f", type={filesystem.type}" if table == "dos" else ""
+    return f"start={start}MiB, size={filesystem.size}MiB{kind}"
+
+
+def _write_table(path, lines):
     subprocess.run(["sfdisk", "--quiet", "--no-reread", "--no-tell-kernel", path], check=True,
                    input="\n".join(lines).encode(), env={"PATH": PATH}, stdout=subprocess.DEVNULL)

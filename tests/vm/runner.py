@@ -4,6 +4,7 @@ import argparse
 import concurrent.futures
 import os
 import shutil
+import signal
 import subprocess
 import sys
 import time
@@ -13,6 +14,7 @@ import xml.etree.ElementTree as ElementTree
 import kit
 
 LIMIT = 600  # seconds for one test; a long one has ten times as much
+FAREWELL = 30  # seconds for one that ran too long to leave its traces
 LOGS = os.path.join(kit.PROJECT, "build", "vm-logs")
 
 
@@ -33,11 +35,12 @@ class Test:
         start = time.monotonic()
         environment = {**os.environ, "VY_VM_MACHINE": self.machine, "VY_VM_FOLDER": self.folder}
         with open(os.path.join(self.folder, "test.log"), "wb") as out:
+            process = subprocess.Popen([sys.executable, "-B", "-m", "unittest", "-v", self.id], cwd=kit.FOLDER,
+                                       env=environment, stdin=subprocess.DEVNULL, stdout=out, stderr=out)
             try:
-                status = subprocess.call([sys.executable, "-B", "-m", "unittest", "-v", self.id], cwd=kit.FOLDER,
-                                         env=environment, stdin=subprocess.DEVNULL, stdout=out, stderr=out,
-                                         timeout=LIMIT * 10 if self.long else LIMIT)
+                status = process.wait(LIMIT * 10 if self.long else LIMIT)
             except subprocess.TimeoutExpired:
+                end(process)
                 status = -1
                 out.write(b"\nran too long\n")
         self.seconds = time.monotonic() - start
@@ -47,6 +50,16 @@ class Test:
         if self.passed:
             shutil.rmtree(self.folder)
         return self
+
+
+def end(process):
+    """Interrupts a test, which keeps its traces then, and kills it if it does not end."""
+    process.send_signal(signal.SIGINT)
+    try:
+        process.wait(FAREWELL)
+    except subprocess.TimeoutExpired:
+        process.kill()
+        process.wait()
 
 
 def cases(suite):

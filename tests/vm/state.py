@@ -5,6 +5,7 @@ import re
 
 PLACES = "/media/vyhotplug"
 NODES = "/dev/vyhotplug"
+TABLE = "rootfs / rootfs rw 0 0\n"  # /etc/mtab, before the service adds to it
 
 
 class Mount:
@@ -95,13 +96,18 @@ class State:
         """The log lines with exactly that text."""
         return [line for line in self.log if line.text == text]
 
+    def announcements(self):
+        """The add messages that arrived, as they stand."""
+        return [line.text.removeprefix("recieve(#)") for line in self.log
+                if line.text.startswith("recieve(#)ACTION=add")]
+
     def footprint(self, without=()):
         """What must be the same again when the same is plugged: no trace is left of anything else."""
         parts = {
             "mounts": sorted(f"{mount.device} {mount.directory} {mount.type} {mount.source}"
                              for mount in self.all_mounts),
-            "table": self.table, "shares": self.shares, "nodes": self.nodes, "places": self.places, "tmp": self.tmp,
-            "kernel": self.kernel,
+            "table": self.table, "shares": self.shares, "devices": self.devices, "nodes": self.nodes,
+            "places": self.places, "tmp": self.tmp, "kernel": self.kernel,
             "processes": sorted(process["name"] for process in self.processes),
             "descriptors": sorted((process["name"], re.sub(r"\[\d+\]", "", target or "gone"))
                                   for process in self.processes

@@ -13,9 +13,7 @@ mkdir /sys/kernel/config/usb_gadget/evil && cd /sys/kernel/config/usb_gadget/evi
 echo 0x1234 >idVendor
 echo 0xabcd >idProduct
 mkdir strings/0x409 configs/c.1 functions/mass_storage.0
-printf '{manufacturer}' >strings/0x409/manufacturer
-printf '{product}' >strings/0x409/product
-printf '{serial}' >strings/0x409/serialnumber
+{strings}
 echo /vm/stick >functions/mass_storage.0/lun.0/file
 ln -s functions/mass_storage.0 configs/c.1/
 echo dummy_udc.0 >UDC"""
@@ -58,22 +56,33 @@ class Gadget(VmTest):
     def test_names_of_a_usb_device(self):
         self.vm.run("sh /vm/load more")
         before = self.wait_for_idle()
-        for texts, serial in (({"manufacturer": "=Evil],\\n[x]", "product": "Path=/etc,force", "serial": "a,b]\\n[c"},
-                               "a_b___c"),
-                              ({"manufacturer": "ä" * 63, "product": "€" * 42, "serial": "𝄞" * 31}, "𝄞" * 31)):
+        for texts, serial in (({"manufacturer": "=Evil],\\n[x]", "product": "Path=/etc,force",
+                                "serialnumber": "a,b]\\n[c"}, "a_b___c"),
+                              ({"manufacturer": "ä" * 63, "product": "€" * 42, "serialnumber": "𝄞" * 31}, "𝄞" * 31),
+                              ({}, "")):
             self.plug_gadget(texts)
             self.wait_for_mounts("sda0")
             state = self.wait_for_idle()
             self.assert_sane(state, ["sda0"])
             self.assertEqual(state.share("sda0")["Identifier"], f"1234:abcd:{serial}:0")
+            if not texts:
+                self.look_at_scsi_names(state.share("sda0"))
             self.vm.run("cd /sys/kernel/config/usb_gadget/evil && echo >UDC; rm configs/c.1/mass_storage.0; "
                         "rmdir configs/c.1 functions/mass_storage.0 strings/0x409; cd / && "
                         "rmdir /sys/kernel/config/usb_gadget/evil")
             self.wait_for_mounts()
             self.assertEqual(self.wait_for_idle().footprint()["descriptors"], before.footprint()["descriptors"])
 
+    def look_at_scsi_names(self, share):
+        """A USB device that has no name is called as its disk calls itself."""
+        vendor, model = (line.rstrip() for line in
+                         self.vm.run("cd /sys/block/sda/device && cat vendor model").splitlines())
+        self.assertTrue(vendor and model)
+        self.assertEqual((share.get("Manufactuare"), share.get("Product")), (vendor, model))
+
     def plug_gadget(self, texts):
         self.vm.run("dd if=/dev/zero of=/vm/stick bs=1k count=0 seek=40960; mkdosfs -n GADGET /vm/stick")
-        self.vm.run(GADGET.format(**texts))
+        self.vm.run(GADGET.format(strings="\n".join(
+            f"printf '{text}' >strings/0x409/{name}" for name, text in texts.items())))
 
     assert_sane = Hostile.assert_sane

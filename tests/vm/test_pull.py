@@ -2,15 +2,15 @@
 
 from machine import DEVICE_FILE
 from media import Filesystem
-from state import place_of
+from state import node_of, place_of
 from vmtest import VmTest, WaitingTools, long_on
 
 
 class Mounted(VmTest):
-    def test_pulled_mounted_then_with_a_file_open_then_while_written(self):
+    def test_pulled_unmounted_by_hand_then_with_a_file_open_then_while_written(self):
         before = self.wait_for_idle()
         image = self.plug("stick", Filesystem("fat32", "HOLIDAY"), Filesystem("ext4"), serial="AC0042")
-        for use in (self.leave_alone, self.read_a_file, self.write_files):
+        for use in (self.unmount_by_hand, self.read_a_file, self.write_files):
             self.wait_for_mounts("sda1", "sda2")
             self.wait_for_idle()
             use()
@@ -24,8 +24,9 @@ class Mounted(VmTest):
         self.assertEqual(state.mount("sda1").device, "8:1")
         self.assert_file("sda1", "this is HOLIDAY\n")
 
-    def leave_alone(self):
-        pass
+    def unmount_by_hand(self):
+        """Somebody else did: all that is left of it goes all the same."""
+        self.vm.run(f"umount {place_of('sda1')}")
 
     def read_a_file(self):
         for name in ("sda1", "sda2"):
@@ -110,6 +111,8 @@ class SlowDisk(VmTest):
 
 class Settings(VmTest):
     def test_a_replugged_disk_finds_its_settings(self):
+        """And what an earlier service left in its place does not hinder it."""
+        self.vm.run(f"mkdir {place_of('sda1')} && mknod {node_of('sda1')} b 8 1")
         image = self.plug("stick", Filesystem("ext4"), Filesystem("ext4"), serial="AC0042")
         self.wait_for_mounts("sda1", "sda2")
         self.wait_for_idle()
@@ -128,10 +131,11 @@ class Settings(VmTest):
 
 @long_on()
 class Twice(VmTest):
-    def test_a_disk_that_goes_again_before_a_refresh_stays_mounted_until_it_is_unmounted(self):
+    def test_a_disk_that_goes_again_before_a_refresh_is_unmounted_after_it(self):
         """Kept: a remove message means the first entry with its numbers, and until the refresh that is the one
-        that has gone. Messages about another device, each held back, keep the refresh away meanwhile."""
-        self.wait_for_idle()
+        that has gone; the agent repeats it. Messages about another device, each held back, keep the refresh away
+        meanwhile."""
+        before = self.wait_for_idle()
         image = self.plug("stick", Filesystem("fat32", "HOLIDAY"), Filesystem("ext4"), serial="AC0042")
         self.wait_for_mounts("sda1", "sda2")
         self.wait_for_idle()
@@ -143,8 +147,28 @@ class Twice(VmTest):
         self.wait_until("mounted again", lambda state: sorted(state.names) == ["sda1", "sda2"])
         self.vm.pull("stick")
         self.wait_until("the disk has gone", lambda state: "sda" not in state.kernel)
+        self.wait_until("the service has passed over the second mount", lambda state: len(
+            [line for line in state.log if line.text.startswith("daemon(#)remove mount point ")]) >= 2)
+        self.assertEqual(sorted(self.vm.state().names), ["sda1", "sda2"])
         self.vm.run("touch /vm/enough")
-        self.wait_for_idle()
-        self.wait_for_mounts("sda1", "sda2")
-        self.vm.run("vyunmount all")
         self.wait_for_mounts()
+        self.assert_same(before, self.wait_for_idle())
+
+    def test_a_disk_that_went_after_its_mount_had_been_taken_off_by_hand_is_unmounted_the_next_time(self):
+        """Kept: the entry of a mount that somebody else took off stays until the refresh after another removal,
+        and so is the first with its numbers when the disk goes again."""
+        before = self.wait_for_idle()
+        image = self.plug("stick", Filesystem("ext4"), serial="AC0042")
+        self.wait_for_mounts("sda1")
+        self.wait_for_idle()
+        self.vm.run(f"umount {place_of('sda1')}")
+        self.vm.pull("stick")
+        self.wait_until("that is noticed", lambda state: any(
+            line.text.startswith("daemon(#)faild unmount ") for line in state.log))
+        self.wait_for_idle()
+        self.vm.plug("stick", image, serial="AC0042")
+        self.wait_until("mounted again", lambda state: state.names == ["sda1"])
+        self.wait_for_idle()
+        self.vm.pull("stick")
+        self.wait_for_mounts()
+        self.assert_same(before, self.wait_for_idle())

@@ -2,6 +2,7 @@
 
 import machine
 from media import Filesystem
+from state import place_of
 from vmtest import VmTest, long_on
 
 
@@ -28,6 +29,44 @@ class Reader(VmTest):
         self.vm.plug_reader("reader", "drive")
         self.wait_for_kernel("sda")
         self.media_come_and_go()
+
+
+class Swapped(VmTest):
+    """A card is changed for another while it is mounted. What the kernel still writes when it unmounts the first
+    one lands on the second: filesystems that lie at the same place have the same form here."""
+
+    devices = machine.USB + machine.card_drives("drive")
+    append = "block.events_dfl_poll_msecs=500"
+
+    def swap(self, *filesystems):
+        """Between two looks of the kernel's, so that it sees no empty drive."""
+        image = self.image(*filesystems)
+        self.vm.eject("reader")
+        self.vm.insert("reader", image)
+
+    def assert_mounted(self, text, *names):
+        """Mounted are these, each once, and the first holds what is its own."""
+        self.wait_until(f"the card {text} is mounted and shared", lambda state: state.share("sda1") and self.vm.attempt(
+            f"grep -qx 'this is {text}' {place_of('sda1')}/readme.txt")[0] == 0)
+        self.wait_for_idle()
+        state = self.wait_for_mounts(*names)
+        self.assertEqual(sorted(mount.device for mount in state.mounts), [f"8:{name[3:]}" for name in names])
+
+    def test_a_mounted_card_is_changed_for_another(self):
+        self.vm.plug_reader("reader", "drive")
+        self.wait_for_kernel("sda")
+        before = self.wait_for_idle()
+        self.vm.insert("reader", self.image(Filesystem("fat16", "FIRST"), Filesystem("ext4"), Filesystem("ext2")))
+        self.assert_mounted("FIRST", "sda1", "sda2", "sda3")
+        self.swap(Filesystem("fat16", "SECOND"))
+        self.assert_mounted("SECOND", "sda1")
+        self.swap(Filesystem("fat16", "THIRD"), Filesystem("fat16"))
+        self.assert_mounted("THIRD", "sda1", "sda2")
+        self.swap(Filesystem("fat16", "FOURTH"), Filesystem("fat16"))
+        self.assert_mounted("FOURTH", "sda1", "sda2")
+        self.vm.eject("reader")
+        self.wait_for_mounts()
+        self.assert_same(before, self.wait_for_idle())
 
 
 class ReaderAtBoot(Reader):

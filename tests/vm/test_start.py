@@ -6,29 +6,39 @@ from media import Filesystem
 from vmtest import VmTest, long_on
 
 
-def announcements(state):
-    return [line.text for line in state.log if line.text.startswith("recieve(#)ACTION=add")]
-
-
 class ColdPlug(VmTest):
+    """Beside two disks of the machine's own: one is mounted, the other used as swap."""
+
     devices = machine.USB + machine.card_slots("slot")
 
     def before_boot(self):
-        self.plug("stick", Filesystem("fat32", "HOLIDAY"), Filesystem("ext4"), serial="AC0042")
+        self.plug("system", Filesystem("ext4", "SYSTEM"), Filesystem("ext4"), serial="SYSTEM")
         self.card("slot", Filesystem("ext4", "CARD"))
 
     def start_service(self):
         """The agent first: it waits for the daemon."""
         self.wait_for_kernel("sda2", "mmcblk0p1")
+        self.vm.run("mount -t ext4 /dev/sda1 /mnt")
+        self.plug("swap", Filesystem("ext4"), Filesystem("empty"), serial="SWAP")
+        self.wait_for_kernel("sdb2")
+        self.vm.run("mkswap /dev/sdb2 && swapon /dev/sdb2")
+        self.plug("stick", Filesystem("fat32", "HOLIDAY"), Filesystem("ext4"), table="gpt", numbers=(5, 7),
+                  serial="AC0042")
+        self.wait_for_kernel("sdc7")
         self.start_agent()
         self.wait_until("the agent is there", lambda state: state.of("vyhotplug-agent"))
         self.start_daemon()
 
-    def test_what_is_there_before_the_service_is_mounted(self):
-        state = self.wait_for_mounts("mmcblka1", "sda1", "sda2")
-        self.assertEqual(state.share("sda1")[""], "HOLIDAY(A1)")
+    def test_what_is_there_before_the_service_is_mounted_but_for_the_machines_own(self):
+        names = ("mmcblka1", "sdc5", "sdc7")
+        state = self.wait_for_mounts(*names)
+        self.assertEqual(state.share("sdc5")[""], "HOLIDAY(C5)")
         self.assert_file("mmcblka1", "this is CARD\n")
-        self.wait_for_idle()
+        state = self.wait_for_idle()
+        self.assertEqual(sorted(state.names), sorted(names))
+        # Not even the partitions that are not in use.
+        self.assertEqual([text for text in state.announcements() if "SID=AC0042" not in text and "MAJOR=8" in text], [])
+        self.assertEqual(self.vm.run("cat /mnt/readme.txt"), "this is SYSTEM\n")
         self.vm.pull("stick")
         self.wait_for_mounts("mmcblka1")
         self.vm.eject("slot")
@@ -78,7 +88,7 @@ class Restart(VmTest):
         self.start_agent()
         self.wait_until("the agent is there", lambda state: state.of("vyhotplug-agent"))
         after = self.wait_for_idle()
-        self.assertEqual(announcements(after), announcements(before))
+        self.assertEqual(after.announcements(), before.announcements())
         self.assert_same(before, after)
         self.assertEqual(after.signals, before.signals)
 

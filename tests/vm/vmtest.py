@@ -6,13 +6,14 @@ again, with a limit that only a hanging machine reaches.
 
 import json
 import os
+import signal
 import time
 import unittest
 
 import machine
 import media
 from machine import CONFIG, LIMIT
-from state import place_of
+from state import TABLE, as_text, node_of, place_of
 
 QUIET = 2.5  # seconds in which the service would go on if it had anything left to do
 SETTINGS = ("Comment=\nRead Only=Disable\nGuest Access=Disable\nGuest Hide=Disable\nFull Access Users=\n"
@@ -20,6 +21,14 @@ SETTINGS = ("Comment=\nRead Only=Disable\nGuest Access=Disable\nGuest Hide=Disab
 
 
 BOTH = ("x86", "mips")
+
+
+class TooLong(Exception):
+    """Whoever runs the tests has lost patience."""
+
+
+def give_up(*_):
+    raise TooLong("interrupted")
 
 
 def long_on(*machines):
@@ -35,8 +44,10 @@ class VmTest(unittest.TestCase):
     long = ()
     devices = machine.USB
     append = ""
+    configuration = ""  # lines behind those of guest/vyhotplugd.conf; the last line of a key counts
 
     def setUp(self):
+        signal.signal(signal.SIGINT, give_up)  # an exception like others, so that the traces are kept
         self.folder = os.environ["VY_VM_FOLDER"]
         self.images = 0
         self.vm = machine.Machine(os.environ["VY_VM_MACHINE"], self.folder, self.devices, self.append)
@@ -44,8 +55,14 @@ class VmTest(unittest.TestCase):
         self.addCleanup(self._keep_traces)
         self.before_boot()
         self.vm.boot()
+        self.configure(self.configuration)
         self.start_neighbours()
         self.start_service()
+
+    def tearDown(self):
+        state = self.vm.state()
+        if state.table_link is None:
+            self.assertEqual(state.table[:len(TABLE)], TABLE)  # no test may cost what others noted there
 
     def before_boot(self):
         """What is plugged when the machine starts."""
@@ -59,6 +76,7 @@ class VmTest(unittest.TestCase):
         if self.vm.process.poll() is not None:
             return
         try:
+            self.vm.attempt("true")  # behind the end of a command that was interrupted
             state = self.vm.state()
             with open(os.path.join(self.folder, "state.json"), "w", encoding="ascii") as file:
                 json.dump(state.raw, file, indent=1)
@@ -90,6 +108,10 @@ class VmTest(unittest.TestCase):
                                len(now.said("recieve(#)start recieve loop")) > begun
                                and now.signals > state.signals)
 
+    def configure(self, text):
+        """For the daemon's next start."""
+        self.vm.run(f"printf '{text}' >>{CONFIG}")
+
     def start_agent(self):
         self.start("agent", "vyhotplug-agent --monitor")
 
@@ -113,13 +135,19 @@ class VmTest(unittest.TestCase):
             time.sleep(machine.STEP)
 
     def wait_for_idle(self, quiet=QUIET):
-        """Returns a state in which the service has done nothing for a while, and runs nothing."""
+        """Returns a state in which the service has done nothing for a while, and runs nothing.
+
+        What the file-sharing service could read when it was told for the last time is what stands there now.
+        """
         def is_idle(state):
             last = max([line.time for line in state.log] + [signal["time"] for signal in state.service] + [0])
             daemons = {process["pid"] for process in state.of("vyhotplugd")}
             children = [process for process in state.processes if process["parent"] in daemons]
             return state.time - last > quiet and not children
-        return self.wait_until("the service is idle", is_idle)
+        state = self.wait_until("the service is idle", is_idle)
+        if state.service:
+            self.assertEqual(as_text(state.service[-1]["shares"]), state.shares)
+        return state
 
     def wait_for_mounts(self, *names):
         """Mounted are these and no others, and all of them are shared."""
@@ -134,6 +162,13 @@ class VmTest(unittest.TestCase):
         self.maxDiff = None
         self.assertEqual(before.footprint(without), after.footprint(without))
 
+    def assert_table(self, state, others=""):
+        """/etc/mtab has what the service has mounted by itself, and what stood there before, with these lines."""
+        mounted = [f"{node_of(mount.name)} {place_of(mount.name)} {mount.type} {mount.flags[0]} 0 0"
+                   for mount in state.mounts if mount.type != "fuseblk"]
+        self.assertEqual(state.table[:len(TABLE + others)], TABLE + others)
+        self.assertEqual(sorted(state.table[len(TABLE + others):].splitlines()), sorted(mounted))
+
     # ---- media ----
 
     def image(self, *filesystems, **options):
@@ -141,9 +176,9 @@ class VmTest(unittest.TestCase):
         path = os.path.join(self.folder, f"medium-{self.images}.img")
         return media.make_disk(path, *filesystems, **options)
 
-    def plug(self, name, *filesystems, table="dos", size=None, **options):
+    def plug(self, name, *filesystems, table="dos", numbers=None, logical=0, **options):
         """Makes a disk with these filesystems and plugs it in; returns its image."""
-        image = self.image(*filesystems, table=table, size=size)
+        image = self.image(*filesystems, table=table, numbers=numbers, logical=logical)
         self.vm.plug(name, image, **options)
         return image
 
@@ -156,6 +191,15 @@ class VmTest(unittest.TestCase):
     def wait_for_kernel(self, *names):
         """Until the kernel has these."""
         return self.wait_until(f"the kernel has {names}", lambda state: set(names) <= set(state.kernel))
+
+    # ---- users of what is mounted ----
+
+    def use(self, name, file="readme.txt"):
+        """Opens a file for reading, and keeps it open; returns the process's number."""
+        self.vm.run("rm -f /vm/user")
+        self.start("user", f"sh -c 'echo $$ >/vm/user; exec sleep 9999 <{place_of(name)}/{file}'")
+        return self.vm.run(f"until [ -s /vm/user ] && [ $(readlink /proc/$(cat /vm/user)/fd/0) = "
+                           f"{place_of(name)}/{file} ]; do sleep 0.05; done; cat /vm/user").strip()
 
     # ---- looks ----
 
