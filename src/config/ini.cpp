@@ -11,6 +11,7 @@ static constexpr size_t key_significant = 511;
 static constexpr size_t value_max = 2047;
 static constexpr size_t first_read = 4096; // bytes; doubled as the file needs
 static constexpr size_t listed_max = 24;   // entries of a section that are kept at hand
+static constexpr size_t first_places = 64; // of the table of sections; doubled as they come
 
 namespace {
 
@@ -27,6 +28,7 @@ struct Span {
 struct Section {
     Span name;
     const char* body; // just behind the header's line
+    uint32_t hash;    // of the name
 };
 
 // An entry's line, and the upper-cased letter that its key begins with ("=" for an empty key).
@@ -52,6 +54,7 @@ struct IniDoc {
     size_t size;
     Section* table; // `places` of them, a power of two, at most half of them used
     size_t places;
+    size_t sections; // how many are used
     mutable RecentSection recent;
 };
 
@@ -163,7 +166,7 @@ static bool same_name(Span a, Span b)
 }
 
 // FNV-1a (Fowler, Noll, Vo) over the upper-cased name.
-static size_t hash_name(Span name)
+static uint32_t hash_name(Span name)
 {
     uint32_t hash = 2166136261U;
     for (const char* at = name.begin; at != name.end; at++)
@@ -171,11 +174,16 @@ static size_t hash_name(Span name)
     return hash;
 }
 
-// The place of a name in the table: its own, or the unused one where it belongs.
-static Section* find_place(const IniDoc* doc, Span name)
+static bool is_section(const Section& section, Span name, uint32_t hash)
 {
-    size_t at = hash_name(name) & (doc->places - 1);
-    while (doc->table[at].name.begin != nullptr && !same_name(doc->table[at].name, name))
+    return section.hash == hash && same_name(section.name, name);
+}
+
+// The place of a name in the table: its own, or the unused one where it belongs.
+static Section* find_place(const IniDoc* doc, Span name, uint32_t hash)
+{
+    size_t at = hash & (doc->places - 1);
+    while (doc->table[at].name.begin != nullptr && !is_section(doc->table[at], name, hash))
         at = (at + 1) & (doc->places - 1);
     return &doc->table[at];
 }
@@ -185,36 +193,47 @@ static Span whole_text(const IniDoc* doc)
     return {.begin = doc->text, .end = doc->text + doc->size};
 }
 
-static size_t count_headers(const IniDoc* doc)
+// Puts a table of so many places in the place of the one there is. Returns 0 or -ENOMEM.
+static int make_places(IniDoc* doc, size_t places)
 {
-    size_t count = 0;
-    Span rest = whole_text(doc);
-    Span line;
-    Span name;
-    while (next_line(&rest, &line)) {
-        if (header_for_lookup(line, &name))
-            count++;
+    const MemGuard<Section> old(doc->table);
+    const size_t old_places = doc->places;
+    doc->table = static_cast<Section*>(calloc(places, sizeof(Section)));
+    if (doc->table == nullptr)
+        return -ENOMEM;
+    doc->places = places;
+    for (size_t at = 0; at < old_places; at++) {
+        const Section& section = old.get()[at];
+        if (section.name.begin != nullptr)
+            *find_place(doc, section.name, section.hash) = section;
     }
-    return count;
+    return 0;
+}
+
+// A section whose name is known takes that one's place.
+static int add_section(IniDoc* doc, const Section& section)
+{
+    Section* place = find_place(doc, section.name, section.hash);
+    const bool known = place->name.begin != nullptr;
+    *place = section;
+    if (known || ++doc->sections * 2 < doc->places)
+        return 0;
+    return make_places(doc, doc->places * 2);
 }
 
 // Fills the table in file order, so that the last header of a name is the one that stays.
 static int index_sections(IniDoc* doc)
 {
     unify_line_ends(doc);
-    const size_t headers = count_headers(doc);
-    doc->places = 2;
-    while (doc->places < headers * 2)
-        doc->places *= 2;
-    doc->table = static_cast<Section*>(calloc(doc->places, sizeof(Section)));
-    if (doc->table == nullptr)
+    if (make_places(doc, first_places) != 0)
         return -ENOMEM;
     Span rest = whole_text(doc);
     Span line;
     Span name;
     while (next_line(&rest, &line)) {
-        if (header_for_lookup(line, &name))
-            *find_place(doc, name) = {.name = name, .body = rest.begin};
+        if (header_for_lookup(line, &name) &&
+            add_section(doc, {.name = name, .body = rest.begin, .hash = hash_name(name)}) != 0)
+            return -ENOMEM;
     }
     return 0;
 }
@@ -323,7 +342,7 @@ static const char* find_section(const IniDoc* doc, const char* section)
         return doc->text;
     const Span name = {.begin = section, .end = section + strlen(section)};
     if (doc->recent.place == nullptr || !same_bytes(doc->recent.place->name, name))
-        doc->recent.place = find_place(doc, name);
+        doc->recent.place = find_place(doc, name, hash_name(name));
     return doc->recent.place->body;
 }
 

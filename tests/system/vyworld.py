@@ -251,9 +251,11 @@ def socket_address(name="vyhotplugd"):
 
 
 def connect():
+    """Waits for its turn where many connect at once, which a socket with Python's own limit does not."""
     connection = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-    connection.settimeout(LIMIT)
+    connection.setsockopt(socket.SOL_SOCKET, socket.SO_SNDTIMEO, struct.pack("ll", LIMIT, 0))
     connection.connect(socket_address())
+    connection.settimeout(LIMIT)
     return connection
 
 

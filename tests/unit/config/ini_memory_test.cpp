@@ -99,6 +99,18 @@ TEST(IniMemory, ALargeFileThatRunsOutGivesEnomem)
     EXPECT_GT(sweep_lookup("dev", "k", "v"), 0);
 }
 
+// The table of sections is made larger as they come: at 32 of them, at 64, at 128.
+TEST(IniMemory, ManySectionsThatRunOutGiveEnomem)
+{
+    std::string text;
+    for (int i = 0; i < 150; i++)
+        text += "[s" + std::to_string(i) + "]\nk=" + std::to_string(i) + "\n";
+    write_file(path, text);
+    const int of_many = sweep_lookup("S31", "k", "31");
+    write_file(path, "[s]\nk=v\n");
+    EXPECT_EQ(of_many, sweep_lookup("s", "k", "v") + 3);
+}
+
 TEST(IniMemory, AListThatRunsOutGivesEnomemAndLeavesNothing)
 {
     write_file(path, "[a]\n[b]\n[c]\n");

@@ -167,6 +167,18 @@ TEST(IniHeader, ManySectionsAreAllFound)
 
 // ---- how a section ends ----
 
+TEST(IniHeader, ANameThatComesAgainIsTheLastOneHoweverManyThereAre)
+{
+    std::string text;
+    for (int round = 1; round <= 3; round++) {
+        for (int i = 0; i < 100; i++)
+            text += "[S" + std::to_string(i) + "]\nk=" + std::to_string(round * 1000 + i) + "\n";
+    }
+    write_file(path, text);
+    for (int i = 0; i < 100; i++)
+        EXPECT_EQ(lookup(("s" + std::to_string(i)).c_str(), "k"), "0 " + std::to_string(3000 + i));
+}
+
 TEST(IniSection, EndsAtTheNextHeader)
 {
     EXPECT_EQ(lookup_in("[a]\nx=1\n[b]\nk=v\n", "a", "k"), "-2");
