@@ -98,6 +98,21 @@ static bool next_line(Span* rest, Span* line)
     return true;
 }
 
+// As next_line, but passes over lines without a "[": all but headers, as a rule.
+static bool next_bracket_line(Span* rest, Span* line)
+{
+    if (rest->empty())
+        return false;
+    const auto* bracket = static_cast<const char*>(memchr(rest->begin, '[', rest->size()));
+    if (bracket == nullptr)
+        return false;
+    const char* begin = bracket;
+    while (begin != rest->begin && begin[-1] != '\n')
+        begin--;
+    rest->begin = begin;
+    return next_line(rest, line);
+}
+
 static Span skip_blanks(Span span)
 {
     while (!span.empty() && is_blank(*span.begin))
@@ -230,7 +245,7 @@ static int index_sections(IniDoc* doc)
     Span rest = whole_text(doc);
     Span line;
     Span name;
-    while (next_line(&rest, &line)) {
+    while (next_bracket_line(&rest, &line)) {
         if (header_for_lookup(line, &name) &&
             add_section(doc, {.name = name, .body = rest.begin, .hash = hash_name(name)}) != 0)
             return -ENOMEM;
@@ -491,7 +506,7 @@ static int append_names(const IniDoc* doc, vylist* sections)
     Span rest = whole_text(doc);
     Span line;
     Span name;
-    while (next_line(&rest, &line)) {
+    while (next_bracket_line(&rest, &line)) {
         if (header_for_list(line, &name) && append_name(sections, name) != 0)
             return -ENOMEM;
     }
