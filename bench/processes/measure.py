@@ -137,11 +137,20 @@ def cpu_seconds(pid):
     return sum(int(vyworld.read(f"{task}/schedstat").split()[0]) for task in tasks(pid)) / 1e9
 
 
-def wakeups(pid):
-    """How often its threads went to sleep by themselves."""
-    found = [re.search(r"^voluntary_ctxt_switches:\s*(\d+)", vyworld.read(f"{task}/status"),
-                       re.MULTILINE) for task in tasks(pid)]
-    return sum(int(match[1]) for match in found)
+def activity(pid):
+    """By thread: how often it went to sleep by itself, and its seconds on a processor."""
+    found = {}
+    for task in tasks(pid):
+        slept = re.search(r"^voluntary_ctxt_switches:\s*(\d+)", vyworld.read(f"{task}/status"),
+                          re.MULTILINE)
+        found[task] = (int(slept[1]), int(vyworld.read(f"{task}/schedstat").split()[0]) / 1e9)
+    return found
+
+
+def activity_since(pid, before):
+    """Sums over the threads that were there before and still are: some keep spare ones for a while."""
+    both = [(before[task], now) for task, now in activity(pid).items() if task in before]
+    return [sum(now[kind] - then[kind] for then, now in both) for kind in (0, 1)]
 
 
 # ---- the service ----
@@ -210,6 +219,17 @@ def make_loop(stack, name):
     loop = vyworld.LoopDevice(image)
     stack.callback(loop.release)
     return loop
+
+
+def deliver(message):
+    """Sends as the hotplug agent does: once more what was closed without having been read, as happens where
+    the number of a connection is closed a second time."""
+    while True:
+        with vyworld.connect() as connection:
+            connection.sendall(vyworld.to_bytes(message))
+            with contextlib.suppress(ConnectionResetError):
+                connection.recv(1)
+                return
 
 
 # ---- the peers ----

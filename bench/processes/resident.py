@@ -26,12 +26,12 @@ class Mounts:
     def plug(self):
         for partition in self.partitions:
             partition.lay_node()
-            vyworld.send(partition.add_message())
+            measure.deliver(partition.add_message())
         wait_until("all mounted", lambda: len(vyworld.mounts()) == MOUNTS)
 
     def pull(self):
         for partition in self.partitions:
-            vyworld.send(partition.remove_message())
+            measure.deliver(partition.remove_message())
         wait_until("none mounted", lambda: not vyworld.mounts())
 
 
@@ -109,13 +109,12 @@ def add_other_calls(results, calls):
 def idle(results, running):
     """One window for all of them without a tracer, then one with tracers."""
     seconds = measure.rounds(60, 12)
-    before = {name: (measure.wakeups(pid), measure.cpu_seconds(pid)) for name, pid in running.items()}
+    before = {name: measure.activity(pid) for name, pid in running.items()}
     began = time.monotonic()
     time.sleep(seconds)
     span = time.monotonic() - began
     for name, pid in running.items():
-        woken = measure.wakeups(pid) - before[name][0]
-        used = measure.cpu_seconds(pid) - before[name][1]
+        woken, used = measure.activity_since(pid, before[name])
         results.add(f"idle.wakeups.{name}", woken * 60 / span, "/min")
         results.add(f"idle.cpu.{name}", used * 3600 / span, "s/h")
     for name, calls in zip(running, system_calls(running.values(), seconds)):
