@@ -68,7 +68,9 @@ class WriteProtection(VmTest):
         self.look_at(state, "sdb3", "ntfs")
         self.assert_table(state)
 
-        self.start_agent()
+        self.start_agent()  # which must listen before what it was not told of goes
+        self.wait_until("the agent listens", lambda state: any(
+            "knows what it was told before" in line.text for line in state.log))
         self.wait_for_idle()
         self.vm.pull("stick")
         self.vm.pull("other")
