@@ -58,6 +58,11 @@ int sys_rename(const char* from, const char* to)
     return answer(rename(from, to));
 }
 
+int sys_fsync(int fd)
+{
+    return answer(fsync(fd));
+}
+
 int sys_statfs(const char* path)
 {
     struct statfs ignored;

@@ -48,6 +48,7 @@ const std::map<std::string, std::vector<int>> errors_of = {
     {"pthread_mutex_init", {ENOMEM}},
     {"read", {EIO, EINTR}},
     {"recv", {ECONNRESET, EINTR}},
+    {"fsync", {EIO, ENOSPC}},
     {"rename", {EXDEV, ENOSPC, EROFS}},
     {"rmdir", {EBUSY, ENOENT}},
     {"select", {EINTR, ENOMEM}},
