@@ -67,10 +67,12 @@ static size_t ini_all(const Input& input)
     size_t found = 0;
     for (vylist_node* node = sections->next; node != vylist_end(sections.get());
          node = node->next) {
+        IniSectionGuard section;
+        if (ini_section_open(doc.get(), static_cast<const char*>(node->data), section.out()) != 0)
+            continue;
         for (const char* key : section_keys) {
             IniValueGuard value;
-            if (ini_doc_get_string(doc.get(), static_cast<const char*>(node->data), key,
-                                   value.out(), INI_LAST) == 0)
+            if (ini_section_get_string(section.get(), key, value.out(), INI_LAST) == 0)
                 found++;
         }
     }

@@ -20,11 +20,11 @@ static constexpr char default_smb_config[] = "/tmp/vynas.dir.conf";
 static constexpr char default_device_config[] = "/tmp/hotplug.dev.conf";
 static constexpr char default_vfat_options[] = "utf8";
 
-// Returns owned: the key's last value in the unnamed section, possibly empty; null without one.
-static char* read_value(const char* path, const char* key)
+// Returns owned: the key's last value, possibly empty; null without one.
+static char* read_value(const IniSection* keys, const char* key)
 {
     char* value = nullptr;
-    return config_get_ini_string(path, "", key, &value, INI_LAST) == 0 ? value : nullptr;
+    return ini_section_get_string(keys, key, &value, INI_LAST) == 0 ? value : nullptr;
 }
 
 // ---- words ----
@@ -51,9 +51,9 @@ static uint8_t parse_smbtype(const char* value)
     return samba ? SMB_TYPE_SAMBA : SMB_TYPE_OWN;
 }
 
-static void load_smbtype(const char* path, ConfHotplug* config)
+static void load_smbtype(const IniSection* keys, ConfHotplug* config)
 {
-    const IniValueGuard value(read_value(path, "smbtype"));
+    const IniValueGuard value(read_value(keys, "smbtype"));
     if (value)
         config->smbtype = parse_smbtype(value.get());
 }
@@ -67,9 +67,9 @@ static constexpr SwitchKey naswork_key = {"ds/naswork", &ConfHotplug::naswork};
 static constexpr SwitchKey fat_label_key = {"fatvolumelabel", &ConfHotplug::fatvolumelabel};
 
 // Off only when the value says so.
-static void load_switch(const char* path, ConfHotplug* config, const SwitchKey& row)
+static void load_switch(const IniSection* keys, ConfHotplug* config, const SwitchKey& row)
 {
-    const IniValueGuard value(read_value(path, row.key));
+    const IniValueGuard value(read_value(keys, row.key));
     if (value)
         config->*row.field = string_enable_disable(value.get()) == 0 ? 0 : 1;
 }
@@ -89,9 +89,9 @@ static constexpr PathKey path_keys[] = {
     {"devicepath", &ConfHotplug::devicepath, default_device_config},
 };
 
-static void load_path(const char* path, ConfHotplug* config, const PathKey& row)
+static void load_path(const IniSection* keys, ConfHotplug* config, const PathKey& row)
 {
-    const IniValueGuard value(read_value(path, row.key));
+    const IniValueGuard value(read_value(keys, row.key));
     const bool absolute = value && value.get()[0] == '/';
     config->*row.field = strdup(absolute ? value.get() : row.fallback);
 }
@@ -116,28 +116,28 @@ static constexpr NumberKey permission_keys[] = {
 };
 
 // Reads the number; false when the key is absent. A bad number gives `bad` = true.
-static bool read_number(const char* path, const NumberKey& row, int32_t* number, bool* bad)
+static bool read_number(const IniSection* keys, const NumberKey& row, int32_t* number, bool* bad)
 {
-    const IniValueGuard value(read_value(path, row.key));
+    const IniValueGuard value(read_value(keys, row.key));
     if (!value)
         return false;
     *bad = str_to_long(value.get(), number, row.base) != 0;
     return true;
 }
 
-static void load_owner(const char* path, ConfHotplug* config, const NumberKey& row)
+static void load_owner(const IniSection* keys, ConfHotplug* config, const NumberKey& row)
 {
     int32_t number = 0;
     bool bad = false;
-    if (read_number(path, row, &number, &bad))
+    if (read_number(keys, row, &number, &bad))
         config->*row.field = bad ? row.fallback : static_cast<uint32_t>(number);
 }
 
-static void load_permission(const char* path, ConfHotplug* config, const NumberKey& row)
+static void load_permission(const IniSection* keys, ConfHotplug* config, const NumberKey& row)
 {
     int32_t number = 0;
     bool bad = false;
-    if (read_number(path, row, &number, &bad))
+    if (read_number(keys, row, &number, &bad))
         config->*row.field = bad ? row.fallback : ~static_cast<uint32_t>(number) & 0777U;
 }
 
@@ -155,9 +155,9 @@ static constexpr OptionsKey options_keys[] = {
     {"extfsoptions", &ConfHotplug::extfsoptions, nullptr},
 };
 
-static void load_options(const char* path, ConfHotplug* config, const OptionsKey& row)
+static void load_options(const IniSection* keys, ConfHotplug* config, const OptionsKey& row)
 {
-    const IniValueGuard value(read_value(path, row.key));
+    const IniValueGuard value(read_value(keys, row.key));
     const char* chosen = value && value.get()[0] != '\0' ? value.get() : row.fallback;
     config->*row.field = chosen == nullptr ? nullptr : strdup(chosen);
 }
@@ -172,9 +172,9 @@ static constexpr vyopt_option filesystem_names[] = {
 };
 
 // A list that is there replaces all three defaults: what it does not name is not mounted.
-static void load_mountfs(const char* path, ConfHotplug* config)
+static void load_mountfs(const IniSection* keys, ConfHotplug* config)
 {
-    const IniValueGuard value(read_value(path, "mountfs"));
+    const IniValueGuard value(read_value(keys, "mountfs"));
     if (!value)
         return;
     const OptionMapGuard map(vyopt_create_opmap(value.get()));
@@ -210,6 +210,29 @@ static void set_defaults(ConfHotplug* config)
     config->mountext = 1;
 }
 
+static void load_keys(const IniSection* keys, ConfHotplug* config)
+{
+    load_smbtype(keys, config);
+    load_switch(keys, config, naswork_key);
+    for (const PathKey& row : path_keys)
+        load_path(keys, config, row);
+    for (const NumberKey& row : owner_keys)
+        load_owner(keys, config, row);
+    for (const NumberKey& row : permission_keys)
+        load_permission(keys, config, row);
+    for (const OptionsKey& row : options_keys)
+        load_options(keys, config, row);
+    load_mountfs(keys, config);
+    load_switch(keys, config, fat_label_key);
+}
+
+// Opens the unnamed section of the file. Null, which holds no key, when it cannot be read.
+static void open_keys(const char* path, IniDocGuard* doc, IniSectionGuard* keys)
+{
+    if (ini_doc_load(path, doc->out()) == 0)
+        (void)ini_section_open(doc->get(), "", keys->out());
+}
+
 ConfHotplug* load_config_hotplug(const char* path)
 {
     if (path == nullptr)
@@ -220,18 +243,10 @@ ConfHotplug* load_config_hotplug(const char* path)
     if (config == nullptr)
         return nullptr;
     set_defaults(config);
-    load_smbtype(path, config);
-    load_switch(path, config, naswork_key);
-    for (const PathKey& row : path_keys)
-        load_path(path, config, row);
-    for (const NumberKey& row : owner_keys)
-        load_owner(path, config, row);
-    for (const NumberKey& row : permission_keys)
-        load_permission(path, config, row);
-    for (const OptionsKey& row : options_keys)
-        load_options(path, config, row);
-    load_mountfs(path, config);
-    load_switch(path, config, fat_label_key);
+    IniDocGuard doc;
+    IniSectionGuard keys;
+    open_keys(path, &doc, &keys);
+    load_keys(keys.get(), config);
     return config;
 }
 

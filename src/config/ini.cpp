@@ -1,5 +1,7 @@
 #include "config/ini.h"
 
+#include "lib/file.h"
+
 #include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
@@ -9,9 +11,8 @@
 
 static constexpr size_t key_significant = 511;
 static constexpr size_t value_max = 2047;
-static constexpr size_t first_read = 4096; // bytes; doubled as the file needs
-static constexpr size_t listed_max = 24;   // entries of a section that are kept at hand
-static constexpr size_t first_places = 64; // of the table of sections; doubled as they come
+static constexpr size_t first_places = 64;  // of a document's table; doubled as sections come
+static constexpr size_t first_entries = 16; // of a section; doubled as they come
 
 namespace {
 
@@ -25,26 +26,24 @@ struct Span {
 };
 
 // A header as a lookup finds it, in a table hashed by name. An unused place has no name.
-struct Section {
+struct Place {
     Span name;
     const char* body; // just behind the header's line
     uint32_t hash;    // of the name
 };
 
-// An entry's line, and the upper-cased letter that its key begins with ("=" for an empty key).
+// A line with a "=".
 struct Entry {
-    Span line;
-    char letter;
+    const char* line;
+    const char* equals; // the first one
+    const char* end;
+    char letter; // the key's first, upper-cased: tells most keys apart
 };
 
-// The section that was asked last, for the next key is most often asked of the same one: its place
-// and its first entries, so that they are not looked for in the text again.
-struct RecentSection {
-    const Section* place; // null before the first question
-    const char* body;     // whose entries are listed; null for none
-    size_t count;
-    Entry entries[listed_max];
-    Span rest; // the text behind the listed entries' lines; empty at the section's end
+// A key that is asked for as it is compared: upper-cased and without its blanks.
+struct Key {
+    char text[key_significant + 1];
+    size_t length;
 };
 
 } // namespace
@@ -52,13 +51,18 @@ struct RecentSection {
 struct IniDoc {
     char* text; // `size` bytes and one NUL behind them, every line end a line feed
     size_t size;
-    Section* table; // `places` of them, a power of two, at most half of them used
-    size_t places;
-    size_t sections; // how many are used
-    mutable RecentSection recent;
+    Place* table;  // `places` of them, a power of two, at most half of them used
+    size_t places; // 0 before there is a table
+    size_t sections;
 };
 
-static bool is_blank(char c)
+struct IniSection {
+    Entry* entries; // `count` of them in file order, room for `room`
+    size_t count;
+    size_t room;
+};
+
+static constexpr bool is_blank(char c)
 {
     return c == ' ' || c == '\t';
 }
@@ -69,9 +73,35 @@ static bool ends_line(char c)
 }
 
 // Upper case of ASCII letters, as toupper(3) in the C locale, for what is compared byte by byte.
-static char upper(char c)
+static constexpr char upper(char c)
 {
     return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
+}
+
+namespace {
+
+// What of a key's character is compared, by its byte: upper case, and 0 for a blank.
+struct KeyFold {
+    char of[256];
+};
+
+} // namespace
+
+static constexpr KeyFold make_key_fold()
+{
+    KeyFold fold = {};
+    for (int byte = 0; byte < 256; byte++) {
+        const auto c = static_cast<char>(byte);
+        fold.of[byte] = is_blank(c) ? '\0' : upper(c);
+    }
+    return fold;
+}
+
+static constexpr KeyFold key_fold = make_key_fold();
+
+static char fold_key(char c)
+{
+    return key_fold.of[static_cast<unsigned char>(c)];
 }
 
 // Makes every line end a line feed, so that the C library can look for it.
@@ -164,11 +194,6 @@ static bool ends_section(Span line)
     return !line.empty() && *line.begin == '[' && find_char(line, ']') != nullptr;
 }
 
-static bool same_bytes(Span a, Span b)
-{
-    return a.size() == b.size() && memcmp(a.begin, b.begin, a.size()) == 0;
-}
-
 static bool same_name(Span a, Span b)
 {
     if (a.size() != b.size())
@@ -189,16 +214,16 @@ static uint32_t hash_name(Span name)
     return hash;
 }
 
-static bool is_section(const Section& section, Span name, uint32_t hash)
+static bool is_place_of(const Place& place, Span name, uint32_t hash)
 {
-    return section.hash == hash && same_name(section.name, name);
+    return place.hash == hash && same_name(place.name, name);
 }
 
 // The place of a name in the table: its own, or the unused one where it belongs.
-static Section* find_place(const IniDoc* doc, Span name, uint32_t hash)
+static Place* find_place(const IniDoc* doc, Span name, uint32_t hash)
 {
     size_t at = hash & (doc->places - 1);
-    while (doc->table[at].name.begin != nullptr && !is_section(doc->table[at], name, hash))
+    while (doc->table[at].name.begin != nullptr && !is_place_of(doc->table[at], name, hash))
         at = (at + 1) & (doc->places - 1);
     return &doc->table[at];
 }
@@ -211,24 +236,24 @@ static Span whole_text(const IniDoc* doc)
 // Puts a table of so many places in the place of the one there is. Returns 0 or -ENOMEM.
 static int make_places(IniDoc* doc, size_t places)
 {
-    const MemGuard<Section> old(doc->table);
+    const MemGuard<Place> old(doc->table);
     const size_t old_places = doc->places;
-    doc->table = static_cast<Section*>(calloc(places, sizeof(Section)));
+    doc->table = static_cast<Place*>(calloc(places, sizeof(Place)));
     if (doc->table == nullptr)
         return -ENOMEM;
     doc->places = places;
     for (size_t at = 0; at < old_places; at++) {
-        const Section& section = old.get()[at];
-        if (section.name.begin != nullptr)
-            *find_place(doc, section.name, section.hash) = section;
+        const Place& place = old.get()[at];
+        if (place.name.begin != nullptr)
+            *find_place(doc, place.name, place.hash) = place;
     }
     return 0;
 }
 
 // A section whose name is known takes that one's place.
-static int add_section(IniDoc* doc, const Section& section)
+static int add_section(IniDoc* doc, const Place& section)
 {
-    Section* place = find_place(doc, section.name, section.hash);
+    Place* place = find_place(doc, section.name, section.hash);
     const bool known = place->name.begin != nullptr;
     *place = section;
     if (known || ++doc->sections * 2 < doc->places)
@@ -255,48 +280,25 @@ static int index_sections(IniDoc* doc)
 
 // ---- reading the file ----
 
-// Makes room for `size` bytes and a NUL, at least doubling. Returns 0 or -ENOMEM.
-static int grow(char** buffer, size_t* capacity)
-{
-    if (*capacity > SIZE_MAX / 2)
-        return -ENOMEM;
-    const size_t doubled = *capacity * 2;
-    auto* larger = static_cast<char*>(realloc(*buffer, doubled));
-    if (larger == nullptr)
-        return -ENOMEM;
-    *buffer = larger;
-    *capacity = doubled;
-    return 0;
-}
-
 // Drops the line that was being read.
-static void drop_unfinished_line(const char* text, size_t* size)
+static void drop_unfinished_line(FileBytes* content)
 {
-    while (*size > 0 && !ends_line(text[*size - 1]))
-        --*size;
+    while (content->size > 0 && !ends_line(content->bytes.get()[content->size - 1]))
+        content->size--;
+    content->bytes.get()[content->size] = '\0';
 }
 
 // Reads to the end of the file or to a read error. Returns 0 or -ENOMEM.
-static int read_all(int fd, char** buffer, size_t* size)
+static int read_text(int fd, IniDoc* doc)
 {
-    size_t capacity = first_read;
-    *size = 0;
-    *buffer = static_cast<char*>(malloc(capacity));
-    if (*buffer == nullptr)
-        return -ENOMEM;
-    for (;;) {
-        if (*size + 1 == capacity && grow(buffer, &capacity) != 0)
-            return -ENOMEM;
-        const ssize_t count = read(fd, *buffer + *size, capacity - *size - 1);
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count < 0)
-            drop_unfinished_line(*buffer, size);
-        if (count <= 0)
-            break;
-        *size += static_cast<size_t>(count);
-    }
-    (*buffer)[*size] = '\0';
+    FileBytes content;
+    const int result = file_read_fd(fd, FILE_ANY_SIZE, &content);
+    if (result == -ENOMEM)
+        return result;
+    if (result != 0)
+        drop_unfinished_line(&content);
+    doc->text = content.bytes.take();
+    doc->size = content.size;
     return 0;
 }
 
@@ -315,7 +317,7 @@ int ini_doc_load(const char* path, IniDoc** doc)
     IniDocGuard made(create_doc());
     if (!made)
         return -ENOMEM;
-    if (read_all(fd.get(), &made->text, &made->size) != 0)
+    if (read_text(fd.get(), made.get()) != 0)
         return -ENOMEM;
     if (index_sections(made.get()) != 0)
         return -ENOMEM;
@@ -348,97 +350,113 @@ void ini_doc_free(IniDoc* doc)
     free(doc);
 }
 
-// ---- values ----
+// ---- one section's entries ----
 
 // Just behind the section's header, or the text's beginning for no name; null without the section.
-static const char* find_section(const IniDoc* doc, const char* section)
+static const char* find_body(const IniDoc* doc, const char* name)
 {
-    if (section == nullptr || *section == '\0')
+    if (name == nullptr || *name == '\0')
         return doc->text;
-    const Span name = {.begin = section, .end = section + strlen(section)};
-    if (doc->recent.place == nullptr || !same_bytes(doc->recent.place->name, name))
-        doc->recent.place = find_place(doc, name, hash_name(name));
-    return doc->recent.place->body;
+    const Span whole = {.begin = name, .end = name + strlen(name)};
+    return find_place(doc, whole, hash_name(whole))->body;
 }
 
-static bool same_letter(char a, char b)
+static int add_entry(IniSection* section, const Entry& entry)
 {
-    return a == b || upper(a) == upper(b);
-}
-
-// Whether the line is an entry of that key, both without their blanks; fills `value` with what
-// stands behind the "=".
-static bool is_entry(Span line, const char* asked, Span* value)
-{
-    const char* at = line.begin;
-    for (size_t compared = 0; compared < key_significant; compared++) {
-        while (at != line.end && is_blank(*at))
-            at++;
-        while (is_blank(*asked))
-            asked++;
-        if (at == line.end)
-            return false;
-        if (*at == '=' && *asked == '\0') {
-            *value = {.begin = at + 1, .end = line.end};
-            return true;
-        }
-        if (*at == '=' || !same_letter(*at++, *asked++))
-            return false;
+    if (section->count == section->room) {
+        const size_t room = section->room == 0 ? first_entries : section->room * 2;
+        void* larger = realloc(section->entries, room * sizeof(Entry));
+        if (larger == nullptr)
+            return -ENOMEM;
+        section->entries = static_cast<Entry*>(larger);
+        section->room = room;
     }
-    const char* equals = find_char({.begin = at, .end = line.end}, '=');
-    if (equals != nullptr)
-        *value = {.begin = equals + 1, .end = line.end};
-    return equals != nullptr;
+    section->entries[section->count++] = entry;
+    return 0;
 }
 
-// The letter that tells most keys apart: `text` begins a key.
-static char first_letter(const char* text)
+// Lists the lines with a "=" from `rest` on to the section's end. Returns 0 or -ENOMEM.
+static int list_entries(Span rest, IniSection* section)
 {
-    while (is_blank(*text))
-        text++;
-    return *text == '\0' ? '=' : upper(*text);
-}
-
-// Lists the first entries of the section from `body` on, unless they are listed already.
-static const RecentSection* list_entries(const IniDoc* doc, const char* body)
-{
-    RecentSection* recent = &doc->recent;
-    if (recent->body == body)
-        return recent;
-    recent->body = body;
-    recent->count = 0;
-    recent->rest = {.begin = body, .end = doc->text + doc->size};
     Span line;
-    while (recent->count < listed_max) {
-        if (!next_line(&recent->rest, &line) || ends_section(line)) {
-            recent->rest.begin = recent->rest.end;
-            break;
-        }
-        if (find_char(line, '=') != nullptr)
-            recent->entries[recent->count++] = {.line = line, .letter = first_letter(line.begin)};
+    while (next_line(&rest, &line) && !ends_section(line)) {
+        const char* equals = find_char(line, '=');
+        if (equals == nullptr)
+            continue;
+        const char first = *skip_blanks({.begin = line.begin, .end = equals}).begin;
+        if (add_entry(section, {line.begin, equals, line.end, upper(first)}) != 0)
+            return -ENOMEM;
     }
-    return recent;
+    return 0;
 }
 
-// Finds the wanted entry of the section from `body` on; false when there is none.
-static bool find_value(const IniDoc* doc, const char* body, const char* key, int32_t occurrence,
-                       Span* value)
+int ini_section_open(const IniDoc* doc, const char* name, IniSection** section)
 {
-    const RecentSection* section = list_entries(doc, body);
-    const char letter = first_letter(key);
+    if (doc == nullptr || section == nullptr)
+        return -EINVAL;
+    const char* body = find_body(doc, name);
+    if (body == nullptr)
+        return -1;
+    IniSectionGuard made(static_cast<IniSection*>(calloc(1, sizeof(IniSection))));
+    if (!made)
+        return -ENOMEM;
+    if (list_entries({.begin = body, .end = doc->text + doc->size}, made.get()) != 0)
+        return -ENOMEM;
+    *section = made.take();
+    return 0;
+}
+
+void ini_section_free(IniSection* section)
+{
+    free(section->entries);
+    free(section);
+}
+
+// ---- values ----
+
+static void reduce_key(const char* asked, Key* key)
+{
+    size_t length = 0;
+    for (; *asked != '\0' && length < key_significant; asked++) {
+        key->text[length] = fold_key(*asked);
+        length += key->text[length] != '\0' ? 1 : 0;
+    }
+    key->text[length] = '\0';
+    key->length = length;
+}
+
+static bool has_key(const Entry& entry, const Key& key)
+{
+    const char* compared = key.text;
+    for (const char* at = entry.line; at != entry.equals; at++) {
+        const char c = fold_key(*at);
+        if (c == '\0')
+            continue;
+        if (c != *compared) // as at the key's end, where a NUL stands
+            return compared == key.text + key_significant;
+        compared++;
+    }
+    return compared == key.text + key.length;
+}
+
+// The wanted entry; null when there is none.
+static const Entry* find_entry(const IniSection* section, const char* asked, int32_t occurrence)
+{
+    Key key;
+    reduce_key(asked, &key);
+    const char letter =
+        key.length > 0 ? key.text[0] : '='; // which is what an empty key begins with
+    const Entry* last = nullptr;
     int32_t seen = 0;
     for (size_t at = 0; at < section->count; at++) {
         const Entry& entry = section->entries[at];
-        if (entry.letter == letter && is_entry(entry.line, key, value) && ++seen == occurrence)
-            return true;
+        if (entry.letter != letter || !has_key(entry, key))
+            continue;
+        last = &entry;
+        if (++seen == occurrence)
+            return last;
     }
-    Span rest = section->rest;
-    Span line;
-    while (next_line(&rest, &line) && !ends_section(line)) {
-        if (is_entry(line, key, value) && ++seen == occurrence)
-            return true;
-    }
-    return occurrence == INI_LAST && seen > 0;
+    return occurrence == INI_LAST ? last : nullptr;
 }
 
 static char* copy_value(Span value)
@@ -453,22 +471,31 @@ static char* copy_value(Span value)
     return copy;
 }
 
+int ini_section_get_string(const IniSection* section, const char* key, char** value,
+                           int32_t occurrence)
+{
+    if (section == nullptr || key == nullptr || value == nullptr)
+        return -EINVAL;
+    const Entry* found = find_entry(section, key, occurrence);
+    if (found == nullptr)
+        return -ENOENT;
+    char* copy = copy_value({.begin = found->equals + 1, .end = found->end});
+    if (copy == nullptr)
+        return -ENOMEM;
+    *value = copy;
+    return 0;
+}
+
 int ini_doc_get_string(const IniDoc* doc, const char* section, const char* key, char** value,
                        int32_t occurrence)
 {
     if (doc == nullptr || key == nullptr || value == nullptr)
         return -EINVAL;
-    const char* body = find_section(doc, section);
-    if (body == nullptr)
-        return -1;
-    Span found = {};
-    if (!find_value(doc, body, key, occurrence, &found))
-        return -ENOENT;
-    char* copy = copy_value(found);
-    if (copy == nullptr)
-        return -ENOMEM;
-    *value = copy;
-    return 0;
+    IniSectionGuard entries;
+    const int result = ini_section_open(doc, section, entries.out());
+    if (result != 0)
+        return result;
+    return ini_section_get_string(entries.get(), key, value, occurrence);
 }
 
 int config_get_ini_string(const char* path, const char* section, const char* key, char** value,

@@ -14,7 +14,7 @@
 //   and only when nothing but blanks follows.
 //
 // The config_ functions read the file at each call. Who needs many values of one version of a file
-// reads it once into an IniDoc and asks that; the answers are the same.
+// reads it once into an IniDoc, opens the sections it asks, and gets the same answers.
 #pragma once
 
 #include "lib/guard.h"
@@ -25,8 +25,8 @@
 
 constexpr int32_t INI_LAST = -1; // occurrence: the last entry of the key
 
-// A file's text and the places of its sections. For one thread at a time: a question remembers
-// where it looked, in a document that is const too.
+// A file's text and the places of its sections. Never changes once it is made, so any number of
+// threads may ask it.
 struct IniDoc;
 
 // Reads the file and finds its sections. Returns 0 and an owned document; -EIO when the file cannot
@@ -40,9 +40,24 @@ struct IniDoc;
 void ini_doc_free(IniDoc* doc);
 using IniDocGuard = Guard<IniDoc, ini_doc_free>;
 
-// As config_get_ini_string and config_get_section_list, without the file.
+// The entries of one section, listed once for many questions. Borrows the document's text.
+struct IniSection;
+
+// Lists a section; null or empty asks for the entries before the first header. Returns 0 and an
+// owned section; -1 when there is none of that name; -ENOMEM; -EINVAL for a null document or
+// `section`, which is untouched on failure.
+[[nodiscard]] int ini_section_open(const IniDoc* doc, const char* name, IniSection** section);
+
+void ini_section_free(IniSection* section);
+using IniSectionGuard = Guard<IniSection, ini_section_free>;
+
+// As config_get_ini_string, without the file.
+[[nodiscard]] int ini_section_get_string(const IniSection* section, const char* key, char** value,
+                                         int32_t occurrence);
 [[nodiscard]] int ini_doc_get_string(const IniDoc* doc, const char* section, const char* key,
                                      char** value, int32_t occurrence);
+
+// As config_get_section_list, without the file.
 [[nodiscard]] int ini_doc_get_section_list(const IniDoc* doc, vylist** sections);
 
 // Looks a key up. `section` null or empty asks for the entries before the first header;

@@ -70,25 +70,25 @@ constexpr UsersKey users_keys[] = {
 
 // ---- loading ----
 
-// Returns owned: the key's last value in the record's section; null when absent or empty.
-static char* read_value(const IniDoc* doc, const ConfDev* dev, const char* key)
+// Returns owned: the key's last value; null when absent or empty.
+static char* read_value(const IniSection* section, const char* key)
 {
     IniValueGuard value;
-    if (ini_doc_get_string(doc, dev->identifier, key, value.out(), INI_LAST) != 0)
+    if (ini_section_get_string(section, key, value.out(), INI_LAST) != 0)
         return nullptr;
     return value.get()[0] == '\0' ? nullptr : value.take();
 }
 
-static char* read_text(const IniDoc* doc, const ConfDev* dev, const char* key, size_t max)
+static char* read_text(const IniSection* section, const char* key, size_t max)
 {
-    const IniValueGuard value(read_value(doc, dev, key));
+    const IniValueGuard value(read_value(section, key));
     return value ? strndup(value.get(), max) : nullptr;
 }
 
 // Returns -1 when the record must be dropped for its path.
-static int read_path(const IniDoc* doc, ConfDev* dev)
+static int read_path(const IniSection* section, ConfDev* dev)
 {
-    const IniValueGuard value(read_value(doc, dev, "path"));
+    const IniValueGuard value(read_value(section, "path"));
     if (!value)
         return 0;
     if (value.get()[0] != '/' || strlen(value.get()) >= path_size)
@@ -98,10 +98,10 @@ static int read_path(const IniDoc* doc, ConfDev* dev)
 }
 
 template <size_t N>
-static uint8_t read_word(const IniDoc* doc, const ConfDev* dev, const char* key,
-                         const Word (&words)[N], uint8_t otherwise)
+static uint8_t read_word(const IniSection* section, const char* key, const Word (&words)[N],
+                         uint8_t otherwise)
 {
-    const IniValueGuard value(read_value(doc, dev, key));
+    const IniValueGuard value(read_value(section, key));
     if (!value)
         return otherwise;
     for (const Word& word : words) {
@@ -111,27 +111,27 @@ static uint8_t read_word(const IniDoc* doc, const ConfDev* dev, const char* key,
     return otherwise;
 }
 
-static void read_switch(const IniDoc* doc, ConfDev* dev, const SwitchKey& row)
+static void read_switch(const IniSection* section, ConfDev* dev, const SwitchKey& row)
 {
-    const IniValueGuard value(read_value(doc, dev, row.key));
+    const IniValueGuard value(read_value(section, row.key));
     dev->*row.field = string_enable_disable(value.get()) == 1 ? 1 : 0;
 }
 
 // Reads every setting. Returns -1 when the record must be dropped.
-static int read_settings(const IniDoc* doc, ConfDev* dev)
+static int read_settings(const IniSection* section, ConfDev* dev)
 {
-    dev->sharename = read_text(doc, dev, "sharename", sharename_max);
-    if (read_path(doc, dev) != 0)
+    dev->sharename = read_text(section, "sharename", sharename_max);
+    if (read_path(section, dev) != 0)
         return -1;
-    dev->comment = read_text(doc, dev, "comment", comment_max);
+    dev->comment = read_text(section, "comment", comment_max);
     dev->filesystem =
-        read_word(doc, dev, "filesystem", filesystem_words, uint8_t{CONF_DEV_FS_UNKNOWN});
+        read_word(section, "filesystem", filesystem_words, uint8_t{CONF_DEV_FS_UNKNOWN});
     for (const SwitchKey& row : switch_keys)
-        read_switch(doc, dev, row);
+        read_switch(section, dev, row);
     dev->administrator =
-        read_word(doc, dev, "administrator", administrator_words, uint8_t{CONF_DEV_ADMIN_FULL});
+        read_word(section, "administrator", administrator_words, uint8_t{CONF_DEV_ADMIN_FULL});
     for (const UsersKey& row : users_keys) {
-        const IniValueGuard value(read_value(doc, dev, row.key));
+        const IniValueGuard value(read_value(section, row.key));
         if (value)
             conf_parse_user_list(value.get(), dev->*row.field);
     }
@@ -151,7 +151,10 @@ static int load_section(const IniDoc* doc, const char* name, ConfDevTable* table
     if (dev->identifier == nullptr)
         return 0;
     conf_dev_record_defaults(dev.get());
-    if (read_settings(doc, dev.get()) != 0)
+    IniSectionGuard section;
+    if (ini_section_open(doc, name, section.out()) == -ENOMEM)
+        return -1;
+    if (section && read_settings(section.get(), dev.get()) != 0)
         return 0;
     if (vylist_insert(table->list, vylist_end(table->list), dev.get()) == nullptr)
         return -1;

@@ -2,6 +2,7 @@
 
 #include "config/ini.h"
 
+#include <errno.h>
 #include <getopt.h>
 #include <stdio.h>
 #include <string.h>
@@ -57,23 +58,23 @@ constexpr Setting device_settings[] = {
 } // namespace
 
 // Returns owned: the key's last value; null when absent or empty.
-static char* read_value(const IniDoc* doc, const char* section, const char* key)
+static char* read_value(const IniSection* section, const char* key)
 {
     IniValueGuard value;
-    if (ini_doc_get_string(doc, section, key, value.out(), INI_LAST) != 0)
+    if (ini_section_get_string(section, key, value.out(), INI_LAST) != 0)
         return nullptr;
     return value.get()[0] == '\0' ? nullptr : value.take();
 }
 
-static bool has_value(const IniDoc* doc, const char* section, const char* key)
+static bool has_value(const IniSection* section, const char* key)
 {
-    const IniValueGuard value(read_value(doc, section, key));
+    const IniValueGuard value(read_value(section, key));
     return static_cast<bool>(value);
 }
 
-static void print_setting(const IniDoc* doc, const char* section, const Setting& setting)
+static void print_setting(const IniSection* section, const Setting& setting)
 {
-    const IniValueGuard value(read_value(doc, section, setting.key));
+    const IniValueGuard value(read_value(section, setting.key));
     if (value)
         printf("%s%s\n", setting.label, value.get());
     else if (setting.otherwise != nullptr)
@@ -81,19 +82,19 @@ static void print_setting(const IniDoc* doc, const char* section, const Setting&
 }
 
 // Prints the first of two keys that has a value.
-static void print_either(const IniDoc* doc, const char* section, const char* label, const char* key,
+static void print_either(const IniSection* section, const char* label, const char* key,
                          const char* second_key)
 {
-    const bool first = has_value(doc, section, key);
-    print_setting(doc, section, {first ? key : second_key, label, ""});
+    const bool first = has_value(section, key);
+    print_setting(section, {first ? key : second_key, label, ""});
 }
 
-static void print_device(const IniDoc* devices, const char* identifier)
+static void print_device(const IniSection* device)
 {
-    if (has_value(devices, identifier, "path"))
+    if (has_value(device, "path"))
         printf("DevType=InternalDisk\n");
     for (const Setting& setting : device_settings)
-        print_setting(devices, identifier, setting);
+        print_setting(device, setting);
 }
 
 static void print_sizes(const char* path)
@@ -106,17 +107,17 @@ static void print_sizes(const char* path)
     printf("Free Size=%lld\n", static_cast<long long>(block * status.f_bfree));
 }
 
-static void print_share(const IniDoc* shares, const char* section, bool filesystem_told)
+static void print_share(const char* name, const IniSection* share, bool filesystem_told)
 {
-    print_setting(shares, section, {"status", "Status=", "Mount"});
-    printf("Auto Mount Share Name=%s\n", section);
-    print_setting(shares, section, {"comment", "Auto Mount Comment=", ""});
+    print_setting(share, {"status", "Status=", "Mount"});
+    printf("Auto Mount Share Name=%s\n", name);
+    print_setting(share, {"comment", "Auto Mount Comment=", ""});
     if (!filesystem_told)
-        print_setting(shares, section, {"filesystem", "File System=", "DefFS"});
-    print_either(shares, section, "Manufactuare=", "manufactuare", "vid");
-    print_either(shares, section, "Product=", "product", "pid");
-    print_setting(shares, section, {"volumelabel", "Volume Label=", ""});
-    const IniValueGuard path(read_value(shares, section, "path"));
+        print_setting(share, {"filesystem", "File System=", "DefFS"});
+    print_either(share, "Manufactuare=", "manufactuare", "vid");
+    print_either(share, "Product=", "product", "pid");
+    print_setting(share, {"volumelabel", "Volume Label=", ""});
+    const IniValueGuard path(read_value(share, "path"));
     if (!path)
         return;
     printf("Path=%s\n", path.get());
@@ -133,16 +134,37 @@ static bool holds_name(vylist* sections, const char* name)
     return false;
 }
 
-// The first section of the share file that belongs to the device; null without one.
-static const char* find_share(const IniDoc* shares, vylist* sections, const char* identifier)
+// Opens a section that a list of names holds. One that a lookup knows by another name has no
+// entries. Returns 0 or -ENOMEM.
+static int open_section(const IniDoc* doc, const char* name, IniSectionGuard* section)
 {
-    for (vylist_node* node = sections->next; node != vylist_end(sections); node = node->next) {
-        const auto* section = static_cast<const char*>(node->data);
-        const IniValueGuard value(read_value(shares, section, "identifier"));
-        if (value && strcmp(value.get(), identifier) == 0)
-            return section;
+    section->reset(nullptr);
+    const int result = ini_section_open(doc, name, section->out());
+    return result == -ENOMEM ? result : 0;
+}
+
+static bool belongs_to(const IniSection* share, const char* identifier)
+{
+    const IniValueGuard value(read_value(share, "identifier"));
+    return value && strcmp(value.get(), identifier) == 0;
+}
+
+// Opens the first section of the share file that belongs to the device. Returns 0 with its name,
+// null without one; -ENOMEM.
+static int find_share(const IniDoc* shares, vylist* names, const char* identifier,
+                      IniSectionGuard* share, const char** name)
+{
+    *name = nullptr;
+    for (vylist_node* node = names->next; node != vylist_end(names); node = node->next) {
+        const auto* candidate = static_cast<const char*>(node->data);
+        if (open_section(shares, candidate, share) != 0)
+            return -ENOMEM;
+        if (!belongs_to(share->get(), identifier))
+            continue;
+        *name = candidate;
+        return 0;
     }
-    return nullptr;
+    return 0;
 }
 
 // Reads a file and its section names; false when either fails.
@@ -164,10 +186,15 @@ int hotplug_info_devinfo(const char* device_file, const char* share_file, const 
         return -1;
     if (!holds_name(device_names.get(), identifier))
         return -1;
-    print_device(devices.get(), identifier);
-    const char* share = find_share(shares.get(), share_names.get(), identifier);
-    if (share != nullptr)
-        print_share(shares.get(), share, has_value(devices.get(), identifier, "filesystem"));
+    IniSectionGuard device;
+    IniSectionGuard share;
+    const char* share_name = nullptr;
+    if (open_section(devices.get(), identifier, &device) != 0 ||
+        find_share(shares.get(), share_names.get(), identifier, &share, &share_name) != 0)
+        return -1;
+    print_device(device.get());
+    if (share_name != nullptr)
+        print_share(share_name, share.get(), has_value(device.get(), "filesystem"));
     else
         printf("Status=Unplug\n");
     return 0;

@@ -7,8 +7,10 @@
 #include <gtest/gtest.h>
 
 #include <stdlib.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <string>
 #include <vector>
@@ -382,6 +384,38 @@ std::vector<std::string> missing_texts(const ConfHotplug* config)
             missing.emplace_back(row.name);
     }
     return missing;
+}
+
+// How often the file was opened since this watch was made.
+class OpenCount {
+  public:
+    OpenCount() : fd_(inotify_init1(IN_NONBLOCK))
+    {
+        EXPECT_GE(inotify_add_watch(fd_.get(), path.c_str(), IN_OPEN | IN_CLOSE), 0);
+    }
+    int count() const
+    {
+        // Each opening is followed by a closing: the kernel would merge openings in a row.
+        inotify_event events[256];
+        const ssize_t size = read(fd_.get(), events, sizeof events);
+        int opened = 0;
+        for (ssize_t at = 0; at < size / static_cast<ssize_t>(sizeof *events); at++)
+            opened += (events[at].mask & IN_OPEN) != 0 ? 1 : 0;
+        return opened;
+    }
+
+  private:
+    FdGuard fd_;
+};
+
+TEST(ConfigFile, IsReadOnceForAllItsKeys)
+{
+    write_file(path, "mountpath=/mnt\n");
+    const OpenCount opened;
+    const ConfigGuard config(load_config_hotplug(path.c_str()));
+    ASSERT_TRUE(config);
+    EXPECT_EQ(text_of(config->mountpath), "/mnt");
+    EXPECT_EQ(opened.count(), 1);
 }
 
 // Whatever allocation fails: no record, or one in which some values are missing.
