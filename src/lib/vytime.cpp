@@ -65,6 +65,11 @@ int vytime_msleep(uint32_t milliseconds)
 
 int vytime_sleep(uint32_t seconds)
 {
+    constexpr uint32_t most = INT32_MAX; // what a time_t of 32 bits holds
+    for (; seconds > most; seconds -= most) {
+        if (sleep_whole({.tv_sec = static_cast<time_t>(most), .tv_nsec = 0}) != 0)
+            return -1;
+    }
     return sleep_whole({.tv_sec = static_cast<time_t>(seconds), .tv_nsec = 0});
 }
 

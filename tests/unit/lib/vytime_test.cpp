@@ -150,6 +150,18 @@ TEST_F(Vytime, SleepsTurnTheirUnitIntoOneInterval)
                        "nanosleep 2000000", "nanosleep 2147483647000000"}));
 }
 
+// More seconds than a time_t of 32 bits holds.
+TEST_F(Vytime, SleepsThatAreTooLongForOneCallTakeSeveral)
+{
+    EXPECT_EQ(vytime_sleep(UINT32_MAX), 0);
+    EXPECT_EQ(world.journal, (Journal{"nanosleep 2147483647000000", "nanosleep 2147483647000000",
+                                      "nanosleep 1000000"}));
+    fake_world_reset();
+    world.fail("nanosleep", 1, EINVAL);
+    EXPECT_EQ(vytime_sleep(3000000000U), -1);
+    EXPECT_EQ(world.count("nanosleep"), 1);
+}
+
 TEST_F(Vytime, InterruptedSleepGoesOnForTheRest)
 {
     world.fail("nanosleep", 1, EINTR); // an interrupted one has slept half of its time
