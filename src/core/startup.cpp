@@ -130,7 +130,7 @@ static int set_level(DaemonCtx* ctx, const char* text)
     int32_t level = 0;
     const int32_t result = str_to_long(text, &level, 10);
     if (result != 0) {
-        fprintf(stderr, "Error : read log level (%d)\n", result < 0 ? EINVAL : ERANGE);
+        fprintf(stderr, "Error : read log level (%d)\n", result == -EINVAL ? EINVAL : ERANGE);
         return -1;
     }
     if (level < 0 || level > highest_level) {

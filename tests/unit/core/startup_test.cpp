@@ -230,8 +230,10 @@ TEST(Startup, RefusesALevelThatIsNoNumber)
 
 TEST(Startup, RefusesALevelBeyondAllNumbers)
 {
-    expect_parse_error({"-l", "99999999999"},
-                       "Error : read log level (" + std::to_string(ERANGE) + ")\n");
+    const std::string text = "Error : read log level (" + std::to_string(ERANGE) + ")\n";
+    expect_parse_error({"-l", "99999999999"}, text);
+    expect_parse_error({"-l", "2147483648"}, text);
+    expect_parse_error({"-l", "-2147483649"}, text);
 }
 
 std::string code_text(const char* code)
