@@ -4,9 +4,11 @@
 #include "lib/platform.h"
 #include "lib/sys.h"
 
+#include <linux/magic.h>
 #include <mntent.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 
 static constexpr char table_file[] = "/etc/mtab";
 static constexpr char temporary_file[] = "/tmp/mntent.tmp";
@@ -19,10 +21,15 @@ static void table_release(FILE* table)
 
 using TableGuard = Guard<FILE, table_release>;
 
+// Whether the table is a link that leads into proc(5). Any other file, and what any other link leads
+// to, is the daemon's to keep.
 static bool belongs_to_kernel()
 {
     struct stat status;
-    return lstat(table_file, &status) == 0 && S_ISLNK(status.st_mode);
+    struct statfs filesystem;
+    return lstat(table_file, &status) == 0 && S_ISLNK(status.st_mode) &&
+           statfs(table_file, &filesystem) == 0 &&
+           static_cast<unsigned long>(filesystem.f_type) == PROC_SUPER_MAGIC;
 }
 
 // mntent's texts are writable by type, but addmntent only reads them.

@@ -1,5 +1,5 @@
-// The mount table "/etc/mtab", a regular file of the daemon's keeping. Where it is a symbolic link
-// it shows the kernel's own table (proc(5)): that needs no keeping and is left alone.
+// The mount table "/etc/mtab", of the daemon's keeping. Where it is a symbolic link into proc(5) it
+// shows the kernel's own table: that needs no keeping and is left alone.
 #pragma once
 
 // Appends one line. A table that cannot be opened is passed over.

@@ -190,15 +190,35 @@ TEST(MtabRemove, KeepsTheStaleLineWhenTheFileCannotBeMoved)
     EXPECT_EQ(read_table(temporary_file), with(""));
 }
 
+// Whether the table is a link to exactly that.
+bool is_link_to(const std::string& target)
+{
+    char text[256] = {};
+    return readlink(table_file, text, sizeof text - 1) > 0 && target == text;
+}
+
 TEST(MtabRemove, LeavesATableOfTheKernelsAlone)
+{
+    for (const char* table : {"/proc/self/mounts", "/proc/mounts", "../proc/self/mounts"}) {
+        ASSERT_EQ(unlink(table_file), 0);
+        ASSERT_EQ(symlink(table, table_file), 0);
+        mtab_remove("/dev/sda1", "/mnt/sda1");
+        EXPECT_TRUE(is_link_to(table));
+        EXPECT_EQ(fake_world().count("rename"), 0);
+        EXPECT_FALSE(exists(temporary_file));
+    }
+}
+
+// It is kept as any other file: the new table takes the link's place.
+TEST(MtabRemove, RewritesATableBehindALink)
 {
     ASSERT_EQ(unlink(table_file), 0);
     write_file("/media/mounts", with(line));
     ASSERT_EQ(symlink("/media/mounts", table_file), 0);
     mtab_remove("/dev/sda1", "/mnt/sda1");
+    EXPECT_FALSE(is_link_to("/media/mounts"));
+    EXPECT_EQ(read_table(), with(""));
     EXPECT_EQ(read_file("/media/mounts"), with(line));
-    EXPECT_EQ(fake_world().count("rename"), 0);
-    EXPECT_FALSE(exists(temporary_file));
 }
 
 TEST(MtabRemove, HoldsNoDescriptorAfterwards)
@@ -236,6 +256,35 @@ TEST(MtabAppend, LeavesATableThatCannotBeWrittenTo)
     mtab_append("/dev/sda1", "/mnt/sda1", "vfat", "rw");
     EXPECT_EQ(read_table(), last_line);
     EXPECT_TRUE(fake_world().journal.empty());
+}
+
+TEST(MtabAppend, LeavesATableOfTheKernelsAlone)
+{
+    ASSERT_EQ(unlink(table_file), 0);
+    ASSERT_EQ(symlink("/proc/self/mounts", table_file), 0);
+    const std::string before = read_file(table_file);
+    mtab_append("/dev/sda1", "/mnt/sda1", "vfat", "rw");
+    EXPECT_EQ(read_file(table_file), before);
+    EXPECT_TRUE(is_link_to("/proc/self/mounts"));
+}
+
+TEST(MtabAppend, WritesToATableBehindALink)
+{
+    ASSERT_EQ(unlink(table_file), 0);
+    write_file("/media/mounts", last_line);
+    ASSERT_EQ(symlink("/media/mounts", table_file), 0);
+    mtab_append("/dev/sda1", "/mnt/sda1", "vfat", "rw");
+    EXPECT_EQ(read_table("/media/mounts"), std::string(last_line) + line);
+    EXPECT_TRUE(is_link_to("/media/mounts"));
+}
+
+// A link that leads nowhere yet.
+TEST(MtabAppend, MakesATableBehindALink)
+{
+    ASSERT_EQ(unlink(table_file), 0);
+    ASSERT_EQ(symlink("/media/mounts", table_file), 0);
+    mtab_append("/dev/sda1", "/mnt/sda1", "vfat", "rw");
+    EXPECT_EQ(read_table("/media/mounts"), line);
 }
 
 TEST(MtabAppend, WritesToTheTableItself)
