@@ -40,7 +40,7 @@ static int set_nonblocking(int fd)
 
 static int create_stream_socket()
 {
-    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0)
         VY_LOG(LOG_ERR, "Error - create socket (err=%d)", errno);
     return fd < 0 ? -1 : fd;
@@ -75,7 +75,7 @@ int unix_accept_addr(int listener, void* address, socklen_t* size)
     sockaddr_storage peer;
     static_assert(sizeof peer == 128);
     socklen_t length = sizeof peer;
-    FdGuard fd(accept(listener, reinterpret_cast<sockaddr*>(&peer), &length));
+    FdGuard fd(accept4(listener, reinterpret_cast<sockaddr*>(&peer), &length, SOCK_CLOEXEC));
     if (fd.get() < 0) {
         VY_LOG(LOG_ERR, "Error - accept socket (err=%d)", errno);
         return -1;

@@ -4,6 +4,8 @@
 // lives in the abstract namespace, padded with zero bytes to the full length of the address. The
 // last byte of the address is always zero: a path is cut to 107 characters, another name to 106.
 //
+// All descriptors are closed across exec(3): a hook or driver that is started meanwhile has none.
+//
 // One connection carries one request and at most one answer, each a text with its zero byte, sent
 // and read in one piece. Failures are logged here, at error level. Callable from any thread.
 #pragma once

@@ -86,7 +86,7 @@ pid_t sys_waitpid(pid_t pid, int* status, int options)
 
 int sys_pipe(int ends[2])
 {
-    return answer(pipe(ends));
+    return answer(pipe2(ends, O_CLOEXEC));
 }
 
 // In the child: stream `number` becomes a duplicate of `source`, or /dev/null when that is -1.

@@ -28,7 +28,7 @@ void sys_sync();
 // Processes.
 [[nodiscard]] int sys_kill(pid_t pid, int signal);
 [[nodiscard]] pid_t sys_waitpid(pid_t pid, int* status, int options);
-[[nodiscard]] int sys_pipe(int ends[2]);
+[[nodiscard]] int sys_pipe(int ends[2]); // both closed across exec(3)
 
 // Starts `file` (searched on PATH) with `argv` and the environment as it is. Its standard streams
 // become duplicates of stdio[0..2], or /dev/null where that is -1; descriptors 3 to 254 are closed.

@@ -232,7 +232,8 @@ char* __wrap_strndup(const char* text, size_t length)
         return call_fails(#function) ? (failure) : __real_##function arguments;                    \
     }
 
-WRAP(int, -1, accept, (int fd, sockaddr* address, socklen_t* size), (fd, address, size))
+WRAP(int, -1, accept4, (int fd, sockaddr* address, socklen_t* size, int flags),
+     (fd, address, size, flags))
 WRAP(int, -1, access, (const char* path, int mode), (path, mode))
 WRAP(int, -1, bind, (int fd, const sockaddr* address, socklen_t size), (fd, address, size))
 WRAP(int, -1, connect, (int fd, const sockaddr* address, socklen_t size), (fd, address, size))

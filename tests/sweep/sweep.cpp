@@ -23,7 +23,7 @@ struct Failing {
 // What really occurs. A call that is not listed fails with EIO and ENOMEM.
 const std::map<std::string, std::vector<int>> errors_of = {
     {"access", {EACCES, ENOENT}},
-    {"accept", {EMFILE, EINTR, ECONNABORTED}},
+    {"accept4", {EMFILE, EINTR, ECONNABORTED}},
     {"bind", {EADDRINUSE, ENOMEM}},
     {"clock_gettime", {EINVAL, EPERM}},
     {"close", {EIO, EINTR}},

@@ -83,6 +83,16 @@ class Sockets : public testing::Test {
     std::vector<int> held;
 };
 
+// A hook that is started meanwhile gets none of them, whatever its number.
+TEST_F(Sockets, AllAreClosedAcrossExec)
+{
+    const int listener = listen_on("pair");
+    const int client = connect_to("pair");
+    const int server = hold(unix_accept_addr(listener, nullptr, nullptr));
+    for (const int fd : {listener, client, server})
+        EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC) << fd;
+}
+
 // ---- addresses ----
 
 // What the kernel was given as a listening socket's address.

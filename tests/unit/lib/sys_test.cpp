@@ -94,6 +94,16 @@ TEST(Sys, Kill)
     EXPECT_EQ(sys_kill(getpid(), 9999), -EINVAL);
 }
 
+TEST(Sys, PipeIsClosedAcrossExec)
+{
+    int ends[2] = {-1, -1};
+    ASSERT_EQ(sys_pipe(ends), 0);
+    for (const int end : ends) {
+        EXPECT_EQ(fcntl(end, F_GETFD), FD_CLOEXEC);
+        close(end);
+    }
+}
+
 TEST(Sys, PipeCarriesBytes)
 {
     int ends[2];
