@@ -205,9 +205,9 @@ static void set_media()
 static void check_result(HotplugAction action, int result)
 {
     if (action == HOTPLUG_ACTION_ADD)
-        check(result == COMMAND_ADDED || result == -1, "an add's result");
+        check(result == DIRTY_ADDED || result == -1, "an add's result");
     else if (action == HOTPLUG_ACTION_REMOVE)
-        check(result == COMMAND_REMOVED || result == -1, "a remove's result");
+        check(result == DIRTY_REMOVED || result == -1, "a remove's result");
     else
         check_equal(result, action == HOTPLUG_ACTION_UNKNOWN ? 0 : -1, "the result");
 }
@@ -234,7 +234,7 @@ static void carry_out(BusyWorld* world, const HotplugCmd* cmd)
     check_set(*world);
     if (result > 0)
         refresh_tables(&world->ctx, result);
-    if (result == COMMAND_REMOVED) {
+    if (result == DIRTY_REMOVED) {
         for (const MountEntry* entry : world->entries())
             check_equal(entry->gone, 0, "what was removed has left the set");
     }

@@ -5,7 +5,7 @@
 // called. The first refresh, which adds the partitions, is not counted; TIMES (1) more are. Prints
 // their times in ns and their allocations as JSON. Under callgrind with --instr-atstart=no the
 // counted refreshes' instructions are what is counted. To be run in a private world.
-#include "core/command.h"
+#include "config/filesystems.h"
 #include "core/refresh.h"
 #include "device/crtsec.h"
 #include "functions/counted.h"
@@ -61,7 +61,7 @@ int main(int argc, char* argv[])
         return 1;
     for (int number = 0; number < atoi(argv[2]); number++)
         add_partition(number);
-    const int dirty = COMMAND_ADDED | COMMAND_REMOVED;
+    const int dirty = DIRTY_ADDED | DIRTY_REMOVED;
     refresh_tables(&ctx, dirty);
 
     const int times = argc > 3 ? atoi(argv[3]) : 1;

@@ -2,7 +2,7 @@
 // for one input and takes everything with it: files, entries, journal and log lines.
 #pragma once
 
-#include "core/daemon.h"
+#include "core/context.h"
 #include "device/mount_entry.h"
 
 #include <string>

@@ -119,7 +119,7 @@ static int add_device(HotplugDev* dev, const ConfHotplug* config)
     if (crtsec_blk_add(entry.get()) != 0)
         return -1; // it stays mounted
     (void)entry.take();
-    return COMMAND_ADDED;
+    return DIRTY_ADDED;
 }
 
 // ---- remove ----
@@ -144,7 +144,7 @@ static int remove_device(const HotplugDev* dev, const ConfHotplug* config)
     if (entry->mounted == 0) {
         entry->gone = 1;
         VY_LOG(LOG_ERR, "remove mount point %s %s", entry->devnode, entry->mountpoint);
-        return COMMAND_REMOVED;
+        return DIRTY_REMOVED;
     }
     daemon_call_evhook(HOTPLUG_EVENT_REMOVE, entry->mountpoint);
     conf_dir_set_unmount_flg(config->smbconfigpath, entry->sharename);
@@ -155,7 +155,7 @@ static int remove_device(const HotplugDev* dev, const ConfHotplug* config)
         return -1;
     }
     VY_LOG(LOG_ERR, "unmount %s %s", entry->devnode, entry->mountpoint);
-    return COMMAND_REMOVED;
+    return DIRTY_REMOVED;
 }
 
 // ---- mount and unmount requests ----

@@ -30,7 +30,7 @@ enum class TableState {
 struct RunLoop {
     DaemonCtx* ctx;
     TableState state;
-    int dirty; // COMMAND_ADDED, COMMAND_REMOVED
+    int dirty; // DIRTY_ADDED, DIRTY_REMOVED
     int idle_passes;
     bool handled; // the previous pass handled a command
 };
@@ -151,7 +151,7 @@ static void run_loop(DaemonCtx* ctx)
 {
     RunLoop loop = {.ctx = ctx,
                     .state = TableState::due,
-                    .dirty = COMMAND_REMOVED,
+                    .dirty = DIRTY_REMOVED,
                     .idle_passes = 0,
                     .handled = false};
     while (flag_get(&ctx->running) != 0)

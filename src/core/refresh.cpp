@@ -1,6 +1,6 @@
 #include "core/refresh.h"
 
-#include "core/command.h"
+#include "config/filesystems.h"
 #include "core/share_service.h"
 #include "device/crtsec.h"
 #include "lib/sys.h"
@@ -59,11 +59,11 @@ void refresh_tables(const DaemonCtx* ctx, int dirty)
     if (!table)
         return;
     conf_dev_load(config->deviceconfigpath, table.get()); // what could be read is worked with
-    if (dirty & COMMAND_ADDED)
+    if (dirty & DIRTY_ADDED)
         add_mounted_devices(table.get());
     touch_filesystems();
     conf_dir_save(config->smbconfigpath, table.get(), config->naswork);
-    if (dirty & COMMAND_REMOVED) {
+    if (dirty & DIRTY_REMOVED) {
         drop_removed_entries();
         conf_dev_prune(table.get(), is_plugged);
     }

@@ -1,7 +1,7 @@
 // Mount and unmount requests of the client commands.
 #pragma once
 
-#include "core/daemon.h"
+#include "core/context.h"
 #include "core/message.h"
 
 // Carries `action` (mount or unmount) out on every busy-device entry that `target` names: "all";

@@ -50,11 +50,34 @@ def faults_of(root, path):
             yield where + f"{folder} sees nothing of {other} but {', '.join(ONLY[folder, other])}"
 
 
+def modules_of(root, folder):
+    """What each module of a folder (a header and its source) includes of the same folder."""
+    seen = {}
+    for path in sorted((root / folder).iterdir()):
+        if path.suffix in (".h", ".cpp"):
+            names = [match.group(1) for match in map(INCLUDE.match, path.read_text().splitlines()) if match]
+            inside = {pathlib.Path(name).stem for name in names if name.split("/")[0] == path.parent.name}
+            seen.setdefault(path.stem, set()).update(inside - {path.stem})
+    return seen
+
+
+def circles_of(root, folder):
+    """Arrows inside a folder lead down: what is left when all that looks at nothing is taken away."""
+    left = modules_of(root, folder)
+    while ends := [name for name, seen in left.items() if not seen & left.keys()]:
+        for name in ends:
+            del left[name]
+    if left:
+        yield f"{folder}: these look at each other: {', '.join(sorted(left))}"
+
+
 def main():
     root = pathlib.Path(sys.argv[1]).resolve()
     files = [path for top in ("src", "companions") for path in sorted((root / top).rglob("*"))
              if path.suffix in (".h", ".cpp")]
     faults = [fault for path in files for fault in faults_of(root, path)]
+    folders = sorted({path.parent.relative_to(root) for path in files})
+    faults += [fault for folder in folders for fault in circles_of(root, folder)]
     print("\n".join(faults))
     print(f"{len(files)} files, {len(faults)} faults")
     return 1 if faults or not files else 0

@@ -197,7 +197,7 @@ Scenario add_scenario(Commands* commands)
     Scenario scenario =
         commands->scenario("ACTION=add,MAJOR=8,MINOR=1,SID=ABC,VNAME=V", false, false);
     scenario.check = [=](bool struck) {
-        EXPECT_TRUE(commands->result == COMMAND_ADDED || (struck && commands->result == -1) ||
+        EXPECT_TRUE(commands->result == DIRTY_ADDED || (struck && commands->result == -1) ||
                     (struck && commands->result == 0));
     };
     return scenario;
@@ -220,7 +220,7 @@ Scenario remove_scenario(Commands* commands)
     Scenario scenario = commands->scenario("ACTION=remove,MAJOR=8,MINOR=1", true, false);
     scenario.keeps_streams = true; // the withdrawn share's file, when it cannot be written
     scenario.check = [=](bool struck) {
-        EXPECT_TRUE(commands->result == COMMAND_REMOVED || (struck && commands->result == -1));
+        EXPECT_TRUE(commands->result == DIRTY_REMOVED || (struck && commands->result == -1));
     };
     return scenario;
 }

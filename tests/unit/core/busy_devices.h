@@ -1,7 +1,7 @@
 // A daemon's context and busy-device set on the fake world, with directories of their own.
 #pragma once
 
-#include "core/daemon.h"
+#include "core/context.h"
 #include "device/mount_entry.h"
 
 #include <gtest/gtest.h>

@@ -125,7 +125,7 @@ TEST_F(CommandTest, AnAddMountsLogsRunsTheHookAndRemembers)
     put_fat("sda1");
     EXPECT_EQ(handle("ACTION=add,MAJOR=8,MINOR=1,RANGE=16,VNAME=Acme,PNAME=FlashKey,SPEED=480,"
                      "VID=1234,PID=00ab,SID=ABC,RM=1,DEVTYPE=partition"),
-              COMMAND_ADDED);
+              DIRTY_ADDED);
     ASSERT_EQ(entries().size(), 1U);
     const MountEntry* entry = entries()[0];
     EXPECT_STREQ(entry->devnode, "/media/dev/sda1");
@@ -152,7 +152,7 @@ TEST_F(CommandTest, AnAddMountsLogsRunsTheHookAndRemembers)
 TEST_F(CommandTest, TheHookRunsBehindTheMountWithTheEventsCode)
 {
     put_fat("sda1");
-    EXPECT_EQ(handle("ACTION=add,MAJOR=8,MINOR=1"), COMMAND_ADDED);
+    EXPECT_EQ(handle("ACTION=add,MAJOR=8,MINOR=1"), DIRTY_ADDED);
     const Names& journal = fake_world().journal;
     ASSERT_GE(journal.size(), 4U);
     EXPECT_EQ(journal[2].substr(0, 6), "mount ");
@@ -171,7 +171,7 @@ TEST_F(CommandTest, AHookThatFailsChangesNothing)
     put_fat("sda1");
     fake_world().programs["/tmp/vyhotplugd-evhook.sh"] = {
         {.wait_status = 7 << 8, .polls = 0, .output = ""}};
-    EXPECT_EQ(handle("ACTION=add,MAJOR=8,MINOR=1"), COMMAND_ADDED);
+    EXPECT_EQ(handle("ACTION=add,MAJOR=8,MINOR=1"), DIRTY_ADDED);
     EXPECT_EQ(entries().size(), 1U);
 }
 
@@ -195,7 +195,7 @@ TEST_F(CommandTest, NamesAreMadeOfKindLetterAndPartition)
     for (const Row& row : rows) {
         SCOPED_TRACE(row.items);
         put_fat(row.name);
-        EXPECT_EQ(handle(std::string("ACTION=add,") + row.items), COMMAND_ADDED);
+        EXPECT_EQ(handle(std::string("ACTION=add,") + row.items), DIRTY_ADDED);
         EXPECT_EQ(entries().back()->devnode, node_of(row.name));
         EXPECT_EQ(entries().back()->mountpoint, directory_of(row.name));
     }
@@ -239,9 +239,9 @@ TEST_F(CommandTest, AMountThatCannotBeRememberedStaysMounted)
 TEST_F(CommandTest, TheSameDeviceMayBeAddedTwice)
 {
     put_fat("sda1");
-    EXPECT_EQ(handle("ACTION=add,MAJOR=8,MINOR=1"), COMMAND_ADDED);
+    EXPECT_EQ(handle("ACTION=add,MAJOR=8,MINOR=1"), DIRTY_ADDED);
     fake_world().mounts.clear(); // pulled out unnoticed
-    EXPECT_EQ(handle("ACTION=add,MAJOR=8,MINOR=1"), COMMAND_ADDED);
+    EXPECT_EQ(handle("ACTION=add,MAJOR=8,MINOR=1"), DIRTY_ADDED);
     EXPECT_EQ(entries().size(), 2U);
 }
 
@@ -298,7 +298,7 @@ TEST_F(CommandTest, AWholeDiskWithoutPartitionsIsMounted)
     put_fat("sda0");
     ASSERT_EQ(mkdir("/sys/block/sda", 0755), 0);
     show_partition("sdb", "sdb1"); // another disk's
-    EXPECT_EQ(handle("ACTION=add,MAJOR=8,MINOR=0,RANGE=16"), COMMAND_ADDED);
+    EXPECT_EQ(handle("ACTION=add,MAJOR=8,MINOR=0,RANGE=16"), DIRTY_ADDED);
     EXPECT_STREQ(entries()[0]->devnode, "/media/dev/sda0");
 }
 
@@ -306,7 +306,7 @@ TEST_F(CommandTest, PartitionsAreLookedForUpToOneBelowTheRange)
 {
     put_fat("sda0");
     show_partition("sda", "sda16");
-    EXPECT_EQ(handle("ACTION=add,MAJOR=8,MINOR=0,RANGE=16"), COMMAND_ADDED);
+    EXPECT_EQ(handle("ACTION=add,MAJOR=8,MINOR=0,RANGE=16"), DIRTY_ADDED);
     show_partition("sdb", "sdb15");
     EXPECT_EQ(handle("ACTION=add,MAJOR=8,MINOR=16,RANGE=16"), -1);
     EXPECT_EQ(fake_world().count("mount"), 1);
@@ -324,7 +324,7 @@ TEST_F(CommandTest, ADeviceOfASingleMinorIsNotLookedInto)
 {
     put_fat("sda0");
     show_partition("sda", "sda1");
-    EXPECT_EQ(handle("ACTION=add,MAJOR=8,MINOR=0,RANGE=1"), COMMAND_ADDED);
+    EXPECT_EQ(handle("ACTION=add,MAJOR=8,MINOR=0,RANGE=1"), DIRTY_ADDED);
 }
 
 TEST_F(CommandTest, ADeviceOfTwoMinorsIsLookedInto)
@@ -339,7 +339,7 @@ TEST_F(CommandTest, APartitionIsNotLookedInto)
 {
     put_fat("sda1");
     show_partition("sda", "sda1");
-    EXPECT_EQ(handle("ACTION=add,MAJOR=8,MINOR=1"), COMMAND_ADDED);
+    EXPECT_EQ(handle("ACTION=add,MAJOR=8,MINOR=1"), DIRTY_ADDED);
 }
 
 // Kept: a card's own partitions are never looked for ...
@@ -348,7 +348,7 @@ TEST_F(CommandTest, AWholeCardIsMountedWhateverItsPartitions)
     put_fat("mmcblka0");
     show_partition("mmcblk0", "mmcblk0p1");
     show_partition("mmcblka", "mmcblka1");
-    EXPECT_EQ(handle("ACTION=add,MAJOR=179,MINOR=0,RANGE=8"), COMMAND_ADDED);
+    EXPECT_EQ(handle("ACTION=add,MAJOR=179,MINOR=0,RANGE=8"), DIRTY_ADDED);
 }
 
 // ... but a disk of the same letter hides it.
@@ -433,7 +433,7 @@ TEST_F(CommandTest, ARemoveRunsTheHookFlagsTheShareAndUnmounts)
         {.wait_status = 0, .polls = 1, .output = ""}};
     std::string during_the_hook;
     fake_world().on_sleep = [&](uint64_t) { during_the_hook = read_file(config.smbconfigpath); };
-    EXPECT_EQ(handle("ACTION=remove,MAJOR=8,MINOR=1"), COMMAND_REMOVED);
+    EXPECT_EQ(handle("ACTION=remove,MAJOR=8,MINOR=1"), DIRTY_REMOVED);
     EXPECT_EQ(entry->mounted, 0);
     EXPECT_EQ(entry->gone, 1);
     EXPECT_EQ(hook_calls(), (Names{"unmount sda1"}));
@@ -448,7 +448,7 @@ TEST_F(CommandTest, ARemoveRunsTheHookFlagsTheShareAndUnmounts)
 TEST_F(CommandTest, TheHookOfARemoveHasItsOwnCode)
 {
     add(MAJOR_SD, 1);
-    EXPECT_EQ(handle("ACTION=remove,MAJOR=8,MINOR=1"), COMMAND_REMOVED);
+    EXPECT_EQ(handle("ACTION=remove,MAJOR=8,MINOR=1"), DIRTY_REMOVED);
     const Names texts = fake_log_texts();
     const auto at = texts.size() - 2;
     EXPECT_EQ(texts[at].substr(0, 27), "daemon(#)action 2 mntpath (");
@@ -458,7 +458,7 @@ TEST_F(CommandTest, ARemoveUnmountsByForce)
 {
     MountEntry* entry = add(MAJOR_SD, 1);
     fake_world().busy[directory_of("sda1")] = EBUSY;
-    EXPECT_EQ(handle("ACTION=remove,MAJOR=8,MINOR=1"), COMMAND_REMOVED);
+    EXPECT_EQ(handle("ACTION=remove,MAJOR=8,MINOR=1"), DIRTY_REMOVED);
     EXPECT_EQ(entry->mounted, 0);
     EXPECT_EQ(fake_world().count("umount2"), 1);
 }
@@ -480,7 +480,7 @@ TEST_F(CommandTest, ARemoveOfWhatIsNotMountedOnlyMarksIt)
     MountEntry* entry = add(MAJOR_SD, 1, 16, false);
     entry->sharename = strdup("Drive(A1)");
     write_file(config.smbconfigpath, "");
-    EXPECT_EQ(handle("ACTION=remove,MAJOR=8,MINOR=1"), COMMAND_REMOVED);
+    EXPECT_EQ(handle("ACTION=remove,MAJOR=8,MINOR=1"), DIRTY_REMOVED);
     EXPECT_EQ(entry->gone, 1);
     EXPECT_EQ(log_lines(), (Names{"daemon(#)remove mount point /media/dev/sda1 /media/mnt/sda1"}));
     EXPECT_TRUE(fake_world().journal.empty());
@@ -502,8 +502,8 @@ TEST_F(CommandTest, ARemoveTakesTheFirstEntryOfItsDevice)
 {
     MountEntry* first = add(MAJOR_SD, 1, 16, false);
     MountEntry* second = add(MAJOR_SD, 1, 16, false);
-    EXPECT_EQ(handle("ACTION=remove,MAJOR=8,MINOR=1"), COMMAND_REMOVED);
-    EXPECT_EQ(handle("ACTION=remove,MAJOR=8,MINOR=1"), COMMAND_REMOVED);
+    EXPECT_EQ(handle("ACTION=remove,MAJOR=8,MINOR=1"), DIRTY_REMOVED);
+    EXPECT_EQ(handle("ACTION=remove,MAJOR=8,MINOR=1"), DIRTY_REMOVED);
     EXPECT_EQ(first->gone, 1);
     EXPECT_EQ(second->gone, 0); // the first one is found again
 }

@@ -1,7 +1,8 @@
 #include "core/refresh.h"
 
 #include "busy_devices.h"
-#include "core/command.h"
+#include "config/filesystems.h"
+#include "device/kinds.h"
 #include "fake/fake_log.h"
 #include "fake/fake_world.h"
 #include "support/files.h"
@@ -53,7 +54,7 @@ class RefreshTest : public BusyDevicesTest {
 
 TEST_F(RefreshTest, SavesTheShareFileThenTheDeviceFileThenSyncsThenTells)
 {
-    refresh_tables(&ctx, COMMAND_ADDED | COMMAND_REMOVED);
+    refresh_tables(&ctx, DIRTY_ADDED | DIRTY_REMOVED);
     EXPECT_EQ(
         fake_world().journal,
         (Names{"rename /tmp/vyhotplug.dir.conf.tmp /tmp/vynas.dir.conf",
@@ -66,7 +67,7 @@ TEST_F(RefreshTest, AddsEveryMountedPartitionInOrder)
 {
     add_device(1, "ABC");
     add_device(18, "");
-    refresh_tables(&ctx, COMMAND_ADDED);
+    refresh_tables(&ctx, DIRTY_ADDED);
     EXPECT_EQ(read_file(device_file),
               default_record("1234:00ab:ABC:1") + default_record("1234:00ab::2"));
 }
@@ -74,7 +75,7 @@ TEST_F(RefreshTest, AddsEveryMountedPartitionInOrder)
 TEST_F(RefreshTest, AddsNothingWithoutTheBit)
 {
     add_device(1, "ABC");
-    for (const int dirty : {0, static_cast<int>(COMMAND_REMOVED)}) {
+    for (const int dirty : {0, static_cast<int>(DIRTY_REMOVED)}) {
         fake_log_clear();
         refresh_tables(&ctx, dirty);
         EXPECT_EQ(read_file(device_file), "") << dirty;
@@ -89,7 +90,7 @@ TEST_F(RefreshTest, KeepsWhatTheDeviceFileHolds)
     write_file(device_file, named_record("1:2:3:4") + named_record("1234:00ab:ABC:1"));
     add_device(1, "ABC");
     add_device(2, "ABC");
-    refresh_tables(&ctx, COMMAND_ADDED);
+    refresh_tables(&ctx, DIRTY_ADDED);
     EXPECT_EQ(read_file(device_file), named_record("1:2:3:4") + named_record("1234:00ab:ABC:1") +
                                           default_record("1234:00ab:ABC:2"));
 }
@@ -98,7 +99,7 @@ TEST_F(RefreshTest, AGoneEntryIsStillAddedToTheTable)
 {
     MountEntry* entry = add_device(1, "ABC");
     entry->gone = 1;
-    refresh_tables(&ctx, COMMAND_ADDED);
+    refresh_tables(&ctx, DIRTY_ADDED);
     EXPECT_EQ(read_file(device_file), default_record("1234:00ab:ABC:1"));
     EXPECT_EQ(read_file(share_file), ""); // but it is no share
 }
@@ -106,7 +107,7 @@ TEST_F(RefreshTest, AGoneEntryIsStillAddedToTheTable)
 TEST_F(RefreshTest, NamesTheShareInTheEntry)
 {
     MountEntry* entry = add_device(17, "ABC");
-    refresh_tables(&ctx, COMMAND_ADDED);
+    refresh_tables(&ctx, DIRTY_ADDED);
     EXPECT_STREQ(entry->sharename, "Drive(B1)");
     EXPECT_EQ(read_file(share_file), "[Drive(B1)]\nIdentifier=1234:00ab:ABC:1\n"
                                      "Path=/media/mnt/sdb1\n"
@@ -117,7 +118,7 @@ TEST_F(RefreshTest, DeviceInformationIsWrittenWhereItIsAskedFor)
 {
     config.naswork = 1;
     add_device(1, "ABC");
-    refresh_tables(&ctx, COMMAND_ADDED);
+    refresh_tables(&ctx, DIRTY_ADDED);
     EXPECT_NE(read_file(share_file).find("VID=4660\n"), std::string::npos);
 }
 
@@ -149,7 +150,7 @@ TEST_F(RefreshTest, AFilesystemThatDoesNotWakeChangesNothing)
 {
     add(MAJOR_SD, 1);
     fake_world().fail("statfs", 0, EIO);
-    refresh_tables(&ctx, COMMAND_ADDED);
+    refresh_tables(&ctx, DIRTY_ADDED);
     EXPECT_EQ(fake_world().count("kill"), 1);
     EXPECT_NE(read_file(share_file), "");
 }
@@ -172,7 +173,7 @@ TEST_F(RefreshTest, DropsEveryGoneEntry)
     first->gone = 1;
     second->gone = 1;
     fourth->gone = 1;
-    refresh_tables(&ctx, COMMAND_REMOVED);
+    refresh_tables(&ctx, DIRTY_REMOVED);
     EXPECT_EQ(entries(), (std::vector<MountEntry*>{third}));
 }
 
@@ -181,7 +182,7 @@ TEST_F(RefreshTest, DropsNothingWithoutTheBit)
     MountEntry* entry = add_device(1, "A");
     entry->gone = 1;
     write_file(device_file, default_record("1:2:3:4"));
-    refresh_tables(&ctx, COMMAND_ADDED);
+    refresh_tables(&ctx, DIRTY_ADDED);
     EXPECT_EQ(entries(), (std::vector<MountEntry*>{entry}));
     EXPECT_EQ(read_file(device_file), default_record("1:2:3:4") + default_record("1234:00ab:A:1"));
 }
@@ -192,7 +193,7 @@ TEST_F(RefreshTest, DropsTheRecordsThatNobodyNamedAndNoDeviceHas)
     write_file(device_file, default_record("1:1:1:1") + default_record("1234:00ab:A:1") +
                                 default_record("2:2:2:2") + named_record("3:3:3:3") +
                                 default_record("4:4:4:4"));
-    refresh_tables(&ctx, COMMAND_REMOVED);
+    refresh_tables(&ctx, DIRTY_REMOVED);
     EXPECT_EQ(read_file(device_file), default_record("1234:00ab:A:1") + named_record("3:3:3:3"));
 }
 
@@ -201,7 +202,7 @@ TEST_F(RefreshTest, DropsTheRecordOfWhatIsGoneInTheSameRefresh)
     add_device(1, "A")->gone = 1;
     add_device(2, "B");
     write_file(device_file, default_record("1234:00ab:A:1") + default_record("1234:00ab:B:2"));
-    refresh_tables(&ctx, COMMAND_ADDED | COMMAND_REMOVED);
+    refresh_tables(&ctx, DIRTY_ADDED | DIRTY_REMOVED);
     EXPECT_EQ(read_file(device_file), default_record("1234:00ab:B:2"));
 }
 
@@ -210,7 +211,7 @@ TEST_F(RefreshTest, AnUnmountedDeviceKeepsItsRecord)
     MountEntry* entry = add(MAJOR_SD, 1, 16, false);
     entry->dev->serial = strdup("A");
     write_file(device_file, default_record("0000:0000:A:1"));
-    refresh_tables(&ctx, COMMAND_REMOVED);
+    refresh_tables(&ctx, DIRTY_REMOVED);
     EXPECT_EQ(read_file(device_file), default_record("0000:0000:A:1"));
 }
 
@@ -227,7 +228,7 @@ TEST_F(RefreshTest, AShareFileThatCannotBeWrittenDoesNotEndTheRefresh)
 {
     ASSERT_EQ(mkdir("/tmp/vyhotplug.dir.conf.tmp", 0755), 0);
     add_device(1, "A");
-    refresh_tables(&ctx, COMMAND_ADDED);
+    refresh_tables(&ctx, DIRTY_ADDED);
     EXPECT_EQ(read_file(device_file), default_record("1234:00ab:A:1"));
     EXPECT_EQ(fake_world().signals, (std::vector<std::pair<pid_t, int>>{{4321, SIGHUP}}));
 }
@@ -235,7 +236,7 @@ TEST_F(RefreshTest, AShareFileThatCannotBeWrittenDoesNotEndTheRefresh)
 TEST_F(RefreshTest, ADeviceFileThatCannotBeWrittenDoesNotEndTheRefresh)
 {
     ASSERT_EQ(mkdir("/tmp/vyhotplug.dev.conf.tmp", 0755), 0);
-    refresh_tables(&ctx, COMMAND_ADDED);
+    refresh_tables(&ctx, DIRTY_ADDED);
     EXPECT_EQ(fake_world().syncs, 1);
     EXPECT_EQ(fake_world().count("kill"), 1);
 }

@@ -82,8 +82,8 @@ class SoakTest : public BusyDevicesTest {
                                      "SID=ABC,VNAME=Acme,PNAME=FlashKey,SPEED=480,RO=") +
                              (read_only ? "1" : "0"),
                          -1, 2000000),
-                  COMMAND_ADDED);
-        refresh_tables(&ctx, COMMAND_ADDED);
+                  DIRTY_ADDED);
+        refresh_tables(&ctx, DIRTY_ADDED);
         ASSERT_NE(read_file(share_file).find("[Drive(A1)]\n"), std::string::npos);
         ASSERT_EQ(request("ACTION=unmount,sda1"), "success");
         ASSERT_EQ(request("ACTION=mount,sda1"), "success");
@@ -95,8 +95,8 @@ class SoakTest : public BusyDevicesTest {
         }
         ASSERT_EQ(handle("ACTION=add,MAJOR=8,MINOR=18"), -1); // nothing that can be mounted
         ASSERT_EQ(handle("ACTION=remove,MAJOR=8,MINOR=18"), -1);
-        ASSERT_EQ(handle("ACTION=remove,MAJOR=8,MINOR=1"), COMMAND_REMOVED);
-        refresh_tables(&ctx, COMMAND_REMOVED);
+        ASSERT_EQ(handle("ACTION=remove,MAJOR=8,MINOR=1"), DIRTY_REMOVED);
+        refresh_tables(&ctx, DIRTY_REMOVED);
     }
 
     // A static executable counts the test's own strings too: the log's are given back.
