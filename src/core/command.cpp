@@ -116,6 +116,7 @@ static int add_device(HotplugDev* dev, const ConfHotplug* config)
         return -1;
     VY_LOG(LOG_ERR, "mount %s %s", entry->devnode, entry->mountpoint);
     daemon_call_evhook(HOTPLUG_EVENT_ADD, entry->mountpoint);
+    BusyWalk walk = {};
     if (crtsec_blk_add(entry.get()) != 0)
         return -1; // it stays mounted
     (void)entry.take();
@@ -128,7 +129,7 @@ static int add_device(HotplugDev* dev, const ConfHotplug* config)
 static MountEntry* find_entry(const HotplugDev* dev)
 {
     MountEntry* entry = nullptr;
-    for (int32_t at = 0; crtsec_blk_search(&entry, at) == 0; at++) {
+    while (crtsec_blk_next(&walk, &entry) == 0) {
         if (entry->dev->major == dev->major && entry->dev->minor == dev->minor)
             return entry;
     }

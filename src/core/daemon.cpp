@@ -167,9 +167,10 @@ static void empty_lists()
     HotplugCmd* cmd = nullptr;
     while (crtsec_cmd_dequeue(&cmd) == 0)
         close_and_free(cmd);
+    BusyWalk walk = {};
     MountEntry* entry = nullptr;
-    while (crtsec_blk_search(&entry, 0) == 0) {
-        crtsec_blk_del(entry);
+    while (crtsec_blk_next(&walk, &entry) == 0) {
+        crtsec_blk_drop(&walk);
         mount_entry_free(entry);
     }
 }

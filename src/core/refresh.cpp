@@ -9,8 +9,9 @@
 
 static void add_mounted_devices(ConfDevTable* table)
 {
+    BusyWalk walk = {};
     MountEntry* entry = nullptr;
-    for (int32_t at = 0; crtsec_blk_search(&entry, at) == 0; at++) {
+    while (crtsec_blk_next(&walk, &entry) == 0) {
         const HotplugDev* dev = entry->dev;
         conf_dev_add(table, dev->vid, dev->pid, dev->serial, hotplug_dev_partition(dev));
     }
@@ -19,23 +20,22 @@ static void add_mounted_devices(ConfDevTable* table)
 // Wakes filesystems whose size the share service is about to ask for; every second entry: kept.
 static void touch_filesystems()
 {
+    BusyWalk walk = {};
     MountEntry* entry = nullptr;
-    for (int32_t at = 0; crtsec_blk_search(&entry, at) == 0; at += 2) {
-        if (entry->fstype == CONF_DEV_FS_UNKNOWN || entry->fstype == CONF_DEV_FS_FAT)
+    for (bool second = false; crtsec_blk_next(&walk, &entry) == 0; second = !second) {
+        if (!second && (entry->fstype == CONF_DEV_FS_UNKNOWN || entry->fstype == CONF_DEV_FS_FAT))
             (void)sys_statfs(entry->mountpoint);
     }
 }
 
 static void drop_removed_entries()
 {
+    BusyWalk walk = {};
     MountEntry* entry = nullptr;
-    int32_t at = 0;
-    while (crtsec_blk_search(&entry, at) == 0) {
-        if (entry->gone == 0) {
-            at++;
+    while (crtsec_blk_next(&walk, &entry) == 0) {
+        if (entry->gone == 0)
             continue;
-        }
-        crtsec_blk_del(entry);
+        crtsec_blk_drop(&walk);
         mount_entry_free(entry);
     }
 }
@@ -43,8 +43,9 @@ static void drop_removed_entries()
 // Whether a partition in the busy-device set has this record.
 static bool is_plugged(const ConfDev* record)
 {
+    BusyWalk walk = {};
     MountEntry* entry = nullptr;
-    for (int32_t at = 0; crtsec_blk_search(&entry, at) == 0; at++) {
+    while (crtsec_blk_next(&walk, &entry) == 0) {
         const HotplugDev* dev = entry->dev;
         if (conf_dev_cmp(record, dev->vid, dev->pid, dev->serial, hotplug_dev_partition(dev)) == 0)
             return true;

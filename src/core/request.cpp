@@ -32,6 +32,7 @@ struct DeviceKind {
 };
 
 constexpr DeviceKind device_kinds[] = {{"sd", MAJOR_SD}, {"mmcblk", MAJOR_MMC}};
+    BusyWalk walk = {};
 
 } // namespace
 
@@ -39,7 +40,7 @@ constexpr DeviceKind device_kinds[] = {{"sd", MAJOR_SD}, {"mmcblk", MAJOR_MMC}};
 static const MountEntry* first_of_major(int major)
 {
     MountEntry* entry = nullptr;
-    for (int32_t at = 0; crtsec_blk_search(&entry, at) == 0; at++) {
+    while (crtsec_blk_next(&walk, &entry) == 0) {
         if (entry->dev->major == major)
             return entry;
     }
@@ -123,6 +124,7 @@ int hotplug_mount_request(DaemonCtx* ctx, const char* target, HotplugAction acti
                           const ConfHotplug* options)
 {
     Selection selection;
+    BusyWalk walk = {};
     if (parse_target(target, &selection) != 0)
         return -1;
     const bool mounting = action == HOTPLUG_ACTION_MOUNT;
@@ -130,7 +132,7 @@ int hotplug_mount_request(DaemonCtx* ctx, const char* target, HotplugAction acti
            static_cast<int>(selection.lowest), static_cast<int>(selection.highest));
     int result = 0;
     MountEntry* entry = nullptr;
-    for (int32_t at = 0; crtsec_blk_search(&entry, at) == 0; at++) {
+    while (crtsec_blk_next(&walk, &entry) == 0) {
         if (!selects(selection, entry->dev))
             continue;
         if ((mounting ? mount_entry(entry, options) : unmount_entry(ctx, entry, force)) != 0)

@@ -10,12 +10,6 @@ static Mutex set_mutex;
 static vylist* queue VY_PT_GUARDED_BY(queue_mutex);
 static vylist* busy VY_PT_GUARDED_BY(set_mutex);
 
-// Where the last search ended: a walk goes on from there instead of counting from the beginning.
-static struct {
-    vylist_node* node; // null for nowhere
-    int32_t position;
-} walk VY_GUARDED_BY(set_mutex);
-
 HotplugCmd* hotplug_cmd_create()
 {
     MemGuard<HotplugCmd> cmd(static_cast<HotplugCmd*>(calloc(1, sizeof(HotplugCmd))));
@@ -63,7 +57,6 @@ void crtsec_term() VY_NO_THREAD_ANALYSIS
         set_mutex.term();
         vylist_dispose(busy);
         busy = nullptr;
-        walk = {};
     }
 }
 
@@ -104,7 +97,6 @@ int crtsec_blk_del(const MountEntry* entry)
         if (node->data != entry)
             continue;
         vylist_erase(busy, node);
-        walk = {};
         return 0;
     }
     return -1;
@@ -115,16 +107,30 @@ int crtsec_blk_search(MountEntry** entry, int32_t position)
     if (entry == nullptr || position < 0)
         return -1;
     const LockGuard lock(set_mutex);
-    const bool onwards = walk.node != nullptr && walk.position <= position;
-    vylist_node* node = onwards ? walk.node : busy->next;
-    int32_t at = onwards ? walk.position : 0;
-    while (node != vylist_end(busy) && at < position) {
+    vylist_node* node = busy->next;
+    while (node != vylist_end(busy) && position-- > 0)
         node = node->next;
-        at++;
-    }
     if (node == vylist_end(busy))
         return -1;
-    walk = {.node = node, .position = position};
     *entry = static_cast<MountEntry*>(node->data);
     return 0;
+}
+
+int crtsec_blk_next(BusyWalk* walk, MountEntry** entry)
+{
+    const LockGuard lock(set_mutex);
+    vylist_node* node = walk->at != nullptr ? walk->at->next : busy->next;
+    if (node == vylist_end(busy))
+        return -1;
+    walk->at = node;
+    *entry = static_cast<MountEntry*>(node->data);
+    return 0;
+}
+
+void crtsec_blk_drop(BusyWalk* walk)
+{
+    const LockGuard lock(set_mutex);
+    vylist_node* dropped = walk->at;
+    walk->at = dropped->prev; // the one before, or the head, which stands before the first
+    vylist_erase(busy, dropped);
 }

@@ -7,6 +7,7 @@
 #pragma once
 
 #include "device/mount_entry.h"
+#include "lib/vylist.h"
 
 #include <stdint.h>
 
@@ -48,6 +49,18 @@ void crtsec_term();
 // behind it move down one position.
 int crtsec_blk_del(const MountEntry* entry);
 
-// Lends the entry at a position (0 = oldest); -1 when there is none. Walk the set with positions
-// 0, 1, 2, ... until this fails.
+// Lends the entry at a position (0 = oldest); -1 when there is none.
 [[nodiscard]] int crtsec_blk_search(MountEntry** entry, int32_t position);
+
+// A walk over the whole set, oldest entry first: begins as {}. While it goes on, entries may be
+// added, and taken out through crtsec_blk_drop only.
+struct BusyWalk {
+    vylist_node* at; // of the entry lent last; null before the first
+};
+
+// Lends the next entry; -1 behind the last one.
+[[nodiscard]] int crtsec_blk_next(BusyWalk* walk, MountEntry** entry);
+
+// Takes the entry that was lent last out of the set, without freeing it; the walk goes on behind
+// it.
+void crtsec_blk_drop(BusyWalk* walk);

@@ -291,11 +291,12 @@ static void add_partition(FILE* stream, const ConfDevTable* table, MountEntry* e
         written = conf_dir_exinfo(stream, entry) == 0;
     end_section(stream, start, written);
 }
+    BusyWalk walk = {};
 
 static void write_partitions(FILE* stream, const ConfDevTable* table, bool exinfo)
 {
     MountEntry* entry = nullptr;
-    for (int32_t at = 0; crtsec_blk_search(&entry, at) == 0; at++)
+    while (crtsec_blk_next(&walk, &entry) == 0)
         add_partition(stream, table, entry, exinfo);
 }
 

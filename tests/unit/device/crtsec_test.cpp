@@ -318,6 +318,75 @@ TEST_F(BusySet, WalkGoesOnAtThePositionOfADeletedEntry)
     EXPECT_EQ(positions(), (std::vector<int>{0, 3}));
 }
 
+TEST_F(BusySet, AWalkMeetsEveryEntryOnceAndThenTheEnd)
+{
+    BusyWalk walk = {};
+    MountEntry* entry = nullptr;
+    EXPECT_EQ(crtsec_blk_next(&walk, &entry), -1) << "empty set";
+    for (int number = 0; number < 3; number++)
+        add(number);
+    walk = {};
+    for (int number = 0; number < 3; number++) {
+        ASSERT_EQ(crtsec_blk_next(&walk, &entry), 0);
+        EXPECT_EQ(entry, &entries[number]);
+    }
+    entry = nullptr;
+    EXPECT_EQ(crtsec_blk_next(&walk, &entry), -1);
+    EXPECT_EQ(crtsec_blk_next(&walk, &entry), -1) << "the end stays the end";
+    EXPECT_EQ(entry, nullptr);
+}
+
+TEST_F(BusySet, WalksAreIndependentOfEachOther)
+{
+    for (int number = 0; number < 3; number++)
+        add(number);
+    BusyWalk outer = {};
+    MountEntry* entry = nullptr;
+    int met = 0;
+    while (crtsec_blk_next(&outer, &entry) == 0) {
+        BusyWalk inner = {};
+        while (crtsec_blk_next(&inner, &entry) == 0)
+            met++;
+    }
+    EXPECT_EQ(met, 9);
+}
+
+TEST_F(BusySet, AWalkMeetsWhatIsAddedMeanwhile)
+{
+    add(0);
+    BusyWalk walk = {};
+    MountEntry* entry = nullptr;
+    ASSERT_EQ(crtsec_blk_next(&walk, &entry), 0);
+    ASSERT_EQ(crtsec_blk_next(&walk, &entry), -1);
+    add(1);
+    ASSERT_EQ(crtsec_blk_next(&walk, &entry), 0);
+    EXPECT_EQ(entry, &entries[1]);
+}
+
+// Every choice of entries: the walk goes on behind each that it drops.
+TEST_F(BusySet, AWalkDropsAnyOfItsEntries)
+{
+    for (unsigned choice = 0; choice < 16; choice++) {
+        for (int number = 0; number < 4; number++)
+            add(number);
+        BusyWalk walk = {};
+        MountEntry* entry = nullptr;
+        std::vector<int> kept;
+        int met = 0;
+        for (; crtsec_blk_next(&walk, &entry) == 0; met++) {
+            EXPECT_EQ(entry, &entries[met]);
+            if ((choice >> met & 1U) != 0)
+                crtsec_blk_drop(&walk);
+            else
+                kept.push_back(met);
+        }
+        EXPECT_EQ(met, 4);
+        EXPECT_EQ(positions(), kept) << choice;
+        for (const int number : kept)
+            EXPECT_EQ(crtsec_blk_del(&entries[number]), 0);
+    }
+}
+
 TEST_F(BusySet, DeletesByIdentityAndNotByContent)
 {
     add(0);
