@@ -4,6 +4,7 @@
 // Input: the file.
 #include "records/conf_dev_file.h"
 
+#include "config/filesystems.h"
 #include "fake/fake_world.h"
 #include "support/check.h"
 #include "support/input.h"

@@ -8,6 +8,7 @@
 // 1-3-2.
 #include "records/config_file_dir.h"
 
+#include "config/filesystems.h"
 #include "core/message.h"
 #include "device/crtsec.h"
 #include "fake/fake_log.h"

@@ -8,6 +8,7 @@
 #include "config/filesystems.h"
 #include "core/refresh.h"
 #include "device/crtsec.h"
+#include "device/kinds.h"
 #include "functions/counted.h"
 #include "functions/device_sections.h"
 

@@ -1,5 +1,6 @@
 #include "support/busy_world.h"
 
+#include "config/filesystems.h"
 #include "device/crtsec.h"
 #include "fake/fake_log.h"
 #include "fake/fake_world.h"

@@ -1,5 +1,6 @@
 #include "config/config_file.h"
 
+#include "config/filesystems.h"
 #include "config/getopt.h"
 #include "config/ini.h"
 #include "lib/log.h"
@@ -164,12 +165,35 @@ static void load_options(const IniSection* keys, ConfHotplug* config, const Opti
 
 // ---- filesystems ----
 
-static constexpr vyopt_option filesystem_names[] = {
-    {'f', VYOPT_NOCASE, "fat"},  {'f', VYOPT_NOCASE, "vfat"},
-    {'n', VYOPT_NOCASE, "ntfs"}, {'e', VYOPT_NOCASE, "ext"},
-    {'e', VYOPT_NOCASE, "ext2"}, {'e', VYOPT_NOCASE, "ext3"},
-    {'e', VYOPT_NOCASE, "ext4"}, {0, 0, nullptr},
+static constexpr int words_per_filesystem = 3;
+
+// The words of a filesystem that the configuration knows; null for none.
+struct FilesystemWords {
+    const char* of[words_per_filesystem];
 };
+
+static FilesystemWords words_of(const Filesystem& filesystem)
+{
+    return {{filesystem.words[0], filesystem.words[1], filesystem.group}};
+}
+
+// The names of the option map: all words of all filesystems, each with the code of its own.
+struct FilesystemNames {
+    vyopt_option options[filesystem_count * words_per_filesystem + 1];
+};
+
+static FilesystemNames list_filesystem_names()
+{
+    FilesystemNames names = {};
+    int count = 0;
+    for (const Filesystem& filesystem : filesystems) {
+        for (const char* word : words_of(filesystem).of) {
+            if (word != nullptr)
+                names.options[count++] = {static_cast<int8_t>(filesystem.code), VYOPT_NOCASE, word};
+        }
+    }
+    return names;
+}
 
 // A list that is there replaces all three defaults: what it does not name is not mounted.
 static void load_mountfs(const IniSection* keys, ConfHotplug* config)
@@ -180,18 +204,14 @@ static void load_mountfs(const IniSection* keys, ConfHotplug* config)
     const OptionMapGuard map(vyopt_create_opmap(value.get()));
     if (!map)
         return;
-    config->mountvfat = 0;
-    config->mountntfs = 0;
-    config->mountext = 0;
+    for (const Filesystem& filesystem : filesystems)
+        config->*filesystem.enabled = 0;
+    const FilesystemNames names = list_filesystem_names();
     int32_t index = 0;
     int code = 0;
-    while ((code = vy_getopt(&index, map.get(), filesystem_names, nullptr)) != 0) {
-        if (code == 'f')
-            config->mountvfat = 1;
-        else if (code == 'n')
-            config->mountntfs = 1;
-        else if (code == 'e')
-            config->mountext = 1;
+    while ((code = vy_getopt(&index, map.get(), names.options, nullptr)) != 0) {
+        if (code != VYOPT_UNKNOWN)
+            config->*filesystem_of(static_cast<uint8_t>(code))->enabled = 1;
     }
 }
 
@@ -205,9 +225,8 @@ static void set_defaults(ConfHotplug* config)
     config->fatvolumelabel = 1;
     config->fileumask = default_file_umask;
     config->dirumask = default_dir_umask;
-    config->mountvfat = 1;
-    config->mountntfs = 1;
-    config->mountext = 1;
+    for (const Filesystem& filesystem : filesystems)
+        config->*filesystem.enabled = 1;
 }
 
 static void load_keys(const IniSection* keys, ConfHotplug* config)

@@ -3,6 +3,7 @@
 #include "core/evhook.h"
 #include "core/message.h"
 #include "core/request.h"
+#include "device/kinds.h"
 #include "lib/guard.h"
 #include "lib/log.h"
 #include "lib/socket_unix.h"
@@ -40,19 +41,6 @@ static bool has_partitions(const HotplugDev* dev)
     return false;
 }
 
-// The name of the kind of device; null for one that is not mounted.
-static const char* kind_name(int32_t major)
-{
-    switch (major) {
-    case MAJOR_SD:
-        return "sd";
-    case MAJOR_MMC:
-        return "mmcblk";
-    default:
-        return nullptr;
-    }
-}
-
 // Makes "<directory>/<name>". Returns owned; null when it is too long (the limit is one more than
 // fits, kept) or memory runs out.
 static char* join_path(const char* directory, const char* name)
@@ -75,11 +63,12 @@ static int name_entry(MountEntry* entry, const ConfHotplug* config)
         VY_LOG(LOG_ERR, "Out of Device Range(%d)", index);
         return -1;
     }
-    const char* kind = kind_name(dev->major);
+    const DeviceKind* kind = device_kind(dev->major);
     if (kind == nullptr)
         return -1;
     char name[name_size];
-    (void)snprintf(name, sizeof name, "%s%c%d", kind, 'a' + index, hotplug_dev_partition(dev));
+    (void)snprintf(name, sizeof name, "%s%c%d", kind->prefix, 'a' + index,
+                   hotplug_dev_partition(dev));
     entry->devnode = join_path(config->devicepath, name);
     entry->mountpoint = join_path(config->mountpath, name);
     return entry->devnode != nullptr && entry->mountpoint != nullptr ? 0 : -1;
@@ -116,7 +105,6 @@ static int add_device(HotplugDev* dev, const ConfHotplug* config)
         return -1;
     VY_LOG(LOG_ERR, "mount %s %s", entry->devnode, entry->mountpoint);
     daemon_call_evhook(HOTPLUG_EVENT_ADD, entry->mountpoint);
-    BusyWalk walk = {};
     if (crtsec_blk_add(entry.get()) != 0)
         return -1; // it stays mounted
     (void)entry.take();
@@ -128,6 +116,7 @@ static int add_device(HotplugDev* dev, const ConfHotplug* config)
 // The first entry of that device; null without one.
 static MountEntry* find_entry(const HotplugDev* dev)
 {
+    BusyWalk walk = {};
     MountEntry* entry = nullptr;
     while (crtsec_blk_next(&walk, &entry) == 0) {
         if (entry->dev->major == dev->major && entry->dev->minor == dev->minor)

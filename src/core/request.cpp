@@ -3,6 +3,7 @@
 #include "core/evhook.h"
 #include "core/share_service.h"
 #include "device/crtsec.h"
+#include "device/kinds.h"
 #include "lib/log.h"
 #include "lib/str.h"
 #include "lib/vytime.h"
@@ -26,19 +27,12 @@ struct Selection {
     bool unbounded; // no highest minor
 };
 
-struct DeviceKind {
-    const char* prefix;
-    int major;
-};
-
-constexpr DeviceKind device_kinds[] = {{"sd", MAJOR_SD}, {"mmcblk", MAJOR_MMC}};
-    BusyWalk walk = {};
-
 } // namespace
 
 // The first busy entry of a major; null without one.
 static const MountEntry* first_of_major(int major)
 {
+    BusyWalk walk = {};
     MountEntry* entry = nullptr;
     while (crtsec_blk_next(&walk, &entry) == 0) {
         if (entry->dev->major == major)
@@ -124,13 +118,13 @@ int hotplug_mount_request(DaemonCtx* ctx, const char* target, HotplugAction acti
                           const ConfHotplug* options)
 {
     Selection selection;
-    BusyWalk walk = {};
     if (parse_target(target, &selection) != 0)
         return -1;
     const bool mounting = action == HOTPLUG_ACTION_MOUNT;
     VY_LOG(LOG_DEBUG, "%s %s (%d %d-%d)", mounting ? "mount" : "unmount", target, selection.major,
            static_cast<int>(selection.lowest), static_cast<int>(selection.highest));
     int result = 0;
+    BusyWalk walk = {};
     MountEntry* entry = nullptr;
     while (crtsec_blk_next(&walk, &entry) == 0) {
         if (!selects(selection, entry->dev))

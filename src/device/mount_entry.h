@@ -4,20 +4,6 @@
 
 #include <stdint.h>
 
-// Filesystem codes, shared by the device table and the mount layer.
-enum ConfDevFs : uint8_t {
-    CONF_DEV_FS_UNKNOWN = 0, // in a device's settings: whatever the partition holds
-    CONF_DEV_FS_EXT2 = 1,
-    CONF_DEV_FS_EXT3 = 2,
-    CONF_DEV_FS_EXT4 = 3,
-    CONF_DEV_FS_FAT = 4,
-    CONF_DEV_FS_NTFS = 5,
-};
-
-// Block majors that are mounted (the kernel's admin-guide/devices.txt).
-constexpr int32_t MAJOR_SD = 8;
-constexpr int32_t MAJOR_MMC = 179;
-
 enum : uint8_t {
     HOTPLUG_DEVTYPE_PARTITION = 1,
     HOTPLUG_DEVTYPE_DISK = 2,
@@ -48,7 +34,7 @@ struct HotplugDev {
 // One partition that is mounted or being mounted.
 struct MountEntry {
     uint8_t mounted;
-    uint8_t fstype;   // ConfDevFs; before mounting the type wanted, afterwards the type found
+    uint8_t fstype;   // its code; before mounting the one wanted, afterwards the one found
     uint8_t gone;     // leaves the busy-device set at the next refresh
     char* sharename;  // section name in the share file; owned, may be null
     char* devnode;    // path of the block-device node; owned, may be null

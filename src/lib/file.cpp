@@ -28,12 +28,10 @@ static size_t first_room(int fd, size_t most)
 // Gives the content room for `room` bytes. Returns 0 or -ENOMEM.
 static int make_room(FileBytes* content, size_t room)
 {
-    auto* moved = static_cast<char*>(realloc(content->bytes.get(), room));
-    if (moved == nullptr)
-        return -ENOMEM;
-    (void)content->bytes.take(); // now part of what realloc(3) returned
-    content->bytes.reset(moved);
-    return 0;
+    char* held = content->bytes.take();
+    auto* moved = static_cast<char*>(realloc(held, room));
+    content->bytes.reset(moved != nullptr ? moved : held);
+    return moved != nullptr ? 0 : -ENOMEM;
 }
 
 // Reads once. Returns the bytes read, 0 at the end; a negated errno.

@@ -1,5 +1,6 @@
 #include "mount/mount.h"
 
+#include "config/filesystems.h"
 #include "lib/process.h"
 #include "lib/sys.h"
 #include "mount/mtab.h"
@@ -34,9 +35,9 @@ static Extra extra_of(const char* configured)
     return {.separator = given ? "," : "", .text = given ? configured : ""};
 }
 
-static Options ext_options(const ConfHotplug* config)
+static Options attribute_options(const char* configured)
 {
-    const Extra extra = extra_of(config->extfsoptions);
+    const Extra extra = extra_of(configured);
     Options options;
     (void)snprintf(options.text, sizeof options.text, "user_xattr%s%s", extra.separator,
                    extra.text);
@@ -61,59 +62,35 @@ static bool is_readonly(const HotplugDev* dev)
     return (dev->flags & HOTPLUG_FLAG_READONLY) != 0;
 }
 
-// Mounts with `flags`, and once more read-only where the medium refuses writing.
-static int kernel_mount(const char* devnode, const char* mountpoint, const char* type,
-                        unsigned long flags, const Options& options, HotplugDev* dev)
+static Options kernel_options(const Filesystem& filesystem, const ConfHotplug* config)
 {
-    const unsigned long first = is_readonly(dev) ? flags | MS_RDONLY : flags;
-    const int result = sys_mount(devnode, mountpoint, type, first, options.text);
+    const char* configured = config->*filesystem.extra_options;
+    if (filesystem.options == FilesystemOptions::owner)
+        return owner_options("", config, configured);
+    return attribute_options(configured);
+}
+
+// Has the kernel mount the entry, and once more read-only where the medium refuses writing.
+static int mount_by_kernel(const Filesystem& filesystem, const MountEntry* entry,
+                           const ConfHotplug* config)
+{
+    const Options options = kernel_options(filesystem, config);
+    const bool readonly = is_readonly(entry->dev);
+    const unsigned long flags = (filesystem.nodev ? MS_NODEV : 0) | (readonly ? MS_RDONLY : 0);
+    const int result =
+        sys_mount(entry->devnode, entry->mountpoint, filesystem.type, flags, options.text);
     if (result == 0)
         return 0;
-    if ((result != -EACCES && result != -EROFS) || is_readonly(dev))
+    if ((result != -EACCES && result != -EROFS) || readonly)
         return -1;
     // MS_RDONLY alone: kept, a second attempt never carried the first one's other flags.
-    if (sys_mount(devnode, mountpoint, type, MS_RDONLY, options.text) != 0)
+    if (sys_mount(entry->devnode, entry->mountpoint, filesystem.type, MS_RDONLY, options.text) != 0)
         return -1;
-    dev->flags |= HOTPLUG_FLAG_READONLY;
+    entry->dev->flags |= HOTPLUG_FLAG_READONLY;
     return 0;
 }
 
-static int mount_ext(const char* devnode, const char* mountpoint, const char* type, HotplugDev* dev,
-                     const ConfHotplug* config)
-{
-    if (config->mountext == 0)
-        return -1;
-    return kernel_mount(devnode, mountpoint, type, MS_NODEV, ext_options(config), dev);
-}
-
-static int mount_ext4(const char* devnode, const char* mountpoint, HotplugDev* dev,
-                      const ConfHotplug* config)
-{
-    return mount_ext(devnode, mountpoint, "ext4", dev, config);
-}
-
-static int mount_ext3(const char* devnode, const char* mountpoint, HotplugDev* dev,
-                      const ConfHotplug* config)
-{
-    return mount_ext(devnode, mountpoint, "ext3", dev, config);
-}
-
-static int mount_ext2(const char* devnode, const char* mountpoint, HotplugDev* dev,
-                      const ConfHotplug* config)
-{
-    return mount_ext(devnode, mountpoint, "ext2", dev, config);
-}
-
-static int mount_vfat(const char* devnode, const char* mountpoint, HotplugDev* dev,
-                      const ConfHotplug* config)
-{
-    if (config->mountvfat == 0)
-        return -1;
-    const Options options = owner_options("", config, config->vfatoptions);
-    return kernel_mount(devnode, mountpoint, "vfat", 0, options, dev);
-}
-
-// ---- NTFS ----
+// ---- drivers ----
 
 // Starts the driver and waits for it. Returns its exit status (-1 for a signal's) in `status`; 0
 // with `status` 0 and its pid kept when it goes on running, which is as good as mounted. A driver
@@ -130,16 +107,15 @@ static int run_driver(char* const argv[], HotplugDev* dev, int* status)
     return 0;
 }
 
-static int mount_ntfs(const char* devnode, const char* mountpoint, HotplugDev* dev,
-                      const ConfHotplug* config)
+static int mount_by_driver(const Filesystem& filesystem, const MountEntry* entry,
+                           const ConfHotplug* config)
 {
-    if (config->mountntfs == 0)
-        return -1;
-    Options options = owner_options("ro,", config, config->ntfsoptions);
+    HotplugDev* dev = entry->dev;
+    Options options = owner_options("ro,", config, config->*filesystem.extra_options);
     char* const option_argument = is_readonly(dev) ? options.text : options.text + strlen("ro,");
-    char* const argv[] = {const_cast<char*>("ntfs-3g"),
-                          const_cast<char*>(devnode),
-                          const_cast<char*>(mountpoint),
+    char* const argv[] = {const_cast<char*>(filesystem.driver),
+                          entry->devnode,
+                          entry->mountpoint,
                           const_cast<char*>("-o"),
                           option_argument,
                           nullptr};
@@ -161,24 +137,6 @@ static int mount_ntfs(const char* devnode, const char* mountpoint, HotplugDev* d
 }
 
 // ---- one partition ----
-
-namespace {
-
-struct Filesystem {
-    uint8_t code;           // ConfDevFs
-    const char* table_type; // in the mount table; null: not noted there
-    int (*mount)(const char* devnode, const char* mountpoint, HotplugDev* dev,
-                 const ConfHotplug* config);
-};
-
-// In the order in which an unknown partition is tried.
-constexpr Filesystem filesystems[] = {
-    {CONF_DEV_FS_FAT, "vfat", mount_vfat},   {CONF_DEV_FS_EXT4, "ext4", mount_ext4},
-    {CONF_DEV_FS_EXT3, "ext3", mount_ext3},  {CONF_DEV_FS_EXT2, "ext2", mount_ext2},
-    {CONF_DEV_FS_NTFS, nullptr, mount_ntfs},
-};
-
-} // namespace
 
 static int make_node(const MountEntry* entry)
 {
@@ -204,20 +162,25 @@ static void remove_places(const MountEntry* entry)
     (void)sys_unlink(entry->devnode);
 }
 
-static bool is_known(uint8_t fstype)
+// Returns 0 when the entry is mounted as this filesystem.
+static int mount_as(const Filesystem& filesystem, const MountEntry* entry,
+                    const ConfHotplug* config)
 {
-    return fstype >= CONF_DEV_FS_EXT2 && fstype <= CONF_DEV_FS_NTFS;
+    if (config->*filesystem.enabled == 0)
+        return -1;
+    return filesystem.driver == nullptr ? mount_by_kernel(filesystem, entry, config)
+                                        : mount_by_driver(filesystem, entry, config);
 }
 
 // Mounts as the wanted filesystem, or as the first that takes it when none is wanted. Returns the
 // filesystem mounted; null when there was none.
-static const Filesystem* mount_as(const MountEntry* entry, const ConfHotplug* config)
+static const Filesystem* mount_entry(const MountEntry* entry, const ConfHotplug* config)
 {
-    const uint8_t wanted = entry->fstype;
+    const Filesystem* wanted = filesystem_of(entry->fstype);
+    if (wanted != nullptr)
+        return mount_as(*wanted, entry, config) == 0 ? wanted : nullptr;
     for (const Filesystem& filesystem : filesystems) {
-        if (is_known(wanted) && filesystem.code != wanted)
-            continue;
-        if (filesystem.mount(entry->devnode, entry->mountpoint, entry->dev, config) == 0)
+        if (mount_as(filesystem, entry, config) == 0)
             return &filesystem;
     }
     return nullptr;
@@ -229,14 +192,14 @@ int vymount(MountEntry* entry, const ConfHotplug* config)
         return -1;
     if (make_directory(entry) != 0)
         return -1;
-    const Filesystem* filesystem = mount_as(entry, config);
+    const Filesystem* filesystem = mount_entry(entry, config);
     if (filesystem == nullptr) {
         remove_places(entry);
         return -1;
     }
     entry->fstype = filesystem->code;
-    if (filesystem->table_type != nullptr)
-        mtab_append(entry->devnode, entry->mountpoint, filesystem->table_type,
+    if (filesystem->driver == nullptr) // a driver notes its mount itself
+        mtab_append(entry->devnode, entry->mountpoint, filesystem->type,
                     is_readonly(entry->dev) ? "ro" : "rw");
     entry->mounted = 1;
     return 0;

@@ -21,8 +21,8 @@ static void table_release(FILE* table)
 
 using TableGuard = Guard<FILE, table_release>;
 
-// Whether the table is a link that leads into proc(5). Any other file, and what any other link leads
-// to, is the daemon's to keep.
+// Whether the table is a link that leads into proc(5). Any other file, and what any other link
+// leads to, is the daemon's to keep.
 static bool belongs_to_kernel()
 {
     struct stat status;

@@ -1,5 +1,6 @@
 #include "records/conf_dev.h"
 
+#include "config/filesystems.h"
 #include "lib/str.h"
 
 #include <stdlib.h>

@@ -10,7 +10,7 @@
 // here logs.
 #pragma once
 
-#include "device/mount_entry.h"
+#include "config/filesystems.h"
 #include "lib/guard.h"
 #include "lib/vylist.h"
 

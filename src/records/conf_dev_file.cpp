@@ -1,5 +1,6 @@
 #include "records/conf_dev_file.h"
 
+#include "config/filesystems.h"
 #include "config/ini.h"
 #include "lib/platform.h"
 #include "lib/str.h"
@@ -22,18 +23,12 @@ namespace {
 
 // ---- the tables of the file ----
 
-struct Word {
+struct AdministratorWord {
     const char* text;
-    uint8_t value;
+    uint8_t value; // ConfDevAdmin
 };
 
-constexpr Word filesystem_words[] = {
-    {"deffs", CONF_DEV_FS_UNKNOWN}, {"fat", CONF_DEV_FS_FAT},   {"vfat", CONF_DEV_FS_FAT},
-    {"ntfs", CONF_DEV_FS_NTFS},     {"ext2", CONF_DEV_FS_EXT2}, {"ext3", CONF_DEV_FS_EXT3},
-    {"ext4", CONF_DEV_FS_EXT4},
-};
-
-constexpr Word administrator_words[] = {
+constexpr AdministratorWord administrator_words[] = {
     {"hide", CONF_DEV_ADMIN_HIDE},
     {"block", CONF_DEV_ADMIN_BLOCK},
     {"readonly", CONF_DEV_ADMIN_READONLY},
@@ -97,18 +92,34 @@ static int read_path(const IniSection* section, ConfDev* dev)
     return dev->path != nullptr ? 0 : -1;
 }
 
-template <size_t N>
-static uint8_t read_word(const IniSection* section, const char* key, const Word (&words)[N],
-                         uint8_t otherwise)
+static bool is_word(const char* value, const char* word)
 {
-    const IniValueGuard value(read_value(section, key));
+    return word != nullptr && strcasecmp(value, word) == 0;
+}
+
+// What is no filesystem's word, "deffs" among it, leaves it to the partition.
+static void read_filesystem(const IniSection* section, ConfDev* dev)
+{
+    dev->filesystem = CONF_DEV_FS_UNKNOWN;
+    const IniValueGuard value(read_value(section, "filesystem"));
     if (!value)
-        return otherwise;
-    for (const Word& word : words) {
-        if (strcasecmp(value.get(), word.text) == 0)
-            return word.value;
+        return;
+    for (const Filesystem& filesystem : filesystems) {
+        if (is_word(value.get(), filesystem.words[0]) || is_word(value.get(), filesystem.words[1]))
+            dev->filesystem = filesystem.code;
     }
-    return otherwise;
+}
+
+static void read_administrator(const IniSection* section, ConfDev* dev)
+{
+    dev->administrator = CONF_DEV_ADMIN_FULL;
+    const IniValueGuard value(read_value(section, "administrator"));
+    if (!value)
+        return;
+    for (const AdministratorWord& word : administrator_words) {
+        if (is_word(value.get(), word.text))
+            dev->administrator = word.value;
+    }
 }
 
 static void read_switch(const IniSection* section, ConfDev* dev, const SwitchKey& row)
@@ -124,12 +135,10 @@ static int read_settings(const IniSection* section, ConfDev* dev)
     if (read_path(section, dev) != 0)
         return -1;
     dev->comment = read_text(section, "comment", comment_max);
-    dev->filesystem =
-        read_word(section, "filesystem", filesystem_words, uint8_t{CONF_DEV_FS_UNKNOWN});
+    read_filesystem(section, dev);
     for (const SwitchKey& row : switch_keys)
         read_switch(section, dev, row);
-    dev->administrator =
-        read_word(section, "administrator", administrator_words, uint8_t{CONF_DEV_ADMIN_FULL});
+    read_administrator(section, dev);
     for (const UsersKey& row : users_keys) {
         const IniValueGuard value(read_value(section, row.key));
         if (value)
@@ -243,14 +252,14 @@ int conf_write_user_list(FILE* stream, const vylist* users)
 
 // ---- saving ----
 
-// A setting without a line of its own, ext4 among them, is written as none: kept, the
-// administration pages know no EXT4.
-static const char* filesystem_line(uint8_t filesystem)
+// A setting that has no word in the file is written as none.
+static int write_filesystem(FILE* stream, uint8_t code)
 {
-    if (filesystem == CONF_DEV_FS_UNKNOWN)
-        return nullptr;
-    const char* line = line_of_filesystem(filesystem);
-    return line != nullptr ? line : "File System=DefFS\n";
+    if (code == CONF_DEV_FS_UNKNOWN)
+        return 0;
+    const Filesystem* filesystem = filesystem_of(code);
+    const bool named = filesystem != nullptr && filesystem->file_word != nullptr;
+    return line_write_text(stream, "File System=", named ? filesystem->file_word : "DefFS");
 }
 
 // Full access is the default, so its line is never asked for.
@@ -299,7 +308,7 @@ static int write_record(FILE* stream, const ConfDev* dev)
 {
     if (write_texts(stream, dev) != 0)
         return -1;
-    if (line_write(stream, filesystem_line(dev->filesystem)) != 0)
+    if (write_filesystem(stream, dev->filesystem) != 0)
         return -1;
     if (line_write(stream, dev->sync == 1 ? "Sync=Enable\n" : nullptr) != 0)
         return -1;

@@ -1,6 +1,7 @@
 #include "records/config_file_dir.h"
 
 #include "device/crtsec.h"
+#include "device/kinds.h"
 #include "lib/log.h"
 #include "lib/platform.h"
 #include "lib/str.h"
@@ -65,13 +66,21 @@ constexpr UsersLine users_lines[] = {
 
 } // namespace
 
+// Nothing for a filesystem that has no word in the file.
+static int write_filesystem(FILE* stream, uint8_t code)
+{
+    const Filesystem* filesystem = filesystem_of(code);
+    return line_write_text(stream,
+                           "File System=", filesystem != nullptr ? filesystem->file_word : nullptr);
+}
+
 int conf_dir_info(FILE* stream, const char* sharename, const ConfDev* dev)
 {
     if (fprintf(stream, "[%s]\n", sharename) < 0)
         return -1;
     if (line_write_text(stream, "Comment=", dev->comment) != 0)
         return -1;
-    if (line_write(stream, line_of_filesystem(dev->filesystem)) != 0)
+    if (write_filesystem(stream, dev->filesystem) != 0)
         return -1;
     for (const SwitchLine& row : switch_lines) {
         if (line_write(stream, dev->*row.field == 1 ? row.line : nullptr) != 0)
@@ -109,7 +118,7 @@ int conf_dir_exinfo(FILE* stream, const MountEntry* entry)
     const HotplugDev* dev = entry->dev;
     if (line_write(stream, entry->mounted == 0 ? "Status=Unmount\n" : nullptr) != 0)
         return -1;
-    if (line_write(stream, line_of_filesystem(entry->fstype)) != 0)
+    if (write_filesystem(stream, entry->fstype) != 0)
         return -1;
     if (dev->vid != 0 && fprintf(stream, "VID=%hu\n", dev->vid) < 0)
         return -1;
@@ -184,14 +193,13 @@ static void write_directories(FILE* stream, const ConfDevTable* table)
 // for a kind of device that has no names.
 static void name_by_label(const HotplugDev* dev, const char* label, char (&name)[sharename_size])
 {
-    const char* base = label[0] != '\0' ? label : "Drive";
-    const int letter = 'A' + hotplug_dev_index(dev);
-    const int partition = hotplug_dev_partition(dev);
     name[0] = '\0';
-    if (dev->major == MAJOR_SD)
-        (void)snprintf(name, sizeof name, "%s(%c%d)", base, letter, partition);
-    else if (dev->major == MAJOR_MMC)
-        (void)snprintf(name, sizeof name, "%s(MMC%c%d)", base, letter, partition);
+    const DeviceKind* kind = device_kind(dev->major);
+    if (kind == nullptr)
+        return;
+    const char* base = label[0] != '\0' ? label : "Drive";
+    (void)snprintf(name, sizeof name, "%s(%s%c%d)", base, kind->share_mark,
+                   'A' + hotplug_dev_index(dev), hotplug_dev_partition(dev));
 }
 
 // Fills `label` with as much of the volume's label as is used; empty without one.
@@ -215,21 +223,10 @@ static void name_partition(const MountEntry* entry, const ConfDev* dev,
     name_by_label(entry->dev, label, name);
 }
 
-static const char* device_kind(const HotplugDev* dev)
-{
-    switch (dev->major) {
-    case MAJOR_SD:
-        return "USB Storage Device";
-    case MAJOR_MMC:
-        return "MMC Block Device";
-    default:
-        return "";
-    }
-}
-
 static void describe_device(const HotplugDev* dev, char (&comment)[comment_size])
 {
-    const char* kind = device_kind(dev);
+    const DeviceKind* known = device_kind(dev->major);
+    const char* kind = known != nullptr ? known->description : "";
     if (dev->vname == nullptr && dev->pname == nullptr) {
         (void)snprintf(comment, sizeof comment, "%s (0x%04hX/0x%04hX)", kind, dev->vid, dev->pid);
         return;
@@ -291,10 +288,10 @@ static void add_partition(FILE* stream, const ConfDevTable* table, MountEntry* e
         written = conf_dir_exinfo(stream, entry) == 0;
     end_section(stream, start, written);
 }
-    BusyWalk walk = {};
 
 static void write_partitions(FILE* stream, const ConfDevTable* table, bool exinfo)
 {
+    BusyWalk walk = {};
     MountEntry* entry = nullptr;
     while (crtsec_blk_next(&walk, &entry) == 0)
         add_partition(stream, table, entry, exinfo);

@@ -3,6 +3,7 @@
 // docs/share-file.md.
 #pragma once
 
+#include "device/mount_entry.h"
 #include "records/conf_dev.h"
 
 #include <stdio.h>

@@ -1,5 +1,6 @@
 #include "records/volume_label.h"
 
+#include "config/filesystems.h"
 #include "lib/guard.h"
 #include "lib/process.h"
 #include "lib/str.h"
@@ -59,16 +60,23 @@ int conf_dir_get_vlabel_ntfs(const MountEntry* entry, char* buffer, int size)
     return read_tool(argv, buffer, size);
 }
 
+static FilesystemLabel label_kind(const MountEntry* entry)
+{
+    const Filesystem* filesystem = filesystem_of(entry->fstype);
+    return filesystem != nullptr ? filesystem->label : FilesystemLabel::none;
+}
+
 static int read_label(const MountEntry* entry, char* buffer, int size)
 {
-    switch (entry->fstype) {
-    case CONF_DEV_FS_NTFS:
+    switch (label_kind(entry)) {
+    case FilesystemLabel::ntfs:
         return conf_dir_get_vlabel_ntfs(entry, buffer, size);
-    case CONF_DEV_FS_FAT:
+    case FilesystemLabel::fat:
         return conf_dir_get_vlabel_vfat(entry, buffer, size);
-    default:
-        return -1;
+    case FilesystemLabel::none:
+        break;
     }
+    return -1;
 }
 
 int conf_dir_get_vlabel(const MountEntry* entry, char* buffer, int size)

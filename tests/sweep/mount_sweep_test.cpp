@@ -1,6 +1,7 @@
 // Mounting, unmounting and every kind of command with every allocation and call failing once.
 #include "core/command.h"
 #include "device/crtsec.h"
+#include "device/kinds.h"
 #include "fake/fake_world.h"
 #include "mount/mount.h"
 #include "records/config_file_dir.h"

@@ -1,5 +1,7 @@
 // The share file with every allocation and call failing once: whole sections, or none of them.
+#include "config/filesystems.h"
 #include "device/crtsec.h"
+#include "device/kinds.h"
 #include "fake/fake_world.h"
 #include "records/conf_dev_file.h"
 #include "records/config_file_dir.h"

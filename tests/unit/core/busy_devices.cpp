@@ -1,6 +1,8 @@
 #include "busy_devices.h"
 
+#include "config/filesystems.h"
 #include "device/crtsec.h"
+#include "device/kinds.h"
 #include "fake/fake_world.h"
 #include "records/volume_label.h"
 #include "support/files.h"

@@ -1,6 +1,8 @@
 #include "core/command.h"
 
 #include "busy_devices.h"
+#include "config/filesystems.h"
+#include "device/kinds.h"
 #include "fake/fake_log.h"
 #include "fake/fake_world.h"
 #include "support/failing_memory.h"

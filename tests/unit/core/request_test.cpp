@@ -1,6 +1,7 @@
 #include "core/request.h"
 
 #include "busy_devices.h"
+#include "device/kinds.h"
 #include "fake/fake_log.h"
 #include "fake/fake_world.h"
 #include "support/files.h"

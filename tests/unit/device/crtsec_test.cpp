@@ -418,10 +418,10 @@ TEST_F(BusySet, DeleteTakesOutTheFirstOfTwo)
 TEST_F(BusySet, DeleteLeavesTheEntryAlive)
 {
     auto* entry = new MountEntry(entries[0]);
-    entry->fstype = CONF_DEV_FS_FAT;
+    entry->fstype = 4;
     ASSERT_EQ(crtsec_blk_add(entry), 0);
     EXPECT_EQ(crtsec_blk_del(entry), 0);
-    EXPECT_EQ(entry->fstype, CONF_DEV_FS_FAT);
+    EXPECT_EQ(entry->fstype, 4);
     delete entry;
 }
 

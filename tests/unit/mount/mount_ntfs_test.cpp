@@ -1,3 +1,4 @@
+#include "config/filesystems.h"
 #include "fake/fake_world.h"
 #include "partition.h"
 #include "support/files.h"

@@ -1,3 +1,5 @@
+#include "config/filesystems.h"
+#include "device/kinds.h"
 #include "fake/fake_log.h"
 #include "fake/fake_world.h"
 #include "partition.h"

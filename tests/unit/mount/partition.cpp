@@ -1,5 +1,6 @@
 #include "partition.h"
 
+#include "device/kinds.h"
 #include "mount/mount.h"
 
 #include <sys/stat.h>

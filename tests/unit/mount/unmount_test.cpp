@@ -1,3 +1,4 @@
+#include "config/filesystems.h"
 #include "fake/fake_log.h"
 #include "fake/fake_world.h"
 #include "lib/process.h"

@@ -1,6 +1,7 @@
 // Saving the device table.
 #include "records/conf_dev_file.h"
 
+#include "config/filesystems.h"
 #include "fake/fake_log.h"
 #include "fake/fake_world.h"
 #include "record.h"

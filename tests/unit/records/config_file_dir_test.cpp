@@ -1,7 +1,9 @@
 // What the share file says.
 #include "records/config_file_dir.h"
 
+#include "config/filesystems.h"
 #include "device/crtsec.h"
+#include "device/kinds.h"
 #include "fake/fake_log.h"
 #include "fake/fake_world.h"
 #include "record.h"

@@ -2,6 +2,7 @@
 // with every plugged partition, delete it or go on to the next.
 #include "records/conf_dev.h"
 
+#include "config/filesystems.h"
 #include "record.h"
 #include "support/failing_memory.h"
 #include "support/random.h"

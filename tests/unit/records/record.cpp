@@ -1,5 +1,7 @@
 #include "record.h"
 
+#include "config/filesystems.h"
+#include "device/kinds.h"
 #include "fake/fake_world.h"
 
 #include <gtest/gtest.h>

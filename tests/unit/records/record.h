@@ -1,6 +1,7 @@
 // Records, tables, mounted partitions and small disks for the tests of the records.
 #pragma once
 
+#include "device/mount_entry.h"
 #include "records/conf_dev.h"
 
 #include <stdint.h>

@@ -1,6 +1,7 @@
 // What is saved is loaded back, for random tables.
 #include "records/conf_dev_file.h"
 
+#include "config/filesystems.h"
 #include "record.h"
 #include "support/files.h"
 #include "support/random.h"

@@ -1,5 +1,6 @@
 #include "records/volume_label.h"
 
+#include "config/filesystems.h"
 #include "fake/fake_log.h"
 #include "fake/fake_world.h"
 #include "record.h"
