@@ -214,8 +214,21 @@ int sys_statfs(const char* path)
     return note("statfs", text_of(path));
 }
 
+// Runs what the test wants to do meanwhile, the world unlocked.
+static void step_in(std::function<void()> FakeWorld::*at)
+{
+    std::function<void()> wanted;
+    {
+        const Lock lock(mutex);
+        wanted = state.world.*at;
+    }
+    if (wanted)
+        wanted();
+}
+
 void sys_sync()
 {
+    step_in(&FakeWorld::on_sync);
     const Lock lock(mutex);
     (void)note("sync", "");
     state.world.syncs++;
@@ -365,13 +378,13 @@ int sys_nanosleep(const timespec* interval, timespec* rest)
     const uint64_t asked = static_cast<uint64_t>(interval->tv_sec) * 1000000 +
                            static_cast<uint64_t>(interval->tv_nsec) / 1000;
     const int result = sleep_pretended(asked, rest);
-    std::function<void(uint64_t)> step_in;
+    std::function<void(uint64_t)> wanted;
     {
         const Lock lock(mutex);
-        step_in = state.world.on_sleep;
+        wanted = state.world.on_sleep;
     }
-    if (step_in)
-        step_in(asked);
+    if (wanted)
+        wanted(asked);
     return result;
 }
 
@@ -379,6 +392,7 @@ int sys_nanosleep(const timespec* interval, timespec* rest)
 // usec".
 int sys_select_one(int fd, SysDirection direction, timeval* limit)
 {
+    step_in(&FakeWorld::on_select);
     {
         const Lock lock(mutex);
         const std::string usec =

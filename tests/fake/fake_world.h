@@ -53,6 +53,10 @@ struct FakeWorld {
     // the place for a test to step in while a loop runs.
     std::function<void(uint64_t usec)> on_sleep;
 
+    // The same at each sync, and at each wait for a descriptor before it begins.
+    std::function<void()> on_sync;
+    std::function<void()> on_select;
+
     // ---- what happened ----
 
     std::vector<std::string> journal;        // "mount /dev/sda1 /mnt/sda1 vfat 0x4 uid=0,..."

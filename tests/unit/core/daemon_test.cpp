@@ -392,6 +392,19 @@ TEST_F(DaemonTest, ARefreshThatIsDueAndAskedForIsMadeOnce)
     EXPECT_EQ(refreshes(), 1);
 }
 
+// The files may have been read before what was changed by hand.
+TEST_F(DaemonTest, ARefreshThatIsAskedForDuringAnotherIsMadeBehindIt)
+{
+    int left = 1;
+    fake_world().on_sync = [&] { // in the refresh that was asked for
+        if (fake_world().count("kill") == 1 && left-- > 0)
+            flag_set(&ctx.refresh, 1);
+    };
+    EXPECT_EQ(run({[] {}, [this] { flag_set(&ctx.refresh, 1); }, [] {}, [] {}}), 0);
+    EXPECT_EQ(refreshes(), 3);
+    EXPECT_EQ(ctx.refresh, 0);
+}
+
 // Asked for inside a burst, it waits for the burst's end.
 TEST_F(DaemonTest, ARefreshThatIsAskedForWaitsForTheNextPause)
 {

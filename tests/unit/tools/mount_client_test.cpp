@@ -220,6 +220,18 @@ TEST_P(ClientTest, ADaemonThatClosesWithoutAnAnswerIsAFailure)
     expect_outcome("", "failed");
 }
 
+// Between the connection and the message: no signal may end the client before it has told.
+TEST_P(ClientTest, ADaemonThatClosesBeforeTheMessageIsAFailure)
+{
+    const ChildResult result = run_child([&] {
+        FdGuard listener(unix_create_listen_socket("vyhotplugd"));
+        fake_world().on_select = [&] { listener.reset(-1); };
+        return call_main(client().run, {name(), "sda1"});
+    });
+    EXPECT_EQ(result.err, line("sda1", "failed"));
+    EXPECT_EQ(result.status, 0);
+}
+
 TEST_P(ClientTest, WithoutADaemonItFails)
 {
     const ChildResult result = run_main(client().run, {name(), "all"});
