@@ -2,6 +2,7 @@
 
 #include "config/filesystems.h"
 #include "config/ini.h"
+#include "lib/file.h"
 #include "lib/platform.h"
 #include "lib/str.h"
 #include "lib/sys.h"
@@ -351,8 +352,6 @@ int conf_dev_save(const char* path, const ConfDevTable* table)
         (void)sys_unlink(temporary_file);
         return -failure;
     }
-    // The old file stays when the new one cannot take its place.
-    if (sys_rename(temporary_file, path) != 0)
-        (void)sys_unlink(temporary_file);
+    (void)file_move(temporary_file, path); // the old file stays when it cannot be moved: kept
     return 0;
 }

@@ -2,10 +2,10 @@
 
 #include "device/crtsec.h"
 #include "device/kinds.h"
+#include "lib/file.h"
 #include "lib/log.h"
 #include "lib/platform.h"
 #include "lib/str.h"
-#include "lib/sys.h"
 #include "records/conf_dev_file.h"
 #include "records/lines.h"
 #include "records/volume_label.h"
@@ -307,9 +307,7 @@ int conf_dir_save(const char* path, const ConfDevTable* table, int naswork)
     write_directories(file.get(), table);
     write_partitions(file.get(), table, naswork != 0);
     file.reset(nullptr);
-    // The old file stays when the new one cannot take its place.
-    if (sys_rename(temporary_file, path) != 0)
-        (void)sys_unlink(temporary_file);
+    (void)file_move(temporary_file, path); // the old file stays when it cannot be moved: kept
     return 0;
 }
 
