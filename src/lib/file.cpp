@@ -29,9 +29,13 @@ static size_t first_room(int fd, size_t most)
 static int make_room(FileBytes* content, size_t room)
 {
     char* held = content->bytes.take();
-    auto* moved = static_cast<char*>(realloc(held, room));
-    content->bytes.reset(moved != nullptr ? moved : held);
-    return moved != nullptr ? 0 : -ENOMEM;
+    void* moved = realloc(held, room);
+    if (moved == nullptr) {
+        content->bytes.reset(held);
+        return -ENOMEM;
+    }
+    content->bytes.reset(static_cast<char*>(moved));
+    return 0;
 }
 
 // Reads once. Returns the bytes read, 0 at the end; a negated errno.

@@ -131,13 +131,16 @@ static int take_step(Walk* walk)
         return -errno;
     if (check_entry(*walk, entry) != 0)
         return -EACCES;
-    if (S_ISLNK(entry.st_mode))
+    if (S_ISREG(entry.st_mode))
+        return walk->rest[0] == '\0' ? open_entry(*walk) : -EACCES;
+    if (S_ISLNK(entry.st_mode)) {
         result = follow_link(walk);
-    else if (S_ISDIR(entry.st_mode))
+    } else if (S_ISDIR(entry.st_mode)) {
         result = enter(walk, openat(walk->directory.get(), walk->name,
                                     O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    else
-        return S_ISREG(entry.st_mode) && walk->rest[0] == '\0' ? open_entry(*walk) : -EACCES;
+    } else {
+        result = -EACCES;
+    }
     return result == 0 ? -EAGAIN : result;
 }
 
@@ -153,9 +156,9 @@ int trust_open(const char* path)
     int result = enter_root(&walk);
     if (result != 0)
         return result;
-    do
+    do {
         result = walk.rest[0] != '\0' ? take_step(&walk) : -EACCES; // it was a directory
-    while (result == -EAGAIN);
+    } while (result == -EAGAIN);
     return result;
 }
 
