@@ -102,6 +102,21 @@ int unix_create_socket(const char* name)
     return fd.take();
 }
 
+int unix_peer(int fd, UnixPeer* peer)
+{
+    ucred credentials;
+    socklen_t size = sizeof credentials;
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0)
+        return -errno;
+    *peer = {.uid = credentials.uid, .pid = credentials.pid};
+    return 0;
+}
+
+bool unix_peer_is_trusted(const UnixPeer& peer)
+{
+    return peer.uid == 0 || peer.uid == geteuid();
+}
+
 // Returns 1 when the socket is ready, 0 when the time ran out, a negated errno.
 static int await(int fd, SysDirection direction, int timeout_ms)
 {

@@ -24,6 +24,19 @@
 // Returns owned: a blocking connected descriptor; -1.
 [[nodiscard]] int unix_create_socket(const char* name);
 
+// Who is at the other end: of an accepted connection the process that connected, of a connected one
+// the process that listens, as they were at that moment (SO_PEERCRED, unix(7)).
+struct UnixPeer {
+    uid_t uid;
+    pid_t pid; // may have ended since
+};
+
+// Returns 0; a negated errno.
+[[nodiscard]] int unix_peer(int fd, UnixPeer* peer);
+
+// Whether the peer is root or the own user: whoever else is there has no business with the service.
+[[nodiscard]] bool unix_peer_is_trusted(const UnixPeer& peer);
+
 // Sends once, with send(2)'s `flags`, when the socket becomes writable in time. Returns the bytes
 // sent; 0 when it did not; a negated errno.
 [[nodiscard]] ssize_t unix_send(int fd, const void* buffer, size_t length, int flags,

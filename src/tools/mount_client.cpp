@@ -54,10 +54,17 @@ constexpr ClientCommand unmount_command = {
 
 } // namespace
 
+// Whether the daemon listens there, and not somebody who took its name.
+static bool is_daemon(int fd)
+{
+    UnixPeer peer;
+    return unix_peer(fd, &peer) == 0 && unix_peer_is_trusted(peer);
+}
+
 static int send_request(const ClientCommand& command, const char* target)
 {
     const FdGuard fd(unix_create_socket(daemon_socket));
-    if (fd.get() < 0)
+    if (fd.get() < 0 || !is_daemon(fd.get()))
         return -1;
     char message[message_size];
     const int length = snprintf(message, sizeof message, "ACTION=%s,%s", command.word, target);

@@ -220,6 +220,23 @@ TEST_P(ClientTest, ADaemonThatClosesWithoutAnAnswerIsAFailure)
     expect_outcome("", "failed");
 }
 
+// The name is free to everybody while the daemon does not run.
+TEST_P(ClientTest, WhoTookTheDaemonsNameIsNotBelieved)
+{
+    const ChildResult result = run_child([&] {
+        EXPECT_EQ(seteuid(1234), 0);
+        FakeDaemon daemon("success"); // listens as somebody else
+        EXPECT_EQ(seteuid(0), 0);
+        daemon.serve();
+        const int status = call_main(client().run, {name(), "sda1"});
+        write_file("/run/heard", daemon.heard());
+        return status;
+    });
+    EXPECT_EQ(result.err, line("sda1", "failed"));
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(heard(), "") << "nothing is said to it";
+}
+
 // Between the connection and the message: no signal may end the client before it has told.
 TEST_P(ClientTest, ADaemonThatClosesBeforeTheMessageIsAFailure)
 {
