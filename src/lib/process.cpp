@@ -1,6 +1,7 @@
 #include "lib/process.h"
 
 #include "lib/guard.h"
+#include "lib/lock_holder.h"
 #include "lib/log.h"
 #include "lib/str.h"
 #include "lib/sys.h"
@@ -32,14 +33,29 @@ static bool write_own_pid(int fd)
     return write(fd, text, static_cast<size_t>(length)) == length;
 }
 
+// Opens and locks the file. Returns 0 with the descriptor in `fd`; -1. Everybody may read the file
+// and so lock it: a lock that is not root's keeps nobody from starting, for the file is made anew.
+static int open_locked(const char* path, FdGuard* fd)
+{
+    for (bool again = false;; again = true) {
+        fd->reset(open(path, O_WRONLY | O_CREAT, pid_file_mode));
+        if (fd->get() < 0)
+            return -1;
+        if (flock(fd->get(), LOCK_EX | LOCK_NB) == 0)
+            return 0;
+        if (errno != EWOULDBLOCK || again || lock_holder_is_trusted(fd->get()))
+            return -1;
+        if (sys_unlink(path) != 0)
+            return -1;
+    }
+}
+
 int vy_create_pid_file(const char* name)
 {
     char path[path_size];
     (void)snprintf(path, sizeof path, "/var/run/%s.pid", name);
-    FdGuard fd(open(path, O_WRONLY | O_CREAT, pid_file_mode));
-    if (fd.get() < 0)
-        return -1;
-    if (flock(fd.get(), LOCK_EX | LOCK_NB) != 0)
+    FdGuard fd;
+    if (open_locked(path, &fd) != 0)
         return -1;
     if (!write_own_pid(fd.get()))
         return -1;

@@ -5,7 +5,7 @@
 
 // Creates, locks and writes "/var/run/<name>.pid". Returns the open, locked descriptor, which the
 // caller keeps for the life of the process and which is closed across exec; -1 on any failure, the
-// file untouched when another process holds the lock.
+// file untouched when another process, started by root, holds the lock.
 [[nodiscard]] int vy_create_pid_file(const char* name);
 
 // Sends `signal` to the process whose decimal pid stands in the file `name` (an absolute path; a

@@ -164,6 +164,82 @@ TEST_F(PidFile, SecondTakerLeavesTheFileOfAnotherProcess)
     close(told[1]);
 }
 
+// A child that locks the file, for whom it is readable, and holds it until it is killed.
+class Locker {
+  public:
+    // `real` and `effective`: its users. `heir`: it leaves the lock to a child of its own and ends.
+    Locker(const std::string& path, uid_t real, uid_t effective, bool heir = false)
+    {
+        int ready[2];
+        EXPECT_EQ(pipe(ready), 0);
+        child_ = fork();
+        if (child_ == 0)
+            hold(path, real, effective, heir, ready[1]);
+        close(ready[1]);
+        char byte = 0;
+        EXPECT_EQ(read(ready[0], &byte, 1), 1) << "it could not lock the file";
+        close(ready[0]);
+        if (heir) {
+            EXPECT_EQ(waitpid(child_, nullptr, 0), child_);
+        }
+    }
+    ~Locker()
+    {
+        kill(-child_, SIGKILL);
+        waitpid(child_, nullptr, 0);
+    }
+
+  private:
+    [[noreturn]] static void hold(const std::string& path, uid_t real, uid_t effective, bool heir,
+                                  int ready)
+    {
+        setpgid(0, 0);
+        const int fd = open(path.c_str(), O_RDONLY);
+        if (setresuid(real, effective, real) != 0 || flock(fd, LOCK_EX | LOCK_NB) != 0)
+            _exit(1);
+        if (heir && fork() != 0)
+            _exit(write(ready, "x", 1) == 1 ? 0 : 1);
+        if (!heir && write(ready, "x", 1) != 1)
+            _exit(1);
+        for (;;)
+            pause();
+    }
+
+    pid_t child_;
+};
+
+// Everybody may read the file, and so lock it.
+TEST_F(PidFile, LockThatIsNotRootsKeepsNobodyFromStarting)
+{
+    write_file(path, "1\n");
+    for (const bool heir : {false, true}) {
+        for (const uid_t effective : {1234, 0}) { // with root's rights, as a set-user-id program
+            const Locker locker(path, 1234, effective, heir);
+            ASSERT_GE(create(), 0) << effective << heir;
+            EXPECT_EQ(read_file(path), own);
+            EXPECT_EQ(vy_create_pid_file("unit"), -1) << "the new file is locked";
+            close(fd);
+            fd = -1;
+        }
+    }
+}
+
+TEST_F(PidFile, LockOfRootsDoes)
+{
+    write_file(path, "1\n");
+    const Locker locker(path, 0, 0);
+    expect_failure();
+    EXPECT_EQ(read_file(path), "1\n");
+}
+
+TEST_F(PidFile, WithAForeignLockThatCannotBeRemovedFails)
+{
+    write_file(path, "1\n");
+    const Locker locker(path, 1234, 1234);
+    fake_world().fail("unlink", 1, EROFS);
+    expect_failure();
+}
+
 TEST_F(PidFile, CanBeTakenAgainOnceClosed)
 {
     ASSERT_GE(create(), 0);
