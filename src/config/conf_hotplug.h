@@ -29,4 +29,8 @@ struct ConfHotplug {
     char* vfatoptions; // extra mount options, may be null; live until the process ends
     char* ntfsoptions;
     char* extfsoptions;
+    uint32_t mountflags; // flags of mount(2) for every mount, see config/mount_flags.h
+
+    uint8_t strict; // 1: only root commands, only root's files count
+    uint8_t adopt;  // 1: what an earlier daemon left mounted is taken over
 };

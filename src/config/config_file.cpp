@@ -3,9 +3,11 @@
 #include "config/filesystems.h"
 #include "config/getopt.h"
 #include "config/ini.h"
+#include "config/mount_flags.h"
 #include "lib/log.h"
 #include "lib/str.h"
 
+#include <errno.h>
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
@@ -215,6 +217,79 @@ static void load_mountfs(const IniSection* keys, ConfHotplug* config)
     }
 }
 
+// ---- what closes doors: a value of these that is there but cannot be had ends the loading ----
+
+// Reads the key's value; null without one. Returns 0 or -ENOMEM.
+static int read_needed(const IniSection* keys, const char* key, IniValueGuard* value)
+{
+    const int result = ini_section_get_string(keys, key, value->out(), INI_LAST);
+    return result == -ENOMEM ? result : 0;
+}
+
+// Absent means off; a word that is misspelt means on, the safe side.
+static int load_needed_switch(const IniSection* keys, ConfHotplug* config, const SwitchKey& row)
+{
+    IniValueGuard value;
+    if (read_needed(keys, row.key, &value) != 0)
+        return -ENOMEM;
+    if (value)
+        config->*row.field = string_enable_disable(value.get()) == 0 ? 0 : 1;
+    return 0;
+}
+
+static uint32_t flag_of(const char* word)
+{
+    for (const MountFlag& row : mount_flags) {
+        if (strcasecmp(row.word, word) == 0)
+            return row.flag;
+    }
+    return 0;
+}
+
+// Takes the blanks from both ends of an item.
+static char* trim(char* item)
+{
+    static constexpr char blanks[] = " \t";
+    item += strspn(item, blanks);
+    size_t length = strlen(item);
+    while (length > 0 && strchr(blanks, item[length - 1]) != nullptr)
+        length--;
+    item[length] = '\0';
+    return item;
+}
+
+// Whoever wrote a word that is none wanted something: it is told, and the others count.
+static int load_mountflags(const IniSection* keys, ConfHotplug* config)
+{
+    IniValueGuard value;
+    if (read_needed(keys, "mountflags", &value) != 0)
+        return -ENOMEM;
+    char item[VYOPT_ITEM_SIZE];
+    const char* position = value.get();
+    while ((position = vyopt_get_section(position, item, sizeof item)) != nullptr) {
+        const char* word = trim(item);
+        const uint32_t flag = flag_of(word);
+        if (flag == 0)
+            VY_LOG(LOG_ERR, "Error - Unknown Mount Flag(%s)", word);
+        config->mountflags |= flag;
+    }
+    return 0;
+}
+
+static constexpr SwitchKey needed_switches[] = {
+    {"strict", &ConfHotplug::strict},
+    {"adopt", &ConfHotplug::adopt},
+};
+
+static int load_needed(const IniSection* keys, ConfHotplug* config)
+{
+    for (const SwitchKey& row : needed_switches) {
+        if (load_needed_switch(keys, config, row) != 0)
+            return -ENOMEM;
+    }
+    return load_mountflags(keys, config);
+}
+
 // ---- the record ----
 
 static void set_defaults(ConfHotplug* config)
@@ -258,15 +333,17 @@ ConfHotplug* load_config_hotplug(const char* path)
         return nullptr;
     if (access(path, R_OK) != 0)
         VY_LOG(LOG_ERR, "No Such File(%s)", path);
-    auto* config = static_cast<ConfHotplug*>(malloc(sizeof(ConfHotplug)));
-    if (config == nullptr)
+    ConfHotplugGuard config(static_cast<ConfHotplug*>(malloc(sizeof(ConfHotplug))));
+    if (!config)
         return nullptr;
-    set_defaults(config);
+    set_defaults(config.get());
     IniDocGuard doc;
     IniSectionGuard keys;
     open_keys(path, &doc, &keys);
-    load_keys(keys.get(), config);
-    return config;
+    load_keys(keys.get(), config.get());
+    if (load_needed(keys.get(), config.get()) != 0)
+        return nullptr;
+    return config.take();
 }
 
 // The option texts of the record freed last: within reach until the process ends, so that leak

@@ -288,23 +288,30 @@ static void drop_unfinished_line(FileBytes* content)
     content->bytes.get()[content->size] = '\0';
 }
 
-// Reads to the end of the file or to a read error. Returns 0 or -ENOMEM.
-static int read_text(int fd, IniDoc* doc)
-{
-    FileBytes content;
-    const int result = file_read_fd(fd, FILE_ANY_SIZE, &content);
-    if (result == -ENOMEM)
-        return result;
-    if (result != 0)
-        drop_unfinished_line(&content);
-    doc->text = content.bytes.take();
-    doc->size = content.size;
-    return 0;
-}
-
 static IniDoc* create_doc()
 {
     return static_cast<IniDoc*>(calloc(1, sizeof(IniDoc)));
+}
+
+// Makes a document of a file, and of what came before a failed read where `partly` allows it.
+// Returns 0; -ENOMEM; the negated errno of the read.
+static int make_doc(int fd, bool partly, IniDoc** doc)
+{
+    FileBytes content;
+    const int result = file_read_fd(fd, FILE_ANY_SIZE, &content);
+    if (result == -ENOMEM || (result != 0 && !partly))
+        return result;
+    if (result != 0)
+        drop_unfinished_line(&content);
+    IniDocGuard made(create_doc());
+    if (!made)
+        return -ENOMEM;
+    made->text = content.bytes.take();
+    made->size = content.size;
+    if (index_sections(made.get()) != 0)
+        return -ENOMEM;
+    *doc = made.take();
+    return 0;
 }
 
 int ini_doc_load(const char* path, IniDoc** doc)
@@ -312,17 +319,12 @@ int ini_doc_load(const char* path, IniDoc** doc)
     if (path == nullptr || doc == nullptr)
         return -EINVAL;
     const FdGuard fd(open(path, O_RDONLY | O_CLOEXEC));
-    if (fd.get() < 0)
-        return -EIO;
-    IniDocGuard made(create_doc());
-    if (!made)
-        return -ENOMEM;
-    if (read_text(fd.get(), made.get()) != 0)
-        return -ENOMEM;
-    if (index_sections(made.get()) != 0)
-        return -ENOMEM;
-    *doc = made.take();
-    return 0;
+    return fd.get() < 0 ? -EIO : make_doc(fd.get(), true, doc);
+}
+
+int ini_doc_read(int fd, IniDoc** doc)
+{
+    return make_doc(fd, false, doc);
 }
 
 int ini_doc_parse(const char* text, size_t size, IniDoc** doc)

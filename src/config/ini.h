@@ -34,6 +34,10 @@ struct IniDoc;
 // ends the text before the line it struck.
 [[nodiscard]] int ini_doc_load(const char* path, IniDoc** doc);
 
+// As ini_doc_load from an open file, but all of it or nothing. Returns 0; -ENOMEM; the negated
+// errno of a failed read.
+[[nodiscard]] int ini_doc_read(int fd, IniDoc** doc);
+
 // As ini_doc_load from bytes at hand, which are copied. Returns 0 or -ENOMEM.
 [[nodiscard]] int ini_doc_parse(const char* text, size_t size, IniDoc** doc);
 

@@ -1,7 +1,9 @@
 #include "mount/mount.h"
 
 #include "config/filesystems.h"
+#include "config/mount_flags.h"
 #include "lib/process.h"
+#include "lib/str.h"
 #include "lib/sys.h"
 #include "mount/mtab.h"
 
@@ -12,7 +14,8 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
-static constexpr size_t options_size = 128; // longer option texts are cut
+static constexpr size_t options_size = 128;   // longer option texts are cut
+static constexpr size_t flag_words_size = 64; // bytes of all words that drivers take
 static constexpr int driver_timeout_ms = 60000;
 static constexpr mode_t mount_directory_mode = 0700;
 
@@ -76,15 +79,17 @@ static int mount_by_kernel(const Filesystem& filesystem, const MountEntry* entry
 {
     const Options options = kernel_options(filesystem, config);
     const bool readonly = is_readonly(entry->dev);
-    const unsigned long flags = (filesystem.nodev ? MS_NODEV : 0) | (readonly ? MS_RDONLY : 0);
+    const unsigned long flags =
+        config->mountflags | (filesystem.nodev ? MS_NODEV : 0) | (readonly ? MS_RDONLY : 0);
     const int result =
         sys_mount(entry->devnode, entry->mountpoint, filesystem.type, flags, options.text);
     if (result == 0)
         return 0;
     if ((result != -EACCES && result != -EROFS) || readonly)
         return -1;
-    // MS_RDONLY alone: kept, a second attempt never carried the first one's other flags.
-    if (sys_mount(entry->devnode, entry->mountpoint, filesystem.type, MS_RDONLY, options.text) != 0)
+    // Without nodev: kept, a second attempt never carried the first one's own flags.
+    if (sys_mount(entry->devnode, entry->mountpoint, filesystem.type,
+                  config->mountflags | MS_RDONLY, options.text) != 0)
         return -1;
     entry->dev->flags |= HOTPLUG_FLAG_READONLY;
     return 0;
@@ -107,11 +112,28 @@ static int run_driver(char* const argv[], HotplugDev* dev, int* status)
     return 0;
 }
 
+struct DriverOptions {
+    char text[options_size + flag_words_size];
+};
+
+// The options with the words of the configured flags behind them, where no other can undo them.
+static DriverOptions driver_options(const Filesystem& filesystem, const ConfHotplug* config)
+{
+    const Options own = owner_options("ro,", config, config->*filesystem.extra_options);
+    DriverOptions options = {};
+    char* end = str_cpy(options.text, own.text);
+    for (const MountFlag& row : mount_flags) {
+        if (row.drivers && (config->mountflags & row.flag) != 0)
+            end = str_cpy(str_cpy(end, ","), row.word);
+    }
+    return options;
+}
+
 static int mount_by_driver(const Filesystem& filesystem, const MountEntry* entry,
                            const ConfHotplug* config)
 {
     HotplugDev* dev = entry->dev;
-    Options options = owner_options("ro,", config, config->*filesystem.extra_options);
+    DriverOptions options = driver_options(filesystem, config);
     char* const option_argument = is_readonly(dev) ? options.text : options.text + strlen("ro,");
     char* const argv[] = {const_cast<char*>(filesystem.driver),
                           entry->devnode,

@@ -27,7 +27,7 @@ COMPANIONS_MAY_INCLUDE = {
 }
 COMPANIONS_SEE = {"lib", "config"}
 # Of these folders, only these headers may be seen from there.
-ONLY = {("mount", "config"): {"config/conf_hotplug.h", "config/filesystems.h"}}
+ONLY = {("mount", "config"): {"config/conf_hotplug.h", "config/filesystems.h", "config/mount_flags.h"}}
 
 INCLUDE = re.compile(r'^\s*#\s*include\s*"([^"]+)"')
 

@@ -8,6 +8,7 @@
 
 #include <stdlib.h>
 #include <sys/inotify.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -384,6 +385,76 @@ std::vector<std::string> missing_texts(const ConfHotplug* config)
             missing.emplace_back(row.name);
     }
     return missing;
+}
+
+// ---- what closes doors ----
+
+TEST(ConfigFile, StrictAndAdoptAreOffUnlessTheirKeysSayMoreThanDisable)
+{
+    const struct {
+        const char* text;
+        int expected;
+    } rows[] = {{"", 0},     {"=enable\n", 1}, {"=ENABLE\n", 1}, {"=1\n", 1},     {"=disable\n", 0},
+                {"=0\n", 0}, {"=yes\n", 1},    {"=\n", 1},       {"=enabel\n", 1}};
+    for (const auto& row : rows) {
+        const std::string text = row.text;
+        const ConfigGuard config(load(text.empty() ? "" : "strict" + text + "adopt" + text));
+        EXPECT_EQ(config->strict, row.expected) << text;
+        EXPECT_EQ(config->adopt, row.expected) << text;
+    }
+}
+
+TEST(ConfigFile, EveryMountFlagHasItsWord)
+{
+    const struct {
+        const char* words;
+        unsigned long flags;
+    } rows[] = {{"nosuid", MS_NOSUID},
+                {"nodev", MS_NODEV},
+                {"noexec", MS_NOEXEC},
+                {"noatime", MS_NOATIME},
+                {"nodiratime", MS_NODIRATIME},
+                {"sync", MS_SYNCHRONOUS},
+                {"dirsync", MS_DIRSYNC},
+                {"nosymfollow", 256},
+                {"", 0},
+                {",,", 0},
+                {"NoSuid,nodev , \tnoexec", MS_NOSUID | MS_NODEV | MS_NOEXEC}};
+    for (const auto& row : rows) {
+        const ConfigGuard config(load(std::string("mountflags=") + row.words + "\n"));
+        EXPECT_EQ(config->mountflags, row.flags) << row.words;
+        EXPECT_TRUE(fake_log_lines().empty());
+    }
+}
+
+TEST(ConfigFile, AnUnknownMountFlagIsToldAndTheOthersCount)
+{
+    const ConfigGuard config(load("mountflags=nosuid,nodevv,ro, ,noexec\n"));
+    EXPECT_EQ(config->mountflags, uint32_t{MS_NOSUID | MS_NOEXEC});
+    EXPECT_EQ(fake_log_texts(),
+              (std::vector<std::string>{"config_file(#)Error - Unknown Mount Flag(nodevv)",
+                                        "config_file(#)Error - Unknown Mount Flag(ro)",
+                                        "config_file(#)Error - Unknown Mount Flag()"}));
+    fake_log_clear();
+}
+
+// A door that was to be closed must not stay open for want of memory.
+TEST(ConfigFile, WhatClosesDoorsIsReadOrNothingIs)
+{
+    for (const char* key : {"strict=enable\n", "adopt=enable\n", "mountflags=nosuid\n"}) {
+        write_file(path, key);
+        int refused = 0;
+        for (int nth = 1;; nth++) {
+            memory_fail(nth);
+            ConfHotplug* config = load_config_hotplug(path.c_str());
+            const bool failed = memory_failed();
+            refused += config == nullptr ? 1 : 0;
+            release(config);
+            if (!failed)
+                break;
+        }
+        EXPECT_EQ(refused, 2) << key << ": for the record, and for the value";
+    }
 }
 
 // How often the file was opened since this watch was made.

@@ -4,6 +4,7 @@
 #include "support/files.h"
 
 #include <errno.h>
+#include <sys/mount.h>
 
 namespace {
 
@@ -70,6 +71,32 @@ TEST_F(MountNtfsTest, ExtraOptionsStandBehindAComma)
     EXPECT_EQ(mount(), 0);
     EXPECT_EQ(fake_world().spawned, (std::vector<Arguments>{driver_with(
                                         "uid=7,gid=8,fmask=0113,dmask=0002,noatime,big_writes")}));
+}
+
+// Behind the options, where none of them can undo the words, and whole however long they are.
+TEST_F(MountNtfsTest, TheConfiguredFlagsStandLast)
+{
+    config.mountflags = MS_NOSUID | MS_NODEV | MS_NOEXEC;
+    script({run(exit_0), run(exit_0)});
+    EXPECT_EQ(mount(), 0);
+    set_ntfs_options(std::string(200, 'x'));
+    const std::string cut =
+        (std::string("ro,") + owner_text + "," + std::string(200, 'x')).substr(3, 124);
+    EXPECT_EQ(mount(), 0);
+    EXPECT_EQ(fake_world().spawned,
+              (std::vector<Arguments>{driver_with(std::string(owner_text) + ",nosuid,nodev,noexec"),
+                                      driver_with(cut + ",nosuid,nodev,noexec")}));
+}
+
+// Drivers know no word for the others; all that they know fits.
+TEST_F(MountNtfsTest, OnlyWordsThatTheDriverKnowsAreHandedOver)
+{
+    config.mountflags = UINT32_MAX;
+    script({run(exit_0)});
+    EXPECT_EQ(mount(), 0);
+    EXPECT_EQ(fake_world().spawned,
+              (std::vector<Arguments>{driver_with(std::string(owner_text) +
+                                                  ",nosuid,nodev,noexec,noatime,sync,dirsync")}));
 }
 
 // Numbers above 2147483647 are told as the negative ones of the same bits.

@@ -237,6 +237,18 @@ TEST_P(KernelMountTest, TriesARefusingMediumOnceMoreReadOnly)
     }
 }
 
+// MS_NOSUID is 2, MS_NODEV is 4, MS_NOEXEC is 8.
+TEST_P(KernelMountTest, TheConfiguredFlagsGoIntoBothAttempts)
+{
+    const Kernel& row = GetParam();
+    config.mountflags = MS_NOSUID | MS_NODEV | MS_NOEXEC;
+    entry.fstype = row.code;
+    put_medium(row.type, EROFS);
+    EXPECT_EQ(mount(), 0);
+    EXPECT_EQ(mount_calls(),
+              (Calls{call_of(row.type, "0xe", row.text), call_of(row.type, "0xf", row.text)}));
+}
+
 TEST_P(KernelMountTest, TriesOnlyOnceForAnyOtherError)
 {
     const Kernel& row = GetParam();
