@@ -92,27 +92,6 @@ static MountEntry* create_entry(HotplugDev* dev)
     return entry;
 }
 
-static int add_device(HotplugDev* dev, const ConfHotplug* config)
-{
-    if (hotplug_dev_partition(dev) == 0 && dev->range >= 2 && has_partitions(dev))
-        return -1;
-    EntryGuard entry(create_entry(dev));
-    if (!entry)
-        return -1;
-    if (name_entry(entry.get(), config) != 0)
-        return -1;
-    if (vymount(entry.get(), config) != 0)
-        return -1;
-    VY_LOG(LOG_ERR, "mount %s %s", entry->devnode, entry->mountpoint);
-    daemon_call_evhook(HOTPLUG_EVENT_ADD, entry->mountpoint);
-    if (crtsec_blk_add(entry.get()) != 0)
-        return -1; // it stays mounted
-    (void)entry.take();
-    return DIRTY_ADDED;
-}
-
-// ---- remove ----
-
 // The first entry of that device; null without one.
 static MountEntry* find_entry(const HotplugDev* dev)
 {
@@ -125,8 +104,37 @@ static MountEntry* find_entry(const HotplugDev* dev)
     return nullptr;
 }
 
+static int mount_device(DaemonCtx* ctx, MountEntry* entry)
+{
+    if (vymount(entry, ctx->config) != 0)
+        return -1;
+    VY_LOG(LOG_ERR, "mount %s %s", entry->devnode, entry->mountpoint);
+    daemon_call_evhook(HOTPLUG_EVENT_ADD, entry->mountpoint, ctx);
+    return 0;
+}
+
+static int add_device(DaemonCtx* ctx, HotplugDev* dev)
+{
+    const ConfHotplug* config = ctx->config;
+    if (hotplug_dev_partition(dev) == 0 && dev->range >= 2 && has_partitions(dev))
+        return -1;
+    EntryGuard entry(create_entry(dev));
+    if (!entry)
+        return -1;
+    if (name_entry(entry.get(), config) != 0)
+        return -1;
+    if (mount_device(ctx, entry.get()) != 0)
+        return -1;
+    if (crtsec_blk_add(entry.get()) != 0)
+        return -1; // it stays mounted
+    (void)entry.take();
+    return DIRTY_ADDED;
+}
+
+// ---- remove ----
+
 // The entry stays in the set until the next refresh has taken it out of the files.
-static int remove_device(const HotplugDev* dev, const ConfHotplug* config)
+static int remove_device(DaemonCtx* ctx, const HotplugDev* dev)
 {
     MountEntry* entry = find_entry(dev);
     if (entry == nullptr)
@@ -136,9 +144,9 @@ static int remove_device(const HotplugDev* dev, const ConfHotplug* config)
         VY_LOG(LOG_ERR, "remove mount point %s %s", entry->devnode, entry->mountpoint);
         return DIRTY_REMOVED;
     }
-    daemon_call_evhook(HOTPLUG_EVENT_REMOVE, entry->mountpoint);
-    conf_dir_set_unmount_flg(config->smbconfigpath, entry->sharename);
-    const int result = vyunmount(entry, 1);
+    daemon_call_evhook(HOTPLUG_EVENT_REMOVE, entry->mountpoint, ctx);
+    conf_dir_set_unmount_flg(ctx->config->smbconfigpath, entry->sharename, is_strict(ctx));
+    const int result = vyunmount(entry, 1, is_strict(ctx));
     entry->gone = 1;
     if (result != 0) {
         VY_LOG(LOG_ERR, "faild unmount %s %s", entry->devnode, entry->mountpoint);
@@ -178,9 +186,9 @@ static int act(DaemonCtx* ctx, const HotplugCmd* cmd, HotplugAction action, Cont
 {
     switch (action) {
     case HOTPLUG_ACTION_ADD:
-        return add_device(&message->dev, ctx->config);
+        return add_device(ctx, &message->dev);
     case HOTPLUG_ACTION_REMOVE:
-        return remove_device(&message->dev, ctx->config);
+        return remove_device(ctx, &message->dev);
     case HOTPLUG_ACTION_MOUNT:
     case HOTPLUG_ACTION_UNMOUNT:
         return answer_request(ctx, cmd, action, message);

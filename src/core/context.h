@@ -19,7 +19,19 @@ struct DaemonCtx {
     char progpath[DAEMON_PATH_SIZE];
     char confpath[DAEMON_PATH_SIZE];
     ConfHotplug* config; // owned by the run loop; null outside it
+    uint8_t told;        // TOLD_*: what is not trusted and has been told, so that it is told once
 };
+
+enum : uint8_t {
+    TOLD_HOOK = 1,
+    TOLD_DEVICE_FILE = 2,
+};
+
+// Whether only root's commands and root's files count.
+inline bool is_strict(const DaemonCtx* ctx)
+{
+    return ctx->config != nullptr && ctx->config->strict != 0;
+}
 
 // What the next refresh must take in, as bits.
 enum DirtyTables : int {

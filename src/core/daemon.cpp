@@ -1,6 +1,7 @@
 #include "core/daemon.h"
 
 #include "config/config_file.h"
+#include "config/mount_flags.h"
 #include "core/command.h"
 #include "core/recieve.h"
 #include "core/refresh.h"
@@ -8,6 +9,7 @@
 #include "lib/guard.h"
 #include "lib/log.h"
 #include "lib/sys.h"
+#include "lib/trust.h"
 #include "lib/vytime.h"
 #include "records/volume_label.h"
 
@@ -62,6 +64,14 @@ static void report_config(const ConfHotplug* config)
     VY_LOG(LOG_INFO, "NTFS opt = %s", or_empty(config->ntfsoptions));
     VY_LOG(LOG_INFO, "EXT opt  = %s", or_empty(config->extfsoptions));
     VY_LOG(LOG_INFO, "FAT Label= %s", config->fatvolumelabel != 0 ? "enable" : "disable");
+    if (config->strict != 0)
+        VY_LOG(LOG_INFO, "Strict   = enable");
+    if (config->adopt != 0)
+        VY_LOG(LOG_INFO, "Adopt    = enable");
+    for (const MountFlag& row : mount_flags) {
+        if ((config->mountflags & row.flag) != 0)
+            VY_LOG(LOG_INFO, "MNT Flag = %s", row.word);
+    }
 }
 
 // Tells of a directory that is missing or none; it may still appear, so start-up goes on.
@@ -74,6 +84,18 @@ static void check_directory(const char* checked, const char* named)
         VY_LOG(LOG_ERR, "Error - Not Directory(%s)", or_empty(named));
 }
 
+// Who asks for strictness must not be asked by somebody else. Returns -1 when the start must end.
+static int check_own_file(const DaemonCtx* ctx)
+{
+    if (!is_strict(ctx))
+        return 0;
+    const FdGuard fd(trust_open(ctx->confpath));
+    if (fd.get() >= 0)
+        return 0;
+    VY_LOG(LOG_ERR, "Error - %s is not root's alone (err=%d)", ctx->confpath, -fd.get());
+    return -1;
+}
+
 static int load_config(DaemonCtx* ctx)
 {
     VY_LOG(LOG_NOTICE, "Load Config File(%s)", ctx->confpath);
@@ -81,6 +103,8 @@ static int load_config(DaemonCtx* ctx)
     if (ctx->config == nullptr)
         return -1;
     const ConfHotplug* config = ctx->config;
+    if (check_own_file(ctx) != 0)
+        return -1;
     report_config(config);
     check_directory(config->mountpath, config->mountpath);
     // Kept: the device path is named, but it is the mount path that is looked at again.
@@ -93,7 +117,10 @@ static int load_config(DaemonCtx* ctx)
 
 static void refresh(RunLoop* loop)
 {
-    refresh_tables(loop->ctx, loop->dirty);
+    if (refresh_tables(loop->ctx, loop->dirty) != 0) {
+        loop->state = TableState::due; // it is tried again behind the next pause
+        return;
+    }
     loop->state = TableState::clean;
     loop->dirty = 0;
 }
@@ -178,7 +205,8 @@ static void empty_lists()
 // Runs the loop between the start and the end of the receive thread.
 static int run_with_receiver(DaemonCtx* ctx)
 {
-    ReceiveArg receiver = {.running = &ctx->running, .status = 0, .thread = {}};
+    ReceiveArg receiver = {
+        .running = &ctx->running, .status = 0, .thread = {}, .strict = ctx->config->strict};
     if (recieve_run(&receiver) != 0)
         return -1;
     run_loop(ctx);

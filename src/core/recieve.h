@@ -6,12 +6,14 @@
 #include <stdint.h>
 
 constexpr char hotplug_socket_name[] = "vyhotplugd"; // in the abstract namespace
+constexpr uint32_t strict_queue_limit = 4096;        // messages
 
 // The thread's argument block, owned by the run loop.
 struct ReceiveArg {
     uint8_t* running; // borrowed: the context's flag; the thread ends when it is 0, and clears it
     int32_t status;   // the thread's exit value: 0, a negated errno
     pthread_t thread;
+    uint8_t strict = 0; // 1: of root and the own user only, and no more than the queue may hold
 };
 
 // Starts the thread. Returns 0; -1 when its stack cannot be set or the thread not be made.

@@ -92,23 +92,23 @@ static bool selects(const Selection& selection, const HotplugDev* dev)
 }
 
 // Returns -1 when the entry is not mounted afterwards; one that was mounted before is fine.
-static int mount_entry(MountEntry* entry, const ConfHotplug* options)
+static int mount_entry(DaemonCtx* ctx, MountEntry* entry, const ConfHotplug* options)
 {
     if (vymount(entry, options) != 0)
         return entry->mounted != 0 ? 0 : -1;
     VY_LOG(LOG_ERR, "mount %s %s", entry->devnode, entry->mountpoint);
-    daemon_call_evhook(HOTPLUG_EVENT_MOUNT, entry->mountpoint);
+    daemon_call_evhook(HOTPLUG_EVENT_MOUNT, entry->mountpoint, ctx);
     return 0;
 }
 
 // Returns -1 when the entry is still mounted afterwards.
-static int unmount_entry(const DaemonCtx* ctx, MountEntry* entry, int32_t force)
+static int unmount_entry(DaemonCtx* ctx, MountEntry* entry, int32_t force)
 {
-    daemon_call_evhook(HOTPLUG_EVENT_UNMOUNT, entry->mountpoint);
-    conf_dir_set_unmount_flg(ctx->config->smbconfigpath, entry->sharename);
+    daemon_call_evhook(HOTPLUG_EVENT_UNMOUNT, entry->mountpoint, ctx);
+    conf_dir_set_unmount_flg(ctx->config->smbconfigpath, entry->sharename, is_strict(ctx));
     share_service_reload();
     (void)vytime_msleep(share_withdrawal_ms);
-    if (vyunmount(entry, static_cast<unsigned>(force)) != 0)
+    if (vyunmount(entry, static_cast<unsigned>(force), is_strict(ctx)) != 0)
         return entry->mounted == 0 ? 0 : -1;
     VY_LOG(LOG_ERR, "unmount %s %s", entry->devnode, entry->mountpoint);
     return 0;
@@ -129,7 +129,7 @@ int hotplug_mount_request(DaemonCtx* ctx, const char* target, HotplugAction acti
     while (crtsec_blk_next(&walk, &entry) == 0) {
         if (!selects(selection, entry->dev))
             continue;
-        if ((mounting ? mount_entry(entry, options) : unmount_entry(ctx, entry, force)) != 0)
+        if ((mounting ? mount_entry(ctx, entry, options) : unmount_entry(ctx, entry, force)) != 0)
             result = -1;
     }
     return result;

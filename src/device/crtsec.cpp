@@ -68,6 +68,12 @@ int crtsec_cmd_enqueue(HotplugCmd* cmd)
     return vylist_insert(queue, vylist_end(queue), cmd) != nullptr ? 0 : -1;
 }
 
+uint32_t crtsec_cmd_count()
+{
+    const LockGuard lock(queue_mutex);
+    return queue->count;
+}
+
 int crtsec_cmd_dequeue(HotplugCmd** cmd)
 {
     if (cmd == nullptr)

@@ -39,6 +39,9 @@ void crtsec_term();
 // Takes the command, at the end of the queue; -1, not taken, when it is null or memory runs out.
 [[nodiscard]] int crtsec_cmd_enqueue(HotplugCmd* cmd);
 
+// How many commands wait.
+[[nodiscard]] uint32_t crtsec_cmd_count();
+
 // Hands over the first command; -1, `cmd` untouched, when the queue is empty.
 [[nodiscard]] int crtsec_cmd_dequeue(HotplugCmd** cmd);
 

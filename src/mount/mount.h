@@ -16,5 +16,5 @@
 // Unmounts the entry's directory, with `force` lazily or by force where it is busy, removes its
 // line from the mount table, its directory and its node, and clears `mounted`. Returns 0 when the
 // filesystem was detached; -1 otherwise. Where it was no mount (any more), -1 is returned but the
-// rest is done all the same; on any other failure nothing is touched.
-[[nodiscard]] int vyunmount(MountEntry* entry, unsigned force);
+// rest is done all the same; on any other failure nothing is touched. `strict` as for mtab_remove.
+[[nodiscard]] int vyunmount(MountEntry* entry, unsigned force, bool strict = false);

@@ -3,6 +3,7 @@
 #include "lib/guard.h"
 #include "lib/platform.h"
 #include "lib/sys.h"
+#include "lib/trust.h"
 
 #include <linux/magic.h>
 #include <mntent.h>
@@ -70,11 +71,12 @@ static int copy_without(FILE* from, FILE* to, const char* devnode, const char* m
     return complete && stream_flush(to) == 0 ? 0 : -1;
 }
 
-void mtab_remove(const char* devnode, const char* mountpoint)
+void mtab_remove(const char* devnode, const char* mountpoint, bool strict)
 {
     if (belongs_to_kernel())
         return;
-    TableGuard copy(setmntent(temporary_file, "w"));
+    // A stream of one's own is as good: setmntent(3) does nothing but open the file.
+    TableGuard copy(strict ? trust_create(temporary_file) : setmntent(temporary_file, "w"));
     if (!copy)
         return;
     TableGuard table(setmntent(table_file, "r+"));

@@ -8,4 +8,5 @@ void mtab_append(const char* devnode, const char* mountpoint, const char* type,
 
 // Rewrites the table, through "/tmp/mntent.tmp", without the lines of that node at that directory.
 // When the rewrite fails on the way the table stays as it was, and the temporary file is left.
-void mtab_remove(const char* devnode, const char* mountpoint);
+// `strict` makes the temporary file with trust_create (lib/trust.h).
+void mtab_remove(const char* devnode, const char* mountpoint, bool strict = false);

@@ -33,7 +33,7 @@ static Detached detach(const char* mountpoint, unsigned force)
     return Detached::failed;
 }
 
-int vyunmount(MountEntry* entry, unsigned force)
+int vyunmount(MountEntry* entry, unsigned force, bool strict)
 {
     sys_sync();
     const Detached detached = detach(entry->mountpoint, force);
@@ -42,7 +42,7 @@ int vyunmount(MountEntry* entry, unsigned force)
     // An NTFS driver ends when its filesystem goes; most often there is none.
     (void)sys_waitpid(-1, nullptr, WNOHANG);
     entry->mounted = 0;
-    mtab_remove(entry->devnode, entry->mountpoint);
+    mtab_remove(entry->devnode, entry->mountpoint, strict);
     (void)sys_rmdir(entry->mountpoint);
     (void)sys_unlink(entry->devnode);
     return detached == Detached::done ? 0 : -1;

@@ -6,6 +6,7 @@
 #include "lib/platform.h"
 #include "lib/str.h"
 #include "lib/sys.h"
+#include "lib/trust.h"
 #include "records/lines.h"
 
 #include <ctype.h>
@@ -64,130 +65,6 @@ constexpr UsersKey users_keys[] = {
 
 } // namespace
 
-// ---- loading ----
-
-// Returns owned: the key's last value; null when absent or empty.
-static char* read_value(const IniSection* section, const char* key)
-{
-    IniValueGuard value;
-    if (ini_section_get_string(section, key, value.out(), INI_LAST) != 0)
-        return nullptr;
-    return value.get()[0] == '\0' ? nullptr : value.take();
-}
-
-static char* read_text(const IniSection* section, const char* key, size_t max)
-{
-    const IniValueGuard value(read_value(section, key));
-    return value ? strndup(value.get(), max) : nullptr;
-}
-
-// Returns -1 when the record must be dropped for its path.
-static int read_path(const IniSection* section, ConfDev* dev)
-{
-    const IniValueGuard value(read_value(section, "path"));
-    if (!value)
-        return 0;
-    if (value.get()[0] != '/' || strlen(value.get()) >= path_size)
-        return -1;
-    dev->path = strdup(value.get());
-    return dev->path != nullptr ? 0 : -1;
-}
-
-static bool is_word(const char* value, const char* word)
-{
-    return word != nullptr && strcasecmp(value, word) == 0;
-}
-
-// What is no filesystem's word, "deffs" among it, leaves it to the partition.
-static void read_filesystem(const IniSection* section, ConfDev* dev)
-{
-    dev->filesystem = CONF_DEV_FS_UNKNOWN;
-    const IniValueGuard value(read_value(section, "filesystem"));
-    if (!value)
-        return;
-    for (const Filesystem& filesystem : filesystems) {
-        if (is_word(value.get(), filesystem.words[0]) || is_word(value.get(), filesystem.words[1]))
-            dev->filesystem = filesystem.code;
-    }
-}
-
-static void read_administrator(const IniSection* section, ConfDev* dev)
-{
-    dev->administrator = CONF_DEV_ADMIN_FULL;
-    const IniValueGuard value(read_value(section, "administrator"));
-    if (!value)
-        return;
-    for (const AdministratorWord& word : administrator_words) {
-        if (is_word(value.get(), word.text))
-            dev->administrator = word.value;
-    }
-}
-
-static void read_switch(const IniSection* section, ConfDev* dev, const SwitchKey& row)
-{
-    const IniValueGuard value(read_value(section, row.key));
-    dev->*row.field = string_enable_disable(value.get()) == 1 ? 1 : 0;
-}
-
-// Reads every setting. Returns -1 when the record must be dropped.
-static int read_settings(const IniSection* section, ConfDev* dev)
-{
-    dev->sharename = read_text(section, "sharename", sharename_max);
-    if (read_path(section, dev) != 0)
-        return -1;
-    dev->comment = read_text(section, "comment", comment_max);
-    read_filesystem(section, dev);
-    for (const SwitchKey& row : switch_keys)
-        read_switch(section, dev, row);
-    read_administrator(section, dev);
-    for (const UsersKey& row : users_keys) {
-        const IniValueGuard value(read_value(section, row.key));
-        if (value)
-            conf_parse_user_list(value.get(), dev->*row.field);
-    }
-    return 0;
-}
-
-// Appends the record of one section, or nothing for a section that is not usable. Returns -1 when
-// loading must end.
-static int load_section(const IniDoc* doc, const char* name, ConfDevTable* table)
-{
-    ConfDevGuard dev(conf_dev_record_create());
-    if (!dev)
-        return -1;
-    if (name == nullptr || name[0] == '\0')
-        return 0;
-    dev->identifier = strdup(name);
-    if (dev->identifier == nullptr)
-        return 0;
-    conf_dev_record_defaults(dev.get());
-    IniSectionGuard section;
-    if (ini_section_open(doc, name, section.out()) == -ENOMEM)
-        return -1;
-    if (section && read_settings(section.get(), dev.get()) != 0)
-        return 0;
-    if (vylist_insert(table->list, vylist_end(table->list), dev.get()) == nullptr)
-        return -1;
-    (void)dev.take();
-    return 0;
-}
-
-int conf_dev_load(const char* path, ConfDevTable* table)
-{
-    IniDocGuard doc;
-    if (ini_doc_load(path, doc.out()) != 0)
-        return -1;
-    SectionListGuard sections;
-    if (ini_doc_get_section_list(doc.get(), sections.out()) != 0)
-        return -1;
-    for (vylist_node* node = sections->next; node != vylist_end(sections.get());
-         node = node->next) {
-        if (load_section(doc.get(), static_cast<const char*>(node->data), table) != 0)
-            return -1;
-    }
-    return 0;
-}
-
 // ---- user lists ----
 
 static bool holds_user(vylist* users, int32_t id)
@@ -200,18 +77,17 @@ static bool holds_user(vylist* users, int32_t id)
 }
 
 // Appends the id that `digits` spell. Returns 1 when it was appended, 0 otherwise.
-static int append_user(const char* digits, vylist* users)
+static int append_user(const char* digits, vylist* users, bool* lost)
 {
     int32_t id = 0;
     if (str_to_long(digits, &id, 10) != 0 || id < 0 || holds_user(users, id))
         return 0;
     MemGuard<int32_t> element(static_cast<int32_t*>(malloc(sizeof(int32_t))));
-    if (!element)
+    if (!element || vylist_insert(users, vylist_end(users), element.get()) == nullptr) {
+        *lost = true;
         return 0;
-    *element.get() = id;
-    if (vylist_insert(users, vylist_end(users), element.get()) == nullptr)
-        return 0;
-    (void)element.take();
+    }
+    *element.take() = id;
     return 1;
 }
 
@@ -223,7 +99,7 @@ static size_t digit_run(const char* text)
     return length;
 }
 
-int conf_parse_user_list(const char* text, vylist* users)
+static int parse_user_list(const char* text, vylist* users, bool* lost)
 {
     int appended = 0;
     while (*text != '\0') {
@@ -232,12 +108,18 @@ int conf_parse_user_list(const char* text, vylist* users)
         if (run > 0 && run <= user_id_digits && (end == ',' || end == '\0')) {
             char digits[user_id_digits + 1];
             str_ncpy(digits, text, static_cast<int32_t>(run) + 1);
-            appended += append_user(digits, users);
+            appended += append_user(digits, users, lost);
         }
         // The character behind a run goes with it, be it the comma or what spoilt the number.
         text += end == '\0' ? run : run + 1;
     }
     return appended;
+}
+
+int conf_parse_user_list(const char* text, vylist* users)
+{
+    bool lost = false;
+    return parse_user_list(text, users, &lost);
 }
 
 int conf_write_user_list(FILE* stream, const vylist* users)
@@ -249,6 +131,167 @@ int conf_write_user_list(FILE* stream, const vylist* users)
             return -1;
     }
     return fputc('\n', stream) == EOF ? -1 : 0;
+}
+
+// ---- loading ----
+
+// Reads the key's last value; null when absent or empty. In all of these, `lost` is set when memory
+// ran out for something that the file holds.
+static void read_value(const IniSection* section, const char* key, IniValueGuard* value, bool* lost)
+{
+    if (ini_section_get_string(section, key, value->out(), INI_LAST) == -ENOMEM)
+        *lost = true;
+    if (*value && value->get()[0] == '\0')
+        value->reset(nullptr);
+}
+
+static void read_text(const IniSection* section, const char* key, size_t max, char** text,
+                      bool* lost)
+{
+    IniValueGuard value;
+    read_value(section, key, &value, lost);
+    if (!value)
+        return;
+    *text = strndup(value.get(), max);
+    *lost |= *text == nullptr;
+}
+
+// Returns -1 when the record must be dropped for its path.
+static int read_path(const IniSection* section, ConfDev* dev, bool* lost)
+{
+    IniValueGuard value;
+    read_value(section, "path", &value, lost);
+    if (!value)
+        return 0;
+    if (value.get()[0] != '/' || strlen(value.get()) >= path_size)
+        return -1;
+    dev->path = strdup(value.get());
+    *lost |= dev->path == nullptr;
+    return dev->path != nullptr ? 0 : -1;
+}
+
+static bool is_word(const char* value, const char* word)
+{
+    return word != nullptr && strcasecmp(value, word) == 0;
+}
+
+// What is no filesystem's word, "deffs" among it, leaves it to the partition.
+static void read_filesystem(const IniSection* section, ConfDev* dev, bool* lost)
+{
+    IniValueGuard value;
+    read_value(section, "filesystem", &value, lost);
+    dev->filesystem = CONF_DEV_FS_UNKNOWN;
+    if (!value)
+        return;
+    for (const Filesystem& filesystem : filesystems) {
+        if (is_word(value.get(), filesystem.words[0]) || is_word(value.get(), filesystem.words[1]))
+            dev->filesystem = filesystem.code;
+    }
+}
+
+static void read_switch(const IniSection* section, ConfDev* dev, const SwitchKey& row, bool* lost)
+{
+    IniValueGuard value;
+    read_value(section, row.key, &value, lost);
+    dev->*row.field = string_enable_disable(value.get()) == 1 ? 1 : 0;
+}
+
+static void read_administrator(const IniSection* section, ConfDev* dev, bool* lost)
+{
+    IniValueGuard value;
+    read_value(section, "administrator", &value, lost);
+    dev->administrator = CONF_DEV_ADMIN_FULL;
+    if (!value)
+        return;
+    for (const AdministratorWord& word : administrator_words) {
+        if (is_word(value.get(), word.text))
+            dev->administrator = word.value;
+    }
+}
+
+static void read_users(const IniSection* section, ConfDev* dev, const UsersKey& row, bool* lost)
+{
+    IniValueGuard value;
+    read_value(section, row.key, &value, lost);
+    if (value)
+        (void)parse_user_list(value.get(), dev->*row.field, lost);
+}
+
+// Reads every setting. Returns -1 when the record must be dropped.
+static int read_settings(const IniSection* section, ConfDev* dev, bool* lost)
+{
+    read_text(section, "sharename", sharename_max, &dev->sharename, lost);
+    if (read_path(section, dev, lost) != 0)
+        return -1;
+    read_text(section, "comment", comment_max, &dev->comment, lost);
+    read_filesystem(section, dev, lost);
+    for (const SwitchKey& row : switch_keys)
+        read_switch(section, dev, row, lost);
+    read_administrator(section, dev, lost);
+    for (const UsersKey& row : users_keys)
+        read_users(section, dev, row, lost);
+    return 0;
+}
+
+// Appends the record of one section, or nothing for a section that is not usable. Returns -1 when
+// loading must end.
+static int load_section(const IniDoc* doc, const char* name, ConfDevTable* table, bool* lost)
+{
+    ConfDevGuard dev(conf_dev_record_create());
+    if (!dev)
+        return -1;
+    if (name == nullptr || name[0] == '\0')
+        return 0;
+    dev->identifier = strdup(name);
+    *lost |= dev->identifier == nullptr;
+    if (dev->identifier == nullptr)
+        return 0;
+    conf_dev_record_defaults(dev.get());
+    IniSectionGuard section;
+    if (ini_section_open(doc, name, section.out()) == -ENOMEM)
+        return -1;
+    if (section && read_settings(section.get(), dev.get(), lost) != 0)
+        return 0;
+    if (vylist_insert(table->list, vylist_end(table->list), dev.get()) == nullptr)
+        return -1;
+    (void)dev.take();
+    return 0;
+}
+
+// Appends a record for each usable section. Returns 0; -1 when loading had to end.
+static int load_sections(const IniDoc* doc, ConfDevTable* table, bool* lost)
+{
+    SectionListGuard sections;
+    if (ini_doc_get_section_list(doc, sections.out()) != 0)
+        return -1;
+    for (vylist_node* node = sections->next; node != vylist_end(sections.get());
+         node = node->next) {
+        if (load_section(doc, static_cast<const char*>(node->data), table, lost) != 0)
+            return -1;
+    }
+    return 0;
+}
+
+int conf_dev_load(const char* path, ConfDevTable* table)
+{
+    IniDocGuard doc;
+    if (ini_doc_load(path, doc.out()) != 0)
+        return -1;
+    bool lost = false; // kept: what could be had is worked with
+    return load_sections(doc.get(), table, &lost);
+}
+
+int conf_dev_load_whole(const char* path, ConfDevTable* table)
+{
+    const FdGuard fd(trust_open(path));
+    if (fd.get() < 0)
+        return fd.get();
+    IniDocGuard doc;
+    const int result = ini_doc_read(fd.get(), doc.out());
+    if (result != 0)
+        return result;
+    bool lost = false;
+    return load_sections(doc.get(), table, &lost) != 0 || lost ? -ENOMEM : 0;
 }
 
 // ---- saving ----
@@ -338,11 +381,11 @@ static int write_table(FILE* stream, const ConfDevTable* table)
     return stream_flush(stream);
 }
 
-int conf_dev_save(const char* path, const ConfDevTable* table)
+int conf_dev_save(const char* path, const ConfDevTable* table, bool strict)
 {
     if (table == nullptr || table->list == nullptr)
         return -1;
-    FileGuard file(fopen(temporary_file, "w"));
+    FileGuard file(strict ? trust_create(temporary_file) : fopen(temporary_file, "w"));
     if (!file)
         return -1;
     errno = 0;

@@ -6,6 +6,7 @@
 #include "lib/log.h"
 #include "lib/platform.h"
 #include "lib/str.h"
+#include "lib/trust.h"
 #include "records/conf_dev_file.h"
 #include "records/lines.h"
 #include "records/volume_label.h"
@@ -299,9 +300,9 @@ static void write_partitions(FILE* stream, const ConfDevTable* table, bool exinf
 
 // ---- the file ----
 
-int conf_dir_save(const char* path, const ConfDevTable* table, int naswork)
+int conf_dir_save(const char* path, const ConfDevTable* table, int naswork, bool strict)
 {
-    FileGuard file(fopen(temporary_file, "w"));
+    FileGuard file(strict ? trust_create(temporary_file) : fopen(temporary_file, "w"));
     if (!file)
         return -1;
     write_directories(file.get(), table);
@@ -311,11 +312,11 @@ int conf_dir_save(const char* path, const ConfDevTable* table, int naswork)
     return 0;
 }
 
-int conf_dir_set_unmount_flg(const char* path, const char* sharename)
+int conf_dir_set_unmount_flg(const char* path, const char* sharename, bool strict)
 {
     if (path == nullptr || sharename == nullptr)
         return -1;
-    FILE* file = fopen(path, "a");
+    FILE* file = strict ? trust_append(path) : fopen(path, "a");
     if (file == nullptr)
         return -1;
     if (fprintf(file, "[%s]\n", sharename) < 0 || stream_flush(file) != 0) {

@@ -392,6 +392,52 @@ TEST_F(DaemonTest, ARefreshThatIsDueAndAskedForIsMadeOnce)
     EXPECT_EQ(refreshes(), 1);
 }
 
+// ---- strict ----
+
+TEST_F(DaemonTest, AStrictConfigurationThatIsNotRootsAloneEndsTheStart)
+{
+    write_file(config_file, std::string(plain_config) + "strict=enable\n");
+    EXPECT_EQ(run(), 0);
+    ctx.running = 1;
+    ASSERT_EQ(chmod(config_file, 0666), 0);
+    fake_log_clear();
+    EXPECT_EQ(run(), -1);
+    EXPECT_EQ(log_lines(), (Names{"Load Config File(/tmp/daemon.conf)",
+                                  "Error - /tmp/daemon.conf is not root's alone (err=" +
+                                      std::to_string(EPERM) + ")"}));
+    write_file(config_file, std::string(plain_config) + "strict=disable\n");
+    ctx.running = 1;
+    EXPECT_EQ(run(), 0) << "who does not ask for it is not asked";
+}
+
+TEST_F(DaemonTest, WhatGoesBeyondTheUsualIsReportedWhenItIsOn)
+{
+    write_file(config_file,
+               std::string(plain_config) + "strict=enable\nadopt=1\nmountflags=nosuid,nodev\n");
+    EXPECT_EQ(run(), 0);
+    const Names lines = log_lines();
+    for (const char* line :
+         {"Strict   = enable", "Adopt    = enable", "MNT Flag = nosuid", "MNT Flag = nodev"})
+        EXPECT_EQ(std::count(lines.begin(), lines.end(), line), 1) << line;
+}
+
+// It is tried again behind each pause until it goes well, and is made once.
+TEST_F(DaemonTest, AStrictRefreshThatCouldNotBeMadeIsMadeUpFor)
+{
+    write_file(config_file, std::string(plain_config) + "strict=enable\n");
+    write_file(device_file, "");
+    ASSERT_EQ(chmod(device_file, 0666), 0);
+    put_fat("sda1");
+    EXPECT_EQ(run({[] {}, [] {}, [this] { send_event("ACTION=add,MAJOR=8,MINOR=1,SID=A"); }, [] {},
+                   [] { EXPECT_EQ(refreshes(), 0); },
+                   [] { EXPECT_EQ(chmod(device_file, 0600), 0); }, [] {}, [] {}}),
+              0);
+    EXPECT_EQ(refreshes(), 1);
+    EXPECT_NE(read_file(device_file).find("[0000:0000:A:1]"), std::string::npos)
+        << "what was added meanwhile is not forgotten";
+    unlink(device_file);
+}
+
 // The files may have been read before what was changed by hand.
 TEST_F(DaemonTest, ARefreshThatIsAskedForDuringAnotherIsMadeBehindIt)
 {

@@ -2,12 +2,15 @@
 
 #include "fake/fake_log.h"
 #include "fake/fake_world.h"
+#include "support/files.h"
 
 #include <gtest/gtest.h>
 
 #include <errno.h>
 #include <stdio.h>
+#include <sys/stat.h>
 #include <syslog.h>
+#include <unistd.h>
 
 namespace {
 
@@ -138,6 +141,91 @@ TEST(Evhook, LogsWhatItDoesNotRunToo)
     daemon_call_evhook(9, path);
     daemon_call_evhook(1, "");
     EXPECT_EQ(fake_log_lines().size(), 2U);
+}
+
+// ---- strict ----
+
+class StrictEvhook : public testing::Test {
+  protected:
+    StrictEvhook()
+    {
+        unlink(script);
+        config.strict = 1;
+        ctx.config = &config;
+        write_file(script, "#!/bin/sh\n");
+        fake_log_clear();
+    }
+    ~StrictEvhook() override { unlink(script); }
+
+    int call() { return daemon_call_evhook(HOTPLUG_EVENT_ADD, path, &ctx); }
+
+    // What was run, and with which arguments, when it was run by a descriptor.
+    static std::string spawned()
+    {
+        const std::vector<std::string> calls = fake_world().calls("spawn");
+        if (calls.size() != 1)
+            return std::to_string(calls.size()) + " runs";
+        const std::string place = "spawn /proc/" + std::to_string(getpid()) + "/fd/";
+        if (calls[0].compare(0, place.size(), place) != 0)
+            return calls[0];
+        return "hook" + calls[0].substr(calls[0].find(' ', place.size()));
+    }
+
+    static std::vector<std::string> errors()
+    {
+        std::vector<std::string> found;
+        for (const std::string& text : fake_log_texts()) {
+            if (text.find("Error") != std::string::npos)
+                found.push_back(text);
+        }
+        return found;
+    }
+
+    ConfHotplug config = {};
+    DaemonCtx ctx = {};
+};
+
+TEST_F(StrictEvhook, RunsWhatItOpened)
+{
+    const int before = open_descriptors();
+    (void)call();
+    EXPECT_EQ(spawned(), "hook /tmp/vyhotplugd-evhook.sh mount /mnt/sda1");
+    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_TRUE(errors().empty());
+}
+
+TEST_F(StrictEvhook, AMissingHookIsNotToldAndStartsNothing)
+{
+    unlink(script);
+    EXPECT_EQ(call(), 1);
+    EXPECT_EQ(fake_world().count("spawn"), 0);
+    EXPECT_TRUE(errors().empty());
+}
+
+TEST_F(StrictEvhook, AHookOfSomebodyElsesIsNotRunAndToldOnce)
+{
+    ASSERT_EQ(chown(script, 1234, 1234), 0);
+    EXPECT_EQ(call(), -1);
+    EXPECT_EQ(call(), -1);
+    EXPECT_EQ(fake_world().count("spawn"), 0);
+    const std::string line = std::string("daemon(#)Error - ") + script +
+                             " is not run (err=" + std::to_string(EACCES) + ")";
+    EXPECT_EQ(errors(), std::vector<std::string>{line});
+    ASSERT_EQ(chown(script, 0, 0), 0);
+    (void)call();
+    EXPECT_EQ(fake_world().count("spawn"), 1);
+    ASSERT_EQ(chmod(script, 0777), 0);
+    EXPECT_EQ(call(), -1);
+    EXPECT_EQ(errors().size(), 2U) << "it was well meanwhile";
+}
+
+TEST_F(StrictEvhook, WithoutStrictnessAnyHookIsRunByItsName)
+{
+    ASSERT_EQ(chown(script, 1234, 1234), 0);
+    config.strict = 0;
+    (void)call();
+    EXPECT_EQ(fake_world().spawned,
+              (std::vector<std::vector<std::string>>{{script, "mount", path}}));
 }
 
 } // namespace

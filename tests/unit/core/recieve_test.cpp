@@ -16,6 +16,9 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <string.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <sys/un.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -316,6 +319,175 @@ TEST_F(ReceiveTest, ACommandThatCannotBeQueuedLeavesItsConnectionOpen)
     EXPECT_EQ(recv(fd.get(), &byte, 1, MSG_DONTWAIT), -1); // 0 when it was closed
     EXPECT_EQ(errno, EAGAIN);
     EXPECT_EQ(close(end_in_daemon()), 0);
+}
+
+// ---- strict ----
+
+constexpr uid_t stranger = 1234;
+
+// Whose connections this thread makes: the effective user of the thread alone, as the kernel has
+// it, for the C library would change that of all threads.
+class As {
+  public:
+    explicit As(uid_t user) { set(user); }
+    ~As() { set(0); }
+
+  private:
+    static void set(uid_t user)
+    {
+        EXPECT_EQ(syscall(SYS_setresuid, -1, static_cast<long>(user), -1), 0);
+    }
+};
+
+// A message of somebody else than root. Returns what the sender sees: 0 when the connection is
+// closed as after any event, or the errno that says that it was not read.
+int send_as_stranger(const std::string& text)
+{
+    int fd = -1;
+    {
+        const As as(stranger);
+        fd = unix_create_socket("vyhotplugd");
+    }
+    const FdGuard connection(fd);
+    if (send(fd, text.c_str(), text.size() + 1, MSG_NOSIGNAL) < 0)
+        return errno;
+    char byte = 0;
+    return recv(fd, &byte, 1, 0) == 0 ? 0 : errno;
+}
+
+bool is_refused(int error)
+{
+    return error == ECONNRESET || error == EPIPE;
+}
+
+TEST_F(ReceiveTest, NobodyIsRefusedUnlessItIsStrict)
+{
+    start();
+    ASSERT_TRUE(wait_for([] { return fake_world().count("select") > 0; }));
+    EXPECT_EQ(send_as_stranger("ACTION=remove,MAJOR=8"), 0);
+    HotplugCmd* cmd = next_command();
+    ASSERT_NE(cmd, nullptr);
+    hotplug_cmd_free(cmd);
+}
+
+TEST_F(ReceiveTest, StrictItTakesMessagesOfRootsOnly)
+{
+    arg.strict = 1;
+    start();
+    ASSERT_TRUE(wait_for([] { return fake_world().count("select") > 0; }));
+    EXPECT_TRUE(is_refused(send_as_stranger("ACTION=unmount,all,force")));
+    const FdGuard fd(send_text("ACTION=mount,sda1"));
+    HotplugCmd* cmd = next_command();
+    ASSERT_NE(cmd, nullptr);
+    EXPECT_STREQ(cmd->text, "ACTION=mount,sda1") << "and nothing else was queued";
+    drop(cmd);
+    stop();
+    int reads = 0;
+    for (const std::string& call : fake_world().calls("select"))
+        reads += call.find(" 0 2000000") != std::string::npos ? 1 : 0;
+    EXPECT_EQ(reads, 1) << "a stranger's message is not even waited for";
+}
+
+std::vector<std::string> refusal_lines()
+{
+    std::vector<std::string> found;
+    for (const std::string& text : fake_log_texts()) {
+        if (text.find("Refused") != std::string::npos)
+            found.push_back(text.substr(0, text.find(" (process")));
+    }
+    return found;
+}
+
+TEST_F(ReceiveTest, RefusalsAreToldOnceAMinuteWithTheirNumber)
+{
+    arg.strict = 1;
+    start();
+    ASSERT_TRUE(wait_for([] { return fake_world().count("select") > 0; }));
+    const Names first = {"recieve(#)Refused 1 connections, the last of user 1234"};
+    for (int nth = 0; nth < 20; nth++)
+        EXPECT_TRUE(is_refused(send_as_stranger("x")));
+    ASSERT_TRUE(wait_for([&] { return refusal_lines() == first; }));
+    fake_world().monotonic_usec += 59999999;
+    EXPECT_TRUE(is_refused(send_as_stranger("x")));
+    fake_world().realtime_usec += 1000000000000; // the clock on the wall counts for nothing
+    EXPECT_TRUE(is_refused(send_as_stranger("x")));
+    EXPECT_EQ(refusal_lines(), first);
+    fake_world().monotonic_usec += 1;
+    EXPECT_TRUE(is_refused(send_as_stranger("x")));
+    EXPECT_TRUE(wait_for([&] {
+        return refusal_lines() ==
+               Names{first[0], "recieve(#)Refused 22 connections, the last of user 1234"};
+    }));
+}
+
+TEST_F(ReceiveTest, StrictItQueuesNoMoreThanItsLimit)
+{
+    arg.strict = 1;
+    std::vector<HotplugCmd> waiting(strict_queue_limit);
+    for (HotplugCmd& cmd : waiting)
+        ASSERT_EQ(crtsec_cmd_enqueue(&cmd), 0);
+    start();
+    const FdGuard refused(connect_to_daemon());
+    (void)send(refused.get(), "ACTION=remove", 14,
+               MSG_NOSIGNAL); // which is closed when it is taken
+    char byte = 0;
+    EXPECT_TRUE(wait_for(
+        [&] { return recv(refused.get(), &byte, 1, MSG_DONTWAIT) == 0 || errno == ECONNRESET; }));
+    EXPECT_EQ(crtsec_cmd_count(), strict_queue_limit);
+    HotplugCmd* cmd = nullptr;
+    ASSERT_EQ(crtsec_cmd_dequeue(&cmd), 0);
+    const FdGuard taken(send_text("ACTION=mount,sda1"));
+    EXPECT_TRUE(wait_for([] { return crtsec_cmd_count() == strict_queue_limit; }));
+    for (uint32_t left = strict_queue_limit; left > 1; left--)
+        EXPECT_EQ(crtsec_cmd_dequeue(&cmd), 0);
+    drop(next_command());
+}
+
+TEST_F(ReceiveTest, NotStrictItQueuesWhatComes)
+{
+    std::vector<HotplugCmd> waiting(strict_queue_limit);
+    for (HotplugCmd& cmd : waiting)
+        ASSERT_EQ(crtsec_cmd_enqueue(&cmd), 0);
+    start();
+    const FdGuard fd(send_text("ACTION=mount,sda1"));
+    EXPECT_TRUE(wait_for([] { return crtsec_cmd_count() == strict_queue_limit + 1; }));
+    HotplugCmd* cmd = nullptr;
+    for (uint32_t left = strict_queue_limit; left > 0; left--)
+        EXPECT_EQ(crtsec_cmd_dequeue(&cmd), 0);
+    drop(next_command());
+}
+
+// A connection that waits keeps the listener ready: each attempt would follow the one before at
+// once.
+TEST_F(ReceiveTest, WithoutDescriptorsItPausesBeforeItTriesAgain)
+{
+    start();
+    ASSERT_TRUE(wait_for([] { return fake_world().count("select") > 0; }));
+    const FdGuard fd(socket(AF_UNIX, SOCK_STREAM, 0));
+    rlimit before = {};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit none = {.rlim_cur = 0, .rlim_max = before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    strcpy(address.sun_path + 1, "vyhotplugd");
+    EXPECT_EQ(connect(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    EXPECT_TRUE(wait_for([] { return fake_world().count("nanosleep") >= 3; }));
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    ASSERT_EQ(send(fd.get(), "hello", 6, MSG_NOSIGNAL), 6);
+    drop(next_command());
+    stop();
+    Names calls; // of the thread: a wait, and a pause behind each failure
+    for (const std::string& call : fake_world().calls("")) {
+        if (call == "nanosleep 100000" || call.find(" 0 1000000") != std::string::npos)
+            calls.push_back(call.substr(0, call.find(' ')));
+    }
+    int failures = 0;
+    for (const std::string& text : fake_log_texts())
+        failures += text.find("accept socket") != std::string::npos ? 1 : 0;
+    EXPECT_EQ(failures, fake_world().count("nanosleep"));
+    for (size_t at = 1; at < calls.size(); at++)
+        EXPECT_FALSE(calls[at] == "nanosleep" && calls[at - 1] == "nanosleep");
 }
 
 // ---- the loop ----

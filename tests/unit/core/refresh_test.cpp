@@ -5,12 +5,15 @@
 #include "device/kinds.h"
 #include "fake/fake_log.h"
 #include "fake/fake_world.h"
+#include "support/failing_memory.h"
 #include "support/files.h"
 
 #include <errno.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -247,6 +250,138 @@ TEST_F(RefreshTest, WithoutAServiceNobodyIsTold)
     refresh_tables(&ctx, 0);
     EXPECT_EQ(fake_world().syncs, 1);
     EXPECT_TRUE(fake_world().signals.empty());
+}
+
+// ---- strict ----
+
+class StrictRefreshTest : public RefreshTest {
+  protected:
+    StrictRefreshTest() { config.strict = 1; }
+
+    static Names errors()
+    {
+        Names found;
+        for (const std::string& text : fake_log_texts()) {
+            if (text.find("not read") != std::string::npos)
+                found.push_back(text);
+        }
+        return found;
+    }
+    std::string line(int error) const
+    {
+        return "daemon(#)Error - " + device_file + " is not read (err=" + std::to_string(error) +
+               ")";
+    }
+};
+
+TEST_F(StrictRefreshTest, ReadsAndSavesAFileOfRoots)
+{
+    add_device(1, "A");
+    write_file(device_file, named_record("1234:00ab:A:1"));
+    EXPECT_EQ(refresh_tables(&ctx, DIRTY_ADDED), 0);
+    EXPECT_EQ(read_file(device_file), named_record("1234:00ab:A:1"));
+    EXPECT_EQ(read_file(share_file).substr(0, 9), "[Photos]\n");
+}
+
+TEST_F(StrictRefreshTest, MakesAFileThatIsMissing)
+{
+    add_device(1, "A");
+    EXPECT_EQ(refresh_tables(&ctx, DIRTY_ADDED), 0);
+    EXPECT_EQ(read_file(device_file), default_record("1234:00ab:A:1"));
+    EXPECT_TRUE(errors().empty());
+}
+
+// The settings are there, but who knows what they were: nothing is made of them.
+TEST_F(StrictRefreshTest, AFileThatOthersMayWriteToHoldsTheRefreshUp)
+{
+    add_device(1, "A");
+    write_file(device_file, named_record("1234:00ab:A:1"));
+    write_file(share_file, "as it was");
+    ASSERT_EQ(chmod(device_file.c_str(), 0666), 0);
+    EXPECT_EQ(refresh_tables(&ctx, DIRTY_ADDED), -1);
+    EXPECT_EQ(refresh_tables(&ctx, DIRTY_ADDED), -1);
+    EXPECT_EQ(read_file(device_file), named_record("1234:00ab:A:1"));
+    EXPECT_EQ(read_file(share_file), "as it was");
+    EXPECT_TRUE(fake_world().journal.empty()) << "no sync, no signal";
+    EXPECT_EQ(errors(), Names{line(EPERM)}) << "told once";
+    ASSERT_EQ(chmod(device_file.c_str(), 0644), 0);
+    EXPECT_EQ(refresh_tables(&ctx, DIRTY_ADDED), 0);
+    EXPECT_EQ(read_file(share_file).substr(0, 9), "[Photos]\n");
+    ASSERT_EQ(chmod(device_file.c_str(), 0666), 0);
+    EXPECT_EQ(refresh_tables(&ctx, DIRTY_ADDED), -1);
+    EXPECT_EQ(errors().size(), 2U) << "and once more when it was well meanwhile";
+}
+
+// What lies there is nobody's of root's: it cannot hold settings, and is in nobody's way.
+TEST_F(StrictRefreshTest, AFileOfSomebodyElsesCountsAsNoneAndIsLeft)
+{
+    add_device(1, "A");
+    write_file(device_file, named_record("1234:00ab:A:1"));
+    ASSERT_EQ(chown(device_file.c_str(), 1234, 1234), 0);
+    EXPECT_EQ(refresh_tables(&ctx, DIRTY_ADDED), 0);
+    EXPECT_EQ(read_file(device_file), named_record("1234:00ab:A:1"));
+    EXPECT_EQ(read_file(share_file).substr(0, 12), "[Drive(A1)]\n");
+    EXPECT_EQ(errors(), Names{line(EACCES)});
+    ASSERT_EQ(unlink(device_file.c_str()), 0);
+    ASSERT_EQ(mkfifo(device_file.c_str(), 0666), 0);
+    EXPECT_EQ(refresh_tables(&ctx, DIRTY_ADDED), 0) << "nobody is waited for";
+}
+
+TEST_F(StrictRefreshTest, AnySettingThatCannotBeHadHoldsTheRefreshUp)
+{
+    const std::string record = "[1234:00ab:A:1]\nShare Name=Photos\nPath=/srv/photos\nComment=c\n"
+                               "File System=FAT\nSync=Enable\nRead Only=Enable\n"
+                               "Administrator=Block\nBlock Users=500,501,\n";
+    write_file(device_file, record);
+    const std::string before = read_file(device_file);
+    int held_up = 0;
+    for (int nth = 1;; nth++) {
+        write_file(share_file, "as it was");
+        memory_fail(nth);
+        const int result = refresh_tables(&ctx, 0);
+        if (!memory_failed())
+            break;
+        if (result == 0) // the table itself, or what is written could not be made
+            continue;
+        held_up++;
+        EXPECT_EQ(read_file(device_file), before) << "allocation " << nth;
+        EXPECT_EQ(read_file(share_file), "as it was") << "allocation " << nth;
+    }
+    EXPECT_GE(held_up, 20);
+    ctx.told = 0;
+    // Whatever failed, no setting was ever lost.
+    EXPECT_EQ(refresh_tables(&ctx, 0), 0);
+    const std::string after = read_file(device_file);
+    for (const char* kept :
+         {"Share Name=Photos\n", "Path=/srv/photos\n", "Comment=c\n", "File System=FAT\n",
+          "Sync=Enable\n", "Read Only=Enable\n", "Administrator=Block\n", "Block Users=500,501,\n"})
+        EXPECT_NE(after.find(kept), std::string::npos) << kept;
+}
+
+TEST_F(StrictRefreshTest, WithoutDescriptorsNothingIsLost)
+{
+    write_file(device_file, named_record("1234:00ab:A:1"));
+    rlimit before = {};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit none = {.rlim_cur = 0, .rlim_max = before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    const int result = refresh_tables(&ctx, 0);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(read_file(device_file), named_record("1234:00ab:A:1"));
+    EXPECT_EQ(errors(), Names{line(EMFILE)});
+}
+
+TEST_F(StrictRefreshTest, WhatLiesUnderTheTemporaryNamesIsSetAside)
+{
+    write_file("/tmp/other", "other");
+    ASSERT_EQ(symlink("/tmp/other", "/tmp/vyhotplug.dir.conf.tmp"), 0);
+    ASSERT_EQ(mkdir("/tmp/vyhotplug.dev.conf.tmp", 0777), 0);
+    add_device(1, "A");
+    EXPECT_EQ(refresh_tables(&ctx, DIRTY_ADDED), 0);
+    EXPECT_EQ(read_file(device_file), default_record("1234:00ab:A:1"));
+    EXPECT_EQ(read_file(share_file).substr(0, 12), "[Drive(A1)]\n");
+    EXPECT_EQ(read_file("/tmp/other"), "other");
 }
 
 } // namespace
