@@ -8,6 +8,7 @@
 #include "lib/log.h"
 #include "lib/socket_unix.h"
 #include "lib/vytime.h"
+#include "mount/adopt.h"
 #include "mount/mount.h"
 #include "records/config_file_dir.h"
 
@@ -104,6 +105,16 @@ static MountEntry* find_entry(const HotplugDev* dev)
     return nullptr;
 }
 
+// Takes over what an earlier daemon left mounted, where that is wanted and it is nobody's yet. The
+// hook has heard of such a mount.
+static int adopt_device(const MountEntry* known, MountEntry* entry, const ConfHotplug* config)
+{
+    if (config->adopt == 0 || known != nullptr || vyadopt(entry, config) != 0)
+        return -1;
+    VY_LOG(LOG_ERR, "adopt %s %s", entry->devnode, entry->mountpoint);
+    return 0;
+}
+
 static int mount_device(DaemonCtx* ctx, MountEntry* entry)
 {
     if (vymount(entry, ctx->config) != 0)
@@ -118,12 +129,13 @@ static int add_device(DaemonCtx* ctx, HotplugDev* dev)
     const ConfHotplug* config = ctx->config;
     if (hotplug_dev_partition(dev) == 0 && dev->range >= 2 && has_partitions(dev))
         return -1;
+    const MountEntry* known = find_entry(dev);
     EntryGuard entry(create_entry(dev));
     if (!entry)
         return -1;
     if (name_entry(entry.get(), config) != 0)
         return -1;
-    if (mount_device(ctx, entry.get()) != 0)
+    if (adopt_device(known, entry.get(), config) != 0 && mount_device(ctx, entry.get()) != 0)
         return -1;
     if (crtsec_blk_add(entry.get()) != 0)
         return -1; // it stays mounted
