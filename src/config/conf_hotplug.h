@@ -9,6 +9,8 @@ enum : uint8_t {
     SMB_TYPE_SAMBA = 2,
 };
 
+constexpr int OTHERFS_SIZE = 16; // more than there are codes
+
 struct ConfHotplug {
     uint8_t smbtype;        // which file-sharing server is fed, SMB_TYPE_*
     uint8_t naswork;        // 1: device-information lines in the share file
@@ -31,6 +33,11 @@ struct ConfHotplug {
     char* extfsoptions;
     uint32_t mountflags; // flags of mount(2) for every mount, see config/mount_flags.h
 
+    // Filesystems besides the five, each at most once (config/filesystems.h).
+    uint8_t otherfs[OTHERFS_SIZE];    // their codes in the order in which they are tried, then 0
+    char* otheroptions[OTHERFS_SIZE]; // extra mount options by code, may be null; owned
+
+    uint8_t labels; // 1: volume labels of all filesystems give share names
     uint8_t strict; // 1: only root commands, only root's files count
     uint8_t adopt;  // 1: what an earlier daemon left mounted is taken over
 };

@@ -8,6 +8,7 @@
 #include "lib/str.h"
 
 #include <errno.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
@@ -75,6 +76,13 @@ static void load_switch(const IniSection* keys, ConfHotplug* config, const Switc
     const IniValueGuard value(read_value(keys, row.key));
     if (value)
         config->*row.field = string_enable_disable(value.get()) == 0 ? 0 : 1;
+}
+
+// Anything but "all" is as if the key were not there.
+static void load_labels(const IniSection* keys, ConfHotplug* config)
+{
+    const IniValueGuard value(read_value(keys, "labels"));
+    config->labels = value && strcasecmp(value.get(), "all") == 0 ? 1 : 0;
 }
 
 // ---- paths ----
@@ -197,6 +205,14 @@ static FilesystemNames list_filesystem_names()
     return names;
 }
 
+static void switch_filesystems(ConfHotplug* config, uint32_t on)
+{
+    for (const Filesystem& filesystem : filesystems) {
+        if (!filesystem_is_other(filesystem))
+            config->*filesystem.enabled = on;
+    }
+}
+
 // A list that is there replaces all three defaults: what it does not name is not mounted.
 static void load_mountfs(const IniSection* keys, ConfHotplug* config)
 {
@@ -206,14 +222,65 @@ static void load_mountfs(const IniSection* keys, ConfHotplug* config)
     const OptionMapGuard map(vyopt_create_opmap(value.get()));
     if (!map)
         return;
-    for (const Filesystem& filesystem : filesystems)
-        config->*filesystem.enabled = 0;
+    switch_filesystems(config, 0);
     const FilesystemNames names = list_filesystem_names();
     int32_t index = 0;
     int code = 0;
     while ((code = vy_getopt(&index, map.get(), names.options, nullptr)) != 0) {
         if (code != VYOPT_UNKNOWN)
             config->*filesystem_of(static_cast<uint8_t>(code))->enabled = 1;
+    }
+}
+
+// ---- other filesystems ----
+
+// Takes the blanks from both ends of an item.
+static char* trim(char* item)
+{
+    static constexpr char blanks[] = " \t";
+    item += strspn(item, blanks);
+    size_t length = strlen(item);
+    while (length > 0 && strchr(blanks, item[length - 1]) != nullptr)
+        length--;
+    item[length] = '\0';
+    return item;
+}
+
+static const Filesystem* other_of(const char* word)
+{
+    for (const Filesystem& filesystem : filesystems) {
+        if (filesystem_is_other(filesystem) && strcasecmp(filesystem.type, word) == 0)
+            return &filesystem;
+    }
+    return nullptr;
+}
+
+// What it does not know, or knows already, it passes over: vyhotplug-prepare tells of such words.
+static void load_otherfs(const IniSection* keys, ConfHotplug* config)
+{
+    const IniValueGuard value(read_value(keys, "otherfs"));
+    char item[VYOPT_ITEM_SIZE];
+    const char* position = value.get();
+    int count = 0;
+    while ((position = vyopt_get_section(position, item, sizeof item)) != nullptr) {
+        const Filesystem* filesystem = other_of(trim(item));
+        if (filesystem != nullptr && !filesystem_is_wanted(*filesystem, config))
+            config->otherfs[count++] = filesystem->code;
+    }
+}
+
+// The key of a filesystem's further mount options is its type and "options".
+static void load_other_options(const IniSection* keys, ConfHotplug* config)
+{
+    static_assert(filesystem_count < OTHERFS_SIZE);
+    for (const Filesystem& filesystem : filesystems) {
+        if (!filesystem_is_other(filesystem))
+            continue;
+        char key[32];
+        (void)snprintf(key, sizeof key, "%soptions", filesystem.type);
+        IniValueGuard value(read_value(keys, key));
+        if (value && value.get()[0] != '\0')
+            config->otheroptions[filesystem.code] = value.take();
     }
 }
 
@@ -244,18 +311,6 @@ static uint32_t flag_of(const char* word)
             return row.flag;
     }
     return 0;
-}
-
-// Takes the blanks from both ends of an item.
-static char* trim(char* item)
-{
-    static constexpr char blanks[] = " \t";
-    item += strspn(item, blanks);
-    size_t length = strlen(item);
-    while (length > 0 && strchr(blanks, item[length - 1]) != nullptr)
-        length--;
-    item[length] = '\0';
-    return item;
 }
 
 // Whoever wrote a word that is none wanted something: it is told, and the others count.
@@ -300,8 +355,7 @@ static void set_defaults(ConfHotplug* config)
     config->fatvolumelabel = 1;
     config->fileumask = default_file_umask;
     config->dirumask = default_dir_umask;
-    for (const Filesystem& filesystem : filesystems)
-        config->*filesystem.enabled = 1;
+    switch_filesystems(config, 1);
 }
 
 static void load_keys(const IniSection* keys, ConfHotplug* config)
@@ -318,6 +372,9 @@ static void load_keys(const IniSection* keys, ConfHotplug* config)
         load_options(keys, config, row);
     load_mountfs(keys, config);
     load_switch(keys, config, fat_label_key);
+    load_otherfs(keys, config);
+    load_other_options(keys, config);
+    load_labels(keys, config);
 }
 
 // Opens the unnamed section of the file. Null, which holds no key, when it cannot be read.
@@ -361,5 +418,7 @@ void free_config_hotplug(ConfHotplug* config)
     free(config->deviceconfigpath);
     free(config->mountpath);
     free(config->devicepath);
+    for (char* options : config->otheroptions)
+        free(options);
     free(config);
 }

@@ -2,7 +2,7 @@
 
 constexpr Filesystem filesystems[filesystem_count] = {
     {.code = CONF_DEV_FS_FAT,
-     .options = FilesystemOptions::owner,
+     .options = FilesystemOptions::masks,
      .label = FilesystemLabel::fat,
      .type = "vfat",
      .enabled = &ConfHotplug::mountvfat,
@@ -34,7 +34,7 @@ constexpr Filesystem filesystems[filesystem_count] = {
      .words = {"ext2", nullptr},
      .file_word = "EXT2"},
     {.code = CONF_DEV_FS_NTFS,
-     .options = FilesystemOptions::owner,
+     .options = FilesystemOptions::masks,
      .label = FilesystemLabel::ntfs,
      .type = "ntfs",
      .driver = "ntfs-3g",
@@ -42,6 +42,27 @@ constexpr Filesystem filesystems[filesystem_count] = {
      .extra_options = &ConfHotplug::ntfsoptions,
      .words = {"ntfs", nullptr},
      .file_word = "NTFS"},
+    {.code = CONF_DEV_FS_EXFAT,
+     .options = FilesystemOptions::masks,
+     .nodev = true,
+     .type = "exfat"},
+    {.code = CONF_DEV_FS_NTFS3,
+     .options = FilesystemOptions::masks,
+     .nodev = true,
+     .type = "ntfs3"},
+    {.code = CONF_DEV_FS_F2FS, .nodev = true, .type = "f2fs"},
+    {.code = CONF_DEV_FS_BTRFS, .nodev = true, .type = "btrfs"},
+    {.code = CONF_DEV_FS_XFS, .nodev = true, .type = "xfs"},
+    {.code = CONF_DEV_FS_HFSPLUS,
+     .options = FilesystemOptions::one_mask,
+     .nodev = true,
+     .type = "hfsplus"},
+    {.code = CONF_DEV_FS_UDF, .options = FilesystemOptions::modes, .nodev = true, .type = "udf"},
+    {.code = CONF_DEV_FS_ISO9660,
+     .options = FilesystemOptions::modes,
+     .nodev = true,
+     .readonly = true,
+     .type = "iso9660"},
 };
 static_assert(filesystems[filesystem_count - 1].type != nullptr, "a row is missing");
 
@@ -52,4 +73,46 @@ const Filesystem* filesystem_of(uint8_t code)
             return &filesystem;
     }
     return nullptr;
+}
+
+bool filesystem_is_wanted(const Filesystem& filesystem, const ConfHotplug* config)
+{
+    if (!filesystem_is_other(filesystem))
+        return config->*filesystem.enabled != 0;
+    for (const uint8_t code : config->otherfs) {
+        if (code == filesystem.code)
+            return true;
+    }
+    return false;
+}
+
+const char* filesystem_extra_options(const Filesystem& filesystem, const ConfHotplug* config)
+{
+    return filesystem_is_other(filesystem) ? config->otheroptions[filesystem.code]
+                                           : config->*filesystem.extra_options;
+}
+
+static void append(FilesystemList* list, const Filesystem& filesystem)
+{
+    list->of[list->count++] = &filesystem;
+}
+
+FilesystemList filesystem_order(const ConfHotplug* config)
+{
+    FilesystemList list = {};
+    for (const Filesystem& filesystem : filesystems) {
+        if (!filesystem_is_other(filesystem) && filesystem.driver == nullptr &&
+            filesystem_is_wanted(filesystem, config))
+            append(&list, filesystem);
+    }
+    for (const uint8_t code : config->otherfs) {
+        const Filesystem* filesystem = filesystem_of(code);
+        if (filesystem != nullptr)
+            append(&list, *filesystem);
+    }
+    for (const Filesystem& filesystem : filesystems) {
+        if (filesystem.driver != nullptr && filesystem_is_wanted(filesystem, config))
+            append(&list, filesystem);
+    }
+    return list;
 }

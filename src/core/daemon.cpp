@@ -110,6 +110,7 @@ static int load_config(DaemonCtx* ctx)
     // Kept: the device path is named, but it is the mount path that is looked at again.
     check_directory(config->mountpath, config->devicepath);
     conf_dir_set_fat_vlabel(config->fatvolumelabel);
+    conf_dir_set_all_vlabels(config->labels);
     return 0;
 }
 

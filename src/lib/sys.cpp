@@ -9,6 +9,7 @@
 #include <sys/select.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
+#include <sys/statvfs.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -67,6 +68,14 @@ int sys_statfs(const char* path)
 {
     struct statfs ignored;
     return answer(statfs(path, &ignored));
+}
+
+int sys_is_readonly(const char* path)
+{
+    struct statvfs status;
+    if (statvfs(path, &status) != 0)
+        return -errno;
+    return (status.f_flag & ST_RDONLY) != 0 ? 1 : 0;
 }
 
 void sys_sync()

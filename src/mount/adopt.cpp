@@ -93,7 +93,7 @@ int vyadopt(MountEntry* entry, const ConfHotplug* config)
     if (!table || mount_line_find(table.get(), entry->mountpoint, &line) != 0)
         return -1;
     const Filesystem* filesystem = filesystem_of_line(line);
-    if (filesystem == nullptr || config->*filesystem->enabled == 0 ||
+    if (filesystem == nullptr || !filesystem_is_wanted(*filesystem, config) ||
         !is_from_node(entry, *filesystem, line))
         return -1;
     if (set_flags(entry, *filesystem, line.readonly, config) != 0)

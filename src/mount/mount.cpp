@@ -38,15 +38,6 @@ static Extra extra_of(const char* configured)
     return {.separator = given ? "," : "", .text = given ? configured : ""};
 }
 
-static Options attribute_options(const char* configured)
-{
-    const Extra extra = extra_of(configured);
-    Options options;
-    (void)snprintf(options.text, sizeof options.text, "user_xattr%s%s", extra.separator,
-                   extra.text);
-    return options;
-}
-
 static Options owner_options(const char* prefix, const ConfHotplug* config, const char* configured)
 {
     const Extra extra = extra_of(configured);
@@ -58,6 +49,50 @@ static Options owner_options(const char* prefix, const ConfHotplug* config, cons
     return options;
 }
 
+// For those that know the owner by the same words and the permissions by others.
+static Options mode_options(bool modes, const ConfHotplug* config, const char* configured)
+{
+    const Extra extra = extra_of(configured);
+    char permissions[32];
+    if (modes)
+        (void)snprintf(permissions, sizeof permissions, "mode=%04o,dmode=%04o",
+                       ~config->fileumask & 0777U, ~config->dirumask & 0777U);
+    else
+        (void)snprintf(permissions, sizeof permissions, "umask=%04o", config->dirumask);
+    Options options;
+    (void)snprintf(options.text, sizeof options.text, "uid=%d,gid=%d,%s%s%s",
+                   static_cast<int>(config->defaultuid), static_cast<int>(config->defaultgid),
+                   permissions, extra.separator, extra.text);
+    return options;
+}
+
+static Options plain_options(const char* own, const char* configured)
+{
+    const Extra extra = extra_of(configured);
+    Options options;
+    (void)snprintf(options.text, sizeof options.text, "%s%s%s", own,
+                   own[0] != '\0' ? extra.separator : "", extra.text);
+    return options;
+}
+
+static Options kernel_options(const Filesystem& filesystem, const ConfHotplug* config)
+{
+    const char* configured = filesystem_extra_options(filesystem, config);
+    switch (filesystem.options) {
+    case FilesystemOptions::masks:
+        return owner_options("", config, configured);
+    case FilesystemOptions::one_mask:
+        return mode_options(false, config, configured);
+    case FilesystemOptions::modes:
+        return mode_options(true, config, configured);
+    case FilesystemOptions::attributes:
+        return plain_options("user_xattr", configured);
+    case FilesystemOptions::plain:
+        break;
+    }
+    return plain_options("", configured);
+}
+
 // ---- kernel filesystems ----
 
 static bool is_readonly(const HotplugDev* dev)
@@ -65,12 +100,11 @@ static bool is_readonly(const HotplugDev* dev)
     return (dev->flags & HOTPLUG_FLAG_READONLY) != 0;
 }
 
-static Options kernel_options(const Filesystem& filesystem, const ConfHotplug* config)
+// Whether a filesystem that was mounted for writing is not: its own driver may have decided so, for
+// the sake of a journal that it cannot play. The five always tell by refusing.
+static bool came_out_readonly(const Filesystem& filesystem, const MountEntry* entry)
 {
-    const char* configured = config->*filesystem.extra_options;
-    if (filesystem.options == FilesystemOptions::owner)
-        return owner_options("", config, configured);
-    return attribute_options(configured);
+    return filesystem_is_other(filesystem) && sys_is_readonly(entry->mountpoint) == 1;
 }
 
 // Has the kernel mount the entry, and once more read-only where the medium refuses writing.
@@ -78,13 +112,16 @@ static int mount_by_kernel(const Filesystem& filesystem, const MountEntry* entry
                            const ConfHotplug* config)
 {
     const Options options = kernel_options(filesystem, config);
-    const bool readonly = is_readonly(entry->dev);
+    const bool readonly = filesystem.readonly || is_readonly(entry->dev);
     const unsigned long flags =
         config->mountflags | (filesystem.nodev ? MS_NODEV : 0) | (readonly ? MS_RDONLY : 0);
     const int result =
         sys_mount(entry->devnode, entry->mountpoint, filesystem.type, flags, options.text);
-    if (result == 0)
+    if (result == 0) {
+        if (readonly || came_out_readonly(filesystem, entry))
+            entry->dev->flags |= HOTPLUG_FLAG_READONLY;
         return 0;
+    }
     if ((result != -EACCES && result != -EROFS) || readonly)
         return -1;
     // Without nodev: kept, a second attempt never carried the first one's own flags.
@@ -119,7 +156,7 @@ struct DriverOptions {
 // The options with the words of the configured flags behind them, where no other can undo them.
 static DriverOptions driver_options(const Filesystem& filesystem, const ConfHotplug* config)
 {
-    const Options own = owner_options("ro,", config, config->*filesystem.extra_options);
+    const Options own = owner_options("ro,", config, filesystem_extra_options(filesystem, config));
     DriverOptions options = {};
     char* end = str_cpy(options.text, own.text);
     for (const MountFlag& row : mount_flags) {
@@ -188,22 +225,28 @@ static void remove_places(const MountEntry* entry)
 static int mount_as(const Filesystem& filesystem, const MountEntry* entry,
                     const ConfHotplug* config)
 {
-    if (config->*filesystem.enabled == 0)
-        return -1;
     return filesystem.driver == nullptr ? mount_by_kernel(filesystem, entry, config)
                                         : mount_by_driver(filesystem, entry, config);
+}
+
+// The row that the entry asks for; null when whatever is found will do, which a code above those of
+// the five means, too.
+static const Filesystem* wanted_by(const MountEntry* entry)
+{
+    return entry->fstype <= CONF_DEV_FS_NTFS ? filesystem_of(entry->fstype) : nullptr;
 }
 
 // Mounts as the wanted filesystem, or as the first that takes it when none is wanted. Returns the
 // filesystem mounted; null when there was none.
 static const Filesystem* mount_entry(const MountEntry* entry, const ConfHotplug* config)
 {
-    const Filesystem* wanted = filesystem_of(entry->fstype);
-    if (wanted != nullptr)
-        return mount_as(*wanted, entry, config) == 0 ? wanted : nullptr;
-    for (const Filesystem& filesystem : filesystems) {
-        if (mount_as(filesystem, entry, config) == 0)
-            return &filesystem;
+    const Filesystem* wanted = wanted_by(entry);
+    const FilesystemList order = filesystem_order(config);
+    for (int at = 0; at < order.count; at++) {
+        const Filesystem* filesystem = order.of[at];
+        if ((wanted == nullptr || filesystem == wanted) &&
+            mount_as(*filesystem, entry, config) == 0)
+            return filesystem;
     }
     return nullptr;
 }

@@ -10,11 +10,17 @@
 static constexpr int tool_timeout_ms = 20000;
 
 static int fat_labels_on = 1;
+static int all_labels_on = 0;
 
 int conf_dir_set_fat_vlabel(int enable)
 {
     fat_labels_on = enable != 0 ? 1 : 0;
     return 0;
+}
+
+void conf_dir_set_all_vlabels(int enable)
+{
+    all_labels_on = enable != 0 ? 1 : 0;
 }
 
 // Runs a label tool and takes what it prints. Returns the bytes read, 0 with an empty text when the
@@ -60,6 +66,15 @@ int conf_dir_get_vlabel_ntfs(const MountEntry* entry, char* buffer, int size)
     return read_tool(argv, buffer, size);
 }
 
+// By the tool that reads the label of any filesystem.
+static int read_any_label(const MountEntry* entry, char* buffer, int size)
+{
+    if (entry->fstype == CONF_DEV_FS_FAT && fat_labels_on == 0)
+        return -1;
+    char* const argv[] = {text("vylabel"), entry->devnode, nullptr};
+    return read_tool(argv, buffer, size);
+}
+
 static FilesystemLabel label_kind(const MountEntry* entry)
 {
     const Filesystem* filesystem = filesystem_of(entry->fstype);
@@ -68,6 +83,8 @@ static FilesystemLabel label_kind(const MountEntry* entry)
 
 static int read_label(const MountEntry* entry, char* buffer, int size)
 {
+    if (all_labels_on != 0)
+        return read_any_label(entry, buffer, size);
     switch (label_kind(entry)) {
     case FilesystemLabel::ntfs:
         return conf_dir_get_vlabel_ntfs(entry, buffer, size);

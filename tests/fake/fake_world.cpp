@@ -214,6 +214,19 @@ int sys_statfs(const char* path)
     return note("statfs", text_of(path));
 }
 
+int sys_is_readonly(const char* path)
+{
+    const Lock lock(mutex);
+    const int failed = note("is_readonly", text_of(path));
+    if (failed != 0)
+        return failed;
+    const auto mount = state.world.mounts.find(path);
+    const bool readonly = mount != state.world.mounts.end() &&
+                          ((mount->second.flags & MS_RDONLY) != 0 ||
+                           state.world.quietly_readonly.count(mount->second.source) != 0);
+    return readonly ? 1 : 0;
+}
+
 // Runs what the test wants to do meanwhile, the world unlocked.
 static void step_in(std::function<void()> FakeWorld::*at)
 {

@@ -10,6 +10,7 @@
 #include <deque>
 #include <functional>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -37,6 +38,8 @@ struct FakeWorld {
         int readonly = 0;
     };
     std::map<std::string, Medium> media;
+    std::set<std::string>
+        quietly_readonly; // nodes that are mounted read-only though it was not asked
     std::map<std::string, std::deque<FakeRun>> programs; // by argv[0]; an unknown one exits with 1
     std::map<std::string, int> busy;                     // mountpoint: errno of umount
     std::map<pid_t, int> kill_errors;                    // pid: errno of kill

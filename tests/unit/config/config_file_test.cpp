@@ -1,5 +1,6 @@
 #include "config/config_file.h"
 
+#include "config/filesystems.h"
 #include "fake/fake_log.h"
 #include "support/failing_memory.h"
 #include "support/files.h"
@@ -385,6 +386,57 @@ std::vector<std::string> missing_texts(const ConfHotplug* config)
             missing.emplace_back(row.name);
     }
     return missing;
+}
+
+// ---- other filesystems ----
+
+std::vector<int> others(const std::string& content)
+{
+    const ConfigGuard config(load(content));
+    std::vector<int> codes;
+    for (const uint8_t code : config->otherfs) {
+        if (code != 0)
+            codes.push_back(code);
+    }
+    return codes;
+}
+
+TEST(ConfigFile, OtherFilesystemsAreThoseNamedInTheirOrderEachOnce)
+{
+    EXPECT_EQ(others(""), std::vector<int>{});
+    EXPECT_EQ(others("otherfs=\n"), std::vector<int>{});
+    EXPECT_EQ(others("otherfs=exfat,ntfs3,f2fs,btrfs,xfs,hfsplus,udf,iso9660\n"),
+              (std::vector<int>{6, 7, 8, 9, 10, 11, 12, 13}));
+    EXPECT_EQ(others("otherfs=xfs, ExFAT ,xfs,,exfat\n"), (std::vector<int>{10, 6}));
+    EXPECT_EQ(others("otherfs=vfat,ext4,ntfs,fat,zfs,,udf\n"), std::vector<int>{12})
+        << "the five have a key of their own";
+    EXPECT_TRUE(fake_log_lines().empty());
+}
+
+TEST(ConfigFile, OtherFilesystemsHaveOptionsOfTheirOwn)
+{
+    const ConfigGuard config(load("exfatoptions=iocharset=utf8\niso9660options=norock\n"
+                                  "f2fsoptions=\nvfatoptions=x\n"));
+    EXPECT_EQ(text_of(config->otheroptions[CONF_DEV_FS_EXFAT]), "iocharset=utf8");
+    EXPECT_EQ(text_of(config->otheroptions[CONF_DEV_FS_ISO9660]), "norock");
+    EXPECT_EQ(config->otheroptions[CONF_DEV_FS_F2FS], nullptr) << "empty is none";
+    EXPECT_EQ(config->otheroptions[CONF_DEV_FS_FAT], nullptr);
+}
+
+TEST(ConfigFile, LabelsOfAllFilesystemsAreReadOnlyWhenAsked)
+{
+    const struct {
+        const char* text;
+        int expected;
+    } rows[] = {{"", 0},
+                {"labels=all\n", 1},
+                {"labels=ALL\n", 1},
+                {"labels=\n", 0},
+                {"labels=enable\n", 0}};
+    for (const auto& row : rows) {
+        const ConfigGuard config(load(row.text));
+        EXPECT_EQ(config->labels, row.expected) << row.text;
+    }
 }
 
 // ---- what closes doors ----

@@ -11,31 +11,65 @@ namespace {
 TEST(Filesystems, HaveTheirCodes)
 {
     EXPECT_EQ(CONF_DEV_FS_UNKNOWN, 0);
-    const struct {
-        uint8_t code;
-        const char* type;
-    } rows[] = {{1, "ext2"}, {2, "ext3"}, {3, "ext4"}, {4, "vfat"}, {5, "ntfs"}};
-    EXPECT_EQ(sizeof rows / sizeof *rows, size_t{filesystem_count});
-    for (const auto& row : rows) {
-        const Filesystem* filesystem = filesystem_of(row.code);
-        ASSERT_NE(filesystem, nullptr) << int{row.code};
-        EXPECT_EQ(filesystem->code, row.code);
-        EXPECT_STREQ(filesystem->type, row.type);
+    const char* const types[] = {"ext2", "ext3",  "ext4", "vfat",    "ntfs", "exfat",  "ntfs3",
+                                 "f2fs", "btrfs", "xfs",  "hfsplus", "udf",  "iso9660"};
+    EXPECT_EQ(sizeof types / sizeof *types, size_t{filesystem_count});
+    uint8_t code = 1;
+    for (const char* type : types) {
+        const Filesystem* filesystem = filesystem_of(code);
+        ASSERT_NE(filesystem, nullptr) << type;
+        EXPECT_EQ(filesystem->code, code);
+        EXPECT_STREQ(filesystem->type, type);
+        EXPECT_EQ(filesystem_is_other(*filesystem), code > 5) << type;
+        code++;
     }
-}
-
-TEST(Filesystems, AreTriedInTheirOrder)
-{
-    std::string order;
-    for (const Filesystem& filesystem : filesystems)
-        order += std::string(filesystem.type) + " ";
-    EXPECT_EQ(order, "vfat ext4 ext3 ext2 ntfs ");
 }
 
 TEST(Filesystems, AreNoneOfAnyOtherCode)
 {
-    for (const int code : {0, 6, 7, 127, 128, 255})
+    for (const int code : {0, 14, 15, 127, 128, 255})
         EXPECT_EQ(filesystem_of(static_cast<uint8_t>(code)), nullptr) << code;
+}
+
+std::string order_of(const ConfHotplug& config)
+{
+    const FilesystemList list = filesystem_order(&config);
+    std::string order;
+    for (int at = 0; at < list.count; at++)
+        order += std::string(list.of[at]->type) + " ";
+    return order;
+}
+
+TEST(Filesystems, AreTriedInTheirOrder)
+{
+    ConfHotplug config = {};
+    EXPECT_EQ(order_of(config), "");
+    config.mountvfat = 1;
+    config.mountext = 1;
+    config.mountntfs = 1;
+    EXPECT_EQ(order_of(config), "vfat ext4 ext3 ext2 ntfs ");
+    config.otherfs[0] = CONF_DEV_FS_XFS;
+    config.otherfs[1] = CONF_DEV_FS_EXFAT;
+    EXPECT_EQ(order_of(config), "vfat ext4 ext3 ext2 xfs exfat ntfs ");
+    config.mountext = 0;
+    EXPECT_EQ(order_of(config), "vfat xfs exfat ntfs ");
+    config.mountvfat = 0;
+    config.mountntfs = 0;
+    EXPECT_EQ(order_of(config), "xfs exfat ");
+}
+
+TEST(Filesystems, AllOfThemFitIntoTheOrder)
+{
+    ConfHotplug config = {};
+    config.mountvfat = 1;
+    config.mountext = 1;
+    config.mountntfs = 1;
+    int count = 0;
+    for (const Filesystem& filesystem : filesystems) {
+        if (filesystem_is_other(filesystem))
+            config.otherfs[count++] = filesystem.code;
+    }
+    EXPECT_EQ(filesystem_order(&config).count, filesystem_count);
 }
 
 TEST(Filesystems, ShareNoWord)

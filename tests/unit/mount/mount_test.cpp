@@ -17,6 +17,7 @@ namespace {
 using Calls = std::vector<std::string>;
 
 const char fat_text[] = "uid=0,gid=0,fmask=0113,dmask=0002,utf8";
+const char owner_text[] = "uid=0,gid=0,fmask=0113,dmask=0002";
 
 class MountTest : public PartitionTest {
   protected:
@@ -477,6 +478,132 @@ TEST_F(MountTest, ATextOf127CharactersStaysWhole)
     put_medium("ext4");
     EXPECT_EQ(mount(), 0);
     EXPECT_EQ(fake_world().mounts[mountpoint].options, "user_xattr," + extra);
+}
+
+// ---- other filesystems ----
+
+struct Other {
+    uint8_t code;
+    const char* type;
+    const char* options;
+    bool readonly;
+};
+
+void PrintTo(const Other& row, std::ostream* out)
+{
+    *out << row.type;
+}
+
+const Other other_filesystems[] = {
+    {CONF_DEV_FS_EXFAT, "exfat", owner_text, false},
+    {CONF_DEV_FS_NTFS3, "ntfs3", owner_text, false},
+    {CONF_DEV_FS_F2FS, "f2fs", "", false},
+    {CONF_DEV_FS_BTRFS, "btrfs", "", false},
+    {CONF_DEV_FS_XFS, "xfs", "", false},
+    {CONF_DEV_FS_HFSPLUS, "hfsplus", "uid=0,gid=0,umask=0002", false},
+    {CONF_DEV_FS_UDF, "udf", "uid=0,gid=0,mode=0664,dmode=0775", false},
+    {CONF_DEV_FS_ISO9660, "iso9660", "uid=0,gid=0,mode=0664,dmode=0775", true},
+};
+
+class OtherMountTest : public MountTest, public testing::WithParamInterface<Other> {
+  protected:
+    OtherMountTest()
+    {
+        config.otherfs[0] = GetParam().code;
+        config.mountext = 0;
+        config.mountvfat = 0;
+        config.mountntfs = 0;
+    }
+    const char* first_flags() const { return GetParam().readonly ? "0x5" : "0x4"; }
+};
+
+INSTANTIATE_TEST_SUITE_P(Each, OtherMountTest, testing::ValuesIn(other_filesystems),
+                         [](const auto& row) { return std::string(row.param.type); });
+
+TEST_P(OtherMountTest, IsMountedWithItsOptionsAndNotedByItsName)
+{
+    const Other& row = GetParam();
+    put_medium(row.type);
+    EXPECT_EQ(mount(), 0);
+    EXPECT_EQ(mount_calls(), (Calls{call_of(row.type, first_flags(), row.options)}));
+    EXPECT_EQ(entry.fstype, row.code);
+    EXPECT_EQ(dev.flags, row.readonly ? HOTPLUG_FLAG_READONLY : 0);
+    EXPECT_EQ(read_table(), devnode + " " + mountpoint + " " + row.type +
+                                (row.readonly ? " ro 0 0\n" : " rw 0 0\n"));
+}
+
+TEST_P(OtherMountTest, ExtraOptionsStandBehindItsOwn)
+{
+    const Other& row = GetParam();
+    char extra[] = "x,y";
+    config.otheroptions[row.code] = extra;
+    put_medium(row.type);
+    EXPECT_EQ(mount(), 0);
+    const std::string own = row.options;
+    EXPECT_EQ(mount_calls(),
+              (Calls{call_of(row.type, first_flags(), own + (own.empty() ? "" : ",") + extra)}));
+}
+
+TEST_P(OtherMountTest, IsTriedOnceMoreReadOnly)
+{
+    const Other& row = GetParam();
+    put_medium(row.type, EROFS);
+    EXPECT_EQ(mount(), 0);
+    const Calls writable = {call_of(row.type, "0x4", row.options),
+                            call_of(row.type, "0x1", row.options)};
+    const Calls never_writable = {call_of(row.type, "0x5", row.options)};
+    EXPECT_EQ(mount_calls(), row.readonly ? never_writable : writable);
+    EXPECT_EQ(dev.flags, HOTPLUG_FLAG_READONLY);
+}
+
+// A journal that the driver cannot play: it mounts read-only and says nothing.
+TEST_P(OtherMountTest, WhatComesOutReadOnlyIsToldSo)
+{
+    put_medium(GetParam().type);
+    fake_world().quietly_readonly.insert(devnode);
+    EXPECT_EQ(mount(), 0);
+    EXPECT_EQ(dev.flags, HOTPLUG_FLAG_READONLY);
+    EXPECT_EQ(read_table().find(" rw "), std::string::npos);
+}
+
+TEST_P(OtherMountTest, IsNotTriedUnlessItIsNamed)
+{
+    config.otherfs[0] = 0;
+    put_medium(GetParam().type);
+    EXPECT_EQ(mount(), -1);
+    EXPECT_TRUE(mount_calls().empty());
+    EXPECT_FALSE(exists(mountpoint));
+    EXPECT_FALSE(exists(devnode));
+}
+
+TEST_F(MountTest, OthersAreTriedBehindTheKernelsOwnAndBeforeTheDriver)
+{
+    config.otherfs[0] = CONF_DEV_FS_XFS;
+    config.otherfs[1] = CONF_DEV_FS_EXFAT;
+    EXPECT_EQ(mount(), -1);
+    EXPECT_EQ(types_tried(), (Calls{"vfat", "ext4", "ext3", "ext2", "xfs", "exfat"}));
+    EXPECT_EQ(fake_world().count("spawn"), 2);
+    fake_world_reset();
+    put_medium("exfat");
+    EXPECT_EQ(mount(), 0);
+    EXPECT_EQ(fake_world().count("spawn"), 0) << "no driver is started for what a later one takes";
+}
+
+// A code above those of the five asks for nothing: all are tried anew.
+TEST_F(MountTest, ACodeAboveTheFiveAsksForNothing)
+{
+    config.otherfs[0] = CONF_DEV_FS_EXFAT;
+    entry.fstype = CONF_DEV_FS_EXFAT;
+    put_medium("ext3");
+    EXPECT_EQ(mount(), 0);
+    EXPECT_EQ(entry.fstype, CONF_DEV_FS_EXT3);
+}
+
+TEST_F(MountTest, TheFiveAreNotAskedHowTheyCameOut)
+{
+    put_medium("vfat");
+    EXPECT_EQ(mount(), 0);
+    EXPECT_EQ(fake_world().count("is_readonly"), 0);
 }
 
 // ---- the mount table ----

@@ -31,6 +31,7 @@ class VolumeLabelTest : public testing::Test {
     {
         mount_entry_free(entry);
         conf_dir_set_fat_vlabel(1);
+        conf_dir_set_all_vlabels(0);
         fake_world_reset(); // whose hooks refer to the test's variables
     }
 
@@ -75,6 +76,30 @@ TEST_F(VolumeLabelTest, NtfsLabelIsNtfsvlabels)
     EXPECT_STREQ(buffer, "Backup");
     EXPECT_EQ(fake_world().spawned, (Arguments{{"ntfsvlabel", "/dev/sda1", "-n"}}));
     expect_output_alone();
+}
+
+TEST_F(VolumeLabelTest, EveryFilesystemsLabelIsVylabelsWhenAllAreAskedFor)
+{
+    conf_dir_set_all_vlabels(1);
+    for (uint8_t code = 1; code <= filesystem_count; code++) {
+        fake_world_reset();
+        entry->fstype = code;
+        label_tool_prints("vylabel", "Photos\n");
+        EXPECT_EQ(read_label(), 0) << int{code};
+        EXPECT_STREQ(buffer, "Photos");
+        EXPECT_EQ(fake_world().spawned, (Arguments{{"vylabel", "/dev/sda1"}})) << int{code};
+        expect_output_alone();
+    }
+}
+
+TEST_F(VolumeLabelTest, FatLabelsMayBeOffWhenAllOthersAreRead)
+{
+    conf_dir_set_all_vlabels(1);
+    conf_dir_set_fat_vlabel(0);
+    EXPECT_EQ(read_label(), -1);
+    entry->fstype = CONF_DEV_FS_EXT4;
+    label_tool_prints("vylabel", "Photos\n");
+    EXPECT_EQ(read_label(), 0);
 }
 
 TEST_F(VolumeLabelTest, OtherFilesystemsHaveNone)
