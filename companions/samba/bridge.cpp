@@ -4,13 +4,13 @@
 #include "config/ini.h"
 #include "lib/log.h"
 #include "lib/str.h"
-#include "samba/closing.h"
 #include "samba/include_file.h"
 #include "samba/include_text.h"
-#include "samba/presence.h"
 #include "samba/samba_control.h"
 #include "samba/share.h"
+#include "samba/share_mount.h"
 #include "samba/share_name.h"
+#include "samba/shares_to_close.h"
 
 #include <errno.h>
 #include <limits.h>
@@ -55,7 +55,7 @@ static bool is_directory(const char* path)
 
 // Whether the share can be exported. A mounted directory is not looked at itself: where the medium
 // hangs, so would the look.
-static bool is_present(const Share* share, const MountPlace* place, const Mountinfo* mounts,
+static bool is_present(const Share* share, const MountRoot* root, const Mountinfo* mounts,
                        Notes* notes)
 {
     const char* fault = include_path_fault(share->path);
@@ -64,22 +64,23 @@ static bool is_present(const Share* share, const MountPlace* place, const Mounti
                   fault, share->path);
         return false;
     }
-    const bool mounted = presence_is_mounted_path(place, share->path);
-    if (mounted ? presence_is_mounted(place, share->path, mounts) : is_directory(share->path))
+    const bool wants_mount = share_mount_is_wanted(root, share->path);
+    if (wants_mount ? share_mount_find(root, share->path, mounts) != nullptr
+                    : is_directory(share->path))
         return true;
     notes_add(notes, LOG_INFO, "share %s (%s) is withdrawn: %s is %s", share->name,
               share->identifier != nullptr ? share->identifier : "", share->path,
-              mounted ? "not mounted" : "no directory");
+              wants_mount ? "not mounted" : "no directory");
     return false;
 }
 
 // Copies the shares that can be exported to the front of `present`. Returns their number.
-static size_t select_present(const ShareTable* table, const MountPlace* place,
+static size_t select_present(const ShareTable* table, const MountRoot* root,
                              const Mountinfo* mounts, Notes* notes, ExportedShare* present)
 {
     size_t count = 0;
     for (size_t i = 0; i < table->count; i++) {
-        if (is_present(&table->shares[i], place, mounts, notes))
+        if (is_present(&table->shares[i], root, mounts, notes))
             present[count++].share = &table->shares[i];
     }
     return count;
@@ -115,13 +116,13 @@ static int make_from_table(const Bridge* bridge, const ShareTable* table, Notes*
     char resolved[PATH_MAX];
     // One that does not exist has no mounts below it.
     const bool found = realpath(bridge->mountpath, resolved) != nullptr;
-    const MountPlace place = {.configured = bridge->mountpath,
-                              .resolved = found ? resolved : bridge->mountpath};
+    const MountRoot root = {.configured = bridge->mountpath,
+                            .resolved = found ? resolved : bridge->mountpath};
     MemGuard<ExportedShare> shares(
         static_cast<ExportedShare*>(calloc(table->count + 1, sizeof(ExportedShare))));
     if (!shares)
         return -ENOMEM;
-    const size_t count = select_present(table, &place, mounts.get(), notes, shares.get());
+    const size_t count = select_present(table, &root, mounts.get(), notes, shares.get());
     return write_text(bridge, shares.get(), count, notes, text);
 }
 
@@ -170,7 +171,7 @@ int bridge_make_text(Bridge* bridge, char** text)
 static int replace(const Bridge* bridge, const char* old_text, const char* new_text)
 {
     SectionListGuard closed; // first, so that want of memory changes nothing
-    if (closing_find(old_text, new_text, closed.out()) != 0) {
+    if (shares_to_close(old_text, new_text, closed.out()) != 0) {
         (void)out_of_memory();
         return -1;
     }

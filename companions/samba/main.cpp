@@ -45,8 +45,8 @@ static void block_signals(sigset_t* awaited)
     (void)sigprocmask(SIG_BLOCK, &blocked, nullptr); // cannot fail with these arguments
 }
 
-// Nobody is to be told from now on: the number may be another's soon, who would get the signals.
-static void withdraw_number(int lock)
+// The process id may soon be another process's, which would get the service's signals.
+static void empty_pid_file(int lock)
 {
     if (ftruncate(lock, 0) != 0)
         VY_LOG(LOG_WARNING, "cannot empty /var/run/%s.pid (%d)", service_name, errno);
@@ -68,7 +68,7 @@ static int serve(Bridge* bridge, const sigset_t* awaited)
         if (number != SIGHUP)
             break;
     }
-    withdraw_number(lock.get());
+    empty_pid_file(lock.get());
     VY_LOG(LOG_INFO, "end");
     return EXIT_SUCCESS;
 }
