@@ -1,6 +1,7 @@
 #include "label/label_tool.h"
 
 #include "lib/guard.h"
+#include "lib/platform.h"
 #include "lib/process.h"
 #include "lib/sys.h"
 #include "lib/vytime.h"
@@ -216,7 +217,5 @@ int label_main(int argc, char* argv[])
     }
     char label[label_size];
     label_from_printed(printed, tool->code_page, label);
-    if (printf("%s\n", label) < 0 || fflush(stdout) != 0)
-        return 1;
-    return 0;
+    return printf("%s\n", label) >= 0 && stream_flush(stdout) == 0 ? 0 : 1;
 }

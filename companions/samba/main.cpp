@@ -1,6 +1,7 @@
 // vynas-samba: the file-sharing service of the hotplug service, for Samba.
 #include "config/config_file.h"
 #include "lib/log.h"
+#include "lib/platform.h"
 #include "lib/process.h"
 #include "samba/bridge.h"
 #include "samba/bridge_config.h"
@@ -16,7 +17,7 @@
 static constexpr char log_tag[] = "main";
 static constexpr char program_name[] = "vynas-samba";
 static constexpr char service_name[] = "vynas-fssd"; // under which the hotplug daemon knows it
-static constexpr char version[] = "1.0.5";
+static constexpr char version[] = "1.0.5\n";
 
 static constexpr char help[] =
     "Usage: vynas-samba [option]...\n"
@@ -73,12 +74,19 @@ static int serve(Bridge* bridge, const sigset_t* awaited)
     return EXIT_SUCCESS;
 }
 
-static int print_text(Bridge* bridge)
+// Prints one text, or several one behind the other. Returns the program's status.
+static int print(const char* text, const char* second = "", const char* third = "")
+{
+    if (printf("%s%s%s", text, second, third) >= 0 && stream_flush(stdout) == 0)
+        return EXIT_SUCCESS;
+    perror(program_name);
+    return EXIT_FAILURE;
+}
+
+static int print_include_text(Bridge* bridge)
 {
     MemGuard<char> text;
-    if (bridge_make_text(bridge, text.out()) != 0)
-        return EXIT_FAILURE;
-    return fputs(text.get(), stdout) >= 0 && fflush(stdout) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+    return bridge_make_text(bridge, text.out()) == 0 ? print(text.get()) : EXIT_FAILURE;
 }
 
 static int run(const BridgeOptions* options, Bridge* bridge)
@@ -86,7 +94,7 @@ static int run(const BridgeOptions* options, Bridge* bridge)
     sigset_t awaited;
     switch (options->task) {
     case TASK_PRINT:
-        return print_text(bridge);
+        return print_include_text(bridge);
     case TASK_ONCE:
         block_signals(&awaited);
         return bridge_refresh(bridge) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
@@ -121,9 +129,9 @@ int main(int argc, char* argv[])
         return EXIT_FAILURE;
     }
     if (options.task == TASK_HELP)
-        return fputs(help, stdout) >= 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+        return print(help);
     if (options.task == TASK_VERSION)
-        return printf("%s %s\n", program_name, version) > 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+        return print(program_name, " ", version);
     // Who runs it by hand sees the lines as well.
     openlog(program_name, options.task == TASK_SERVE ? LOG_PID : LOG_PID | LOG_PERROR, LOG_DAEMON);
     return run_configured(&options);

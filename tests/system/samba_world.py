@@ -117,6 +117,11 @@ class BridgeTest(SystemTest):
             self.bridge.send_signal(signal.SIGTERM)
             self.assertEqual(self.bridge.wait(LIMIT), 0)
 
+    def bridge_state(self):
+        """As proc(5) calls it: S for asleep, T for stopped."""
+        return re.search(r"^State:\s*(\w)", vyworld.read(f"/proc/{self.bridge.pid}/status"),
+                         re.MULTILINE)[1]
+
     def bridge_waits(self):
         """Whether it is in its wait for signals, with none to come."""
         status = vyworld.read(f"/proc/{self.bridge.pid}/status")

@@ -80,11 +80,16 @@ class Program(BridgeTest):
         self.assertEqual(switches(), before)
 
     def test_stopping_and_continuing_does_not_end_it(self):
-        self.start_bridge()
-        self.bridge.send_signal(signal.SIGSTOP)
-        self.bridge.send_signal(signal.SIGCONT)
-        self.set_shares(share("A", FIXED))
-        self.wait_until("it has followed", lambda: self.exported() == ["A"])
+        self.start_bridge()  # it waits: what is interrupted is the wait for signals
+        for name in ("A", "B"):
+            self.bridge.send_signal(signal.SIGSTOP)
+            self.wait_until("it is stopped", lambda: self.bridge_state() == "T")
+            self.bridge.send_signal(signal.SIGCONT)
+            self.wait_until("it waits again, or has ended",
+                            lambda: self.bridge.poll() is not None or self.bridge_waits())
+            self.assertIsNone(self.bridge.poll())
+            self.set_shares(share(name, FIXED))
+            self.assertEqual(self.exported(), [name])
 
     def test_once(self):
         vyworld.write(SHARE_FILE, share("A", FIXED))
@@ -113,6 +118,16 @@ class Program(BridgeTest):
         wrong = self.run_bridge("extra")
         self.assertEqual((wrong.status, wrong.out), (1, ""))
 
+    def test_output_that_nobody_takes_is_a_failure(self):
+        vyworld.write(SHARE_FILE, share("A", FIXED))
+        for option in ("--print", "--help", "--version"):
+            with open("/dev/full", "wb") as full:
+                done = subprocess.run(self.command(option), stdin=subprocess.DEVNULL, stdout=full,
+                                      stderr=subprocess.PIPE, check=False, timeout=vyworld.LIMIT,
+                                      env=vyworld.environment())
+            self.assertEqual((done.returncode, done.stderr),
+                             (1, b"vynas-samba: No space left on device\n"), option)
+
     def test_its_own_configuration(self):
         vyworld.write(OWN_CONFIG, "includepath = /tmp/other/include.conf\nadministrator = anna\n"
                                   "force user = media\n")
@@ -133,6 +148,22 @@ class Program(BridgeTest):
                                                      "smbd close-share -- A b"])
         self.signal_bridge()
         self.assertEqual(len(vyworld.read_lines(calls)), 3)  # nothing has changed
+
+    def test_a_change_is_told_without_waiting_for_more_than_smbcontrol(self):
+        """The service unmounts 400 ms after it has withdrawn a share."""
+        vyworld.write("/tmp/control", "#!/bin/sh\nsleep 0.2\n", 0o755)
+        vyworld.write(OWN_CONFIG, "smbcontrol = /tmp/control\n")
+        vyworld.write(SHARE_FILE, share("A", FIXED) + share("B", FIXED))
+        begin = time.monotonic()
+        self.start_bridge()
+        self.assertLess(time.monotonic() - begin, 3)
+        self.assertLess(self.withdraw("A"), 3)
+        self.bridge.terminate()
+        self.assertEqual(self.bridge.wait(vyworld.LIMIT), 0)
+        vyworld.write(SHARE_FILE, "")
+        begin = time.monotonic()
+        self.assertEqual(self.run_bridge("--once").status, 0)
+        self.assertLess(time.monotonic() - begin, 3)
 
     def test_a_smbcontrol_that_hangs_holds_nothing_up_for_ever(self):
         vyworld.write("/tmp/control", "#!/bin/sh\nexec sleep 1000\n", 0o755)
@@ -278,6 +309,7 @@ class Withdrawal(SambaTest):
         with self.held_open("Stick", f"{self.directory}/who", "anna"):
             self.assertFalse(can_unmount(self.directory))
             told = self.withdraw("Stick")
+            self.assertLess(told, 4)  # as a rule a twentieth of a second, on a quiet machine
             begin = time.monotonic()
             self.wait_until("it can be unmounted", lambda: can_unmount(self.directory))
             vyworld.log(f"told after {told * 1000:.0f} ms, let go "
