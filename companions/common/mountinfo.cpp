@@ -76,6 +76,19 @@ static bool next_device(char** rest, MountinfoEntry* entry)
            str_to_ulong(colon + 1, &entry->minor, 10) == 0;
 }
 
+// Whether options, separated by commas, hold "ro". The kernel writes a comma within one as "\\054".
+static bool says_readonly(const char* options)
+{
+    while (*options != '\0') {
+        const size_t length = strcspn(options, ",");
+        if (length == 2 && memcmp(options, "ro", 2) == 0)
+            return true;
+        options += length;
+        options += *options == ',' ? 1 : 0;
+    }
+    return false;
+}
+
 // Passes over the optional fields and the "-" behind them.
 static bool skip_optional(char** rest)
 {
@@ -95,13 +108,17 @@ static bool parse_line(char* line, MountinfoEntry* entry)
     entry->directory = next_text(&line);
     if (entry->root == nullptr || entry->directory == nullptr)
         return false;
-    if (next_field(&line) == nullptr || !skip_optional(&line)) // the mount's own options
+    const char* options = next_field(&line); // the mount's own
+    if (options == nullptr || !skip_optional(&line))
         return false;
     entry->type = next_text(&line);
     entry->source = next_field(&line); // an empty name is one
     if (entry->type == nullptr || entry->source == nullptr)
         return false;
-    decode(const_cast<char*>(entry->source)); // points into the table's own text
+    decode(const_cast<char*>(entry->source));      // points into the table's own text
+    const char* of_filesystem = next_field(&line); // null where the kernel tells none
+    entry->readonly =
+        says_readonly(options) || (of_filesystem != nullptr && says_readonly(of_filesystem));
     return true;
 }
 

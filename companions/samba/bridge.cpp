@@ -18,6 +18,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 
 static constexpr char log_tag[] = "bridge";
 static constexpr size_t account_size = 16384; // bytes of one user's texts
@@ -47,16 +48,32 @@ static bool user_name(int32_t id, char (&name)[user_name_size])
     return true;
 }
 
-static bool is_directory(const char* path)
+// Looks at a directory of the machine's own. Returns false when it is none.
+static bool look_at_directory(const char* path, bool* readonly)
 {
     struct stat status;
-    return stat(path, &status) == 0 && S_ISDIR(status.st_mode);
+    if (stat(path, &status) != 0 || !S_ISDIR(status.st_mode))
+        return false;
+    struct statvfs filesystem;
+    *readonly = statvfs(path, &filesystem) == 0 && (filesystem.f_flag & ST_RDONLY) != 0;
+    return true;
 }
 
-// Whether the share can be exported. A mounted directory is not looked at itself: where the medium
-// hangs, so would the look.
+// Looks a mounted directory up. It is not looked at itself: where the medium hangs, so would the
+// look. Returns false when nothing is mounted there.
+static bool look_up_mount(const MountRoot* root, const char* path, const Mountinfo* mounts,
+                          bool* readonly)
+{
+    const MountinfoEntry* mount = share_mount_find(root, path, mounts);
+    if (mount == nullptr)
+        return false;
+    *readonly = mount->readonly;
+    return true;
+}
+
+// Whether the share can be exported; if so, `readonly` says how its directory is mounted.
 static bool is_present(const Share* share, const MountRoot* root, const Mountinfo* mounts,
-                       Notes* notes)
+                       Notes* notes, bool* readonly)
 {
     const char* fault = include_path_fault(share->path);
     if (fault != nullptr) {
@@ -65,8 +82,8 @@ static bool is_present(const Share* share, const MountRoot* root, const Mountinf
         return false;
     }
     const bool wants_mount = share_mount_is_wanted(root, share->path);
-    if (wants_mount ? share_mount_find(root, share->path, mounts) != nullptr
-                    : is_directory(share->path))
+    if (wants_mount ? look_up_mount(root, share->path, mounts, readonly)
+                    : look_at_directory(share->path, readonly))
         return true;
     notes_add(notes, LOG_INFO, "share %s (%s) is withdrawn: %s is %s", share->name,
               share->identifier != nullptr ? share->identifier : "", share->path,
@@ -80,8 +97,14 @@ static size_t select_present(const ShareTable* table, const MountRoot* root,
 {
     size_t count = 0;
     for (size_t i = 0; i < table->count; i++) {
-        if (is_present(&table->shares[i], root, mounts, notes))
-            present[count++].share = &table->shares[i];
+        const Share* share = &table->shares[i];
+        bool readonly = false;
+        if (!is_present(share, root, mounts, notes, &readonly))
+            continue;
+        if (readonly && !share->readonly)
+            notes_add(notes, LOG_INFO, "share %s is read-only: %s is mounted so", share->name,
+                      share->path);
+        present[count++] = {.share = share, .name = nullptr, .readonly_mount = readonly};
     }
     return count;
 }

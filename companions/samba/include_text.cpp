@@ -146,6 +146,7 @@ struct Writing {
     Notes* notes;
     const Share* share;
     Members members;
+    bool readonly;
     bool selective; // only those named may enter
     bool guests;
 };
@@ -321,7 +322,7 @@ static void write_nobody(const Writing* writing)
 
 static void write_access(const Writing* writing)
 {
-    write_switch(writing, "read only", writing->share->readonly);
+    write_switch(writing, "read only", writing->readonly);
     write_switch(writing, "guest ok", writing->guests);
     write_switch(writing, "guest only", false);
     write_switch(writing, "wide links", false);
@@ -370,6 +371,7 @@ static int write_shares(TextBuffer* text, const ExportedShare* shares, size_t co
         writing.settings = settings;
         writing.notes = notes;
         writing.share = shares[i].share;
+        writing.readonly = shares[i].share->readonly || shares[i].readonly_mount;
         if (write_share(&writing, shares[i].name) != 0)
             return -ENOMEM;
     }

@@ -7,7 +7,9 @@
 // What narrows it is written where it is needed.
 //
 //     In the share file                  Written
-//     Read Only                          read only; nobody writes then
+//     Read Only                          read only; nobody writes then. So it is where the
+//     directory
+//                                        is mounted read-only
 //     Sync                               strict sync, sync always
 //     Guest Access, and not Guest Hide   guest ok
 //     Guest Hide                         the guest account: invalid users, access based share enum
@@ -34,10 +36,11 @@
 
 constexpr size_t user_name_size = 256; // bytes with the NUL
 
-// A share and the name it is exported under; both borrowed.
+// A share, the name it is exported under, both borrowed, and how its directory is mounted.
 struct ExportedShare {
     const Share* share;
     const char* name;
+    bool readonly_mount = false;
 };
 
 struct IncludeSettings {

@@ -388,6 +388,21 @@ class Chain(SambaTest):
         self.assert_tool("vymount", "sda1", err="mount sda1 - success.\n")
         self.wait_until("it is back", lambda: self.fetch(self.name, "who", "anna") is not None)
 
+    def test_a_disk_that_ntfs_3g_mounts_read_only_is_shared_so(self):
+        """As it does where Windows hibernates; nobody tells the service."""
+        hibernated = self.make_partition(
+            "sdb1", "ntfs", {"who": "this is sdb1\n", "hiberfil.sys": "hibr" + "x" * 8192})
+        vyworld.send(hibernated.add_message())
+        self.wait_until("it is exported", lambda: self.exported() == ["Drive(A1)", "Drive(B1)"])
+        mount, = [mount for mount in vyworld.mounts() if mount.directory == hibernated.directory]
+        self.assertIn("ro", mount.options)
+        self.assertNotIn("Read Only", vyworld.read(SHARE_FILE))
+        self.assertEqual(samba_world.testparm(SMB_CONF)["Drive(A1)"]["read only"], "No")
+        self.assertNotIn("read only", samba_world.testparm(SMB_CONF)["Drive(B1)"])  # yes by default
+        self.wait_for_log(
+            f"bridge(#)share Drive(B1) is read-only: {hibernated.directory} is mounted so")
+        self.assertEqual(self.fetch("Drive(B1)", "who", "anna"), "this is sdb1\n")
+
     def test_a_pulled_stick_is_gone(self):
         vyworld.send(self.partition.remove_message())
         self.wait_until("it is not exported", lambda: self.exported() == [])

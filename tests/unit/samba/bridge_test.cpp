@@ -92,6 +92,17 @@ class BridgeTest : public testing::Test {
         return names;
     }
 
+    // What the include file says of each share.
+    static Texts read_only_lines()
+    {
+        const std::string key = "\tread only = ";
+        Texts found;
+        const std::string text = read_file(include_path);
+        for (size_t at = 0; (at = text.find(key, at)) != std::string::npos; at++)
+            found.push_back(text.substr(at + key.size(), text.find('\n', at) - at - key.size()));
+        return found;
+    }
+
     BridgeConfigGuard config;
     Bridge bridge = {};
 };
@@ -177,6 +188,39 @@ TEST_F(BridgeTest, WhatIsNotMountedAnyMoreIsClosed)
     ASSERT_EQ(umount("/tmp/hotplug/sda1"), 0);
     EXPECT_EQ(refresh_again(), (Runs{reload, close_of("Stick")}));
     EXPECT_EQ(exported(), Texts{});
+}
+
+// A driver may mount read-only by itself, as ntfs-3g does with a hibernated Windows, and the kernel
+// turns a damaged filesystem so; the share file says nothing of it.
+TEST_F(BridgeTest, WhatIsMountedReadOnlyIsSharedSo)
+{
+    refresh(stick);
+    EXPECT_EQ(read_only_lines(), (Texts{"no"}));
+    ASSERT_EQ(mount(nullptr, "/tmp/hotplug/sda1", nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+    EXPECT_EQ(refresh_again(), (Runs{reload, close_of("Stick")}));
+    EXPECT_EQ(read_only_lines(), (Texts{"yes"}));
+    EXPECT_EQ(said(), (Texts{"share Stick is read-only: /tmp/hotplug/sda1 is mounted so",
+                             "close share Stick"}));
+    ASSERT_EQ(mount(nullptr, "/tmp/hotplug/sda1", nullptr, MS_REMOUNT, nullptr), 0);
+    refresh_again();
+    EXPECT_EQ(read_only_lines(), (Texts{"no"}));
+}
+
+TEST_F(BridgeTest, ThatAReadOnlyMountIsReadOnlyIsNotNewsWhereTheShareFileSaysSo)
+{
+    ASSERT_EQ(mount(nullptr, "/tmp/hotplug/sda1", nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+    refresh(stick + "Read Only=Enable\n");
+    EXPECT_EQ(read_only_lines(), (Texts{"yes"}));
+    EXPECT_EQ(said(), Texts{});
+}
+
+TEST_F(BridgeTest, AFixedDirectoryOnAReadOnlyFilesystemIsSharedReadOnly)
+{
+    ASSERT_EQ(mount("disk", "/tmp/fixed", "tmpfs", MS_RDONLY, nullptr), 0);
+    ASSERT_EQ(symlink("/tmp/fixed", "/tmp/link"), 0);
+    refresh(fixed + "[Link]\nPath=/tmp/link\n[Own]\nPath=/tmp\n");
+    EXPECT_EQ(exported(), (Texts{"Fixed", "Link", "Own"}));
+    EXPECT_EQ(read_only_lines(), (Texts{"yes", "yes", "no"}));
 }
 
 TEST_F(BridgeTest, APlaceBehindALinkIsFollowed)
