@@ -134,5 +134,6 @@ int main(int argc, char* argv[])
         return print(program_name, " ", version);
     // Who runs it by hand sees the lines as well.
     openlog(program_name, options.task == TASK_SERVE ? LOG_PID : LOG_PID | LOG_PERROR, LOG_DAEMON);
+    setlogmask(LOG_UPTO(LOG_INFO)); // what reads the configuration logs its items below that
     return run_configured(&options);
 }

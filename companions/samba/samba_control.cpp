@@ -68,7 +68,7 @@ static void finish(pid_t pid, int64_t deadline)
     if (ended < 0)
         VY_LOG(LOG_ERR, "cannot wait for smbcontrol (%d)", static_cast<int>(-ended));
     else if (status != 0) // most likely no Samba runs
-        VY_LOG(LOG_DEBUG, "smbcontrol failed (%d)", WIFEXITED(status) ? WEXITSTATUS(status) : -1);
+        VY_LOG(LOG_INFO, "smbcontrol failed (%d)", WIFEXITED(status) ? WEXITSTATUS(status) : -1);
 }
 
 static void finish_all(Batch* batch, int64_t deadline)

@@ -26,6 +26,7 @@ COPY_FOLDER = "/var/lib/vyhotplugd"
 COPY = COPY_FOLDER + "/hotplug.dev.conf"
 TEMPORARY = ("/tmp/vyhotplug.dev.conf.tmp", "/tmp/vyhotplug.dir.conf.tmp", "/tmp/mntent.tmp")
 SOMEBODY = 1234  # a user who is not root
+MS_BIND = 4096
 
 SETTINGS = "[1234:00ab:SERA:1]\nShare Name=Music\nComment=Living room\n"
 
@@ -33,6 +34,18 @@ SETTINGS = "[1234:00ab:SERA:1]\nShare Name=Music\nComment=Living room\n"
 def mount_tmpfs(target, options):
     if vyworld.libc.mount(b"tmpfs", target.encode(), b"tmpfs", 0, options.encode()) != 0:
         raise OSError(vyworld.ctypes.get_errno(), target)
+
+
+def mount_tmpfs_keeping(target, options):
+    """As mount_tmpfs, but what is mounted below the directory stays to be seen: the project may lie there."""
+    inside = [line.split(" ")[1].replace("\\040", " ") for line in vyworld.read_lines("/proc/self/mounts")]
+    kept = {path: os.open(path, os.O_PATH) for path in inside if path.startswith(target + "/")}
+    mount_tmpfs(target, options)
+    for path, handle in kept.items():
+        os.makedirs(path)
+        if vyworld.libc.mount(b"/proc/self/fd/%d" % handle, path.encode(), None, MS_BIND, None) != 0:
+            raise OSError(vyworld.ctypes.get_errno(), path)
+        os.close(handle)
 
 
 def state_of(path):
@@ -157,6 +170,17 @@ class FreshWorld(Prepare):
         self.assert_link(FILES_LINK, FILES)
         self.wait_until("it is logged, once",
                         lambda: len(self.log.matching("/media/vyhotplug cannot be made ready")) == 1)
+
+    def test_nothing_is_logged_where_there_is_nothing_to_say(self):
+        """What reads the configuration logs each item of a list at the level of debugging."""
+        self.write_config(mountfs="fat,ext", vfatoptions="utf8")
+        self.assertEqual(self.prepare(), "")
+        vyworld.write(DEVICES, SETTINGS)
+        self.assertEqual(self.prepare("--save"), "")
+        vyworld.write(DEVICES, "")
+        self.prepare("--save")
+        self.wait_until("what is to be said is logged", lambda: self.log.lines)
+        self.assertEqual(self.log.texts(), [f"prepare(#){DEVICES} holds nothing, {COPY} stays as it is"])
 
     def test_another_user_is_refused(self):
         done = self.tool("vyhotplug-prepare", "-f", CONFIG, user=SOMEBODY)
@@ -530,8 +554,8 @@ class OtherFilesystems(Prepare):
     """/tmp and /run are filesystems of their own, as on most systems."""
 
     def setUp(self):
-        mount_tmpfs("/tmp", "mode=1777")
-        mount_tmpfs("/run", "mode=755")
+        mount_tmpfs_keeping("/tmp", "mode=1777")
+        mount_tmpfs_keeping("/run", "mode=755")
         self.assertNotEqual(os.stat("/tmp").st_dev, os.stat("/run").st_dev)
         super().setUp()
 

@@ -173,6 +173,14 @@ class Program(BridgeTest):
         self.wait_for_log("samba_control(#)smbcontrol does not end, it is killed")
         self.assertEqual(self.exported(), ["A"])
 
+    def test_nothing_is_logged_that_is_for_developers(self):
+        """What reads the configuration logs each item of a list at the level of debugging."""
+        self.write_config(mountfs="fat,ext", vfatoptions="utf8")
+        vyworld.write(SHARE_FILE, share("A", FIXED))
+        self.start_bridge()
+        self.wait_for_log(f"bridge(#){INCLUDE} is written")
+        self.assertEqual([str(line) for line in self.log.lines if line.priority > INFO], [])
+
     def test_what_it_says_it_says_once(self):
         vyworld.write(SHARE_FILE, share("A", "/tmp/none") + share("B", FIXED) + share("B", FIXED))
         self.start_bridge()
