@@ -80,7 +80,7 @@ class UnitLines(Machine):
 class Systemd(Machine):
     """On a machine that systemd runs."""
 
-    init = (["/lib/systemd/systemd", "--system", "--log-target=null", "--show-status=no"],
+    init = (["/lib/systemd/systemd", "--system", "--log-target=journal", "--show-status=no"],
             {"PATH": debian_world.PATH, "container": "other"})
     cgroups = True
     UNITS = ("vyhotplugd.service", "vyhotplug-agent.service", "vyhotplugd-settings.path", "vynas-samba.service")
@@ -157,6 +157,42 @@ class Systemd(Machine):
             self.wait_for_unit("vyhotplugd-settings.service", "inactive")
         self.assertEqual(self.show("vyhotplugd-settings.path", "ActiveState"), "active")
 
+    def journal(self, unit):
+        """What its processes and the service manager have logged of a unit."""
+        return self.run_ok("journalctl", "--quiet", "--output=cat", "--unit", unit).splitlines()
+
+    def test_saving_them_is_not_worth_a_line_in_the_journal(self):
+        self.assertEqual(self.journal("vyhotplugd-settings.service"), [])
+        self.assertIn("Started vyhotplugd.service - Storage hotplug service.", self.journal("vyhotplugd.service"))
+
+    def test_what_they_log_is_not_for_developers(self):
+        for name in ("vyhotplug-agent", "vyhotplug-prepare", "vynas-samba"):
+            self.assertEqual(self.run_ok("journalctl", "--quiet", "--output=cat", "--priority=debug..debug",
+                                         "--identifier", name), "", name)
+        self.assertIn("main(", self.run_ok("journalctl", "--output=cat", "--identifier", "vynas-samba"))
+
+    def test_a_start_that_fails_is_none_too_many(self):
+        """A wrong configuration is mended, and a restart by hand is not refused for the starts before."""
+        config = "/etc/vyhotplugd/vyhotplugd.conf"
+        right = self.read(config)
+        self.write(config, re.sub("^mountpath.*\n", "", right, flags=re.MULTILINE))
+        for _ in range(8):
+            self.assertEqual(self.run_any("systemctl", "restart", "vyhotplugd")[0], 1)
+        self.write(config, right)
+        self.run_ok("systemctl", "restart", "vyhotplugd")
+        self.wait_for_shares("Cinema", "Films(A2)", who=ANNA)
+        self.wait_for_unit("vyhotplug-agent.service")
+
+    def test_what_is_mended_starts_by_itself(self):
+        config = "/etc/vyhotplugd/vyhotplugd.conf"
+        right = self.read(config)
+        self.write(config, re.sub("^mountpath.*\n", "", right, flags=re.MULTILINE))
+        self.assertEqual(self.run_any("systemctl", "restart", "vyhotplugd")[0], 1)
+        self.wait_until("more tries", lambda: int(self.show("vyhotplugd.service", "NRestarts")) >= 2)
+        self.write(config, right)
+        self.wait_for_unit("vyhotplugd.service")
+        self.wait_for_shares("Cinema", "Films(A2)", who=ANNA)
+
     def test_taking_leftovers_off_may_take_its_time(self):
         self.assertEqual(self.show("vyhotplugd.service", "TimeoutStartUSec"), "infinity")
 
@@ -180,6 +216,8 @@ class Systemd(Machine):
         self.run_any("systemctl", "start", "vynas-samba.service")
         self.wait_for_unit("vynas-samba.service", "failed")
         self.assertEqual(self.read(SHARE_SERVICE_PID), f"{by_hand.pid}\n")
+        for _ in range(8):  # which is none too many, see below
+            self.run_any("systemctl", "start", "vynas-samba.service")
         by_hand.terminate()
         self.assertEqual(by_hand.wait(debian_world.LIMIT), 0)
         self.with_drop_in("vynas-samba.service", "")
