@@ -4,6 +4,7 @@
 #include "lib/platform.h"
 #include "lib/process.h"
 #include "lib/sys.h"
+#include "lib/version.h"
 #include "lib/vytime.h"
 
 #include <errno.h>
@@ -21,7 +22,7 @@ static constexpr LabelTool tools[] = {
     {.name = "mlabel",
      .filesystem = "vfat",
      .usage =
-         "usage: mlabel -i NODE -n\n"
+         "usage: mlabel -i NODE -n | --version\n"
          "Prints the volume label of a FAT filesystem. It never writes, and knows nothing else.\n",
      .node = 2,
      .words = {"-i", nullptr, "-n", nullptr},
@@ -29,7 +30,7 @@ static constexpr LabelTool tools[] = {
      .code_page = true},
     {.name = "ntfsvlabel",
      .filesystem = "ntfs",
-     .usage = "usage: ntfsvlabel NODE -n\n"
+     .usage = "usage: ntfsvlabel NODE -n | --version\n"
               "Prints the volume label of an NTFS filesystem. It never writes, and knows nothing "
               "else.\n",
      .node = 1,
@@ -203,6 +204,10 @@ int label_main(int argc, char* argv[])
     if (tool == nullptr) {
         fputs("to be started as mlabel or ntfsvlabel\n", stderr);
         return 2;
+    }
+    if (argc == 2 && strcmp(argv[1], "--version") == 0) {
+        const int printed = printf("%s %s\n", tool->name, vy_build);
+        return printed >= 0 && stream_flush(stdout) == 0 ? 0 : 1;
     }
     const char* node = label_tool_node(tool, argc, argv);
     if (node == nullptr) {

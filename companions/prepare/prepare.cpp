@@ -4,6 +4,7 @@
 #include "config/config_file.h"
 #include "lib/guard.h"
 #include "lib/str.h"
+#include "lib/version.h"
 #include "prepare/leftovers.h"
 #include "prepare/places.h"
 #include "prepare/settings.h"
@@ -18,7 +19,6 @@
 #include <unistd.h>
 
 static constexpr char program_name[] = "vyhotplug-prepare";
-static constexpr char program_version[] = "1.0.5";
 static constexpr char default_config[] = "/etc/vyhotplugd/vyhotplugd.conf";
 static constexpr char pid_file[] = "/var/run/vyhotplugd.pid";
 static constexpr size_t service_path_size = 128; // bytes of a configuration's path in the service
@@ -312,7 +312,7 @@ int prepare_main(int argc, char* argv[])
             print_help(stdout);
             return 0;
         case 'v':
-            printf("%s %s\n", program_name, program_version);
+            printf("%s %s\n", program_name, vy_build);
             return 0;
         default:
             print_help(stderr);

@@ -3,6 +3,7 @@
 #include "lib/log.h"
 #include "lib/platform.h"
 #include "lib/process.h"
+#include "lib/version.h"
 #include "samba/bridge.h"
 #include "samba/bridge_config.h"
 #include "samba/options.h"
@@ -17,7 +18,6 @@
 static constexpr char log_tag[] = "main";
 static constexpr char program_name[] = "vynas-samba";
 static constexpr char service_name[] = "vynas-fssd"; // under which the hotplug daemon knows it
-static constexpr char version[] = "1.0.5\n";
 
 static constexpr char help[] =
     "Usage: vynas-samba [option]...\n"
@@ -74,10 +74,10 @@ static int serve(Bridge* bridge, const sigset_t* awaited)
     return EXIT_SUCCESS;
 }
 
-// Prints one text, or several one behind the other. Returns the program's status.
-static int print(const char* text, const char* second = "", const char* third = "")
+// Returns the program's status, for what was printed.
+static int end_printing(int printed)
 {
-    if (printf("%s%s%s", text, second, third) >= 0 && stream_flush(stdout) == 0)
+    if (printed >= 0 && stream_flush(stdout) == 0)
         return EXIT_SUCCESS;
     perror(program_name);
     return EXIT_FAILURE;
@@ -86,7 +86,9 @@ static int print(const char* text, const char* second = "", const char* third = 
 static int print_include_text(Bridge* bridge)
 {
     MemGuard<char> text;
-    return bridge_make_text(bridge, text.out()) == 0 ? print(text.get()) : EXIT_FAILURE;
+    if (bridge_make_text(bridge, text.out()) != 0)
+        return EXIT_FAILURE;
+    return end_printing(fputs(text.get(), stdout));
 }
 
 static int run(const BridgeOptions* options, Bridge* bridge)
@@ -129,9 +131,9 @@ int main(int argc, char* argv[])
         return EXIT_FAILURE;
     }
     if (options.task == TASK_HELP)
-        return print(help);
+        return end_printing(fputs(help, stdout));
     if (options.task == TASK_VERSION)
-        return print(program_name, " ", version);
+        return end_printing(printf("%s %s\n", program_name, vy_build));
     // Who runs it by hand sees the lines as well.
     openlog(program_name, options.task == TASK_SERVE ? LOG_PID : LOG_PID | LOG_PERROR, LOG_DAEMON);
     setlogmask(LOG_UPTO(LOG_INFO)); // what reads the configuration logs its items below that

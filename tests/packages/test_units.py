@@ -3,6 +3,7 @@
 import os
 import pathlib
 import re
+import shutil
 import signal
 import subprocess
 import time
@@ -264,11 +265,27 @@ class Systemd(Machine):
         self.wait_for_mounts("sda1", "sda2")
         self.wait_for_shares("Cinema", "Films(A2)", who=ANNA)
 
+    def make_newer_packages(self, folder):
+        """Those that are installed, as of a later build. Returns their version."""
+        newer = ""
+        for path in pathlib.Path(EXCHANGE).glob("*.deb"):
+            self.run_ok("dpkg-deb", "--raw-extract", str(path), "/images/package")
+            control = self.read("/images/package/DEBIAN/control")
+            version, = re.findall("^Version: (.*)$", control, re.MULTILINE)
+            newer = re.sub(r"\+\d{4}", "+2999", version)
+            self.write("/images/package/DEBIAN/control", control.replace(version, newer))
+            os.makedirs(folder, exist_ok=True)
+            self.run_ok("dpkg-deb", "--build", "--root-owner-group", "/images/package", f"{folder}/{path.name}")
+            shutil.rmtree("/images/package")
+        return newer
+
     def test_an_upgrade_keeps_what_was_set_and_shares_everything_again(self):
         old = self.pids_of("vyhotplugd")
         self.run_ok("sed", "-i", "s/^defaultgid = .*/defaultgid = 60/", "/etc/vyhotplugd/vyhotplugd.conf")
-        packages = sorted(str(path) for path in pathlib.Path(EXCHANGE).glob("*.deb"))
-        self.run_ok("dpkg", "--install", *packages, env=NONINTERACTIVE, limit=600)
+        version = self.make_newer_packages("/images/newer")
+        self.run_ok(*APT_INSTALL, *sorted(map(str, pathlib.Path("/images/newer").glob("*.deb"))),
+                    env=NONINTERACTIVE, limit=600)
+        self.assertEqual({self.run_ok("dpkg-query", "-W", "-f", "${Version}", name) for name in PACKAGES}, {version})
         self.assertNotEqual(self.pids_of("vyhotplugd"), old)
         self.assertIn("defaultgid = 60\n", self.read("/etc/vyhotplugd/vyhotplugd.conf"))
         self.wait_for_mounts("sda1", "sda2")

@@ -47,6 +47,11 @@ pid directory = {SAMBA}/pid
 ncalrpc dir = {SAMBA}/ncalrpc
 """
 
+# What programs print of themselves: the version in Debian's spelling, and which build it is.
+NUMBER = re.sub(r"\.(alpha|beta|rc)", r"~\1", vyworld.read(
+    os.path.join(vyworld.FOLDER, "../../VERSION")).strip().removesuffix("-bk"))
+BUILD = re.escape(NUMBER) + r"(\+\d{14})?(\.g[0-9a-f]+)?(\.dirty)?"
+
 MS_NOSUID = 2
 
 

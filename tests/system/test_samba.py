@@ -113,7 +113,7 @@ class Program(BridgeTest):
 
     def test_help_and_version(self):
         self.assertRegex(self.run_bridge("--help").out, "^Usage: vynas-samba ")
-        self.assertRegex(self.run_bridge("--version").out, r"^vynas-samba \d+\.\d+\.\d+\n$")
+        self.assertRegex(self.run_bridge("--version").out, rf"^vynas-samba {samba_world.BUILD}\n$")
         self.assertEqual(self.run_bridge("--help").status, 0)
         wrong = self.run_bridge("extra")
         self.assertEqual((wrong.status, wrong.out), (1, ""))
@@ -668,6 +668,9 @@ class Setup(BridgeTest):
         for arguments in ([], ["other"], ["enable", "disable"], ["--file"], ["--include", "x", "enable"]):
             self.assertEqual(self.setup(*arguments).status, 2, arguments)
         self.assertEqual(self.setup("--help").status, 0)
+        version = self.setup("--version")
+        self.assertEqual(version.status, 0)
+        self.assertRegex(version.out, rf"^vynas-samba-setup {samba_world.BUILD}\n$")
 
 
 class SetupWithSamba(SambaTest):
