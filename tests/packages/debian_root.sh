@@ -6,7 +6,8 @@
 # machine takes its own packages from.
 set -eu
 suite=bookworm
-wanted="samba smbclient ntfs-3g e2fsprogs util-linux busybox bash-completion systemd systemd-sysv dbus"
+wanted="samba smbclient ntfs-3g e2fsprogs util-linux busybox bash-completion systemd systemd-sysv dbus
+    build-essential debhelper cmake fakeroot lintian git"
 
 sources() {
     apt-get indextargets --format "\$(REPO_URI) \$(RELEASE) \$(COMPONENT)" \
