@@ -30,7 +30,7 @@ enum class LabelOutcome {
     timed_out, // blkid was killed and is not waited for
 };
 
-// Runs blkid on the node and stores what it printed. Takes less than 5 seconds, whatever it does.
+// Runs blkid on the node and stores what it printed. Takes less than 16 seconds, whatever it does.
 [[nodiscard]] LabelOutcome label_tool_read(const LabelTool* tool, const char* node,
                                            char (&printed)[label_printed_size]);
 

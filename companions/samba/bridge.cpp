@@ -204,7 +204,7 @@ static int replace(const Bridge* bridge, const char* old_text, const char* new_t
         return -1;
     }
     VY_LOG(LOG_INFO, "%s is written", bridge->config->includepath);
-    samba_tell(bridge->config->smbcontrol, closed.get());
+    samba_tell(bridge->config->smbcontrol, closed.get(), samba_limit_ms);
     return 0;
 }
 

@@ -11,7 +11,6 @@
 #include <sys/wait.h>
 
 static constexpr char log_tag[] = "samba_control";
-static constexpr int64_t limit_ms = 5000;
 static constexpr size_t at_once = 8; // programs; each takes some milliseconds of its own
 
 namespace {
@@ -71,8 +70,9 @@ static void finish(pid_t pid, int64_t deadline)
         VY_LOG(LOG_INFO, "smbcontrol failed (%d)", WIFEXITED(status) ? WEXITSTATUS(status) : -1);
 }
 
-static void finish_all(Batch* batch, int64_t deadline)
+static void finish_all(Batch* batch, int64_t limit_ms)
 {
+    const int64_t deadline = now_ms() + limit_ms;
     for (size_t i = 0; i < batch->count; i++)
         finish(batch->pids[i], deadline);
     batch->count = 0;
@@ -89,18 +89,17 @@ static void start(Batch* batch, const char* program, char* const argv[])
 }
 
 // Clients that reconnect must find the new configuration, so this comes first.
-static void reload(const char* program)
+static void reload(const char* program, int64_t limit_ms)
 {
     char* const argv[] = {text(program), text("smbd"), text("reload-config"), nullptr};
     Batch batch = {};
     start(&batch, program, argv);
-    finish_all(&batch, now_ms() + limit_ms);
+    finish_all(&batch, limit_ms);
 }
 
-void samba_tell(const char* program, const vylist* closed)
+void samba_tell(const char* program, const vylist* closed, int64_t limit_ms)
 {
-    reload(program);
-    const int64_t deadline = now_ms() + limit_ms;
+    reload(program, limit_ms);
     Batch batch = {};
     for (const vylist_node* node = closed->next; node != vylist_end(closed); node = node->next) {
         // A name may begin with a hyphen.
@@ -113,7 +112,7 @@ void samba_tell(const char* program, const vylist* closed)
         VY_LOG(LOG_INFO, "close share %s", static_cast<const char*>(node->data));
         start(&batch, program, argv);
         if (batch.count == at_once)
-            finish_all(&batch, deadline);
+            finish_all(&batch, limit_ms);
     }
-    finish_all(&batch, deadline);
+    finish_all(&batch, limit_ms);
 }

@@ -270,21 +270,31 @@ class FakeBlkid(LabelTools):
         pid = vyworld.read(self.PID).strip()
         self.wait_until("the fake blkid is killed", lambda: not os.path.exists(f"/proc/{pid}"))
 
-    def test_one_that_hangs_is_killed_in_time(self):
-        for what, script in (("without a word", "exec sleep 1000"),
-                             ("behind the label", "echo LABEL; exec sleep 1000"),
-                             ("with its output closed", "echo LABEL; exec sleep 1000 >&-"),
-                             ("deaf to signals", "trap '' INT TERM HUP; while :; do sleep 1; done"),
-                             ("in drops", "while :; do printf x; sleep 0.5; done")):
-            with self.subTest(what):
-                path = self.fake(script)
-                began = time.monotonic()
-                self.assert_fails("mlabel", "/dev/null", path)
-                took = time.monotonic() - began
-                vyworld.log(f"{what}: {took:.2f} s")
-                self.assertGreater(took, 3)
-                self.assertLess(took, ENOUGH)
-                self.assert_it_is_killed()
+    def check_one_that_hangs(self, script):
+        """It is killed, not at once and before the service gives the tool up."""
+        path = self.fake(script)
+        began = time.monotonic()
+        self.assert_fails("mlabel", "/dev/null", path)
+        took = time.monotonic() - began
+        vyworld.log(f"{took:.2f} s")
+        self.assertGreater(took, 10)
+        self.assertLess(took, ENOUGH)
+        self.assert_it_is_killed()
+
+    def test_one_that_hangs_without_a_word_is_killed_in_time(self):
+        self.check_one_that_hangs("exec sleep 1000")
+
+    def test_one_that_hangs_behind_the_label_is_killed_in_time(self):
+        self.check_one_that_hangs("echo LABEL; exec sleep 1000")
+
+    def test_one_that_hangs_with_its_output_closed_is_killed_in_time(self):
+        self.check_one_that_hangs("echo LABEL; exec sleep 1000 >&-")
+
+    def test_one_that_is_deaf_to_signals_is_killed_in_time(self):
+        self.check_one_that_hangs("trap '' INT TERM HUP; while :; do sleep 1; done")
+
+    def test_one_that_prints_in_drops_is_killed_in_time(self):
+        self.check_one_that_hangs("while :; do printf x; sleep 0.5; done")
 
     def test_one_that_never_stops_printing_is_killed(self):
         for script in ("exec yes", "exec cat /dev/zero", "exec head -c 9000000 /dev/urandom"):
