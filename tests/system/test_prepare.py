@@ -1,5 +1,5 @@
-"""What makes the service's surroundings ready, before it starts: the real program, in worlds where
-everything is missing, planted by others, left over, full, or on other filesystems."""
+"""vyhotplug-prepare, the real program, in worlds where everything is missing, planted by others, left
+over, full, or on other filesystems."""
 
 import fcntl
 import os
@@ -37,7 +37,7 @@ def mount_tmpfs(target, options):
 
 
 def mount_tmpfs_keeping(target, options):
-    """As mount_tmpfs, but what is mounted below the directory stays to be seen: the project may lie there."""
+    """As mount_tmpfs, but what is mounted below the directory stays visible: the project may be there."""
     inside = [line.split(" ")[1].replace("\\040", " ") for line in vyworld.read_lines("/proc/self/mounts")]
     kept = {path: os.open(path, os.O_PATH) for path in inside if path.startswith(target + "/")}
     mount_tmpfs(target, options)
@@ -56,7 +56,7 @@ def state_of(path):
 
 
 def everything(*tops):
-    """State of all that lies there, but for what the world keeps of the machine."""
+    """State of everything below, without what the world binds from the machine."""
     found = {}
     for top in tops:
         found[top] = state_of(top)
@@ -69,7 +69,7 @@ def everything(*tops):
 
 
 def plant(path, what, owner=SOMEBODY):
-    """Puts something there as that user would."""
+    """Puts something there as the user would."""
     if what == "link":
         os.symlink("/etc/passwd", path)
     elif what == "link to a directory":
@@ -92,7 +92,7 @@ KINDS = ("link", "link to a directory", "file", "pipe", "directory", "empty dire
 
 
 class Prepare(SystemTest):
-    """The appliance's paths in place of the harness's own."""
+    """With the appliance's paths in place of the harness's own."""
 
     PATHS = {"CONFIG_DIR": "/etc/vyhotplugd", "CONFIG": CONFIG, "HOOK": HOOK_SCRIPT,
              "MOUNT_DIR": "/media/vyhotplug", "DEVICE_DIR": "/dev/vyhotplug",
@@ -172,7 +172,7 @@ class FreshWorld(Prepare):
                         lambda: len(self.log.matching("/media/vyhotplug cannot be made ready")) == 1)
 
     def test_nothing_is_logged_where_there_is_nothing_to_say(self):
-        """What reads the configuration logs each item of a list at the level of debugging."""
+        """The parsers log each item of a list at LOG_DEBUG."""
         self.write_config(mountfs="fat,ext", vfatoptions="utf8")
         self.assertEqual(self.prepare(), "")
         vyworld.write(DEVICES, SETTINGS)
@@ -189,7 +189,7 @@ class FreshWorld(Prepare):
 
 
 class Planted(Prepare):
-    """Names in /tmp that others were quicker to take."""
+    """Paths in /tmp that other users have taken first."""
 
     def setUp(self):
         super().setUp()
@@ -293,12 +293,9 @@ while True:
         end = time.monotonic() + 30
         while tries < 40 and (ready == 0 or time.monotonic() < end):
             tries += 1
-            for path in (FILES, HOOK_LINK, "/tmp/vynasmira"):
-                shutil.rmtree(path, ignore_errors=True)
-                try:
-                    os.unlink(path)
-                except OSError:
-                    pass
+            # Not shutil.rmtree, which opens what was a directory before, and waits at a FIFO.
+            subprocess.run(["rm", "-rf", FILES, HOOK_LINK, "/tmp/vynasmira"], check=False, env={"PATH": vyworld.PATH},
+                           stderr=subprocess.DEVNULL)
             done = self.tool("vyhotplug-prepare", "-f", CONFIG)
             self.assertIn(done.status, (0, 1), done.err)
             if done.status == 0:
