@@ -13,14 +13,14 @@ static constexpr size_t most_bytes = 4 << 20; // far more than thousands of devi
 static constexpr mode_t device_file_mode = 0644;
 static constexpr mode_t copy_mode = 0600;
 
-// Reads a file that is no link; one that is not there is empty.
+// Reads a file that is no link; a missing file counts as empty.
 static int read_file(const char* path, FileBytes* content)
 {
     const int result = file_read_all(path, O_NOFOLLOW, most_bytes, content);
     return result == -ENOENT ? 0 : result;
 }
 
-// Both files outlive a power cut: the old content or the new one.
+// After a power cut the file has the old content or the new one.
 static int replace_file(const char* path, const FileBytes& content, mode_t mode)
 {
     return file_replace(path, content.bytes.get(), content.size, mode, FILE_DURABLE);
@@ -64,7 +64,7 @@ int settings_save(const char* device_file)
     const int result = read_file(device_file, &settings);
     if (result != 0)
         return result;
-    const bool readable = read_file(settings_copy, &copy) == 0; // one that is not is replaced
+    const bool readable = read_file(settings_copy, &copy) == 0; // else it is replaced
     if (settings.size == 0) {
         if (!readable || copy.size > 0)
             tell(LOG_NOTICE, "%s holds nothing, %s stays as it is", device_file, settings_copy);

@@ -21,7 +21,7 @@
 #include <sys/statvfs.h>
 
 static constexpr char log_tag[] = "bridge";
-static constexpr size_t account_size = 16384; // bytes of one user's texts
+static constexpr size_t account_size = 16384; // bytes of one passwd entry's strings
 
 static void log_note(int priority, const char* message)
 {
@@ -34,7 +34,7 @@ static int out_of_memory()
     return -ENOMEM;
 }
 
-// ---- what is there ----
+// ---- which shares can be exported ----
 
 static bool user_name(int32_t id, char (&name)[user_name_size])
 {
@@ -48,7 +48,7 @@ static bool user_name(int32_t id, char (&name)[user_name_size])
     return true;
 }
 
-// Looks at a directory of the machine's own. Returns false when it is none.
+// Looks at a directory that is no mount of the service's. Returns false if it is no directory.
 static bool look_at_directory(const char* path, bool* readonly)
 {
     struct stat status;
@@ -59,8 +59,8 @@ static bool look_at_directory(const char* path, bool* readonly)
     return true;
 }
 
-// Looks a mounted directory up. It is not looked at itself: where the medium hangs, so would the
-// look. Returns false when nothing is mounted there.
+// Looks a directory of the service up in the mount table. The directory itself is not touched: that
+// would hang where the medium hangs. Returns false when nothing is mounted there.
 static bool look_up_mount(const MountRoot* root, const char* path, const Mountinfo* mounts,
                           bool* readonly)
 {
@@ -71,7 +71,7 @@ static bool look_up_mount(const MountRoot* root, const char* path, const Mountin
     return true;
 }
 
-// Whether the share can be exported; if so, `readonly` says how its directory is mounted.
+// Whether the share can be exported; then `readonly` is set for a read-only mount.
 static bool is_present(const Share* share, const MountRoot* root, const Mountinfo* mounts,
                        Notes* notes, bool* readonly)
 {
@@ -91,7 +91,7 @@ static bool is_present(const Share* share, const MountRoot* root, const Mountinf
     return false;
 }
 
-// Copies the shares that can be exported to the front of `present`. Returns their number.
+// Fills `present` with the shares that can be exported. Returns their number.
 static size_t select_present(const ShareTable* table, const MountRoot* root,
                              const Mountinfo* mounts, Notes* notes, ExportedShare* present)
 {
@@ -137,7 +137,7 @@ static int make_from_table(const Bridge* bridge, const ShareTable* table, Notes*
     if (result != 0)
         return result;
     char resolved[PATH_MAX];
-    // One that does not exist has no mounts below it.
+    // A mount root that does not exist has no mounts below it.
     const bool found = realpath(bridge->mountpath, resolved) != nullptr;
     const MountRoot root = {.configured = bridge->mountpath,
                             .resolved = found ? resolved : bridge->mountpath};
@@ -149,7 +149,7 @@ static int make_from_table(const Bridge* bridge, const ShareTable* table, Notes*
     return write_text(bridge, shares.get(), count, notes, text);
 }
 
-// Reads the share file; one that cannot be read counts as empty. Returns 0 or -ENOMEM.
+// Reads the share file; it counts as empty if it cannot be read. Returns 0 or -ENOMEM.
 static int load_share_file(const char* path, Notes* notes, IniDoc** doc)
 {
     const int result = ini_doc_load(path, doc);
@@ -190,10 +190,10 @@ int bridge_make_text(Bridge* bridge, char** text)
 
 // ---- the file ----
 
-// Puts the new text in place of the old one. Returns 0 or -1, the reason logged.
+// Replaces the include file and tells Samba. Returns 0; -1, logged.
 static int replace(const Bridge* bridge, const char* old_text, const char* new_text)
 {
-    SectionListGuard closed; // first, so that want of memory changes nothing
+    SectionListGuard closed; // found first, so that nothing changes when memory runs out
     if (shares_to_close(old_text, new_text, closed.out()) != 0) {
         (void)out_of_memory();
         return -1;

@@ -7,7 +7,7 @@
 #include <limits.h>
 #include <string.h>
 
-static constexpr mode_t file_mode = 0644; // smbd's children read it as anybody
+static constexpr mode_t file_mode = 0644; // smbd reads it under any user id
 static constexpr mode_t directory_mode = 0755;
 
 int include_file_read(const char* path, char** text)
@@ -26,7 +26,7 @@ static int make_directory_of(const char* path)
     const char* slash = strrchr(path, '/');
     const size_t length = slash != nullptr ? static_cast<size_t>(slash - path) : 0;
     if (length == 0 || length >= sizeof directory)
-        return 0; // the root directory is there
+        return 0; // the root directory exists
     memcpy(directory, path, length);
     directory[length] = '\0';
     const int result = sys_mkdir(directory, directory_mode);

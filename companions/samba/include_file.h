@@ -5,6 +5,6 @@
 // `text` untouched.
 [[nodiscard]] int include_file_read(const char* path, char** text);
 
-// Replaces the file whole, with mode 0644; its directory is made where it is missing (not those
-// above). Returns 0; a negated errno, the old file as it was.
+// Replaces the file, with mode 0644. A missing directory is made, but not its parents. Returns 0; a
+// negated errno, the old file untouched.
 [[nodiscard]] int include_file_write(const char* path, const char* text);

@@ -1,4 +1,4 @@
-// vynas-samba: the file-sharing service of the hotplug service, for Samba.
+// vynas-samba: makes Samba the file-sharing service of the hotplug service.
 #include "config/config_file.h"
 #include "lib/log.h"
 #include "lib/platform.h"
@@ -17,7 +17,8 @@
 
 static constexpr char log_tag[] = "main";
 static constexpr char program_name[] = "vynas-samba";
-static constexpr char service_name[] = "vynas-fssd"; // under which the hotplug daemon knows it
+static constexpr char service_name[] =
+    "vynas-fssd"; // the name of the pid file that the daemon looks for
 
 static constexpr char help[] =
     "Usage: vynas-samba [option]...\n"
@@ -31,10 +32,9 @@ static constexpr char help[] =
     "      --help          print this, and end\n"
     "      --version       print the version, and end\n";
 
-// ---- one task each ----
+// ---- tasks ----
 
-// Nothing comes at a bad moment: signals are taken where they are waited for. SIGCHLD is among them
-// for samba_tell.
+// Signals are taken only where they are waited for: SIGCHLD in samba_tell, the others in serve.
 static void block_signals(sigset_t* awaited)
 {
     sigemptyset(awaited);
@@ -62,9 +62,9 @@ static int serve(Bridge* bridge, const sigset_t* awaited)
     }
     VY_LOG(LOG_INFO, "start");
     for (;;) {
-        (void)bridge_refresh(bridge); // told; the next signal is the next try
+        (void)bridge_refresh(bridge); // logged; the next signal is the next try
         int number = sigwaitinfo(awaited, nullptr);
-        while (number < 0 && errno == EINTR) // stopped and continued
+        while (number < 0 && errno == EINTR) // after SIGSTOP and SIGCONT
             number = sigwaitinfo(awaited, nullptr);
         if (number != SIGHUP)
             break;
@@ -74,7 +74,7 @@ static int serve(Bridge* bridge, const sigset_t* awaited)
     return EXIT_SUCCESS;
 }
 
-// Returns the program's status, for what was printed.
+// Flushes what printf or fputs returned `printed` for. Returns the exit status.
 static int end_printing(int printed)
 {
     if (printed >= 0 && stream_flush(stdout) == 0)
@@ -134,8 +134,8 @@ int main(int argc, char* argv[])
         return end_printing(fputs(help, stdout));
     if (options.task == TASK_VERSION)
         return end_printing(printf("%s %s\n", program_name, vy_build));
-    // Who runs it by hand sees the lines as well.
+    // Run by hand, it prints the lines as well.
     openlog(program_name, options.task == TASK_SERVE ? LOG_PID : LOG_PID | LOG_PERROR, LOG_DAEMON);
-    setlogmask(LOG_UPTO(LOG_INFO)); // what reads the configuration logs its items below that
+    setlogmask(LOG_UPTO(LOG_INFO)); // parsers log items at LOG_DEBUG
     return run_configured(&options);
 }

@@ -3,7 +3,7 @@
 #include <limits.h>
 #include <stdio.h>
 
-// What of the path lies below the root; null when it lies elsewhere.
+// The part of the path below the root; null when it lies elsewhere.
 static const char* part_below(const MountRoot* root, const char* path)
 {
     const char* rest = mountinfo_rest(path, root->configured);

@@ -1,21 +1,21 @@
-// Which mount a share's directory lies on: a directory below the hotplug service's mount root is
-// there as long as something is mounted in it. Touches no world.
+// Finds the mount that a share's directory lies on. Below the mount root of the hotplug service a
+// directory counts as present only while something is mounted there. Touches no world.
 #pragma once
 
 #include "common/mountinfo.h"
 
-// The directory that the hotplug service mounts below: as its configuration, and so the share file,
-// has it, and as the kernel knows it, with no symbolic link. Both borrowed.
+// The directory below which the hotplug service mounts: as its configuration and the share file
+// write it, and as the kernel knows it, without symbolic links. Both borrowed.
 struct MountRoot {
     const char* configured;
     const char* resolved;
 };
 
-// Whether a share's path, as the share file has it, lies below the root, where something has to be
-// mounted.
+// Whether a share's path, as the share file writes it, lies below the root, so that it needs a
+// mount.
 [[nodiscard]] bool share_mount_is_wanted(const MountRoot* root, const char* path);
 
-// Lends the mount that such a path lies on; null when nothing is mounted there, also when the path
+// Lends the mount that such a path lies on; null when nothing is mounted there, and when the path
 // lies on the filesystem of the root itself.
 [[nodiscard]] const MountinfoEntry* share_mount_find(const MountRoot* root, const char* path,
                                                      const Mountinfo* mounts);

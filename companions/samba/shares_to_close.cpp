@@ -6,10 +6,10 @@
 #include <errno.h>
 #include <string.h>
 
-// The section that ends the file is no share.
+// The last section of the file is no share.
 static constexpr char global_section[] = "global";
 
-// Lines that a connected client need not care for.
+// Lines whose change does not concern connected clients.
 static constexpr const char* harmless_lines[] = {
     "\tcomment =",
     "\tstrict sync =",
@@ -73,7 +73,7 @@ static bool is_harmless(Span line)
     return false;
 }
 
-// Takes the next line that matters from a section; false at the section's end.
+// Takes the next line of a section that is not harmless; false at the section's end.
 static bool next_significant(const char** body, Span* line)
 {
     Span ignored;
@@ -100,7 +100,7 @@ static bool same_body(const char* a, const char* b)
     }
 }
 
-// Whether the new text has the section, with the same lines.
+// Whether the new text has the section with the same lines.
 static bool stays(Span name, const char* body, const char* new_text)
 {
     Span other;

@@ -1,7 +1,6 @@
-// Which shares must be closed (smbcontrol's close-share), so that their clients are disconnected,
-// when one include file replaces another: those that are gone, and those that have another path or
-// other rights. A new comment or another way of writing to the disk disturbs nobody. Touches no
-// world.
+// Finds the shares whose clients must be disconnected (smbcontrol's close-share) when one include
+// file replaces another: those that are gone, and those with another path or other rights. A new
+// comment or another sync setting disconnects nobody. Touches no world.
 #pragma once
 
 #include "lib/vylist.h"

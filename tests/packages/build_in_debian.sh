@@ -1,9 +1,9 @@
 #!/bin/bash
 # usage: build_in_debian.sh DEBIAN PACKAGES
 #
-# Builds the packages as a newcomer does: in a Debian with nothing but what debootstrap makes, laid over the one that
-# debian_root.sh has made, a clone of the project, packaging/build-packages. Puts them into the folder PACKAGES. What
-# has changed in the project since the last commit is laid over the clone.
+# Builds the packages as a newcomer does: packaging/build-packages, in a clone of the project, in a Debian that holds
+# nothing but what debootstrap installs. DEBIAN is what debian_root.sh has made; the packages are copied into the folder
+# PACKAGES. Changes that are not committed are copied over the clone.
 set -eu
 cd "$(dirname "$0")/../.."
 debian=$(readlink -f "$1")

@@ -162,18 +162,18 @@ class Systemd(Machine):
         """What its processes and the service manager have logged of a unit."""
         return self.run_ok("journalctl", "--quiet", "--output=cat", "--unit", unit).splitlines()
 
-    def test_saving_them_is_not_worth_a_line_in_the_journal(self):
+    def test_saving_them_logs_nothing(self):
         self.assertEqual(self.journal("vyhotplugd-settings.service"), [])
         self.assertIn("Started vyhotplugd.service - Storage hotplug service.", self.journal("vyhotplugd.service"))
 
-    def test_what_they_log_is_not_for_developers(self):
+    def test_nothing_is_logged_at_debug_level(self):
         for name in ("vyhotplug-agent", "vyhotplug-prepare", "vynas-samba"):
             self.assertEqual(self.run_ok("journalctl", "--quiet", "--output=cat", "--priority=debug..debug",
                                          "--identifier", name), "", name)
         self.assertIn("main(", self.run_ok("journalctl", "--output=cat", "--identifier", "vynas-samba"))
 
-    def test_a_start_that_fails_is_none_too_many(self):
-        """A wrong configuration is mended, and a restart by hand is not refused for the starts before."""
+    def test_failed_starts_do_not_refuse_a_restart(self):
+        """Not even many, within a short time, once the configuration is correct."""
         config = "/etc/vyhotplugd/vyhotplugd.conf"
         right = self.read(config)
         self.write(config, re.sub("^mountpath.*\n", "", right, flags=re.MULTILINE))
@@ -184,7 +184,7 @@ class Systemd(Machine):
         self.wait_for_shares("Cinema", "Films(A2)", who=ANNA)
         self.wait_for_unit("vyhotplug-agent.service")
 
-    def test_what_is_mended_starts_by_itself(self):
+    def test_a_corrected_configuration_starts_by_itself(self):
         config = "/etc/vyhotplugd/vyhotplugd.conf"
         right = self.read(config)
         self.write(config, re.sub("^mountpath.*\n", "", right, flags=re.MULTILINE))
@@ -217,7 +217,7 @@ class Systemd(Machine):
         self.run_any("systemctl", "start", "vynas-samba.service")
         self.wait_for_unit("vynas-samba.service", "failed")
         self.assertEqual(self.read(SHARE_SERVICE_PID), f"{by_hand.pid}\n")
-        for _ in range(8):  # which is none too many, see below
+        for _ in range(8):  # must not make the start below one too many
             self.run_any("systemctl", "start", "vynas-samba.service")
         by_hand.terminate()
         self.assertEqual(by_hand.wait(debian_world.LIMIT), 0)

@@ -33,7 +33,7 @@ def command_line(tool, node):
 
 
 def replace_everywhere(path, old, new):
-    """Puts other bytes of the same length where the old ones stand."""
+    """Replaces bytes by others of the same length."""
     assert len(old) == len(new), (old, new)
     with open(path, "r+b") as file:
         content = file.read()
@@ -57,7 +57,7 @@ class LabelTools(SystemTest):
     # ---- volumes ----
 
     def make_volume(self, tool, label):
-        """A volume with a label: text for the making program, bytes for the label's very bytes."""
+        """A volume with a label: a string is passed to mkfs, bytes are written as they are."""
         raw = isinstance(label, bytes)
         encoding = "ascii" if tool == "mlabel" else "utf-16le"
         given = label
@@ -261,7 +261,7 @@ class FakeBlkid(LabelTools):
     PID = "/tmp/blkid.pid"
 
     def fake(self, script):
-        """Puts a blkid before the real one."""
+        """Puts a fake blkid first on the PATH."""
         os.makedirs(FAKES, exist_ok=True)
         vyworld.write(f"{FAKES}/blkid", f"#!/bin/sh\necho $$ > {self.PID}\n{script}\n", 0o755)
         return f"{FAKES}:{vyworld.PATH}"
@@ -271,7 +271,7 @@ class FakeBlkid(LabelTools):
         self.wait_until("the fake blkid is killed", lambda: not os.path.exists(f"/proc/{pid}"))
 
     def check_one_that_hangs(self, script):
-        """It is killed, not at once and before the service gives the tool up."""
+        """It is killed: not at once, but before the service gives up."""
         path = self.fake(script)
         began = time.monotonic()
         self.assert_fails("mlabel", "/dev/null", path)
@@ -340,7 +340,7 @@ class ThroughTheService(LabelTools):
         return [line for line in vyworld.read_lines(SHARE_FILE) if line.startswith("[")]
 
     def plug_ntfs(self, name, label):
-        """Plugs a partition whose label has those characters, whatever they are."""
+        """Plugs a partition with any label, also one that mkntfs refuses."""
         given = "PLACEHOLDER-AND-SOME-MORE-OF-IT"[:len(label)]
         self.require_filesystem("ntfs")
         made = vyworld.make_image
@@ -385,7 +385,7 @@ class ThroughTheService(LabelTools):
         self.assertEqual(self.sections(), ["[Drive(A1)]"])
 
     def test_a_device_node_of_a_partition_will_do(self):
-        """What the service hands over is a node of its own below its device directory."""
+        """The node that the service passes is its own, below its device directory."""
         self.make_volume("mlabel", "PHOTOS")
         loop = LoopDevice(IMAGE)
         self.addCleanup(loop.release)

@@ -173,8 +173,8 @@ class Program(BridgeTest):
         self.wait_for_log("samba_control(#)smbcontrol does not end, it is killed")
         self.assertEqual(self.exported(), ["A"])
 
-    def test_nothing_is_logged_that_is_for_developers(self):
-        """What reads the configuration logs each item of a list at the level of debugging."""
+    def test_nothing_is_logged_below_level_info(self):
+        """The parsers log each item of a list at LOG_DEBUG."""
         self.write_config(mountfs="fat,ext", vfatoptions="utf8")
         vyworld.write(SHARE_FILE, share("A", FIXED))
         self.start_bridge()
