@@ -3,10 +3,10 @@
 // nothing that Samba would read as anything else.
 //
 // Input: the share file.
-#include "samba/closing.h"
 #include "samba/include_text.h"
 #include "samba/share.h"
 #include "samba/share_name.h"
+#include "samba/shares_to_close.h"
 
 #include "common/text.h"
 #include "support/check.h"
@@ -131,7 +131,7 @@ static void check_names(const std::vector<ExportedShare>& shares)
 static size_t count_closed(const char* old_text, const char* new_text)
 {
     SectionListGuard names;
-    check_equal(closing_find(old_text, new_text, names.out()), 0, "the texts are compared");
+    check_equal(shares_to_close(old_text, new_text, names.out()), 0, "the texts are compared");
     return names->count;
 }
 

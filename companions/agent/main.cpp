@@ -2,12 +2,12 @@
 #include "agent/monitor.h"
 #include "agent/settings.h"
 #include "lib/log.h"
+#include "lib/version.h"
 
 #include <stdio.h>
 #include <unistd.h>
 
 static constexpr char program[] = "vyhotplug-agent";
-static constexpr char version[] = "1.0.5-beta2";
 static constexpr int wrong_command_line = 2;
 
 static int run(const AgentSettings& settings)
@@ -25,7 +25,7 @@ static int run(const AgentSettings& settings)
         settings_print_help();
         return 0;
     case AGENT_VERSION:
-        printf("%s %s\n", program, version);
+        printf("%s %s\n", program, vy_build);
         return 0;
     case AGENT_NO_MODE:
         break;

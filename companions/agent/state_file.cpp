@@ -1,6 +1,7 @@
 #include "agent/state_file.h"
 
 #include "lib/guard.h"
+#include "lib/platform.h"
 #include "lib/str.h"
 #include "lib/sys.h"
 
@@ -54,7 +55,7 @@ int state_save(const char* path, const DaemonIdentity& daemon, const AnnouncedTa
                   static_cast<long>(daemon.pid), daemon.start,
                   daemon.boot[0] != '\0' ? daemon.boot : "-");
     write_entries(file.get(), table);
-    if (fflush(file.get()) != 0 || ferror(file.get()) != 0) {
+    if (stream_flush(file.get()) != 0) {
         const int failure = errno;
         (void)sys_unlink(beside);
         return failure != 0 ? -failure : -EIO;

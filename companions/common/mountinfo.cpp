@@ -1,5 +1,6 @@
 #include "common/mountinfo.h"
 
+#include "lib/file.h"
 #include "lib/str.h"
 
 #include <errno.h>
@@ -7,8 +8,6 @@
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
-
-static constexpr size_t first_read = 8192; // bytes; doubled as the file needs
 
 // ---- fields ----
 
@@ -77,6 +76,19 @@ static bool next_device(char** rest, MountinfoEntry* entry)
            str_to_ulong(colon + 1, &entry->minor, 10) == 0;
 }
 
+// Whether options, separated by commas, hold "ro". The kernel writes a comma within one as "\\054".
+static bool says_readonly(const char* options)
+{
+    while (*options != '\0') {
+        const size_t length = strcspn(options, ",");
+        if (length == 2 && memcmp(options, "ro", 2) == 0)
+            return true;
+        options += length;
+        options += *options == ',' ? 1 : 0;
+    }
+    return false;
+}
+
 // Passes over the optional fields and the "-" behind them.
 static bool skip_optional(char** rest)
 {
@@ -96,13 +108,17 @@ static bool parse_line(char* line, MountinfoEntry* entry)
     entry->directory = next_text(&line);
     if (entry->root == nullptr || entry->directory == nullptr)
         return false;
-    if (next_field(&line) == nullptr || !skip_optional(&line)) // the mount's own options
+    const char* options = next_field(&line); // the mount's own
+    if (options == nullptr || !skip_optional(&line))
         return false;
     entry->type = next_text(&line);
     entry->source = next_field(&line); // an empty name is one
     if (entry->type == nullptr || entry->source == nullptr)
         return false;
-    decode(const_cast<char*>(entry->source)); // points into the table's own text
+    decode(const_cast<char*>(entry->source));      // points into the table's own text
+    const char* of_filesystem = next_field(&line); // null where the kernel tells none
+    entry->readonly =
+        says_readonly(options) || (of_filesystem != nullptr && says_readonly(of_filesystem));
     return true;
 }
 
@@ -158,55 +174,16 @@ int mountinfo_parse(const char* text, size_t size, Mountinfo** table)
     return make_table(&copy, size, table);
 }
 
-// Doubles the room. Returns 0 or -ENOMEM.
-static int grow(char** buffer, size_t* room)
-{
-    if (*room > SIZE_MAX / 2)
-        return -ENOMEM;
-    auto* larger = static_cast<char*>(realloc(*buffer, *room * 2));
-    if (larger == nullptr)
-        return -ENOMEM;
-    *buffer = larger;
-    *room *= 2;
-    return 0;
-}
-
-// Reads to the end of the file, and puts a NUL behind it. Returns 0 or a negated errno; what is in
-// `buffer` then is the caller's in any case.
-static int read_all(int fd, char** buffer, size_t* size)
-{
-    size_t room = first_read;
-    *buffer = static_cast<char*>(malloc(room));
-    if (*buffer == nullptr)
-        return -ENOMEM;
-    *size = 0;
-    for (;;) {
-        if (*size + 1 == room && grow(buffer, &room) != 0)
-            return -ENOMEM;
-        const ssize_t count = read(fd, *buffer + *size, room - *size - 1);
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count < 0)
-            return -errno;
-        if (count == 0)
-            break;
-        *size += static_cast<size_t>(count);
-    }
-    (*buffer)[*size] = '\0';
-    return 0;
-}
-
 int mountinfo_load(const char* path, Mountinfo** table)
 {
     const FdGuard fd(open(path, O_RDONLY | O_CLOEXEC));
     if (fd.get() < 0)
         return -errno;
-    MemGuard<char> text;
-    size_t size = 0;
-    const int result = read_all(fd.get(), text.out(), &size);
+    FileBytes content;
+    const int result = file_read_fd(fd.get(), FILE_ANY_SIZE, &content);
     if (result != 0)
         return result;
-    return make_table(&text, size, table);
+    return make_table(&content.bytes, content.size, table);
 }
 
 void mountinfo_free(Mountinfo* table)

@@ -25,6 +25,7 @@ struct MountinfoEntry {
     const char* directory; // where it is mounted
     const char* type;      // "ext4", "fuseblk", ...
     const char* source;    // "/dev/sda1", "tmpfs", ...
+    bool readonly;         // here, or the filesystem wherever it is mounted
 };
 
 struct Mountinfo {

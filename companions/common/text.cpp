@@ -7,7 +7,7 @@ static constexpr char replacement = '_';
 
 namespace {
 
-// One kind of sequence: what its first and its second byte may be. The further ones are 80 to BF.
+// A kind of sequence: the ranges of its first and second byte. Further bytes are 80 to BF.
 struct SequenceKind {
     uint8_t first_low;
     uint8_t first_high;
@@ -37,7 +37,7 @@ static bool fits(const SequenceKind& kind, const char* text)
     if (byte_at(text, 1) < kind.second_low || byte_at(text, 1) > kind.second_high)
         return false;
     for (size_t i = 2; i < kind.length; i++) {
-        if ((byte_at(text, i) & 0xc0) != 0x80) // the terminating NUL is none either
+        if ((byte_at(text, i) & 0xc0) != 0x80) // not for the terminating NUL either
             return false;
     }
     return true;

@@ -1,9 +1,9 @@
-// Texts that come from devices and administrators, made fit to stand in a message or a file.
+// Makes strings from devices and administrators fit for a message or a file.
 #pragma once
 
 #include <stddef.h>
 
-// Puts "_" in the place of every control character (C0, DEL and C1), every byte that is not part of
+// Puts "_" in place of every control character (C0, DEL and C1), every byte that is not part of
 // a well-formed UTF-8 sequence (RFC 3629), and every character of `forbidden` (ASCII only; may be
 // empty). Returns how many were replaced.
 size_t text_clean(char* text, const char* forbidden);
@@ -12,7 +12,7 @@ size_t text_clean(char* text, const char* forbidden);
 // well-formed UTF-8.
 void text_shorten(char* text, size_t size);
 
-// Drops blanks at both ends, in place.
+// Drops blanks and tabs at both ends, in place.
 void text_trim(char* text);
 
 // Returns the length in bytes (1 to 4) of the well-formed UTF-8 sequence that `text` begins with; 0

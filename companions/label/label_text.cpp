@@ -5,11 +5,11 @@
 #include <stdint.h>
 #include <string.h>
 
-// What would end the share file's section line, or begin one.
+// They begin and end a section line of the share file.
 static constexpr char forbidden[] = "[]";
 
-// Code page 850 from 80 on. A FAT label does not tell its code page; this one holds the letters of
-// all western languages, and those it shares with 437 are at the same places.
+// Code page 850 from 0x80 on. A FAT label does not tell its code page; this one has the letters of
+// all western languages, and letters that 437 has, too, at the same places.
 static constexpr uint16_t code_page_850[128] = {
     0x00c7, 0x00fc, 0x00e9, 0x00e2, 0x00e4, 0x00e0, 0x00e5, 0x00e7, 0x00ea, 0x00eb, 0x00e8, 0x00ef,
     0x00ee, 0x00ec, 0x00c4, 0x00c5, 0x00c9, 0x00e6, 0x00c6, 0x00f4, 0x00f6, 0x00f2, 0x00fb, 0x00f9,
@@ -35,7 +35,7 @@ static bool is_well_formed(const char* text)
     return true;
 }
 
-// Writes a character up to U+FFFF. Returns the place behind it.
+// Writes a character up to U+FFFF as UTF-8. Returns the position behind it.
 static char* put_character(char* to, unsigned code)
 {
     if (code < 0x80) {
@@ -68,7 +68,7 @@ void label_from_printed(const char* printed, bool code_page, char (&label)[label
         length--;
     memcpy(label, printed, length);
     label[length] = '\0';
-    // Linux programs have put UTF-8 there, which hardly ever is what a code page's text looks like.
+    // Linux programs write UTF-8 labels; text of a code page is hardly ever well-formed UTF-8.
     if (code_page && !is_well_formed(label))
         decode(printed, length, label);
     (void)text_clean(label, forbidden);

@@ -22,7 +22,7 @@ static constexpr uint32_t let_go_ms = 400;
 
 // ---- the file-sharing service ----
 
-// Empties the share file, if it is a file of root's own under this one name.
+// Empties the share file if it is a regular file of root's with one name.
 static int empty_share_file(const char* path)
 {
     const FdGuard fd(open(path, O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
@@ -41,7 +41,7 @@ static void withdraw_shares(const char* share_file)
     const int result = empty_share_file(share_file);
     if (result != 0)
         tell(LOG_WARNING, "%s is not emptied: %s", share_file, strerror(-result));
-    (void)vy_sigsend_pid_file(share_service_pid_file, SIGHUP); // nobody to tell is no failure
+    (void)vy_sigsend_pid_file(share_service_pid_file, SIGHUP); // that nobody is there is no failure
     (void)vytime_msleep(let_go_ms);
 }
 
@@ -52,7 +52,7 @@ static bool is_gone(int result)
     return result == 0 || result == -EINVAL || result == -ENOENT;
 }
 
-// Returns 0 when nothing is mounted there any more; a negated errno, told.
+// Unmounts or detaches. Returns 0 when nothing is mounted there any more; a negated errno, told.
 static int take_off(const char* directory)
 {
     const int result = sys_umount(directory);
@@ -70,7 +70,7 @@ static int take_off(const char* directory)
     return detached;
 }
 
-// The first name below the mount directory, up to its slash or the end.
+// The path below the mount directory.
 static const char* name_of(const char* directory, const char* mountpath)
 {
     const char* name = directory + strlen(mountpath);
@@ -97,15 +97,15 @@ bool leftovers_is_ours(const char* directory, const char* mountpath)
     return false;
 }
 
-// Removes what the service had made for a partition. A mount deeper down stands in a directory that
-// is not the service's.
+// Removes the directory and the node that the service made for a partition. A mount deeper down
+// lies in a directory that is not the service's.
 static void remove_places(const char* directory, const char* mountpath, const char* devicepath)
 {
     const char* name = name_of(directory, mountpath);
     if (strchr(name, '/') != nullptr)
         return;
     char node[place_path_size];
-    (void)sys_rmdir(directory); // neither may be there any more, or the directory hold something
+    (void)sys_rmdir(directory); // both may be gone already, and the directory may hold files
     if (strlen(devicepath) + 1 + strlen(name) >= sizeof node)
         return;
     str_cpy(str_cpy(str_cpy(node, devicepath), "/"), name);
@@ -125,7 +125,7 @@ static bool is_any_ours(const Mountinfo* table, const char* mountpath)
 
 int leftovers_take_off(const ConfHotplug* config, const Mountinfo* table)
 {
-    // The kernel's table names directories by what links lead to.
+    // The paths in the kernel's table hold no symbolic links.
     const MemGuard<char> mountpath(realpath(config->mountpath, nullptr));
     if (!mountpath || !is_any_ours(table, mountpath.get()))
         return 0;

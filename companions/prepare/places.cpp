@@ -14,11 +14,11 @@
 
 static constexpr mode_t directory_mode = 0755;
 static constexpr mode_t writable_by_others = 0022;
-static constexpr int attempts = 16; // before somebody who is quicker each time is given in to
+static constexpr int attempts = 16; // before it gives in to somebody who is quicker each time
 
 // ---- paths ----
 
-// Writes the two texts one behind the other. Returns 0 or -ENAMETOOLONG.
+// Concatenates. Returns 0 or -ENAMETOOLONG.
 static int join(char (&joined)[place_path_size], const char* first, const char* second)
 {
     const size_t length = strlen(first);
@@ -43,7 +43,7 @@ int place_parent(const char* path, char (&parent)[place_path_size])
     return 0;
 }
 
-// ---- whose it is ----
+// ---- owners ----
 
 static bool is_roots_directory(const struct stat& status)
 {
@@ -51,7 +51,7 @@ static bool is_roots_directory(const struct stat& status)
            (status.st_mode & writable_by_others) == 0;
 }
 
-// Whether nobody but root can take away or rename what root puts into the folder above.
+// Returns 0 if nobody but root can remove or rename what root puts at this path.
 static int check_parent(const char* path)
 {
     char parent[place_path_size];
@@ -88,9 +88,9 @@ static void tell_in_the_way(const char* path, const struct stat& status, const c
          aside != nullptr ? aside : "");
 }
 
-// ---- making room ----
+// ---- what is in the way ----
 
-// Makes a new directory with a name that begins with the path, open to root only.
+// Makes a new directory beside the path that only root can enter.
 static int make_private(const char* path, char (&made)[place_path_size])
 {
     const int result = join(made, path, ".aside-XXXXXX");
@@ -99,8 +99,8 @@ static int make_private(const char* path, char (&made)[place_path_size])
     return mkdtemp(made) != nullptr ? 0 : -errno;
 }
 
-// Moves a directory into one that only root can enter: its contents may be anything, and be changed
-// while they are looked at, so they are not gone through.
+// Moves a directory into one that only root can enter. Nothing in it is looked at or removed: it
+// may be anything, and may change at any moment.
 static int set_aside(const char* path, const struct stat& status)
 {
     char folder[place_path_size];
@@ -112,7 +112,7 @@ static int set_aside(const char* path, const struct stat& status)
     if (result == 0)
         result = sys_rename(path, moved);
     if (result != 0) {
-        (void)sys_rmdir(folder); // empty; were it not, it would be in nobody's way
+        (void)sys_rmdir(folder); // empty; else it is in nobody's way
         return result;
     }
     tell_in_the_way(path, status, folder);
@@ -127,8 +127,8 @@ static int remove_directory(const char* path, const struct stat& status)
     return result == -ENOTEMPTY || result == -EEXIST ? set_aside(path, status) : result;
 }
 
-// Takes away what is there. Returns 0 also when nothing is, or when it is something else by now:
-// the caller looks again.
+// Removes what is at the path. Returns 0 also when nothing is there, or something else by now: the
+// caller looks again.
 static int make_room(const char* path)
 {
     struct stat status;
@@ -147,8 +147,8 @@ static int make_room(const char* path)
 
 // ---- directories ----
 
-// Takes a directory over if it is root's. Returns 0; 1 when something else is there; a negated
-// errno.
+// Accepts a directory of root's and sets its mode. Returns 0; 1 when something else is there; a
+// negated errno.
 static int adopt_directory(const char* path)
 {
     const FdGuard fd(open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
@@ -189,7 +189,7 @@ static bool is_directory(const char* path)
     return stat(path, &status) == 0 && S_ISDIR(status.st_mode);
 }
 
-// Makes a directory whose parent is there.
+// Makes a directory whose parent exists.
 static int make_directory(const char* path)
 {
     if (is_directory(path))
@@ -229,8 +229,8 @@ static bool is_link_to(const char* path, const char* target)
            memcmp(found, target, static_cast<size_t>(length)) == 0;
 }
 
-// Puts a link, made where only root can enter, into its place; what is there and is no directory is
-// gone with it.
+// Makes a link in a directory that only root can enter and renames it to the path, where it
+// replaces anything but a directory.
 static int move_link(const char* path, const char* target)
 {
     char folder[place_path_size];
@@ -244,7 +244,7 @@ static int move_link(const char* path, const char* target)
     if (result == 0)
         result = sys_rename(link, path);
     if (result != 0)
-        (void)sys_unlink(link); // it may not have come to be
+        (void)sys_unlink(link); // it may not exist
     (void)sys_rmdir(folder);
     return result;
 }
@@ -269,7 +269,7 @@ int place_link(const char* path, const char* target)
     return result != 0 ? result : -EEXIST;
 }
 
-// ---- nothing ----
+// ---- files ----
 
 int place_clear(const char* path)
 {

@@ -4,6 +4,7 @@
 #include "config/config_file.h"
 #include "lib/guard.h"
 #include "lib/str.h"
+#include "lib/version.h"
 #include "prepare/leftovers.h"
 #include "prepare/places.h"
 #include "prepare/settings.h"
@@ -18,12 +19,11 @@
 #include <unistd.h>
 
 static constexpr char program_name[] = "vyhotplug-prepare";
-static constexpr char program_version[] = "1.0.5";
 static constexpr char default_config[] = "/etc/vyhotplugd/vyhotplugd.conf";
 static constexpr char pid_file[] = "/var/run/vyhotplugd.pid";
-static constexpr size_t service_path_size = 128; // bytes of a configuration's path in the service
+static constexpr size_t service_path_size = 128; // bytes that the service has for this path
 
-// The service makes its files in /tmp and moves them, so they must stay on that filesystem.
+// The service makes its files in /tmp and renames them, so they must be on that filesystem.
 static constexpr char temporary_folder[] = "/tmp";
 static constexpr char files_folder[] = "/tmp/vyhotplugd";
 static constexpr char files_link_folder[] = "/run/vyhotplugd";
@@ -34,7 +34,7 @@ static constexpr char info_link[] = "/tmp/vynasmira/vyhotplugd.conf";
 static constexpr char hook_link[] = "/tmp/vyhotplugd-evhook.sh";
 static constexpr char hook[] = "/etc/vyhotplugd/evhook";
 
-// What a directory is called that the configuration does not name.
+// The default of the keys for directories: they are not set.
 static constexpr char no_directory[] = "/tmp/hotplug.dev.conf";
 
 // ---- the configuration ----
@@ -53,7 +53,7 @@ static bool is_complete(const ConfHotplug* config)
            config->mountpath != nullptr && config->devicepath != nullptr;
 }
 
-// Returns owned; null, told, for one that cannot be read or loaded.
+// Returns owned; null, told, when it cannot be read.
 static ConfHotplug* load_config(const char* path)
 {
     if (access(path, R_OK) != 0) {
@@ -70,8 +70,8 @@ static ConfHotplug* load_config(const char* path)
 
 // ---- the lock ----
 
-// Takes the service's lock, so that neither it nor another run of this program begins meanwhile.
-// Returns -1, told, when somebody has it. Without a file, nobody has it.
+// Takes the service's lock, so that neither the service nor another run of this program can start
+// meanwhile. Returns -1, told, when it is held. Nobody holds it where there is no file.
 static int take_lock(FdGuard* lock)
 {
     lock->reset(open(pid_file, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
@@ -86,7 +86,7 @@ static int take_lock(FdGuard* lock)
     return -1;
 }
 
-// ---- the places ----
+// ---- directories, links, files ----
 
 namespace {
 
@@ -141,8 +141,8 @@ static int try_place(const Place& place)
     return place.needed ? -1 : 0;
 }
 
-// What is made, in this order. A hook that another user laid there would be run as root, and what
-// others put in the place of a temporary file would be written to: so both are needed.
+// Makes all of them, in this order. Root would run a hook that another user put there, and write to
+// what others put in the place of a temporary file: so the service must not start without these.
 static int make_places(const ConfHotplug* config, const Parents& parents, const char* config_path)
 {
     const bool files = mountinfo_is_below(config->smbconfigpath, files_link) ||
@@ -160,7 +160,7 @@ static int make_places(const ConfHotplug* config, const Parents& parents, const 
         {PlaceKind::clear, true, true, "/tmp/vyhotplug.dev.conf.tmp", nullptr},
         {PlaceKind::clear, true, true, "/tmp/vyhotplug.dir.conf.tmp", nullptr},
         {PlaceKind::clear, true, true, "/tmp/mntent.tmp", nullptr},
-        // For vyhotpluginfo, which finds the configuration there.
+        // vyhotpluginfo looks for the configuration there.
         {PlaceKind::own_directory, info, false, info_folder, nullptr},
         {PlaceKind::link, info, false, info_link, config_path},
     };
@@ -172,7 +172,7 @@ static int make_places(const ConfHotplug* config, const Parents& parents, const 
     return result;
 }
 
-// Says so when a file can never be moved into its place.
+// Warns of a file that the service can never rename into place.
 static void check_filesystem(const char* directory, const char* file)
 {
     struct stat there;
@@ -184,7 +184,7 @@ static void check_filesystem(const char* directory, const char* file)
              temporary_folder);
 }
 
-// ---- all of it ----
+// ---- the whole run ----
 
 static void take_leftovers_off(const ConfHotplug* config)
 {
@@ -193,7 +193,7 @@ static void take_leftovers_off(const ConfHotplug* config)
     if (result != 0)
         tell(LOG_WARNING, "%s cannot be read: %s", mountinfo_path, strerror(-result));
     else
-        (void)leftovers_take_off(config, table.get()); // told; other devices can be mounted
+        (void)leftovers_take_off(config, table.get()); // told; other devices can still be mounted
 }
 
 static void restore_settings(const char* device_file)
@@ -265,7 +265,8 @@ static void print_help(FILE* stream)
             program_name, default_config);
 }
 
-// Makes the configuration's path one that holds wherever it is read. Returns -1, told.
+// Makes the configuration's path absolute: the service works in another directory. Returns -1,
+// told.
 static int make_absolute(const char* path, char (&absolute)[service_path_size])
 {
     char directory[service_path_size] = "";
@@ -312,7 +313,7 @@ int prepare_main(int argc, char* argv[])
             print_help(stdout);
             return 0;
         case 'v':
-            printf("%s %s\n", program_name, program_version);
+            printf("%s %s\n", program_name, vy_build);
             return 0;
         default:
             print_help(stderr);

@@ -1,4 +1,4 @@
-// What a run has to say, at once to whoever started it and to the system log.
+// Messages of a run, for whoever started it and for the system log.
 #pragma once
 
 #include <syslog.h>

@@ -4,13 +4,13 @@
 #include "config/ini.h"
 #include "lib/log.h"
 #include "lib/str.h"
-#include "samba/closing.h"
 #include "samba/include_file.h"
 #include "samba/include_text.h"
-#include "samba/presence.h"
 #include "samba/samba_control.h"
 #include "samba/share.h"
+#include "samba/share_mount.h"
 #include "samba/share_name.h"
+#include "samba/shares_to_close.h"
 
 #include <errno.h>
 #include <limits.h>
@@ -18,9 +18,10 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 
 static constexpr char log_tag[] = "bridge";
-static constexpr size_t account_size = 16384; // bytes of one user's texts
+static constexpr size_t account_size = 16384; // bytes of one passwd entry's strings
 
 static void log_note(int priority, const char* message)
 {
@@ -33,7 +34,7 @@ static int out_of_memory()
     return -ENOMEM;
 }
 
-// ---- what is there ----
+// ---- which shares can be exported ----
 
 static bool user_name(int32_t id, char (&name)[user_name_size])
 {
@@ -47,16 +48,32 @@ static bool user_name(int32_t id, char (&name)[user_name_size])
     return true;
 }
 
-static bool is_directory(const char* path)
+// Looks at a directory that is no mount of the service's. Returns false if it is no directory.
+static bool look_at_directory(const char* path, bool* readonly)
 {
     struct stat status;
-    return stat(path, &status) == 0 && S_ISDIR(status.st_mode);
+    if (stat(path, &status) != 0 || !S_ISDIR(status.st_mode))
+        return false;
+    struct statvfs filesystem;
+    *readonly = statvfs(path, &filesystem) == 0 && (filesystem.f_flag & ST_RDONLY) != 0;
+    return true;
 }
 
-// Whether the share can be exported. A mounted directory is not looked at itself: where the medium
-// hangs, so would the look.
-static bool is_present(const Share* share, const MountPlace* place, const Mountinfo* mounts,
-                       Notes* notes)
+// Looks a directory of the service up in the mount table. The directory itself is not touched: that
+// would hang where the medium hangs. Returns false when nothing is mounted there.
+static bool look_up_mount(const MountRoot* root, const char* path, const Mountinfo* mounts,
+                          bool* readonly)
+{
+    const MountinfoEntry* mount = share_mount_find(root, path, mounts);
+    if (mount == nullptr)
+        return false;
+    *readonly = mount->readonly;
+    return true;
+}
+
+// Whether the share can be exported; then `readonly` is set for a read-only mount.
+static bool is_present(const Share* share, const MountRoot* root, const Mountinfo* mounts,
+                       Notes* notes, bool* readonly)
 {
     const char* fault = include_path_fault(share->path);
     if (fault != nullptr) {
@@ -64,23 +81,30 @@ static bool is_present(const Share* share, const MountPlace* place, const Mounti
                   fault, share->path);
         return false;
     }
-    const bool mounted = presence_is_mounted_path(place, share->path);
-    if (mounted ? presence_is_mounted(place, share->path, mounts) : is_directory(share->path))
+    const bool wants_mount = share_mount_is_wanted(root, share->path);
+    if (wants_mount ? look_up_mount(root, share->path, mounts, readonly)
+                    : look_at_directory(share->path, readonly))
         return true;
     notes_add(notes, LOG_INFO, "share %s (%s) is withdrawn: %s is %s", share->name,
               share->identifier != nullptr ? share->identifier : "", share->path,
-              mounted ? "not mounted" : "no directory");
+              wants_mount ? "not mounted" : "no directory");
     return false;
 }
 
-// Copies the shares that can be exported to the front of `present`. Returns their number.
-static size_t select_present(const ShareTable* table, const MountPlace* place,
+// Fills `present` with the shares that can be exported. Returns their number.
+static size_t select_present(const ShareTable* table, const MountRoot* root,
                              const Mountinfo* mounts, Notes* notes, ExportedShare* present)
 {
     size_t count = 0;
     for (size_t i = 0; i < table->count; i++) {
-        if (is_present(&table->shares[i], place, mounts, notes))
-            present[count++].share = &table->shares[i];
+        const Share* share = &table->shares[i];
+        bool readonly = false;
+        if (!is_present(share, root, mounts, notes, &readonly))
+            continue;
+        if (readonly && !share->readonly)
+            notes_add(notes, LOG_INFO, "share %s is read-only: %s is mounted so", share->name,
+                      share->path);
+        present[count++] = {.share = share, .name = nullptr, .readonly_mount = readonly};
     }
     return count;
 }
@@ -113,19 +137,19 @@ static int make_from_table(const Bridge* bridge, const ShareTable* table, Notes*
     if (result != 0)
         return result;
     char resolved[PATH_MAX];
-    // One that does not exist has no mounts below it.
+    // A mount root that does not exist has no mounts below it.
     const bool found = realpath(bridge->mountpath, resolved) != nullptr;
-    const MountPlace place = {.configured = bridge->mountpath,
-                              .resolved = found ? resolved : bridge->mountpath};
+    const MountRoot root = {.configured = bridge->mountpath,
+                            .resolved = found ? resolved : bridge->mountpath};
     MemGuard<ExportedShare> shares(
         static_cast<ExportedShare*>(calloc(table->count + 1, sizeof(ExportedShare))));
     if (!shares)
         return -ENOMEM;
-    const size_t count = select_present(table, &place, mounts.get(), notes, shares.get());
+    const size_t count = select_present(table, &root, mounts.get(), notes, shares.get());
     return write_text(bridge, shares.get(), count, notes, text);
 }
 
-// Reads the share file; one that cannot be read counts as empty. Returns 0 or -ENOMEM.
+// Reads the share file; it counts as empty if it cannot be read. Returns 0 or -ENOMEM.
 static int load_share_file(const char* path, Notes* notes, IniDoc** doc)
 {
     const int result = ini_doc_load(path, doc);
@@ -166,11 +190,11 @@ int bridge_make_text(Bridge* bridge, char** text)
 
 // ---- the file ----
 
-// Puts the new text in place of the old one. Returns 0 or -1, the reason logged.
+// Replaces the include file and tells Samba. Returns 0; -1, logged.
 static int replace(const Bridge* bridge, const char* old_text, const char* new_text)
 {
-    SectionListGuard closed; // first, so that want of memory changes nothing
-    if (closing_find(old_text, new_text, closed.out()) != 0) {
+    SectionListGuard closed; // found first, so that nothing changes when memory runs out
+    if (shares_to_close(old_text, new_text, closed.out()) != 0) {
         (void)out_of_memory();
         return -1;
     }
@@ -180,7 +204,7 @@ static int replace(const Bridge* bridge, const char* old_text, const char* new_t
         return -1;
     }
     VY_LOG(LOG_INFO, "%s is written", bridge->config->includepath);
-    samba_tell(bridge->config->smbcontrol, closed.get());
+    samba_tell(bridge->config->smbcontrol, closed.get(), samba_limit_ms);
     return 0;
 }
 

@@ -4,15 +4,15 @@
 #include "lib/guard.h"
 
 struct BridgeConfig {
-    char* includepath;   // the file that is written; owned, as all of them
-    char* administrator; // user names
+    char* includepath;   // the include file; all strings are owned
+    char* administrator; // a user name, like the next two
     char* guest;
-    char* forceuser;  // empty: nobody
-    char* smbcontrol; // the program, searched on PATH when it is no path
+    char* forceuser;  // empty for none
+    char* smbcontrol; // the program; searched on PATH unless it holds a slash
 };
 
-// Returns owned: the configuration, with the default for what is not given or is not accepted,
-// which is logged; null when memory runs out. A file that is not there leaves every default.
+// Returns owned: the configuration; null when memory runs out. A key that is missing has its
+// default, and so has one whose value is not accepted, which is logged. The file may be missing.
 [[nodiscard]] BridgeConfig* bridge_config_load(const char* path);
 
 void bridge_config_free(BridgeConfig* config);

@@ -1,10 +1,10 @@
-// The include file: read whole, and written whole, beside its place and moved there.
+// The file that smb.conf includes.
 #pragma once
 
 // Reads the file, up to a NUL byte if it holds one. Returns 0 and an owned text; a negated errno,
 // `text` untouched.
 [[nodiscard]] int include_file_read(const char* path, char** text);
 
-// Puts a new file with mode 0644 in its place; its directory is made where it is missing (not those
-// above). Returns 0; a negated errno, the old file as it was.
+// Replaces the file, with mode 0644. A missing directory is made, but not its parents. Returns 0; a
+// negated errno, the old file untouched.
 [[nodiscard]] int include_file_write(const char* path, const char* text);

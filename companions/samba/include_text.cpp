@@ -13,12 +13,12 @@ static constexpr char head[] = "# Made by vynas-samba from the share file of the
                                "and made anew whenever that\n"
                                "# changes: what is written here by hand is lost.\n";
 
-// Without it, what follows the include line in smb.conf would belong to the last share.
+// Else the lines behind smb.conf's include line would belong to the last share.
 static constexpr char foot[] = "[global]\n";
 
-static constexpr size_t id_size = 64; // bytes with the NUL; none is longer
+static constexpr size_t id_size = 64; // bytes of a user id with the NUL; longer ones are none
 
-// ---- what the file can carry ----
+// ---- what smb.conf can hold ----
 
 bool include_user_fits(const char* name)
 {
@@ -47,28 +47,28 @@ static bool holds_unprintable(const char* path)
     return false;
 }
 
-static bool holds_percent(const char* path) // and what is behind it would be replaced
+static bool holds_percent(const char* path) // starts a variable
 {
     return strchr(path, '%') != nullptr;
 }
 
-static bool holds_quote(const char* path) // one at an end would be dropped
+static bool holds_quote(const char* path) // Samba drops one at an end
 {
     return strchr(path, '"') != nullptr;
 }
 
-static bool holds_two_blanks(const char* path) // they would become one
+static bool holds_two_blanks(const char* path) // Samba makes one of them
 {
     return strstr(path, "  ") != nullptr;
 }
 
-static bool ends_badly(const char* path) // the next line would belong to the value
+static bool ends_badly(const char* path) // Samba joins the next line, or drops the blank
 {
     const char last = path[strlen(path) - 1];
     return last == '\\' || last == ' ';
 }
 
-// What lies behind ".." depends on links, so whether that is mounted cannot be told.
+// Where ".." leads depends on links, so the mount cannot be found by the path.
 static bool leads_up(const char* path)
 {
     for (const char* at = strstr(path, "/.."); at != nullptr; at = strstr(at + 1, "/..")) {
@@ -106,18 +106,18 @@ const char* include_path_fault(const char* path)
     return nullptr;
 }
 
-// Changes a comment into the nearest that the file can carry.
+// Replaces what smb.conf cannot hold in a comment.
 static void fit_comment(char* comment)
 {
     (void)text_clean(comment, "");
     for (char* at = comment; *at != '\0'; at++) {
-        if (*at == '"') // dropped at an end
+        if (*at == '"') // Samba drops one at an end
             *at = '\'';
-        if (*at == '%' && at[1] != ' ' && at[1] != '\0') // would be replaced
+        if (*at == '%' && at[1] != ' ' && at[1] != '\0') // starts a variable
             *at = '_';
     }
     const size_t length = strlen(comment);
-    if (length > 0 && comment[length - 1] == '\\') // the next line would belong to it
+    if (length > 0 && comment[length - 1] == '\\') // Samba would join the next line
         comment[length - 1] = '_';
 }
 
@@ -133,19 +133,20 @@ struct Member {
     ShareAccess access;
 };
 
-// Each user once.
+// No user twice.
 struct Members {
     Member* list; // owned
     size_t count;
 };
 
-// What is at hand while a share is written.
+// State while a share is written.
 struct Writing {
     TextBuffer* text;
     const IncludeSettings* settings;
     Notes* notes;
     const Share* share;
     Members members;
+    bool readonly;
     bool selective; // only those named may enter
     bool guests;
 };
@@ -170,7 +171,7 @@ static Member* find_member(const Members* members, const char* name)
     return nullptr;
 }
 
-// Adds the user, or makes what they may the stricter of the two. Returns 0 or -ENOMEM.
+// Adds the user; of one that is there already the stricter access stays. Returns 0 or -ENOMEM.
 static int add_member(Members* members, const char* name, ShareAccess access)
 {
     Member* known = find_member(members, name);
@@ -190,7 +191,7 @@ static int add_member(Members* members, const char* name, ShareAccess access)
     return 0;
 }
 
-// Adds the user with that id, or notes why not. Returns 0 or -ENOMEM.
+// Adds the user with that id, or notes why there is none. Returns 0 or -ENOMEM.
 static int add_id(Writing* writing, const char* text, ShareAccess access)
 {
     int32_t id = 0;
@@ -213,10 +214,10 @@ static int add_id(Writing* writing, const char* text, ShareAccess access)
     return add_member(&writing->members, name, access);
 }
 
-// As add_id, for an item of a list; an empty one is none.
+// As add_id, for an item of a list; an empty item is passed over.
 static int add_item(Writing* writing, const char* item, size_t length, ShareAccess access)
 {
-    char text[id_size] = "?"; // for one that is too long to be an id
+    char text[id_size] = "?"; // stands for an item that is too long
     if (length < sizeof text) {
         memcpy(text, item, length);
         text[length] = '\0';
@@ -239,7 +240,7 @@ static int add_list(Writing* writing, ShareAccess access)
     return 0;
 }
 
-// Gathers everybody of whom something is to be said. Returns 0 or -ENOMEM.
+// Collects the users of all four lists, the administrator and the guest. Returns 0 or -ENOMEM.
 static int gather_members(Writing* writing)
 {
     const Share* share = writing->share;
@@ -268,7 +269,7 @@ static void write_switch(const Writing* writing, const char* parameter, bool on)
     text_buffer_add(writing->text, "\t%s = %s\n", parameter, on ? "yes" : "no");
 }
 
-// Writes a line with the users for whom `fits` says so; nothing without one. Returns how many.
+// Writes a line with the users for whom `fits` holds; none, no line. Returns their number.
 static size_t write_users(const Writing* writing, const char* parameter,
                           bool (*fits)(const Member* member))
 {
@@ -312,8 +313,8 @@ static bool hides_from_any(const Members* members)
     return false;
 }
 
-// Nobody at all: an empty list would be everybody, but the administrator, who is among the invalid
-// users then, is a list of its own.
+// Lets nobody enter. An empty list would let everybody enter, so it names the administrator, who is
+// among the invalid users then.
 static void write_nobody(const Writing* writing)
 {
     text_buffer_add(writing->text, "\tvalid users = %s\n", writing->settings->administrator);
@@ -321,7 +322,7 @@ static void write_nobody(const Writing* writing)
 
 static void write_access(const Writing* writing)
 {
-    write_switch(writing, "read only", writing->share->readonly);
+    write_switch(writing, "read only", writing->readonly);
     write_switch(writing, "guest ok", writing->guests);
     write_switch(writing, "guest only", false);
     write_switch(writing, "wide links", false);
@@ -337,7 +338,7 @@ static void write_access(const Writing* writing)
         text_buffer_add(writing->text, "\tforce user = %s\n", forced);
 }
 
-// Returns 0 or -ENOMEM; what the text could not take it tells itself.
+// Returns 0 or -ENOMEM; a text that could not grow is marked as failed.
 static int write_share(Writing* writing, const char* name)
 {
     const Share* share = writing->share;
@@ -370,6 +371,7 @@ static int write_shares(TextBuffer* text, const ExportedShare* shares, size_t co
         writing.settings = settings;
         writing.notes = notes;
         writing.share = shares[i].share;
+        writing.readonly = shares[i].share->readonly || shares[i].readonly_mount;
         if (write_share(&writing, shares[i].name) != 0)
             return -ENOMEM;
     }

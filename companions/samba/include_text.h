@@ -1,13 +1,13 @@
-// The text of the include file: a section of smb.conf(5) for each share that is exported. Touches
-// no world; names of users are asked for.
+// The text of the include file: a section of smb.conf(5) for each exported share. Touches no world;
+// user names come from a callback.
 //
-// What widens access is written in every section, so that no default from smb.conf's [global]
-// reaches it: "read only", "guest ok", "guest only", "write list", "admin users" (always empty:
-// nobody works as root) and "wide links" (no: a link on a stick must not lead into the system).
-// What narrows it is written where it is needed.
+// Parameters that widen access are written in every section, so that no default of smb.conf's
+// [global] applies: "read only", "guest ok", "guest only", "write list", "admin users" (always
+// empty: nobody works as root) and "wide links" (no: a link on a stick must not lead into the
+// system). Parameters that narrow it are written where they are needed.
 //
 //     In the share file                  Written
-//     Read Only                          read only; nobody writes then
+//     Read Only, or mounted read-only    read only; nobody writes then
 //     Sync                               strict sync, sync always
 //     Guest Access, and not Guest Hide   guest ok
 //     Guest Hide                         the guest account: invalid users, access based share enum
@@ -19,11 +19,12 @@
 //     Administrator ReadOnly             the same, and read list
 //     Administrator Block, HideT         as Block Users, Hide Users
 //
-// "valid users" is written where Full Access Users or Read Only Users are given, even if nobody of
-// them is known: the users of both, the administrator unless blocked, guests where they have
-// access. Otherwise everybody with an account may enter. Of several entries of one user the
-// strictest counts: Hide, Block, Read Only, Full. Samba hides a share from everybody who may not
-// enter or from nobody, so where one user is hidden from, the blocked do not see it either.
+// "valid users" is written where Full Access Users or Read Only Users are given, even if none of
+// them exists: it holds the users of both lists, the administrator unless blocked, and the guest
+// account where guests have access. Otherwise everybody with an account may enter. Of several
+// entries of one user the strictest counts: Hide, Block, Read Only, Full. Samba hides a share from
+// everybody who may not enter, or from nobody: where it is hidden from one user, blocked users do
+// not see it either.
 #pragma once
 
 #include "samba/notes.h"
@@ -34,18 +35,19 @@
 
 constexpr size_t user_name_size = 256; // bytes with the NUL
 
-// A share and the name it is exported under; both borrowed.
+// A share and the name it is exported under, both borrowed.
 struct ExportedShare {
     const Share* share;
     const char* name;
+    bool readonly_mount = false; // its directory is mounted read-only
 };
 
 struct IncludeSettings {
-    const char* administrator; // user names, borrowed; each as include_user_fits wants it
+    const char* administrator; // user names, borrowed; include_user_fits holds for each
     const char* guest;
-    const char* forceuser; // in whose name everybody works; null or empty: each in their own
+    const char* forceuser; // everybody works as this user; null or empty for none
 
-    // Writes the name of a user id; false when nobody has it.
+    // Writes the name of a user id; false when no user has it.
     bool (*user_name)(int32_t id, char (&name)[user_name_size]);
 };
 
@@ -53,9 +55,9 @@ struct IncludeSettings {
 [[nodiscard]] int include_text_make(const ExportedShare* shares, size_t count,
                                     const IncludeSettings* settings, Notes* notes, char** text);
 
-// Returns null for a path that the file can carry exactly; else what it holds that the file cannot:
-// "a control character", ...
+// Returns null for a path that smb.conf can hold exactly; else what it cannot hold: "a control
+// character", ...
 [[nodiscard]] const char* include_path_fault(const char* path);
 
-// Whether smb.conf takes the user name for nothing but a name.
+// Whether smb.conf reads this user name as a name, and not as a group, a list or a variable.
 [[nodiscard]] bool include_user_fits(const char* name);

@@ -1,7 +1,9 @@
-// vynas-samba: the file-sharing service of the hotplug service, for Samba.
+// vynas-samba: makes Samba the file-sharing service of the hotplug service.
 #include "config/config_file.h"
 #include "lib/log.h"
+#include "lib/platform.h"
 #include "lib/process.h"
+#include "lib/version.h"
 #include "samba/bridge.h"
 #include "samba/bridge_config.h"
 #include "samba/options.h"
@@ -15,8 +17,8 @@
 
 static constexpr char log_tag[] = "main";
 static constexpr char program_name[] = "vynas-samba";
-static constexpr char service_name[] = "vynas-fssd"; // under which the hotplug daemon knows it
-static constexpr char version[] = "1.0.5";
+static constexpr char service_name[] =
+    "vynas-fssd"; // the name of the pid file that the daemon looks for
 
 static constexpr char help[] =
     "Usage: vynas-samba [option]...\n"
@@ -30,10 +32,9 @@ static constexpr char help[] =
     "      --help          print this, and end\n"
     "      --version       print the version, and end\n";
 
-// ---- one task each ----
+// ---- tasks ----
 
-// Nothing comes at a bad moment: signals are taken where they are waited for. SIGCHLD is among them
-// for samba_tell.
+// Signals are taken only where they are waited for: SIGCHLD in samba_tell, the others in serve.
 static void block_signals(sigset_t* awaited)
 {
     sigemptyset(awaited);
@@ -45,8 +46,8 @@ static void block_signals(sigset_t* awaited)
     (void)sigprocmask(SIG_BLOCK, &blocked, nullptr); // cannot fail with these arguments
 }
 
-// Nobody is to be told from now on: the number may be another's soon, who would get the signals.
-static void withdraw_number(int lock)
+// The process id may soon be another process's, which would get the service's signals.
+static void empty_pid_file(int lock)
 {
     if (ftruncate(lock, 0) != 0)
         VY_LOG(LOG_WARNING, "cannot empty /var/run/%s.pid (%d)", service_name, errno);
@@ -61,24 +62,33 @@ static int serve(Bridge* bridge, const sigset_t* awaited)
     }
     VY_LOG(LOG_INFO, "start");
     for (;;) {
-        (void)bridge_refresh(bridge); // told; the next signal is the next try
+        (void)bridge_refresh(bridge); // logged; the next signal is the next try
         int number = sigwaitinfo(awaited, nullptr);
-        while (number < 0 && errno == EINTR) // stopped and continued
+        while (number < 0 && errno == EINTR) // after SIGSTOP and SIGCONT
             number = sigwaitinfo(awaited, nullptr);
         if (number != SIGHUP)
             break;
     }
-    withdraw_number(lock.get());
+    empty_pid_file(lock.get());
     VY_LOG(LOG_INFO, "end");
     return EXIT_SUCCESS;
 }
 
-static int print_text(Bridge* bridge)
+// Flushes what printf or fputs returned `printed` for. Returns the exit status.
+static int end_printing(int printed)
+{
+    if (printed >= 0 && stream_flush(stdout) == 0)
+        return EXIT_SUCCESS;
+    perror(program_name);
+    return EXIT_FAILURE;
+}
+
+static int print_include_text(Bridge* bridge)
 {
     MemGuard<char> text;
     if (bridge_make_text(bridge, text.out()) != 0)
         return EXIT_FAILURE;
-    return fputs(text.get(), stdout) >= 0 && fflush(stdout) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+    return end_printing(fputs(text.get(), stdout));
 }
 
 static int run(const BridgeOptions* options, Bridge* bridge)
@@ -86,7 +96,7 @@ static int run(const BridgeOptions* options, Bridge* bridge)
     sigset_t awaited;
     switch (options->task) {
     case TASK_PRINT:
-        return print_text(bridge);
+        return print_include_text(bridge);
     case TASK_ONCE:
         block_signals(&awaited);
         return bridge_refresh(bridge) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
@@ -121,10 +131,11 @@ int main(int argc, char* argv[])
         return EXIT_FAILURE;
     }
     if (options.task == TASK_HELP)
-        return fputs(help, stdout) >= 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+        return end_printing(fputs(help, stdout));
     if (options.task == TASK_VERSION)
-        return printf("%s %s\n", program_name, version) > 0 ? EXIT_SUCCESS : EXIT_FAILURE;
-    // Who runs it by hand sees the lines as well.
+        return end_printing(printf("%s %s\n", program_name, vy_build));
+    // Run by hand, it prints the lines as well.
     openlog(program_name, options.task == TASK_SERVE ? LOG_PID : LOG_PID | LOG_PERROR, LOG_DAEMON);
+    setlogmask(LOG_UPTO(LOG_INFO)); // parsers log items at LOG_DEBUG
     return run_configured(&options);
 }

@@ -16,7 +16,7 @@ void notes_add(Notes* notes, int priority, const char* format, ...)
     va_start(arguments, format);
     (void)vsnprintf(line, sizeof line, format, arguments);
     va_end(arguments);
-    (void)text_clean(line, ""); // a cut character too
+    (void)text_clean(line, ""); // a character that was cut in two, too
     const size_t length = strlen(line);
     auto* larger = static_cast<char*>(realloc(notes->text, notes->size + length + 3));
     if (larger == nullptr)
@@ -30,7 +30,7 @@ void notes_add(Notes* notes, int priority, const char* format, ...)
     notes->size += length + 2;
 }
 
-// Whether the line of `size` bytes, its line feed included, stands in `notes`.
+// Whether `notes` has this line; `size` counts its line feed.
 static bool holds(const Notes* notes, const char* line, size_t size)
 {
     if (notes->text == nullptr)

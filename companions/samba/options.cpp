@@ -5,7 +5,7 @@
 namespace {
 
 enum OptionCode : int {
-    CODE_ONCE = 256, // those without a letter
+    CODE_ONCE = 256, // options without a letter
     CODE_PRINT,
     CODE_HELP,
     CODE_VERSION,
@@ -55,7 +55,7 @@ BridgeOptions options_parse(int argc, char* argv[])
                              .own_file = "/etc/vynas-samba/vynas-samba.conf",
                              .task = TASK_SERVE};
     int code = 0;
-    optind = 0; // begin anew, for every C library
+    optind = 0; // 0 starts over with glibc, musl and uClibc alike
     while (options.task != TASK_WRONG &&
            (code = getopt_long(argc, argv, "f:c:", long_options, nullptr)) != -1)
         take_option(&options, code);

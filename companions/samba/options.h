@@ -4,12 +4,12 @@
 #include <stdint.h>
 
 enum OptionsTask : uint8_t {
-    TASK_SERVE,   // stay, and follow SIGHUP
-    TASK_ONCE,    // bring the include file up to date
+    TASK_SERVE,   // stay, and update at each SIGHUP
+    TASK_ONCE,    // update the include file
     TASK_PRINT,   // print its text
     TASK_HELP,    // print the help
     TASK_VERSION, // print the version
-    TASK_WRONG,   // the command line is wrong, which getopt_long has told
+    TASK_WRONG,   // the command line is wrong; getopt_long has said why
 };
 
 struct BridgeOptions {

@@ -11,8 +11,7 @@
 #include <sys/wait.h>
 
 static constexpr char log_tag[] = "samba_control";
-static constexpr int64_t limit_ms = 5000;
-static constexpr size_t at_once = 8; // programs; each takes some milliseconds of its own
+static constexpr size_t at_once = 8; // programs that run at the same time
 
 namespace {
 
@@ -24,7 +23,7 @@ struct Batch {
 
 } // namespace
 
-// Milliseconds of the clock that always goes forward; 0 when it cannot be read.
+// Milliseconds of the monotonic clock; 0 when it cannot be read.
 static int64_t now_ms()
 {
     timespec now = {};
@@ -33,13 +32,13 @@ static int64_t now_ms()
     return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
-// execvp wants its texts writable by type, but never writes to them.
+// execvp takes strings of a writable type, but never writes to them.
 static char* text(const char* constant)
 {
     return const_cast<char*>(constant);
 }
 
-// Waits until a child has ended, or for so long.
+// Waits until a child ends, but no longer than that.
 static void wait_for_child(int64_t milliseconds)
 {
     sigset_t child;
@@ -47,10 +46,10 @@ static void wait_for_child(int64_t milliseconds)
     sigaddset(&child, SIGCHLD);
     const timespec time = {.tv_sec = static_cast<time_t>(milliseconds / 1000),
                            .tv_nsec = static_cast<long>(milliseconds % 1000 * 1000000)};
-    (void)sigtimedwait(&child, nullptr, &time); // whatever ended it, the child is looked at
+    (void)sigtimedwait(&child, nullptr, &time); // the caller looks at the child in any case
 }
 
-// Waits for the program's end, or makes an end of it.
+// Waits until the program ends; kills it at the deadline.
 static void finish(pid_t pid, int64_t deadline)
 {
     int status = 0;
@@ -67,12 +66,13 @@ static void finish(pid_t pid, int64_t deadline)
     }
     if (ended < 0)
         VY_LOG(LOG_ERR, "cannot wait for smbcontrol (%d)", static_cast<int>(-ended));
-    else if (status != 0) // most likely no Samba runs
-        VY_LOG(LOG_DEBUG, "smbcontrol failed (%d)", WIFEXITED(status) ? WEXITSTATUS(status) : -1);
+    else if (status != 0) // probably no Samba runs
+        VY_LOG(LOG_INFO, "smbcontrol failed (%d)", WIFEXITED(status) ? WEXITSTATUS(status) : -1);
 }
 
-static void finish_all(Batch* batch, int64_t deadline)
+static void finish_all(Batch* batch, int64_t limit_ms)
 {
+    const int64_t deadline = now_ms() + limit_ms;
     for (size_t i = 0; i < batch->count; i++)
         finish(batch->pids[i], deadline);
     batch->count = 0;
@@ -88,19 +88,18 @@ static void start(Batch* batch, const char* program, char* const argv[])
     batch->pids[batch->count++] = pid;
 }
 
-// Clients that reconnect must find the new configuration, so this comes first.
-static void reload(const char* program)
+// Comes first: clients that reconnect must find the new configuration.
+static void reload(const char* program, int64_t limit_ms)
 {
     char* const argv[] = {text(program), text("smbd"), text("reload-config"), nullptr};
     Batch batch = {};
     start(&batch, program, argv);
-    finish_all(&batch, now_ms() + limit_ms);
+    finish_all(&batch, limit_ms);
 }
 
-void samba_tell(const char* program, const vylist* closed)
+void samba_tell(const char* program, const vylist* closed, int64_t limit_ms)
 {
-    reload(program);
-    const int64_t deadline = now_ms() + limit_ms;
+    reload(program, limit_ms);
     Batch batch = {};
     for (const vylist_node* node = closed->next; node != vylist_end(closed); node = node->next) {
         // A name may begin with a hyphen.
@@ -113,7 +112,7 @@ void samba_tell(const char* program, const vylist* closed)
         VY_LOG(LOG_INFO, "close share %s", static_cast<const char*>(node->data));
         start(&batch, program, argv);
         if (batch.count == at_once)
-            finish_all(&batch, deadline);
+            finish_all(&batch, limit_ms);
     }
-    finish_all(&batch, deadline);
+    finish_all(&batch, limit_ms);
 }

@@ -78,7 +78,7 @@ static int read_administrator(const IniDoc* doc, Share* share, Notes* notes)
         share->administrator = row.access;
         return 0;
     }
-    // The device file's readers take it so, too.
+    // The readers of the device file do the same.
     notes_add(notes, LOG_WARNING, "share %s: Administrator=%s is unknown, and means full access",
               share->name, value.get());
     return 0;
@@ -114,7 +114,7 @@ static void clear_share(Share* share)
 
 // ---- which sections ----
 
-// Whether a section of that name stands behind this one.
+// Whether a later section has the same name.
 static bool comes_again(const vylist* names, const vylist_node* node)
 {
     const auto* name = static_cast<const char*>(node->data);
@@ -133,7 +133,7 @@ static int count_sections(const vylist* names, const char* name)
     return count;
 }
 
-// Tells of shares that another one of their name hides. The mark of a withdrawn one hides as well.
+// Notes shares that are hidden by a later one of their name; the mark of a withdrawn share is none.
 static void note_hidden(const vylist* names, const char* name, bool withdrawn, Notes* notes)
 {
     const int count = count_sections(names, name) - (withdrawn ? 1 : 0);
@@ -151,8 +151,8 @@ static int read_unmounted(const IniDoc* doc, const char* name, bool* unmounted)
     return result;
 }
 
-// Reads the section into the table's next place, which stays free when it is no share. Returns 0 or
-// -ENOMEM.
+// Reads the section into the table's next entry, which stays free if the share is left out. Returns
+// 0 or -ENOMEM.
 static int add_share(const IniDoc* doc, const vylist* names, const char* name, Notes* notes,
                      ShareTable* table)
 {

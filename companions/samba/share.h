@@ -1,9 +1,9 @@
-// The share file (docs/share-file.md) as shares: which directories are to be exported, and who may
-// do what. Touches no world.
+// Reads shares from the share file (docs/share-file.md): which directories are exported, and who
+// may do what. Touches no world.
 //
-// The last section of a name counts, compared without letter case, and the last value of a key. A
-// name whose last section has no "Path" is being withdrawn, and "Status=Unmount" says the same:
-// there is no share of it then. What is passed over for another reason is noted.
+// Of several sections of one name (letter case ignored) the last counts, and of several values of
+// one key. A share whose section has no "Path", or "Status=Unmount", is being withdrawn: it is left
+// out. What is left out for another reason is noted.
 #pragma once
 
 #include "config/ini.h"
@@ -13,18 +13,18 @@
 #include <stddef.h>
 #include <stdint.h>
 
-// What somebody may do; each is stricter than the one before.
+// Access of a user; each is stricter than the one before.
 enum ShareAccess : uint8_t {
     SHARE_FULL = 0,
     SHARE_READ_ONLY = 1,
     SHARE_BLOCK = 2, // must not enter
-    SHARE_HIDE = 3,  // must not see it either
+    SHARE_HIDE = 3,  // must not see the share either
     SHARE_ACCESS_KINDS = 4,
 };
 
 struct Share {
-    char* name;       // as the share file has it; owned, as all texts here
-    char* path;       // as it stands there, never empty
+    char* name;       // as in the share file; all strings are owned
+    char* path;       // as in the share file, never empty
     char* comment;    // may be null
     char* identifier; // the device file's section, for the log; may be null
     bool readonly;
@@ -32,11 +32,11 @@ struct Share {
     bool guestaccess;
     bool guesthide;
     ShareAccess administrator;
-    char* users[SHARE_ACCESS_KINDS]; // lists of user ids as written, by what they may; may be null
+    char* users[SHARE_ACCESS_KINDS]; // lists of user ids as written, by access; may be null
 };
 
 struct ShareTable {
-    Share* shares; // in the order in which their last sections stand
+    Share* shares; // in the order of their last sections
     size_t count;
 };
 
@@ -46,5 +46,5 @@ struct ShareTable {
 void shares_free(ShareTable* table);
 using ShareTableGuard = Guard<ShareTable, shares_free>;
 
-// Whether a list of users is given at all: one that holds nothing but unknown ids is.
+// Whether a list of users is given, even if no user in it exists.
 [[nodiscard]] bool share_lists_users(const Share* share, ShareAccess access);

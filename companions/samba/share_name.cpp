@@ -11,7 +11,7 @@ static constexpr char forbidden[] = "%<>*?|/\\+=;:\",[]";
 static constexpr char name_of_nothing[] = "share";
 static constexpr size_t suffix_size = 16; // " (4294967295)" and the NUL
 
-// What Samba, or a client's path, takes for something else.
+// Names with another meaning in smb.conf or in a client's path.
 static constexpr const char* reserved_names[] = {
     "global", "globals", "homes",  "printers", "printer$", "print$",
     "ipc",    "ipc$",    "admin$", ".",        "..",
@@ -23,10 +23,10 @@ namespace {
 
 enum FoldKind : uint8_t {
     FOLD_BY,   // the small letter lies `value` further on
-    FOLD_TO,   // all stand for the letter `value`
+    FOLD_TO,   // all compare as the letter `value`
     FOLD_EVEN, // a capital at each even number, its small letter behind it
     FOLD_ODD,  // the same at each odd number
-    FOLD_RARE, // letters that few names hold: all stand for one another
+    FOLD_RARE, // letters that few names hold: all compare as equal
 };
 
 struct FoldRange {
@@ -38,7 +38,7 @@ struct FoldRange {
 
 constexpr uint32_t rare_letter = 0xfffd;
 
-// Letters with two cases, after the simple case mappings of the Unicode Character Database.
+// Letters with two cases: the simple case mappings of the Unicode Character Database.
 constexpr FoldRange fold_ranges[] = {
     {0x41, 0x5a, FOLD_BY, 0x20},       {0xb5, 0xb5, FOLD_TO, 0x3bc},
     {0xc0, 0xd6, FOLD_BY, 0x20},       {0xd8, 0xde, FOLD_BY, 0x20},
@@ -49,7 +49,7 @@ constexpr FoldRange fold_ranges[] = {
     {0x179, 0x17e, FOLD_ODD, 0},       {0x17f, 0x17f, FOLD_TO, 's'},
     {0x1cd, 0x1dc, FOLD_ODD, 0},       {0x1de, 0x1ef, FOLD_EVEN, 0},
     {0x1f8, 0x21f, FOLD_EVEN, 0},      {0x222, 0x233, FOLD_EVEN, 0},
-    {0x180, 0x2af, FOLD_RARE, 0}, // what is left of them
+    {0x180, 0x2af, FOLD_RARE, 0}, // the rest of this range
     {0x345, 0x345, FOLD_TO, 0x3b9},    {0x386, 0x386, FOLD_TO, 0x3ac},
     {0x388, 0x38a, FOLD_BY, 0x25},     {0x38c, 0x38c, FOLD_TO, 0x3cc},
     {0x38e, 0x38f, FOLD_BY, 0x3f},     {0x391, 0x3ab, FOLD_BY, 0x20},
@@ -139,7 +139,7 @@ bool share_names_meet(const char* a, const char* b)
 
 // ---- mapping ----
 
-// Blanks that Samba would drop: at the ends, and behind another one.
+// Replaces the blanks that Samba drops: at the ends, and behind another blank.
 static void replace_blanks(char* name)
 {
     const size_t length = strlen(name);
@@ -163,10 +163,10 @@ static bool is_reserved(const char* name)
     return false;
 }
 
-// Writes the name as Samba can carry it, not yet compared with the others.
+// Writes the name as Samba accepts it, not yet compared with the others.
 static void map_name(const char* original, char (&exported)[share_name_size])
 {
-    // One byte more than is kept, so that what must be cut shows; whole only where all fits.
+    // With room for a whole character more: one that is cut in two lies behind what is kept.
     char name[share_name_size + 4] = "";
     (void)snprintf(name, sizeof name, "%s", original);
     (void)text_clean(name, forbidden);
@@ -202,7 +202,7 @@ static bool is_taken(const ShareName* names, size_t count, const char* name)
     return false;
 }
 
-// Writes `base` with a number behind it, which is not cut.
+// Writes `base`, cut where it must be, with a number behind it.
 static void number_name(const char* base, size_t number, char (&numbered)[share_name_size])
 {
     char suffix[suffix_size];
@@ -211,7 +211,7 @@ static void number_name(const char* base, size_t number, char (&numbered)[share_
     (void)snprintf(cut, sizeof cut, "%s", base);
     text_shorten(cut, share_name_size - 1 - strlen(suffix));
     const size_t length = strlen(cut);
-    if (length > 0 && cut[length - 1] == ' ') // two blanks would be one
+    if (length > 0 && cut[length - 1] == ' ') // Samba makes one of two blanks
         cut[length - 1] = '_';
     (void)snprintf(numbered, sizeof numbered, "%s%s", cut, suffix);
 }

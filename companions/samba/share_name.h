@@ -1,13 +1,12 @@
-// Share names as Samba can carry them, each of them only once. Touches no world.
+// Maps share names to names that Samba accepts, no two of them equal. Touches no world.
 //
-// What a name cannot hold becomes "_": control characters, bytes that are not UTF-8, blanks at the
-// ends and behind another blank, and the characters %<>*?|/\+=;:", and the square brackets. A name
-// that means something else to Samba (global, homes, printers, print$, ipc$, admin$ and the like)
-// gets a "_" in front, and an empty one is "share". A name is cut to 80 bytes.
+// "_" replaces control characters, bytes that are not UTF-8, blanks at the ends and behind another
+// blank, and the characters %<>*?|/\+=;:", and the square brackets. A name with a meaning of its
+// own in Samba (global, homes, printers, print$, ipc$, admin$ and the like) gets a "_" in front; an
+// empty name becomes "share". Names are cut to 80 bytes.
 //
-// Names are compared as Samba does, without letter case in all of Unicode. A name that needs no
-// change goes to its share before any that was changed to it; whoever comes later gets " (2)", "
-// (3)" and so on.
+// Names are compared as Samba does, without letter case in all of Unicode. Of equal names the first
+// that needed no change keeps it; the others get " (2)", " (3)" and so on.
 #pragma once
 
 #include "samba/notes.h"
@@ -20,16 +19,16 @@ constexpr size_t share_name_size = 81; // bytes with the NUL
 struct ShareName {
     const char* original; // borrowed
     char exported[share_name_size];
-    uint32_t hash; // of `exported`, the same for names that meet
+    uint32_t hash; // of `exported`; equal for names that are equal to Samba
     bool settled;  // `exported` is final
 };
 
 // Fills `exported` of each record and notes each name that is not the original.
 void share_names_map(ShareName* names, size_t count, Notes* notes);
 
-// Whether the two, well-formed UTF-8, are one name to Samba.
+// Whether two names, well-formed UTF-8, are equal to Samba.
 [[nodiscard]] bool share_names_meet(const char* a, const char* b);
 
-// The one character that stands for `character` in comparisons. Rare letters with two cases all
-// stand for one another: that costs a " (2)" now and then, and saves a table of all of them.
+// Returns the character that stands for `character` in comparisons. All rare letters with two cases
+// compare as equal: that costs a " (2)" now and then, and saves a table of them.
 [[nodiscard]] uint32_t share_name_fold(uint32_t character);

@@ -1,4 +1,4 @@
-// A text that grows at its end. Touches no world.
+// A growing string. Touches no world.
 #pragma once
 
 #include "lib/guard.h"
@@ -9,7 +9,7 @@ struct TextBuffer {
     char* text; // owned; null while nothing was added
     size_t size;
     size_t room;
-    bool failed; // memory has run out; nothing more is added
+    bool failed; // memory has run out; nothing is added any more
 };
 
 void text_buffer_add(TextBuffer* buffer, const char* format, ...)

@@ -5,6 +5,7 @@
 #include "lib/log.h"
 #include "lib/process.h"
 #include "lib/str.h"
+#include "lib/version.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -21,10 +22,6 @@ static constexpr char log_tag[] = "main";
 static constexpr char daemon_name[] = "vyhotplugd";
 static constexpr char local_config[] = "./vyhotplugd.conf";
 static constexpr char default_config[] = "/tmp/vynasmira/vyhotplugd.conf";
-static constexpr int version_major = 1;
-static constexpr int version_minor = 0;
-static constexpr int version_patch = 5;
-static constexpr char version_suffix[] = ".beta2-bk";
 static constexpr int announced_level = LOG_ERR; // the help's word; the real default is LOG_WARNING
 static constexpr int highest_level = LOG_DEBUG;
 static constexpr int last_descriptor = 254;
@@ -69,8 +66,7 @@ static void set_process_ctx(DaemonCtx* ctx)
 
 static void print_version()
 {
-    fprintf(stderr, "%s --- version %d.%d.%d%s\n\n", daemon_name, version_major, version_minor,
-            version_patch, version_suffix);
+    fprintf(stderr, "%s --- version %s\n\n", daemon_name, vy_version);
 }
 
 static void print_help()

@@ -3,7 +3,8 @@
 
 usage: links.py SOURCE_DIRECTORY
 
-Paths that are only named, as in `docs/hook.md`, must be there too.
+Paths that are only named, as in `docs/hook.md`, must be there too. The tests of the packages follow the links of the
+installed pages with it.
 """
 import pathlib
 import re
@@ -18,7 +19,7 @@ HEADING = re.compile(r"^#+ +(.*?) *$", re.MULTILINE)
 def anchors_of(page):
     """The names that a heading can be linked by: lower case, no punctuation, "-" for a blank."""
     found = set()
-    for heading in HEADING.findall(FENCE.sub("", page.read_text())):
+    for heading in HEADING.findall(FENCE.sub("", page.read_text(encoding="utf-8"))):
         words = re.sub(r"\[([^]]*)\]\([^)]*\)", r"\1", heading)
         found.add(re.sub(r"[^\w\- ]", "", words.lower()).replace(" ", "-"))
     return found
@@ -35,23 +36,27 @@ def fault_of(page, target):
     return None
 
 
-def main():
-    root = pathlib.Path(sys.argv[1]).resolve()
-    pages = [root / "README.md", *sorted((root / "docs").rglob("*.md"))]
+def check(root, named=True):
+    """The faults of all pages below a directory, and how many links were followed."""
     faults = []
     count = 0
-    for page in pages:
-        text = page.read_text()
+    for page in [root / "README.md", *sorted((root / "docs").rglob("*.md"))]:
+        text = page.read_text(encoding="utf-8")
         links = [link for link in LINK.findall(FENCE.sub("", text))
                  if not re.match(r"[a-z]+:", link)]
-        named = NAMED.findall(text)
-        count += len(links) + len(named)
+        names = NAMED.findall(text) if named else []
+        count += len(links) + len(names)
         found = [(link, fault_of(page, link)) for link in links]
         found += [(name, None if (root / name).exists() else "there is no such file")
-                  for name in named]
+                  for name in names]
         faults += [f"{page.relative_to(root)}: {name}: {fault}" for name, fault in found if fault]
+    return faults, count
+
+
+def main():
+    faults, count = check(pathlib.Path(sys.argv[1]).resolve())
     print("\n".join(faults))
-    print(f"{len(pages)} pages, {count} links, {len(faults)} faults")
+    print(f"{count} links, {len(faults)} faults")
     return 1 if faults or not count else 0
 
 

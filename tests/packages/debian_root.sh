@@ -1,19 +1,19 @@
 #!/bin/bash
 # usage: debian_root.sh FOLDER
 #
-# Makes a small Debian system below FOLDER, once, and prints where it is. Beside its root lie the packages
-# that the tests install into copies of it, so that they need no network then. It is taken from where this
-# machine takes its own packages from.
+# Makes a minimal Debian system below FOLDER, once, and prints where it is. It has the packages that the tests install
+# later in its archive, so that these need no network. They come from where this machine gets its own.
 set -eu
 suite=bookworm
-wanted="samba smbclient ntfs-3g e2fsprogs util-linux busybox bash-completion systemd systemd-sysv dbus"
+wanted="samba smbclient ntfs-3g e2fsprogs util-linux busybox bash-completion systemd systemd-sysv dbus
+    build-essential debhelper cmake fakeroot lintian git"
 
 sources() {
     apt-get indextargets --format "\$(REPO_URI) \$(RELEASE) \$(COMPONENT)" \
         'Created-By: Packages' 'Origin: Debian' | sort -u | awk -v suite=$suite '$2 ~ "^" suite'
 }
 
-# The name of the folder tells what is in it: another list of packages or another source makes another root.
+# The folder's name depends on what is in it: with another list of packages, or another source, it is made anew.
 key() { { cat "$0"; sources; dpkg --print-architecture; } | sha256sum | cut -c 1-16; }
 
 in_root() {
@@ -27,7 +27,7 @@ in_root() {
             exec chroot "$root" "$@"' in_root "$root" "$@"
 }
 
-# Ways to the packages that this machine has been told of, a proxy say.
+# How this machine reaches the packages: proxies, names.
 copy_ways() {
     local root=$1 file
     apt-config dump --format '%F "%v";%n' Acquire | grep -i proxy >"$root/etc/apt/apt.conf.d/01ways" || true

@@ -1,11 +1,13 @@
 """The packages come, and go."""
 
+import gzip
 import json
 import os
 import pathlib
 import re
 
 import debian_world
+import links
 import vyworld
 from debian_world import EXCHANGE, Scenario
 from machine import (APT_INSTALL, COMMANDS, FILES_BEFORE, INCLUDED, LIBEXEC, NONINTERACTIVE, PACKAGES,
@@ -46,6 +48,28 @@ class Install(Scenario):
         for name in ("vyhotplugd", "vyhotpluginfo", "vyhotplug-agent", "vyhotplug-prepare", "vynas-samba",
                      "vynas-samba-setup"):
             self.run_ok(f"{LIBEXEC if name.endswith('prepare') else '/usr/sbin'}/{name}", "--help")
+
+    def test_everything_tells_the_packages_version(self):
+        versions = {self.run_ok("dpkg-query", "-W", "-f", "${Version}", name) for name in PACKAGES}
+        self.assertEqual(len(versions), 1, versions)
+        version, = versions
+        self.assertRegex(version, r"^\d+\.\d+\.\d+(~\w+)?\+\d{14}")  # another build has another one
+        for path in ("/usr/sbin/vyhotplug-agent", "/usr/sbin/vynas-samba", "/usr/sbin/vynas-samba-setup",
+                     f"{LIBEXEC}/vyhotplug-prepare", f"{LIBEXEC}/mlabel", f"{LIBEXEC}/ntfsvlabel"):
+            self.assertEqual(self.run_ok(path, "--version"), f"{os.path.basename(path)} {version}\n")
+        number = version.split("+")[0]
+        self.assertIn(f" version {number.replace('~', '.')}", self.run_ok("vyhotplugd", "-v"))
+        pages = [path for folder in ("man1", "man5", "man8") for path in pathlib.Path("/usr/share/man", folder).iterdir()
+                 if path.name.startswith(("vy", "hotplug.dev", "mlabel", "ntfsvlabel"))]
+        self.assertGreater(len(pages), 10)
+        for path in pages:
+            with gzip.open(path, "rt", encoding="utf-8") as page:
+                self.assertIn(f'"vyhotplugd {number}"', page.read().replace("\\(ti", "~"), path)
+
+    def test_the_pages_lead_to_one_another(self):
+        faults, count = links.check(pathlib.Path("/usr/share/doc/vyhotplugd"), named=False)
+        self.assertEqual(faults, [])
+        self.assertGreater(count, 50)
 
     def test_configuration_belongs_to_the_administrator(self):
         listed = "".join(self.run_ok("dpkg-query", "-W", "-f", "${Conffiles}\n", name) for name in PACKAGES)

@@ -38,6 +38,21 @@ bool exists(const std::string& path)
     return lstat(path.c_str(), &status) == 0;
 }
 
+std::set<std::string> names_in(const std::string& directory)
+{
+    std::set<std::string> names;
+    DIR* stream = opendir(directory.c_str());
+    EXPECT_NE(stream, nullptr) << directory;
+    if (stream == nullptr)
+        return names;
+    for (const dirent* entry = readdir(stream); entry != nullptr; entry = readdir(stream))
+        names.insert(entry->d_name);
+    closedir(stream);
+    names.erase(".");
+    names.erase("..");
+    return names;
+}
+
 int open_descriptors()
 {
     int count = -1; // the one that counts

@@ -1,6 +1,7 @@
 // Files and descriptors for tests.
 #pragma once
 
+#include <set>
 #include <string>
 #include <string_view>
 
@@ -12,6 +13,9 @@ std::string read_file(const std::string& path);
 std::string read_table(const std::string& path = "/etc/mtab");
 
 bool exists(const std::string& path);
+
+// What lies in a directory, without "." and "..".
+std::set<std::string> names_in(const std::string& directory);
 
 // How many descriptors this process holds open.
 int open_descriptors();

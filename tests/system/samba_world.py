@@ -1,4 +1,4 @@
-"""What the tests of the Samba bridge share: the bridge beside a real Samba, in a world of its own.
+"""Base of the tests of the Samba bridge: the bridge and a real Samba in a private world.
 
 Samba finds its configuration, accounts and passwords in the world's own /etc and /tmp, and listens on
 the world's own loopback device.
@@ -47,11 +47,16 @@ pid directory = {SAMBA}/pid
 ncalrpc dir = {SAMBA}/ncalrpc
 """
 
+# What --version prints: the version in Debian's spelling, and the stamp of the build.
+NUMBER = re.sub(r"\.(alpha|beta|rc)", r"~\1", vyworld.read(
+    os.path.join(vyworld.FOLDER, "../../VERSION")).strip().removesuffix("-bk"))
+BUILD = re.escape(NUMBER) + r"(\+\d{14})?(\.g[0-9a-f]+)?(\.dirty)?"
+
 MS_NOSUID = 2
 
 
 def names_in(text):
-    """The section names of an include file's text, but for the one at its end."""
+    """The section names of an include file's text, without the last one, [global]."""
     names = re.findall(r"^\[(.*)\]$", text, re.MULTILINE)
     assert names[-1] == "global", text
     return names[:-1]
@@ -64,7 +69,7 @@ def share(name, path, **keys):
 
 
 def testparm(conf):
-    """What testparm makes of a configuration: its shares, by name, with their parameters."""
+    """The shares that testparm finds in a configuration: parameters by name of the share."""
     done = subprocess.run(["testparm", "-s", conf], stdin=subprocess.DEVNULL, capture_output=True,
                           check=False, timeout=LIMIT, env={"PATH": PATH, "LC_ALL": "C"})
     errors = done.stderr.decode("utf-8", "surrogateescape")
@@ -85,7 +90,7 @@ def testparm(conf):
 
 
 class BridgeTest(SystemTest):
-    """The bridge in the place of the stand-in; no Samba is needed."""
+    """With the bridge, which replaces the fake share service; without Samba."""
 
     def setUp(self):
         super().setUp()
@@ -105,7 +110,7 @@ class BridgeTest(SystemTest):
             timeout=LIMIT, env=vyworld.environment()))
 
     def start_bridge(self):
-        """Starts it as a service manager does. It has done its first work."""
+        """Starts it as a service manager does, and waits until its first refresh is done."""
         self.bridge = subprocess.Popen(self.command(), stdin=subprocess.DEVNULL, cwd="/",
                                        env=vyworld.environment())
         self.addCleanup(self._end_bridge)
@@ -117,8 +122,13 @@ class BridgeTest(SystemTest):
             self.bridge.send_signal(signal.SIGTERM)
             self.assertEqual(self.bridge.wait(LIMIT), 0)
 
+    def bridge_state(self):
+        """As proc(5) calls it: S for asleep, T for stopped."""
+        return re.search(r"^State:\s*(\w)", vyworld.read(f"/proc/{self.bridge.pid}/status"),
+                         re.MULTILINE)[1]
+
     def bridge_waits(self):
-        """Whether it is in its wait for signals, with none to come."""
+        """Whether it waits for signals, and none is pending."""
         status = vyworld.read(f"/proc/{self.bridge.pid}/status")
         pending = re.search(r"^ShdPnd:\s*(\w+)", status, re.MULTILINE)[1]
         call = vyworld.read(f"/proc/{self.bridge.pid}/syscall").split()
@@ -128,19 +138,19 @@ class BridgeTest(SystemTest):
                 and "State:\tS" in status and without_time_out)
 
     def set_shares(self, text):
-        """Writes the share file as the daemon does, and waits until the bridge has followed."""
+        """Writes the share file as the daemon does, and waits until the bridge is done."""
         vyworld.write(SHARE_FILE + ".new", text)
         os.rename(SHARE_FILE + ".new", SHARE_FILE)
         self.signal_bridge()
 
     def withdraw(self, name):
-        """Marks a share as the daemon does before it unmounts. Returns the seconds as below."""
+        """Marks a share as the daemon does before it unmounts. Returns the seconds that the bridge took."""
         with open(SHARE_FILE, "a", encoding="utf-8") as file:
             file.write(f"[{name}]\n")
         return self.signal_bridge()
 
     def signal_bridge(self):
-        """Has it look at the share file. Returns the seconds until all is done."""
+        """Has the bridge refresh. Returns the seconds that it took."""
         start = time.monotonic()
         os.kill(int(vyworld.read(SERVICE_PID_FILE)), signal.SIGHUP)
         self.wait_until("the bridge is done", self.bridge_waits)
@@ -184,7 +194,7 @@ class SambaTest(BridgeTest):
 
     def start_samba(self):
         with open(f"{SAMBA}/out", "wb") as out:
-            # Apart from the test: at its end it ends the whole process group that it is in.
+            # In a session of its own: at its end smbd signals its whole process group.
             self.smbd = subprocess.Popen(
                 ["smbd", "--foreground", "--no-process-group"], stdin=subprocess.DEVNULL,
                 stdout=out, stderr=out, env={"PATH": PATH}, start_new_session=True)
@@ -204,7 +214,7 @@ class SambaTest(BridgeTest):
             capture_output=True, timeout=LIMIT, cwd="/tmp", env={"PATH": PATH, "LC_ALL": "C.UTF-8"}))
 
     def listing(self, user=None):
-        """The shares that somebody, a guest without a name, sees: names with comments."""
+        """The shares that a user, or a guest, sees: comments by name."""
         done = self.client("-L", "//127.0.0.1", user=user)
         self.assertEqual(done.status, 0, done.out + done.err)
         rows = [line.split("|") for line in done.out.split("\n") if line.startswith("Disk|")]
@@ -214,7 +224,7 @@ class SambaTest(BridgeTest):
         return self.client(f"//127.0.0.1/{name}", "-c", commands, user=user)
 
     def fetch(self, name, file, user=None):
-        """A file's content; None when it cannot be had."""
+        """A file's content; None when it cannot be read."""
         with contextlib.suppress(FileNotFoundError):
             os.unlink("/tmp/fetched")
         done = self.do(name, f"get {file} /tmp/fetched", user)
@@ -226,13 +236,13 @@ class SambaTest(BridgeTest):
         return done.status == 0 and "NT_STATUS" not in done.out + done.err
 
     def rights(self, name, user=None):
-        """Of "v" for seen in the listing, "r" and "w" those that somebody has."""
+        """The rights of a user: "v" for seen in the listing, "r", "w"."""
         return (("v" if name in self.listing(user) else "")
                 + ("r" if self.fetch(name, "who", user) is not None else "")
                 + ("w" if self.may_write(name, user) else ""))
 
     def assert_rights(self, name, **wanted):
-        """By user; "guest" is one without a name."""
+        """Rights by user; "guest" has no name."""
         found = {user: self.rights(name, None if user == "guest" else user) for user in wanted}
         self.assertEqual(found, wanted)
 
@@ -271,7 +281,7 @@ class SambaTest(BridgeTest):
 
 
 def held_by_samba():
-    """What smbd's processes have open, or work in."""
+    """The files that smbd has open, and its working directories."""
     found = set()
     for place in glob.glob("/proc/[0-9]*/fd/*") + glob.glob("/proc/[0-9]*/cwd"):
         with contextlib.suppress(OSError):

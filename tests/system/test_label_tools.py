@@ -33,7 +33,7 @@ def command_line(tool, node):
 
 
 def replace_everywhere(path, old, new):
-    """Puts other bytes of the same length where the old ones stand."""
+    """Replaces bytes by others of the same length."""
     assert len(old) == len(new), (old, new)
     with open(path, "r+b") as file:
         content = file.read()
@@ -57,7 +57,7 @@ class LabelTools(SystemTest):
     # ---- volumes ----
 
     def make_volume(self, tool, label):
-        """A volume with a label: text for the making program, bytes for the label's very bytes."""
+        """A volume with a label: a string is passed to mkfs, bytes are written as they are."""
         raw = isinstance(label, bytes)
         encoding = "ascii" if tool == "mlabel" else "utf-16le"
         given = label
@@ -261,7 +261,7 @@ class FakeBlkid(LabelTools):
     PID = "/tmp/blkid.pid"
 
     def fake(self, script):
-        """Puts a blkid before the real one."""
+        """Puts a fake blkid first on the PATH."""
         os.makedirs(FAKES, exist_ok=True)
         vyworld.write(f"{FAKES}/blkid", f"#!/bin/sh\necho $$ > {self.PID}\n{script}\n", 0o755)
         return f"{FAKES}:{vyworld.PATH}"
@@ -270,21 +270,31 @@ class FakeBlkid(LabelTools):
         pid = vyworld.read(self.PID).strip()
         self.wait_until("the fake blkid is killed", lambda: not os.path.exists(f"/proc/{pid}"))
 
-    def test_one_that_hangs_is_killed_in_time(self):
-        for what, script in (("without a word", "exec sleep 1000"),
-                             ("behind the label", "echo LABEL; exec sleep 1000"),
-                             ("with its output closed", "echo LABEL; exec sleep 1000 >&-"),
-                             ("deaf to signals", "trap '' INT TERM HUP; while :; do sleep 1; done"),
-                             ("in drops", "while :; do printf x; sleep 0.5; done")):
-            with self.subTest(what):
-                path = self.fake(script)
-                began = time.monotonic()
-                self.assert_fails("mlabel", "/dev/null", path)
-                took = time.monotonic() - began
-                vyworld.log(f"{what}: {took:.2f} s")
-                self.assertGreater(took, 3)
-                self.assertLess(took, ENOUGH)
-                self.assert_it_is_killed()
+    def check_one_that_hangs(self, script):
+        """It is killed: not at once, but before the service gives up."""
+        path = self.fake(script)
+        began = time.monotonic()
+        self.assert_fails("mlabel", "/dev/null", path)
+        took = time.monotonic() - began
+        vyworld.log(f"{took:.2f} s")
+        self.assertGreater(took, 10)
+        self.assertLess(took, ENOUGH)
+        self.assert_it_is_killed()
+
+    def test_one_that_hangs_without_a_word_is_killed_in_time(self):
+        self.check_one_that_hangs("exec sleep 1000")
+
+    def test_one_that_hangs_behind_the_label_is_killed_in_time(self):
+        self.check_one_that_hangs("echo LABEL; exec sleep 1000")
+
+    def test_one_that_hangs_with_its_output_closed_is_killed_in_time(self):
+        self.check_one_that_hangs("echo LABEL; exec sleep 1000 >&-")
+
+    def test_one_that_is_deaf_to_signals_is_killed_in_time(self):
+        self.check_one_that_hangs("trap '' INT TERM HUP; while :; do sleep 1; done")
+
+    def test_one_that_prints_in_drops_is_killed_in_time(self):
+        self.check_one_that_hangs("while :; do printf x; sleep 0.5; done")
 
     def test_one_that_never_stops_printing_is_killed(self):
         for script in ("exec yes", "exec cat /dev/zero", "exec head -c 9000000 /dev/urandom"):
@@ -330,7 +340,7 @@ class ThroughTheService(LabelTools):
         return [line for line in vyworld.read_lines(SHARE_FILE) if line.startswith("[")]
 
     def plug_ntfs(self, name, label):
-        """Plugs a partition whose label has those characters, whatever they are."""
+        """Plugs a partition with any label, also one that mkntfs refuses."""
         given = "PLACEHOLDER-AND-SOME-MORE-OF-IT"[:len(label)]
         self.require_filesystem("ntfs")
         made = vyworld.make_image
@@ -375,7 +385,7 @@ class ThroughTheService(LabelTools):
         self.assertEqual(self.sections(), ["[Drive(A1)]"])
 
     def test_a_device_node_of_a_partition_will_do(self):
-        """What the service hands over is a node of its own below its device directory."""
+        """The node that the service passes is its own, below its device directory."""
         self.make_volume("mlabel", "PHOTOS")
         loop = LoopDevice(IMAGE)
         self.addCleanup(loop.release)

@@ -1,5 +1,5 @@
-"""What makes the service's surroundings ready, before it starts: the real program, in worlds where
-everything is missing, planted by others, left over, full, or on other filesystems."""
+"""vyhotplug-prepare, the real program, in worlds where everything is missing, planted by others, left
+over, full, or on other filesystems."""
 
 import fcntl
 import os
@@ -26,6 +26,7 @@ COPY_FOLDER = "/var/lib/vyhotplugd"
 COPY = COPY_FOLDER + "/hotplug.dev.conf"
 TEMPORARY = ("/tmp/vyhotplug.dev.conf.tmp", "/tmp/vyhotplug.dir.conf.tmp", "/tmp/mntent.tmp")
 SOMEBODY = 1234  # a user who is not root
+MS_BIND = 4096
 
 SETTINGS = "[1234:00ab:SERA:1]\nShare Name=Music\nComment=Living room\n"
 
@@ -33,6 +34,18 @@ SETTINGS = "[1234:00ab:SERA:1]\nShare Name=Music\nComment=Living room\n"
 def mount_tmpfs(target, options):
     if vyworld.libc.mount(b"tmpfs", target.encode(), b"tmpfs", 0, options.encode()) != 0:
         raise OSError(vyworld.ctypes.get_errno(), target)
+
+
+def mount_tmpfs_keeping(target, options):
+    """As mount_tmpfs, but what is mounted below the directory stays visible: the project may be there."""
+    inside = [line.split(" ")[1].replace("\\040", " ") for line in vyworld.read_lines("/proc/self/mounts")]
+    kept = {path: os.open(path, os.O_PATH) for path in inside if path.startswith(target + "/")}
+    mount_tmpfs(target, options)
+    for path, handle in kept.items():
+        os.makedirs(path)
+        if vyworld.libc.mount(b"/proc/self/fd/%d" % handle, path.encode(), None, MS_BIND, None) != 0:
+            raise OSError(vyworld.ctypes.get_errno(), path)
+        os.close(handle)
 
 
 def state_of(path):
@@ -43,7 +56,7 @@ def state_of(path):
 
 
 def everything(*tops):
-    """State of all that lies there, but for what the world keeps of the machine."""
+    """State of everything below, without what the world binds from the machine."""
     found = {}
     for top in tops:
         found[top] = state_of(top)
@@ -56,7 +69,7 @@ def everything(*tops):
 
 
 def plant(path, what, owner=SOMEBODY):
-    """Puts something there as that user would."""
+    """Puts something there as the user would."""
     if what == "link":
         os.symlink("/etc/passwd", path)
     elif what == "link to a directory":
@@ -79,7 +92,7 @@ KINDS = ("link", "link to a directory", "file", "pipe", "directory", "empty dire
 
 
 class Prepare(SystemTest):
-    """The appliance's paths in place of the harness's own."""
+    """With the appliance's paths in place of the harness's own."""
 
     PATHS = {"CONFIG_DIR": "/etc/vyhotplugd", "CONFIG": CONFIG, "HOOK": HOOK_SCRIPT,
              "MOUNT_DIR": "/media/vyhotplug", "DEVICE_DIR": "/dev/vyhotplug",
@@ -158,6 +171,17 @@ class FreshWorld(Prepare):
         self.wait_until("it is logged, once",
                         lambda: len(self.log.matching("/media/vyhotplug cannot be made ready")) == 1)
 
+    def test_nothing_is_logged_where_there_is_nothing_to_say(self):
+        """The parsers log each item of a list at LOG_DEBUG."""
+        self.write_config(mountfs="fat,ext", vfatoptions="utf8")
+        self.assertEqual(self.prepare(), "")
+        vyworld.write(DEVICES, SETTINGS)
+        self.assertEqual(self.prepare("--save"), "")
+        vyworld.write(DEVICES, "")
+        self.prepare("--save")
+        self.wait_until("what is to be said is logged", lambda: self.log.lines)
+        self.assertEqual(self.log.texts(), [f"prepare(#){DEVICES} holds nothing, {COPY} stays as it is"])
+
     def test_another_user_is_refused(self):
         done = self.tool("vyhotplug-prepare", "-f", CONFIG, user=SOMEBODY)
         self.assertEqual((done.status, done.err), (1, "root only.\n"))
@@ -165,7 +189,7 @@ class FreshWorld(Prepare):
 
 
 class Planted(Prepare):
-    """Names in /tmp that others were quicker to take."""
+    """Paths in /tmp that other users have taken first."""
 
     def setUp(self):
         super().setUp()
@@ -269,12 +293,9 @@ while True:
         end = time.monotonic() + 30
         while tries < 40 and (ready == 0 or time.monotonic() < end):
             tries += 1
-            for path in (FILES, HOOK_LINK, "/tmp/vynasmira"):
-                shutil.rmtree(path, ignore_errors=True)
-                try:
-                    os.unlink(path)
-                except OSError:
-                    pass
+            # Not shutil.rmtree, which opens what was a directory before, and waits at a FIFO.
+            subprocess.run(["rm", "-rf", FILES, HOOK_LINK, "/tmp/vynasmira"], check=False, env={"PATH": vyworld.PATH},
+                           stderr=subprocess.DEVNULL)
             done = self.tool("vyhotplug-prepare", "-f", CONFIG)
             self.assertIn(done.status, (0, 1), done.err)
             if done.status == 0:
@@ -530,8 +551,8 @@ class OtherFilesystems(Prepare):
     """/tmp and /run are filesystems of their own, as on most systems."""
 
     def setUp(self):
-        mount_tmpfs("/tmp", "mode=1777")
-        mount_tmpfs("/run", "mode=755")
+        mount_tmpfs_keeping("/tmp", "mode=1777")
+        mount_tmpfs_keeping("/run", "mode=755")
         self.assertNotEqual(os.stat("/tmp").st_dev, os.stat("/run").st_dev)
         super().setUp()
 

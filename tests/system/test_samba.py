@@ -80,11 +80,16 @@ class Program(BridgeTest):
         self.assertEqual(switches(), before)
 
     def test_stopping_and_continuing_does_not_end_it(self):
-        self.start_bridge()
-        self.bridge.send_signal(signal.SIGSTOP)
-        self.bridge.send_signal(signal.SIGCONT)
-        self.set_shares(share("A", FIXED))
-        self.wait_until("it has followed", lambda: self.exported() == ["A"])
+        self.start_bridge()  # it waits: what is interrupted is the wait for signals
+        for name in ("A", "B"):
+            self.bridge.send_signal(signal.SIGSTOP)
+            self.wait_until("it is stopped", lambda: self.bridge_state() == "T")
+            self.bridge.send_signal(signal.SIGCONT)
+            self.wait_until("it waits again, or has ended",
+                            lambda: self.bridge.poll() is not None or self.bridge_waits())
+            self.assertIsNone(self.bridge.poll())
+            self.set_shares(share(name, FIXED))
+            self.assertEqual(self.exported(), [name])
 
     def test_once(self):
         vyworld.write(SHARE_FILE, share("A", FIXED))
@@ -108,10 +113,20 @@ class Program(BridgeTest):
 
     def test_help_and_version(self):
         self.assertRegex(self.run_bridge("--help").out, "^Usage: vynas-samba ")
-        self.assertRegex(self.run_bridge("--version").out, r"^vynas-samba \d+\.\d+\.\d+\n$")
+        self.assertRegex(self.run_bridge("--version").out, rf"^vynas-samba {samba_world.BUILD}\n$")
         self.assertEqual(self.run_bridge("--help").status, 0)
         wrong = self.run_bridge("extra")
         self.assertEqual((wrong.status, wrong.out), (1, ""))
+
+    def test_output_that_nobody_takes_is_a_failure(self):
+        vyworld.write(SHARE_FILE, share("A", FIXED))
+        for option in ("--print", "--help", "--version"):
+            with open("/dev/full", "wb") as full:
+                done = subprocess.run(self.command(option), stdin=subprocess.DEVNULL, stdout=full,
+                                      stderr=subprocess.PIPE, check=False, timeout=vyworld.LIMIT,
+                                      env=vyworld.environment())
+            self.assertEqual((done.returncode, done.stderr),
+                             (1, b"vynas-samba: No space left on device\n"), option)
 
     def test_its_own_configuration(self):
         vyworld.write(OWN_CONFIG, "includepath = /tmp/other/include.conf\nadministrator = anna\n"
@@ -134,6 +149,22 @@ class Program(BridgeTest):
         self.signal_bridge()
         self.assertEqual(len(vyworld.read_lines(calls)), 3)  # nothing has changed
 
+    def test_a_change_is_told_without_waiting_for_more_than_smbcontrol(self):
+        """The service unmounts 400 ms after it has withdrawn a share."""
+        vyworld.write("/tmp/control", "#!/bin/sh\nsleep 0.2\n", 0o755)
+        vyworld.write(OWN_CONFIG, "smbcontrol = /tmp/control\n")
+        vyworld.write(SHARE_FILE, share("A", FIXED) + share("B", FIXED))
+        begin = time.monotonic()
+        self.start_bridge()
+        self.assertLess(time.monotonic() - begin, 3)
+        self.assertLess(self.withdraw("A"), 3)
+        self.bridge.terminate()
+        self.assertEqual(self.bridge.wait(vyworld.LIMIT), 0)
+        vyworld.write(SHARE_FILE, "")
+        begin = time.monotonic()
+        self.assertEqual(self.run_bridge("--once").status, 0)
+        self.assertLess(time.monotonic() - begin, 3)
+
     def test_a_smbcontrol_that_hangs_holds_nothing_up_for_ever(self):
         vyworld.write("/tmp/control", "#!/bin/sh\nexec sleep 1000\n", 0o755)
         vyworld.write(OWN_CONFIG, "smbcontrol = /tmp/control\n")
@@ -141,6 +172,14 @@ class Program(BridgeTest):
         self.start_bridge()
         self.wait_for_log("samba_control(#)smbcontrol does not end, it is killed")
         self.assertEqual(self.exported(), ["A"])
+
+    def test_nothing_is_logged_below_level_info(self):
+        """The parsers log each item of a list at LOG_DEBUG."""
+        self.write_config(mountfs="fat,ext", vfatoptions="utf8")
+        vyworld.write(SHARE_FILE, share("A", FIXED))
+        self.start_bridge()
+        self.wait_for_log(f"bridge(#){INCLUDE} is written")
+        self.assertEqual([str(line) for line in self.log.lines if line.priority > INFO], [])
 
     def test_what_it_says_it_says_once(self):
         vyworld.write(SHARE_FILE, share("A", "/tmp/none") + share("B", FIXED) + share("B", FIXED))
@@ -278,6 +317,7 @@ class Withdrawal(SambaTest):
         with self.held_open("Stick", f"{self.directory}/who", "anna"):
             self.assertFalse(can_unmount(self.directory))
             told = self.withdraw("Stick")
+            self.assertLess(told, 4)  # as a rule a twentieth of a second, on a quiet machine
             begin = time.monotonic()
             self.wait_until("it can be unmounted", lambda: can_unmount(self.directory))
             vyworld.log(f"told after {told * 1000:.0f} ms, let go "
@@ -355,6 +395,21 @@ class Chain(SambaTest):
         self.partition.lay_node()
         self.assert_tool("vymount", "sda1", err="mount sda1 - success.\n")
         self.wait_until("it is back", lambda: self.fetch(self.name, "who", "anna") is not None)
+
+    def test_a_disk_that_ntfs_3g_mounts_read_only_is_shared_so(self):
+        """As it does where Windows hibernates; nobody tells the service."""
+        hibernated = self.make_partition(
+            "sdb1", "ntfs", {"who": "this is sdb1\n", "hiberfil.sys": "hibr" + "x" * 8192})
+        vyworld.send(hibernated.add_message())
+        self.wait_until("it is exported", lambda: self.exported() == ["Drive(A1)", "Drive(B1)"])
+        mount, = [mount for mount in vyworld.mounts() if mount.directory == hibernated.directory]
+        self.assertIn("ro", mount.options)
+        self.assertNotIn("Read Only", vyworld.read(SHARE_FILE))
+        self.assertEqual(samba_world.testparm(SMB_CONF)["Drive(A1)"]["read only"], "No")
+        self.assertNotIn("read only", samba_world.testparm(SMB_CONF)["Drive(B1)"])  # yes by default
+        self.wait_for_log(
+            f"bridge(#)share Drive(B1) is read-only: {hibernated.directory} is mounted so")
+        self.assertEqual(self.fetch("Drive(B1)", "who", "anna"), "this is sdb1\n")
 
     def test_a_pulled_stick_is_gone(self):
         vyworld.send(self.partition.remove_message())
@@ -613,6 +668,9 @@ class Setup(BridgeTest):
         for arguments in ([], ["other"], ["enable", "disable"], ["--file"], ["--include", "x", "enable"]):
             self.assertEqual(self.setup(*arguments).status, 2, arguments)
         self.assertEqual(self.setup("--help").status, 0)
+        version = self.setup("--version")
+        self.assertEqual(version.status, 0)
+        self.assertRegex(version.out, rf"^vynas-samba-setup {samba_world.BUILD}\n$")
 
 
 class SetupWithSamba(SambaTest):

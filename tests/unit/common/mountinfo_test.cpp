@@ -56,6 +56,34 @@ TEST(Mountinfo, ReadsEveryField)
     EXPECT_STREQ(entry.directory, "/mnt/disk");
     EXPECT_STREQ(entry.type, "ext3");
     EXPECT_STREQ(entry.source, "/dev/root");
+    EXPECT_FALSE(entry.readonly);
+}
+
+TEST(Mountinfo, ReadOnlyIsWhatTheMountOrItsFilesystemIs)
+{
+    const struct {
+        const char* options;
+        const char* of_filesystem;
+        bool readonly;
+    } cases[] = {
+        {"ro", "rw", true},
+        {"ro,nosuid", "rw", true},
+        {"rw,nosuid", "rw,errors=remount-ro", false},
+        {"rw,relatime", "ro,errors=remount-ro", true}, // turned so while it was in use
+        {"nosuid,ro", "rw,x", true},
+        {"rw", "x,ro", true},
+        {"rw", "x=ro,rot,aro,ro=1", false},
+        {"rw", "", false},
+        {"rw", nullptr, false},
+    };
+    for (const auto& c : cases) {
+        std::string line = std::string("36 35 98:0 / /a ") + c.options + " - ext4 one";
+        if (c.of_filesystem != nullptr)
+            line += std::string(" ") + c.of_filesystem;
+        const MountinfoGuard table(parse(line + "\n"));
+        ASSERT_EQ(table->count, 1U) << line;
+        EXPECT_EQ(table->entries[0].readonly, c.readonly) << line;
+    }
 }
 
 TEST(Mountinfo, TakesNoneOrManyOptionalFields)
@@ -203,6 +231,11 @@ TEST(MountinfoLoad, ReadsTheKernelsOwnTable)
     EXPECT_EQ(entry->directory, directory);
     EXPECT_STREQ(entry->type, "tmpfs");
     EXPECT_STREQ(entry->source, "nothing here");
+    EXPECT_FALSE(entry->readonly);
+    ASSERT_EQ(mount(nullptr, directory.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+    MountinfoGuard again;
+    ASSERT_EQ(mountinfo_load(mountinfo_path, again.out()), 0);
+    EXPECT_TRUE(mountinfo_find(again.get(), directory.c_str())->readonly);
 }
 
 TEST(MountinfoLoad, ReadsATableOfAnySize)

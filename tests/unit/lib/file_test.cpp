@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/mount.h>
@@ -32,16 +31,7 @@ class File : public testing::Test {
         rmdir(folder.c_str());
     }
 
-    static std::set<std::string> names()
-    {
-        std::set<std::string> found;
-        DIR* directory = opendir(folder.c_str());
-        for (const dirent* entry = readdir(directory); entry != nullptr; entry = readdir(directory))
-            if (entry->d_name[0] != '.')
-                found.insert(entry->d_name);
-        closedir(directory);
-        return found;
-    }
+    static std::set<std::string> names() { return names_in(folder); }
 
     static int replace(const std::string& text, unsigned flags = 0)
     {
@@ -175,6 +165,17 @@ TEST_F(File, ALinkIsReplacedAndNotFollowed)
     EXPECT_EQ(replace("new"), 0);
     EXPECT_EQ(read_file(folder + "/target"), "target");
     EXPECT_EQ(read_file(path), "new");
+}
+
+// Nobody can lay a file or a link in wait where the new one is made: its name is another each time.
+TEST_F(File, IsMadeUnderANameThatNobodyCanForetell)
+{
+    fake_world_reset();
+    EXPECT_EQ(replace("one"), 0);
+    EXPECT_EQ(replace("two"), 0);
+    const std::vector<std::string> moves = fake_world().calls("rename ");
+    ASSERT_EQ(moves.size(), 2U);
+    EXPECT_NE(moves[0], moves[1]);
 }
 
 TEST_F(File, MayHoldAnyBytesOrNone)

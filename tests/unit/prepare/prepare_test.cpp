@@ -1,6 +1,7 @@
 #include "prepare/prepare.h"
 
 #include "fake/fake_world.h"
+#include "lib/version.h"
 #include "support/child.h"
 #include "support/files.h"
 
@@ -387,7 +388,7 @@ TEST_F(PrepareTest, TellsItsVersionAndItsOptions)
 {
     ChildResult result = run({"--version"});
     EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.out, "vyhotplug-prepare 1.0.5\n");
+    EXPECT_EQ(result.out, "vyhotplug-prepare " + std::string(vy_build) + "\n");
     result = run({"--help"});
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.out.find("usage: vyhotplug-prepare [-f FILE] [--save]\n"), 0U);

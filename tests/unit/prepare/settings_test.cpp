@@ -7,10 +7,11 @@
 #include <gtest/gtest.h>
 
 #include <errno.h>
-#include <glob.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -44,13 +45,24 @@ class SettingsTest : public testing::Test {
         return status;
     }
 
+    // The calls that were made, without what they were made for.
+    static std::vector<std::string> calls()
+    {
+        std::vector<std::string> made;
+        for (const std::string& call : fake_world().journal)
+            made.push_back(call.substr(0, call.find(' ')));
+        return made;
+    }
+
     // Files beside the two that should not have stayed.
     static void expect_nothing_beside()
     {
-        for (const char* pattern : {"/tmp/settings/*.new-*", "/var/lib/vyhotplugd/*.new-*"}) {
-            glob_t found = {};
-            EXPECT_EQ(glob(pattern, 0, nullptr, &found), GLOB_NOMATCH) << pattern;
-            globfree(&found);
+        for (const char* folder : {"/tmp/settings", copy_folder}) {
+            std::set<std::string> names =
+                exists(folder) ? names_in(folder) : std::set<std::string>();
+            names.erase("hotplug.dev.conf");
+            names.erase("filler");
+            EXPECT_EQ(names, std::set<std::string>{}) << folder;
         }
     }
 };
@@ -153,6 +165,29 @@ TEST_F(SettingsTest, SavesACopyAndMakesItsDirectory)
     expect_nothing_beside();
 }
 
+// What is on the disk after a power cut is the old copy or the new one, whole.
+TEST_F(SettingsTest, TheCopyIsOnTheDiskBeforeItTakesTheOldOnesPlace)
+{
+    make_copy("old");
+    write_file(device_file, settings);
+    EXPECT_EQ(settings_save(device_file), 0);
+    EXPECT_EQ(calls(), (std::vector<std::string>{"fsync", "rename", "fsync"}));
+    fake_world_reset();
+    unlink(device_file);
+    EXPECT_EQ(settings_restore(device_file), 0);
+    EXPECT_EQ(calls(), (std::vector<std::string>{"fsync", "rename", "fsync"}));
+}
+
+TEST_F(SettingsTest, ACopyThatCannotBeWrittenDownLeavesTheOldOne)
+{
+    make_copy("old");
+    write_file(device_file, settings);
+    fake_world().fail("fsync", 1, EIO);
+    EXPECT_EQ(settings_save(device_file), -EIO);
+    EXPECT_EQ(read_file(settings_copy), "old");
+    expect_nothing_beside();
+}
+
 TEST_F(SettingsTest, SavesOverAnotherCopy)
 {
     for (const char* old : {"", "other", "[1:2:3:1]\nShare Name=Musik\n"}) {
@@ -228,6 +263,22 @@ TEST_F(SettingsTest, ASaveThatFailsLeavesTheOldCopy)
     expect_nothing_beside();
     EXPECT_EQ(settings_save(device_file), 0);
     EXPECT_EQ(read_file(settings_copy), settings);
+}
+
+// Small enough for a stream's buffer, and larger.
+TEST_F(SettingsTest, OnAFullDiskTheOldCopyStays)
+{
+    make_copy("");
+    ASSERT_EQ(mount("full", copy_folder, "tmpfs", 0, "size=64k"), 0);
+    write_file(settings_copy, "old");
+    write_file(std::string(copy_folder) + "/filler", std::string(60 * 1024, 'x'));
+    for (const size_t size : {3000, 100000}) {
+        write_file(device_file, std::string(size, 'n'));
+        EXPECT_EQ(settings_save(device_file), -ENOSPC) << size;
+        EXPECT_EQ(read_file(settings_copy), "old");
+        expect_nothing_beside();
+    }
+    EXPECT_EQ(umount(copy_folder), 0);
 }
 
 TEST_F(SettingsTest, ReplacesACopyThatCannotBeRead)

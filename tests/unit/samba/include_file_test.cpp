@@ -11,13 +11,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <set>
 #include <string>
 
 namespace {
 
+using Names = std::set<std::string>;
+
 const std::string folder = "/tmp/samba";
 const std::string path = folder + "/shares.conf";
-const std::string beside = path + "." + std::to_string(getpid());
 
 unsigned mode_of(const std::string& name)
 {
@@ -43,7 +45,7 @@ TEST(IncludeFile, IsWrittenWithItsDirectoryAndReadBack)
     ASSERT_EQ(include_file_write(path.c_str(), "[A]\n"), 0);
     EXPECT_EQ(read_file(path), "[A]\n");
     EXPECT_EQ(read_back(), "[A]\n");
-    EXPECT_FALSE(exists(beside));
+    EXPECT_EQ(names_in(folder), Names{"shares.conf"});
 }
 
 TEST(IncludeFile, EverybodyMayReadItWhateverTheUmask)
@@ -63,14 +65,15 @@ TEST(IncludeFile, IsReplacedByAnotherFile)
     EXPECT_EQ(read_file(folder + "/kept"), "old");
 }
 
-TEST(IncludeFile, ALinkThatLiesInWaitIsNotFollowed)
+TEST(IncludeFile, ALinkInItsPlaceIsReplacedAndNotFollowed)
 {
     ASSERT_EQ(mkdir(folder.c_str(), 0755), 0);
     write_file("/tmp/other", "other");
-    ASSERT_EQ(symlink("/tmp/other", beside.c_str()), 0);
+    ASSERT_EQ(symlink("/tmp/other", path.c_str()), 0);
     ASSERT_EQ(include_file_write(path.c_str(), "new"), 0);
     EXPECT_EQ(read_file("/tmp/other"), "other");
     EXPECT_EQ(read_file(path), "new");
+    EXPECT_EQ(mode_of(path), 0644U);
 }
 
 TEST(IncludeFile, WhenItCannotBeMovedTheOldOneStays)
@@ -80,17 +83,21 @@ TEST(IncludeFile, WhenItCannotBeMovedTheOldOneStays)
     fake_world().fail("rename", 1, EXDEV);
     EXPECT_EQ(include_file_write(path.c_str(), "new"), -EXDEV);
     EXPECT_EQ(read_file(path), "old");
-    EXPECT_FALSE(exists(beside));
+    EXPECT_EQ(names_in(folder), Names{"shares.conf"});
 }
 
+// Small enough for a stream's buffer, and larger.
 TEST(IncludeFile, WhenTheDiskIsFullTheOldOneStays)
 {
     ASSERT_EQ(mkdir(folder.c_str(), 0755), 0);
-    ASSERT_EQ(mount("full", folder.c_str(), "tmpfs", 0, "size=16k"), 0);
+    ASSERT_EQ(mount("full", folder.c_str(), "tmpfs", 0, "size=64k"), 0);
     write_file(path, "old");
-    EXPECT_EQ(include_file_write(path.c_str(), std::string(100000, 'x').c_str()), -ENOSPC);
-    EXPECT_EQ(read_file(path), "old");
-    EXPECT_FALSE(exists(beside));
+    write_file(folder + "/filler", std::string(60 * 1024, 'x')); // no page is left
+    for (const size_t size : {3000, 100000}) {
+        EXPECT_EQ(include_file_write(path.c_str(), std::string(size, 'n').c_str()), -ENOSPC);
+        EXPECT_EQ(read_file(path), "old");
+        EXPECT_EQ(names_in(folder), (Names{"filler", "shares.conf"}));
+    }
 }
 
 TEST(IncludeFile, TellsWhyItCannotBeWritten)

@@ -1,4 +1,4 @@
-#include "samba/presence.h"
+#include "samba/share_mount.h"
 
 #include <gtest/gtest.h>
 
@@ -12,7 +12,7 @@ std::string line_at(const std::string& directory)
 }
 
 // Whether the path is mounted, with mounts at "/", "/media" and these directories.
-bool is_mounted(const MountPlace& place, const std::string& path,
+bool is_mounted(const MountRoot& root, const std::string& path,
                 const std::vector<std::string>& directories)
 {
     std::string text = line_at("/") + line_at("/media");
@@ -20,24 +20,24 @@ bool is_mounted(const MountPlace& place, const std::string& path,
         text += line_at(directory);
     MountinfoGuard table;
     EXPECT_EQ(mountinfo_parse(text.data(), text.size(), table.out()), 0);
-    return presence_is_mounted(&place, path.c_str(), table.get());
+    return share_mount_find(&root, path.c_str(), table.get()) != nullptr;
 }
 
-const MountPlace usual = {.configured = "/media/vy", .resolved = "/media/vy"};
-const MountPlace linked = {.configured = "/shares/", .resolved = "/media/vy"};
+const MountRoot usual = {.configured = "/media/vy", .resolved = "/media/vy"};
+const MountRoot linked = {.configured = "/shares/", .resolved = "/media/vy"};
 
 } // namespace
 
-TEST(Presence, APathBelowThePlaceIsAMountedOne)
+TEST(ShareMount, APathBelowTheRootIsAMountedOne)
 {
-    EXPECT_TRUE(presence_is_mounted_path(&usual, "/media/vy/sda1"));
-    EXPECT_TRUE(presence_is_mounted_path(&usual, "/media/vy//sda1/x"));
-    EXPECT_FALSE(presence_is_mounted_path(&usual, "/media/vy"));
-    EXPECT_FALSE(presence_is_mounted_path(&usual, "/media/vy2/sda1"));
-    EXPECT_FALSE(presence_is_mounted_path(&usual, "/srv"));
+    EXPECT_TRUE(share_mount_is_wanted(&usual, "/media/vy/sda1"));
+    EXPECT_TRUE(share_mount_is_wanted(&usual, "/media/vy//sda1/x"));
+    EXPECT_FALSE(share_mount_is_wanted(&usual, "/media/vy"));
+    EXPECT_FALSE(share_mount_is_wanted(&usual, "/media/vy2/sda1"));
+    EXPECT_FALSE(share_mount_is_wanted(&usual, "/srv"));
 }
 
-TEST(Presence, MountedIsWhatLiesOnAMountBelowThePlace)
+TEST(ShareMount, MountedIsWhatLiesOnAMountBelowTheRoot)
 {
     EXPECT_TRUE(is_mounted(usual, "/media/vy/sda1", {"/media/vy/sda1"}));
     EXPECT_TRUE(is_mounted(usual, "/media/vy/sda1/music", {"/media/vy/sda1"}));
@@ -48,16 +48,16 @@ TEST(Presence, MountedIsWhatLiesOnAMountBelowThePlace)
     EXPECT_FALSE(is_mounted(usual, "/srv", {"/srv"}));
 }
 
-TEST(Presence, APlaceBehindALinkIsLookedForWhereItIs)
+TEST(ShareMount, ARootBehindALinkIsLookedForWhereItIs)
 {
-    EXPECT_TRUE(presence_is_mounted_path(&linked, "/shares/sda1"));
-    EXPECT_TRUE(presence_is_mounted_path(&linked, "/media/vy/sda1"));
+    EXPECT_TRUE(share_mount_is_wanted(&linked, "/shares/sda1"));
+    EXPECT_TRUE(share_mount_is_wanted(&linked, "/media/vy/sda1"));
     EXPECT_TRUE(is_mounted(linked, "/shares/sda1", {"/media/vy/sda1"}));
     EXPECT_TRUE(is_mounted(linked, "/media/vy/sda1", {"/media/vy/sda1"}));
     EXPECT_FALSE(is_mounted(linked, "/shares/sda1", {"/shares/sda1"}));
 }
 
-TEST(Presence, APathThatIsTooLongIsNotMounted)
+TEST(ShareMount, APathThatIsTooLongIsNotMounted)
 {
     EXPECT_FALSE(is_mounted(usual, "/media/vy/" + std::string(5000, 'x'), {"/media/vy/sda1"}));
 }

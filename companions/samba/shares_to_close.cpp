@@ -1,4 +1,4 @@
-#include "samba/closing.h"
+#include "samba/shares_to_close.h"
 
 #include "config/ini.h"
 #include "lib/guard.h"
@@ -6,11 +6,11 @@
 #include <errno.h>
 #include <string.h>
 
-// The section that ends the file is no share.
+// The last section of the file is no share.
 static constexpr char global_section[] = "global";
 
-// Lines that a connected client need not care for.
-static constexpr const char* indifferent_lines[] = {
+// Lines whose change does not concern connected clients.
+static constexpr const char* harmless_lines[] = {
     "\tcomment =",
     "\tstrict sync =",
     "\tsync always =",
@@ -63,9 +63,9 @@ static bool next_section(const char** text, Span* name)
     return false;
 }
 
-static bool is_indifferent(Span line)
+static bool is_harmless(Span line)
 {
-    for (const char* beginning : indifferent_lines) {
+    for (const char* beginning : harmless_lines) {
         const size_t size = strlen(beginning);
         if (line.size >= size && memcmp(line.begin, beginning, size) == 0)
             return true;
@@ -73,14 +73,14 @@ static bool is_indifferent(Span line)
     return false;
 }
 
-// Takes the next line that matters from a section; false at the section's end.
-static bool next_decisive(const char** body, Span* line)
+// Takes the next line of a section that is not harmless; false at the section's end.
+static bool next_significant(const char** body, Span* line)
 {
     Span ignored;
     while (next_line(body, line)) {
         if (is_header(*line, &ignored))
             return false;
-        if (!is_indifferent(*line))
+        if (!is_harmless(*line))
             return true;
     }
     return false;
@@ -91,8 +91,8 @@ static bool same_body(const char* a, const char* b)
     for (;;) {
         Span line_of_a;
         Span line_of_b;
-        const bool more_of_a = next_decisive(&a, &line_of_a);
-        const bool more_of_b = next_decisive(&b, &line_of_b);
+        const bool more_of_a = next_significant(&a, &line_of_a);
+        const bool more_of_b = next_significant(&b, &line_of_b);
         if (!more_of_a || !more_of_b)
             return more_of_a == more_of_b;
         if (!same_span(line_of_a, line_of_b))
@@ -100,7 +100,7 @@ static bool same_body(const char* a, const char* b)
     }
 }
 
-// Whether the new text has the section, with the same lines.
+// Whether the new text has the section with the same lines.
 static bool stays(Span name, const char* body, const char* new_text)
 {
     Span other;
@@ -120,7 +120,7 @@ static int append_name(vylist* names, Span name)
     return 0;
 }
 
-int closing_find(const char* old_text, const char* new_text, vylist** names)
+int shares_to_close(const char* old_text, const char* new_text, vylist** names)
 {
     SectionListGuard found(vylist_create());
     if (!found)

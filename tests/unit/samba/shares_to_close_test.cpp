@@ -1,4 +1,4 @@
-#include "samba/closing.h"
+#include "samba/shares_to_close.h"
 
 #include "config/ini.h"
 #include "support/failing_memory.h"
@@ -17,7 +17,7 @@ using Texts = std::vector<std::string>;
 Texts closed(const std::string& old_text, const std::string& new_text)
 {
     SectionListGuard names;
-    EXPECT_EQ(closing_find(old_text.c_str(), new_text.c_str(), names.out()), 0);
+    EXPECT_EQ(shares_to_close(old_text.c_str(), new_text.c_str(), names.out()), 0);
     Texts found;
     for (const vylist_node* node = names->next; node != vylist_end(names.get()); node = node->next)
         found.push_back(static_cast<const char*>(node->data));
@@ -33,14 +33,14 @@ const std::string end = "[global]\n";
 
 } // namespace
 
-TEST(Closing, SharesThatAreGone)
+TEST(SharesToClose, SharesThatAreGone)
 {
     EXPECT_EQ(
         closed("# head\n" + section("A b") + section("B") + section("C") + end, section("B") + end),
         (Texts{"A b", "C"}));
 }
 
-TEST(Closing, NothingWhenAllStays)
+TEST(SharesToClose, NothingWhenAllStays)
 {
     const std::string text = section("A") + section("B") + end;
     EXPECT_EQ(closed(text, text), Texts{});
@@ -48,7 +48,7 @@ TEST(Closing, NothingWhenAllStays)
     EXPECT_EQ(closed("", text), Texts{});
 }
 
-TEST(Closing, SharesThatLeadElsewhereOrAreForOthers)
+TEST(SharesToClose, SharesThatLeadElsewhereOrAreForOthers)
 {
     const std::string before = "\tpath = /a\n\tread only = no\n\tvalid users = a\n";
     for (const std::string after :
@@ -58,7 +58,7 @@ TEST(Closing, SharesThatLeadElsewhereOrAreForOthers)
         EXPECT_EQ(closed(section("A", before) + end, section("A", after) + end), (Texts{"A"}));
 }
 
-TEST(Closing, NotForCommentsAndSynchronousWriting)
+TEST(SharesToClose, NotForCommentsAndSynchronousWriting)
 {
     const std::string before =
         "\tpath = /a\n\tcomment = x\n\tstrict sync = no\n\tsync always = no\n";
@@ -69,20 +69,20 @@ TEST(Closing, NotForCommentsAndSynchronousWriting)
     EXPECT_EQ(closed(section("A", after), section("A", before)), Texts{});
 }
 
-TEST(Closing, AnOldFileMayBeAnything)
+TEST(SharesToClose, AnOldFileMayBeAnything)
 {
     EXPECT_EQ(closed("\n\n[]\n[x\ny]\n = [z]\n[A]", end), (Texts{"A"}));
     EXPECT_EQ(closed("path = /x", section("A")), Texts{});
 }
 
-TEST(Closing, WithoutMemoryThereIsNoList)
+TEST(SharesToClose, WithoutMemoryThereIsNoList)
 {
     const std::string old_text = section("A") + section("B");
     const long before = memory_blocks();
     for (int nth = 1; nth <= 6; nth++) { // the list, its nodes and its names
         vylist* names = nullptr;
         memory_fail(nth);
-        const int result = closing_find(old_text.c_str(), "", &names);
+        const int result = shares_to_close(old_text.c_str(), "", &names);
         if (!memory_failed()) {
             EXPECT_EQ(nth, 6);
             EXPECT_EQ(result, 0);

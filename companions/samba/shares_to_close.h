@@ -1,0 +1,11 @@
+// Finds the shares whose clients must be disconnected (smbcontrol's close-share) when one include
+// file replaces another: those that are gone, and those with another path or other rights. A new
+// comment or another sync setting disconnects nobody. Touches no world.
+#pragma once
+
+#include "lib/vylist.h"
+
+// Compares two texts as include_text_make writes them; the old one may be anything. Returns 0 and
+// an owned list of owned names, in the old text's order, to be released with
+// config_release_section_list; -ENOMEM, `names` untouched.
+[[nodiscard]] int shares_to_close(const char* old_text, const char* new_text, vylist** names);
