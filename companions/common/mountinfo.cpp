@@ -1,14 +1,12 @@
 #include "common/mountinfo.h"
 
+#include "lib/file.h"
 #include "lib/str.h"
 
 #include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
-#include <unistd.h>
-
-static constexpr size_t first_read = 8192; // bytes; doubled as the file needs
 
 // ---- fields ----
 
@@ -158,55 +156,16 @@ int mountinfo_parse(const char* text, size_t size, Mountinfo** table)
     return make_table(&copy, size, table);
 }
 
-// Doubles the room. Returns 0 or -ENOMEM.
-static int grow(char** buffer, size_t* room)
-{
-    if (*room > SIZE_MAX / 2)
-        return -ENOMEM;
-    auto* larger = static_cast<char*>(realloc(*buffer, *room * 2));
-    if (larger == nullptr)
-        return -ENOMEM;
-    *buffer = larger;
-    *room *= 2;
-    return 0;
-}
-
-// Reads to the end of the file, and puts a NUL behind it. Returns 0 or a negated errno; what is in
-// `buffer` then is the caller's in any case.
-static int read_all(int fd, char** buffer, size_t* size)
-{
-    size_t room = first_read;
-    *buffer = static_cast<char*>(malloc(room));
-    if (*buffer == nullptr)
-        return -ENOMEM;
-    *size = 0;
-    for (;;) {
-        if (*size + 1 == room && grow(buffer, &room) != 0)
-            return -ENOMEM;
-        const ssize_t count = read(fd, *buffer + *size, room - *size - 1);
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count < 0)
-            return -errno;
-        if (count == 0)
-            break;
-        *size += static_cast<size_t>(count);
-    }
-    (*buffer)[*size] = '\0';
-    return 0;
-}
-
 int mountinfo_load(const char* path, Mountinfo** table)
 {
     const FdGuard fd(open(path, O_RDONLY | O_CLOEXEC));
     if (fd.get() < 0)
         return -errno;
-    MemGuard<char> text;
-    size_t size = 0;
-    const int result = read_all(fd.get(), text.out(), &size);
+    FileBytes content;
+    const int result = file_read_fd(fd.get(), FILE_ANY_SIZE, &content);
     if (result != 0)
         return result;
-    return make_table(&text, size, table);
+    return make_table(&content.bytes, content.size, table);
 }
 
 void mountinfo_free(Mountinfo* table)
