@@ -68,12 +68,8 @@ static Device* find_or_make(Announcer* announcer, const BlockName& name, int32_t
         if (device.state == DEVICE_UNSEEN)
             break;
     }
-    if (place != nullptr) {
-        *place = {};
-        place->name = name;
-        place->major = major;
-        place->minor = minor;
-    }
+    if (place != nullptr)
+        *place = {.major = major, .minor = minor, .name = name};
     return place;
 }
 

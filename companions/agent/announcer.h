@@ -40,19 +40,19 @@ DeviceState device_next(DeviceState state, DeviceEvent event);
 
 // A device is what has certain numbers.
 struct Device {
-    DeviceState state;
-    int32_t major;
-    int32_t minor;
-    BlockName name;
-    uint64_t identity; // of the block device that was announced
-    uint64_t seen;     // how many events the kernel had sent before that was read
-    uint8_t looks;     // had or due, whether it is still mounted
-    uint64_t look_due; // the next one's time; 0: none is due
+    DeviceState state = DEVICE_UNSEEN;
+    int32_t major = 0;
+    int32_t minor = 0;
+    BlockName name = {};
+    uint64_t identity = 0; // of the block device that was announced
+    uint64_t seen = 0;     // how many events the kernel had sent before that was read
+    uint8_t looks = 0;     // had or due, whether it is still mounted
+    uint64_t look_due = 0; // the next one's time; 0: none is due
 };
 
 struct Announcer {
     const AgentSettings* settings = nullptr; // borrowed
-    Device devices[agent_table_limit] = {};
+    Device devices[agent_table_limit];
     BlockList shown;                             // what the last walk found
     Device* out = nullptr;                       // whose message was handed out,
     DeviceEvent end = {};                        // and what its delivery is

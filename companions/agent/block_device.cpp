@@ -41,14 +41,12 @@ bool block_name_parse(const char* text, BlockName* name)
         if (strncmp(text, kind.prefix, strlen(kind.prefix)) != 0 || !pass(&rest, kind.characters))
             continue;
         name->disk_length = static_cast<uint8_t>(rest - text);
-        if (*rest != '\0') {
-            const size_t divider = strlen(kind.divider);
-            const char* number = rest + divider;
-            const bool is_divided = strncmp(rest, kind.divider, divider) == 0;
-            if (!is_divided || !pass(&number, digits) || *number != '\0' || rest[divider] == '0' ||
-                str_to_long(rest + divider, &name->partition, 10) != 0)
-                return false;
-        }
+        const char* number = rest + strlen(kind.divider);
+        const char* end = number;
+        const bool is_disk = *rest == '\0';
+        if (!is_disk && (strncmp(rest, kind.divider, strlen(kind.divider)) != 0 || *number == '0' ||
+                         !pass(&end, digits) || str_to_long(number, &name->partition, 10) != 0))
+            return false;
         str_cpy(name->text, text); // 15 bytes at the most
         return true;
     }
@@ -104,15 +102,6 @@ static void read_text(const char* directory, const char* file, char* text, size_
         text[strlen(text) - 1] = '\0';
 }
 
-static void read_usb(const char* usb, BlockDevice* device)
-{
-    read_text(usb, "idProduct", device->pid, sizeof device->pid, device);
-    read_text(usb, "serial", device->serial, sizeof device->serial, device);
-    read_text(usb, "manufacturer", device->vname, sizeof device->vname, device);
-    read_text(usb, "product", device->pname, sizeof device->pname, device);
-    read_text(usb, "speed", device->speed, sizeof device->speed, device);
-}
-
 // What the disk's "device" link leads to.
 static void read_hardware(const char* sysfs, const char* disk, BlockDevice* device)
 {
@@ -133,12 +122,17 @@ static void read_hardware(const char* sysfs, const char* disk, BlockDevice* devi
     const size_t length = strlen(root);
     while (device->vid[0] == '\0' && strncmp(usb, root, length) == 0 && strlen(usb) > length) {
         read_text(usb, "idVendor", device->vid, sizeof device->vid, device);
-        if (device->vid[0] != '\0')
-            read_usb(usb, device);
-        else
+        if (device->vid[0] == '\0')
             *strrchr(usb, '/') = '\0';
     }
-    if (device->vname[0] == '\0')
+    if (device->vid[0] != '\0') {
+        read_text(usb, "idProduct", device->pid, sizeof device->pid, device);
+        read_text(usb, "serial", device->serial, sizeof device->serial, device);
+        read_text(usb, "manufacturer", device->vname, sizeof device->vname, device);
+        read_text(usb, "product", device->pname, sizeof device->pname, device);
+        read_text(usb, "speed", device->speed, sizeof device->speed, device);
+    }
+    if (device->vname[0] == '\0') // the disk's own names
         read_text(directory, "vendor", device->vname, sizeof device->vname, device);
     if (device->pname[0] == '\0')
         read_text(directory, "model", device->pname, sizeof device->pname, device);

@@ -89,8 +89,17 @@ static void change_medium(Oneshot* oneshot, const Uevent& event)
     tell_adds(oneshot, &event);
 }
 
-static int finish(const Oneshot& oneshot)
+// Tells of the event, or of everything where it is null. Returns the exit status.
+static int run(const AgentSettings& settings, const Uevent* event)
 {
+    Oneshot oneshot;
+    oneshot.settings = &settings;
+    if (event == nullptr || event->action == UEVENT_ADD)
+        tell_adds(&oneshot, event);
+    else if (event->action == UEVENT_REMOVE)
+        tell_remove(&oneshot, event->major, event->minor);
+    else if (event->media_change && event->name.partition == 0)
+        change_medium(&oneshot, *event);
     if (oneshot.dropped > 0)
         VY_LOG(LOG_ERR, "the daemon cannot be reached, %u messages dropped", oneshot.dropped);
     return oneshot.dropped > 0 || oneshot.failed ? 1 : 0;
@@ -98,33 +107,21 @@ static int finish(const Oneshot& oneshot)
 
 int oneshot_once(const AgentSettings& settings, const char* const* environment)
 {
-    Oneshot oneshot;
-    oneshot.settings = &settings;
     Uevent event;
     const int result = uevent_from_environment(environment, &event);
     if (result < 0)
         VY_LOG(LOG_ERR, "no event in the environment: ACTION, DEVPATH, MAJOR, MINOR");
     if (result != 0)
         return result < 0 ? 1 : 0;
-    if (event.action == UEVENT_REMOVE && (event.major < 0 || event.minor < 0)) {
-        VY_LOG(LOG_ERR, "remove event without MAJOR and MINOR");
-        return 1;
-    }
-    if (event.action == UEVENT_REMOVE)
-        tell_remove(&oneshot, event.major, event.minor);
-    else if (event.action == UEVENT_ADD)
-        tell_adds(&oneshot, &event);
-    else if (event.media_change && event.name.partition == 0)
-        change_medium(&oneshot, event);
-    return finish(oneshot);
+    if (event.action != UEVENT_REMOVE || (event.major >= 0 && event.minor >= 0))
+        return run(settings, &event);
+    VY_LOG(LOG_ERR, "remove event without MAJOR and MINOR");
+    return 1;
 }
 
 int oneshot_scan(const AgentSettings& settings)
 {
-    Oneshot oneshot;
-    oneshot.settings = &settings;
-    tell_adds(&oneshot, nullptr);
-    return finish(oneshot);
+    return run(settings, nullptr);
 }
 
 int oneshot_list(const AgentSettings& settings)

@@ -1,6 +1,5 @@
 #include "agent/settings.h"
 
-#include "agent/limits.h"
 #include "lib/str.h"
 
 #include <getopt.h>
@@ -67,15 +66,6 @@ static int set_directory(const char** field)
     return 0;
 }
 
-static int set_wait(AgentSettings* settings)
-{
-    const bool is_number = optarg[0] >= '0' && optarg[0] <= '9';
-    if (!is_number || str_to_long(optarg, &settings->wait, 10) != 0 ||
-        settings->wait > agent_wait_most)
-        return complain("not a number of seconds up to a day: ", optarg);
-    return 0;
-}
-
 static int take_option(AgentSettings* settings, int code)
 {
     switch (code) {
@@ -94,7 +84,10 @@ static int take_option(AgentSettings* settings, int code)
         settings->state = "";
         return optarg[0] != '\0' ? set_directory(&settings->state) : 0;
     case 'w':
-        return set_wait(settings);
+        if (optarg[0] >= '0' && optarg[0] <= '9' && str_to_long(optarg, &settings->wait, 10) == 0 &&
+            settings->wait <= agent_wait_most)
+            return 0;
+        return complain("not a number of seconds up to a day: ", optarg);
     case '?': // getopt_long has told
         return complain("wrong command line", "");
     default:
@@ -107,13 +100,7 @@ static int take_option(AgentSettings* settings, int code)
 
 int settings_parse(int argc, char* argv[], AgentSettings* settings)
 {
-    *settings = {.mode = AGENT_NO_MODE,
-                 .all = false,
-                 .wait = agent_wait_default,
-                 .sysfs = "/sys",
-                 .proc = "/proc",
-                 .mounts = "/media/vyhotplug",
-                 .state = "/run/vyhotplug-agent.state"};
+    *settings = {};
     int code = 0;
     while ((code = getopt_long(argc, argv, "", long_options, nullptr)) != -1) {
         if (take_option(settings, code) != 0)

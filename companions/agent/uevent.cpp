@@ -49,9 +49,8 @@ static bool is_devpath(const char* path)
     const size_t length = strlen(path);
     if (length < 2 || path[0] != '/' || length >= agent_devpath_size || path[length - 1] == '/')
         return false;
-    for (size_t i = 0; i < length; i++) {
-        const auto byte = static_cast<unsigned char>(path[i]);
-        if (byte <= ' ' || byte >= 0x7f || strchr("\\\"'", path[i]) != nullptr)
+    for (const char* at = path; *at != '\0'; at++) {
+        if (*at <= ' ' || *at >= 0x7f || strchr("\\\"'", *at) != nullptr)
             return false;
     }
     return strstr(path, "..") == nullptr && strstr(path, "//") == nullptr &&
