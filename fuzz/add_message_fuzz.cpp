@@ -2,7 +2,8 @@
 //
 // Input: on a line each the major and the minor number, the range, removable, read-only and the
 // partition's number; then, separated by lines "%%", vendor id, product id, speed, serial, vendor's
-// and product's name.
+// and product's name, and once more range, removable and read-only, as they may stand in sysfs, in
+// the place of the numbers.
 #include "agent/add_message.h"
 #include "common/text.h"
 #include "core/message.h"
@@ -19,21 +20,32 @@ static void put(char* field, size_t size, const std::string& text)
     snprintf(field, size, "%s", text.c_str());
 }
 
+// Digits where the text is none.
+static void put_number(char* field, size_t size, int64_t number, const std::string& text)
+{
+    put(field, size, text.empty() ? std::to_string(number) : text);
+}
+
 static BlockDevice read_device(Input* input)
 {
     BlockDevice device = {};
     device.major = static_cast<int32_t>(input->number(0, 4095));
     device.minor = static_cast<int32_t>(input->number(0, 1048575));
-    device.range = static_cast<int32_t>(input->number(INT32_MIN, INT32_MAX));
-    device.removable = static_cast<int32_t>(input->number(-1, 1));
-    device.readonly = static_cast<int32_t>(input->number(-1, 1));
-    device.name = {BLOCK_SD, 1, static_cast<int32_t>(input->number(0, 9999))};
+    const int64_t range = input->number(INT32_MIN, INT32_MAX);
+    const int64_t removable = input->number(-1, 1);
+    const int64_t readonly = input->number(-1, 1);
+    const int64_t partition = input->number(0, 9999);
+    const std::string name = "sda" + (partition > 0 ? std::to_string(partition) : "");
+    check(block_name_parse(name.c_str(), &device.name), "a name");
     put(device.vid, sizeof device.vid, input->field());
     put(device.pid, sizeof device.pid, input->field());
     put(device.speed, sizeof device.speed, input->field());
     put(device.serial, sizeof device.serial, input->field());
     put(device.vname, sizeof device.vname, input->field());
     put(device.pname, sizeof device.pname, input->field());
+    put_number(device.range, sizeof device.range, range, input->field());
+    put_number(device.removable, sizeof device.removable, removable, input->field());
+    put_number(device.readonly, sizeof device.readonly, readonly, input->field());
     return device;
 }
 
@@ -78,6 +90,20 @@ static void check_prefix(const char* got, const char* given, const char* what)
     check_same(got, clean.substr(0, strlen(got)), what);
 }
 
+// What a text says that is one of the numbers from `least` to `most`, as the kernel writes them;
+// `otherwise` for any other.
+static int64_t number_of(const char* text, int64_t least, int64_t most, int64_t otherwise)
+{
+    std::string trimmed = text;
+    text_trim(trimmed.data());
+    trimmed.resize(strlen(trimmed.c_str()));
+    for (int64_t number = least; number <= most; number++) {
+        if (trimmed == std::to_string(number))
+            return number;
+    }
+    return otherwise;
+}
+
 static void check_reading(const BlockDevice& device, const char* text)
 {
     ControlMessage message;
@@ -85,10 +111,11 @@ static void check_reading(const BlockDevice& device, const char* text)
     check_equal(message_parse(text, &message), 0, "the daemon reads it");
     check_equal(message.dev.major, device.major, "the major number");
     check_equal(message.dev.minor, device.minor, "the minor number");
-    const bool in_range = device.range >= 1 && device.range <= 255;
-    check_equal(message.dev.range, in_range ? device.range : 16, "the range");
-    check_equal(message.dev.flags & HOTPLUG_FLAG_REMOVABLE, device.removable == 1 ? 1 : 0, "RM");
-    check_equal(message.dev.flags & HOTPLUG_FLAG_READONLY, device.readonly == 1 ? 2 : 0, "RO");
+    check_equal(message.dev.range, number_of(device.range, 1, 255, 16), "the range");
+    check_equal(message.dev.flags & HOTPLUG_FLAG_REMOVABLE, number_of(device.removable, 0, 1, 0),
+                "RM");
+    check_equal(message.dev.flags & HOTPLUG_FLAG_READONLY, number_of(device.readonly, 0, 1, 0) * 2,
+                "RO");
     check_equal(message.dev.devtype,
                 device.name.partition > 0 ? HOTPLUG_DEVTYPE_PARTITION : HOTPLUG_DEVTYPE_DISK,
                 "DEVTYPE");

@@ -171,9 +171,7 @@ static void check_event(int result, const Uevent& event, const Said& said)
     check_equal(result, said.result, "the result");
     if (result != 0)
         return;
-    char name[block_name_size];
-    block_name_format(event.name, name);
-    check_same(name, said.name, "the name");
+    check_same(event.name.text, said.name, "the name");
     check_equal(event.action, said.action, "the action");
     check_equal(event.major, said.major, "the major number");
     check_equal(event.minor, said.minor, "the minor number");

@@ -18,7 +18,3 @@ size_t add_message_format(const BlockDevice& device, char (&text)[agent_message_
 
 // Writes the remove message. Returns the length.
 size_t remove_message_format(int32_t major, int32_t minor, char (&text)[agent_message_size]);
-
-// A number for what makes the device this one and no other: its numbers, ids, serial, names and its
-// incarnation. Of two devices with different ones the second has taken the first one's place.
-uint64_t block_device_identity(const BlockDevice& device);

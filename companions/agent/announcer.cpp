@@ -1,421 +1,367 @@
 #include "agent/announcer.h"
 
 #include "agent/add_message.h"
+#include "agent/survey.h"
 #include "common/mountinfo.h"
 #include "lib/log.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
 
 static constexpr char log_tag[] = "announcer";
-static constexpr size_t path_size = agent_folder_size + 32;
 
-void announcer_init(Announcer* announcer, const SurveyView& view, Courier* courier)
+DeviceState device_next(DeviceState state, DeviceEvent event)
 {
-    *announcer = {};
-    announcer->view = view;
-    announcer->view.announced = &announcer->table;
-    announcer->courier = courier;
+    static constexpr DeviceState table[][5] = {
+        // out, added, went, taken, mounted
+        {DEVICE_SENT, DEVICE_UNSEEN, DEVICE_PASSING, DEVICE_UNSEEN, DEVICE_UNSEEN},      // unseen
+        {DEVICE_SENT, DEVICE_TOLD, DEVICE_LEAVING, DEVICE_SENT, DEVICE_SENT},            // sent
+        {DEVICE_TOLD, DEVICE_TOLD, DEVICE_LEAVING, DEVICE_TOLD, DEVICE_TOLD},            // told
+        {DEVICE_LEAVING, DEVICE_LEAVING, DEVICE_LEAVING, DEVICE_GONE, DEVICE_LEAVING},   // leaving
+        {DEVICE_SENT, DEVICE_GONE, DEVICE_GONE, DEVICE_GONE, DEVICE_LEAVING},            // gone
+        {DEVICE_PASSING, DEVICE_PASSING, DEVICE_PASSING, DEVICE_PASSED, DEVICE_PASSING}, // passing
+        {DEVICE_SENT, DEVICE_PASSED, DEVICE_PASSED, DEVICE_PASSED, DEVICE_PASSED},       // passed
+    };
+    return table[state][event];
 }
 
-// ---- the queue ----
-
-// Has a walk made a little later.
-static void look_again(Announcer* announcer)
+static void take_step(Device* device, DeviceEvent event)
 {
-    announcer->walk_due = true;
-    announcer->courier->visit = true;
-    courier_pause(announcer->courier, courier_now());
+    const DeviceState next = device_next(device->state, event);
+    if (next == DEVICE_LEAVING && device->state != DEVICE_LEAVING)
+        VY_LOG(LOG_INFO, "%s (%d:%d) has gone", device->name.text, device->major, device->minor);
+    device->state = next;
 }
 
-// Drops all that waits, but for what the courier has under way.
-static void lose_queue(Announcer* announcer)
+static bool is_announced(const Device& device)
 {
-    Courier* courier = announcer->courier;
-    const uint32_t kept = courier->under_way ? 1 : 0;
-    const uint32_t id = kept != 0 ? message_queue_head(&courier->queue)->id : 0;
-    message_queue_cut(&courier->queue, kept);
-    announced_lose_queue(&announcer->table, id);
-    look_again(announcer);
+    return device.state == DEVICE_SENT || device.state == DEVICE_TOLD;
 }
 
-// Returns whether the message waits now. When it does not, the table has changed.
-static bool put_message(Announcer* announcer, MessageKind kind, uint32_t id, const char* text)
-{
-    const int result = message_queue_put(&announcer->courier->queue, kind, id, text);
-    if (result == 0)
-        return true;
-    VY_LOG(LOG_ERR, "waiting messages dropped, all will be looked through (%s)", strerror(-result));
-    lose_queue(announcer);
-    return false;
-}
+// ---- the devices ----
 
-static bool put_add(Announcer* announcer, const Announced* entry, const BlockDevice& device)
+static Device* find(Announcer* announcer, int32_t major, int32_t minor)
 {
-    char text[agent_message_size];
-    (void)add_message_format(device, text);
-    return put_message(announcer, MESSAGE_ADD, entry->id, text);
-}
-
-static bool put_remove(Announcer* announcer, uint32_t id, int32_t major, int32_t minor)
-{
-    char text[agent_message_size];
-    (void)remove_message_format(major, minor, text);
-    return put_message(announcer, MESSAGE_REMOVE, id, text);
-}
-
-// ---- one device ----
-
-static bool take_back(Announcer* announcer, Announced* entry)
-{
-    char name[block_name_size];
-    block_name_format(entry->name, name);
-    VY_LOG(LOG_INFO, "%s (%d:%d) has gone", name, entry->major, entry->minor);
-    entry->state = ANNOUNCED_LEAVING;
-    return put_remove(announcer, entry->id, entry->major, entry->minor);
-}
-
-// Makes sure that nothing with these numbers stands in a new device's way. Returns whether it can
-// be announced: false for one that is announced already.
-static bool make_way(Announcer* announcer, const BlockDevice& device, uint64_t identity)
-{
-    AnnouncedTable* table = &announcer->table;
-    Announced* lost = announced_find_state(table, device.major, device.minor, ANNOUNCED_LOST);
-    if (lost != nullptr && !take_back(announcer, lost))
-        return false;
-    Announced* entry = announced_find(table, device.major, device.minor);
-    if (entry == nullptr)
-        return true;
-    if (entry->identity == identity)
-        return false;
-    return take_back(announcer, entry); // another device in its place
-}
-
-// What comes and goes while the daemon stands still fills the table too.
-static void find_no_place(Announcer* announcer, const char* name)
-{
-    const int leaving = announced_leaving(&announcer->table);
-    if (leaving == 0) {
-        VY_LOG(LOG_ERR, "%s not announced: more than %u devices", name, agent_table_limit);
-        return;
+    for (Device& device : announcer->devices) {
+        if (device.state != DEVICE_UNSEEN && device.major == major && device.minor == minor)
+            return &device;
     }
-    VY_LOG(LOG_WARNING, "%s not announced yet: %u devices come and go", name, agent_table_limit);
-    if (leaving > 1)
-        lose_queue(announcer);
-    else
-        look_again(announcer);
+    return nullptr;
 }
 
-static void announce(Announcer* announcer, const BlockDevice& device, uint64_t seen)
+// Lends the device with these numbers; where there is none, an unseen one, in the place of one that
+// went if need be. Null when there is no place.
+static Device* find_or_make(Announcer* announcer, const BlockName& name, int32_t major,
+                            int32_t minor)
 {
-    const uint64_t identity = block_device_identity(device);
-    if (!make_way(announcer, device, identity))
-        return;
-    char name[block_name_size];
-    block_name_format(device.name, name);
-    Announced* entry = announced_put(&announcer->table, ANNOUNCED_COMING, true, device.name,
-                                     device.major, device.minor);
-    if (entry == nullptr)
-        return find_no_place(announcer, name);
-    entry->identity = identity;
-    entry->seen = seen;
-    VY_LOG(LOG_INFO, "%s (%d:%d) is announced", name, device.major, device.minor);
-    (void)put_add(announcer, entry, device);
+    Device* place = find(announcer, major, minor);
+    if (place != nullptr)
+        return place;
+    for (Device& device : announcer->devices) {
+        const bool went = device.state == DEVICE_GONE || device.state == DEVICE_PASSED;
+        if (device.state == DEVICE_UNSEEN || (place == nullptr && went))
+            place = &device;
+        if (device.state == DEVICE_UNSEEN)
+            break;
+    }
+    if (place != nullptr)
+        *place = {.major = major, .minor = minor, .name = name};
+    return place;
 }
 
-// Whether the daemon is told of exactly this device.
-static bool is_announced(Announcer* announcer, const BlockDevice& device)
+bool announcer_is_ours(const Announcer* announcer, int32_t major, int32_t minor)
 {
-    const Announced* entry = announced_find(&announcer->table, device.major, device.minor);
-    return entry != nullptr && entry->identity == block_device_identity(device);
+    const Device* device = find(const_cast<Announcer*>(announcer), major, minor);
+    return device != nullptr && device->state != DEVICE_PASSING && device->state != DEVICE_PASSED;
 }
 
-// Announces what stands in sysfs under that name, if it is to be.
-static void consider(Announcer* announcer, const BlockName& name)
+void announcer_forget(Announcer* announcer)
 {
-    if (changed_keeps(&announcer->changed, name))
-        return; // it is not this medium's
-    BlockDevice device;
-    char reason[survey_reason_size];
-    char text[block_name_size];
-    const uint64_t seen = block_event_count(announcer->view.sysfs);
-    const int result = survey_device(announcer->view, name, &device, reason);
-    if (result == -ENOENT)
-        return; // its remove event follows
-    if (result == 0)
-        return announce(announcer, device, seen);
-    if (result > 0 && is_announced(announcer, device))
-        return;
-    // The kernel tells of a new medium only once until somebody has opened the disk, and of an
-    // empty drive it may have told before anybody listened.
-    if (result > 0 && device.empty)
-        medium_touch(name);
-    block_name_format(name, text);
-    VY_LOG(result > 0 || announcer->in_trouble ? LOG_INFO : LOG_ERR, "%s not announced: %s", text,
-           reason);
-    if (result > 0)
-        return;
-    announcer->in_trouble = true;
-    look_again(announcer);
+    for (Device& device : announcer->devices)
+        device = {};
+    announcer->shown.count = 0;
+    announcer_ask_for_walk(announcer);
 }
 
-// Announces what stands in sysfs of a disk.
-static void consider_disk(Announcer* announcer, const BlockName& disk)
+// ---- media ----
+
+// Returns a descriptor for the disk, or -1.
+static int open_disk(const BlockName& disk, int flags)
 {
-    static BlockList parts; // large for a stack
-    if (block_list_disk(announcer->view.sysfs, disk, &parts) != 0)
+    char path[block_name_size + 8];
+    (void)snprintf(path, sizeof path, "/dev/%s", disk.text);
+    return open(path, O_RDONLY | O_CLOEXEC | flags);
+}
+
+void announcer_touch_medium(const BlockName& disk)
+{
+    const FdGuard fd(open_disk(disk, 0));
+}
+
+// Has the kernel read the disk's partitions anew. Returns whether something of it is in use, which
+// keeps it from that. Where it cannot be asked, sysfs is believed.
+static bool is_busy(const BlockName& disk)
+{
+    const FdGuard fd(open_disk(disk, O_NONBLOCK)); // without a medium too
+    return fd.get() >= 0 && ioctl(fd.get(), BLKRRPART) != 0 && errno == EBUSY;
+}
+
+// Lends the place of the name's disk among the changed ones, a free one for no name; null for none.
+static BlockName* find_changed(Announcer* announcer, const BlockName& name)
+{
+    for (BlockName& disk : announcer->changed) {
+        if (block_name_same_disk(disk, name))
+            return &disk;
+    }
+    return nullptr;
+}
+
+static void change_medium(Announcer* announcer, const BlockName& disk, uint64_t now)
+{
+    for (Device& device : announcer->devices) {
+        if (is_announced(device) && block_name_same_disk(device.name, disk))
+            take_step(&device, DEVICE_WENT);
+    }
+    BlockName* place = find_changed(announcer, disk);
+    if (place == nullptr)
+        place = find_changed(announcer, {});
+    const bool busy = is_busy(disk); // an empty drive too: sysfs may show the size from before
+    if (place == nullptr)
         return;
-    for (uint32_t i = 0; i < parts.count; i++)
-        consider(announcer, parts.names[i]);
+    *place = busy ? disk : BlockName{};
+    if (!busy)
+        return;
+    VY_LOG(LOG_INFO, "%s not announced yet: the medium before is in use", disk.text);
+    announcer->changed_retry = {};
+    retry_later(&announcer->changed_retry, now);
+}
+
+// Asks again for the disks that were in use.
+static void read_changed(Announcer* announcer, uint64_t now)
+{
+    bool any_left = false;
+    for (BlockName& disk : announcer->changed) {
+        if (disk.disk_length > 0 && !is_busy(disk)) {
+            disk = {};
+            announcer_ask_for_walk(announcer);
+        }
+        any_left = any_left || disk.disk_length > 0;
+    }
+    retry_later(&announcer->changed_retry, now);
+    if (!any_left)
+        announcer->changed_retry = {};
 }
 
 // ---- events ----
 
-static void event_add(Announcer* announcer, const Uevent& event)
+void announcer_event(Announcer* announcer, const Uevent& event, uint64_t now)
 {
-    int32_t major = 0;
-    int32_t minor = 0;
-    const int result = block_numbers(announcer->view.sysfs, event.name, &major, &minor);
-    const bool is_other = result == 0 && (major != event.major || minor != event.minor);
-    if (!is_other) // else another device has its name by now, and that one's event follows
-        consider(announcer, event.name);
-}
-
-// A remove event is passed on for unknown devices too, but once only.
-static void pass_on(Announcer* announcer, const Uevent& event)
-{
-    AnnouncedTable* table = &announcer->table;
-    static constexpr AnnouncedState passed[] = {ANNOUNCED_LEAVING, ANNOUNCED_LOST, ANNOUNCED_GONE};
-    for (const AnnouncedState state : passed) {
-        if (announced_find_state(table, event.major, event.minor, state) != nullptr)
-            return;
-    }
-    const Announced* entry =
-        announced_put(table, ANNOUNCED_LEAVING, false, event.name, event.major, event.minor);
-    (void)put_remove(announcer, entry != nullptr ? entry->id : 0, event.major, event.minor);
-}
-
-static void event_remove(Announcer* announcer, const Uevent& event)
-{
-    if (event.name.partition == 0)
-        changed_drop(&announcer->changed, event.name);
-    Announced* entry = announced_find(&announcer->table, event.major, event.minor);
-    if (entry == nullptr)
-        return pass_on(announcer, event);
-    // An event from before the device was read is about what stood in its place: so it is with the
-    // partitions that the kernel reads anew when a medium is changed.
-    if (event.sequence == 0 || event.sequence > entry->seen)
-        (void)take_back(announcer, entry);
-}
-
-// Takes back what is announced of the disk: its partitions, or itself. Returns false when messages
-// were lost.
-static bool take_back_disk(Announcer* announcer, const BlockName& disk, bool partitions)
-{
-    for (Announced& entry : announcer->table.entries) {
-        if (!announced_is_here(&entry) || !block_name_same_disk(entry.name, disk))
-            continue;
-        if ((entry.name.partition > 0) == partitions && !take_back(announcer, &entry))
-            return false;
-    }
-    return true;
-}
-
-static void event_media_change(Announcer* announcer, const BlockName& disk)
-{
-    const bool waits =
-        take_back_disk(announcer, disk, true) && take_back_disk(announcer, disk, false);
-    // An empty drive too: the size that sysfs shows may be the one from before.
-    if (!changed_read(&announcer->changed, disk, courier_now())) {
-        char name[block_name_size];
-        block_name_format(disk, name);
-        VY_LOG(LOG_INFO, "%s not announced yet: the medium before is in use", name);
-    }
-    if (waits) // else a walk is due
-        consider_disk(announcer, disk);
-}
-
-void announcer_event(Announcer* announcer, const Uevent& event)
-{
-    switch (event.action) {
-    case UEVENT_ADD:
-        return event_add(announcer, event);
-    case UEVENT_REMOVE:
-        return event_remove(announcer, event);
-    case UEVENT_CHANGE:
-        if (event.media_change && event.name.partition == 0)
-            event_media_change(announcer, event.name);
+    const bool is_disk = event.name.partition == 0;
+    if (event.action == UEVENT_CHANGE && (!is_disk || !event.media_change))
         return;
-    }
+    announcer_ask_for_walk(announcer);
+    if (event.action == UEVENT_CHANGE)
+        return change_medium(announcer, event.name, now);
+    if (event.action != UEVENT_REMOVE)
+        return;
+    BlockName* kept = is_disk ? find_changed(announcer, event.name) : nullptr;
+    if (kept != nullptr)
+        *kept = {};
+    // One of an unknown device is passed on too, once. One from before the device was read is about
+    // what stood in its place: so it is with the partitions that the kernel reads anew when a
+    // medium is changed.
+    Device* device = find_or_make(announcer, event.name, event.major, event.minor);
+    if (device != nullptr && (event.sequence == 0 || event.sequence > device->seen))
+        take_step(device, DEVICE_WENT);
 }
 
 // ---- walks ----
 
-// Whether what the entry stands for has gone from sysfs.
-static bool has_left(const Announcer* announcer, const Announced* entry)
+void announcer_ask_for_walk(Announcer* announcer)
 {
-    if (entry->state == ANNOUNCED_LOST)
-        return true;
-    if (!announced_is_here(entry))
-        return false;
-    BlockDevice device;
-    const int result = block_device_read(announcer->view.sysfs, entry->name, &device);
-    if (result != 0)
-        return result == -ENOENT;
-    return device.empty || block_device_identity(device) != entry->identity;
+    announcer->walk_due = true;
+    announcer->walk.due = 0;
 }
 
-// Returns false when messages were lost.
-static bool take_back_left(Announcer* announcer, bool partitions)
+// Whether sysfs shows the device that is announced.
+static bool is_shown(const BlockList& shown, const Device& device)
 {
-    for (Announced& entry : announcer->table.entries) {
-        if ((entry.name.partition > 0) == partitions && has_left(announcer, &entry) &&
-            !take_back(announcer, &entry))
-            return false;
+    const BlockDevice* found = block_list_find(shown, device.name);
+    if (found == nullptr || found->failure != 0)
+        return found != nullptr; // nobody knows
+    return !found->empty && found->identity == device.identity;
+}
+
+// Tells of a device that is not to be announced, unless the last walk has found the same.
+static void refuse(Announcer* announcer, const BlockDevice& device)
+{
+    const BlockDevice* before = block_list_find(announcer->shown, device.name);
+    // The kernel tells of a new medium only once until somebody has opened the disk, and of an
+    // empty drive it may have told before anybody listened.
+    if (device.empty)
+        announcer_touch_medium(device.name);
+    if (before == nullptr || strcmp(before->reason, device.reason) != 0)
+        VY_LOG(device.verdict < 0 ? LOG_ERR : LOG_INFO, "%s not announced: %s", device.name.text,
+               device.reason);
+    if (device.verdict < 0)
+        announcer->walk_due = true;
+}
+
+static void walk(Announcer* announcer, uint64_t now)
+{
+    BlockList list;
+    const AgentSettings& settings = *announcer->settings;
+    const int result = survey_take(settings, announcer, false, &list);
+    if (result != 0) { // a list that may be short says nothing of what has gone
+        if (announcer->walk.pause == 0)
+            VY_LOG(LOG_ERR, "%s/block: %s", settings.sysfs, strerror(-result));
+        announcer->shown.count = 0;
+        return retry_later(&announcer->walk, now);
     }
-    return true;
-}
-
-void announcer_walk(Announcer* announcer)
-{
-    static BlockList list; // large for a stack
-    const bool was_in_trouble = announcer->in_trouble;
+    for (Device& device : announcer->devices) {
+        if (is_announced(device) && !is_shown(list, device))
+            take_step(&device, DEVICE_WENT);
+    }
     announcer->walk_due = false;
-    const int result = block_list_all(announcer->view.sysfs, &list);
-    if (result != 0)
-        VY_LOG(was_in_trouble ? LOG_INFO : LOG_ERR, "%s/block: %s", announcer->view.sysfs,
-               strerror(-result));
-    if (result != 0 && result != -E2BIG) {
-        announcer->in_trouble = true;
-        return look_again(announcer); // a list that may be short says nothing of what has gone
+    for (BlockDevice& device : list) {
+        const Device* known = find(announcer, device.major, device.minor);
+        if (find_changed(announcer, device.name) != nullptr)
+            device.verdict = 1; // it is not this medium's
+        else if (known != nullptr && is_announced(*known) && device.verdict > 0)
+            device.verdict = 0; // it has been
+        else if (device.verdict != 0)
+            refuse(announcer, device);
     }
-    if (!take_back_left(announcer, true) || !take_back_left(announcer, false))
-        return;
-    for (uint32_t i = 0; i < list.count; i++)
-        consider(announcer, list.names[i]);
-    if (!announcer->walk_due)
-        announcer->in_trouble = false;
+    announcer->shown.devices.reset(list.devices.take());
+    announcer->shown.count = list.count;
+    if (announcer->walk_due)
+        return retry_later(&announcer->walk, now);
+    announcer->walk = {};
 }
 
-// ---- what went, and is still mounted ----
+// ---- messages ----
 
-static uint64_t next_check(const Announcer* announcer)
+static Device* next_remove(Announcer* announcer)
 {
-    uint64_t next = 0;
-    for (const Announced& entry : announcer->table.entries) {
-        if (entry.state == ANNOUNCED_GONE && entry.due != 0 && (next == 0 || entry.due < next))
-            next = entry.due;
+    Device* next = nullptr;
+    for (Device& device : announcer->devices) {
+        const bool waits = device.state == DEVICE_LEAVING || device.state == DEVICE_PASSING;
+        if (waits && (next == nullptr || (next->name.partition == 0 && device.name.partition > 0)))
+            next = &device;
     }
     return next;
 }
 
-static void plan_check(Announcer* announcer, Announced* entry)
+static BlockDevice* next_add(Announcer* announcer)
 {
-    const bool wanted = entry->ours && entry->checks < agent_checks;
-    entry->due = wanted ? courier_now() + (uint64_t{agent_check_first} << entry->checks++) : 0;
-    announcer->check_due = next_check(announcer);
-}
-
-// Whether the daemon has been told of these numbers, or will be, since the entry went.
-static bool is_overtaken(Announcer* announcer, const Announced* entry)
-{
-    AnnouncedTable* table = &announcer->table;
-    const int32_t major = entry->major;
-    const int32_t minor = entry->minor;
-    return announced_find(table, major, minor) != nullptr ||
-           announced_find_state(table, major, minor, ANNOUNCED_LEAVING) != nullptr ||
-           announced_find_state(table, major, minor, ANNOUNCED_LOST) != nullptr;
-}
-
-static bool is_mounted(const Announcer* announcer, const Announced* entry, const Mountinfo* mounts)
-{
-    for (size_t i = 0; i < mounts->count; i++) {
-        const MountinfoEntry& mount = mounts->entries[i];
-        if (mount.major == static_cast<uint32_t>(entry->major) &&
-            mount.minor == static_cast<uint32_t>(entry->minor) &&
-            mountinfo_is_below(mount.directory, announcer->view.mount_directory))
-            return true;
+    for (BlockDevice& found : announcer->shown) {
+        const Device* device = find(announcer, found.major, found.minor);
+        if (found.verdict == 0 && (device == nullptr || device->state != DEVICE_TOLD))
+            return &found;
     }
-    return false;
+    return nullptr;
 }
 
-// `mounts` is null when they could not be read.
-static void check(Announcer* announcer, Announced* entry, const Mountinfo* mounts)
+bool announcer_has_message(Announcer* announcer)
 {
-    entry->due = 0;
-    if (is_overtaken(announcer, entry))
-        return;
-    if (mounts == nullptr)
-        return plan_check(announcer, entry);
-    if (!is_mounted(announcer, entry, mounts))
-        return;
-    char name[block_name_size];
-    block_name_format(entry->name, name);
-    VY_LOG(LOG_NOTICE, "%s (%d:%d) is still mounted", name, entry->major, entry->minor);
-    (void)take_back(announcer, entry); // where it is lost, a walk takes it back
+    return next_remove(announcer) != nullptr || next_add(announcer) != nullptr;
 }
 
-static void check_gone(Announcer* announcer, uint64_t now)
+bool announcer_take_message(Announcer* announcer, char (&text)[agent_message_size])
 {
-    if (announcer->check_due == 0 || now < announcer->check_due)
-        return;
-    char path[path_size];
-    (void)snprintf(path, sizeof path, "%s/self/mountinfo", announcer->view.proc);
-    MountinfoGuard mounts;
-    (void)mountinfo_load(path, mounts.out()); // stays null
-    for (Announced& entry : announcer->table.entries) {
-        if (entry.state == ANNOUNCED_GONE && entry.due != 0 && entry.due <= now)
-            check(announcer, &entry, mounts.get());
+    announcer->end = DEVICE_TAKEN;
+    announcer->out = next_remove(announcer);
+    if (announcer->out != nullptr)
+        return remove_message_format(announcer->out->major, announcer->out->minor, text) > 0;
+    BlockDevice* found = next_add(announcer);
+    if (found == nullptr)
+        return false;
+    Device* device = find_or_make(announcer, found->name, found->major, found->minor);
+    if (device == nullptr) {
+        VY_LOG(LOG_ERR, "%s not announced: more than %u devices", found->name.text,
+               agent_table_limit);
+        found->verdict = 1;
+        return announcer_take_message(announcer, text);
     }
-    announcer->check_due = next_check(announcer);
+    if (device->state != DEVICE_SENT)
+        VY_LOG(LOG_INFO, "%s (%d:%d) is announced", found->name.text, found->major, found->minor);
+    take_step(device, DEVICE_OUT);
+    device->name = found->name;
+    device->identity = found->identity;
+    device->seen = found->seen;
+    device->looks = 0;
+    announcer->end = DEVICE_ADDED;
+    announcer->out = device;
+    return add_message_format(*found, text) > 0;
 }
 
 // ---- time ----
 
-static void read_changed(Announcer* announcer, uint64_t now)
+static void plan_look(Device* device, uint64_t now)
 {
-    BlockName read[agent_changed_limit];
-    const uint32_t count = changed_read_again(&announcer->changed, now, read);
-    for (uint32_t i = 0; i < count && !announcer->walk_due; i++)
-        consider_disk(announcer, read[i]);
+    const bool wanted = device->state == DEVICE_GONE && device->looks < agent_looks;
+    device->look_due = wanted ? now + (uint64_t{agent_look_first} << device->looks++) : 0;
 }
 
-void announcer_advance(Announcer* announcer, uint64_t now)
+void announcer_delivered(Announcer* announcer, uint64_t now)
 {
-    check_gone(announcer, now);
-    read_changed(announcer, now);
+    take_step(announcer->out, announcer->end);
+    if (announcer->end == DEVICE_TAKEN)
+        plan_look(announcer->out, now);
 }
 
-int announcer_timeout(const Announcer* announcer, uint64_t now)
+// When it is to be looked for what went and is still mounted.
+static uint64_t next_look(const Announcer* announcer)
 {
-    uint64_t due = announcer->check_due;
-    if (announcer->changed.count > 0 && (due == 0 || announcer->changed.due < due))
-        due = announcer->changed.due;
-    if (due == 0)
-        return -1;
-    return due > now ? static_cast<int>(due - now) : 0;
+    uint64_t next = agent_never;
+    for (const Device& device : announcer->devices) {
+        if (device.state == DEVICE_GONE && device.look_due != 0 && device.look_due < next)
+            next = device.look_due;
+    }
+    return next;
 }
 
-// ---- the daemon ----
-
-void announcer_forget(Announcer* announcer)
+static void look_for_mounts(Announcer* announcer, uint64_t now)
 {
-    announcer->check_due = 0;
-    courier_hang_up(announcer->courier);
-    message_queue_cut(&announcer->courier->queue, 0);
-    announced_clear(&announcer->table);
+    char path[agent_path_size];
+    MountinfoGuard mounts;
+    (void)snprintf(path, sizeof path, "%s/self/mountinfo", announcer->settings->proc);
+    const int failure = mountinfo_load(path, mounts.out());
+    for (Device& device : announcer->devices) {
+        if (device.state != DEVICE_GONE || device.look_due == 0 || device.look_due > now)
+            continue;
+        device.look_due = 0;
+        if (failure != 0) {
+            plan_look(&device, now);
+        } else if (mountinfo_find_device(mounts.get(), device.major, device.minor,
+                                         announcer->settings->mounts) != nullptr) {
+            VY_LOG(LOG_NOTICE, "%s (%d:%d) is still mounted", device.name.text, device.major,
+                   device.minor);
+            take_step(&device, DEVICE_MOUNTED);
+        }
+    }
 }
 
-void announcer_delivered(Announcer* announcer, const QueuedMessage* message)
+void announcer_advance(Announcer* announcer, bool daemon_known, uint64_t now)
 {
-    Announced* entry = announced_find_id(&announcer->table, message->id);
-    if (entry == nullptr)
-        return;
-    if (message->kind == MESSAGE_ADD && entry->state == ANNOUNCED_COMING)
-        entry->state = ANNOUNCED_TOLD;
-    if (message->kind != MESSAGE_REMOVE)
-        return;
-    entry->state = ANNOUNCED_GONE;
-    plan_check(announcer, entry);
+    if (now >= next_look(announcer))
+        look_for_mounts(announcer, now);
+    if (announcer->changed_retry.due != 0 && now >= announcer->changed_retry.due)
+        read_changed(announcer, now);
+    if (daemon_known && announcer->walk_due && now >= announcer->walk.due)
+        walk(announcer, now);
+}
+
+uint64_t announcer_due(const Announcer* announcer, bool daemon_known)
+{
+    uint64_t due = next_look(announcer);
+    if (announcer->changed_retry.due != 0 && announcer->changed_retry.due < due)
+        due = announcer->changed_retry.due;
+    if (daemon_known && announcer->walk_due && announcer->walk.due < due)
+        due = announcer->walk.due;
+    return due;
 }

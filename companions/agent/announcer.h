@@ -1,53 +1,96 @@
-// Decides what the daemon is told: events and walks through sysfs in, messages for the courier out,
-// the table of what was told between them. A device is announced once, however many events and
-// walks tell of it, until it goes.
+// Decides what the daemon is told: the kernel's events and walks through sysfs in, messages out,
+// and between them what the daemon knows of each device. A message is what makes the difference
+// between that and what sysfs shows: first what is to be removed, partitions before their disk,
+// then what is to be added, in the order of names. What came and went in between is not told.
 //
-// When the queue overflows (agent_queue_limit) or memory runs out, all that waits is dropped, and a
-// walk is due: what is plugged is announced, what is not any more is taken back. Only states in
-// between are lost.
+// When a remove message has been delivered it is looked, agent_look_first later, whether the device
+// is still mounted in the service's directory, and if so the message is sent again: agent_looks
+// times at the most, each time after twice as long (docs/decisions/0012-what-went-twice.md).
 //
-// The daemon takes a remove message for the first device with its numbers, which is another one if
-// that went shortly before; what came and went behind it stays mounted. So when a remove message
-// has been delivered it is looked, agent_check_first later, whether the device is still mounted in
-// the service's directory though nothing with its numbers is announced, and if so the message is
-// sent again: agent_checks times at the most, each time after twice as long. Nothing new is hit by
-// it, for the kernel gives a mounted device's numbers to no other.
+// While something of a disk is in use the kernel does not read its partitions anew when its medium
+// is changed, and sysfs shows those of the medium before. Whoever takes these for the new medium's
+// has them mounted under wrong numbers, so nothing of such a disk is announced until it could be
+// read.
 #pragma once
 
-#include "agent/announced.h"
-#include "agent/courier.h"
-#include "agent/medium.h"
-#include "agent/survey.h"
+#include "agent/block_device.h"
+#include "agent/settings.h"
 #include "agent/uevent.h"
 
-struct Announcer {
-    SurveyView view; // its table is `table`
-    AnnouncedTable table;
-    Courier* courier;     // borrowed; its queue is filled
-    bool walk_due;        // set where one is to be made; the owner makes it at the next connection
-    bool in_trouble;      // something could not be looked at; has been logged
-    uint64_t check_due;   // the first of the table's looks; 0: none
-    ChangedDisks changed; // of these nothing is announced
+enum DeviceState : uint8_t {
+    DEVICE_UNSEEN,  // the daemon was told nothing of it
+    DEVICE_SENT,    // its add message is under way
+    DEVICE_TOLD,    // the daemon has it
+    DEVICE_LEAVING, // the daemon has it, and its remove message is to be sent or under way
+    DEVICE_GONE,    // the daemon was told that it went
+    DEVICE_PASSING, // it was never announced, but its remove message is to be sent,
+    DEVICE_PASSED,  // and was
 };
 
-void announcer_init(Announcer* announcer, const SurveyView& view, Courier* courier);
+enum DeviceEvent : uint8_t {
+    DEVICE_OUT,     // its add message is handed out
+    DEVICE_ADDED,   // its add message has been delivered
+    DEVICE_WENT,    // the kernel says so, or sysfs shows it no more, or another one in its place
+    DEVICE_TAKEN,   // its remove message has been delivered
+    DEVICE_MOUNTED, // it is still mounted, some time after that
+};
 
-// Carries an event out.
-void announcer_event(Announcer* announcer, const Uevent& event);
+// The one table of states and events. Pure.
+DeviceState device_next(DeviceState state, DeviceEvent event);
 
-// Walks through sysfs and announces the differences to the table. Clears walk_due, unless something
-// could not be looked at.
-void announcer_walk(Announcer* announcer);
+// A device is what has certain numbers.
+struct Device {
+    DeviceState state = DEVICE_UNSEEN;
+    int32_t major = 0;
+    int32_t minor = 0;
+    BlockName name = {};
+    uint64_t identity = 0; // of the block device that was announced
+    uint64_t seen = 0;     // how many events the kernel had sent before that was read
+    uint8_t looks = 0;     // had or due, whether it is still mounted
+    uint64_t look_due = 0; // the next one's time; 0: none is due
+};
 
-// The daemon has gone, and all it knew: empties the table and the queue. Which media were changed
-// is none of it.
+struct Announcer {
+    const AgentSettings* settings = nullptr; // borrowed
+    Device devices[agent_table_limit];
+    BlockList shown;                             // what the last walk found
+    Device* out = nullptr;                       // whose message was handed out,
+    DeviceEvent end = {};                        // and what its delivery is
+    bool walk_due = false;                       // a walk is to be made,
+    Retry walk = {};                             // but not before this time
+    BlockName changed[agent_changed_limit] = {}; // disks whose medium was changed while in use,
+    Retry changed_retry = {};                    // and when the kernel is asked again; 0: not
+};
+
+// Takes an event of the kernel. A walk is due then.
+void announcer_event(Announcer* announcer, const Uevent& event, uint64_t now);
+
+// Has a walk made as soon as it can be.
+void announcer_ask_for_walk(Announcer* announcer);
+
+// Does what is due at the time `now`: looks for mounts, asks for media, and, where the daemon is
+// known, walks through sysfs. Where something could not be looked at another walk is due, a little
+// later.
+void announcer_advance(Announcer* announcer, bool daemon_known, uint64_t now);
+
+// When there will be something to do for it; agent_never.
+uint64_t announcer_due(const Announcer* announcer, bool daemon_known);
+
+// Whether there is a message. Writes the next one, which counts as handed out; returns false
+// without one.
+bool announcer_has_message(Announcer* announcer);
+bool announcer_take_message(Announcer* announcer, char (&text)[agent_message_size]);
+
+// The message that was handed out last has been delivered.
+void announcer_delivered(Announcer* announcer, uint64_t now);
+
+// The daemon has gone, and all it knew. Which media were changed is none of it. A walk is due.
 void announcer_forget(Announcer* announcer);
 
-// A message has been delivered.
-void announcer_delivered(Announcer* announcer, const QueuedMessage* message);
+// Whether a device with these numbers was ever announced, gone or not: what is mounted there is the
+// service's.
+bool announcer_is_ours(const Announcer* announcer, int32_t major, int32_t minor);
 
-// Does what is due at the time `now` (milliseconds, monotonic) without an event.
-void announcer_advance(Announcer* announcer, uint64_t now);
-
-// How long until then, in milliseconds; -1: nothing will be due.
-int announcer_timeout(const Announcer* announcer, uint64_t now);
+// Has the kernel look whether a drive's medium is another one. Whether it can be asked is of no
+// interest.
+void announcer_touch_medium(const BlockName& disk);

@@ -1,6 +1,5 @@
 #include "agent/block_device.h"
 
-#include "lib/guard.h"
 #include "lib/str.h"
 
 #include <dirent.h>
@@ -11,8 +10,65 @@
 #include <string.h>
 #include <sys/stat.h>
 
-static constexpr int32_t most_range = 1048576; // what a kernel can hand out
 static constexpr size_t number_size = 32;
+static constexpr uint64_t hash_prime = 1099511628211ULL;
+static constexpr char digits[] = "0123456789";
+
+// ---- names ----
+
+// Passes over letters or digits, four at the most, as the kernel writes them: with no zero before
+// others. Returns whether there were any.
+static bool pass(const char** text, const char* characters)
+{
+    const size_t length = strspn(*text, characters);
+    const bool padded = length > 1 && (*text)[0] == '0';
+    *text += length;
+    return length > 0 && length <= 4 && !padded;
+}
+
+bool block_name_parse(const char* text, BlockName* name)
+{
+    // A kind of disks: a prefix and letters or digits; partitions have a divider and a number
+    // behind.
+    static constexpr struct {
+        const char* prefix;
+        const char* characters;
+        const char* divider;
+    } kinds[] = {{"sd", "abcdefghijklmnopqrstuvwxyz", ""}, {"mmcblk", digits, "p"}};
+    *name = {};
+    for (const auto& kind : kinds) {
+        const char* rest = text + strlen(kind.prefix);
+        if (strncmp(text, kind.prefix, strlen(kind.prefix)) != 0 || !pass(&rest, kind.characters))
+            continue;
+        name->disk_length = static_cast<uint8_t>(rest - text);
+        const char* number = rest + strlen(kind.divider);
+        const char* end = number;
+        const bool is_disk = *rest == '\0';
+        if (!is_disk && (strncmp(rest, kind.divider, strlen(kind.divider)) != 0 || *number == '0' ||
+                         !pass(&end, digits) || str_to_long(number, &name->partition, 10) != 0))
+            return false;
+        str_cpy(name->text, text); // 15 bytes at the most
+        return true;
+    }
+    return false;
+}
+
+bool block_name_same_disk(const BlockName& a, const BlockName& b)
+{
+    return a.disk_length == b.disk_length && memcmp(a.text, b.text, a.disk_length) == 0;
+}
+
+int block_name_compare(const BlockName& a, const BlockName& b)
+{
+    if (a.text[0] != b.text[0]) // "sd" before "mmcblk"
+        return b.text[0] - a.text[0];
+    if (a.disk_length != b.disk_length) // "sdz" before "sdaa"
+        return a.disk_length - b.disk_length;
+    const int disks = memcmp(a.text, b.text, a.disk_length);
+    return disks != 0 ? disks : a.partition - b.partition;
+}
+
+// ---- one device ----
 
 static void dir_release(DIR* stream)
 {
@@ -21,300 +77,214 @@ static void dir_release(DIR* stream)
 
 using DirGuard = Guard<DIR, dir_release>;
 
-// ---- paths and attributes ----
-
-// Writes the device's directory, with "/FILE" behind it where one is given. Returns whether it
-// fits.
-static bool device_path(const char* sysfs, const BlockName& name, const char* file,
-                        char (&path)[agent_path_size])
+// Notes that something could not be looked at. What is not there is just none.
+static void note_failure(BlockDevice* device, int error)
 {
-    char disk[block_name_size];
-    char whole[block_name_size];
-    block_name_format(block_name_disk(name), disk);
-    block_name_format(name, whole);
-    const bool is_disk = name.partition == 0;
-    const int length =
-        snprintf(path, sizeof path, "%s/block/%s%s%s%s%s", sysfs, disk, is_disk ? "" : "/",
-                 is_disk ? "" : whole, file[0] != '\0' ? "/" : "", file);
-    return length > 0 && static_cast<size_t>(length) < sizeof path;
+    const bool absent = error == ENOENT || error == ENOTDIR || error == ENODEV || error == ENXIO;
+    if (device->failure == 0 && !absent)
+        device->failure = -error;
 }
 
-// Whether a failed call says that there is no such thing, not that there is no looking at it.
-static bool is_absence(int error)
+// Reads a file of a directory, up to its first zero byte, without the line feed at its end; "" for
+// none. Some drivers fail the reading of what they do not have, so that is none either.
+static void read_text(const char* directory, const char* file, char* text, size_t size,
+                      BlockDevice* device)
 {
-    return error == ENOENT || error == ENOTDIR || error == ENODEV || error == ENXIO;
-}
-
-// Reads an attribute up to its first zero byte, without the line feed at its end; "" when it is not
-// there. Some drivers fail the reading of what they do not have, so that is none either. Returns 0;
-// a negated errno when there is no looking at it.
-static int read_file(const char* path, char* text, size_t size)
-{
+    char path[PATH_MAX + 32];
+    (void)snprintf(path, sizeof path, "%s/%s", directory, file);
     text[0] = '\0';
     const FdGuard fd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (fd.get() < 0)
-        return is_absence(errno) ? 0 : -errno;
-    const ssize_t count = read(fd.get(), text, size - 1);
-    text[count > 0 ? count : 0] = '\0';
-    const size_t length = strlen(text);
-    if (length > 0 && text[length - 1] == '\n')
-        text[length - 1] = '\0';
-    return 0;
+        return note_failure(device, errno);
+    const ssize_t length = read(fd.get(), text, size - 1);
+    text[length > 0 ? length : 0] = '\0';
+    if (text[0] != '\0' && text[strlen(text) - 1] == '\n')
+        text[strlen(text) - 1] = '\0';
 }
 
-// As read_file, for a file of a directory. Keeps the first failure.
-static void read_attribute(const char* directory, const char* file, char* text, size_t size,
-                           int* failure)
+// What the disk's "device" link leads to.
+static void read_hardware(const char* sysfs, const char* disk, BlockDevice* device)
 {
-    char path[PATH_MAX + 32];
-    const int length = snprintf(path, sizeof path, "%s/%s", directory, file);
-    text[0] = '\0';
-    if (length < 0 || static_cast<size_t>(length) >= sizeof path)
-        return; // no kernel's path is as long
-    const int result = read_file(path, text, size);
-    if (*failure == 0)
-        *failure = result;
+    char link[agent_path_size];
+    char directory[PATH_MAX];
+    char root[PATH_MAX];
+    (void)snprintf(link, sizeof link, "%s/device", disk);
+    if (realpath(link, directory) == nullptr || realpath(sysfs, root) == nullptr)
+        return note_failure(device, errno);
+    if (device->name.text[0] == 'm') { // a card
+        read_text(directory, "serial", device->serial, sizeof device->serial, device);
+        read_text(directory, "name", device->pname, sizeof device->pname, device);
+        return;
+    }
+    // Its USB device is the first directory from there upwards, but in sysfs, with an idVendor.
+    char usb[PATH_MAX];
+    str_cpy(usb, directory);
+    const size_t length = strlen(root);
+    while (device->vid[0] == '\0' && strncmp(usb, root, length) == 0 && strlen(usb) > length) {
+        read_text(usb, "idVendor", device->vid, sizeof device->vid, device);
+        if (device->vid[0] == '\0')
+            *strrchr(usb, '/') = '\0';
+    }
+    if (device->vid[0] != '\0') {
+        read_text(usb, "idProduct", device->pid, sizeof device->pid, device);
+        read_text(usb, "serial", device->serial, sizeof device->serial, device);
+        read_text(usb, "manufacturer", device->vname, sizeof device->vname, device);
+        read_text(usb, "product", device->pname, sizeof device->pname, device);
+        read_text(usb, "speed", device->speed, sizeof device->speed, device);
+    }
+    if (device->vname[0] == '\0') // the disk's own names
+        read_text(directory, "vendor", device->vname, sizeof device->vname, device);
+    if (device->pname[0] == '\0')
+        read_text(directory, "model", device->pname, sizeof device->pname, device);
 }
 
-// A number from 0 to `most`; -1 for anything else.
-static int32_t read_number(const char* directory, const char* file, int32_t most, int* failure)
+// FNV-1a
+static void mix(uint64_t* hash, const void* bytes, size_t size)
 {
-    char text[number_size];
-    int32_t number = 0;
-    read_attribute(directory, file, text, sizeof text, failure);
-    if (text[0] < '0' || text[0] > '9')
-        return -1;
-    return str_to_long(text, &number, 10) == 0 && number <= most ? number : -1;
+    const auto* byte = static_cast<const unsigned char*>(bytes);
+    for (size_t i = 0; i < size; i++)
+        *hash = (*hash ^ byte[i]) * hash_prime;
 }
 
-// "8:1"
-static bool parse_numbers(char* text, int32_t* major, int32_t* minor)
+// Changes with its numbers, ids and names, and whenever the kernel makes the device anew: with the
+// number of its directory in sysfs, and, for another medium in the same drive, the disk's sequence
+// number where the kernel counts (5.15).
+static uint64_t make_identity(const BlockDevice& device, uint64_t incarnation, const char* sequence)
 {
-    char* colon = strchr(text, ':');
-    if (colon == nullptr)
-        return false;
-    *colon = '\0';
-    return text[0] >= '0' && text[0] <= '9' && colon[1] >= '0' && colon[1] <= '9' &&
-           str_to_long(text, major, 10) == 0 && str_to_long(colon + 1, minor, 10) == 0;
+    for (const char* digit = sequence; *digit != '\0'; digit++)
+        incarnation = incarnation * hash_prime + static_cast<unsigned char>(*digit);
+    uint64_t hash = 14695981039346656037ULL;
+    mix(&hash, &device.major, sizeof device.major);
+    mix(&hash, &device.minor, sizeof device.minor);
+    mix(&hash, &incarnation, sizeof incarnation);
+    const char* const texts[] = {device.vid, device.pid, device.serial, device.vname, device.pname};
+    for (const char* text : texts)
+        mix(&hash, text, strlen(text) + 1);
+    return hash;
 }
 
-int block_numbers(const char* sysfs, const BlockName& name, int32_t* major, int32_t* minor)
+static void read_holder(const char* directory, BlockDevice* device)
 {
     char path[agent_path_size];
+    (void)snprintf(path, sizeof path, "%s/holders", directory);
+    const DirGuard holders(opendir(path));
+    if (!holders)
+        return note_failure(device, errno != ENOTDIR ? errno : EIO); // an old kernel has none
+    while (const dirent* entry = readdir(holders.get())) {
+        if (entry->d_name[0] != '.')
+            str_ncpy(device->holder, entry->d_name, sizeof device->holder);
+    }
+}
+
+// Reads "8:1". Returns whether the device is there.
+static bool read_numbers(const char* directory, BlockDevice* device)
+{
     char text[number_size];
-    if (!device_path(sysfs, name, "dev", path))
-        return -ENOENT;
-    // The kernel takes "dev" away before it sends the remove event: with it, the device is there.
-    const int result = read_file(path, text, sizeof text);
-    if (result != 0)
-        return result;
-    return parse_numbers(text, major, minor) ? 0 : -ENOENT;
+    read_text(directory, "dev", text, sizeof text, device);
+    char* colon = strchr(text, ':');
+    if (colon == nullptr)
+        return device->failure != 0; // then that is what is told of it
+    *colon = '\0';
+    return strspn(text, digits) > 0 && strspn(colon + 1, digits) > 0 &&
+           str_to_long(text, &device->major, 10) == 0 &&
+           str_to_long(colon + 1, &device->minor, 10) == 0;
+}
+
+// Reads what is the device's own, and puts it into the list if it is there. Returns 0; -ENOMEM.
+static int read_own(const char* directory, const char* sequence, BlockDevice* device,
+                    BlockList* list)
+{
+    read_text(directory, "ro", device->readonly, sizeof device->readonly, device);
+    read_holder(directory, device);
+    struct stat status;
+    const uint64_t inode = stat(directory, &status) == 0 ? status.st_ino : 0;
+    // Last, as the kernel takes "dev" away before it sends the remove event: with its numbers still
+    // there, all of the above was its own.
+    if (!read_numbers(directory, device))
+        return 0;
+    device->identity = make_identity(*device, inode, sequence);
+    BlockDevice* held = list->devices.take();
+    auto* grown = static_cast<BlockDevice*>(realloc(held, (list->count + 1) * sizeof *held));
+    list->devices.reset(grown != nullptr ? grown : held);
+    if (grown == nullptr)
+        return -ENOMEM;
+    grown[list->count++] = *device;
+    return 0;
 }
 
 // ---- lists ----
 
-static int list_put(BlockList* list, const BlockName& name)
+static bool next_name(DIR* directory, BlockName* name)
 {
-    if (list->count == agent_walk_limit)
-        return -E2BIG;
-    list->names[list->count++] = name;
-    return 0;
-}
-
-static int compare_names(const void* a, const void* b)
-{
-    return block_name_compare(*static_cast<const BlockName*>(a), *static_cast<const BlockName*>(b));
-}
-
-static void list_sort(BlockList* list)
-{
-    if (list->count > 1)
-        qsort(list->names, list->count, sizeof list->names[0], compare_names);
-}
-
-// Puts in the disk and what partitions its directory holds.
-static int list_disk(const char* sysfs, const BlockName& disk, BlockList* list)
-{
-    char path[agent_path_size];
-    if (!device_path(sysfs, disk, "", path))
-        return -ENAMETOOLONG;
-    const DirGuard directory(opendir(path));
-    if (!directory)
-        return errno == ENOENT ? 0 : -errno; // it has just gone
-    int result = list_put(list, disk);
-    while (result == 0) {
-        const dirent* entry = readdir(directory.get());
-        if (entry == nullptr)
-            break;
-        BlockName name;
-        if (block_name_parse(entry->d_name, &name) && name.partition > 0 &&
-            block_name_same_disk(name, disk))
-            result = list_put(list, name);
-    }
-    return result;
-}
-
-int block_list_disk(const char* sysfs, const BlockName& disk, BlockList* list)
-{
-    list->count = 0;
-    const int result = list_disk(sysfs, block_name_disk(disk), list);
-    list_sort(list);
-    return result;
-}
-
-int block_list_all(const char* sysfs, BlockList* list)
-{
-    list->count = 0;
-    char path[agent_path_size];
-    const int length = snprintf(path, sizeof path, "%s/block", sysfs);
-    if (length < 0 || static_cast<size_t>(length) >= sizeof path)
-        return -ENAMETOOLONG;
-    const DirGuard directory(opendir(path));
-    if (!directory)
-        return -errno;
-    int result = 0;
-    while (result == 0) {
-        const dirent* entry = readdir(directory.get());
-        if (entry == nullptr)
-            break;
-        BlockName name;
-        if (block_name_parse(entry->d_name, &name) && name.partition == 0)
-            result = list_disk(sysfs, name, list);
-    }
-    list_sort(list);
-    return result;
-}
-
-// ---- one device ----
-
-static bool read_empty(const char* disk, int* failure)
-{
-    char size[number_size];
-    read_attribute(disk, "size", size, sizeof size, failure);
-    return strcmp(size, "0") == 0;
-}
-
-// Changes whenever the kernel makes the device anew: the number of its directory in sysfs, and, for
-// another medium in the same drive, the disk's sequence number where the kernel counts (5.15).
-static uint64_t read_incarnation(const char* device, const char* disk, int* failure)
-{
-    struct stat status;
-    char sequence[number_size];
-    uint64_t incarnation = stat(device, &status) == 0 ? static_cast<uint64_t>(status.st_ino) : 0;
-    read_attribute(disk, "diskseq", sequence, sizeof sequence, failure);
-    for (const char* digit = sequence; *digit != '\0'; digit++)
-        incarnation = incarnation * 1099511628211ULL + static_cast<unsigned char>(*digit);
-    return incarnation;
-}
-
-// Finds the USB device: the first directory from `directory` upwards, but below `root`, that holds
-// idVendor. Cuts `directory` to it.
-static bool find_usb_device(char* directory, const char* root, int* failure)
-{
-    const size_t root_length = strlen(root);
-    while (strlen(directory) > root_length && strncmp(directory, root, root_length) == 0) {
-        char vendor[8];
-        read_attribute(directory, "idVendor", vendor, sizeof vendor, failure);
-        if (vendor[0] != '\0')
+    while (const dirent* entry = readdir(directory)) {
+        if (block_name_parse(entry->d_name, name))
             return true;
-        char* slash = strrchr(directory, '/');
-        if (slash == nullptr)
-            return false;
-        *slash = '\0';
     }
     return false;
 }
 
-static void read_usb(const char* usb, BlockDevice* device, int* failure)
-{
-    read_attribute(usb, "idVendor", device->vid, sizeof device->vid, failure);
-    read_attribute(usb, "idProduct", device->pid, sizeof device->pid, failure);
-    read_attribute(usb, "serial", device->serial, sizeof device->serial, failure);
-    read_attribute(usb, "manufacturer", device->vname, sizeof device->vname, failure);
-    read_attribute(usb, "product", device->pname, sizeof device->pname, failure);
-    read_attribute(usb, "speed", device->speed, sizeof device->speed, failure);
-}
-
-// The names that the disk gives itself, where its USB device gives none.
-static void read_scsi(const char* hardware, BlockDevice* device, int* failure)
-{
-    if (device->vname[0] == '\0')
-        read_attribute(hardware, "vendor", device->vname, sizeof device->vname, failure);
-    if (device->pname[0] == '\0')
-        read_attribute(hardware, "model", device->pname, sizeof device->pname, failure);
-}
-
-static void read_card(const char* hardware, BlockDevice* device, int* failure)
-{
-    read_attribute(hardware, "serial", device->serial, sizeof device->serial, failure);
-    read_attribute(hardware, "name", device->pname, sizeof device->pname, failure);
-}
-
-// What the disk's "device" link leads to.
-static void read_hardware(const char* sysfs, const char* disk, BlockDevice* device, int* failure)
-{
-    char link[agent_path_size + 16];
-    char hardware[PATH_MAX];
-    char root[PATH_MAX];
-    (void)snprintf(link, sizeof link, "%s/device", disk);
-    if (realpath(link, hardware) == nullptr || realpath(sysfs, root) == nullptr) {
-        if (*failure == 0 && !is_absence(errno))
-            *failure = -errno;
-        return;
-    }
-    if (device->name.kind == BLOCK_MMC)
-        return read_card(hardware, device, failure);
-    char usb[PATH_MAX];
-    str_cpy(usb, hardware);
-    if (find_usb_device(usb, root, failure))
-        read_usb(usb, device, failure);
-    read_scsi(hardware, device, failure);
-}
-
-int block_device_read(const char* sysfs, const BlockName& name, BlockDevice* device)
-{
-    *device = {};
-    device->name = name;
-    char directory[agent_path_size];
-    char disk[agent_path_size];
-    if (!device_path(sysfs, name, "", directory) ||
-        !device_path(sysfs, block_name_disk(name), "", disk))
-        return -ENOENT;
-    int failure = 0;
-    device->range = read_number(disk, "range", most_range, &failure);
-    device->removable = read_number(disk, "removable", 1, &failure);
-    device->readonly = read_number(directory, "ro", 1, &failure);
-    device->empty = name.partition == 0 && read_empty(disk, &failure);
-    device->incarnation = read_incarnation(directory, disk, &failure);
-    read_hardware(sysfs, disk, device, &failure);
-    // Last: with its numbers still there, all of the above was its own.
-    const int result = block_numbers(sysfs, name, &device->major, &device->minor);
-    return result != 0 ? result : failure;
-}
-
-uint64_t block_event_count(const char* sysfs)
+// Reads the disk, and what partitions its directory holds.
+static int read_disk(const char* sysfs, const BlockName& name, BlockList* list)
 {
     char path[agent_path_size];
     char text[number_size];
-    (void)snprintf(path, sizeof path, "%s/kernel/uevent_seqnum", sysfs);
-    if (read_file(path, text, sizeof text) != 0)
-        return 0;
-    return strtoull(text, nullptr, 10); // 0 for what is no number
+    BlockDevice shared = {}; // what they have in common
+    shared.name = name;
+    (void)snprintf(path, sizeof path, "%s/kernel", sysfs);
+    read_text(path, "uevent_seqnum", text, sizeof text, &shared);
+    shared.seen = strtoull(text, nullptr, 10); // 0 for what is no number
+    (void)snprintf(path, sizeof path, "%s/block/%s", sysfs, name.text);
+    const DirGuard directory(opendir(path));
+    if (!directory)
+        return errno == ENOENT ? 0 : -errno; // it has just gone
+    read_text(path, "range", shared.range, sizeof shared.range, &shared);
+    read_text(path, "removable", shared.removable, sizeof shared.removable, &shared);
+    read_hardware(sysfs, path, &shared);
+    BlockDevice device = shared;
+    read_text(path, "size", text, sizeof text, &device);
+    device.empty = strcmp(text, "0") == 0;
+    read_text(path, "diskseq", text, sizeof text, &device);
+    int result = read_own(path, text, &device, list);
+    const size_t length = strlen(path);
+    for (BlockName part; result == 0 && next_name(directory.get(), &part);) {
+        if (part.partition == 0 || !block_name_same_disk(part, name))
+            continue;
+        device = shared;
+        device.name = part;
+        (void)snprintf(path + length, sizeof path - length, "/%s", part.text);
+        result = read_own(path, text, &device, list);
+    }
+    return result;
 }
 
-int block_holder(const char* sysfs, const BlockName& name, char (&holder)[block_name_size])
+static int compare(const void* a, const void* b)
+{
+    return block_name_compare(static_cast<const BlockDevice*>(a)->name,
+                              static_cast<const BlockDevice*>(b)->name);
+}
+
+int block_list_read(const char* sysfs, BlockList* list)
 {
     char path[agent_path_size];
-    if (!device_path(sysfs, name, "holders", path))
-        return -ENAMETOOLONG;
+    (void)snprintf(path, sizeof path, "%s/block", sysfs);
     const DirGuard directory(opendir(path));
     if (!directory)
         return -errno;
-    while (const dirent* entry = readdir(directory.get())) {
-        if (entry->d_name[0] == '.')
-            continue;
-        str_ncpy(holder, entry->d_name, sizeof holder);
-        return 0;
+    int result = 0;
+    for (BlockName name; result == 0 && next_name(directory.get(), &name);) {
+        if (name.partition == 0)
+            result = read_disk(sysfs, name, list);
     }
-    return -ENOENT;
+    if (list->count > 1)
+        qsort(list->devices.get(), list->count, sizeof(BlockDevice), compare);
+    return result;
+}
+
+const BlockDevice* block_list_find(const BlockList& list, const BlockName& name)
+{
+    for (const BlockDevice& device : list) {
+        if (block_name_compare(device.name, name) == 0)
+            return &device;
+    }
+    return nullptr;
 }

@@ -1,56 +1,73 @@
-// What sysfs tells of block devices. Reads only; nothing is cleaned here, the texts are the
-// device's own bytes.
+// The block devices that the service mounts, sda, sda1, mmcblk0, mmcblk0p1 and so on: their names,
+// and what sysfs tells of them. Reads only; nothing is cleaned here, the texts are the device's own
+// bytes.
 #pragma once
 
-#include "agent/block_name.h"
 #include "agent/limits.h"
+#include "lib/guard.h"
 
 #include <stddef.h>
 #include <stdint.h>
+
+constexpr size_t block_name_size = 24; // bytes with the NUL
+constexpr size_t block_reason_size = 256;
+
+struct BlockName {
+    char text[block_name_size];
+    uint8_t disk_length; // so much of the text is the name of the disk
+    int32_t partition;   // 0: the whole disk
+};
+
+// Returns whether `text` is such a name, and stores what it says. Not such a name is one of another
+// kind of device, of a card's hardware partition (mmcblk0boot0), and one that the kernel does not
+// write so (sda01). Pure, as the next two.
+bool block_name_parse(const char* text, BlockName* name);
+
+bool block_name_same_disk(const BlockName& a, const BlockName& b);
+
+// Below, equal to or above 0 as `a` comes before, is or comes behind `b`: sda, sda1, sda2, sdb,
+// ..., sdz, sdaa, ..., mmcblk0, mmcblk0p1.
+int block_name_compare(const BlockName& a, const BlockName& b);
 
 struct BlockDevice {
     BlockName name;
     int32_t major;
     int32_t minor;
-    int32_t range;     // minors of its disk, and the next two; -1 where sysfs does not say
-    int32_t removable; // the disk's
-    int32_t readonly;  // its own
-    bool empty;        // a whole disk of size 0: a drive without a medium
-    char vid[8];       // USB ids and speed as sysfs has them; "" where there is none, as all texts
+    char range[16];    // texts as sysfs has them, "" where it has none: minors of its disk,
+    char removable[8]; // whether the disk is, and whether the device itself is read-only,
+    char readonly[8];
+    char vid[8]; // USB ids and speed
     char pid[8];
     char speed[16];
     char serial[agent_text_size];
     char vname[agent_text_size];
     char pname[agent_text_size];
-    uint64_t incarnation; // another one when the device, or its medium, has been another meanwhile
+    char holder[block_name_size]; // another device that holds it (LVM, RAID, encryption)
+    bool empty;                   // a whole disk of size 0: a drive without a medium
+    uint64_t identity; // another one when the device, or its medium, has been another meanwhile
+    uint64_t
+        seen;    // how many events the kernel had sent before it was read; 0 where it does not say
+    int failure; // 0; a negated errno when some of it could not be looked at
+
+    // For the survey to say, see there.
+    bool swap;
+    int verdict;
+    char reason[block_reason_size];
 };
 
-// Devices of one walk, in order: sda, sda1, sda2, sdb, ..., sdaa, ..., mmcblk0, mmcblk0p1.
+// Devices in the order of their names. Owns them.
 struct BlockList {
-    uint32_t count;
-    BlockName names[agent_walk_limit];
+    MemGuard<BlockDevice> devices;
+    size_t count = 0;
+
+    BlockDevice* begin() const { return devices.get(); }
+    BlockDevice* end() const { return devices.get() + count; }
 };
 
-// Lists all devices of the kinds that the service mounts. Returns 0; a negated errno when there is
-// no looking into sysfs; -E2BIG when there are more than fit, the list holding so many.
-[[nodiscard]] int block_list_all(const char* sysfs, BlockList* list);
+// Reads all devices into an empty list. One without its numbers is going, and left out. `sysfs` is
+// shorter than agent_folder_size. Returns 0; a negated errno when there is no looking into sysfs,
+// or no memory.
+[[nodiscard]] int block_list_read(const char* sysfs, BlockList* list);
 
-// Lists one disk, given by itself or a partition of it, and its partitions. Returns as
-// block_list_all; an empty list when it is not there.
-[[nodiscard]] int block_list_disk(const char* sysfs, const BlockName& disk, BlockList* list);
-
-// Reads a device's numbers. Returns 0; -ENOENT when it is not there, or going; another negated
-// errno when there is no looking at it.
-[[nodiscard]] int block_numbers(const char* sysfs, const BlockName& name, int32_t* major,
-                                int32_t* minor);
-
-// Reads all of a device. Returns as block_numbers.
-[[nodiscard]] int block_device_read(const char* sysfs, const BlockName& name, BlockDevice* device);
-
-// How many events the kernel has sent; 0 where it does not say.
-uint64_t block_event_count(const char* sysfs);
-
-// Writes the name of one device that holds this one (LVM, RAID, encryption). Returns 0; -ENOENT
-// when there is none; another negated errno when that cannot be said.
-[[nodiscard]] int block_holder(const char* sysfs, const BlockName& name,
-                               char (&holder)[block_name_size]);
+// Lends the device of that name; null when it is not in the list.
+const BlockDevice* block_list_find(const BlockList& list, const BlockName& name);

@@ -1,10 +1,9 @@
-#include "agent/errand.h"
-#include "agent/monitor.h"
-#include "agent/settings.h"
-#include "lib/log.h"
+#include "agent/modes.h"
+#include "lib/platform.h"
 #include "lib/version.h"
 
-#include <stdio.h>
+#include <signal.h>
+#include <syslog.h>
 #include <unistd.h>
 
 static constexpr char program[] = "vyhotplug-agent";
@@ -16,21 +15,18 @@ static int run(const AgentSettings& settings)
     case AGENT_MONITOR:
         return monitor_run(settings);
     case AGENT_ONCE:
-        return errand_once(settings, environ);
+        return oneshot_once(settings, environ);
     case AGENT_SCAN:
-        return errand_scan(settings);
+        return oneshot_scan(settings);
     case AGENT_LIST:
-        return errand_list(settings);
-    case AGENT_HELP:
-        settings_print_help();
-        return 0;
+        return oneshot_list(settings);
     case AGENT_VERSION:
         printf("%s %s\n", program, vy_build);
         return 0;
-    case AGENT_NO_MODE:
-        break;
+    default:
+        settings_print_help();
+        return 0;
     }
-    return wrong_command_line;
 }
 
 int main(int argc, char* argv[])
@@ -39,5 +35,11 @@ int main(int argc, char* argv[])
     if (settings_parse(argc, argv, &settings) != 0)
         return wrong_command_line;
     openlog(program, LOG_PID, LOG_DAEMON);
-    return run(settings);
+    (void)setlogmask(LOG_UPTO(LOG_INFO)); // what is linked besides logs for who debugs the service
+    (void)signal(SIGPIPE, SIG_IGN);       // a failed write tells enough
+    const int status = run(settings);
+    if (stream_flush(stdout) == 0)
+        return status;
+    fprintf(stderr, "%s: cannot write to standard output\n", program);
+    return 1;
 }

@@ -1,171 +1,142 @@
-#include "agent/monitor.h"
+#include "agent/modes.h"
 
-#include "agent/announcer.h"
-#include "agent/daemon_peer.h"
-#include "agent/limits.h"
 #include "agent/netlink.h"
 #include "agent/state_file.h"
-#include "lib/guard.h"
+#include "common/clock.h"
 #include "lib/log.h"
 
 #include <errno.h>
 #include <poll.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/signalfd.h>
 
 static constexpr char log_tag[] = "monitor";
 
 namespace {
 
 struct Monitor {
-    const AgentSettings* settings;
+    const AgentSettings* settings = nullptr;
     Announcer announcer;
     Courier courier;
-    DaemonIdentity daemon; // all zero: none known
-    DaemonIdentity stored; // of the state file, until a daemon was met
-    int watch;             // its pidfd, owned; -1 for none
-    int netlink;           // owned
-    bool state_failed;     // has been logged
+    DaemonIdentity daemon = {}; // all zero: none known
+    FdGuard watch;              // its pidfd
+    FdGuard signals;
+    FdGuard netlink;
+    bool seeks = true;         // a daemon is looked for, though there may be nothing to send
+    bool state_failed = false; // has been logged
+    bool ends = false;
 };
-
-uint8_t stop_asked;
-uint8_t walk_asked;
 
 } // namespace
 
-// ---- the state file ----
+// ---- the daemon ----
 
 static void save_state(Monitor* monitor)
 {
     const char* path = monitor->settings->state;
-    if (path[0] == '\0')
-        return;
-    const int result = state_save(path, monitor->daemon, &monitor->announcer.table);
+    const int result = state_save(path, monitor->daemon, monitor->announcer);
     if (result != 0 && !monitor->state_failed)
         VY_LOG(LOG_WARNING, "no state is kept: %s: %s", path, strerror(-result));
     monitor->state_failed = result != 0;
 }
 
-// The table of the state file stands until it is known whether its daemon still runs.
-static void load_state(Monitor* monitor)
-{
-    const char* path = monitor->settings->state;
-    if (path[0] == '\0')
-        return;
-    const int result = state_load(path, &monitor->stored, &monitor->announcer.table);
-    if (result != 0 && result != -ENOENT)
-        VY_LOG(LOG_WARNING, "%s: %s", path, strerror(-result));
-}
-
-// ---- the daemon ----
-
-// Whether there is anything to tell a daemon of, once it comes. Disks of the machine count: what
-// makes them its own may be an earlier daemon's mounts.
-static bool is_anything_plugged(const Monitor* monitor)
-{
-    static BlockList list; // large for a stack
-    return block_list_all(monitor->settings->sysfs, &list) != 0 || list.count > 0;
-}
-
-static void forget_daemon(Monitor* monitor)
-{
-    monitor->daemon = {};
-    monitor->stored = {};
-    if (monitor->watch >= 0)
-        close(monitor->watch);
-    monitor->watch = -1;
-    announcer_forget(&monitor->announcer);
-    monitor->announcer.walk_due = true;
-}
-
 static void lose_daemon(Monitor* monitor)
 {
-    if (monitor->daemon.pid != 0)
+    const bool was_known = monitor->daemon.pid != 0;
+    monitor->daemon = {};
+    monitor->watch.reset(-1);
+    courier_hang_up(&monitor->courier);
+    announcer_forget(&monitor->announcer);
+    if (was_known) {
         VY_LOG(LOG_NOTICE, "the daemon has gone");
-    const bool had_told = monitor->daemon.pid != 0 || monitor->stored.pid != 0;
-    forget_daemon(monitor);
-    if (had_told)
         save_state(monitor);
-    monitor->courier.visit = is_anything_plugged(monitor);
-}
-
-static void watch_daemon(Monitor* monitor)
-{
-    const int watch = daemon_watch(monitor->daemon);
-    monitor->watch = watch >= 0 ? watch : -1;
-    if (watch >= 0)
-        return;
-    if (watch == -ESRCH)
-        monitor->courier.visit = true; // it has just gone, which the next connection will show
-    else if (monitor->daemon.pid <= 0)
-        VY_LOG(LOG_WARNING, "the daemon's process cannot be seen, a restart may go unnoticed");
-    else
-        VY_LOG(LOG_WARNING, "a restart of the daemon will be noticed some seconds later (%s)",
-               strerror(-watch));
+    }
+    // Is there anything to tell the next one of? Disks of the machine count: what makes them its
+    // own may be this daemon's mounts.
+    BlockList plugged;
+    const int result = block_list_read(monitor->settings->sysfs, &plugged);
+    monitor->seeks = result != 0 || plugged.count > 0;
 }
 
 // Whether the daemon is to be looked at from time to time.
 static bool is_unwatched(const Monitor* monitor)
 {
-    return monitor->daemon.pid > 0 && monitor->watch < 0;
+    return monitor->daemon.pid > 0 && monitor->watch.get() < 0;
 }
 
 // A daemon that is not the one of before knows nothing, unless the state file is about it.
 static void adopt_daemon(Monitor* monitor, const DaemonIdentity& daemon)
 {
-    const bool known = daemon.pid > 0 && daemon_is_same(daemon, monitor->stored);
+    DaemonIdentity stored;
+    const char* path = monitor->settings->state;
+    const int result = state_load(path, &stored, &monitor->announcer);
+    if (result != 0 && result != -ENOENT)
+        VY_LOG(LOG_WARNING, "%s: %s", path, strerror(-result));
+    const bool known = daemon.pid > 0 && daemon_is_same(daemon, stored);
     if (!known)
-        forget_daemon(monitor);
-    monitor->stored = {};
+        announcer_forget(&monitor->announcer);
     monitor->daemon = daemon;
-    monitor->announcer.walk_due = true;
-    watch_daemon(monitor);
+    const int watch = daemon_watch(daemon);
+    monitor->watch.reset(watch);
+    if (watch == -ESRCH)
+        monitor->seeks = true; // it has just gone, which the next connection will show
+    else if (daemon.pid <= 0)
+        VY_LOG(LOG_WARNING, "the daemon's process cannot be seen, a restart may go unnoticed");
+    else if (watch < 0)
+        VY_LOG(LOG_WARNING, "a restart of the daemon will be noticed some seconds later (%s)",
+               strerror(-watch));
     VY_LOG(LOG_NOTICE, "daemon %ld %s", static_cast<long>(daemon.pid),
            known ? "knows what it was told before" : "is new");
     save_state(monitor);
 }
 
-static bool met(void* self, int connection)
+// ---- delivery ----
+
+// Whether a connection is wanted.
+static bool has_business(Monitor* monitor)
 {
-    auto* monitor = static_cast<Monitor*>(self);
-    DaemonIdentity daemon;
-    if (daemon_identify(connection, &daemon) != 0) {
-        monitor->courier.visit = true; // it has just gone
-        courier_pause(&monitor->courier, courier_now());
-        return false;
-    }
-    const bool is_new = monitor->daemon.pid == 0 || !daemon_is_same(daemon, monitor->daemon);
-    if (is_new)
+    return !monitor->ends && (monitor->seeks || announcer_has_message(&monitor->announcer));
+}
+
+static void meet_daemon(Monitor* monitor, const DaemonIdentity& daemon, uint64_t now)
+{
+    monitor->seeks = false;
+    if (!daemon_is_same(daemon, monitor->daemon))
         adopt_daemon(monitor, daemon);
-    if (!monitor->announcer.walk_due)
-        return true;
-    // What waits goes first: a device that makes trouble has walks due for ever.
-    if (monitor->courier.queue.count > 0) {
-        monitor->courier.visit = true; // the walk follows
-        return true;
-    }
-    announcer_walk(&monitor->announcer);
-    return false; // the walk may have taken longer than the daemon waits for a message
+    char message[agent_message_size];
+    const bool any = announcer_take_message(&monitor->announcer, message);
+    courier_send(&monitor->courier, any ? message : nullptr, now);
 }
 
-static void missed(void* self)
+// Does all that can be done.
+static void work(Monitor* monitor)
 {
-    lose_daemon(static_cast<Monitor*>(self));
+    const uint64_t now = clock_now();
+    if (is_unwatched(monitor) && !daemon_runs(monitor->daemon))
+        lose_daemon(monitor);
+    DaemonIdentity daemon;
+    CourierEvent event;
+    do {
+        announcer_advance(&monitor->announcer, monitor->daemon.pid != 0, now);
+        event = courier_advance(&monitor->courier, has_business(monitor), now, &daemon);
+        if (event == COURIER_MISSED) {
+            lose_daemon(monitor);
+        } else if (event == COURIER_MET) {
+            meet_daemon(monitor, daemon, now);
+        } else if (event == COURIER_DELIVERED) {
+            announcer_delivered(&monitor->announcer, now);
+            save_state(monitor);
+        }
+    } while (event != COURIER_WAITS);
 }
 
-static void delivered(void* self, const QueuedMessage* message)
-{
-    auto* monitor = static_cast<Monitor*>(self);
-    announcer_delivered(&monitor->announcer, message);
-    save_state(monitor);
-}
-
-// ---- events ----
+// ---- what happens ----
 
 static void ask_for_walk(Monitor* monitor)
 {
-    monitor->announcer.walk_due = true;
-    monitor->courier.visit = true;
+    announcer_ask_for_walk(&monitor->announcer);
+    monitor->seeks = true;
 }
 
 static void take_event(Monitor* monitor, const char* datagram, size_t length)
@@ -174,19 +145,17 @@ static void take_event(Monitor* monitor, const char* datagram, size_t length)
     const int result = uevent_parse(datagram, length, &event);
     if (result < 0)
         VY_LOG(LOG_DEBUG, "dropped: event that is none");
-    if (result != 0)
-        return;
-    if (monitor->daemon.pid != 0)
-        announcer_event(&monitor->announcer, event);
-    else
-        monitor->courier.visit = true; // a walk is due when the daemon comes
+    if (result == 0 && monitor->daemon.pid != 0)
+        announcer_event(&monitor->announcer, event, clock_now());
+    else if (result == 0)
+        monitor->seeks = true; // a walk is due when the daemon comes
 }
 
 static void take_events(Monitor* monitor)
 {
-    static char datagram[agent_datagram_size];
+    char datagram[agent_datagram_size];
     for (int i = 0; i < agent_events_at_once; i++) {
-        const ssize_t length = netlink_take(monitor->netlink, datagram, sizeof datagram);
+        const ssize_t length = netlink_take(monitor->netlink.get(), datagram, sizeof datagram);
         if (length > 0) {
             take_event(monitor, datagram, static_cast<size_t>(length));
         } else if (length == -ENOBUFS) {
@@ -198,118 +167,83 @@ static void take_events(Monitor* monitor)
     }
 }
 
-// ---- signals ----
-
-static void handle_signal(int number)
+static void take_signal(Monitor* monitor)
 {
-    flag_set(number == SIGHUP ? &walk_asked : &stop_asked, 1);
-}
-
-// Blocks the signals but while waiting; `waiting` is the mask for that.
-static void install_signals(sigset_t* waiting)
-{
-    static constexpr int numbers[] = {SIGTERM, SIGINT, SIGHUP};
-    sigset_t blocked;
-    sigemptyset(&blocked);
-    for (const int number : numbers)
-        sigaddset(&blocked, number);
-    (void)sigprocmask(SIG_BLOCK, &blocked, waiting);
-    for (const int number : numbers) {
-        struct sigaction action = {};
-        action.sa_handler = handle_signal;
-        (void)sigaction(number, &action, nullptr);
-        sigdelset(waiting, number);
-    }
-}
-
-// ---- the loop ----
-
-// The shorter of two waits; -1 is one without end.
-static int sooner(int a, int b)
-{
-    return a >= 0 && (b < 0 || a < b) ? a : b;
+    signalfd_siginfo signal;
+    if (read(monitor->signals.get(), &signal, sizeof signal) != sizeof signal)
+        return;
+    if (signal.ssi_signo == SIGHUP)
+        return ask_for_walk(monitor);
+    monitor->ends = true; // a message that is under way is given a moment
+    courier_hurry(&monitor->courier, clock_now() + agent_farewell_wait);
 }
 
 // Milliseconds until there is something to do unasked; -1: nothing before something happens.
-static int next_wait(const Monitor* monitor)
+static int next_wait(Monitor* monitor)
 {
-    const uint64_t now = courier_now();
-    const int look = is_unwatched(monitor) ? int{agent_daemon_look} : -1;
-    return sooner(look, sooner(courier_timeout(&monitor->courier, now),
-                               announcer_timeout(&monitor->announcer, now)));
+    const uint64_t now = clock_now();
+    const uint64_t dues[] = {courier_due(&monitor->courier, has_business(monitor)),
+                             announcer_due(&monitor->announcer, monitor->daemon.pid != 0),
+                             is_unwatched(monitor) ? now + agent_daemon_look : agent_never};
+    uint64_t next = agent_never;
+    for (const uint64_t due : dues)
+        next = due < next ? due : next;
+    if (next == agent_never)
+        return -1;
+    return next > now ? static_cast<int>(next - now) : 0;
 }
 
 // Waits until something happens.
-static void wait_for_news(Monitor* monitor, const sigset_t* waiting)
+static void wait_for_news(Monitor* monitor)
 {
     pollfd fds[] = {
-        {.fd = monitor->netlink, .events = POLLIN, .revents = 0},
-        {.fd = monitor->watch, .events = POLLIN, .revents = 0}, // -1 is passed over
-        {.fd = monitor->courier.connection, .events = POLLIN, .revents = 0},
+        {.fd = monitor->signals.get(), .events = POLLIN, .revents = 0},
+        {.fd = monitor->watch.get(), .events = POLLIN, .revents = 0}, // negative is passed over
+        {.fd = monitor->netlink.get(), .events = POLLIN, .revents = 0},
+        {.fd = courier_descriptor(&monitor->courier), .events = POLLIN, .revents = 0},
     };
-    const int timeout = next_wait(monitor);
-    const timespec limit = {.tv_sec = timeout / 1000, .tv_nsec = timeout % 1000 * 1000000L};
-    if (ppoll(fds, sizeof fds / sizeof fds[0], timeout >= 0 ? &limit : nullptr, waiting) <= 0)
-        return; // a signal, or time
+    if (poll(fds, sizeof fds / sizeof fds[0], next_wait(monitor)) <= 0)
+        return;
+    if (fds[0].revents != 0)
+        take_signal(monitor);
     if (fds[1].revents != 0)
         lose_daemon(monitor);
-    if (fds[0].revents != 0)
+    if (fds[2].revents != 0)
         take_events(monitor);
 }
 
-static void run_loop(Monitor* monitor, const sigset_t* waiting)
+// Returns owned: a descriptor to read signals from, which are blocked then for good; -1, and they
+// do what they always do.
+static int open_signals()
 {
-    while (flag_get(&stop_asked) == 0) {
-        if (flag_get(&walk_asked) != 0) {
-            flag_set(&walk_asked, 0);
-            ask_for_walk(monitor);
-        }
-        if (is_unwatched(monitor) && !daemon_runs(monitor->daemon))
-            lose_daemon(monitor);
-        announcer_advance(&monitor->announcer, courier_now());
-        courier_advance(&monitor->courier, courier_now());
-        wait_for_news(monitor, waiting);
-    }
-}
-
-// A message that is under way is given a moment, and counts as delivered then.
-static void finish_delivery(Monitor* monitor)
-{
-    Courier* courier = &monitor->courier;
-    if (!courier->under_way)
-        return;
-    pollfd connection = {.fd = courier->connection, .events = POLLIN, .revents = 0};
-    (void)poll(&connection, 1, agent_farewell_wait);
-    message_queue_cut(&courier->queue, 1);
-    courier->visit = false;
-    courier_advance(courier, courier->due);
+    sigset_t numbers;
+    sigemptyset(&numbers);
+    sigaddset(&numbers, SIGTERM);
+    sigaddset(&numbers, SIGINT);
+    sigaddset(&numbers, SIGHUP);
+    const int fd = signalfd(-1, &numbers, SFD_CLOEXEC | SFD_NONBLOCK);
+    if (fd >= 0)
+        (void)sigprocmask(SIG_BLOCK, &numbers, nullptr);
+    return fd;
 }
 
 int monitor_run(const AgentSettings& settings)
 {
-    static Monitor monitor; // large for a stack
+    Monitor monitor;
     monitor.settings = &settings;
-    monitor.watch = -1;
-    monitor.netlink = netlink_open(); // before the first look, so that nothing falls between
-    if (monitor.netlink < 0) {
-        VY_LOG(LOG_ERR, "no listening to the kernel's events: %s", strerror(-monitor.netlink));
+    monitor.announcer.settings = &settings;
+    monitor.signals.reset(open_signals());
+    const int netlink = netlink_open(); // before the first look, so that nothing falls between
+    monitor.netlink.reset(netlink);
+    if (netlink < 0) {
+        VY_LOG(LOG_ERR, "no listening to the kernel's events: %s", strerror(-netlink));
         return 1;
     }
-    sigset_t waiting;
-    install_signals(&waiting);
-    const SurveyView view = {.sysfs = settings.sysfs,
-                             .proc = settings.proc,
-                             .mount_directory = settings.mounts,
-                             .announced = nullptr,
-                             .all = settings.all,
-                             .leaving = false};
-    courier_init(&monitor.courier, {&monitor, met, missed, delivered});
-    announcer_init(&monitor.announcer, view, &monitor.courier);
-    load_state(&monitor);
-    ask_for_walk(&monitor);
-    run_loop(&monitor, &waiting);
-    finish_delivery(&monitor);
+    work(&monitor);
+    while (!monitor.ends || courier_descriptor(&monitor.courier) >= 0) {
+        wait_for_news(&monitor);
+        work(&monitor);
+    }
     VY_LOG(LOG_NOTICE, "ends");
-    close(monitor.netlink);
     return 0;
 }

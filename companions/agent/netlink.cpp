@@ -12,21 +12,16 @@
 static constexpr char log_tag[] = "netlink";
 static constexpr unsigned kernel_group = 1;
 
-// Root gets what it asks for; others no more than the system allows.
-static void enlarge_buffer(int fd)
-{
-    const int size = agent_netlink_buffer;
-    if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size) != 0)
-        (void)setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof size); // lost events are noticed
-}
-
 int netlink_open()
 {
     FdGuard fd(
         socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_KOBJECT_UEVENT));
     if (fd.get() < 0)
         return -errno;
-    enlarge_buffer(fd.get());
+    // Root gets what it asks for; others no more than the system allows. Lost events are noticed.
+    const int size = agent_netlink_buffer;
+    if (setsockopt(fd.get(), SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size) != 0)
+        (void)setsockopt(fd.get(), SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
     const int on = 1;
     if (setsockopt(fd.get(), SOL_SOCKET, SO_PASSCRED, &on, sizeof on) != 0)
         return -errno;
@@ -52,7 +47,7 @@ static bool is_from_kernel(msghdr* message)
     memcpy(&credentials, CMSG_DATA(control), sizeof credentials);
     if (sender->nl_pid == 0 && credentials.pid == 0 && credentials.uid == 0)
         return true;
-    VY_LOG(LOG_DEBUG, "dropped: message of process %ld, user %lu",
+    VY_LOG(LOG_INFO, "dropped: message of process %ld, user %lu",
            static_cast<long>(credentials.pid), static_cast<unsigned long>(credentials.uid));
     return false;
 }
@@ -74,7 +69,6 @@ ssize_t netlink_take(int fd, char* buffer, size_t size)
         return -errno;
     if (!is_from_kernel(&message))
         return 0;
-    if ((message.msg_flags & MSG_TRUNC) != 0)
-        return -ENOBUFS; // longer than the kernel's events are; as good as lost
-    return length;
+    // One that is cut is longer than the kernel's are; as good as lost.
+    return (message.msg_flags & MSG_TRUNC) == 0 ? length : -ENOBUFS;
 }

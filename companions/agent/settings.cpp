@@ -1,6 +1,5 @@
 #include "agent/settings.h"
 
-#include "agent/limits.h"
 #include "lib/str.h"
 
 #include <getopt.h>
@@ -9,38 +8,20 @@
 
 static constexpr char program[] = "vyhotplug-agent";
 
-namespace {
-
-enum OptionCode {
-    OPTION_MONITOR = 1000, // modes first, in the order of AgentMode
-    OPTION_ONCE,
-    OPTION_SCAN,
-    OPTION_LIST,
-    OPTION_HELP,
-    OPTION_VERSION,
-    OPTION_SYSFS,
-    OPTION_PROC,
-    OPTION_MOUNTS,
-    OPTION_STATE,
-    OPTION_WAIT,
-    OPTION_ALL,
-};
-
-} // namespace
-
+// Each is told by its last field: a mode by its own number, the others by a letter.
 static constexpr option long_options[] = {
-    {"monitor", no_argument, nullptr, OPTION_MONITOR},
-    {"once", no_argument, nullptr, OPTION_ONCE},
-    {"scan", no_argument, nullptr, OPTION_SCAN},
-    {"list", no_argument, nullptr, OPTION_LIST},
-    {"help", no_argument, nullptr, OPTION_HELP},
-    {"version", no_argument, nullptr, OPTION_VERSION},
-    {"sysfs", required_argument, nullptr, OPTION_SYSFS},
-    {"proc", required_argument, nullptr, OPTION_PROC},
-    {"mounts", required_argument, nullptr, OPTION_MOUNTS},
-    {"state", required_argument, nullptr, OPTION_STATE},
-    {"wait", required_argument, nullptr, OPTION_WAIT},
-    {"all", no_argument, nullptr, OPTION_ALL},
+    {"monitor", no_argument, nullptr, AGENT_MONITOR},
+    {"once", no_argument, nullptr, AGENT_ONCE},
+    {"scan", no_argument, nullptr, AGENT_SCAN},
+    {"list", no_argument, nullptr, AGENT_LIST},
+    {"help", no_argument, nullptr, AGENT_HELP},
+    {"version", no_argument, nullptr, AGENT_VERSION},
+    {"all", no_argument, nullptr, 'a'},
+    {"mounts", required_argument, nullptr, 'm'},
+    {"proc", required_argument, nullptr, 'p'},
+    {"state", required_argument, nullptr, 't'},
+    {"sysfs", required_argument, nullptr, 's'},
+    {"wait", required_argument, nullptr, 'w'},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -75,14 +56,6 @@ static int complain(const char* what, const char* about)
     return -1;
 }
 
-static int set_mode(AgentSettings* settings, AgentMode mode)
-{
-    if (settings->mode != AGENT_NO_MODE)
-        return complain("more than one mode", "");
-    settings->mode = mode;
-    return 0;
-}
-
 static int set_directory(const char** field)
 {
     if (optarg[0] != '/')
@@ -93,62 +66,41 @@ static int set_directory(const char** field)
     return 0;
 }
 
-// Everything lies below "/".
-static int set_mounts(AgentSettings* settings)
-{
-    if (optarg[strspn(optarg, "/")] == '\0')
-        return complain("no directory of the service's: ", optarg);
-    return set_directory(&settings->mounts);
-}
-
-static int set_state(AgentSettings* settings)
-{
-    if (optarg[0] != '\0')
-        return set_directory(&settings->state);
-    settings->state = "";
-    return 0;
-}
-
-static int set_wait(AgentSettings* settings)
-{
-    const bool is_number = optarg[0] >= '0' && optarg[0] <= '9';
-    if (!is_number || str_to_long(optarg, &settings->wait, 10) != 0 ||
-        settings->wait > agent_wait_most)
-        return complain("not a number of seconds up to a day: ", optarg);
-    return 0;
-}
-
 static int take_option(AgentSettings* settings, int code)
 {
     switch (code) {
-    case OPTION_SYSFS:
-        return set_directory(&settings->sysfs);
-    case OPTION_PROC:
-        return set_directory(&settings->proc);
-    case OPTION_MOUNTS:
-        return set_mounts(settings);
-    case OPTION_STATE:
-        return set_state(settings);
-    case OPTION_WAIT:
-        return set_wait(settings);
-    case OPTION_ALL:
+    case 'a':
         settings->all = true;
         return 0;
+    case 'm':
+        if (optarg[strspn(optarg, "/")] == '\0') // everything lies below "/"
+            return complain("no directory of the service's: ", optarg);
+        return set_directory(&settings->mounts);
+    case 'p':
+        return set_directory(&settings->proc);
+    case 's':
+        return set_directory(&settings->sysfs);
+    case 't':
+        settings->state = "";
+        return optarg[0] != '\0' ? set_directory(&settings->state) : 0;
+    case 'w':
+        if (optarg[0] >= '0' && optarg[0] <= '9' && str_to_long(optarg, &settings->wait, 10) == 0 &&
+            settings->wait <= agent_wait_most)
+            return 0;
+        return complain("not a number of seconds up to a day: ", optarg);
     case '?': // getopt_long has told
         return complain("wrong command line", "");
     default:
-        return set_mode(settings, static_cast<AgentMode>(code - OPTION_MONITOR + AGENT_MONITOR));
+        if (settings->mode != AGENT_NO_MODE)
+            return complain("more than one mode", "");
+        settings->mode = static_cast<AgentMode>(code);
+        return 0;
     }
 }
 
 int settings_parse(int argc, char* argv[], AgentSettings* settings)
 {
     *settings = {};
-    settings->wait = agent_wait_default;
-    settings->sysfs = "/sys";
-    settings->proc = "/proc";
-    settings->mounts = "/media/vyhotplug";
-    settings->state = "/run/vyhotplug-agent.state";
     int code = 0;
     while ((code = getopt_long(argc, argv, "", long_options, nullptr)) != -1) {
         if (take_option(settings, code) != 0)

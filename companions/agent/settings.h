@@ -1,6 +1,8 @@
 // The command line.
 #pragma once
 
+#include "agent/limits.h"
+
 #include <stdint.h>
 
 enum AgentMode : uint8_t {
@@ -15,13 +17,13 @@ enum AgentMode : uint8_t {
 
 // All texts are borrowed from the command line.
 struct AgentSettings {
-    AgentMode mode;
-    bool all;     // the machine's own disks too
-    int32_t wait; // seconds
-    const char* sysfs;
-    const char* proc;   // where the tables of mounts and swaps are read
-    const char* mounts; // the service's mount directory
-    const char* state;  // "": none
+    AgentMode mode = AGENT_NO_MODE;
+    bool all = false;                  // the machine's own disks too
+    int32_t wait = agent_wait_default; // seconds
+    const char* sysfs = "/sys";
+    const char* proc = "/proc";              // where the tables of mounts and swaps are read
+    const char* mounts = "/media/vyhotplug"; // the service's mount directory
+    const char* state = "/run/vyhotplug-agent.state"; // "": none
 };
 
 // Returns 0; -1 when the command line is wrong, the reason told on standard error.

@@ -2,14 +2,15 @@
 // again does not tell the same daemon twice.
 #pragma once
 
-#include "agent/announced.h"
-#include "agent/daemon_peer.h"
+#include "agent/announcer.h"
+#include "agent/daemon.h"
 
-// Writes what the daemon has been told into "<path>.tmp" and renames it. Returns 0; a negated
-// errno, the old file untouched.
+// Writes what the daemon has been told beside the file and moves it there; nowhere for the path "".
+// Returns 0; a negated errno, the old file untouched.
 [[nodiscard]] int state_save(const char* path, const DaemonIdentity& daemon,
-                             const AnnouncedTable* table);
+                             const Announcer& announcer);
 
-// Reads a state file into an empty table; the devices of it are told. Returns 0; -ENOENT when there
-// is none; -EINVAL when it is not in its form, the table empty; another negated errno.
-[[nodiscard]] int state_load(const char* path, DaemonIdentity* daemon, AnnouncedTable* table);
+// Reads a state file in the place of all that is known; its devices are told. Returns 0; -ENOENT
+// when there is none; -EINVAL when it is not in its form; another negated errno. Nothing is known
+// then.
+[[nodiscard]] int state_load(const char* path, DaemonIdentity* daemon, Announcer* announcer);

@@ -2,7 +2,7 @@
 // of a program that was started for one. Pure: bytes in, struct out.
 #pragma once
 
-#include "agent/block_name.h"
+#include "agent/block_device.h"
 
 #include <stddef.h>
 #include <stdint.h>

@@ -7,7 +7,6 @@
 #include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
-#include <unistd.h>
 
 // ---- fields ----
 
@@ -236,4 +235,33 @@ const MountinfoEntry* mountinfo_find(const Mountinfo* table, const char* path)
         found = &table->entries[i];
     }
     return found;
+}
+
+const MountinfoEntry* mountinfo_find_device(const Mountinfo* table, int32_t major, int32_t minor,
+                                            const char* directory)
+{
+    for (size_t i = 0; i < table->count; i++) {
+        const MountinfoEntry& mount = table->entries[i];
+        if (mount.major == static_cast<uint32_t>(major) &&
+            mount.minor == static_cast<uint32_t>(minor) &&
+            mountinfo_is_below(mount.directory, directory))
+            return &mount;
+    }
+    return nullptr;
+}
+
+// ---- swap areas ----
+
+const char* mountinfo_swap_path(char* line)
+{
+    static constexpr char deleted[] = " (deleted)"; // what the kernel puts behind a removed node
+    if (line[0] != '/')
+        return nullptr;
+    line[strcspn(line, " \t\n")] = '\0';
+    decode(line);
+    const size_t length = strlen(line);
+    const size_t mark = sizeof deleted - 1;
+    if (length > mark && strcmp(line + length - mark, deleted) == 0)
+        line[length - mark] = '\0';
+    return line;
 }

@@ -52,7 +52,17 @@ using MountinfoGuard = Guard<Mountinfo, mountinfo_free>;
 // Whether `path` lies below `directory`, and is not that directory itself.
 [[nodiscard]] bool mountinfo_is_below(const char* path, const char* directory);
 
+// Lends a mount of the device with these numbers whose directory lies below `directory`; null when
+// there is none.
+[[nodiscard]] const MountinfoEntry* mountinfo_find_device(const Mountinfo* table, int32_t major,
+                                                          int32_t minor, const char* directory);
+
 // Lends the mount that `path` lies on: of those whose directory is the path or one above it the
 // one with the longest, and of several there the last, which covers the others. Null when the table
 // holds none. That one mounted later further up may hide it is not looked at.
 [[nodiscard]] const MountinfoEntry* mountinfo_find(const Mountinfo* table, const char* path);
+
+// Takes a line of the kernel's table of swap areas, /proc/swaps, apart, in place. Lends the path,
+// decoded and without the mark of a node that was removed; null for the heading and for anything
+// else that begins with no path. Pure.
+[[nodiscard]] const char* mountinfo_swap_path(char* line);

@@ -194,14 +194,18 @@ class AgentTest(SystemTest):
         self.wait_until("the agent handles signals", self._handles_signals)
         return process
 
+    def signal_mask(self, name):
+        """The agent's own: "SigBlk", "SigIgn"; 0 where it does not run yet."""
+        with contextlib.suppress(FileNotFoundError):
+            status = vyworld.read(f"/proc/{self.agent_pid()}/status")
+            if "vyhotplug-agent" in status:
+                return int(re.search(rf"^{name}:\s*(\w+)", status, re.MULTILINE)[1], 16)
+        return 0
+
     def _handles_signals(self):
         if self.agent.poll() is not None:
             self.fail(f"the agent has ended with {self.agent.returncode}")
-        with contextlib.suppress(FileNotFoundError):
-            status = vyworld.read(f"/proc/{self.agent_pid()}/status")
-            mask = int(re.search(r"^SigCgt:\s*(\w+)", status, re.MULTILINE)[1], 16)
-            return "vyhotplug-agent" in status and mask >> (signal.SIGTERM - 1) & 1
-        return False
+        return self.signal_mask("SigBlk") >> (signal.SIGTERM - 1) & 1
 
     def agent_pid(self, process=None):
         """The agent's own, where strace runs it."""

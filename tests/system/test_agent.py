@@ -1,13 +1,15 @@
 """The hotplug agent: what it tells the daemon, of which devices, and how often."""
 
 import os
+import re
 import signal
 import socket
 import struct
+import subprocess
 import time
 
 import vyworld
-from agent_world import AGENT_TRACE, STATE, STICK_ITEMS, SYSFS, AgentTest, FakeDaemon
+from agent_world import AGENT_TRACE, PROC, STATE, STICK_ITEMS, SYSFS, AgentTest, FakeDaemon
 
 NETLINK_KOBJECT_UEVENT = 15
 KERNEL_GROUP = 1
@@ -177,9 +179,29 @@ class MachinesDisks(AgentTest):
         self.assertEqual([line[:5] for line in self.list("--state", "")],
                          ["# sda", "# sda", "# sda", "ACTIO", "ACTIO"])
 
+    def test_a_list_looks_at_each_thing_once(self):
+        self.require_strace()
+        for letters in ("c", "d"):
+            self.sysfs.add_stick("sd" + letters, parts=range(1, 16))
+        self.sysfs.remove("sda")
+        self.sysfs.remove("sdb")
+        self.set_mounts(**{"/": "8:34"})
+        subprocess.run(["strace", "-f", "-qq", "-o", AGENT_TRACE, "-e", "trace=/^open", "-e",
+                        "signal=none", *self.command("--list")],
+                       check=True, stdout=subprocess.DEVNULL, env=vyworld.environment(True))
+        opens = [match[1] for match in (re.search(r'"([^"]*)"', line)
+                                        for line in vyworld.read_lines(AGENT_TRACE)) if match]
+        self.assertEqual(opens.count(PROC + "/swaps"), 1)
+        self.assertEqual(opens.count(PROC + "/self/mountinfo"), 1)
+        for path in set(opens):
+            if path.startswith(SYSFS + "/block/") and "/holders" not in path:
+                self.assertEqual(opens.count(path), 1, path)
+        if not os.environ.get("VY_SANITIZE"):  # whose libraries open files of their own
+            self.assertLess(len(opens), 150)
+
     def test_this_machines_own_disks_are_safe(self):
         # Whatever runs the tests: its root is on none of the devices that would be told of.
-        done = vyworld.Finished(vyworld.subprocess.run(
+        done = vyworld.Finished(subprocess.run(
             [vyworld.PROGRAMS + "/vyhotplug-agent", "--list"], capture_output=True, check=False,
             env=vyworld.environment()))
         self.assertEqual((done.status, done.err), (0, ""))
@@ -378,7 +400,7 @@ class Once(AgentTest):
         self.sysfs.add_stick("sda")
         event = {"ACTION": "change", "DEVPATH": "/x/block/sda", "SUBSYSTEM": "block",
                  "MAJOR": "8", "MINOR": "0", "DISK_MEDIA_CHANGE": "1"}
-        vyworld.subprocess.run(
+        subprocess.run(
             ["strace", "-qq", "-o", AGENT_TRACE, "-e", "trace=/^open", *self.command("--once")],
             check=True, env={**vyworld.environment(True), **event})
         trace = [line for line in vyworld.read_lines(AGENT_TRACE) if '"/dev/sda"' in line]
@@ -387,7 +409,7 @@ class Once(AgentTest):
 
     def test_an_absent_daemon_is_waited_for(self):
         self.sysfs.add_stick("sda")
-        process = vyworld.subprocess.Popen(
+        process = subprocess.Popen(
             self.command("--scan", "--wait", str(vyworld.LIMIT)), env=vyworld.environment())
         self.settle()
         FakeDaemon(self)
@@ -489,7 +511,7 @@ class Events(AgentTest):
     def test_nothing_is_done_while_there_is_nothing_to_tell_an_absent_daemon(self):
         self.start_agent(strace=["-e", "signal=none"])
         self.wait_until("it waits", lambda: any(
-            "ppoll" in line for line in vyworld.read_lines(AGENT_TRACE)))
+            "poll(" in line for line in vyworld.read_lines(AGENT_TRACE)))
         self.settle()
         self.assert_asleep()
 
@@ -532,6 +554,36 @@ class CommandLine(AgentTest):
         self.assertEqual(self.stop_agent(signal.SIGINT), 0)
         line = self.wait_for_log("monitor(#)ends")[0]
         self.assertEqual((line.program, line.facility), ("vyhotplug-agent", 3))
+
+    def test_no_broken_pipe_kills_the_agent(self):
+        self.start_agent()
+        self.assertTrue(self.signal_mask("SigIgn") >> (signal.SIGPIPE - 1) & 1)
+        reader, writer = os.pipe()
+        os.close(reader)
+        try:
+            done = subprocess.run(self.command("--help"), stdout=writer, stderr=subprocess.PIPE,
+                                  check=False)
+        finally:
+            os.close(writer)
+        self.assertEqual(done.returncode, 1)
+
+    def test_a_full_disk_is_a_failure_of_what_prints(self):
+        self.sysfs.add_stick("sda")
+        for mode in ("--list", "--help", "--version"):
+            with open("/dev/full", "w", encoding="utf-8") as full:
+                done = subprocess.run(self.command(mode), stdout=full, stderr=subprocess.PIPE,
+                                      check=False)
+            self.assertEqual((done.returncode, done.stderr),
+                             (1, b"vyhotplug-agent: cannot write to standard output\n"), mode)
+
+    def test_nothing_of_debug_level_is_logged(self):
+        FakeDaemon(self)
+        self.sysfs.add_stick("sda")
+        self.start_agent()
+        self.wait_for_told("+8:0", "+8:1")
+        self.assertEqual(self.stop_agent(), 0)
+        self.wait_for_log("monitor(#)ends")
+        self.assertEqual([line for line in self.log.lines if line.priority > vyworld.INFO], [])
 
     def test_sysfs_that_is_not_there_is_a_failure_of_the_list(self):
         done = self.run_agent("--list", "--sysfs", "/tmp/nothing")

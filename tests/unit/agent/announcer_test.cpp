@@ -1,31 +1,62 @@
-// What is told for which events, on a sysfs of files; nobody listens, the queue is looked at.
+// What is told for which events, on a sysfs of files and a clock of the test's; nobody listens, the
+// messages are looked at.
 #include "agent/announcer.h"
 
 #include "fake/fake_log.h"
 #include "fake_medium.h"
 #include "fake_sysfs.h"
+#include "support/child.h"
 #include "support/failing_memory.h"
 #include "support/files.h"
 #include "test_daemon.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 using Told = std::vector<std::string>;
+
+// ---- the table ----
+
+TEST(DeviceTable, IsThis)
+{
+    const struct {
+        DeviceState state;
+        DeviceState next[5]; // after out, added, went, taken, mounted
+    } rows[] = {
+        {DEVICE_UNSEEN, {DEVICE_SENT, DEVICE_UNSEEN, DEVICE_PASSING, DEVICE_UNSEEN, DEVICE_UNSEEN}},
+        {DEVICE_SENT, {DEVICE_SENT, DEVICE_TOLD, DEVICE_LEAVING, DEVICE_SENT, DEVICE_SENT}},
+        {DEVICE_TOLD, {DEVICE_TOLD, DEVICE_TOLD, DEVICE_LEAVING, DEVICE_TOLD, DEVICE_TOLD}},
+        {DEVICE_LEAVING,
+         {DEVICE_LEAVING, DEVICE_LEAVING, DEVICE_LEAVING, DEVICE_GONE, DEVICE_LEAVING}},
+        {DEVICE_GONE, {DEVICE_SENT, DEVICE_GONE, DEVICE_GONE, DEVICE_GONE, DEVICE_LEAVING}},
+        {DEVICE_PASSING,
+         {DEVICE_PASSING, DEVICE_PASSING, DEVICE_PASSING, DEVICE_PASSED, DEVICE_PASSING}},
+        {DEVICE_PASSED, {DEVICE_SENT, DEVICE_PASSED, DEVICE_PASSED, DEVICE_PASSED, DEVICE_PASSED}},
+    };
+    for (const auto& row : rows) {
+        for (int event = DEVICE_OUT; event <= DEVICE_MOUNTED; event++)
+            EXPECT_EQ(device_next(row.state, static_cast<DeviceEvent>(event)), row.next[event])
+                << int{row.state} << " " << event;
+    }
+}
+
+// ---- the announcer ----
 
 class AnnouncerTest : public testing::Test {
   protected:
     AnnouncerTest()
     {
-        courier_init(&courier_, {nullptr, nullptr, nullptr, nullptr});
-        const SurveyView view = {FakeSysfs::root, FakeSysfs::proc, FakeSysfs::mounts,
-                                 nullptr,         false,           false};
-        announcer_init(&announcer_, view, &courier_);
+        announcer_.settings = &settings_;
+        fake_log_clear();
     }
-    ~AnnouncerTest() override { message_queue_cut(&courier_.queue, 0); }
 
     void event(UeventAction action, const std::string& name, int major, int minor,
                uint64_t sequence = 0)
@@ -37,7 +68,7 @@ class AnnouncerTest : public testing::Test {
         event.minor = minor;
         event.media_change = action == UEVENT_CHANGE;
         event.sequence = sequence;
-        announcer_event(&announcer_, event);
+        announcer_event(&announcer_, event, now_);
     }
 
     // A stick sda with a partition, and their events.
@@ -49,27 +80,51 @@ class AnnouncerTest : public testing::Test {
         event(UEVENT_ADD, "sda1", 8, 1);
     }
 
-    // What waits in the queue, which then counts as delivered.
+    void walk()
+    {
+        announcer_ask_for_walk(&announcer_);
+        announcer_advance(&announcer_, true, now_);
+    }
+
+    // Does what is due at that time, but for walks.
+    void advance(uint64_t now)
+    {
+        now_ = now;
+        announcer_advance(&announcer_, false, now_);
+    }
+
+    // When something is due; `walks`: walks too.
+    uint64_t due(bool walks = false) { return announcer_due(&announcer_, walks); }
+
+    // Hands the next message out; "" for none.
+    std::string take()
+    {
+        char text[agent_message_size];
+        return announcer_take_message(&announcer_, text) ? short_form(text) : "";
+    }
+
+    // All that is to be told, which then counts as delivered. A walk that is due comes first.
     Told told()
     {
+        announcer_advance(&announcer_, true, now_);
         Told texts;
-        while (const QueuedMessage* head = message_queue_head(&courier_.queue)) {
-            texts.push_back(short_form(head->text));
-            announcer_delivered(&announcer_, head);
-            message_queue_pop(&courier_.queue);
+        for (std::string text = take(); text != ""; text = take()) {
+            texts.push_back(text);
+            announcer_delivered(&announcer_, now_);
         }
+        EXPECT_FALSE(announcer_has_message(&announcer_));
         return texts;
     }
 
-    void walk() { announcer_walk(&announcer_); }
-
-    // The stick has been told of, and is pulled.
+    // The stick is pulled.
     void pull()
     {
         sysfs_.remove_disk("sda");
         event(UEVENT_REMOVE, "sda1", 8, 1);
         event(UEVENT_REMOVE, "sda", 8, 0);
     }
+
+    void mount() { sysfs_.set_mounts({"8:1 /media/vyhotplug/sda1 /dev/vyhotplug/sda1"}); }
 
     // Another card is in the drive sda, while a partition of the one before is mounted.
     void change_in_use()
@@ -85,23 +140,40 @@ class AnnouncerTest : public testing::Test {
         medium_.answer(0);
         sysfs_.remove_partition("sda", "sda1");
         sysfs_.add_partition("sda", "sda2", "8:2");
-        announcer_advance(&announcer_, announcer_.changed.due);
+        advance(due());
+    }
+
+    static int logged(const std::string& text)
+    {
+        const auto lines = fake_log_texts();
+        return static_cast<int>(std::count(lines.begin(), lines.end(), "announcer(#)" + text));
     }
 
     FakeMedium medium_;
     FakeSysfs sysfs_;
-    Courier courier_;
+    AgentSettings settings_ = {AGENT_MONITOR,     false, 0, FakeSysfs::root, FakeSysfs::proc,
+                               FakeSysfs::mounts, ""};
     Announcer announcer_;
+    uint64_t now_ = 1000000;
 };
 
 TEST_F(AnnouncerTest, TellsOfWhatComesAndGoes)
 {
     plug();
     EXPECT_EQ(told(), (Told{"+8:0", "+8:1"}));
-    sysfs_.remove_disk("sda");
-    event(UEVENT_REMOVE, "sda1", 8, 1);
-    event(UEVENT_REMOVE, "sda", 8, 0);
+    pull();
     EXPECT_EQ(told(), (Told{"-8:1", "-8:0"}));
+}
+
+TEST_F(AnnouncerTest, LogsWhatComesAndGoes)
+{
+    plug();
+    (void)told();
+    pull();
+    (void)told();
+    EXPECT_EQ(fake_log_texts(),
+              (Told{"announcer(#)sda (8:0) is announced", "announcer(#)sda1 (8:1) is announced",
+                    "announcer(#)sda1 (8:1) has gone", "announcer(#)sda (8:0) has gone"}));
 }
 
 TEST_F(AnnouncerTest, TellsOfAWalkAndItsEventsOnce)
@@ -118,7 +190,7 @@ TEST_F(AnnouncerTest, TellsOfAWalkAndItsEventsOnce)
     EXPECT_EQ(told(), Told{});
 }
 
-TEST_F(AnnouncerTest, WalksInOrder)
+TEST_F(AnnouncerTest, TellsInOrder)
 {
     sysfs_.add_card("mmcblk0", "179:0");
     for (const char* disk : {"sdb", "sda"}) {
@@ -139,10 +211,12 @@ TEST_F(AnnouncerTest, TellsOfNothingThatHasGoneByTheTimeOfItsEvent)
     EXPECT_EQ(told(), Told{});
 }
 
-TEST_F(AnnouncerTest, TellsOfNothingThatIsAnotherDeviceByNow)
+TEST_F(AnnouncerTest, TellsOfADeviceThatIsAnotherByNowOnce)
 {
     sysfs_.add_stick("sda", "8:32");
     event(UEVENT_ADD, "sda", 8, 0);
+    EXPECT_EQ(told(), Told{"+8:32"});
+    event(UEVENT_ADD, "sda", 8, 32); // its own event follows
     EXPECT_EQ(told(), Told{});
 }
 
@@ -155,36 +229,50 @@ TEST_F(AnnouncerTest, PassesARemoveOfAnUnknownDeviceOnOnce)
     EXPECT_EQ(told(), Told{});
 }
 
+TEST_F(AnnouncerTest, PassesARemoveOnBeforeTheDeviceIsTold)
+{
+    event(UEVENT_REMOVE, "sda1", 8, 1); // the daemon may have it from elsewhere
+    plug();
+    EXPECT_EQ(told(), (Told{"-8:1", "+8:0", "+8:1"}));
+}
+
 TEST_F(AnnouncerTest, PassesARemoveOnAgainAfterTheDeviceWasBack)
 {
     for (int turn = 0; turn < 3; turn++) {
         plug();
-        sysfs_.remove_disk("sda");
+        EXPECT_EQ(told(), (Told{"+8:0", "+8:1"})) << turn;
+        pull();
         event(UEVENT_REMOVE, "sda1", 8, 1);
-        event(UEVENT_REMOVE, "sda1", 8, 1);
-        event(UEVENT_REMOVE, "sda", 8, 0);
-        EXPECT_EQ(told(), (Told{"+8:0", "+8:1", "-8:1", "-8:0"})) << turn;
+        EXPECT_EQ(told(), (Told{"-8:1", "-8:0"})) << turn;
     }
 }
 
-TEST_F(AnnouncerTest, TellsOfADeviceThatCameBackBeforeAnythingWasDelivered)
+TEST_F(AnnouncerTest, TellsNothingOfWhatCameAndWentBeforeItCouldTell)
 {
     plug("FIRST");
-    sysfs_.remove_disk("sda");
-    event(UEVENT_REMOVE, "sda1", 8, 1);
-    event(UEVENT_REMOVE, "sda", 8, 0);
-    plug("SECOND");
-    EXPECT_EQ(told(), (Told{"+8:0", "+8:1", "-8:1", "-8:0", "+8:0", "+8:1"}));
     walk();
+    sysfs_.remove_disk("sda");
+    plug("SECOND");
+    EXPECT_EQ(told(), (Told{"+8:0", "+8:1"}));
+    for (int turn = 0; turn < 100; turn++) { // nothing is delivered
+        pull();
+        plug("THIRD");
+    }
+    EXPECT_EQ(told(), (Told{"-8:1", "-8:0", "+8:0", "+8:1"}));
+    pull();
+    plug();
+    pull();
+    EXPECT_EQ(told(), (Told{"-8:1", "-8:0"}));
     EXPECT_EQ(told(), Told{});
 }
 
 TEST_F(AnnouncerTest, TakesADeviceBackThatAnotherOneReplaced)
 {
     plug("FIRST");
+    EXPECT_EQ(told(), (Told{"+8:0", "+8:1"}));
     sysfs_.remove_disk("sda");
     plug("SECOND"); // the remove events were lost
-    EXPECT_EQ(told(), (Told{"+8:0", "+8:1", "-8:0", "+8:0", "-8:1", "+8:1"}));
+    EXPECT_EQ(told(), (Told{"-8:1", "-8:0", "+8:0", "+8:1"}));
 }
 
 TEST_F(AnnouncerTest, FindsInAWalkWhatChanged)
@@ -212,6 +300,14 @@ TEST_F(AnnouncerTest, FindsInAWalkADeviceThatWasPulledAndPluggedAgain)
     EXPECT_EQ(told(), (Told{"-8:1", "-8:0", "+8:0", "+8:1"}));
 }
 
+TEST_F(AnnouncerTest, TakesADeviceBackWhoseEventSaysSoThoughItLooksTheSame)
+{
+    plug();
+    (void)told();
+    event(UEVENT_REMOVE, "sda1", 8, 1); // kernels that use the numbers of directories again
+    EXPECT_EQ(told(), (Told{"-8:1", "+8:1"}));
+}
+
 TEST_F(AnnouncerTest, FindsInAWalkADriveThatWasEmptied)
 {
     plug();
@@ -226,9 +322,14 @@ TEST_F(AnnouncerTest, TellsNothingOfADiskOfTheMachines)
 {
     sysfs_.set_mounts({"8:1 / /dev/root"});
     plug();
-    walk();
     EXPECT_EQ(told(), Told{});
     EXPECT_EQ(fake_log_texts().front(), "announcer(#)sda not announced: sda1 is mounted at /");
+    event(UEVENT_ADD, "sdx", 65, 112); // of others it is not told again
+    EXPECT_EQ(told(), Told{});
+    EXPECT_EQ(logged("sda not announced: sda1 is mounted at /"), 1);
+    sysfs_.set_mounts({"8:1 /home /dev/root"});
+    walk();
+    EXPECT_EQ(logged("sda not announced: sda1 is mounted at /home"), 1);
 }
 
 TEST_F(AnnouncerTest, TellsOfNewPartitionsOfADiskThatTheServiceHasMounted)
@@ -242,6 +343,66 @@ TEST_F(AnnouncerTest, TellsOfNewPartitionsOfADiskThatTheServiceHasMounted)
     walk();
     EXPECT_EQ(told(), Told{}); // nothing is taken back either
 }
+
+TEST_F(AnnouncerTest, TakesNothingBackThatTheMachineUsesByNow)
+{
+    plug();
+    (void)told();
+    sysfs_.set_swaps({"/dev/sda1"});
+    walk();
+    EXPECT_EQ(told(), Told{});
+    EXPECT_EQ(logged("sda1 not announced: used as swap"), 0);
+    pull();
+    EXPECT_EQ(told(), (Told{"-8:1", "-8:0"}));
+}
+
+// ---- delivery ----
+
+TEST_F(AnnouncerTest, HandsAMessageOutAgainThatWasNotDelivered)
+{
+    plug();
+    walk();
+    EXPECT_EQ(take(), "+8:0");
+    EXPECT_EQ(take(), "+8:0");
+    EXPECT_EQ(logged("sda (8:0) is announced"), 1);
+    EXPECT_EQ(told(), (Told{"+8:0", "+8:1"}));
+    pull();
+    EXPECT_EQ(take(), "-8:1");
+    EXPECT_EQ(take(), "-8:1");
+    EXPECT_EQ(told(), (Told{"-8:1", "-8:0"}));
+}
+
+TEST_F(AnnouncerTest, TakesBackWhatWentWhileItsMessageWasUnderWay)
+{
+    plug();
+    walk();
+    EXPECT_EQ(take(), "+8:0");
+    pull();
+    announcer_delivered(&announcer_, now_);
+    EXPECT_EQ(told(), (Told{"-8:1", "-8:0"})); // the one that was not told of is passed on
+}
+
+TEST_F(AnnouncerTest, TakesBackWhatWentAfterItsMessageMayHaveArrived)
+{
+    plug();
+    walk();
+    EXPECT_EQ(take(), "+8:0"); // and the connection was reset
+    pull();
+    EXPECT_EQ(told(), (Told{"-8:1", "-8:0"}));
+}
+
+TEST_F(AnnouncerTest, TellsOfWhatCameWhileTheRemoveWasUnderWay)
+{
+    plug();
+    (void)told();
+    pull();
+    EXPECT_EQ(take(), "-8:1");
+    plug();
+    announcer_delivered(&announcer_, now_);
+    EXPECT_EQ(told(), (Told{"-8:0", "+8:0", "+8:1"}));
+}
+
+// ---- media ----
 
 TEST_F(AnnouncerTest, TellsOfAChangedMedium)
 {
@@ -298,8 +459,9 @@ TEST_F(AnnouncerTest, KnowsRemoveEventsFromBeforeTheMediumWasRead)
     event(UEVENT_CHANGE, "sda", 8, 0, 100);
     EXPECT_EQ(told(), (Told{"-8:1", "-8:0", "+8:0", "+8:1"}));
     event(UEVENT_REMOVE, "sda1", 8, 1, 101);
-    event(UEVENT_ADD, "sda1", 8, 1, 102);
+    event(UEVENT_REMOVE, "sda1", 8, 1, 102); // the last one before it was read
     EXPECT_EQ(told(), Told{});
+    sysfs_.remove_partition("sda", "sda1");
     event(UEVENT_REMOVE, "sda1", 8, 1, 103); // a new one
     EXPECT_EQ(told(), Told{"-8:1"});
 }
@@ -315,15 +477,42 @@ TEST_F(AnnouncerTest, TellsOfNothingTwiceWhenThePartitionsOfAMediumGoForGood)
     EXPECT_EQ(told(), (Told{"-8:1", "-8:0", "+8:0"}));
 }
 
-TEST_F(AnnouncerTest, OpensTheDiskWhoseMediumChanged)
+TEST_F(AnnouncerTest, HasTheKernelReadTheDiskWhoseMediumChanged)
 {
-    // A pipe opens only when somebody else opens its other end: a file will do, its access time
-    // tells nothing here, so the failure's line stands for the attempt.
+    medium_.add_node("sda");
     plug();
     event(UEVENT_CHANGE, "sda", 8, 0);
-    const auto lines = fake_log_texts();
-    EXPECT_NE(std::find(lines.begin(), lines.end(), "medium(#)/dev/sda: No such file or directory"),
-              lines.end());
+    EXPECT_EQ(medium_.requests(), 1);
+}
+
+// A pipe opens only when somebody else opens its other end, or at once for who does not wait: it
+// stands for a drive that waits for its medium.
+TEST_F(AnnouncerTest, DoesNotWaitForAMediumToHaveItRead)
+{
+    ASSERT_EQ(mkfifo("/dev/sda", 0600), 0);
+    const ChildResult result = run_child([this] {
+        alarm(20);
+        event(UEVENT_CHANGE, "sda", 8, 0);
+        return medium_.requests();
+    });
+    EXPECT_EQ(result.status, 1);
+    unlink("/dev/sda");
+}
+
+TEST_F(AnnouncerTest, OpensAnEmptyDriveSoThatTheKernelLooks)
+{
+    ASSERT_EQ(mkfifo("/dev/sda", 0600), 0);
+    const pid_t other_end = fork();
+    if (other_end == 0)
+        _exit(open("/dev/sda", O_WRONLY) >= 0 ? 0 : 1); // returns when the drive is opened
+    sysfs_.add_stick("sda", "8:0", {}, {{"size", "0"}});
+    walk();
+    EXPECT_EQ(told(), Told{});
+    int status = -1;
+    EXPECT_EQ(waitpid(other_end, &status, 0), other_end);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(logged("sda not announced: no medium"), 1);
+    unlink("/dev/sda");
 }
 
 TEST_F(AnnouncerTest, TellsOfAMediumThatWasChangedInUseOnceTheKernelHasReadIt)
@@ -336,16 +525,95 @@ TEST_F(AnnouncerTest, TellsOfAMediumThatWasChangedInUseOnceTheKernelHasReadIt)
     EXPECT_EQ(told(), (Told{"-8:1", "-8:0"}));
     walk();
     event(UEVENT_ADD, "sda1", 8, 1);
-    announcer_advance(&announcer_, announcer_.changed.due - 1);
-    announcer_advance(&announcer_, announcer_.changed.due);
+    advance(due() - 1);
+    EXPECT_EQ(medium_.requests(), 1);
+    advance(due());
     EXPECT_EQ(told(), Told{});
     EXPECT_EQ(medium_.requests(), 2);
     end_use();
     EXPECT_EQ(told(), (Told{"+8:0", "+8:2"}));
     walk();
     EXPECT_EQ(told(), Told{});
-    announcer_advance(&announcer_, announcer_.changed.due);
+    advance(now_ + 60000);
     EXPECT_EQ(medium_.requests(), 3);
+}
+
+TEST_F(AnnouncerTest, AsksForAMediumInUseAfterPausesThatGrow)
+{
+    plug();
+    (void)told();
+    change_in_use();
+    EXPECT_EQ(told(), (Told{"-8:1", "-8:0"}));
+    advance(now_ + agent_look_first); // the looks for mounts
+    event(UEVENT_CHANGE, "sda", 8, 0);
+    for (const uint32_t pause : {250U, 500U, 1000U, 2000U, 2000U}) {
+        const int requests = medium_.requests();
+        EXPECT_EQ(due(), now_ + pause);
+        advance(now_ + pause - 1);
+        EXPECT_EQ(medium_.requests(), requests);
+        advance(now_ + 1);
+        EXPECT_EQ(medium_.requests(), requests + 1);
+    }
+    event(UEVENT_CHANGE, "sda", 8, 0); // changed once more
+    EXPECT_EQ(due(), now_ + 250);
+}
+
+TEST_F(AnnouncerTest, BelievesSysfsWhereTheKernelCannotBeAsked)
+{
+    plug();
+    (void)told();
+    event(UEVENT_CHANGE, "sda", 8, 0); // no node
+    EXPECT_EQ(told(), (Told{"-8:1", "-8:0", "+8:0", "+8:1"}));
+    medium_.add_node("sda");
+    for (const int error : {EACCES, EINVAL, EIO, ENOTTY}) {
+        medium_.answer(error);
+        event(UEVENT_CHANGE, "sda", 8, 0);
+        EXPECT_EQ(told(), (Told{"-8:1", "-8:0", "+8:0", "+8:1"})) << error;
+    }
+}
+
+TEST_F(AnnouncerTest, KeepsNoMoreMediaInUseThanFit)
+{
+    medium_.answer(EBUSY);
+    Told all;
+    for (uint32_t i = 0; i <= agent_changed_limit; i++) {
+        const std::string name = std::string("sd") + static_cast<char>('a' + i);
+        sysfs_.add_stick(name, "8:" + std::to_string(i));
+        medium_.add_node(name);
+        event(UEVENT_CHANGE, name, 8, static_cast<int>(i));
+        all.push_back("+8:" + std::to_string(i));
+    }
+    EXPECT_EQ(told(), Told{all.back()}); // is believed
+    all.pop_back();
+    medium_.answer(0);
+    advance(due());
+    EXPECT_EQ(told(), all);
+}
+
+TEST_F(AnnouncerTest, ForgetsAMediumInUseOfADriveThatHasGone)
+{
+    medium_.answer(EBUSY);
+    for (const char* name : {"sda", "sdb", "sdc"}) {
+        const int minor = (name[2] - 'a') * 16;
+        sysfs_.add_stick(name, "8:" + std::to_string(minor));
+        sysfs_.add_partition(name, std::string(name) + "1", "8:" + std::to_string(minor + 1));
+        medium_.add_node(name);
+        event(UEVENT_CHANGE, name, 8, minor);
+    }
+    sysfs_.remove_disk("sda");
+    event(UEVENT_REMOVE, "sda", 8, 0);
+    event(UEVENT_REMOVE, "sdd", 8, 48);  // never kept
+    event(UEVENT_REMOVE, "sdb1", 8, 17); // not the drive
+    EXPECT_EQ(told(), (Told{"-8:17", "-8:0", "-8:48"}));
+    sysfs_.add_stick("sda", "8:0"); // another drive
+    event(UEVENT_ADD, "sda", 8, 0);
+    EXPECT_EQ(told(), Told{"+8:0"});
+    medium_.answer(0);
+    event(UEVENT_CHANGE, "sdb", 8, 16); // another medium yet, not in use
+    EXPECT_EQ(told(), (Told{"+8:16", "+8:17"}));
+    advance(due());
+    EXPECT_EQ(told(), (Told{"+8:32", "+8:33"}));
+    EXPECT_EQ(due(), agent_never);
 }
 
 TEST_F(AnnouncerTest, KnowsTheEventsOfPartitionsThatItHadRead)
@@ -353,23 +621,11 @@ TEST_F(AnnouncerTest, KnowsTheEventsOfPartitionsThatItHadRead)
     plug();
     (void)told();
     change_in_use();
+    EXPECT_EQ(told(), (Told{"-8:1", "-8:0"}));
     sysfs_.set_event_count(102);
     end_use();
     event(UEVENT_REMOVE, "sda1", 8, 1, 101);
     event(UEVENT_ADD, "sda2", 8, 2, 102);
-    EXPECT_EQ(told(), (Told{"-8:1", "-8:0", "+8:0", "+8:2"}));
-}
-
-TEST_F(AnnouncerTest, LeavesAMediumThatWasChangedInUseToAWalkThatIsDue)
-{
-    plug();
-    (void)told();
-    change_in_use();
-    announcer_forget(&announcer_); // the daemon has gone
-    announcer_.walk_due = true;
-    end_use();
-    EXPECT_EQ(told(), Told{});
-    walk();
     EXPECT_EQ(told(), (Told{"+8:0", "+8:2"}));
 }
 
@@ -378,8 +634,7 @@ TEST_F(AnnouncerTest, TellsANewDaemonNothingOfAMediumThatWasChangedInUse)
     plug();
     (void)told();
     change_in_use();
-    announcer_forget(&announcer_);
-    walk();
+    announcer_forget(&announcer_); // the daemon has gone
     EXPECT_EQ(told(), Told{});
     end_use();
     EXPECT_EQ(told(), (Told{"+8:0", "+8:2"}));
@@ -390,11 +645,11 @@ TEST_F(AnnouncerTest, AsksForNoMediumOfADriveThatHasGone)
     plug();
     (void)told();
     change_in_use();
-    EXPECT_GE(announcer_timeout(&announcer_, courier_now()), 0);
+    EXPECT_NE(due(), agent_never);
     pull();
     EXPECT_EQ(told(), (Told{"-8:1", "-8:0"}));
-    announcer_advance(&announcer_, courier_now() + agent_check_first); // nothing is mounted
-    EXPECT_EQ(announcer_timeout(&announcer_, courier_now()), -1);
+    advance(now_ + agent_look_first); // nothing is mounted
+    EXPECT_EQ(due(), agent_never);
     plug("OTHER");
     EXPECT_EQ(told(), (Told{"+8:0", "+8:1"}));
     EXPECT_EQ(medium_.requests(), 1);
@@ -408,10 +663,13 @@ TEST_F(AnnouncerTest, DoesNothingForOtherChanges)
     change.action = UEVENT_CHANGE;
     ASSERT_TRUE(block_name_parse("sda", &change.name));
     change.major = 8;
-    announcer_event(&announcer_, change); // another kind of change
-    event(UEVENT_CHANGE, "sda1", 8, 1);   // a partition has no medium
+    announcer_event(&announcer_, change, now_); // another kind of change
+    event(UEVENT_CHANGE, "sda1", 8, 1);         // a partition has no medium
+    EXPECT_EQ(due(true), agent_never);
     EXPECT_EQ(told(), Told{});
 }
+
+// ---- what went, and is still mounted ----
 
 TEST_F(AnnouncerTest, TakesBackAgainWhatIsStillMounted)
 {
@@ -419,36 +677,36 @@ TEST_F(AnnouncerTest, TakesBackAgainWhatIsStillMounted)
     (void)told();
     pull();
     EXPECT_EQ(told(), (Told{"-8:1", "-8:0"}));
-    sysfs_.set_mounts({"8:1 /media/vyhotplug/sda1 /dev/vyhotplug/sda1"});
-    EXPECT_GT(announcer_timeout(&announcer_, courier_now()), 0);
-    announcer_advance(&announcer_, announcer_.check_due - 1);
+    mount();
+    EXPECT_EQ(due(), now_ + agent_look_first);
+    advance(due() - 1);
     EXPECT_EQ(told(), Told{});
-    announcer_advance(&announcer_, announcer_.check_due + 1000); // of the disk too
+    advance(due()); // of the disk too
+    EXPECT_EQ(logged("sda1 (8:1) is still mounted"), 1);
+    EXPECT_EQ(logged("sda1 (8:1) has gone"), 2);
     EXPECT_EQ(told(), Told{"-8:1"});
     sysfs_.set_mounts({});
-    EXPECT_GT(announcer_timeout(&announcer_, courier_now()), 0);
-    announcer_advance(&announcer_, announcer_.check_due);
+    advance(due());
     EXPECT_EQ(told(), Told{});
-    EXPECT_EQ(announcer_timeout(&announcer_, courier_now()), -1);
+    EXPECT_EQ(due(), agent_never);
 }
 
 TEST_F(AnnouncerTest, TakesWhatStaysMountedBackSoOftenAndNoMore)
 {
-    plug();
-    (void)told();
-    pull();
-    sysfs_.set_mounts({"8:1 /media/vyhotplug/sda1 /dev/vyhotplug/sda1"});
-    for (int looks = 0; looks < agent_checks; looks++) {
-        const uint64_t before = courier_now();
-        EXPECT_EQ(told().front(), "-8:1") << looks;
-        const Announced* entry = announced_find_state(&announcer_.table, 8, 1, ANNOUNCED_GONE);
-        ASSERT_NE(entry, nullptr);
-        EXPECT_GE(entry->due, before + (uint64_t{agent_check_first} << looks));
-        EXPECT_LE(entry->due, courier_now() + (uint64_t{agent_check_first} << looks));
-        announcer_advance(&announcer_, entry->due);
+    for (int turn = 0; turn < 2; turn++) { // a device that was announced anew has as many
+        sysfs_.set_mounts({});
+        plug();
+        (void)told();
+        pull();
+        mount();
+        EXPECT_EQ(told(), (Told{"-8:1", "-8:0"}));
+        for (int looks = 0; looks < agent_looks; looks++) {
+            EXPECT_EQ(due(), now_ + (uint64_t{agent_look_first} << looks)) << looks;
+            advance(due());
+            EXPECT_EQ(told(), Told{"-8:1"}) << looks;
+        }
+        EXPECT_EQ(due(), agent_never);
     }
-    EXPECT_EQ(told(), Told{"-8:1"});
-    EXPECT_EQ(announcer_timeout(&announcer_, courier_now()), -1);
 }
 
 TEST_F(AnnouncerTest, TakesNothingBackThatIsMountedElsewhereOrWasNeverAnnounced)
@@ -457,40 +715,27 @@ TEST_F(AnnouncerTest, TakesNothingBackThatIsMountedElsewhereOrWasNeverAnnounced)
     (void)told();
     pull();
     event(UEVENT_REMOVE, "sdb1", 8, 17);
-    EXPECT_EQ(told(), (Told{"-8:1", "-8:0", "-8:17"}));
+    EXPECT_EQ(told(), (Told{"-8:1", "-8:17", "-8:0"}));
     sysfs_.set_mounts({"8:1 /mnt /dev/sda1", "8:0 /media/vyhotplug /dev/sda",
                        "8:17 /media/vyhotplug/sdb1 /dev/sdb1", "9:1 /media/vyhotplug/sda1 /dev/x",
                        "8:2 /media/vyhotplug/sda2 /dev/x"});
-    announcer_advance(&announcer_, courier_now() + agent_check_first);
+    advance(due());
     EXPECT_EQ(told(), Told{});
-    EXPECT_EQ(announcer_timeout(&announcer_, courier_now()), -1);
+    EXPECT_EQ(due(), agent_never);
 }
 
 TEST_F(AnnouncerTest, TakesNothingBackThatHasBeenAnnouncedAgain)
 {
     plug();
     (void)told();
-    for (int turn = 0; turn < 2; turn++) { // before anything is delivered
-        pull();
-        plug();
-    }
-    EXPECT_EQ(told(), (Told{"-8:1", "-8:0", "+8:0", "+8:1", "-8:1", "-8:0", "+8:0", "+8:1"}));
-    sysfs_.set_mounts({"8:1 /media/vyhotplug/sda1 /dev/vyhotplug/sda1"});
-    announcer_advance(&announcer_, courier_now() + agent_check_first);
-    EXPECT_EQ(told(), Told{});
-}
-
-TEST_F(AnnouncerTest, TakesNumbersBackOnceHoweverOftenTheyWent)
-{
-    plug();
+    pull();
     (void)told();
-    pull();
     plug();
-    pull();
-    EXPECT_EQ(told(), (Told{"-8:1", "-8:0", "+8:0", "+8:1", "-8:1", "-8:0"}));
-    sysfs_.set_mounts({"8:1 /media/vyhotplug/sda1 /dev/vyhotplug/sda1"});
-    announcer_advance(&announcer_, courier_now() + agent_check_first);
-    EXPECT_EQ(told(), Told{"-8:1"});
+    EXPECT_EQ(told(), (Told{"+8:0", "+8:1"}));
+    mount();
+    advance(now_ + agent_look_first);
+    EXPECT_EQ(told(), Told{});
+    EXPECT_EQ(due(), agent_never);
 }
 
 TEST_F(AnnouncerTest, LooksLaterWhenTheMountsCannotBeRead)
@@ -500,33 +745,12 @@ TEST_F(AnnouncerTest, LooksLaterWhenTheMountsCannotBeRead)
     pull();
     (void)told();
     unlink("/tmp/fake-proc/self/mountinfo");
-    announcer_advance(&announcer_, courier_now() + agent_check_first);
+    advance(due());
     EXPECT_EQ(told(), Told{});
-    EXPECT_GT(announcer_timeout(&announcer_, courier_now()), static_cast<int>(agent_check_first));
-    sysfs_.set_mounts({"8:1 /media/vyhotplug/sda1 /dev/vyhotplug/sda1"});
-    announcer_advance(&announcer_, courier_now() + 2 * agent_check_first);
+    EXPECT_EQ(due(), now_ + uint64_t{agent_look_first} * 2);
+    mount();
+    advance(due());
     EXPECT_EQ(told(), Told{"-8:1"});
-}
-
-TEST_F(AnnouncerTest, LosesNoLookWhereverMemoryRunsOut)
-{
-    for (int nth = 1;; nth++) {
-        sysfs_.set_mounts({});
-        plug();
-        (void)told();
-        pull();
-        (void)told();
-        sysfs_.set_mounts({"8:1 /media/vyhotplug/sda1 /dev/vyhotplug/sda1"});
-        memory_fail(nth);
-        announcer_advance(&announcer_, courier_now() + agent_check_first);
-        const bool failed = memory_failed();
-        walk(); // one may be due
-        announcer_advance(&announcer_, courier_now() + 2 * agent_check_first);
-        EXPECT_EQ(told(), Told{"-8:1"}) << nth;
-        if (!failed)
-            break;
-        ASSERT_LT(nth, 100);
-    }
 }
 
 TEST_F(AnnouncerTest, LooksForNoMountOfAnotherDaemons)
@@ -536,90 +760,25 @@ TEST_F(AnnouncerTest, LooksForNoMountOfAnotherDaemons)
     pull();
     (void)told();
     announcer_forget(&announcer_);
-    EXPECT_EQ(announcer_timeout(&announcer_, courier_now()), -1);
-    sysfs_.set_mounts({"8:1 /media/vyhotplug/sda1 /dev/vyhotplug/sda1"});
-    announcer_advance(&announcer_, courier_now() + agent_check_first);
+    EXPECT_EQ(due(), agent_never);
+    mount();
+    advance(now_ + agent_look_first);
     EXPECT_EQ(told(), Told{});
 }
 
 TEST_F(AnnouncerTest, ForgetsWhatTheDaemonKnew)
 {
     plug();
+    walk();
     announcer_forget(&announcer_);
-    EXPECT_EQ(told(), Told{});
-    walk();
+    EXPECT_FALSE(announcer_has_message(&announcer_));
     EXPECT_EQ(told(), (Told{"+8:0", "+8:1"}));
+    announcer_forget(&announcer_);
+    pull();
+    EXPECT_EQ(told(), (Told{"-8:1", "-8:0"})); // as of any that is unknown
 }
 
-TEST_F(AnnouncerTest, TellsOfEverythingAfterItsQueueOverflowed)
-{
-    plug();
-    sysfs_.add_stick("sdb", "8:16");
-    walk();
-    EXPECT_EQ(told(), (Told{"+8:0", "+8:1", "+8:16"}));
-    sysfs_.remove_partition("sda", "sda1"); // nothing is delivered from here on
-    event(UEVENT_REMOVE, "sda1", 8, 1);
-    sysfs_.add_partition("sda", "sda1", "8:1");
-    event(UEVENT_ADD, "sda1", 8, 1);
-    while (courier_.queue.count < agent_queue_limit)
-        event(UEVENT_REMOVE, "sdc1", 8, static_cast<int>(1000 + courier_.queue.count));
-    EXPECT_FALSE(announcer_.walk_due);
-    sysfs_.remove_disk("sdb");
-    event(UEVENT_REMOVE, "sdb", 8, 16); // one too many
-    EXPECT_TRUE(announcer_.walk_due);
-    EXPECT_TRUE(courier_.visit);
-    EXPECT_EQ(courier_.queue.count, 0U);
-    walk();
-    EXPECT_FALSE(announcer_.walk_due);
-    EXPECT_EQ(told(), (Told{"-8:1", "-8:16", "+8:1"})); // sda is as it was
-    walk();
-    EXPECT_EQ(told(), Told{});
-}
-
-TEST_F(AnnouncerTest, TellsOfADeviceThatCameAndWentMoreOftenThanTheTableHolds)
-{
-    plug();
-    EXPECT_EQ(told(), (Told{"+8:0", "+8:1"}));
-    for (uint32_t i = 0; i <= agent_table_limit; i++) { // nothing is delivered
-        sysfs_.remove_partition("sda", "sda1");
-        event(UEVENT_REMOVE, "sda1", 8, 1);
-        sysfs_.add_partition("sda", "sda1", "8:1");
-        event(UEVENT_ADD, "sda1", 8, 1);
-    }
-    EXPECT_TRUE(announcer_.walk_due);
-    walk();
-    const Told all = told();
-    EXPECT_EQ(all.front(), "-8:1");
-    EXPECT_EQ(all.back(), "+8:1");
-    EXPECT_LT(all.size(), 8U);
-    walk();
-    EXPECT_EQ(told(), Told{});
-}
-
-TEST_F(AnnouncerTest, MakesALostRemoveGoodBeforeTheNextAdd)
-{
-    plug();
-    (void)told();
-    sysfs_.remove_partition("sda", "sda1");
-    event(UEVENT_REMOVE, "sda1", 8, 1);
-    for (uint32_t i = 0; courier_.queue.count != 0; i++)
-        event(UEVENT_REMOVE, "sdb1", 8, static_cast<int>(100 + i)); // until it overflows
-    sysfs_.add_partition("sda", "sda1", "8:1");
-    event(UEVENT_ADD, "sda1", 8, 1); // before the walk is made
-    EXPECT_EQ(told(), (Told{"-8:1", "+8:1"}));
-}
-
-TEST_F(AnnouncerTest, KeepsTheMessageUnderWayWhenItsQueueOverflows)
-{
-    plug();
-    courier_.under_way = true;
-    for (uint32_t i = 0; courier_.queue.count > 1; i++)
-        event(UEVENT_REMOVE, "sdb1", 8, static_cast<int>(100 + i));
-    courier_.under_way = false;
-    EXPECT_EQ(told(), Told{"+8:0"});
-    walk();
-    EXPECT_EQ(told().back(), "+8:1");
-}
+// ---- many ----
 
 TEST_F(AnnouncerTest, TellsOfNoMoreDevicesThanFit)
 {
@@ -629,6 +788,7 @@ TEST_F(AnnouncerTest, TellsOfNoMoreDevicesThanFit)
     walk();
     EXPECT_EQ(told().size(), agent_table_limit);
     EXPECT_EQ(fake_log_texts().back(), "announcer(#)sda512 not announced: more than 512 devices");
+    EXPECT_EQ(told(), Told{});
 }
 
 TEST_F(AnnouncerTest, TellsOfADeviceOnceOthersHaveMadeRoom)
@@ -639,37 +799,62 @@ TEST_F(AnnouncerTest, TellsOfADeviceOnceOthersHaveMadeRoom)
     walk();
     EXPECT_EQ(told().size(), agent_table_limit);
     sysfs_.remove_partition("sda", "sda7");
-    event(UEVENT_REMOVE, "sda7", 8, 7); // waits
+    event(UEVENT_REMOVE, "sda7", 8, 7);
     sysfs_.add_stick("sdz", "65:144");
     event(UEVENT_ADD, "sdz", 65, 144);
-    EXPECT_TRUE(announcer_.walk_due);
-    EXPECT_EQ(told(), Told{"-8:7"});
-    walk();
-    EXPECT_EQ(told(), Told{"+65:144"});
-    EXPECT_FALSE(announcer_.walk_due);
+    EXPECT_EQ(told(), (Told{"-8:7", "+65:144"}));
 }
+
+TEST_F(AnnouncerTest, PassesRemovesOnOfAnyNumberOfDevices)
+{
+    for (uint32_t i = 0; i < 2 * agent_table_limit; i++) {
+        event(UEVENT_REMOVE, "sdb1", 8, static_cast<int>(1000 + i));
+        EXPECT_EQ(told(), Told{"-8:" + std::to_string(1000 + i)});
+    }
+    plug(); // has a place still
+    EXPECT_EQ(told(), (Told{"+8:0", "+8:1"}));
+}
+
+// ---- trouble ----
 
 TEST_F(AnnouncerTest, LooksAgainWhenSysfsCannotBeRead)
 {
     plug();
     (void)told();
-    announcer_.view.sysfs = "/tmp/nothing";
+    settings_.sysfs = "/tmp/nothing";
     walk();
-    EXPECT_EQ(told(), Told{}); // nothing is taken back
-    EXPECT_TRUE(announcer_.walk_due);
-    EXPECT_TRUE(courier_.visit);
-    EXPECT_GT(courier_timeout(&courier_, courier_now()), 0); // a little later
-    walk();
+    EXPECT_EQ(told(), Told{});        // nothing is taken back
+    EXPECT_EQ(due(true), now_ + 250); // a little later
+    EXPECT_EQ(due(false), agent_never);
+    now_ += 249;
+    EXPECT_EQ(told(), Told{});
+    EXPECT_EQ(due(true), now_ + 1);
+    now_++;
+    EXPECT_EQ(told(), Told{});
+    EXPECT_EQ(due(true), now_ + 500);
     int errors = 0;
     for (const FakeLogLine& line : fake_log_lines())
         errors += line.priority == LOG_ERR ? 1 : 0;
     EXPECT_EQ(errors, 1); // told once
-    announcer_.view.sysfs = FakeSysfs::root;
+    EXPECT_EQ(logged(std::string("/tmp/nothing/block: ") + strerror(ENOENT)), 1);
+    settings_.sysfs = FakeSysfs::root;
     sysfs_.remove_disk("sda");
     walk();
     EXPECT_EQ(told(), (Told{"-8:1", "-8:0"}));
-    EXPECT_FALSE(announcer_.walk_due);
-    EXPECT_FALSE(announcer_.in_trouble);
+    EXPECT_EQ(due(true), now_ + agent_look_first); // for the mounts only
+    settings_.sysfs = "/tmp/nothing";
+    walk();
+    EXPECT_EQ(logged(std::string("/tmp/nothing/block: ") + strerror(ENOENT)), 2);
+}
+
+TEST_F(AnnouncerTest, LooksAtOnceForAnEventWhileItIsInTrouble)
+{
+    settings_.sysfs = "/tmp/nothing";
+    walk();
+    settings_.sysfs = FakeSysfs::root;
+    EXPECT_GT(due(true), now_);
+    plug();
+    EXPECT_EQ(told(), (Told{"+8:0", "+8:1"}));
 }
 
 TEST_F(AnnouncerTest, LooksAgainWhenTheMountsCannotBeRead)
@@ -677,37 +862,44 @@ TEST_F(AnnouncerTest, LooksAgainWhenTheMountsCannotBeRead)
     unlink("/tmp/fake-proc/self/mountinfo");
     plug();
     EXPECT_EQ(told(), Told{});
-    EXPECT_TRUE(announcer_.walk_due);
+    EXPECT_EQ(due(true), now_ + 250);
     sysfs_.set_mounts({});
-    walk();
+    now_ = due(true);
     EXPECT_EQ(told(), (Told{"+8:0", "+8:1"}));
-    EXPECT_FALSE(announcer_.walk_due);
+    EXPECT_EQ(due(true), agent_never);
 }
 
-TEST_F(AnnouncerTest, LooksAgainWhereverMemoryRunsOut)
+TEST_F(AnnouncerTest, TellsOfTheOthersWhileOneDeviceCannotBeLookedAt)
 {
-    for (int nth = 1;; nth++) {
-        sysfs_.add_stick("sda", "8:0");
-        sysfs_.add_partition("sda", "sda1", "8:1");
-        memory_fail(nth);
-        event(UEVENT_ADD, "sda", 8, 0);
-        event(UEVENT_ADD, "sda1", 8, 1);
-        const bool failed = memory_failed();
-        Told all = told();
-        EXPECT_EQ(announcer_.walk_due, failed) << nth;
+    plug();
+    sysfs_.add_stick("sdb", "8:16");
+    const std::string file = std::string(FakeSysfs::root) + "/block/sdb/removable";
+    ASSERT_EQ(unlink(file.c_str()), 0);
+    ASSERT_EQ(symlink("removable", file.c_str()), 0);
+    EXPECT_EQ(told(), (Told{"+8:0", "+8:1"}));
+    EXPECT_EQ(logged(std::string("sdb not announced: /tmp/fake-sysfs: ") + strerror(ELOOP)), 1);
+    now_ = due(true);
+    EXPECT_EQ(told(), Told{});
+    EXPECT_EQ(logged(std::string("sdb not announced: /tmp/fake-sysfs: ") + strerror(ELOOP)), 1);
+    ASSERT_EQ(unlink(file.c_str()), 0);
+    now_ = due(true);
+    EXPECT_EQ(told(), Told{"+8:16"});
+}
+
+TEST_F(AnnouncerTest, TakesNothingBackThatCannotBeLookedAt)
+{
+    plug();
+    (void)told();
+    const std::string disk = std::string(FakeSysfs::root) + "/block/sda";
+    for (const std::string& file :
+         {disk + "/removable", disk + "/dev", sysfs_.usb("sda") + "/serial"}) {
+        const std::string content = read_file(file);
+        ASSERT_EQ(unlink(file.c_str()), 0);
+        ASSERT_EQ(symlink(file.c_str(), file.c_str()), 0); // leads nowhere
         walk();
-        for (const std::string& text : told())
-            all.push_back(text);
-        std::sort(all.begin(), all.end());
-        EXPECT_EQ(all, (Told{"+8:0", "+8:1"})) << nth;
-        EXPECT_FALSE(announcer_.walk_due) << nth;
-        sysfs_.remove_disk("sda");
-        event(UEVENT_REMOVE, "sda1", 8, 1);
-        event(UEVENT_REMOVE, "sda", 8, 0);
-        (void)told();
-        if (!failed)
-            break;
-        ASSERT_LT(nth, 100);
+        EXPECT_EQ(told(), Told{}) << file;
+        ASSERT_EQ(unlink(file.c_str()), 0);
+        write_file(file, content);
     }
 }
 
@@ -728,8 +920,8 @@ static Told carry_out(const Told& told)
     return has;
 }
 
-// Makes a change, memory running out once in it, and a walk. Whatever was lost, the daemon has in
-// the end what is plugged.
+// Makes a change, memory running out once in what follows, and walks until none is due. Whatever
+// failed, the daemon has in the end what is plugged.
 TEST_F(AnnouncerTest, TellsEverythingInTheEndWhereverMemoryRanOut)
 {
     const std::function<void()> changes[] = {
@@ -740,38 +932,33 @@ TEST_F(AnnouncerTest, TellsEverythingInTheEndWhereverMemoryRanOut)
             event(UEVENT_ADD, "sda1", 8, 1); // the remove event was lost
         },
         [this] {
-            sysfs_.remove_disk("sda");
-            event(UEVENT_REMOVE, "sda1", 8, 1);
-            event(UEVENT_REMOVE, "sda", 8, 0);
-            sysfs_.add_stick("sda", "8:0", {{"serial", "OTHER"}});
-            sysfs_.add_partition("sda", "sda1", "8:1");
-            event(UEVENT_ADD, "sda", 8, 0);
-            event(UEVENT_ADD, "sda1", 8, 1);
+            pull();
+            plug("OTHER");
         },
         [this] {
             sysfs_.remove_disk("sda");
             sysfs_.add_stick("sda", "8:0", {{"serial", "OTHER"}});
             sysfs_.add_partition("sda", "sda1", "8:1");
-            walk();
+            announcer_ask_for_walk(&announcer_);
         },
     };
     plug();
     for (const auto& change : changes) {
         for (int nth = 1;; nth++) {
             announcer_forget(&announcer_);
-            walk();
             Told all = told();
-            memory_fail(nth);
             change();
-            const bool failed = memory_failed();
-            for (int i = 0; i < 2; i++) {
-                for (const std::string& text : told())
-                    all.push_back(text);
-                walk();
+            memory_fail(nth);
+            bool failed = false;
+            for (int i = 0; i < 3; i++) {
+                const Told more = told();
+                all.insert(all.end(), more.begin(), more.end());
+                failed = memory_failed() || failed;
+                now_ += agent_retry_most;
             }
             EXPECT_EQ(carry_out(all), (Told{"8:0", "8:1"})) << nth;
             EXPECT_GE(all.size(), 4U) << nth; // it was told of the change
-            EXPECT_FALSE(announcer_.walk_due) << nth;
+            EXPECT_GT(due(true), now_) << nth;
             if (!failed)
                 break;
             ASSERT_LT(nth, 200);
@@ -784,17 +971,32 @@ TEST_F(AnnouncerTest, LosesNoRemoveWhenMemoryRunsOut)
     for (int nth = 1;; nth++) {
         plug();
         (void)told();
-        sysfs_.remove_disk("sda");
+        pull();
         memory_fail(nth);
-        event(UEVENT_REMOVE, "sda1", 8, 1);
-        event(UEVENT_REMOVE, "sda", 8, 0);
+        EXPECT_EQ(told(), (Told{"-8:1", "-8:0"})) << nth; // needs none
+        if (!memory_failed())
+            break;
+        now_ += agent_retry_most;
+        EXPECT_EQ(told(), Told{});
+        ASSERT_LT(nth, 100);
+    }
+}
+
+TEST_F(AnnouncerTest, LosesNoLookWhereverMemoryRunsOut)
+{
+    for (int nth = 1;; nth++) {
+        sysfs_.set_mounts({});
+        plug();
+        (void)told();
+        pull();
+        (void)told();
+        mount();
+        memory_fail(nth);
+        advance(now_ + agent_look_first);
         const bool failed = memory_failed();
-        Told all = told();
-        walk();
-        for (const std::string& text : told())
-            all.push_back(text);
-        std::sort(all.begin(), all.end());
-        EXPECT_EQ(all, (Told{"-8:0", "-8:1"})) << nth;
+        EXPECT_EQ(told().empty(), failed) << nth;
+        advance(now_ + 2 * agent_look_first);
+        EXPECT_EQ(told(), Told{"-8:1"}) << nth;
         if (!failed)
             break;
         ASSERT_LT(nth, 100);
@@ -804,9 +1006,15 @@ TEST_F(AnnouncerTest, LosesNoRemoveWhenMemoryRunsOut)
 TEST_F(AnnouncerTest, LeavesNoMemoryBehind)
 {
     const long before = memory_blocks();
-    plug();
-    walk();
-    EXPECT_EQ(memory_blocks(), before + 2); // the two messages
-    announcer_forget(&announcer_);
+    {
+        Announcer announcer;
+        announcer.settings = &settings_;
+        sysfs_.add_stick("sda", "8:0");
+        for (int i = 0; i < 3; i++) {
+            announcer_ask_for_walk(&announcer);
+            announcer_advance(&announcer, true, now_);
+        }
+        EXPECT_EQ(memory_blocks(), before + 1); // what the last walk found
+    }
     EXPECT_EQ(memory_blocks(), before);
 }

@@ -1,6 +1,7 @@
 #include "agent/block_device.h"
 
 #include "fake_sysfs.h"
+#include "support/files.h"
 
 #include <errno.h>
 #include <gtest/gtest.h>
@@ -14,26 +15,37 @@ static BlockName name_of(const std::string& text)
     return name;
 }
 
-static BlockDevice device_of(const std::string& name)
-{
-    BlockDevice device;
-    EXPECT_EQ(block_device_read(FakeSysfs::root, name_of(name), &device), 0) << name;
-    return device;
-}
-
 static std::vector<std::string> names_of(const BlockList& list)
 {
     std::vector<std::string> names;
-    for (uint32_t i = 0; i < list.count; i++) {
-        char text[block_name_size];
-        block_name_format(list.names[i], text);
-        names.push_back(text);
-    }
+    for (const BlockDevice& device : list)
+        names.push_back(device.name.text);
     return names;
 }
 
 class BlockDeviceTest : public testing::Test {
   protected:
+    // Reads everything anew.
+    const BlockList& list()
+    {
+        list_.count = 0;
+        list_.devices.reset(nullptr);
+        EXPECT_EQ(block_list_read(FakeSysfs::root, &list_), 0);
+        return list_;
+    }
+
+    bool is_there(const std::string& name)
+    {
+        return block_list_find(list(), name_of(name)) != nullptr;
+    }
+
+    BlockDevice device_of(const std::string& name)
+    {
+        const BlockDevice* device = block_list_find(list(), name_of(name));
+        EXPECT_NE(device, nullptr) << name;
+        return device != nullptr ? *device : BlockDevice{};
+    }
+
     FakeSysfs sysfs_;
     BlockList list_;
 };
@@ -46,9 +58,9 @@ TEST_F(BlockDeviceTest, ReadsAStick)
     const BlockDevice device = device_of("sda1");
     EXPECT_EQ(device.major, 8);
     EXPECT_EQ(device.minor, 1);
-    EXPECT_EQ(device.range, 16);
-    EXPECT_EQ(device.removable, 1);
-    EXPECT_EQ(device.readonly, 1); // the partition's
+    EXPECT_STREQ(device.range, "16");
+    EXPECT_STREQ(device.removable, "1");
+    EXPECT_STREQ(device.readonly, "1"); // the partition's
     EXPECT_FALSE(device.empty);
     EXPECT_STREQ(device.vid, "1234");
     EXPECT_STREQ(device.pid, "00ab");
@@ -56,7 +68,8 @@ TEST_F(BlockDeviceTest, ReadsAStick)
     EXPECT_STREQ(device.vname, "Acme");
     EXPECT_STREQ(device.pname, "FlashKey");
     EXPECT_STREQ(device.speed, "480");
-    EXPECT_EQ(device_of("sda").readonly, 0);
+    EXPECT_STREQ(device_of("sda").readonly, "0");
+    EXPECT_EQ(device.failure, 0);
 }
 
 TEST_F(BlockDeviceTest, TakesTheDisksOwnNamesWhereTheUsbDeviceHasNone)
@@ -94,8 +107,8 @@ TEST_F(BlockDeviceTest, ReadsACard)
     const BlockDevice device = device_of("mmcblk0p1");
     EXPECT_EQ(device.major, 179);
     EXPECT_EQ(device.minor, 1);
-    EXPECT_EQ(device.range, 8);
-    EXPECT_EQ(device.removable, 0);
+    EXPECT_STREQ(device.range, "8");
+    EXPECT_STREQ(device.removable, "0");
     EXPECT_STREQ(device.serial, "0x1f2e3d4c");
     EXPECT_STREQ(device.pname, "SD32G");
     EXPECT_STREQ(device.vname, "");
@@ -112,19 +125,14 @@ TEST_F(BlockDeviceTest, SeesAnEmptyDrive)
     EXPECT_FALSE(device_of("sda").empty);
 }
 
-TEST_F(BlockDeviceTest, TakesWhatIsMissingOrNoNumberAsUnknown)
+TEST_F(BlockDeviceTest, TakesWhatIsMissingAsUnknown)
 {
-    sysfs_.add_stick("sda", "8:0", {}, {{"range", "-"}, {"removable", "yes"}, {"ro", "2"}});
+    sysfs_.add_stick("sda", "8:0", {}, {{"range", "-"}, {"removable", "-"}, {"ro", "-"}});
     const BlockDevice device = device_of("sda");
-    EXPECT_EQ(device.range, -1);
-    EXPECT_EQ(device.removable, -1);
-    EXPECT_EQ(device.readonly, -1);
-    for (const char* range : {"", " 16", "16 ", "-16", "+16", "16x", "99999999999999999999"}) {
-        sysfs_.set("sda/range", range);
-        EXPECT_EQ(device_of("sda").range, -1) << range;
-    }
-    sysfs_.set("sda/range", "256");
-    EXPECT_EQ(device_of("sda").range, 256);
+    EXPECT_STREQ(device.range, "");
+    EXPECT_STREQ(device.removable, "");
+    EXPECT_STREQ(device.readonly, "");
+    EXPECT_EQ(device.failure, 0);
 }
 
 TEST_F(BlockDeviceTest, CutsLongTextsToItsFields)
@@ -147,50 +155,92 @@ TEST_F(BlockDeviceTest, KeepsALineFeedWithinAText)
 
 TEST_F(BlockDeviceTest, IsNotThereWithoutItsNumbers)
 {
-    BlockDevice device;
-    EXPECT_EQ(block_device_read(FakeSysfs::root, name_of("sda"), &device), -ENOENT);
+    EXPECT_FALSE(is_there("sda"));
     sysfs_.add_stick("sda", "8:0");
-    EXPECT_EQ(block_device_read(FakeSysfs::root, name_of("sda1"), &device), -ENOENT);
+    EXPECT_TRUE(is_there("sda"));
+    EXPECT_FALSE(is_there("sda1"));
     for (const char* numbers :
          {"", "8", "8:", ":0", "8:x", "x:0", "8:-1", "-8:0", "8 0", "8:0:0"}) {
         sysfs_.set("sda/dev", numbers);
-        EXPECT_EQ(block_device_read(FakeSysfs::root, name_of("sda"), &device), -ENOENT) << numbers;
+        EXPECT_FALSE(is_there("sda")) << numbers;
     }
     sysfs_.drop("sda/dev"); // as the kernel does before the device goes
-    EXPECT_EQ(block_device_read(FakeSysfs::root, name_of("sda"), &device), -ENOENT);
+    EXPECT_FALSE(is_there("sda"));
 }
 
 TEST_F(BlockDeviceTest, TellsWhenItCannotLook)
 {
+    const std::string disk = std::string(FakeSysfs::root) + "/block/sda/";
     sysfs_.add_stick("sda", "8:0");
-    sysfs_.drop("sda/dev");
-    symlink("dev", (std::string(FakeSysfs::root) + "/block/sda/dev").c_str()); // leads nowhere
-    BlockDevice device;
-    EXPECT_EQ(block_device_read(FakeSysfs::root, name_of("sda"), &device), -ELOOP);
-    sysfs_.drop("sda/dev");
-    sysfs_.set("sda/dev", "8:0");
-    sysfs_.drop("sda/removable");
-    symlink("removable", (std::string(FakeSysfs::root) + "/block/sda/removable").c_str());
-    EXPECT_EQ(block_device_read(FakeSysfs::root, name_of("sda"), &device), -ELOOP);
+    for (const char* file : {"dev", "removable", "ro", "size", "diskseq", "holders"}) {
+        sysfs_.drop(std::string("sda/") + file);
+        ASSERT_EQ(symlink(file, (disk + file).c_str()), 0); // leads nowhere
+        EXPECT_EQ(device_of("sda").failure, -ELOOP) << file;
+        sysfs_.drop(std::string("sda/") + file);
+        if (file != std::string("holders"))
+            sysfs_.set(std::string("sda/") + file, file == std::string("dev") ? "8:0" : "1");
+        EXPECT_EQ(device_of("sda").failure, 0) << file;
+    }
 }
 
-TEST_F(BlockDeviceTest, IsAnotherIncarnationWhenMadeAnew)
+TEST_F(BlockDeviceTest, TellsOfADisksFailureForItsPartitions)
 {
     sysfs_.add_stick("sda", "8:0");
     sysfs_.add_partition("sda", "sda1", "8:1");
-    const uint64_t first = device_of("sda1").incarnation;
-    EXPECT_EQ(device_of("sda1").incarnation, first);
+    sysfs_.drop("sda/removable");
+    symlink("removable", (std::string(FakeSysfs::root) + "/block/sda/removable").c_str());
+    EXPECT_EQ(device_of("sda1").failure, -ELOOP);
+    EXPECT_EQ(device_of("sda1").minor, 1);
+}
+
+TEST_F(BlockDeviceTest, HasAnotherIdentityWhenMadeAnew)
+{
+    sysfs_.add_stick("sda", "8:0");
+    sysfs_.add_partition("sda", "sda1", "8:1");
+    const uint64_t first = device_of("sda1").identity;
+    EXPECT_EQ(device_of("sda1").identity, first);
     sysfs_.set("sda/sda1/ro", "1");
-    EXPECT_EQ(device_of("sda1").incarnation, first);
+    EXPECT_EQ(device_of("sda1").identity, first);
     sysfs_.remove_partition("sda", "sda1");
     sysfs_.add_partition("sda", "sda1", "8:1");
-    const uint64_t second = device_of("sda1").incarnation;
+    const uint64_t second = device_of("sda1").identity;
     EXPECT_NE(second, first);
     sysfs_.set("sda/diskseq", "7");
-    const uint64_t third = device_of("sda1").incarnation;
+    const uint64_t third = device_of("sda1").identity;
     EXPECT_NE(third, second);
     sysfs_.set("sda/diskseq", "8");
-    EXPECT_NE(device_of("sda1").incarnation, third);
+    EXPECT_NE(device_of("sda1").identity, third);
+}
+
+TEST_F(BlockDeviceTest, HasAnotherIdentityWhenAnotherDevice)
+{
+    sysfs_.add_stick("sda", "8:0");
+    const uint64_t identity = device_of("sda").identity;
+    const struct {
+        const char* file;
+        const char* value;
+    } rows[] = {{"serial", "ABD"},
+                {"idVendor", "1235"},
+                {"idProduct", "00ac"},
+                {"manufacturer", "Acm"},
+                {"product", "Flash"}};
+    for (const auto& row : rows) {
+        const std::string path = sysfs_.usb("sda") + "/" + row.file;
+        const std::string before = read_file(path);
+        write_file(path, row.value);
+        EXPECT_NE(device_of("sda").identity, identity) << row.file;
+        write_file(path, before);
+    }
+    write_file(sysfs_.usb("sda") + "/manufacturer", "AcmeFlash"); // the same bytes, divided
+    write_file(sysfs_.usb("sda") + "/product", "Key");
+    EXPECT_NE(device_of("sda").identity, identity);
+    write_file(sysfs_.usb("sda") + "/manufacturer", "Acme");
+    write_file(sysfs_.usb("sda") + "/product", "FlashKey");
+    EXPECT_EQ(device_of("sda").identity, identity);
+    for (const char* numbers : {"8:16", "9:0"}) {
+        sysfs_.set("sda/dev", numbers);
+        EXPECT_NE(device_of("sda").identity, identity) << numbers;
+    }
 }
 
 TEST_F(BlockDeviceTest, ListsEverythingInOrder)
@@ -203,8 +253,7 @@ TEST_F(BlockDeviceTest, ListsEverythingInOrder)
     sysfs_.add_card("mmcblk10", "179:80");
     sysfs_.add_card("mmcblk9", "179:72");
     sysfs_.add_partition("mmcblk9", "mmcblk9p1", "179:73");
-    ASSERT_EQ(block_list_all(FakeSysfs::root, &list_), 0);
-    EXPECT_EQ(names_of(list_),
+    EXPECT_EQ(names_of(list()),
               (std::vector<std::string>{"sda", "sda1", "sda2", "sda10", "sdb", "sdb1", "sdb2",
                                         "sdb10", "sdaa", "sdaa1", "sdaa2", "sdaa10", "mmcblk9",
                                         "mmcblk9p1", "mmcblk10"}));
@@ -217,55 +266,49 @@ TEST_F(BlockDeviceTest, ListsNothingOfOtherKinds)
          {"loop0", "dm-0", "sr0", "nvme0n1", "mmcblk0boot0", "mmcblk0rpmb", "sda1"})
         sysfs_.set("../block/" + std::string(name), "");
     sysfs_.set("sda/sdb1", ""); // not the disk's
-    ASSERT_EQ(block_list_all(FakeSysfs::root, &list_), 0);
-    EXPECT_EQ(names_of(list_), std::vector<std::string>{"sda"});
+    EXPECT_EQ(names_of(list()), std::vector<std::string>{"sda"});
 }
 
-TEST_F(BlockDeviceTest, ListsOneDisk)
+TEST_F(BlockDeviceTest, ListsAnyNumberOfPartitions)
 {
     sysfs_.add_stick("sda", "8:0");
-    sysfs_.add_partition("sda", "sda2", "8:2");
-    sysfs_.add_partition("sda", "sda1", "8:1");
-    sysfs_.add_stick("sdb", "8:16");
-    for (const char* name : {"sda", "sda2", "sda7"}) {
-        ASSERT_EQ(block_list_disk(FakeSysfs::root, name_of(name), &list_), 0);
-        EXPECT_EQ(names_of(list_), (std::vector<std::string>{"sda", "sda1", "sda2"}));
-    }
-    ASSERT_EQ(block_list_disk(FakeSysfs::root, name_of("sdc"), &list_), 0);
-    EXPECT_EQ(list_.count, 0U);
-}
-
-TEST_F(BlockDeviceTest, TellsWhenTheListIsFull)
-{
-    sysfs_.add_stick("sda", "8:0");
-    for (unsigned i = 1; i <= agent_walk_limit; i++)
-        sysfs_.add_partition("sda", "sda" + std::to_string(i), "8:1");
-    EXPECT_EQ(block_list_all(FakeSysfs::root, &list_), -E2BIG);
-    EXPECT_EQ(list_.count, agent_walk_limit);
+    for (unsigned i = 1; i <= 1100; i++)
+        sysfs_.add_partition("sda", "sda" + std::to_string(i), "8:" + std::to_string(i));
+    EXPECT_EQ(list().count, 1101U);
+    EXPECT_STREQ(list_.devices.get()[1100].name.text, "sda1100");
+    EXPECT_EQ(list_.devices.get()[1100].minor, 1100);
 }
 
 TEST_F(BlockDeviceTest, TellsWhenThereIsNoLookingIntoSysfs)
 {
-    EXPECT_EQ(block_list_all("/tmp/nothing", &list_), -ENOENT);
-    EXPECT_EQ(block_list_all(std::string(2000, 'x').c_str(), &list_), -ENAMETOOLONG);
-    EXPECT_EQ(block_list_disk(std::string(2000, 'x').c_str(), name_of("sda"), &list_),
-              -ENAMETOOLONG);
+    EXPECT_EQ(block_list_read("/tmp/nothing", &list_), -ENOENT);
+    sysfs_.add_stick("sda", "8:0");
+    const std::string disk = std::string(FakeSysfs::root) + "/block/sda";
+    ASSERT_EQ(unlink(disk.c_str()), 0);
+    ASSERT_EQ(symlink("sda", disk.c_str()), 0);
+    EXPECT_EQ(block_list_read(FakeSysfs::root, &list_), -ELOOP);
+}
+
+TEST_F(BlockDeviceTest, PassesOverADiskThatHasJustGone)
+{
+    sysfs_.add_stick("sdb", "8:16");
+    const std::string link = std::string(FakeSysfs::root) + "/block/sda";
+    ASSERT_EQ(symlink("/tmp/nothing", link.c_str()), 0); // the directory was read before it went
+    EXPECT_EQ(names_of(list()), std::vector<std::string>{"sdb"});
 }
 
 TEST_F(BlockDeviceTest, FindsAHolder)
 {
-    char holder[block_name_size];
     sysfs_.add_stick("sda", "8:0");
-    EXPECT_EQ(block_holder(FakeSysfs::root, name_of("sda"), holder), -ENOENT);
-    EXPECT_EQ(block_holder(FakeSysfs::root, name_of("sdb"), holder), -ENOENT);
+    EXPECT_STREQ(device_of("sda").holder, "");
     sysfs_.hold("sda", "md127");
-    ASSERT_EQ(block_holder(FakeSysfs::root, name_of("sda"), holder), 0);
-    EXPECT_STREQ(holder, "md127");
+    EXPECT_STREQ(device_of("sda").holder, "md127");
 }
 
 TEST_F(BlockDeviceTest, CountsTheKernelsEvents)
 {
-    EXPECT_EQ(block_event_count(FakeSysfs::root), 0U);
+    sysfs_.add_stick("sda", "8:0");
+    EXPECT_EQ(device_of("sda").seen, 0U);
     sysfs_.set_event_count(4711);
-    EXPECT_EQ(block_event_count(FakeSysfs::root), 4711U);
+    EXPECT_EQ(device_of("sda").seen, 4711U);
 }

@@ -1,5 +1,6 @@
-#include "agent/courier.h"
+#include "agent/daemon.h"
 
+#include "common/clock.h"
 #include "fake/fake_log.h"
 #include "support/child.h"
 #include "support/files.h"
@@ -8,53 +9,56 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 
+#include <deque>
+
 using Told = std::vector<std::string>;
 
 class CourierTest : public testing::Test {
   protected:
-    CourierTest()
+    CourierTest() { daemon_forget_record(); }
+
+    void put(const std::string& text) { waiting_.push_back(text); }
+
+    // Advances once, and answers what has happened.
+    CourierEvent advance(uint64_t now)
     {
-        daemon_forget_record();
-        courier_init(&courier_, {this, met, missed, delivered});
-    }
-    ~CourierTest() override
-    {
-        courier_hang_up(&courier_);
-        message_queue_cut(&courier_.queue, 0);
+        DaemonIdentity daemon;
+        const bool wanted = !waiting_.empty() || visits_;
+        const CourierEvent event = courier_advance(&courier_, wanted, now, &daemon);
+        met_ += event == COURIER_MET ? 1 : 0;
+        missed_ += event == COURIER_MISSED ? 1 : 0;
+        if (event == COURIER_MET) {
+            visits_ = false;
+            courier_send(&courier_, waiting_.empty() ? nullptr : waiting_.front().c_str(), now);
+        } else if (event == COURIER_DELIVERED) {
+            delivered_.push_back(waiting_.front());
+            waiting_.pop_front();
+        }
+        return event;
     }
 
-    static bool met(void* self, int)
+    // Goes on until nothing more can be done at that time.
+    void advance_all(uint64_t now)
     {
-        auto* test = static_cast<CourierTest*>(self);
-        test->met_++;
-        if (test->pauses_at_ != 0)
-            courier_pause(&test->courier_, test->pauses_at_);
-        return test->sends_;
-    }
-    static void missed(void* self) { static_cast<CourierTest*>(self)->missed_++; }
-    static void delivered(void* self, const QueuedMessage* message)
-    {
-        static_cast<CourierTest*>(self)->delivered_.push_back(message->text);
-    }
-
-    void put(const std::string& text)
-    {
-        ASSERT_EQ(message_queue_put(&courier_.queue, MESSAGE_ADD, 0, text.c_str()), 0);
+        while (advance(now) != COURIER_WAITS) {
+        }
     }
 
     // Goes on, at the clock's time, until nothing is left to do.
     void run()
     {
         const bool done = wait_for([this] {
-            courier_advance(&courier_, courier_now());
-            return courier_.queue.count == 0 && !courier_.visit;
+            advance_all(clock_now());
+            return waiting_.empty() && !visits_;
         });
         EXPECT_TRUE(done);
     }
 
+    uint64_t due() const { return courier_due(&courier_, !waiting_.empty() || visits_); }
+
     Courier courier_;
-    bool sends_ = true;
-    uint64_t pauses_at_ = 0; // a time: the owner pauses when it meets the daemon
+    std::deque<std::string> waiting_;
+    bool visits_ = false;
     int met_ = 0;
     int missed_ = 0;
     Told delivered_;
@@ -82,29 +86,37 @@ TEST_F(CourierTest, SendsTheLongestMessageWhole)
 
 TEST_F(CourierTest, HasNothingToWaitForWithoutMessages)
 {
-    EXPECT_EQ(courier_timeout(&courier_, 1000), -1);
-    courier_advance(&courier_, 1000);
+    EXPECT_EQ(due(), agent_never);
+    EXPECT_EQ(advance(1000), COURIER_WAITS);
     EXPECT_EQ(met_ + missed_, 0);
-    EXPECT_EQ(courier_.connection, -1);
+    EXPECT_EQ(courier_descriptor(&courier_), -1);
 }
 
 TEST_F(CourierTest, TriesAgainLaterAndLater)
 {
     put("ACTION=remove,MAJOR=8,MINOR=1");
-    uint64_t now = courier_now();
-    for (const int pause : {250, 500, 1000, 2000, 2000, 2000}) {
-        courier_advance(&courier_, now);
-        EXPECT_EQ(courier_timeout(&courier_, now), pause);
-        const int missed = missed_;
-        courier_advance(&courier_, now + static_cast<unsigned>(pause) - 1);
-        EXPECT_EQ(missed_, missed);
-        now += static_cast<unsigned>(pause);
+    uint64_t now = clock_now();
+    for (const uint32_t pause : {250U, 500U, 1000U, 2000U, 2000U, 2000U}) {
+        EXPECT_EQ(advance(now), COURIER_MISSED);
+        EXPECT_EQ(due(), now + pause);
+        EXPECT_EQ(advance(now + pause - 1), COURIER_WAITS);
+        now += pause;
     }
     EXPECT_EQ(missed_, 6);
-    const TestDaemon daemon;
-    courier_advance(&courier_, now);
-    EXPECT_EQ(courier_.pause, 0U); // the next pause is a short one again
-    run();
+    TestDaemon daemon;
+    for (int i = 0; i < 2; i++) { // a visit counts as success too
+        EXPECT_EQ(advance(now), COURIER_MET);
+        run();
+        daemon.end();
+        put("ACTION=remove,MAJOR=8,MINOR=2");
+        now = clock_now();
+        EXPECT_EQ(advance(now), COURIER_MISSED);
+        EXPECT_EQ(due(), now + 250); // the next pause is a short one again
+        waiting_.clear();
+        visits_ = true;
+        now += 250;
+        new (&daemon) TestDaemon;
+    }
     EXPECT_EQ(daemon_told(), Told{"-8:1"});
 }
 
@@ -125,13 +137,38 @@ TEST_F(CourierTest, SendsAgainWhenTheDaemonDiesUnderWay)
     TestDaemon first;
     first.stop();
     put("ACTION=add,MAJOR=8,MINOR=1");
-    courier_advance(&courier_, courier_now());
-    EXPECT_TRUE(courier_.under_way);
+    advance_all(clock_now());
+    EXPECT_TRUE((courier_descriptor(&courier_) >= 0));
     first.end();
     const TestDaemon second;
     run();
     EXPECT_EQ(daemon_told(), Told{"+8:1"});
     EXPECT_EQ(delivered_.size(), 1U);
+}
+
+// The daemon closes between connect and send. Whoever writes then gets a signal, unless he asks for
+// none.
+TEST_F(CourierTest, SendsAgainWhenTheDaemonHasClosedAlready)
+{
+    const ChildResult result = run_child([this] {
+        TestDaemon deaf(TestDaemonManners{.deaf = true});
+        DaemonIdentity daemon;
+        const uint64_t now = clock_now();
+        if (courier_advance(&courier_, true, now, &daemon) != COURIER_MET)
+            return 1;
+        pollfd closed = {.fd = courier_descriptor(&courier_), .events = 0, .revents = 0};
+        if (poll(&closed, 1, 60000) != 1) // POLLHUP
+            return 2;
+        courier_send(&courier_, "ACTION=add,MAJOR=8,MINOR=1", now);
+        return (courier_descriptor(&courier_) >= 0) || courier_due(&courier_, true) != now + 250
+                   ? 3
+                   : 0;
+    });
+    EXPECT_EQ(result.status, 0);
+    const TestDaemon second;
+    put("ACTION=add,MAJOR=8,MINOR=1");
+    run();
+    EXPECT_EQ(daemon_told(), (Told{"deaf", "+8:1"}));
 }
 
 TEST_F(CourierTest, TakesAMessageForDeliveredWhenTheDaemonIsSlow)
@@ -140,16 +177,42 @@ TEST_F(CourierTest, TakesAMessageForDeliveredWhenTheDaemonIsSlow)
     manners.holds = true;
     const TestDaemon daemon(manners);
     put("ACTION=add,MAJOR=8,MINOR=1");
-    const uint64_t now = courier_now();
-    courier_advance(&courier_, now);
-    EXPECT_TRUE(courier_.under_way);
-    EXPECT_EQ(courier_timeout(&courier_, now), static_cast<int>(agent_close_wait));
-    courier_advance(&courier_, now + agent_close_wait - 1);
-    EXPECT_TRUE(delivered_.empty());
-    courier_advance(&courier_, now + agent_close_wait);
-    EXPECT_EQ(delivered_.size(), 1U);
-    EXPECT_EQ(courier_.connection, -1);
+    const uint64_t now = clock_now();
+    advance_all(now);
+    EXPECT_TRUE((courier_descriptor(&courier_) >= 0));
+    EXPECT_EQ(due(), now + agent_close_wait);
+    EXPECT_EQ(advance(now + agent_close_wait - 1), COURIER_WAITS);
+    EXPECT_EQ(advance(now + agent_close_wait), COURIER_DELIVERED);
+    EXPECT_EQ(courier_descriptor(&courier_), -1);
     EXPECT_TRUE(wait_for([] { return daemon_told() == Told{"+8:1"}; }));
+}
+
+TEST_F(CourierTest, CanBeHurried)
+{
+    TestDaemonManners manners;
+    manners.holds = true;
+    const TestDaemon daemon(manners);
+    put("ACTION=add,MAJOR=8,MINOR=1");
+    const uint64_t now = clock_now();
+    advance_all(now);
+    courier_hurry(&courier_, now + 2 * agent_close_wait); // no sooner
+    EXPECT_EQ(due(), now + agent_close_wait);
+    courier_hurry(&courier_, now + 1000);
+    EXPECT_EQ(due(), now + 1000);
+    EXPECT_EQ(advance(now + 1000), COURIER_DELIVERED);
+}
+
+TEST_F(CourierTest, DropsWhatIsUnderWayWhenItHangsUp)
+{
+    TestDaemonManners manners;
+    manners.holds = true;
+    const TestDaemon daemon(manners);
+    put("ACTION=add,MAJOR=8,MINOR=1");
+    advance_all(clock_now());
+    courier_hang_up(&courier_);
+    EXPECT_FALSE((courier_descriptor(&courier_) >= 0));
+    EXPECT_EQ(courier_descriptor(&courier_), -1);
+    EXPECT_TRUE(delivered_.empty());
 }
 
 TEST_F(CourierTest, PassesAnAnswerOver)
@@ -172,15 +235,15 @@ TEST_F(CourierTest, WaitsForItsTurnWhereManyWait)
     put("ACTION=add,MAJOR=8,MINOR=1");
     put("ACTION=add,MAJOR=8,MINOR=2");
     put("ACTION=add,MAJOR=8,MINOR=3");
-    uint64_t now = courier_now();
+    uint64_t now = clock_now();
     for (int i = 0; i < 10; i++)
-        courier_advance(&courier_, now += agent_close_wait);
+        advance_all(now += agent_close_wait);
     EXPECT_LT(delivered_.size(), 3U); // the rest finds no room
     EXPECT_EQ(missed_, 0);
     daemon.go_on();
     EXPECT_TRUE(wait_for([&] {
-        courier_advance(&courier_, now += agent_retry_most);
-        return courier_.queue.count == 0;
+        advance_all(now += agent_retry_most);
+        return waiting_.empty();
     }));
     EXPECT_TRUE(wait_for([] { return daemon_told().size() >= 3; }));
     EXPECT_EQ(daemon_told(), (Told{"+8:1", "+8:2", "+8:3"}));
@@ -189,62 +252,12 @@ TEST_F(CourierTest, WaitsForItsTurnWhereManyWait)
 TEST_F(CourierTest, VisitsWithoutAMessage)
 {
     const TestDaemon daemon;
-    courier_.visit = true;
-    EXPECT_EQ(courier_timeout(&courier_, 1000), 0);
+    visits_ = true;
+    EXPECT_EQ(due(), 0U);
     run();
     EXPECT_EQ(met_, 1);
     EXPECT_TRUE(wait_for([] { return daemon_visits() == 1; }));
-    EXPECT_EQ(courier_.connection, -1);
-}
-
-TEST_F(CourierTest, SendsNothingWhereTheOwnerWantsNothingSent)
-{
-    const TestDaemon daemon;
-    sends_ = false;
-    put("ACTION=add,MAJOR=8,MINOR=1");
-    courier_advance(&courier_, courier_now());
-    EXPECT_EQ(met_, 1);
-    EXPECT_EQ(courier_.connection, -1);
-    EXPECT_EQ(courier_.queue.count, 1U);
-    sends_ = true;
-    run();
-    EXPECT_EQ(daemon_told(), Told{"+8:1"});
-}
-
-TEST_F(CourierTest, LetsTheOwnersPausesGrow)
-{
-    const TestDaemon daemon;
-    sends_ = false;
-    put("ACTION=add,MAJOR=8,MINOR=1");
-    uint64_t now = courier_now();
-    for (const int pause : {250, 500, 1000, 2000, 2000}) {
-        pauses_at_ = now;
-        courier_.visit = true;
-        courier_advance(&courier_, now);
-        EXPECT_EQ(courier_timeout(&courier_, now), pause);
-        EXPECT_EQ(courier_.connection, -1);
-        const int met = met_;
-        courier_advance(&courier_, now + static_cast<unsigned>(pause) - 1);
-        EXPECT_EQ(met_, met);
-        now += static_cast<unsigned>(pause);
-    }
-    EXPECT_EQ(met_, 5);
-    pauses_at_ = 0;
-    courier_advance(&courier_, now);
-    EXPECT_EQ(courier_.pause, 0U); // the next pause is a short one again
-    EXPECT_EQ(courier_timeout(&courier_, now), 0);
-}
-
-TEST_F(CourierTest, LeavesAMessageUnderWayAlone)
-{
-    TestDaemonManners manners;
-    manners.holds = true;
-    const TestDaemon daemon(manners);
-    put("ACTION=add,MAJOR=8,MINOR=1");
-    const uint64_t now = courier_now();
-    courier_advance(&courier_, now);
-    courier_pause(&courier_, now);
-    EXPECT_EQ(courier_timeout(&courier_, now), static_cast<int>(agent_close_wait));
+    EXPECT_EQ(courier_descriptor(&courier_), -1);
 }
 
 TEST_F(CourierTest, HoldsNoDescriptorsInTheEnd)

@@ -1,7 +1,8 @@
 // The monitor in a process of its own, told of events by the test, before a daemon that notes what
 // it is told.
-#include "agent/monitor.h"
-
+#include "agent/limits.h"
+#include "agent/modes.h"
+#include "common/clock.h"
 #include "fake_netlink.h"
 #include "fake_sysfs.h"
 #include "support/child.h"
@@ -10,12 +11,14 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <memory>
 
 using Told = std::vector<std::string>;
@@ -53,11 +56,22 @@ class MonitorTest : public testing::Test {
     bool handles_signals() const
     {
         const std::string status = read_file("/proc/" + std::to_string(agent_) + "/status");
-        const size_t mask = status.find("SigCgt:");
-        if (mask == std::string::npos || status.find("zombie") != std::string::npos)
-            return true;
-        return (strtoull(status.c_str() + mask + 7, nullptr, 16) >> (SIGTERM - 1) & 1) != 0;
+        return !exists("/proc/" + std::to_string(agent_)) ||
+               status.find("zombie") != std::string::npos || blocked_signals() == signals;
     }
+
+    // Of those that it handles, as a mask.
+    uint64_t blocked_signals() const
+    {
+        const std::string status = read_file("/proc/" + std::to_string(agent_) + "/status");
+        const size_t mask = status.find("SigBlk:");
+        if (mask == std::string::npos)
+            return 0;
+        return strtoull(status.c_str() + mask + 7, nullptr, 16) & signals;
+    }
+
+    static constexpr uint64_t signals =
+        uint64_t{1} << (SIGTERM - 1) | uint64_t{1} << (SIGINT - 1) | uint64_t{1} << (SIGHUP - 1);
 
     // Ends it with a signal and returns its exit status.
     int stop(int number = SIGTERM)
@@ -67,6 +81,25 @@ class MonitorTest : public testing::Test {
         EXPECT_EQ(waitpid(agent_, &status, 0), agent_);
         agent_ = -1;
         return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+    }
+
+    // How many processes it watches.
+    int watched() const
+    {
+        int count = 0;
+        for (const auto& entry :
+             std::filesystem::directory_iterator("/proc/" + std::to_string(agent_) + "/fd")) {
+            std::error_code gone_meanwhile;
+            const std::string kind = std::filesystem::read_symlink(entry.path(), gone_meanwhile);
+            count += kind.find("pidfd") != std::string::npos ? 1 : 0;
+        }
+        return count;
+    }
+
+    bool is_asleep() const
+    {
+        return read_file("/proc/" + std::to_string(agent_) + "/stat").find(") S ") !=
+               std::string::npos;
     }
 
     void plug()
@@ -188,10 +221,7 @@ TEST_F(MonitorTest, WaitsForTheDaemon)
 TEST_F(MonitorTest, WaitsForTheDaemonFromTheFirstEventOn)
 {
     start();
-    EXPECT_TRUE(wait_for([this] { // nothing is plugged: it sleeps
-        return read_file("/proc/" + std::to_string(agent_) + "/stat").find(" S ") !=
-               std::string::npos;
-    }));
+    EXPECT_TRUE(wait_for([this] { return is_asleep(); })); // nothing is plugged
     const TestDaemon daemon;
     plug();
     fake_netlink_send("add", "/block/sda", 8, 0);
@@ -212,6 +242,24 @@ TEST_F(MonitorTest, TellsADaemonThatWasRestartedOfEverything)
         daemon = std::make_unique<TestDaemon>();
         expect_told({"+8:0", "+8:1"});
     }
+}
+
+TEST_F(MonitorTest, WatchesOneDaemonAfterRestarts)
+{
+    plug();
+    auto daemon = std::make_unique<TestDaemon>();
+    start();
+    expect_told({"+8:0", "+8:1"});
+    if (watched() == 0)
+        GTEST_SKIP() << "this system has no pidfd_open";
+    for (int turn = 0; turn < 3; turn++) {
+        EXPECT_EQ(watched(), 1) << turn;
+        daemon->end();
+        daemon_forget_record();
+        daemon = std::make_unique<TestDaemon>();
+        expect_told({"+8:0", "+8:1"});
+    }
+    EXPECT_EQ(watched(), 1);
 }
 
 TEST_F(MonitorTest, TellsANewDaemonNothingOfThePast)
@@ -294,6 +342,48 @@ TEST_F(MonitorTest, KnowsWhatItToldAfterItWasKilled)
     EXPECT_EQ(stop(SIGKILL), 128 + SIGKILL);
     start();
     expect_nothing_more({"+8:0", "+8:1"});
+}
+
+// A pipe opens only when somebody opens its other end: it stands for a drive that takes its time.
+TEST_F(MonitorTest, HonoursSignalsThatComeWhileItIsBusy)
+{
+    ASSERT_EQ(mkfifo("/dev/sda", 0600), 0);
+    sysfs_.add_stick("sda", "8:0", {}, {{"size", "0"}});
+    const TestDaemon daemon;
+    start();
+    EXPECT_TRUE(wait_for([this] {
+        const std::string place = "/proc/" + std::to_string(agent_) + "/wchan";
+        return read_file(place).find("fifo") != std::string::npos ||
+               (is_asleep() && daemon_visits() > 0);
+    }));
+    for (const int number : {SIGHUP, SIGINT, SIGTERM}) {
+        EXPECT_EQ(kill(agent_, number), 0);
+        EXPECT_EQ(blocked_signals(), signals);
+    }
+    usleep(100000);
+    EXPECT_TRUE(is_asleep()); // in the drive still
+    const int drive = open("/dev/sda", O_RDWR | O_CLOEXEC);
+    int status = -1;
+    EXPECT_EQ(waitpid(agent_, &status, 0), agent_);
+    agent_ = -1;
+    EXPECT_EQ(status, 0);
+    close(drive);
+    unlink("/dev/sda");
+}
+
+TEST_F(MonitorTest, WaitsAMomentForAMessageUnderWayWhenItEnds)
+{
+    plug();
+    TestDaemonManners manners;
+    manners.holds = true;
+    const TestDaemon daemon(manners);
+    start();
+    expect_told({"+8:0"});
+    const uint64_t before = clock_now();
+    EXPECT_EQ(stop(), 0);
+    EXPECT_LT(clock_now() - before, agent_close_wait - 500);
+    EXPECT_NE(read_file(state).find(" sda "), std::string::npos); // it counts as delivered
+    EXPECT_EQ(daemon_told(), Told{"+8:0"});
 }
 
 TEST_F(MonitorTest, TakesAMessageUnderWayForDeliveredWhenItEnds)

@@ -25,18 +25,31 @@ class Survey : public testing::Test {
     std::string verdict(const char* text)
     {
         BlockName name;
+        BlockList list;
         EXPECT_TRUE(block_name_parse(text, &name));
-        char reason[survey_reason_size] = "";
-        result_ = survey_device(view_, name, &device_, reason);
-        if (result_ == 0)
-            return "";
-        return result_ == -ENOENT ? "not there" : reason;
+        EXPECT_EQ(survey_take(settings_, told_, leaving_, &list), 0);
+        const BlockDevice* device = block_list_find(list, name);
+        if (device == nullptr)
+            return "not there";
+        result_ = device->verdict;
+        EXPECT_EQ(result_ == 0, device->reason[0] == '\0');
+        return device->reason;
+    }
+
+    // The daemon has been told of sda1, or of its removal.
+    void put(DeviceState state)
+    {
+        announcer_.devices[0].state = state;
+        announcer_.devices[0].major = 8;
+        announcer_.devices[0].minor = 1;
     }
 
     FakeSysfs sysfs_;
-    AnnouncedTable table_ = {};
-    SurveyView view_ = {FakeSysfs::root, FakeSysfs::proc, FakeSysfs::mounts, &table_, false, false};
-    BlockDevice device_ = {};
+    Announcer announcer_;
+    AgentSettings settings_ = {AGENT_LIST,        false, 10, FakeSysfs::root, FakeSysfs::proc,
+                               FakeSysfs::mounts, ""};
+    const Announcer* told_ = &announcer_;
+    bool leaving_ = false;
     int result_ = 0;
 };
 
@@ -44,7 +57,6 @@ TEST_F(Survey, AnnouncesWhatIsNotInUse)
 {
     for (const char* name : {"sda", "sda1", "sda2", "sdb", "sdb1"})
         EXPECT_EQ(verdict(name), "") << name;
-    EXPECT_EQ(device_.minor, 17);
     EXPECT_EQ(verdict("sdc"), "not there");
     EXPECT_EQ(verdict("sda3"), "not there");
 }
@@ -84,13 +96,13 @@ TEST_F(Survey, ShowsAMountDirectoryAsOneLine)
 TEST_F(Survey, SurvivesAMountDirectoryOfAnyLength)
 {
     sysfs_.set_mounts({"8:1 /" + std::string(4000, 'x') + " /dev/sda1"});
-    EXPECT_EQ(verdict("sda1").size(), survey_reason_size - 1);
-    EXPECT_EQ(verdict("sda2").size(), survey_reason_size - 1);
+    EXPECT_EQ(verdict("sda1").size(), block_reason_size - 1);
+    EXPECT_EQ(verdict("sda2").size(), block_reason_size - 1);
 }
 
 TEST_F(Survey, LeavesTheServicesMountsOutOfAccount)
 {
-    announced_put(&table_, ANNOUNCED_TOLD, true, {BLOCK_SD, 1, 1}, 8, 1);
+    put(DEVICE_TOLD);
     sysfs_.set_mounts({"8:1 /anywhere /dev/x/sda1"});
     EXPECT_EQ(verdict("sda1"), "");
     EXPECT_EQ(verdict("sda2"), "");
@@ -98,22 +110,25 @@ TEST_F(Survey, LeavesTheServicesMountsOutOfAccount)
 
 TEST_F(Survey, LeavesMountsOfAnnouncedDevicesOutOfAccountUntilTheyAreUnmounted)
 {
-    // The daemon has been told, and takes its time.
-    announced_put(&table_, ANNOUNCED_GONE, true, {BLOCK_SD, 1, 1}, 8, 1);
     sysfs_.set_mounts({"8:1 /anywhere /dev/x/sda1"});
-    EXPECT_EQ(verdict("sda1"), "");
+    for (const DeviceState state : {DEVICE_SENT, DEVICE_TOLD, DEVICE_LEAVING, DEVICE_GONE}) {
+        put(state); // the daemon takes its time
+        EXPECT_EQ(verdict("sda1"), "") << state;
+    }
 }
 
 TEST_F(Survey, TakesARemoveEventOfTheMachinesDiskForNothing)
 {
-    announced_put(&table_, ANNOUNCED_GONE, false, {BLOCK_SD, 1, 1}, 8, 1);
     sysfs_.set_mounts({"8:1 / /dev/root"});
-    EXPECT_EQ(verdict("sda1"), "mounted at /");
+    for (const DeviceState state : {DEVICE_UNSEEN, DEVICE_PASSING, DEVICE_PASSED}) {
+        put(state);
+        EXPECT_EQ(verdict("sda1"), "mounted at /") << state;
+    }
 }
 
 TEST_F(Survey, KnowsTheServicesMountsByTheirDirectoryOnOtherPartitions)
 {
-    view_.announced = nullptr;
+    told_ = nullptr;
     sysfs_.set_mounts({"8:1 /media/vyhotplug/sda1 /dev/vyhotplug/sda1"});
     EXPECT_EQ(verdict("sda2"), "");
     EXPECT_EQ(verdict("sda"), "");
@@ -124,7 +139,7 @@ TEST_F(Survey, KnowsTheServicesMountsByTheirDirectoryOnOtherPartitions)
 
 TEST_F(Survey, LeavesMountsOutOfAccountThatAreAboutToGo)
 {
-    view_.leaving = true;
+    leaving_ = true;
     sysfs_.set_mounts({"8:1 /media/vyhotplug/sda1 /dev/vyhotplug/sda1"});
     EXPECT_EQ(verdict("sda1"), "");
     sysfs_.set_mounts({"8:1 / /dev/root"});
@@ -167,7 +182,7 @@ TEST_F(Survey, AnnouncesNoEmptyDrive)
 
 TEST_F(Survey, AnnouncesTheMachinesDisksWhenToldTo)
 {
-    view_.all = true;
+    settings_.all = true;
     sysfs_.set_mounts({"8:1 / /dev/root"});
     sysfs_.set_swaps({"/dev/sda2"});
     sysfs_.hold("sda", "md0");
@@ -178,7 +193,7 @@ TEST_F(Survey, AnnouncesTheMachinesDisksWhenToldTo)
 TEST_F(Survey, AnnouncesNothingWhenTheMountsCannotBeRead)
 {
     unlink("/tmp/fake-proc/self/mountinfo");
-    EXPECT_EQ(verdict("sda1"), std::string("/tmp/fake-proc/self/mountinfo: ") + strerror(EIO));
+    EXPECT_EQ(verdict("sda1"), std::string("/tmp/fake-proc/self/mountinfo: ") + strerror(ENOENT));
     EXPECT_LT(result_, 0);
     mkdir("/tmp/fake-proc/self/mountinfo", 0755);
     EXPECT_EQ(verdict("sda1"), std::string("/tmp/fake-proc/self/mountinfo: ") + strerror(EISDIR));
@@ -223,34 +238,19 @@ TEST_F(Survey, AnnouncesNothingThatCannotBeReadWhole)
     EXPECT_EQ(result_, -ELOOP);
 }
 
-TEST_F(Survey, AnnouncesNothingOfADiskWithMorePartitionsThanCanBeListed)
+TEST_F(Survey, SeesAMountAmongAnyNumberOfPartitions)
 {
-    for (unsigned i = 3; i <= agent_walk_limit; i++)
-        sysfs_.add_partition("sda", "sda" + std::to_string(i), "8:1");
-    EXPECT_EQ(verdict("sda1"), std::string("its partitions: ") + strerror(E2BIG));
-    EXPECT_LT(result_, 0);
+    for (unsigned i = 3; i <= 1100; i++)
+        sysfs_.add_partition("sda", "sda" + std::to_string(i), "8:" + std::to_string(1000 + i));
+    EXPECT_EQ(verdict("sda1"), "");
+    sysfs_.set_mounts({"8:2100 / /dev/root"});
+    EXPECT_EQ(verdict("sda1"), "sda1100 is mounted at /");
 }
 
-TEST(SwapPath, IsTheLinesFirstField)
+TEST_F(Survey, TellsWhenThereIsNoLookingIntoSysfs)
 {
-    const struct {
-        const char* line;
-        const char* path; // null: none
-    } rows[] = {
-        {"/dev/sda2                               partition\t1024\t0\t-2\n", "/dev/sda2"},
-        {"/dev/zram0\tpartition\n", "/dev/zram0"},
-        {"/swap\\040file x\n", "/swap file"},
-        {"/dev/sda2\\040(deleted) partition\n", "/dev/sda2"},
-        {"/dev/sda2", "/dev/sda2"},
-        {"/\\040", "/ "},
-        {"/\\04", "/\\04"},
-        {"Filename\t\t\t\tType\n", nullptr},
-        {"", nullptr},
-        {"\n", nullptr},
-    };
-    for (const auto& row : rows) {
-        std::string line = row.line;
-        const char* path = survey_swap_path(line.data());
-        EXPECT_STREQ(path, row.path) << row.line;
-    }
+    BlockList list;
+    settings_.sysfs = "/tmp/nothing";
+    EXPECT_EQ(survey_take(settings_, nullptr, false, &list), -ENOENT);
+    EXPECT_EQ(list.count, 0U);
 }

@@ -41,6 +41,11 @@ static void note(int file, const std::string& line)
 static void take_one(int connection, int file, TestDaemonManners* manners)
 {
     char text[513] = "";
+    if (manners->deaf) {
+        note(file, "deaf");
+        close(connection);
+        return;
+    }
     pollfd poll_fd = {.fd = connection, .events = POLLIN, .revents = 0};
     poll(&poll_fd, 1, -1);
     if (recv(connection, text, 1, MSG_PEEK) > 0 && manners->unread > 0) {
@@ -66,6 +71,11 @@ static void take_one(int connection, int file, TestDaemonManners* manners)
     const int listener = make_listener(manners.backlog);
     if (file < 0 || listener < 0)
         _exit(97);
+    if (manners.orphaned && fork() != 0)
+        _exit(0);
+    const pid_t pid = getpid();
+    if (write(ready, &pid, sizeof pid) != sizeof pid)
+        _exit(98);
     close(ready);
     for (;;) {
         const int connection = accept(listener, nullptr, nullptr);
@@ -74,20 +84,22 @@ static void take_one(int connection, int file, TestDaemonManners* manners)
     }
 }
 
-TestDaemon::TestDaemon(const TestDaemonManners& manners)
+TestDaemon::TestDaemon(const TestDaemonManners& manners) : is_child_(!manners.orphaned)
 {
     int ready[2];
     EXPECT_EQ(pipe(ready), 0);
     fflush(nullptr);
-    pid_ = fork();
-    if (pid_ == 0) {
+    const pid_t child = fork();
+    if (child == 0) {
         close(ready[0]);
         serve(manners, ready[1]);
     }
     close(ready[1]);
-    char ignored = 0;
-    EXPECT_EQ(read(ready[0], &ignored, 1), 0); // closed when it listens
+    EXPECT_EQ(read(ready[0], &pid_, sizeof pid_), static_cast<ssize_t>(sizeof pid_)); // it listens
     close(ready[0]);
+    if (!is_child_) {
+        EXPECT_EQ(waitpid(child, nullptr, 0), child);
+    }
 }
 
 void TestDaemon::end()
@@ -95,7 +107,14 @@ void TestDaemon::end()
     if (pid_ <= 0)
         return;
     kill(pid_, SIGKILL);
-    EXPECT_EQ(waitpid(pid_, nullptr, 0), pid_);
+    if (is_child_) {
+        EXPECT_EQ(waitpid(pid_, nullptr, 0), pid_);
+    } else {
+        const std::string stat = "/proc/" + std::to_string(pid_) + "/stat";
+        EXPECT_TRUE(wait_for([&] { // another one's to be reaped
+            return !exists(stat) || read_file(stat).find(") Z ") != std::string::npos;
+        }));
+    }
     pid_ = -1;
 }
 

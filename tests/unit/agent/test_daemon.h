@@ -7,9 +7,11 @@
 #include <vector>
 
 struct TestDaemonManners {
-    int unread = 0;       // so many messages are not read: their connection is reset
-    bool holds = false;   // reads messages, but closes no connection
-    bool answers = false; // says something before it closes
+    int unread = 0;        // so many messages are not read: their connection is reset
+    bool holds = false;    // reads messages, but closes no connection
+    bool answers = false;  // says something before it closes
+    bool orphaned = false; // the process that listens has gone, another one has its socket
+    bool deaf = false;     // closes connections before anything can be read from them
     int backlog = 128;
 };
 
@@ -27,6 +29,7 @@ class TestDaemon {
 
   private:
     pid_t pid_;
+    bool is_child_;
 };
 
 // What the daemons of this test were told up to now, in order: "+8:1" for an add message, "-8:1"

@@ -50,8 +50,7 @@ TEST(UeventParse, ReadsTheKernelsDatagram)
         "PARTN=1\nSEQNUM=4711\n");
     ASSERT_EQ(parse(bytes, &event), 0);
     EXPECT_EQ(event.action, UEVENT_ADD);
-    EXPECT_EQ(event.name.kind, BLOCK_SD);
-    EXPECT_EQ(event.name.disk, 1);
+    EXPECT_STREQ(event.name.text, "sda1");
     EXPECT_EQ(event.name.partition, 1);
     EXPECT_EQ(event.major, 8);
     EXPECT_EQ(event.minor, 1);

@@ -257,3 +257,43 @@ TEST(MountinfoLoad, TellsWhyAFileCannotBeRead)
     EXPECT_EQ(mountinfo_load("/tmp", &table), -EISDIR);
     EXPECT_EQ(table, nullptr);
 }
+
+TEST(MountinfoFindDevice, IsTheFirstOfItsMountsBelow)
+{
+    const MountinfoGuard table(parse("1 1 8:1 / /mnt rw - ext4 x rw\n"
+                                     "2 1 8:1 / /media/vy rw - ext4 x rw\n"
+                                     "3 1 8:2 / /media/vy/a rw - ext4 x rw\n"
+                                     "4 1 9:1 / /media/vy/b rw - ext4 x rw\n"
+                                     "5 1 8:1 / /media/vy/c rw - ext4 x rw\n"
+                                     "6 1 8:1 / /media/vy/d rw - ext4 x rw\n"));
+    const MountinfoEntry* entry = mountinfo_find_device(table.get(), 8, 1, "/media/vy");
+    ASSERT_NE(entry, nullptr);
+    EXPECT_EQ(entry->id, 5);
+    EXPECT_EQ(mountinfo_find_device(table.get(), 8, 3, "/media/vy"), nullptr);
+    EXPECT_EQ(mountinfo_find_device(table.get(), 8, 1, "/media/vy/c"), nullptr);
+}
+
+TEST(MountinfoSwapPath, IsTheLinesFirstField)
+{
+    const struct {
+        const char* line;
+        const char* path; // null: none
+    } rows[] = {
+        {"/dev/sda2                               partition\t1024\t0\t-2\n", "/dev/sda2"},
+        {"/dev/zram0\tpartition\n", "/dev/zram0"},
+        {"/swap\\040file x\n", "/swap file"},
+        {"/swap\\011file\\134 x\n", "/swap\tfile\\"},
+        {"/dev/sda2\\040(deleted) partition\n", "/dev/sda2"},
+        {"/dev/sda2", "/dev/sda2"},
+        {"/\\040", "/ "},
+        {"/\\04", "/\\04"},
+        {"Filename\t\t\t\tType\n", nullptr},
+        {"", nullptr},
+        {"\n", nullptr},
+    };
+    for (const auto& row : rows) {
+        std::string line = row.line;
+        const char* path = mountinfo_swap_path(line.data());
+        EXPECT_STREQ(path, row.path) << row.line;
+    }
+}

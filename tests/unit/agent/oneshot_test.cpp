@@ -1,5 +1,5 @@
 // The modes that do one thing and end.
-#include "agent/errand.h"
+#include "agent/modes.h"
 
 #include "fake/fake_log.h"
 #include "fake_sysfs.h"
@@ -14,9 +14,9 @@
 
 using Told = std::vector<std::string>;
 
-class ErrandTest : public testing::Test {
+class OneshotTest : public testing::Test {
   protected:
-    ErrandTest()
+    OneshotTest()
     {
         daemon_forget_record();
         sysfs_.add_stick("sda", "8:0");
@@ -29,7 +29,7 @@ class ErrandTest : public testing::Test {
         for (const std::string& item : event)
             environment.push_back(item.c_str());
         environment.push_back(nullptr);
-        return errand_once(settings_, environment.data());
+        return oneshot_once(settings_, environment.data());
     }
     int once(const std::string& action, const std::string& devpath, int major, int minor,
              const std::string& more = "X=")
@@ -40,7 +40,7 @@ class ErrandTest : public testing::Test {
 
     std::string list()
     {
-        const ChildResult result = run_child([this] { return errand_list(settings_); });
+        const ChildResult result = run_child([this] { return oneshot_list(settings_); });
         EXPECT_EQ(result.status, 0) << result.err;
         return result.out;
     }
@@ -50,7 +50,7 @@ class ErrandTest : public testing::Test {
                                FakeSysfs::mounts, ""};
 };
 
-TEST_F(ErrandTest, TellsOfOneEvent)
+TEST_F(OneshotTest, TellsOfOneEvent)
 {
     const TestDaemon daemon;
     EXPECT_EQ(once("add", "/block/sda", 8, 0), 0);
@@ -60,7 +60,7 @@ TEST_F(ErrandTest, TellsOfOneEvent)
     EXPECT_EQ(daemon_told(), (Told{"+8:0", "+8:1", "-8:1", "-65:112"}));
 }
 
-TEST_F(ErrandTest, TakesMissingNumbersFromSysfs)
+TEST_F(OneshotTest, TakesMissingNumbersFromSysfs)
 {
     const TestDaemon daemon;
     EXPECT_EQ(once({"ACTION=add", "DEVPATH=/block/sda/sda1"}), 0);
@@ -69,7 +69,7 @@ TEST_F(ErrandTest, TakesMissingNumbersFromSysfs)
     EXPECT_EQ(daemon_told(), Told{"+8:1"});
 }
 
-TEST_F(ErrandTest, TellsOfNothingForOtherEvents)
+TEST_F(OneshotTest, TellsOfNothingForOtherEvents)
 {
     const TestDaemon daemon;
     EXPECT_EQ(once({"ACTION=add", "DEVPATH=/class/net/eth0", "SUBSYSTEM=net"}), 0);
@@ -82,13 +82,13 @@ TEST_F(ErrandTest, TellsOfNothingForOtherEvents)
     EXPECT_EQ(daemon_visits(), 0);
 }
 
-TEST_F(ErrandTest, RefusesAnEnvironmentWithoutAnEvent)
+TEST_F(OneshotTest, RefusesAnEnvironmentWithoutAnEvent)
 {
     EXPECT_EQ(once(std::vector<std::string>{}), 1);
     EXPECT_EQ(once("add", "/block/../sda", 8, 0), 1);
 }
 
-TEST_F(ErrandTest, TellsOfAChangedMedium)
+TEST_F(OneshotTest, TellsOfAChangedMedium)
 {
     const TestDaemon daemon;
     sysfs_.add_partition("sda", "sda2", "8:2");
@@ -97,7 +97,7 @@ TEST_F(ErrandTest, TellsOfAChangedMedium)
     EXPECT_EQ(daemon_told(), (Told{"-8:1", "-8:2", "-8:0", "+8:0", "+8:1", "+8:2"}));
 }
 
-TEST_F(ErrandTest, TellsOfAMediumThatWasTakenOut)
+TEST_F(OneshotTest, TellsOfAMediumThatWasTakenOut)
 {
     const TestDaemon daemon;
     sysfs_.set("sda/size", "0");
@@ -106,19 +106,19 @@ TEST_F(ErrandTest, TellsOfAMediumThatWasTakenOut)
     EXPECT_EQ(daemon_told(), Told{"-8:0"});
 }
 
-TEST_F(ErrandTest, TellsNothingOfADiskOfTheMachines)
+TEST_F(OneshotTest, TellsNothingOfADiskOfTheMachines)
 {
     const TestDaemon daemon;
     sysfs_.set_mounts({"8:1 / /dev/root"});
     EXPECT_EQ(once("add", "/block/sda/sda1", 8, 1), 0);
-    EXPECT_EQ(errand_scan(settings_), 0);
+    EXPECT_EQ(oneshot_scan(settings_), 0);
     EXPECT_EQ(daemon_told(), Told{});
     settings_.all = true;
     EXPECT_EQ(once("add", "/block/sda/sda1", 8, 1), 0);
     EXPECT_EQ(daemon_told(), Told{"+8:1"});
 }
 
-TEST_F(ErrandTest, TellsOfAPartitionBesideOneThatTheServiceHasMounted)
+TEST_F(OneshotTest, TellsOfAPartitionBesideOneThatTheServiceHasMounted)
 {
     const TestDaemon daemon;
     sysfs_.add_partition("sda", "sda2", "8:2");
@@ -128,26 +128,26 @@ TEST_F(ErrandTest, TellsOfAPartitionBesideOneThatTheServiceHasMounted)
     EXPECT_EQ(daemon_told(), Told{"+8:2"});
 }
 
-TEST_F(ErrandTest, TellsOfEverything)
+TEST_F(OneshotTest, TellsOfEverything)
 {
     const TestDaemon daemon;
     sysfs_.add_card("mmcblk0", "179:0");
     sysfs_.add_stick("sdb", "8:16", {}, {{"size", "0"}});
-    EXPECT_EQ(errand_scan(settings_), 0);
+    EXPECT_EQ(oneshot_scan(settings_), 0);
     EXPECT_EQ(daemon_told(), (Told{"+8:0", "+8:1", "+179:0"}));
 }
 
-TEST_F(ErrandTest, WaitsForTheDaemonNoLongerThanItIsTold)
+TEST_F(OneshotTest, WaitsForTheDaemonNoLongerThanItIsTold)
 {
     settings_.wait = 1;
     EXPECT_EQ(once("add", "/block/sda", 8, 0), 1);
-    EXPECT_EQ(errand_scan(settings_), 1);
+    EXPECT_EQ(oneshot_scan(settings_), 1);
     settings_.wait = 0;
     EXPECT_EQ(once("add", "/block/sda", 8, 0), 1);
     EXPECT_EQ(fake_log_texts().back(), "errand(#)the daemon cannot be reached, 1 messages dropped");
 }
 
-TEST_F(ErrandTest, WaitsForTheDaemonToCome)
+TEST_F(OneshotTest, WaitsForTheDaemonToCome)
 {
     settings_.wait = 60;
     const pid_t starter = fork();
@@ -161,7 +161,7 @@ TEST_F(ErrandTest, WaitsForTheDaemonToCome)
     kill(starter, SIGKILL);
 }
 
-TEST_F(ErrandTest, SendsAgainWhatWasNotRead)
+TEST_F(OneshotTest, SendsAgainWhatWasNotRead)
 {
     TestDaemonManners manners;
     manners.unread = 1;
@@ -170,17 +170,17 @@ TEST_F(ErrandTest, SendsAgainWhatWasNotRead)
     EXPECT_EQ(daemon_told(), (Told{"unread", "+8:0"}));
 }
 
-TEST_F(ErrandTest, FailsWhereThereIsNoLookingIntoSysfs)
+TEST_F(OneshotTest, FailsWhereThereIsNoLookingIntoSysfs)
 {
     settings_.sysfs = "/tmp/nothing";
-    EXPECT_EQ(errand_scan(settings_), 1);
-    const ChildResult result = run_child([this] { return errand_list(settings_); });
+    EXPECT_EQ(oneshot_scan(settings_), 1);
+    const ChildResult result = run_child([this] { return oneshot_list(settings_); });
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.err,
               std::string("vyhotplug-agent: /tmp/nothing/block: ") + strerror(ENOENT) + "\n");
 }
 
-TEST_F(ErrandTest, FailsWhereTheMountsCannotBeRead)
+TEST_F(OneshotTest, FailsWhereTheMountsCannotBeRead)
 {
     const TestDaemon daemon;
     unlink("/tmp/fake-proc/self/mountinfo");
@@ -188,7 +188,7 @@ TEST_F(ErrandTest, FailsWhereTheMountsCannotBeRead)
     EXPECT_EQ(daemon_told(), Told{});
 }
 
-TEST_F(ErrandTest, ListsWhatWouldBeTold)
+TEST_F(OneshotTest, ListsWhatWouldBeTold)
 {
     sysfs_.add_card("mmcblk0", "179:0");
     sysfs_.add_partition("mmcblk0", "mmcblk0p1", "179:1");
@@ -203,7 +203,7 @@ TEST_F(ErrandTest, ListsWhatWouldBeTold)
                           "# mmcblk0p1: not announced: mounted at /\n");
 }
 
-TEST_F(ErrandTest, ListsTheServicesMountsWhereTheStateFileNamesThem)
+TEST_F(OneshotTest, ListsTheServicesMountsWhereTheStateFileNamesThem)
 {
     TestDaemon daemon;
     settings_.state = "/tmp/list.state";

@@ -1,7 +1,8 @@
-#include "agent/daemon_peer.h"
+#include "agent/daemon.h"
 
 #include "lib/guard.h"
 #include "support/child.h"
+#include "support/files.h"
 #include "test_daemon.h"
 
 #include <errno.h>
@@ -9,28 +10,49 @@
 #include <poll.h>
 #include <string.h>
 
-TEST(DaemonConnect, FindsNoDaemonWhereThereIsNone)
+// Connects and tells which daemon is there.
+static CourierEvent meet(Courier* courier, DaemonIdentity* identity)
 {
-    EXPECT_EQ(daemon_connect(), -ECONNREFUSED);
+    return courier_advance(courier, true, 0, identity);
 }
 
-TEST(DaemonIdentify, TellsWhichProcessListens)
+static DaemonIdentity identify()
+{
+    Courier courier;
+    DaemonIdentity identity = {};
+    EXPECT_EQ(meet(&courier, &identity), COURIER_MET);
+    return identity;
+}
+
+TEST(DaemonIdentity, TellsWhichProcessListens)
 {
     TestDaemon daemon;
-    const FdGuard fd(daemon_connect());
-    ASSERT_GE(fd.get(), 0);
-    DaemonIdentity identity;
-    ASSERT_EQ(daemon_identify(fd.get(), &identity), 0);
+    const DaemonIdentity identity = identify();
     EXPECT_EQ(identity.pid, daemon.pid());
     EXPECT_GT(identity.start, 0U);
     EXPECT_EQ(strlen(identity.boot), 36U);
     EXPECT_TRUE(daemon_runs(identity));
     daemon.end();
     EXPECT_FALSE(daemon_runs(identity));
-    EXPECT_EQ(daemon_identify(fd.get(), &identity), -ESRCH);
 }
 
-TEST(DaemonIdentify, TellsDaemonsApart)
+// The listener's process has gone, its socket is another's: it is looked for again, later and
+// later.
+TEST(DaemonIdentity, IsNoneOfAProcessThatHasGone)
+{
+    const TestDaemon daemon(TestDaemonManners{.orphaned = true});
+    Courier courier;
+    DaemonIdentity identity = {};
+    uint64_t now = 1000;
+    for (const uint32_t pause : {250U, 500U, 1000U, 2000U, 2000U}) {
+        EXPECT_EQ(courier_advance(&courier, true, now, &identity), COURIER_WAITS);
+        EXPECT_EQ(courier_due(&courier, true), now + pause);
+        EXPECT_EQ(courier_descriptor(&courier), -1);
+        now += pause;
+    }
+}
+
+TEST(DaemonIdentity, TellsDaemonsApart)
 {
     const DaemonIdentity daemon = {1, 2, "boot"};
     EXPECT_TRUE(daemon_is_same(daemon, {1, 2, "boot"}));
@@ -42,9 +64,7 @@ TEST(DaemonIdentify, TellsDaemonsApart)
 TEST(DaemonRuns, DoesNotTakeAnotherProcessForIt)
 {
     const TestDaemon daemon;
-    const FdGuard fd(daemon_connect());
-    DaemonIdentity identity;
-    ASSERT_EQ(daemon_identify(fd.get(), &identity), 0);
+    const DaemonIdentity identity = identify();
     DaemonIdentity other = identity;
     other.start++; // the number is used again
     EXPECT_FALSE(daemon_runs(other));
@@ -58,17 +78,30 @@ TEST(DaemonRuns, DoesNotTakeAnotherProcessForIt)
 TEST(DaemonWatch, TellsWhenItEnds)
 {
     TestDaemon daemon;
-    const FdGuard fd(daemon_connect());
-    DaemonIdentity identity;
-    ASSERT_EQ(daemon_identify(fd.get(), &identity), 0);
+    const DaemonIdentity identity = identify();
     const FdGuard watch(daemon_watch(identity));
-    if (watch.get() == -1)
+    if (watch.get() == -ENOSYS)
         GTEST_SKIP() << "this system has no pidfd_open";
+    ASSERT_GE(watch.get(), 0);
     pollfd news = {.fd = watch.get(), .events = POLLIN, .revents = 0};
     EXPECT_EQ(poll(&news, 1, 0), 0);
     daemon.end();
     EXPECT_EQ(poll(&news, 1, 60000), 1);
     EXPECT_EQ(daemon_watch(identity), -ESRCH);
+}
+
+// Its number is used anew: the descriptor would be another process's.
+TEST(DaemonWatch, IsNotForAnotherProcessWithItsNumber)
+{
+    const TestDaemon daemon;
+    DaemonIdentity other = identify();
+    other.start++;
+    const int before = open_descriptors();
+    const int watch = daemon_watch(other);
+    if (watch == -ENOSYS)
+        GTEST_SKIP() << "this system has no pidfd_open";
+    EXPECT_EQ(watch, -ESRCH);
+    EXPECT_EQ(open_descriptors(), before);
 }
 
 TEST(DaemonWatch, IsNotForAProcessThatCannotBeSeen)
