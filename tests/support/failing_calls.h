@@ -1,35 +1,34 @@
-// The C library of a sweep: every allocation and every call that the service makes can be counted
-// and told to fail. Stands between the service's objects and libc (linker option --wrap), so the
-// tests' own containers and streams are not concerned. What goes through lib/sys.h fails through
-// the fake world.
+// Calls of the C library that fail where a test wants it. The calls of the product and of what is
+// linked with it come here first; what the C library calls itself does not. What goes through
+// lib/sys.h fails through the fake world. Functions go by the names in the sources: "open", not
+// "open64".
 #pragma once
+
+#include <stddef.h>
 
 #include <map>
 #include <string>
 
-// Starts afresh: counts from 0, nothing fails.
-void libc_reset();
+// Makes the nth call of a function from now on (1 = the next) fail with an errno, once. A close or
+// fclose is done before it fails.
+void call_fail(const std::string& function, int nth, int error);
 
-// Counts only while armed; disarmed, calls pass through unseen.
-void libc_arm();
-void libc_disarm();
+// Whether the planned failure has struck. Takes the plan back.
+bool call_failed();
 
-// What was counted since libc_reset.
-int libc_allocations();
-const std::map<std::string, int>& libc_calls();
+// From now on a read gives so many bytes at most, though there are more; 0: as many as are asked
+// for.
+void reads_cut(size_t most);
 
-// Makes the nth allocation (1 = first) fail, and with `onwards` each one after it.
-void libc_fail_allocation(int nth, bool onwards);
+// While watched, calls are counted, and a planned failure can strike; call_fail() begins it.
+void calls_watch(bool on);
 
-// Makes the nth call of a function fail with an errno. A close or fclose is done before it fails.
-void libc_fail_call(const std::string& function, int nth, int error);
+// While on, this thread's calls are overlooked: they are the test's own.
+void calls_overlook(bool on);
 
-// Whether a planned failure has struck.
-bool libc_struck();
+// What was counted, and how many streams were opened and not closed, since calls_reset().
+std::map<std::string, int> calls_counted();
+size_t streams_kept();
 
-// Memory and streams that the service got since libc_reset and has not given back, in words; "" for
-// none, or no more than the allocations allowed for.
-std::string libc_leaks(size_t allowed = 0);
-
-// Frees that memory: for what outlives a run on purpose.
-void libc_free_kept();
+// No plan, no watch, nothing counted, no reads cut.
+void calls_reset();

@@ -66,8 +66,10 @@ class DaemonTest : public testing::Test {
         pauses++;
         if (next_step < steps.size())
             steps[next_step++]();
-        else
+        else {
             flag_set(&ctx.running, 0);
+            fake_world().impatient = true;
+        }
     }
 
     // Sends a message and waits until it is queued. Returns the connection.
