@@ -1,5 +1,6 @@
 #!/bin/bash
 # usage: debian_root.sh FOLDER
+#        debian_root.sh --ways ROOT   tells a root this machine's ways to the packages
 #
 # Makes a small Debian system below FOLDER, once, and prints where it is. Beside its root lie the packages
 # that the tests install into copies of it, so that they need no network then. It is taken from where this
@@ -57,6 +58,7 @@ make_root() {
     return 1
 }
 
+[ "$1" != --ways ] || { copy_ways "$2" && exit; }
 mkdir -p "$1"
 [ -n "$(sources)" ] || apt-get update -q >&2
 folder=$1/$(key)

@@ -3,8 +3,8 @@
 
 usage: count.py [--may-skip] RESULT_DIRECTORY
 
-Reads its *.xml and the file "failed", a line for each lane or part of one that failed. Where beside NAME.xml there
-is a folder NAME.cases, each test of NAME.xml is a program, and its cases, in the folder, are counted in its place.
+Reads its *.xml and the file "failed", a line for each lane or part of one that failed. A test unit.* or sweep.* of
+NAME.xml is a program: its cases, in a file of its own in the folder NAME.cases, are counted in its place.
 A test that was skipped has failed, unless its reason is one that no package could mend or --may-skip is given.
 
 Exits with 0 when something passed and nothing failed. What failed without a failed test (it did not build, say)
@@ -18,6 +18,7 @@ import sys
 import xml.etree.ElementTree as ElementTree
 
 SKIPPED_IN_PYTHON = re.compile(r"skipped (?:'([^']*)'|\"([^\"]*)\")")
+PROGRAMS = ("unit.", "sweep.")
 CANNOT_BE_MENDED = ("this kernel", "this system", "a test before it failed", "the scenario ended before")
 
 Case = collections.namedtuple("Case", "name status reason")
@@ -56,9 +57,8 @@ def all_cases(results, broken):
         cases = read_cases(path)
         if cases is None:
             broken.append(path.stem)
-        folder = path.with_suffix(".cases")
         for case in cases or []:
-            for one in cases_of(case, folder) if folder.is_dir() else [case]:
+            for one in cases_of(case, path.with_suffix(".cases")) if case.name.startswith(PROGRAMS) else [case]:
                 yield path.stem, one
 
 

@@ -20,10 +20,10 @@ def main():
     cases = results / "self.cases"
     cases.mkdir(parents=True, exist_ok=True)
     run = subprocess.run([build / "bin/world", "--keep", source, "--keep", build, "--", build / "bin/bad_cases",
-                          f"--results={cases}/self.bad.xml", "--limit=2"], check=False, cwd="/")
+                          f"--results={cases}/unit.bad.xml", "--limit=2"], check=False, cwd="/")
     found = {case.get("name").split(".")[1]: case.get("status")
-             for case in ElementTree.parse(cases / "self.bad.xml").iter("testcase")}
-    (results / "self.xml").write_text('<testsuite><testcase name="self.bad" status="fail"/></testsuite>')
+             for case in ElementTree.parse(cases / "unit.bad.xml").iter("testcase")}
+    (results / "self.xml").write_text('<testsuite><testcase name="unit.bad" status="fail"/></testsuite>')
     count = subprocess.run([sys.executable, "-B", source / "tests/support/count.py", results], check=False,
                            stdout=subprocess.PIPE, text=True)
     print(count.stdout)
