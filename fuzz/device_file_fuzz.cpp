@@ -125,9 +125,8 @@ static std::string as_loaded_again(const std::string& file)
     return result;
 }
 
-int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+void fuzz(Input& input)
 {
-    Input input(data, size);
     const std::string text = input.rest();
     check_user_list(text.c_str());
     put_file(device_file, text);
@@ -141,5 +140,4 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     check_same(load_and_save(&bracket), second, "saved once more");
     unlink(device_file);
     fake_world_reset();
-    return 0;
 }

@@ -162,9 +162,8 @@ static void check_listed(const std::vector<std::string>& known)
     check_same(text, wanted, "the list");
 }
 
-int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+void fuzz(Input& input)
 {
-    Input input(data, size);
     const std::string identifier = input.line().c_str();
     put_file(device_file, input.field());
     put_file(share_file, input.field());
@@ -174,5 +173,4 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     check_described(identifier, known);
     for (size_t i = 0; i < known.size() && i < most_identifiers; i++)
         check_described(known[i], known);
-    return 0;
 }

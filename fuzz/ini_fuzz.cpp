@@ -11,11 +11,9 @@
 
 #include <algorithm>
 
-static constexpr char file[] = "/tmp/fuzz.ini";
 static constexpr size_t most_sections = 2; // asked for of those that the file lists
 static constexpr size_t most_keys = 2;     // asked for of those that stand in the file
 
-// What the reader under test answers, by whichever of its two ways.
 static IniOracleAnswer answer_of(int result, char* value, const char* untouched)
 {
     if (result == 0) {
@@ -44,24 +42,15 @@ static void check_words(const std::string& value)
     check_equal(string_yes_no(text), yes ? 1 : no ? 0 : -1, "yes or no");
 }
 
-static void check_lookup(const IniDoc* doc, const char* section, const std::string& key,
-                         int32_t occurrence)
+static void check_lookup(const IniDoc* doc, const IniOracle& oracle, const char* section,
+                         const std::string& key, int32_t occurrence)
 {
-    const IniOracleAnswer wanted = ini_oracle_get_string(file, section, key, occurrence);
+    const IniOracleAnswer wanted = oracle.get_string(section, key, occurrence);
     char untouched = 0;
     char* value = &untouched;
     const int result = ini_doc_get_string(doc, section, key.c_str(), &value, occurrence);
     compare(answer_of(result, value, &untouched), wanted);
     check_words(wanted.value);
-}
-
-static void check_lookup_of_file(const char* section, const std::string& key, int32_t occurrence)
-{
-    const IniOracleAnswer wanted = ini_oracle_get_string(file, section, key, occurrence);
-    char untouched = 0;
-    char* value = &untouched;
-    const int result = config_get_ini_string(file, section, key.c_str(), &value, occurrence);
-    compare(answer_of(result, value, &untouched), wanted);
 }
 
 static std::vector<std::string> texts_of(vylist* list)
@@ -73,16 +62,12 @@ static std::vector<std::string> texts_of(vylist* list)
     return texts;
 }
 
-static std::vector<std::string> check_section_list(const IniDoc* doc)
+static std::vector<std::string> check_section_list(const IniDoc* doc, const IniOracle& oracle)
 {
-    std::vector<std::string> wanted;
-    check_equal(ini_oracle_section_list(file, &wanted), 0, "the second reader's section list");
-    SectionListGuard of_text;
-    check_equal(ini_doc_get_section_list(doc, of_text.out()), 0, "the text's section list");
-    check_list(texts_of(of_text.get()), wanted, "the text's sections");
-    SectionListGuard of_file;
-    check_equal(config_get_section_list(file, of_file.out()), 0, "the file's section list");
-    check_list(texts_of(of_file.get()), wanted, "the file's sections");
+    const std::vector<std::string> wanted = oracle.section_list();
+    SectionListGuard list;
+    check_equal(ini_doc_get_section_list(doc, list.out()), 0, "the section list");
+    check_list(texts_of(list.get()), wanted, "the sections");
     return wanted;
 }
 
@@ -102,30 +87,27 @@ static std::vector<std::string> keys_in(const std::string& text)
     return keys;
 }
 
-int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+void fuzz(Input& input)
 {
-    Input input(data, size);
     const std::string section = input.line().c_str();
     const std::string key = input.line().c_str();
     const auto occurrence = static_cast<int32_t>(input.number(INT32_MIN, INT32_MAX));
     const std::string text = input.rest();
-    put_file(file, text);
+    const IniOracle oracle(text);
     IniDocGuard doc;
     check_equal(ini_doc_parse(text.data(), text.size(), doc.out()), 0, "the text is taken");
 
-    check_lookup_of_file(section.c_str(), key, occurrence);
-    std::vector<std::string> sections = check_section_list(doc.get());
+    std::vector<std::string> sections = check_section_list(doc.get(), oracle);
     if (sections.size() > most_sections)
         sections.resize(most_sections);
     sections.push_back(section);
     std::vector<std::string> keys = keys_in(text);
     keys.push_back(key);
     for (const std::string& asked : keys) {
-        check_lookup(doc.get(), nullptr, asked, INI_LAST);
+        check_lookup(doc.get(), oracle, nullptr, asked, INI_LAST);
         for (const std::string& name : sections) {
-            check_lookup(doc.get(), name.c_str(), asked, INI_LAST);
-            check_lookup(doc.get(), name.c_str(), asked, occurrence);
+            check_lookup(doc.get(), oracle, name.c_str(), asked, INI_LAST);
+            check_lookup(doc.get(), oracle, name.c_str(), asked, occurrence);
         }
     }
-    return 0;
 }

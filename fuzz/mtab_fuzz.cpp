@@ -86,9 +86,8 @@ static void check_remove(const std::string& node, const std::string& directory)
                 "no line is left of ours, and none has come");
 }
 
-int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+void fuzz(Input& input)
 {
-    Input input(data, size);
     const std::string node = "/dev/" + std::string(input.line().c_str());
     const std::string directory = "/mnt/" + std::string(input.line().c_str());
     const std::string table = input.rest();
@@ -100,5 +99,4 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         check_append(node, directory);
     check_remove(node, directory);
     fake_world_reset();
-    return 0;
 }

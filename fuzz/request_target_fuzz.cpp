@@ -169,9 +169,8 @@ static void add_entry(BusyWorld* world, const std::string& line, std::vector<Ent
     entries->push_back(entry);
 }
 
-int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+void fuzz(Input& input)
 {
-    Input input(data, size);
     const std::string text = std::string(input.line().c_str()).substr(0, HOTPLUG_TARGET_SIZE - 1);
     const bool mounting = input.line() != "unmount";
     const bool force = input.number(0, 1) == 1;
@@ -195,5 +194,4 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     check_equal(result, wanted, "the request's result");
     check_tried(selected, mounting);
     check_states(entries, selected, mounting, force);
-    return 0;
 }

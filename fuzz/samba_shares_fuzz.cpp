@@ -146,9 +146,9 @@ static std::vector<ExportedShare> select(const ShareTable* table)
     return shares;
 }
 
-int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+void fuzz(Input& input)
 {
-    const std::string file = Input(data, size).rest();
+    const std::string file = input.rest();
     IniDocGuard doc;
     check_equal(ini_doc_parse(file.data(), file.size(), doc.out()), 0, "the file is read");
     Notes notes = {};
@@ -178,5 +178,4 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     check_equal(static_cast<int64_t>(count_closed(text.get(), "[global]\n")),
                 static_cast<int64_t>(shares.size()), "everything goes");
     (void)count_closed(file.c_str(), text.get()); // an old file may be anything
-    return 0;
 }

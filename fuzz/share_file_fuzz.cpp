@@ -352,9 +352,8 @@ static void check_withdrawal(const BusyWorld& world)
     check_same(get_file(world.share_file.c_str()), wanted, "the file with the withdrawn shares");
 }
 
-int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+void fuzz(Input& input)
 {
-    Input input(data, size);
     BusyWorld world;
     Setting setting = read_setting(input.line());
     setting.tool_status &= 0xFF;
@@ -375,5 +374,4 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (!may_have_other_lines(world, setting))
         check_lines(get_file(world.share_file.c_str()));
     check_withdrawal(world);
-    return 0;
 }

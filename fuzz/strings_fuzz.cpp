@@ -129,9 +129,8 @@ static void check_read(const std::string& text, size_t size)
                text.substr(0, size), "str_read");
 }
 
-int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+void fuzz(Input& input)
 {
-    Input input(data, size);
     const auto buffer_size = static_cast<int32_t>(input.number(-2, 600));
     const auto base = static_cast<int>(input.number(-1, 40));
     const auto dividend = static_cast<uint64_t>(input.number(INT64_MIN, INT64_MAX));
@@ -145,5 +144,4 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     check_division(dividend, divisor);
     check_time(dividend, buffer_size, divisor);
     check_read(bytes.substr(0, 4096), buffer_size > 0 ? static_cast<size_t>(buffer_size) : 0);
-    return 0;
 }

@@ -90,14 +90,7 @@ def output(*command, **options):
 
 
 def wait_until(what, condition, limit=LIMIT, pause=0.01):
-    end = time.monotonic() + limit
-    while True:
-        value = condition()
-        if value:
-            return value
-        if time.monotonic() > end:
-            raise RuntimeError(f"still not so after {limit} s: {what}")
-        time.sleep(pause)
+    return vyworld.testkit.wait_until(what, condition, limit, pause)
 
 
 def end_process(process):

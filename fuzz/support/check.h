@@ -8,9 +8,11 @@
 #include <string_view>
 #include <vector>
 
-// Runs one input. Always returns 0; a check that does not hold ends the process, and the fuzzer
-// keeps the input.
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
+class Input;
+
+// A target: runs one input. A check that does not hold ends the process, and the fuzzer keeps the
+// input. What it has logged is forgotten behind it.
+void fuzz(Input& input);
 
 // End the process with `what` when it does not hold, or when the two differ, which are then shown.
 void check(bool holds, const char* what);

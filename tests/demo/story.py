@@ -5,7 +5,6 @@ import os
 import shutil
 import subprocess
 import sys
-import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "system"))
 import samba_world  # noqa: E402
@@ -37,12 +36,7 @@ def run(*command):
 
 
 def wait_for(what, condition):
-    end = time.monotonic() + LIMIT
-    while not condition():
-        if time.monotonic() > end:
-            say(f"This did not happen within {LIMIT} s: {what}")
-            sys.exit(1)
-        time.sleep(0.02)
+    return vyworld.testkit.wait_until(what, condition, LIMIT)
 
 
 def show_mounts():

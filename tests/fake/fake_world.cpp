@@ -9,6 +9,7 @@
 #include <sys/select.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -51,6 +52,7 @@ int note(const std::string& call, const std::string& arguments)
         if (failure.every || --failure.left == 0)
             error = failure.error;
     }
+    state.world.failed += error != 0 ? 1 : 0;
     return -error;
 }
 
@@ -401,6 +403,29 @@ int sys_nanosleep(const timespec* interval, timespec* rest)
     return result;
 }
 
+// Waits until the descriptor is ready, the time has passed, or the test has no patience any more.
+static int wait_for_real(int fd, SysDirection direction, timeval* limit)
+{
+    static constexpr timeval step = {.tv_sec = 0, .tv_usec = 10000};
+    const bool readable = direction == SYS_READABLE;
+    for (;;) {
+        fd_set set;
+        FD_ZERO(&set);
+        FD_SET(fd, &set);
+        timeval wait = limit != nullptr && timercmp(limit, &step, <) ? *limit : step;
+        const timeval asked = wait;
+        const int ready =
+            select(fd + 1, readable ? &set : nullptr, readable ? nullptr : &set, nullptr, &wait);
+        if (ready != 0)
+            return ready < 0 ? -errno : ready;
+        if (limit != nullptr)
+            timersub(limit, &asked, limit);
+        const Lock lock(mutex);
+        if ((limit != nullptr && !timerisset(limit)) || state.world.impatient)
+            return 0;
+    }
+}
+
 // Waits for real: the descriptors are real ones. What was waited for is noted as "fd direction
 // usec".
 int sys_select_one(int fd, SysDirection direction, timeval* limit)
@@ -423,11 +448,5 @@ int sys_select_one(int fd, SysDirection direction, timeval* limit)
     }
     if (fd < 0 || fd >= FD_SETSIZE)
         return -EBADF;
-    fd_set set;
-    FD_ZERO(&set);
-    FD_SET(fd, &set);
-    const bool readable = direction == SYS_READABLE;
-    const int ready =
-        select(fd + 1, readable ? &set : nullptr, readable ? nullptr : &set, nullptr, limit);
-    return ready < 0 ? -errno : ready;
+    return wait_for_real(fd, direction, limit);
 }

@@ -52,6 +52,9 @@ struct FakeWorld {
     // moved on by its whole time.
     int select_expires = 0;
 
+    // From now on a select that finds nothing ready does not wait for its time to pass.
+    bool impatient = false;
+
     // Called at each sleep with its microseconds, in the thread that sleeps, the world unlocked:
     // the place for a test to step in while a loop runs.
     std::function<void(uint64_t usec)> on_sleep;
@@ -71,6 +74,7 @@ struct FakeWorld {
     uint64_t realtime_usec = 1700000000000000;
     uint64_t slept_usec = 0;
     int syncs = 0;
+    int failed = 0; // calls that failed because the test wanted it
 
     // Journal entries that begin with `prefix`.
     std::vector<std::string> calls(const std::string& prefix) const;

@@ -12,9 +12,9 @@ import pathlib
 import shutil
 import sys
 import time
-import xml.etree.ElementTree as ElementTree
 
 import debian_world
+from debian_world import testkit
 from test_busybox import BusyboxInit, BusyboxScript
 from test_chain import Chain, Names
 from test_completion import Completion
@@ -71,15 +71,13 @@ def run_all(order, scenarios):
     return results
 
 
-def report(suite, scenario, results):
-    """Adds the scenario's tests to the results, and tells of those that did not pass."""
+def report(scenario, results):
+    """The scenario's tests, for the results; tells of those that did not pass."""
     for result in results:
         words = result["name"].removeprefix("test_").replace("_", " ")
-        case = ElementTree.SubElement(suite, "testcase", name=f"packages.{scenario.__name__}.{words}",
-                                      status=result["status"], time=str(result["time"]))
         if result["status"] != "run":
-            case.text = result["message"].encode("ascii", "backslashreplace").decode()
             print(f"{result['status']}: {scenario.__name__}: {words}\n{result['message'][-1500:]}")
+        yield f"packages.{scenario.__name__}.{words}", result["status"], result["time"], result["message"]
 
 
 def keep_logs(order, packages, results):
@@ -102,13 +100,12 @@ def main():
     chosen = [Install, *map(by_name.get, sys.argv[4:])] if sys.argv[4:] else SCENARIOS
     order = Order(debian, packages)
     results = run_all(order, chosen)
-    suite = ElementTree.Element("testsuite", name="packages")
-    for scenario in chosen:
-        report(suite, scenario, results.get(scenario) or debian_world.missing_results(scenario, set()))
-    ElementTree.ElementTree(suite).write(path, encoding="utf-8", xml_declaration=True)
+    told = [test for scenario in chosen for test in
+            report(scenario, results.get(scenario) or debian_world.missing_results(scenario, set()))]
+    testkit.write_results(path, "packages", told)
     keep_logs(order, packages, results)
     shutil.rmtree(order.installed, ignore_errors=True)  # large
-    states = [case.get("status") for case in suite]
+    states = [status for _, status, _, _ in told]
     print(f"{states.count('run')} passed, {states.count('fail')} failed, {states.count('notrun')} skipped")
     return 0 if "run" in states and "fail" not in states else 1
 

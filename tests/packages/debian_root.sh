@@ -1,5 +1,6 @@
 #!/bin/bash
 # usage: debian_root.sh FOLDER
+#        debian_root.sh --ways ROOT   tells a root this machine's ways to the packages
 #
 # Makes a minimal Debian system below FOLDER, once, and prints where it is. It has the packages that the tests install
 # later in its archive, so that these need no network. They come from where this machine gets its own.
@@ -57,6 +58,7 @@ make_root() {
     return 1
 }
 
+[ "$1" != --ways ] || { copy_ways "$2" && exit; }
 mkdir -p "$1"
 [ -n "$(sources)" ] || apt-get update -q >&2
 folder=$1/$(key)

@@ -27,6 +27,7 @@ import unittest
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path[:0] = [os.path.join(os.path.dirname(HERE), folder) for folder in ("system", "lint")]
 import vyworld  # noqa: E402
+from vyworld import testkit  # noqa: E402
 
 LIMIT = 120  # seconds; nothing takes this long unless it hangs
 SCENARIO_LIMIT = 900  # seconds, for all of a scenario
@@ -235,14 +236,7 @@ class Scenario(unittest.TestCase):
 
     def wait_until(self, what, condition, limit=LIMIT):
         """Returns the condition's first true value."""
-        end = time.monotonic() + limit
-        while True:
-            value = condition()
-            if value:
-                return value
-            if time.monotonic() > end:
-                self.fail(f"still not true after {limit} s: {what}")
-            time.sleep(0.05)
+        return testkit.wait_until(what, condition, limit, 0.05)
 
     # ---- processes and mounts ----
 

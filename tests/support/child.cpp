@@ -50,9 +50,9 @@ ChildResult run_main(int (*main_function)(int argc, char* argv[]),
     return run_child([&] { return call_main(main_function, arguments); });
 }
 
-bool wait_for(const std::function<bool()>& condition)
+bool wait_for(const std::function<bool()>& condition, int msec)
 {
-    for (int looks = 0; looks < 60000; looks++) {
+    for (int looks = 0; looks < msec; looks++) {
         if (condition())
             return true;
         usleep(1000);

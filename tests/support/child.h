@@ -21,5 +21,5 @@ ChildResult run_main(int (*main_function)(int argc, char* argv[]),
 // Calls a main function in this process.
 int call_main(int (*main_function)(int argc, char* argv[]), std::vector<std::string> arguments);
 
-// Waits until `condition` holds, for a minute at most. Returns whether it does.
-bool wait_for(const std::function<bool()>& condition);
+// Waits until `condition` holds, for a minute at most unless told. Returns whether it does.
+bool wait_for(const std::function<bool()>& condition, int msec = 60000);

@@ -1,20 +1,27 @@
 #include "support/failing_memory.h"
 
 #include <errno.h>
-#include <stddef.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include <atomic>
+#include <mutex>
 #include <new>
+#include <set>
 
 static std::atomic<int> left; // allocations until one fails; 0: none will
+static std::atomic<bool> onwards_too;
 static std::atomic<bool> struck;
 static std::atomic<long> blocks;
+static std::atomic<bool> watched;
+static std::atomic<int> allocations;
+static std::mutex mutex;
+static std::set<void*> kept; // while watched
 
-void memory_fail(int nth)
+void memory_fail(int nth, bool onwards)
 {
     struck = false;
+    onwards_too = onwards;
     left = nth;
 }
 
@@ -29,10 +36,40 @@ long memory_blocks()
     return blocks;
 }
 
+void memory_watch(bool on)
+{
+    const std::lock_guard<std::mutex> lock(mutex);
+    if (on) {
+        allocations = 0;
+        kept.clear();
+    }
+    watched = on;
+}
+
+int memory_allocations()
+{
+    return allocations;
+}
+
+size_t memory_kept()
+{
+    const std::lock_guard<std::mutex> lock(mutex);
+    return kept.size();
+}
+
+void memory_reset()
+{
+    memory_fail(0);
+    memory_watch(false);
+}
+
 static bool runs_out()
 {
+    allocations += watched ? 1 : 0;
     if (left == 0 || --left != 0)
         return false;
+    if (onwards_too)
+        left = 1;
     struck = true;
     errno = ENOMEM;
     return true;
@@ -40,12 +77,26 @@ static bool runs_out()
 
 static void* counted(void* block)
 {
-    if (block != nullptr)
-        blocks++;
+    if (block == nullptr)
+        return block;
+    blocks++;
+    if (watched) {
+        const std::lock_guard<std::mutex> lock(mutex);
+        kept.insert(block);
+    }
     return block;
 }
 
-// The linker's names for "instead of" and "the real one" (ld --wrap).
+static void given_back(void* block)
+{
+    if (block == nullptr)
+        return;
+    blocks--;
+    const std::lock_guard<std::mutex> lock(mutex);
+    kept.erase(block);
+}
+
+// The linker turns a call of NAME into one of __wrap_NAME, and __real_NAME into NAME.
 extern "C" {
 
 void* __real_malloc(size_t size);
@@ -74,10 +125,8 @@ void* __wrap_realloc(void* block, size_t size)
 {
     if (runs_out())
         return nullptr;
-    void* moved = __real_realloc(block, size);
-    if (block == nullptr)
-        counted(moved);
-    return moved;
+    given_back(block); // before it is somebody else's
+    return counted(__real_realloc(block, size));
 }
 
 char* __wrap_strdup(const char* text)
@@ -98,12 +147,22 @@ char* __wrap_strndup(const char* text, size_t size)
 
 void __wrap_free(void* block)
 {
-    if (block != nullptr)
-        blocks--;
+    given_back(block);
     __real_free(block);
 }
 
 } // extern "C"
+
+void memory_free_kept()
+{
+    std::set<void*> all;
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        all.swap(kept);
+    }
+    for (void* block : all)
+        __wrap_free(block);
+}
 
 // The test's own containers are not concerned, even where the C++ library is linked statically and
 // takes its memory from here.

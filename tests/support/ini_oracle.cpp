@@ -6,30 +6,6 @@
 
 static const std::string blanks = " \t";
 
-// One line, without the line feed, carriage return or NUL that ends it. False when the file is at
-// its end before the first character.
-static bool read_line(FILE* file, std::string* line)
-{
-    line->clear();
-    int c = fgetc(file);
-    if (c == EOF)
-        return false;
-    while (c != EOF && c != '\n' && c != '\r' && c != '\0') {
-        line->push_back(static_cast<char>(c));
-        c = fgetc(file);
-    }
-    return true;
-}
-
-static std::vector<std::string> read_lines(FILE* file)
-{
-    std::vector<std::string> lines;
-    std::string line;
-    while (read_line(file, &line))
-        lines.push_back(line);
-    return lines;
-}
-
 static std::string upper_case(std::string text)
 {
     for (char& c : text)
@@ -60,90 +36,120 @@ static std::string reduce_key(const std::string& key)
     return upper_case(reduced.substr(0, 511));
 }
 
-// Whether a lookup of that section takes the line for its header.
-static bool is_header_of(const std::string& line, const std::string& section)
+// What stands between a line's brackets, when it begins with one; the name ends at the `close`th
+// character.
+static std::string name_in(const std::string& text, size_t close)
 {
-    const std::string text = without_leading_blanks(line);
-    if (text.empty() || text[0] != '[')
-        return false;
-    const size_t close = text.find(']');
-    if (close == std::string::npos)
-        return false;
-    return upper_case(text.substr(1, close - 1)) == upper_case(section);
+    return text.substr(1, close - 1);
 }
 
-static bool ends_section(const std::string& line)
+IniOracle::Line IniOracle::read_line(const std::string& text)
 {
-    return !line.empty() && line[0] == '[' && line.find(']') != std::string::npos;
+    Line line;
+    const std::string inside = without_leading_blanks(text);
+    const bool opens = !inside.empty() && inside[0] == '[';
+    const size_t first = inside.find(']');
+    const size_t last = inside.rfind(']');
+    line.is_header = opens && first != std::string::npos;
+    if (line.is_header)
+        line.header = upper_case(name_in(inside, first));
+    line.ends_section = !text.empty() && text[0] == '[' && first != std::string::npos;
+    line.is_listed = line.is_header && last > 1 &&
+                     inside.find_first_not_of(blanks, last + 1) == std::string::npos;
+    if (line.is_listed)
+        line.listed = name_in(inside, last);
+    const size_t equals = text.find('=');
+    line.is_entry = equals != std::string::npos;
+    if (line.is_entry) {
+        line.key = reduce_key(text.substr(0, equals));
+        line.value = without_outer_blanks(text.substr(equals + 1)).substr(0, 2047);
+    }
+    return line;
 }
 
-// The number of the line behind the last header of the section; -1 without one.
-static int first_line_of(const std::vector<std::string>& lines, const char* section)
+// A line ends at a line feed, a carriage return or a zero byte; behind the last one is none.
+IniOracle::IniOracle(const std::string& text)
+{
+    const std::string ends("\n\r\0", 3);
+    for (size_t at = 0; at < text.size();) {
+        const size_t end = text.find_first_of(ends, at);
+        lines_.push_back(read_line(text.substr(at, end - at)));
+        at = end == std::string::npos ? text.size() : end + 1;
+    }
+}
+
+// The number of the line behind the last header of the section; 0 without a name, npos without a
+// header.
+size_t IniOracle::first_line_of(const char* section) const
 {
     if (section == nullptr || *section == '\0')
         return 0;
-    int found = -1;
-    for (size_t i = 0; i < lines.size(); i++) {
-        if (is_header_of(lines[i], section))
-            found = static_cast<int>(i) + 1;
+    const std::string name = upper_case(section);
+    size_t found = std::string::npos;
+    for (size_t i = 0; i < lines_.size(); i++) {
+        if (lines_[i].is_header && lines_[i].header == name)
+            found = i + 1;
     }
     return found;
 }
 
-// Every value of the key in the section that begins at that line, in file order.
-static std::vector<std::string> values_of(const std::vector<std::string>& lines, int first,
-                                          const std::string& key)
+IniOracleAnswer IniOracle::get_string(const char* section, const std::string& key,
+                                      int32_t occurrence) const
 {
-    std::vector<std::string> values;
-    for (size_t i = static_cast<size_t>(first); i < lines.size(); i++) {
-        if (ends_section(lines[i]))
-            break;
-        const size_t equals = lines[i].find('=');
-        if (equals == std::string::npos)
+    const size_t first = first_line_of(section);
+    if (first == std::string::npos)
+        return {-1, ""};
+    const std::string reduced = reduce_key(key);
+    const Line* found = nullptr;
+    int32_t count = 0;
+    for (size_t i = first; i < lines_.size() && !lines_[i].ends_section; i++) {
+        if (!lines_[i].is_entry || lines_[i].key != reduced)
             continue;
-        if (reduce_key(lines[i].substr(0, equals)) == reduce_key(key))
-            values.push_back(without_outer_blanks(lines[i].substr(equals + 1)).substr(0, 2047));
+        count++;
+        if (occurrence == -1 || occurrence == count)
+            found = &lines_[i];
     }
-    return values;
+    return found != nullptr ? IniOracleAnswer{0, found->value} : IniOracleAnswer{-ENOENT, ""};
+}
+
+std::vector<std::string> IniOracle::section_list() const
+{
+    std::vector<std::string> names;
+    for (const Line& line : lines_) {
+        if (line.is_listed)
+            names.push_back(line.listed);
+    }
+    return names;
+}
+
+// ---- files ----
+
+static bool read_all(const std::string& path, std::string* text)
+{
+    FILE* file = fopen(path.c_str(), "rb");
+    if (file == nullptr)
+        return false;
+    for (int c = fgetc(file); c != EOF; c = fgetc(file))
+        text->push_back(static_cast<char>(c));
+    fclose(file);
+    return true;
 }
 
 IniOracleAnswer ini_oracle_get_string(const std::string& path, const char* section,
                                       const std::string& key, int32_t occurrence)
 {
-    FILE* file = fopen(path.c_str(), "rb");
-    if (file == nullptr)
+    std::string text;
+    if (!read_all(path, &text))
         return {-EIO, ""};
-    const std::vector<std::string> lines = read_lines(file);
-    fclose(file);
-    const int first = first_line_of(lines, section);
-    if (first < 0)
-        return {-1, ""};
-    const std::vector<std::string> values = values_of(lines, first, key);
-    if (occurrence == -1 && !values.empty())
-        return {0, values.back()};
-    if (occurrence >= 1 && static_cast<size_t>(occurrence) <= values.size())
-        return {0, values[static_cast<size_t>(occurrence) - 1]};
-    return {-ENOENT, ""};
+    return IniOracle(text).get_string(section, key, occurrence);
 }
 
 int ini_oracle_section_list(const std::string& path, std::vector<std::string>* names)
 {
-    FILE* file = fopen(path.c_str(), "rb");
-    if (file == nullptr)
+    std::string text;
+    if (!read_all(path, &text))
         return -EIO;
-    std::string line;
-    while (read_line(file, &line)) {
-        const std::string text = without_leading_blanks(line);
-        if (text.empty() || text[0] != '[')
-            continue;
-        const size_t close = text.rfind(']');
-        if (close == std::string::npos)
-            continue;
-        if (text.find_first_not_of(blanks, close + 1) != std::string::npos)
-            continue;
-        if (close > 1)
-            names->push_back(text.substr(1, close - 1));
-    }
-    fclose(file);
+    for (const std::string& name : IniOracle(text).section_list())
+        names->push_back(name);
     return 0;
 }

@@ -4,8 +4,9 @@
 #include "core/recieve.h"
 #include "fake/fake_world.h"
 #include "lib/guard.h"
+#include "support/child.h"
+#include "support/failing_calls.h"
 #include "support/files.h"
-#include "sweep/failing_libc.h"
 #include "sweep/sweep.h"
 
 #include <gtest/gtest.h>
@@ -28,7 +29,7 @@ constexpr char message[] = "ACTION=add,MAJOR=8,MINOR=1,SID=ABC";
 // message closes at once. What the sender does is not counted among the daemon's calls.
 void send_message(const std::string& text)
 {
-    libc_disarm();
+    calls_overlook(true);
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
@@ -39,7 +40,7 @@ void send_message(const std::string& text)
         poll(&wait, 1, 3000);
     }
     close(fd);
-    libc_arm();
+    calls_overlook(false);
 }
 
 struct DaemonRun {
@@ -47,11 +48,37 @@ struct DaemonRun {
     int pauses = 0;
     int result = 0;
 
+    // How often the receive thread has begun to wait for a connection.
+    static size_t waits()
+    {
+        size_t count = 0;
+        for (const std::string& call : fake_world().calls("select "))
+            count += call.find(" 0 1000000") != std::string::npos ? 1 : 0;
+        return count;
+    }
+
+    // Waits until it has done so more often, or has ended.
+    bool receives(size_t before)
+    {
+        EXPECT_TRUE(
+            wait_for([this, before] { return waits() > before || flag_get(&ctx.running) == 0; }));
+        return flag_get(&ctx.running) != 0;
+    }
+
+    void plug()
+    {
+        if (!receives(0))
+            return;
+        const size_t before = waits();
+        send_message(message);
+        receives(before);
+    }
+
     void idle()
     {
         pauses++;
         if (pauses == 2)
-            send_message(message);
+            plug();
         if (pauses >= pauses_of_a_run) {
             flag_set(&ctx.running, 0);
             send_message(""); // wakes the receive thread

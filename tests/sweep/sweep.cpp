@@ -2,8 +2,9 @@
 
 #include "fake/fake_log.h"
 #include "fake/fake_world.h"
+#include "support/failing_calls.h"
+#include "support/failing_memory.h"
 #include "support/files.h"
-#include "sweep/failing_libc.h"
 
 #include <gtest/gtest.h>
 
@@ -14,11 +15,6 @@
 #include <vector>
 
 namespace {
-
-struct Failing {
-    std::string call;
-    std::vector<int> errors;
-};
 
 // What really occurs. A call that is not listed fails with EIO and ENOMEM.
 const std::map<std::string, std::vector<int>> errors_of = {
@@ -31,7 +27,7 @@ const std::map<std::string, std::vector<int>> errors_of = {
     {"fclose", {EIO, ENOSPC}},
     {"fflush", {EIO, ENOSPC}},
     {"flock", {EWOULDBLOCK, EINTR}},
-    {"fopen64", {EMFILE, ENOSPC, EROFS}},
+    {"fopen", {EMFILE, ENOSPC, EROFS}},
     {"fprintf", {EIO, ENOSPC}},
     {"fputc", {EIO, ENOSPC}},
     {"fputs", {EIO, ENOSPC}},
@@ -40,7 +36,7 @@ const std::map<std::string, std::vector<int>> errors_of = {
     {"mknod", {ENOSPC, EROFS, EEXIST}},
     {"mount", {EIO, EBUSY, EROFS, EACCES, EINVAL}},
     {"nanosleep", {EINTR, EINVAL}},
-    {"open64", {EMFILE, ENOENT, EACCES}},
+    {"open", {EMFILE, ENOENT, EACCES}},
     {"pipe", {EMFILE, ENFILE}},
     {"pthread_attr_init", {ENOMEM}},
     {"pthread_attr_setstacksize", {EINVAL}},
@@ -68,20 +64,23 @@ std::vector<int> errors(const std::string& call)
     return found == errors_of.end() ? std::vector<int>{EIO, ENOMEM} : found->second;
 }
 
-// One whole run. `plan` is made between prepare and run.
-void run_once(const Scenario& scenario, const std::function<void()>& plan,
-              const std::function<bool()>& struck, const std::string& what)
+// One whole run. `plan` is made between prepare and run; `struck` tells whether it did.
+void run_once(const Scenario& scenario, const std::string& what, const std::function<void()>& plan,
+              const std::function<bool()>& struck)
 {
     SCOPED_TRACE(what);
     fake_world_reset();
     fake_log_clear();
-    libc_reset();
+    calls_reset();
+    memory_reset();
     const int descriptors = open_descriptors();
     scenario.prepare();
     plan();
-    libc_arm();
+    memory_watch(true);
+    calls_watch(true);
     scenario.run();
-    libc_disarm();
+    calls_watch(false);
+    memory_watch(false);
     const bool hit = struck();
     if (scenario.finish)
         scenario.finish();
@@ -89,115 +88,117 @@ void run_once(const Scenario& scenario, const std::function<void()>& plan,
         scenario.check(hit);
     if (hit && scenario.keeps_streams)
         return;
-    EXPECT_EQ(libc_leaks(scenario.keeps_options ? 3 : 0), "");
+    EXPECT_LE(memory_kept(), scenario.keeps_options ? 3U : 0U) << "allocations are not freed";
+    EXPECT_EQ(streams_kept(), 0U) << "streams are not closed";
     EXPECT_EQ(open_descriptors(), descriptors);
     if (scenario.keeps_options)
-        libc_free_kept();
+        memory_free_kept();
 }
 
-} // namespace
-
-static int count_allocations(const Scenario& scenario)
-{
-    int count = 0;
-    run_once(
-        scenario, [] {},
-        [&] {
-            count = libc_allocations();
-            return false;
-        },
-        "nothing fails");
-    return count;
-}
-
-void sweep_allocations(const Scenario& scenario)
-{
-    const int count = count_allocations(scenario);
-    ASSERT_GT(count, 0);
-    int hits = 0;
-    for (int nth = 1; nth <= count && !testing::Test::HasFailure(); nth++) {
-        for (const bool onwards : {false, true}) {
-            run_once(
-                scenario, [&] { libc_fail_allocation(nth, onwards); },
-                [&] {
-                    hits += libc_struck() ? 1 : 0;
-                    return libc_struck();
-                },
-                "allocation " + std::to_string(nth) + (onwards ? " and on" : "") + " fails");
-        }
-    }
-    if (!scenario.threads)
-        EXPECT_EQ(hits, 2 * count);
-    EXPECT_GT(hits, 0);
-    printf("%d allocations, %d failures struck\n", count, hits);
-}
-
-namespace {
-
-struct Calls {
+// What a run in which nothing fails asks of the world.
+struct Asked {
+    int allocations = 0;
     std::map<std::string, int> libc;
     std::map<std::string, int> sys;
 };
 
+Asked count_what_is_asked(const Scenario& scenario)
+{
+    Asked asked;
+    run_once(
+        scenario, "nothing fails", [] { fake_world().journal.clear(); },
+        [&] {
+            asked.allocations = memory_allocations();
+            asked.libc = calls_counted();
+            for (const std::string& entry : fake_world().journal)
+                asked.sys[entry.substr(0, entry.find(' '))]++;
+            asked.sys.erase("sync"); // cannot fail
+            return false;
+        });
+    return asked;
+}
+
+// Fails something of a scenario, and counts how often that struck. Where threads run, what is the
+// nth in one run may not come that far in another; elsewhere every plan must strike, and everywhere
+// one of each kind.
+class Strikes {
+  public:
+    explicit Strikes(const Scenario& scenario) : scenario_(scenario) {}
+
+    void fail(const std::string& what, const std::function<void()>& plan,
+              const std::function<bool()>& struck)
+    {
+        plans_++;
+        run_once(scenario_, what, plan, [&] {
+            const bool hit = struck();
+            strikes_ += hit ? 1 : 0;
+            return hit;
+        });
+    }
+
+    // How often it struck, of what was planned under one name.
+    void expect_of(const std::string& name)
+    {
+        EXPECT_GT(plans_, 0) << name;
+        EXPECT_GE(strikes_, scenario_.threads ? 1 : plans_) << name << " was not made to fail";
+        total_ += strikes_;
+        plans_ = strikes_ = 0;
+    }
+
+    int total() const { return total_; }
+
+  private:
+    const Scenario& scenario_;
+    int plans_ = 0;
+    int strikes_ = 0;
+    int total_ = 0;
+};
+
 } // namespace
 
-static Calls count_calls(const Scenario& scenario)
+void sweep_allocations(const Scenario& scenario)
 {
-    Calls calls;
-    run_once(
-        scenario, [] { fake_world().journal.clear(); },
-        [&] {
-            calls.libc = libc_calls();
-            for (const std::string& entry : fake_world().journal)
-                calls.sys[entry.substr(0, entry.find(' '))]++;
-            calls.sys.erase("sync"); // cannot fail
-            return false;
-        },
-        "nothing fails");
-    return calls;
-}
-
-// Fails the nth call of a function with each of its errors. Returns how many runs that took.
-static int fail_each(const Scenario& scenario, const std::string& name, const std::string& call,
-                     int nth, const std::function<void(int error)>& plan,
-                     const std::function<bool()>& struck)
-{
-    int runs = 0;
-    for (const int error : errors(call)) {
-        run_once(
-            scenario, [&] { plan(error); }, struck,
-            name + " " + std::to_string(nth) + " fails with errno " + std::to_string(error));
-        runs++;
+    const int count = count_what_is_asked(scenario).allocations;
+    Strikes strikes(scenario);
+    for (int nth = 1; nth <= count && !testing::Test::HasFailure(); nth++) {
+        for (const bool onwards : {false, true})
+            strikes.fail(
+                "allocation " + std::to_string(nth) + (onwards ? " and on" : "") + " fails",
+                [&] { memory_fail(nth, onwards); }, memory_failed);
     }
-    return runs;
+    if (!testing::Test::HasFailure())
+        strikes.expect_of("allocation");
+    printf("%d allocations, %d failures struck\n", count, strikes.total());
 }
 
-static int fail_libc_call(const Scenario& scenario, const std::string& call, int nth)
+// Fails each call of the functions, each with each of its errors.
+static void sweep_functions(Strikes* strikes, const std::map<std::string, int>& functions,
+                            const std::function<void(const std::string&, int nth, int error)>& plan,
+                            const std::function<bool()>& struck)
 {
-    return fail_each(
-        scenario, call, call, nth, [&](int error) { libc_fail_call(call, nth, error); },
-        [] { return libc_struck(); });
-}
-
-static int fail_sys_call(const Scenario& scenario, const std::string& call, int nth)
-{
-    return fail_each(
-        scenario, "sys_" + call, call, nth, [&](int error) { fake_world().fail(call, nth, error); },
-        [] { return true; });
+    for (const auto& [call, count] : functions) {
+        for (int nth = 1; nth <= count; nth++) {
+            for (const int error : errors(call)) {
+                if (testing::Test::HasFailure())
+                    return;
+                strikes->fail(
+                    call + " " + std::to_string(nth) + " fails with errno " + std::to_string(error),
+                    [&] { plan(call, nth, error); }, struck);
+            }
+        }
+        strikes->expect_of(call);
+    }
 }
 
 void sweep_calls(const Scenario& scenario)
 {
-    const Calls calls = count_calls(scenario);
-    int runs = 0;
-    for (const auto& [call, count] : calls.libc) {
-        for (int nth = 1; nth <= count && !testing::Test::HasFailure(); nth++)
-            runs += fail_libc_call(scenario, call, nth);
-    }
-    for (const auto& [call, count] : calls.sys) {
-        for (int nth = 1; nth <= count && !testing::Test::HasFailure(); nth++)
-            runs += fail_sys_call(scenario, call, nth);
-    }
-    EXPECT_GT(runs, 0);
-    printf("%d failures\n", runs);
+    const Asked asked = count_what_is_asked(scenario);
+    Strikes strikes(scenario);
+    sweep_functions(&strikes, asked.libc, call_fail, call_failed);
+    sweep_functions(
+        &strikes, asked.sys,
+        [](const std::string& call, int nth, int error) { fake_world().fail(call, nth, error); },
+        [] { return fake_world().failed > 0; });
+    EXPECT_GT(strikes.total(), 0);
+    printf("%d failures struck\n", strikes.total());
 }

@@ -2,8 +2,7 @@
 
 A test is a method of a class derived from SystemTest and has a world to itself
 (tests/support/world.cpp), so it may use fixed paths. No test waits for a fixed time to pass except
-where nothing is to happen: wait_until() looks again and again, with a limit that only a hanging
-program reaches.
+where nothing is to happen: wait_until() looks until its limit, which only a hanging program reaches.
 """
 
 import contextlib
@@ -23,12 +22,15 @@ import threading
 import time
 import unittest
 
+FOLDER = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, os.path.join(os.path.dirname(FOLDER), "support"))
+import testkit  # noqa: E402
+
 LIMIT = 90  # seconds; nothing takes this long unless it hangs
 SLACK = 60  # seconds for what follows at once on something that was waited for
 IDLE_PAUSE = 1.2  # seconds between the daemon's looks at an empty queue
 ADD_HOLD = 2.0  # seconds before an add message is handled
 
-FOLDER = os.path.dirname(os.path.abspath(__file__))
 PROGRAMS = "/tmp/bin"
 CONFIG_DIR = "/tmp/vynasmira"
 CONFIG = CONFIG_DIR + "/vyhotplugd.conf"
@@ -505,14 +507,7 @@ echo "${{0##*/}} $*" >> {LABEL_RECORD}
 
     def wait_until(self, what, condition, limit=LIMIT):
         """Returns the condition's first true value."""
-        end = time.monotonic() + limit
-        while True:
-            value = condition()
-            if value:
-                return value
-            if time.monotonic() > end:
-                self.fail(f"still not true after {limit} s: {what}")
-            time.sleep(0.02)
+        return testkit.wait_until(what, condition, limit)
 
     def wait_for_log(self, text, count=1):
         """Waits for so many lines of exactly that text and returns them."""

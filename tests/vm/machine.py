@@ -87,7 +87,7 @@ class Machine:
         control, shell = self.control.far.fileno(), self.shell.far.fileno()
         command = [*self.kind.qemu, "-accel", "tcg", "-display", "none", "-nodefaults", "-no-reboot",
                    "-m", str(MEMORY), "-kernel", self.kind.kernel_image, "-initrd", self.kind.initramfs,
-                   "-append", f"console=ttyS0 panic=-1 mitigations=off {append}",
+                   "-append", f"console=ttyS0 panic=-1 mitigations=off {self.kind.append} {append}",
                    "-serial", f"file:{self.folder}/console.log",
                    "-chardev", f"socket,id=shell,fd={shell}", "-serial", "chardev:shell",
                    "-chardev", f"socket,id=control,fd={control}", "-mon", "chardev=control,mode=control"]

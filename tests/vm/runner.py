@@ -8,10 +8,9 @@ import signal
 import subprocess
 import sys
 import time
-import unittest
-import xml.etree.ElementTree as ElementTree
 
 import kit
+from kit import testkit
 
 LIMIT = 600  # seconds for one test; a long one has ten times as much
 FAREWELL = 30  # seconds for one that ran too long to leave its traces
@@ -62,39 +61,12 @@ def end(process):
         process.wait()
 
 
-def cases(suite):
-    for part in suite:
-        if isinstance(part, unittest.TestSuite):
-            yield from cases(part)
-        else:
-            yield part
-
-
 def find_tests(options):
-    loader = unittest.TestLoader()
-    found = list(cases(loader.discover(kit.FOLDER)))
-    if loader.errors:
-        sys.exit("\n".join(loader.errors))
+    found = testkit.cases_in(kit.FOLDER)
     tests = [Test(machine, case) for machine in options.machines for case in found if machine in case.machines]
     tests = [test for test in tests if (any(part in test.id for part in options.tests) if options.tests
                                         else options.long or not test.long)]
     return sorted(tests, key=lambda test: not test.long)  # the longest first, so that they do not run alone
-
-
-def write_results(folder, machine, tests):
-    """As ctest writes them: count.py reads both."""
-    suite = ElementTree.Element("testsuite", name=f"vm-{machine}", tests=str(len(tests)))
-    for test in tests:
-        case = ElementTree.SubElement(suite, "testcase", name=test.name, classname=test.name,
-                                      time=f"{test.seconds:.2f}", status="run" if test.passed else "fail")
-        if not test.passed:
-            ElementTree.SubElement(case, "failure", message="failed")
-            ElementTree.SubElement(case, "system-out").text = printable(test.output)
-    ElementTree.ElementTree(suite).write(os.path.join(folder, f"vm-{machine}.xml"), encoding="utf-8")
-
-
-def printable(text):
-    return "".join(c if c in "\n\t" or c.isprintable() else "?" for c in text)
 
 
 def main():
@@ -102,6 +74,7 @@ def main():
     parser.add_argument("--long", action="store_true")
     parser.add_argument("--machine", dest="machines", action="append", choices=list(kit.KINDS))
     parser.add_argument("--no-build", dest="build", action="store_false")
+    parser.add_argument("--only-build", action="store_true")
     parser.add_argument("--jobs", type=int, default=2 * os.cpu_count())
     parser.add_argument("--results", default=os.path.join(kit.PROJECT, "build", "vm-results"))
     parser.add_argument("tests", nargs="*", metavar="TEST")
@@ -113,15 +86,19 @@ def main():
     os.makedirs(options.results, exist_ok=True)
     for machine in options.machines:
         kit.prepare(machine, options.build)
+    if options.only_build:
+        return 0
     with concurrent.futures.ThreadPoolExecutor(options.jobs) as pool:
-        for done in concurrent.futures.as_completed([pool.submit(test.run) for test in tests]):
+        for number, done in enumerate(concurrent.futures.as_completed([pool.submit(test.run) for test in tests]), 1):
             test = done.result()
-            kit.say(f"{'passed' if test.passed else 'FAILED'} {test.seconds:6.1f} s  {test.name}")
+            kit.say(f"{number}/{len(tests)} {'passed' if test.passed else 'FAILED'} {test.seconds:6.1f} s  {test.name}")
             if not test.passed:
-                kit.say(printable("\n".join(test.output.splitlines()[-25:])))
+                kit.say(testkit.printable("\n".join(test.output.splitlines()[-25:])))
                 kit.say(f"its traces are in {os.path.relpath(test.folder, kit.PROJECT)}")
     for machine in options.machines:
-        write_results(options.results, machine, [test for test in tests if test.machine == machine])
+        testkit.write_results(f"{options.results}/vm-{machine}.xml", f"vm-{machine}",
+                              [(test.name, "run" if test.passed else "fail", test.seconds, test.output)
+                               for test in tests if test.machine == machine])
     failed = sum(not test.passed for test in tests)
     kit.say(f"{len(tests) - failed} passed, {failed} failed, 0 skipped")
     return 1 if failed else 0

@@ -3,9 +3,9 @@
 import re
 import sys
 import tempfile
-import time
 
 import kit
+from kit import testkit
 import machine
 import media
 from machine import CONFIG, DEVICE_FILE, LIMIT, SHARE_FILE, Machine
@@ -35,13 +35,11 @@ class Story:
         show(self.vm.attempt(command)[1])
 
     def wait_for(self, what, condition):
-        end = time.monotonic() + LIMIT
-        while not condition(state := self.vm.state()):
-            if time.monotonic() > end:
-                say(f"This did not happen within {LIMIT} s: {what}")
-                sys.exit(1)
-            time.sleep(machine.STEP)
-        return state
+        def look():
+            state = self.vm.state()
+            return condition(state) and state
+
+        return testkit.wait_until(what, look, LIMIT, machine.STEP)
 
     def show_mounts(self):
         state = self.vm.state()

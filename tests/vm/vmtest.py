@@ -7,11 +7,11 @@ again, with a limit that only a hanging machine reaches.
 import json
 import os
 import signal
-import time
 import unittest
 
 import machine
 import media
+from kit import testkit
 from machine import CONFIG, LIMIT
 from state import TABLE, as_text, node_of, place_of
 
@@ -125,14 +125,15 @@ class VmTest(unittest.TestCase):
 
     def wait_until(self, what, condition, limit=LIMIT):
         """Returns the first state that fulfils the condition."""
-        end = time.monotonic() + limit
-        while True:
+        state = None
+
+        def look():
+            nonlocal state
             state = self.vm.state()
-            if condition(state):
-                return state
-            if time.monotonic() > end:
-                self.fail(f"still not true after {limit} s: {what}; mounted: {state.mounts}, shares: {state.shares!r}")
-            time.sleep(machine.STEP)
+            return condition(state) and state
+
+        return testkit.wait_until(what, look, limit, machine.STEP,
+                                  lambda: f"; mounted: {state.mounts}, shares: {state.shares!r}")
 
     def wait_for_idle(self, quiet=QUIET):
         """Returns a state in which the service has done nothing for a while, and runs nothing.

@@ -1,37 +1,16 @@
 // The reader when memory runs out or the file cannot be read to its end.
 #include "config/ini.h"
 
+#include "support/failing_calls.h"
 #include "support/failing_memory.h"
 #include "support/files.h"
 
 #include <gtest/gtest.h>
 
 #include <errno.h>
-#include <unistd.h>
 
 #include <string>
 #include <vector>
-
-// A read that is cut short: so many bytes at a time, and an error after so many calls.
-static size_t read_piece; // 0: as much as is asked for
-static int read_calls;    // calls until one fails; 0: none does
-static int read_error;
-
-extern "C" {
-
-ssize_t __real_read(int fd, void* buffer, size_t size);
-ssize_t __wrap_read(int fd, void* buffer, size_t size);
-
-ssize_t __wrap_read(int fd, void* buffer, size_t size)
-{
-    if (read_calls > 0 && --read_calls == 0) {
-        errno = read_error;
-        return -1;
-    }
-    return __real_read(fd, buffer, read_piece != 0 && read_piece < size ? read_piece : size);
-}
-
-} // extern "C"
 
 namespace {
 
@@ -141,18 +120,18 @@ TEST(IniMemory, AListThatRunsOutGivesEnomemAndLeavesNothing)
 TEST(IniRead, GoesOnAfterPiecesOfAnySize)
 {
     write_file(path, "[dev]\nk=value\n");
-    for (read_piece = 1; read_piece <= 16; read_piece++) {
+    for (size_t most = 1; most <= 16; most++) {
+        reads_cut(most);
         std::string text;
-        EXPECT_EQ(get("dev", "k", &text), 0) << read_piece;
-        EXPECT_EQ(text, "value") << read_piece;
+        EXPECT_EQ(get("dev", "k", &text), 0) << most;
+        EXPECT_EQ(text, "value") << most;
     }
 }
 
 TEST(IniRead, AnInterruptedReadIsRepeated)
 {
     write_file(path, "[dev]\nk=value\n");
-    read_calls = 1;
-    read_error = EINTR;
+    call_fail("read", 1, EINTR);
     std::string text;
     EXPECT_EQ(get("dev", "k", &text), 0);
     EXPECT_EQ(text, "value");
@@ -162,29 +141,27 @@ TEST(IniRead, AnInterruptedReadIsRepeated)
 TEST(IniRead, AnErrorEndsTheFileBeforeTheLineItStruck)
 {
     write_file(path, "a=1\nb=2\nc=3\n");
-    read_error = EIO;
     std::string text;
-    read_piece = 1;
-    read_calls = 6; // five bytes: "a=1", its end, "b"
+    reads_cut(1);
+    call_fail("read", 6, EIO); // five bytes: "a=1", its end, "b"
     EXPECT_EQ(get("", "a", &text), 0);
     EXPECT_EQ(text, "1");
-    read_calls = 8; // seven bytes: "b=2" is there, its end is not
+    call_fail("read", 8, EIO); // seven bytes: "b=2" is there, its end is not
     EXPECT_EQ(get("", "b", &text), -ENOENT);
-    read_calls = 9;
+    call_fail("read", 9, EIO);
     EXPECT_EQ(get("", "b", &text), 0);
     EXPECT_EQ(text, "2");
-    read_calls = 9;
+    call_fail("read", 9, EIO);
     EXPECT_EQ(get("", "c", &text), -ENOENT);
 }
 
 TEST(IniRead, AnErrorEndsTheSectionListBeforeTheLineItStruck)
 {
     write_file(path, "[a]\n[b]\n[c]\n");
-    read_error = EIO;
-    read_piece = 1;
-    read_calls = 8; // seven bytes: "[b]" is there, its end is not
+    reads_cut(1);
+    call_fail("read", 8, EIO); // seven bytes: "[b]" is there, its end is not
     EXPECT_EQ(list_sections(), (std::vector<std::string>{"a"}));
-    read_calls = 9;
+    call_fail("read", 9, EIO);
     EXPECT_EQ(list_sections(), (std::vector<std::string>{"a", "b"}));
 }
 

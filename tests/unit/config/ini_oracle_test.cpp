@@ -149,6 +149,13 @@ Question random_far_question(Random& random)
     return question;
 }
 
+std::string where(const std::string& text, const Question& question)
+{
+    return printable(text) + "\nsection \"" + printable(question.section) +
+           (question.no_section ? "\" (null)" : "\"") + " key \"" + printable(question.key) +
+           "\" occurrence " + std::to_string(question.occurrence);
+}
+
 IniOracleAnswer take(int result, char* value)
 {
     IniOracleAnswer answer = {result, value != nullptr ? value : ""};
@@ -207,13 +214,9 @@ void compare(Random& random, const std::string& text, Question (*ask)(Random&), 
         const IniOracleAnswer expected =
             ini_oracle_get_string(path, question.section_text(), question.key, question.occurrence);
         const std::string answer = text_of(expected);
-        const std::string where = printable(text) + "\nsection \"" + printable(question.section) +
-                                  (question.no_section ? "\" (null)" : "\"") + " key \"" +
-                                  printable(question.key) + "\" occurrence " +
-                                  std::to_string(question.occurrence);
-        ASSERT_EQ(text_of(ask_file(question)), answer) << where;
-        ASSERT_EQ(text_of(ask_doc(loaded.get(), question)), answer) << where;
-        ASSERT_EQ(text_of(ask_doc(parsed.get(), question)), answer) << where;
+        ASSERT_EQ(text_of(ask_file(question)), answer) << where(text, question);
+        ASSERT_EQ(text_of(ask_doc(loaded.get(), question)), answer) << where(text, question);
+        ASSERT_EQ(text_of(ask_doc(parsed.get(), question)), answer) << where(text, question);
         tally->found += expected.result == 0 ? 1 : 0;
         tally->found_far += expected.result == 0 && question.occurrence >= 25 ? 1 : 0;
         tally->without_section += expected.result == -1 ? 1 : 0;

@@ -78,6 +78,8 @@ TEST_F(CommandTest, AnUnknownActionIsNotAnswered)
     char byte = 0;
     EXPECT_EQ(recv(ends[1], &byte, 1, MSG_DONTWAIT), -1);
     EXPECT_EQ(errno, EAGAIN);
+    for (const int end : ends)
+        close(end);
 }
 
 // ---- when ----

@@ -47,6 +47,14 @@ class DaemonTest : public testing::Test {
         strcpy(ctx.confpath, config_file);
         ctx.running = 1;
         ctx.lockfd = -1;
+        memory_watch(true);
+    }
+
+    // The option texts of the configuration live on.
+    ~DaemonTest() override
+    {
+        EXPECT_LE(memory_kept(), 3U);
+        memory_free_kept();
     }
 
     int run(std::vector<std::function<void()>> wanted = {})
@@ -66,8 +74,10 @@ class DaemonTest : public testing::Test {
         pauses++;
         if (next_step < steps.size())
             steps[next_step++]();
-        else
+        else {
             flag_set(&ctx.running, 0);
+            fake_world().impatient = true;
+        }
     }
 
     // Sends a message and waits until it is queued. Returns the connection.

@@ -13,6 +13,11 @@ FakeStart& fake_start()
     return state;
 }
 
+void fake_start_reset()
+{
+    state = FakeStart();
+}
+
 static const char* signal_name(int number)
 {
     switch (number) {

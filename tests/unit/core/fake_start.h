@@ -18,3 +18,4 @@ struct FakeStart {
 };
 
 FakeStart& fake_start();
+void fake_start_reset();

@@ -57,6 +57,7 @@ class ReceiveTest : public testing::Test {
     {
         void* result = nullptr;
         flag_set(&running, 0);
+        fake_world().impatient = true;
         if (started)
             pthread_join(arg.thread, &result);
         started = false;

@@ -1,5 +1,7 @@
 #include "device/mount_entry.h"
 
+#include "support/failing_memory.h"
+
 #include <gtest/gtest.h>
 
 #include <stdlib.h>
@@ -52,7 +54,9 @@ TEST(HotplugDevClear, FreesTheStringsAndMakesThemNull)
     dev.pname = strdup("Stick");
     dev.serial = strdup("0123");
     dev.vid = 0x1234;
+    const long before = memory_blocks();
     hotplug_dev_clear(&dev);
+    EXPECT_EQ(memory_blocks(), before - 3);
     EXPECT_EQ(dev.vname, nullptr);
     EXPECT_EQ(dev.pname, nullptr);
     EXPECT_EQ(dev.serial, nullptr);
@@ -66,9 +70,9 @@ T* zeroed()
     return static_cast<T*>(calloc(1, sizeof(T)));
 }
 
-// These have nothing to look at: a leak checker and a double free tell when they are wrong.
-TEST(MountEntryFree, TakesAFilledEntry)
+TEST(MountEntryFree, FreesAFilledEntryAndAllInIt)
 {
+    const long before = memory_blocks();
     auto* entry = zeroed<MountEntry>();
     entry->dev = zeroed<HotplugDev>();
     entry->dev->vname = strdup("Maker");
@@ -77,22 +81,25 @@ TEST(MountEntryFree, TakesAFilledEntry)
     entry->sharename = strdup("STICK");
     entry->devnode = strdup("/dev/sda1");
     entry->mountpoint = strdup("/mnt/sda1");
+    EXPECT_EQ(memory_blocks(), before + 8);
     mount_entry_free(entry);
-    SUCCEED();
+    EXPECT_EQ(memory_blocks(), before);
 }
 
-TEST(MountEntryFree, TakesAnEntryWithoutMembers)
+TEST(MountEntryFree, FreesAnEntryWithoutMembers)
 {
+    const long before = memory_blocks();
     mount_entry_free(zeroed<MountEntry>());
-    SUCCEED();
+    EXPECT_EQ(memory_blocks(), before);
 }
 
-TEST(MountEntryFree, TakesADeviceWithoutStrings)
+TEST(MountEntryFree, FreesADeviceWithoutStrings)
 {
+    const long before = memory_blocks();
     auto* entry = zeroed<MountEntry>();
     entry->dev = zeroed<HotplugDev>();
     mount_entry_free(entry);
-    SUCCEED();
+    EXPECT_EQ(memory_blocks(), before);
 }
 
 } // namespace

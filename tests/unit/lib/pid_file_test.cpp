@@ -2,9 +2,9 @@
 // world.
 #include "lib/process.h"
 
-#include "fake/fake_libc.h"
 #include "fake/fake_log.h"
 #include "fake/fake_world.h"
+#include "support/failing_calls.h"
 #include "support/files.h"
 
 #include <gtest/gtest.h>
@@ -284,9 +284,9 @@ TEST_F(PidFile, ThatCannotBeWrittenWholeFails)
 
 TEST_F(PidFile, ThatCannotBeClosedAcrossExecFails)
 {
-    fake_libc_fail(FAKE_FCNTL, 1, EBADF);
+    call_fail("fcntl", 1, EBADF);
     expect_failure();
-    EXPECT_TRUE(fake_libc_end());
+    EXPECT_TRUE(call_failed());
     EXPECT_GE(create(), 0) << "the lock was not given back";
 }
 

@@ -1,9 +1,9 @@
 // Real sockets; failures of single calls and the waiting times come from the fakes.
 #include "lib/socket_unix.h"
 
-#include "fake/fake_libc.h"
 #include "fake/fake_log.h"
 #include "fake/fake_world.h"
+#include "support/failing_calls.h"
 #include "support/files.h"
 
 #include <gtest/gtest.h>
@@ -259,7 +259,7 @@ TEST_F(Sockets, ListenerLogsNothingWhenAllIsWell)
 
 struct StepRow {
     const char* what;
-    FakeCall call;
+    const char* call;
     int nth;
     const char* message;
 };
@@ -268,19 +268,19 @@ struct StepRow {
 TEST_F(Sockets, ListenerWhoseStepFailsIsClosedAndLogged)
 {
     const StepRow rows[] = {
-        {"socket", FAKE_SOCKET, 1, "create socket"},
-        {"F_GETFL", FAKE_FCNTL, 1, "get socket flag"},
-        {"F_SETFL", FAKE_FCNTL, 2, "set socket flag"},
-        {"SO_REUSEADDR", FAKE_SETSOCKOPT, 1, "set socket flag"},
-        {"listen", FAKE_LISTEN, 1, "listen"},
+        {"socket", "socket", 1, "create socket"},
+        {"F_GETFL", "fcntl", 1, "get socket flag"},
+        {"F_SETFL", "fcntl", 2, "set socket flag"},
+        {"SO_REUSEADDR", "setsockopt", 1, "set socket flag"},
+        {"listen", "listen", 1, "listen"},
     };
     for (const StepRow& row : rows) {
         SCOPED_TRACE(row.what);
         fake_log_clear();
         const int before = open_descriptors();
-        fake_libc_fail(row.call, row.nth, ENOBUFS);
+        call_fail(row.call, row.nth, ENOBUFS);
         const int listener = unix_create_listen_socket("vyhotplugd");
-        EXPECT_TRUE(fake_libc_end());
+        EXPECT_TRUE(call_failed());
         EXPECT_EQ(listener, -1);
         expect_error(row.message, ENOBUFS);
         EXPECT_EQ(open_descriptors(), before) << "a descriptor was left open";
@@ -355,16 +355,16 @@ TEST_F(Sockets, AcceptOnWhatIsNoListenerFails)
 TEST_F(Sockets, AcceptedConnectionWhoseFlagsFailIsClosedAndLogged)
 {
     const int listener = listen_on("vyhotplugd");
-    const StepRow rows[] = {{"F_GETFL", FAKE_FCNTL, 1, "get socket flag"},
-                            {"F_SETFL", FAKE_FCNTL, 2, "set socket flag"}};
+    const StepRow rows[] = {{"F_GETFL", "fcntl", 1, "get socket flag"},
+                            {"F_SETFL", "fcntl", 2, "set socket flag"}};
     for (const StepRow& row : rows) {
         SCOPED_TRACE(row.what);
         fake_log_clear();
         const int client = connect_to("vyhotplugd");
         const int before = open_descriptors();
-        fake_libc_fail(row.call, row.nth, ENOBUFS);
+        call_fail(row.call, row.nth, ENOBUFS);
         const int server = unix_accept_addr(listener, nullptr, nullptr);
-        EXPECT_TRUE(fake_libc_end());
+        EXPECT_TRUE(call_failed());
         EXPECT_EQ(server, -1);
         expect_error(row.message, ENOBUFS);
         EXPECT_EQ(open_descriptors(), before) << "a descriptor was left open";
@@ -477,9 +477,9 @@ TEST_F(Sockets, ConnectToAPathThatIsNotThereFails)
 
 TEST_F(Sockets, ConnectWithoutASocketFails)
 {
-    fake_libc_fail(FAKE_SOCKET, 1, ENFILE);
+    call_fail("socket", 1, ENFILE);
     const int client = unix_create_socket("vyhotplugd");
-    EXPECT_TRUE(fake_libc_end());
+    EXPECT_TRUE(call_failed());
     EXPECT_EQ(client, -1);
     expect_error("create socket", ENFILE);
 }

@@ -6,6 +6,7 @@
 #include "fake/fake_world.h"
 #include "record.h"
 #include "support/files.h"
+#include "support/fresh_case.h"
 
 #include <gtest/gtest.h>
 
@@ -270,6 +271,7 @@ TEST(UnmountMark, ClosesTheFile)
 // Kept: the stream of a failed write stays open.
 TEST(UnmountMark, ThatCannotBeWrittenFailsAndLeavesTheStreamOpen)
 {
+    fresh_case_may_leave_streams();
     const int before = open_descriptors();
     EXPECT_EQ(conf_dir_set_unmount_flg("/dev/full", "a"), -1);
     EXPECT_EQ(open_descriptors(), before + 1);
@@ -277,6 +279,7 @@ TEST(UnmountMark, ThatCannotBeWrittenFailsAndLeavesTheStreamOpen)
 
 TEST(UnmountMark, ThatCouldNotBeWrittenDoesNotComeLater)
 {
+    fresh_case_may_leave_streams();
     make_small_tmp(4);
     write_file("/tmp/filler", std::string(4096, 'x'));
     write_file(path, "");

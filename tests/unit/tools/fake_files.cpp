@@ -10,6 +10,11 @@ FakeFiles& fake_files()
     return state;
 }
 
+void fake_files_reset()
+{
+    state = FakeFiles();
+}
+
 template <typename Answer>
 static void fill(Answer* answer)
 {

@@ -22,3 +22,4 @@ struct FakeFiles {
 };
 
 FakeFiles& fake_files();
+void fake_files_reset();

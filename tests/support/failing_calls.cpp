@@ -1,4 +1,4 @@
-#include "sweep/failing_libc.h"
+#include "support/failing_calls.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -7,12 +7,11 @@
 #include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -21,74 +20,48 @@
 
 namespace {
 
-struct Plan {
-    int allocation = 0; // 0: none
-    bool onwards = false;
-    std::string function;
-    int call = 0;
+struct State {
+    std::string function; // of the plan; "": there is none
+    int left = 0;         // calls until it strikes
     int error = 0;
+    bool struck = false;
+    size_t read_most = 0;
+    std::map<std::string, int> calls;
+    std::set<FILE*> streams;
 };
 
 std::recursive_mutex mutex;
-std::atomic<bool> armed{false};
-Plan plan;
-bool struck;
-int allocations;
-std::map<std::string, int> calls;
-std::set<void*> live;
-std::set<FILE*> streams;
+std::atomic<bool> watched{false};
+thread_local bool overlooked = false;
+State state;
 
 using Lock = std::lock_guard<std::recursive_mutex>;
-
-bool allocation_fails()
-{
-    if (!armed)
-        return false;
-    const Lock lock(mutex);
-    allocations++;
-    const bool fails = plan.allocation != 0 && (allocations == plan.allocation ||
-                                                (plan.onwards && allocations > plan.allocation));
-    if (fails) {
-        struck = true;
-        errno = ENOMEM;
-    }
-    return fails;
-}
-
-void* keep(void* memory)
-{
-    if (armed && memory != nullptr) {
-        const Lock lock(mutex);
-        live.insert(memory);
-    }
-    return memory;
-}
-
-void forget(void* memory)
-{
-    const Lock lock(mutex);
-    live.erase(memory);
-}
 
 // Counts a call; whether it is the one to fail, with errno set.
 bool call_fails(const char* function)
 {
-    if (!armed)
+    if (!watched || overlooked)
         return false;
     const Lock lock(mutex);
-    const int count = ++calls[function];
-    if (plan.function != function || plan.call != count)
+    state.calls[function]++;
+    if (state.function != function || state.left == 0 || --state.left != 0)
         return false;
-    struck = true;
-    errno = plan.error;
+    state.struck = true;
+    errno = state.error;
     return true;
+}
+
+size_t cut(size_t size)
+{
+    const Lock lock(mutex);
+    return state.read_most != 0 && state.read_most < size ? state.read_most : size;
 }
 
 FILE* keep_stream(FILE* stream)
 {
-    if (armed && stream != nullptr) {
+    if (watched && !overlooked && stream != nullptr) {
         const Lock lock(mutex);
-        streams.insert(stream);
+        state.streams.insert(stream);
     }
     return stream;
 }
@@ -96,141 +69,79 @@ FILE* keep_stream(FILE* stream)
 void forget_stream(FILE* stream)
 {
     const Lock lock(mutex);
-    streams.erase(stream);
+    state.streams.erase(stream);
 }
 
 } // namespace
 
-void libc_reset()
+void call_fail(const std::string& function, int nth, int error)
 {
     const Lock lock(mutex);
-    armed = false;
-    plan = Plan();
-    struck = false;
-    allocations = 0;
-    calls.clear();
-    live.clear();
-    streams.clear();
+    state.function = function;
+    state.left = nth;
+    state.error = error;
+    state.struck = false;
+    watched = true;
 }
 
-void libc_arm()
-{
-    armed = true;
-}
-
-void libc_disarm()
-{
-    armed = false;
-}
-
-int libc_allocations()
-{
-    return allocations;
-}
-
-const std::map<std::string, int>& libc_calls()
-{
-    return calls;
-}
-
-void libc_fail_allocation(int nth, bool onwards)
-{
-    plan.allocation = nth;
-    plan.onwards = onwards;
-}
-
-void libc_fail_call(const std::string& function, int nth, int error)
-{
-    plan.function = function;
-    plan.call = nth;
-    plan.error = error;
-}
-
-bool libc_struck()
-{
-    return struck;
-}
-
-std::string libc_leaks(size_t allowed)
+bool call_failed()
 {
     const Lock lock(mutex);
-    std::string words;
-    if (live.size() > allowed)
-        words += std::to_string(live.size()) + " allocations not freed ";
-    if (!streams.empty())
-        words += std::to_string(streams.size()) + " streams not closed";
-    return words;
+    watched = false;
+    state.function = "";
+    return state.struck;
 }
 
-extern "C" void __real_free(void* memory);
-
-void libc_free_kept()
+void reads_cut(size_t most)
 {
     const Lock lock(mutex);
-    for (void* memory : live)
-        __real_free(memory);
-    live.clear();
+    state.read_most = most;
 }
 
+void calls_watch(bool on)
+{
+    watched = on;
+}
+
+void calls_overlook(bool on)
+{
+    overlooked = on;
+}
+
+std::map<std::string, int> calls_counted()
+{
+    const Lock lock(mutex);
+    return state.calls;
+}
+
+size_t streams_kept()
+{
+    const Lock lock(mutex);
+    return state.streams.size();
+}
+
+void calls_reset()
+{
+    const Lock lock(mutex);
+    watched = false;
+    state = State();
+}
+
+// The linker turns a call of NAME into one of __wrap_NAME, and __real_NAME into NAME. Where file
+// offsets have 64 bits, some functions are linked by a longer name.
 extern "C" {
-
-// ---- memory ----
-
-void* __real_malloc(size_t size);
-void* __real_calloc(size_t count, size_t size);
-void* __real_realloc(void* memory, size_t size);
-char* __real_strdup(const char* text);
-char* __real_strndup(const char* text, size_t length);
-
-void* __wrap_malloc(size_t size);
-void* __wrap_malloc(size_t size)
-{
-    return allocation_fails() ? nullptr : keep(__real_malloc(size));
-}
-
-void* __wrap_calloc(size_t count, size_t size);
-void* __wrap_calloc(size_t count, size_t size)
-{
-    return allocation_fails() ? nullptr : keep(__real_calloc(count, size));
-}
-
-void* __wrap_realloc(void* memory, size_t size);
-void* __wrap_realloc(void* memory, size_t size)
-{
-    if (allocation_fails())
-        return nullptr;
-    forget(memory);
-    return keep(__real_realloc(memory, size));
-}
-
-void __wrap_free(void* memory);
-void __wrap_free(void* memory)
-{
-    forget(memory);
-    __real_free(memory);
-}
-
-char* __wrap_strdup(const char* text);
-char* __wrap_strdup(const char* text)
-{
-    return allocation_fails() ? nullptr : static_cast<char*>(keep(__real_strdup(text)));
-}
-
-char* __wrap_strndup(const char* text, size_t length);
-char* __wrap_strndup(const char* text, size_t length)
-{
-    return allocation_fails() ? nullptr : static_cast<char*>(keep(__real_strndup(text, length)));
-}
 
 // ---- calls that answer -1 and errno ----
 
-#define WRAP(result, failure, function, parameters, arguments)                                     \
+#define WRAP_AS(name, result, failure, function, parameters, arguments)                            \
     result __real_##function parameters;                                                           \
     result __wrap_##function parameters;                                                           \
     result __wrap_##function parameters                                                            \
     {                                                                                              \
-        return call_fails(#function) ? (failure) : __real_##function arguments;                    \
+        return call_fails(name) ? (failure) : __real_##function arguments;                         \
     }
+#define WRAP(result, failure, function, parameters, arguments)                                     \
+    WRAP_AS(#function, result, failure, function, parameters, arguments)
 
 WRAP(int, -1, accept4, (int fd, sockaddr* address, socklen_t* size, int flags),
      (fd, address, size, flags))
@@ -238,11 +149,11 @@ WRAP(int, -1, access, (const char* path, int mode), (path, mode))
 WRAP(int, -1, bind, (int fd, const sockaddr* address, socklen_t size), (fd, address, size))
 WRAP(int, -1, connect, (int fd, const sockaddr* address, socklen_t size), (fd, address, size))
 WRAP(int, -1, flock, (int fd, int operation), (fd, operation))
-WRAP(int, -1, ftruncate64, (int fd, off64_t size), (fd, size))
+WRAP_AS("ftruncate", int, -1, ftruncate64, (int fd, off64_t size), (fd, size))
 WRAP(char*, nullptr, getcwd, (char* buffer, size_t size), (buffer, size))
 WRAP(int, -1, listen, (int fd, int backlog), (fd, backlog))
-WRAP(int, -1, lstat64, (const char* path, struct stat64* status), (path, status))
-WRAP(ssize_t, -1, read, (int fd, void* buffer, size_t size), (fd, buffer, size))
+WRAP_AS("lstat", int, -1, lstat64, (const char* path, struct stat64* status), (path, status))
+WRAP(ssize_t, -1, read, (int fd, void* buffer, size_t size), (fd, buffer, cut(size)))
 WRAP(ssize_t, -1, recv, (int fd, void* buffer, size_t size, int flags), (fd, buffer, size, flags))
 WRAP(ssize_t, -1, send, (int fd, const void* buffer, size_t size, int flags),
      (fd, buffer, size, flags))
@@ -251,8 +162,8 @@ WRAP(int, -1, setsockopt, (int fd, int level, int name, const void* value, sockl
 WRAP(int, -1, sigaction, (int number, const struct sigaction* action, struct sigaction* old),
      (number, action, old))
 WRAP(int, -1, socket, (int domain, int type, int protocol), (domain, type, protocol))
-WRAP(int, -1, stat64, (const char* path, struct stat64* status), (path, status))
-WRAP(int, -1, statvfs64, (const char* path, struct statvfs64* status), (path, status))
+WRAP_AS("stat", int, -1, stat64, (const char* path, struct stat64* status), (path, status))
+WRAP_AS("statvfs", int, -1, statvfs64, (const char* path, struct statvfs64* status), (path, status))
 WRAP(ssize_t, -1, write, (int fd, const void* buffer, size_t size), (fd, buffer, size))
 
 // ---- calls that answer an errno ----
@@ -266,20 +177,26 @@ WRAP(int, errno, pthread_create,
 WRAP(int, errno, pthread_mutex_init, (pthread_mutex_t * lock, const pthread_mutexattr_t* kind),
      (lock, kind))
 
+// ---- broken-down times ----
+
+WRAP(struct tm*, nullptr, gmtime_r, (const time_t* time, struct tm* fields), (time, fields))
+WRAP(struct tm*, nullptr, localtime_r, (const time_t* time, struct tm* fields), (time, fields))
+
 // ---- streams ----
 
 WRAP(int, EOF, fflush, (FILE * stream), (stream))
 WRAP(int, EOF, fputc, (int c, FILE* stream), (c, stream))
 WRAP(int, EOF, fputs, (const char* text, FILE* stream), (text, stream))
-WRAP(int, -1, fseeko64, (FILE * stream, off64_t offset, int whence), (stream, offset, whence))
-WRAP(off64_t, -1, ftello64, (FILE * stream), (stream))
+WRAP_AS("fseeko", int, -1, fseeko64, (FILE * stream, off64_t offset, int whence),
+        (stream, offset, whence))
+WRAP_AS("ftello", off64_t, -1, ftello64, (FILE * stream), (stream))
 WRAP(int, 1, addmntent, (FILE * stream, const mntent* line), (stream, line))
 
 FILE* __real_fopen64(const char* path, const char* mode);
 FILE* __wrap_fopen64(const char* path, const char* mode);
 FILE* __wrap_fopen64(const char* path, const char* mode)
 {
-    return call_fails("fopen64") ? nullptr : keep_stream(__real_fopen64(path, mode));
+    return call_fails("fopen") ? nullptr : keep_stream(__real_fopen64(path, mode));
 }
 
 FILE* __real_setmntent(const char* path, const char* mode);
@@ -338,7 +255,19 @@ int __wrap_open64(const char* path, int flags, ...)
     va_start(arguments, flags);
     const auto mode = static_cast<mode_t>((flags & O_CREAT) != 0 ? va_arg(arguments, int) : 0);
     va_end(arguments);
-    return call_fails("open64") ? -1 : __real_open64(path, flags, mode);
+    return call_fails("open") ? -1 : __real_open64(path, flags, mode);
+}
+
+int __real_fcntl(int fd, int command, long argument);
+int __wrap_fcntl(int fd, int command, ...);
+int __wrap_fcntl(int fd, int command, ...)
+{
+    va_list arguments;
+    va_start(arguments, command);
+    const long argument =
+        va_arg(arguments, long); // every command that is used here takes one, or none
+    va_end(arguments);
+    return call_fails("fcntl") ? -1 : __real_fcntl(fd, command, argument);
 }
 
 int __real_fcntl64(int fd, int command, long argument);
@@ -349,7 +278,7 @@ int __wrap_fcntl64(int fd, int command, ...)
     va_start(arguments, command);
     const long argument = va_arg(arguments, long);
     va_end(arguments);
-    return call_fails("fcntl64") ? -1 : __real_fcntl64(fd, command, argument);
+    return call_fails("fcntl") ? -1 : __real_fcntl64(fd, command, argument);
 }
 
 int __real_close(int fd);
@@ -357,9 +286,9 @@ int __wrap_close(int fd);
 int __wrap_close(int fd)
 {
     const bool fails = call_fails("close");
+    const int error = errno;
     const int result = __real_close(fd);
-    if (fails)
-        errno = EIO;
+    errno = fails ? error : errno;
     return fails ? -1 : result;
 }
 }

@@ -1,0 +1,34 @@
+// Calls of the C library that fail where a test wants it. The calls of the product and of what is
+// linked with it come here first; what the C library calls itself does not. What goes through
+// lib/sys.h fails through the fake world. Functions go by the names in the sources: "open", not
+// "open64".
+#pragma once
+
+#include <stddef.h>
+
+#include <map>
+#include <string>
+
+// Makes the nth call of a function from now on (1 = the next) fail with an errno, once. A close or
+// fclose is done before it fails.
+void call_fail(const std::string& function, int nth, int error);
+
+// Whether the planned failure has struck. Takes the plan back.
+bool call_failed();
+
+// From now on a read gives so many bytes at most, though there are more; 0: as many as are asked
+// for.
+void reads_cut(size_t most);
+
+// While watched, calls are counted, and a planned failure can strike; call_fail() begins it.
+void calls_watch(bool on);
+
+// While on, this thread's calls are overlooked: they are the test's own.
+void calls_overlook(bool on);
+
+// What was counted, and how many streams were opened and not closed, since calls_reset().
+std::map<std::string, int> calls_counted();
+size_t streams_kept();
+
+// No plan, no watch, nothing counted, no reads cut.
+void calls_reset();

@@ -1,0 +1,39 @@
+#!/usr/bin/python3
+"""Holds what test_main.cpp and count.py make of bad cases against what they are.
+
+usage: selftest.py BUILD_DIRECTORY SOURCE_DIRECTORY
+"""
+import pathlib
+import subprocess
+import sys
+import xml.etree.ElementTree as ElementTree
+
+WANTED = {"A_ChangesEverything": "run", "B_FindsNothingOfIt": "run", "C_Fails": "fail", "D_Crashes": "fail",
+          "E_Ends": "fail", "F_LeavesADescriptor": "fail", "G_MayLeaveAStream": "run", "H_IsSkipped": "notrun",
+          "I_Hangs": "fail", "J_ReturnsTwice": "run", "K_Passes": "run", "L_LeavesAThread": "fail"}
+COUNTED = "5 passed, 6 failed, 1 skipped"
+
+
+def main():
+    build, source = (pathlib.Path(argument).resolve() for argument in sys.argv[1:])
+    results = build / "selftest"
+    cases = results / "self.cases"
+    cases.mkdir(parents=True, exist_ok=True)
+    run = subprocess.run([build / "bin/world", "--keep", source, "--keep", build, "--", build / "bin/bad_cases",
+                          f"--results={cases}/unit.bad.xml", "--limit=2"], check=False, cwd="/")
+    found = {case.get("name").split(".")[1]: case.get("status")
+             for case in ElementTree.parse(cases / "unit.bad.xml").iter("testcase")}
+    (results / "self.xml").write_text('<testsuite><testcase name="unit.bad" status="fail"/></testsuite>')
+    count = subprocess.run([sys.executable, "-B", source / "tests/support/count.py", results], check=False,
+                           stdout=subprocess.PIPE, text=True)
+    print(count.stdout)
+    faults = [f"{name}: {found.get(name)} instead of {status}" for name, status in WANTED.items()
+              if found.get(name) != status]
+    if run.returncode != 1 or count.returncode != 1 or not count.stdout.endswith(f": {COUNTED}\n"):
+        faults.append(f"status {run.returncode}, counted with status {count.returncode}")
+    print("\n".join(faults))
+    return 1 if faults else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
