@@ -6,6 +6,7 @@
 #include "lib/str.h"
 #include "lib/version.h"
 #include "prepare/leftovers.h"
+#include "prepare/lock.h"
 #include "prepare/places.h"
 #include "prepare/settings.h"
 #include "prepare/tell.h"
@@ -14,13 +15,11 @@
 #include <fcntl.h>
 #include <getopt.h>
 #include <string.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 static constexpr char program_name[] = "vyhotplug-prepare";
 static constexpr char default_config[] = "/etc/vyhotplugd/vyhotplugd.conf";
-static constexpr char pid_file[] = "/var/run/vyhotplugd.pid";
 static constexpr size_t service_path_size = 128; // bytes that the service has for this path
 
 // The service makes its files in /tmp and renames them, so they must be on that filesystem.
@@ -66,24 +65,6 @@ static ConfHotplug* load_config(const char* path)
         return nullptr;
     }
     return config.take();
-}
-
-// ---- the lock ----
-
-// Takes the service's lock, so that neither the service nor another run of this program can start
-// meanwhile. Returns -1, told, when it is held. Nobody holds it where there is no file.
-static int take_lock(FdGuard* lock)
-{
-    lock->reset(open(pid_file, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    if (lock->get() < 0 && errno == ENOENT)
-        return 0;
-    if (lock->get() >= 0 && flock(lock->get(), LOCK_EX | LOCK_NB) == 0)
-        return 0;
-    if (lock->get() >= 0 && errno == EWOULDBLOCK)
-        tell(LOG_ERR, "vyhotplugd is running, %s is locked", pid_file);
-    else
-        tell(LOG_ERR, "%s cannot be locked: %s", pid_file, strerror(errno));
-    return -1;
 }
 
 // ---- directories, links, files ----
@@ -207,7 +188,7 @@ static void restore_settings(const char* device_file)
 int prepare_surroundings(const char* config_path)
 {
     FdGuard lock;
-    if (take_lock(&lock) != 0)
+    if (lock_take(&lock) != 0)
         return -1;
     const ConfHotplugGuard config(load_config(config_path));
     if (!config)
