@@ -215,7 +215,7 @@ int prepare_save(const char* config_path)
     const ConfHotplugGuard config(load_config(config_path));
     if (!config)
         return -1;
-    const int result = settings_save(config->deviceconfigpath);
+    const int result = settings_save(config->deviceconfigpath, nullptr);
     if (result != 0)
         tell(LOG_ERR, "the settings in %s cannot be saved: %s", config->deviceconfigpath,
              strerror(-result));
