@@ -20,7 +20,7 @@ struct Shown {
 
 static Shown show(const char* text)
 {
-    Shown shown;
+    Shown shown = {};
     str_ncpy_u8(shown.text, text[0] != '\0' ? text : "(nothing)", sizeof shown.text);
     (void)text_clean(shown.text, ""); // how much it had to change does not matter
     return shown;
@@ -56,12 +56,15 @@ static bool is_about_key(FindingKind kind)
 
 void finding_format(const Finding& finding, char (&text)[finding_text_size])
 {
+    const Shown section = finding.section[0] != '\0' ? show(finding.section) : Shown{};
     const Shown key = show(finding.key);
     const Shown word = is_about_key(finding.kind) ? Shown{} : show(finding.word);
     const char* between = word.text[0] != '\0' ? ": " : "";
     const bool near = finding.right != nullptr;
     const bool list = !near && finding.accepted != nullptr;
-    (void)snprintf(text, sizeof text, "%s%s%s %s%s%s%s%s; %s%s", key.text, between, word.text,
+    (void)snprintf(text, sizeof text, "%s%s%s%s%s%s %s%s%s%s%s; %s%s",
+                   section.text[0] != '\0' ? "[" : "", section.text,
+                   section.text[0] != '\0' ? "] " : "", key.text, between, word.text,
                    says(finding.kind), near ? ", write " : "", near ? finding.right : "",
                    list ? ", accepted: " : "", list ? finding.accepted : "",
                    finding.taken != nullptr ? finding.taken : "it",

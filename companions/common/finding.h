@@ -32,7 +32,8 @@ using FindingReport = void (*)(void* context, const Finding& finding);
 constexpr size_t finding_text_size = 512; // bytes with the NUL
 
 // Writes one line without file and number, such as "mountfs: ntsf is no word for it, write ntfs; it
-// is passed over". Control characters come out as "_"; what is too long is cut.
+// is passed over", with the section in brackets before it where there is one. Control characters
+// come out as "_"; what is too long is cut.
 void finding_format(const Finding& finding, char (&text)[finding_text_size]);
 
 // Lends the word that takes the fewest steps to become `word`: a letter that is wrong, missing, too

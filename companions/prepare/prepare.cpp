@@ -7,6 +7,7 @@
 #include "lib/version.h"
 #include "prepare/leftovers.h"
 #include "prepare/lock.h"
+#include "prepare/mistakes.h"
 #include "prepare/places.h"
 #include "prepare/settings.h"
 #include "prepare/tell.h"
@@ -59,7 +60,10 @@ static ConfHotplug* load_config(const char* path)
         tell(LOG_ERR, "%s cannot be read: %s", path, strerror(errno));
         return nullptr;
     }
+    // What the loader says of the file is told with its line, see mistakes.h.
+    const int mask = setlogmask(LOG_UPTO(LOG_EMERG));
     ConfHotplugGuard config(load_config_hotplug(path));
+    (void)setlogmask(mask);
     if (!config || !is_complete(config.get())) {
         tell(LOG_ERR, "no memory for the configuration");
         return nullptr;
@@ -193,6 +197,8 @@ int prepare_surroundings(const char* config_path)
     const ConfHotplugGuard config(load_config(config_path));
     if (!config)
         return -1;
+    mistakes_tell_config(config_path);
+    mistakes_tell_kernel();
     if (check_directory_key("mountpath", config->mountpath) != 0 ||
         check_directory_key("devicepath", config->devicepath) != 0)
         return -1;
@@ -207,6 +213,7 @@ int prepare_surroundings(const char* config_path)
     check_filesystem(parents.devices, config->deviceconfigpath);
     take_leftovers_off(config.get());
     restore_settings(config->deviceconfigpath);
+    mistakes_tell_settings_file(config->deviceconfigpath);
     return result;
 }
 
@@ -215,7 +222,7 @@ int prepare_save(const char* config_path)
     const ConfHotplugGuard config(load_config(config_path));
     if (!config)
         return -1;
-    const int result = settings_save(config->deviceconfigpath, nullptr);
+    const int result = settings_save(config->deviceconfigpath, mistakes_tell_settings);
     if (result != 0)
         tell(LOG_ERR, "the settings in %s cannot be saved: %s", config->deviceconfigpath,
              strerror(-result));

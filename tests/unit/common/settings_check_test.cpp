@@ -11,8 +11,7 @@ static void note(void* context, const Finding& finding)
 {
     char text[finding_text_size];
     finding_format(finding, text);
-    static_cast<Texts*>(context)->push_back(std::to_string(finding.line) + ":[" + finding.section +
-                                            "] " + text);
+    static_cast<Texts*>(context)->push_back(std::to_string(finding.line) + ":" + text);
 }
 
 static bool look_up(const char* name, uint32_t* id)
