@@ -5,6 +5,7 @@
 #include "lib/guard.h"
 #include "lib/str.h"
 #include "lib/version.h"
+#include "prepare/adoption.h"
 #include "prepare/leftovers.h"
 #include "prepare/lock.h"
 #include "prepare/mistakes.h"
@@ -171,14 +172,53 @@ static void check_filesystem(const char* directory, const char* file)
 
 // ---- the whole run ----
 
+namespace {
+
+struct Adoption {
+    const ConfHotplug* config;
+    AdoptionNotes notes;
+};
+
+} // namespace
+
+static const char* judge(void* context, const MountinfoEntry& mount)
+{
+    const auto* adoption = static_cast<const Adoption*>(context);
+    return adoption_refusal(adoption->config, adoption->notes, mount);
+}
+
+// Without its notes nothing stays.
+static void load_notes(AdoptionNotes* notes)
+{
+    const int result = adoption_load(notes);
+    if (result != 0)
+        tell(LOG_WARNING, "%s cannot be read: %s", adoption_notes_path, strerror(-result));
+}
+
 static void take_leftovers_off(const ConfHotplug* config)
 {
     MountinfoGuard table;
     const int result = mountinfo_load(mountinfo_path, table.out());
+    Adoption adoption;
+    adoption.config = config;
     if (result != 0)
-        tell(LOG_WARNING, "%s cannot be read: %s", mountinfo_path, strerror(-result));
-    else
-        (void)leftovers_take_off(config, table.get()); // told; other devices can still be mounted
+        return tell(LOG_WARNING, "%s cannot be read: %s", mountinfo_path, strerror(-result));
+    if (config->adopt != 0)
+        load_notes(&adoption.notes);
+    // A failure is told; other devices can still be mounted.
+    (void)leftovers_take_off(config, table.get(), config->adopt != 0 ? judge : nullptr, &adoption);
+}
+
+// Notes what is mounted for a next start, see adoption.h.
+static void note_mounts(const ConfHotplug* config)
+{
+    MountinfoGuard table;
+    int result = mountinfo_load(mountinfo_path, table.out());
+    if (result == 0)
+        result = adoption_note(config, table.get());
+    if (result != 0)
+        tell(LOG_WARNING, "what is mounted is not noted, a restart will unmount it: %s",
+             strerror(-result));
 }
 
 static void restore_settings(const char* device_file)
@@ -222,6 +262,8 @@ int prepare_save(const char* config_path)
     const ConfHotplugGuard config(load_config(config_path));
     if (!config)
         return -1;
+    if (config->adopt != 0)
+        note_mounts(config.get());
     const int result = settings_save(config->deviceconfigpath, mistakes_tell_settings);
     if (result != 0)
         tell(LOG_ERR, "the settings in %s cannot be saved: %s", config->deviceconfigpath,
