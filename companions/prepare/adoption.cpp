@@ -70,15 +70,15 @@ static bool find_device(const MountinfoEntry& mount, const char* devicepath, Mou
     return note->major != 0; // btrfs has no numbers of a block device's
 }
 
-// The number of the disk's medium; 0 where the kernel tells none. A partition's directory lies in
-// that of its disk.
-static uint64_t read_sequence(const char* directory)
+// Reads a number that the kernel tells of the device's disk; 0 where it tells none. A partition's
+// directory lies in that of its disk.
+static uint64_t read_of_disk(const char* directory, const char* name)
 {
-    static constexpr const char* places[] = {"/diskseq", "/../diskseq"};
+    static constexpr const char* places[] = {"", "/.."};
     for (const char* place : places) {
         char path[96];
         FileBytes text;
-        (void)snprintf(path, sizeof path, "%s%s", directory, place);
+        (void)snprintf(path, sizeof path, "%s%s/%s", directory, place, name);
         if (file_read_all(path, 0, line_size, &text) == 0)
             return strtoull(text.bytes.get(), nullptr, 10);
     }
@@ -95,7 +95,8 @@ static bool look_at_device(MountNote* note)
     if (stat(directory, &status) != 0)
         return false;
     note->inode = status.st_ino;
-    note->sequence = read_sequence(directory);
+    note->sequence = read_of_disk(directory, "diskseq");
+    note->uncounted = note->sequence == 0 && read_of_disk(directory, "removable") != 0;
     return true;
 }
 
@@ -221,6 +222,8 @@ const char* adoption_refusal(const ConfHotplug* config, const AdoptionNotes& not
         return "nothing is noted of its device";
     if (!look_at_device(&now))
         return "its device is not plugged any more";
+    if (now.uncounted)
+        return "this kernel does not count media, it may hold another";
     if (noted->inode != now.inode || noted->sequence != now.sequence)
         return "another device or medium is in its place";
     if (filesystem->driver != nullptr && sys_statfs(mount.directory) != 0)

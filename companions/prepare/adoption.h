@@ -24,6 +24,7 @@ struct MountNote {
     uint32_t minor;    // likewise
     uint64_t inode;    // of the device's directory in sysfs: another when it was plugged again
     uint64_t sequence; // of the disk's medium; 0 where the kernel does not count (before 5.15)
+    bool uncounted;    // though the medium can be changed; is not noted
 };
 
 // Notes each of the service's mounts in the table. What is noted of a mount already stays as it is:

@@ -163,6 +163,20 @@ TEST_F(AdoptionTest, AnotherCardInTheSameReaderIsNotTakenForTheFirst)
     EXPECT_EQ(judge(stick), swapped);
 }
 
+// Before Linux 5.15 nobody can tell one card from another; what has no medium to change stays.
+TEST_F(AdoptionTest, WhereMediaAreNotCountedAReadersMountGoes)
+{
+    plug("A", "8:1", "");
+    write_file(numbers + "diskA/removable", "0\n");
+    add(stick);
+    EXPECT_EQ(note(), 0);
+    EXPECT_EQ(judge(stick), "stays");
+    write_file(numbers + "diskA/removable", "1\n");
+    EXPECT_EQ(judge(stick), "this kernel does not count media, it may hold another");
+    write_file(numbers + "diskA/diskseq", "1\n");
+    EXPECT_EQ(judge(stick), swapped);
+}
+
 TEST_F(AdoptionTest, AMountThatIsGoneIsNotNotedAnyMore)
 {
     plug("A", "8:1", "7");
