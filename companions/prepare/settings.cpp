@@ -29,16 +29,20 @@ static int replace_file(const char* path, const FileBytes& content, mode_t mode)
     return file_replace(path, content.bytes.get(), content.size, mode, FILE_DURABLE);
 }
 
-static bool has_settings(const char* device_file)
+// Returns 1 when the device file holds something, 0 when not; a negated errno where nobody can say.
+static int has_settings(const char* device_file)
 {
     struct stat status;
-    return stat(device_file, &status) == 0 && S_ISREG(status.st_mode) && status.st_size > 0;
+    if (stat(device_file, &status) != 0)
+        return errno == ENOENT ? 0 : -errno;
+    return S_ISREG(status.st_mode) && status.st_size > 0 ? 1 : 0;
 }
 
 int settings_restore(const char* device_file)
 {
-    if (has_settings(device_file))
-        return 0;
+    const int has = has_settings(device_file);
+    if (has != 0)
+        return has < 0 ? has : 0;
     FileBytes copy;
     const int result = read_file(settings_copy, &copy);
     if (result != 0)
@@ -81,7 +85,7 @@ static GenerationPath generation_path(int generation)
 static bool is_there(int generation)
 {
     struct stat status;
-    return lstat(generation_path(generation).text, &status) == 0;
+    return lstat(generation_path(generation).text, &status) == 0 || errno != ENOENT;
 }
 
 static bool is_kept_already(const FileBytes& copy)
@@ -116,24 +120,32 @@ static int keep_copy(const FileBytes& copy)
     return result;
 }
 
+// Reads the copy. What is no file of a copy's is replaced, so it counts as empty.
+static int read_copy(FileBytes* copy)
+{
+    const int result = read_file(settings_copy, copy);
+    if (result != -ELOOP && result != -EINVAL && result != -EFBIG)
+        return result;
+    copy->size = 0;
+    return 0;
+}
+
 int settings_save(const char* device_file, SettingsCheck check)
 {
     FileBytes settings;
     FileBytes copy;
     int result = read_file(device_file, &settings);
+    if (result == 0)
+        result = read_copy(&copy);
     if (result != 0)
         return result;
-    const bool readable = read_file(settings_copy, &copy) == 0; // else it is replaced
-    if (settings.size == 0) {
-        if (!readable || copy.size > 0)
-            tell(LOG_NOTICE, "%s holds nothing, %s stays as it is", device_file, settings_copy);
-        return 0;
-    }
-    if (readable && is_same(settings, copy))
+    if (settings.size == 0 && copy.size > 0)
+        tell(LOG_NOTICE, "%s holds nothing, %s stays as it is", device_file, settings_copy);
+    if (settings.size == 0 || is_same(settings, copy))
         return 0;
     if (check != nullptr)
         check(device_file, settings.bytes.get(), settings.size);
-    if (readable && copy.size > 0 &&
+    if (copy.size > 0 &&
         settings_lost(copy.bytes.get(), copy.size, settings.bytes.get(), settings.size))
         result = keep_copy(copy);
     return result == 0 ? make_copy(settings) : result;
