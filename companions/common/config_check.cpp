@@ -26,6 +26,7 @@ enum class ValueKind : uint8_t {
     on_off,     // the same, or 1, or 0
     words,      // some of them, separated by commas: blanks belong to a word
     trimmed,    // the same, but blanks at its ends do not belong to it
+    options,    // of a filesystem of the kernel's
     path,       // begins with a slash
     number,     // decimal
     permission, // octal
@@ -145,7 +146,7 @@ static void add_other_rules(Check* check)
         char key[options_key_size];
         (void)snprintf(key, sizeof key, "%s%s", filesystem.type, options_ending);
         if (filesystem_is_other(filesystem))
-            (void)add_rule(check, key, ValueKind::any);
+            (void)add_rule(check, key, ValueKind::options);
     }
 }
 
@@ -164,8 +165,10 @@ static void add_rules(Check* check)
         add_number_rule(check, row);
     for (const NumberKey& row : permission_keys)
         add_number_rule(check, row);
-    for (const OptionsKey& row : options_keys)
-        (void)add_rule(check, row.key, ValueKind::any);
+    for (const OptionsKey& row : options_keys) // a driver takes the flags of mount(2), too
+        (void)add_rule(check, row.key,
+                       row.field == &ConfHotplug::ntfsoptions ? ValueKind::any
+                                                              : ValueKind::options);
     add_word_rule(check, mountfs_key, ValueKind::words, mountfs_words, "");
     add_word_rule(check, otherfs_key, ValueKind::trimmed, otherfs_words, "");
     add_word_rule(check, mountflags_key, ValueKind::trimmed, mountflags_words, "");
@@ -266,6 +269,32 @@ static void check_words(Check* check, const IniLine& line, const KeyRule& rule)
     }
 }
 
+// Flags of mount(2) are no options of a filesystem's: the kernel refuses the whole mount for one.
+// (Those two it takes for what mount(8) makes of them.)
+static bool is_flag_of_mount(const char* word)
+{
+    return is_one_of(word, mountflags_words()) && strcasecmp(word, "sync") != 0 &&
+           strcasecmp(word, "dirsync") != 0;
+}
+
+static void check_options(Check* check, const IniLine& line, const KeyRule& rule)
+{
+    char item[VYOPT_ITEM_SIZE];
+    const char* position = line.value;
+    while ((position = vyopt_get_section(position, item, sizeof item)) != nullptr) {
+        if (is_flag_of_mount(item))
+            tell_value(check, line, rule,
+                       {.line = 0,
+                        .section = nullptr,
+                        .kind = FINDING_UNKNOWN_WORD,
+                        .key = nullptr,
+                        .word = item,
+                        .right = "it into mountflags",
+                        .accepted = nullptr,
+                        .taken = "no mount at all"});
+    }
+}
+
 // "rw-r--r--", as ls(1) prints it, with or without the letter of the kind before it.
 static bool read_letters(const char* text, char (&octal)[8])
 {
@@ -339,6 +368,8 @@ static void check_value(Check* check, const IniLine& line, const KeyRule& rule)
     case ValueKind::words:
     case ValueKind::trimmed:
         return check_words(check, line, rule);
+    case ValueKind::options:
+        return check_options(check, line, rule);
     case ValueKind::path:
         return check_path(check, line, rule);
     case ValueKind::number:

@@ -34,7 +34,7 @@ TEST(ConfigCheck, FindsNothingWhereNothingIsWrong)
               "smbtype = Samba\nDS / NasWork = 0\nsmbconfigpath = /a\ndeviceconfigpath=/b\n"
               "mount path = /c\ndevicepath = /d\ndefaultuid = 0\ndefaultgid = 2147483647\n"
               "defaultfilepermission = 0\ndefaultdirectorypermission = 0777\n"
-              "vfatoptions = \nntfsoptions = anything, at = all\nextfsoptions=x\n"
+              "vfatoptions = \nntfsoptions = anything, at = all,nosuid\nextfsoptions=acl,sync\n"
               "mountfs = FAT,vfat,ntfs,ext,ext2,ext3,ext4\nfatvolumelabel = DISABLE\n"
               "otherfs = exfat, ntfs3 ,f2fs,btrfs,xfs,hfsplus,udf,iso9660\n"
               "exfatoptions=a\nntfs3options=a\nf2fsoptions=a\nbtrfsoptions=a\nxfsoptions=a\n"
@@ -71,6 +71,10 @@ TEST(ConfigCheck, TellsEachMistakeWithTheNearestRightWord)
         {"mountflags = ro",
          "mountflags: ro is no word for it, accepted: nosuid, nodev, noexec, noatime, nodiratime, "
          "sync, dirsync, nosymfollow; it is passed over"},
+        {"vfatoptions = utf8,nosuid", "vfatoptions: nosuid is no word for it, write it into "
+                                      "mountflags; no mount at all is taken"},
+        {"xfsoptions = noatime", "xfsoptions: noatime is no word for it, write it into mountflags; "
+                                 "no mount at all is taken"},
         {"labels = al", "labels: al is no word for it, write all; it is passed over"},
         {"smbtype = sambo",
          "smbtype: sambo is no word for it, write samba; the product's own server is taken"},
