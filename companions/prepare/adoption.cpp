@@ -18,7 +18,7 @@
 
 static constexpr char boot_id_path[] = "/proc/sys/kernel/random/boot_id";
 static constexpr size_t most_bytes = 1 << 20;
-static constexpr size_t line_size = 128; // bytes of a note's line; the longest has 95
+static constexpr size_t line_size = 128; // bytes of a note's line; the longest has 121
 static constexpr mode_t notes_mode = 0600;
 
 // ---- one mount's device ----
@@ -39,35 +39,38 @@ static const Filesystem* filesystem_of_mount(const MountinfoEntry& mount)
     return nullptr;
 }
 
-// A driver's mount is of the node that it was given.
-static bool is_from_own_node(const MountinfoEntry& mount, const char* devicepath, dev_t* device)
+// Looks at the device node that the service made for the mount. False without one.
+static bool find_node(const MountinfoEntry& mount, const char* devicepath, MountNote* note,
+                      dev_t* device)
 {
     char node[place_path_size];
     struct stat status;
-    const int length = snprintf(node, sizeof node, "%s/%s", devicepath, name_of(mount));
-    if (length < 0 || static_cast<size_t>(length) >= sizeof node ||
-        strcmp(mount.source, node) != 0 || stat(node, &status) != 0 || !S_ISBLK(status.st_mode))
+    const int length = snprintf(node, sizeof node, "%s/%s", devicepath, note->name);
+    if (length < 0 || static_cast<size_t>(length) >= sizeof node || stat(node, &status) != 0 ||
+        !S_ISBLK(status.st_mode))
         return false;
+    note->node = status.st_ino;
+    note->made = int64_t{status.st_ctim.tv_sec} * 1000000000 + status.st_ctim.tv_nsec;
     *device = status.st_rdev;
-    return true;
+    // A driver's mount has no numbers of its own, but the node as its source.
+    return strncmp(mount.type, "fuse", 4) != 0 ? status.st_rdev == makedev(mount.major, mount.minor)
+                                               : strcmp(mount.source, node) == 0;
 }
 
-// Finds the numbers of the block device. False when the mount is of none, or of none that could be
-// told.
+// Finds what the mount is made from, as far as it can be told by its node. False when it cannot:
+// btrfs has no numbers of a block device's.
 static bool find_device(const MountinfoEntry& mount, const char* devicepath, MountNote* note)
 {
-    const Filesystem* filesystem = filesystem_of_mount(mount);
-    dev_t device = makedev(mount.major, mount.minor);
-    if (filesystem == nullptr || strlen(name_of(mount)) >= sizeof note->name)
-        return false;
-    if (filesystem->driver != nullptr && !is_from_own_node(mount, devicepath, &device))
-        return false;
+    dev_t device = 0;
     *note = {};
+    if (filesystem_of_mount(mount) == nullptr || strlen(name_of(mount)) >= sizeof note->name)
+        return false;
     str_cpy(note->name, name_of(mount));
-    note->mount = mount.id;
+    if (!find_node(mount, devicepath, note, &device))
+        return false;
     note->major = major(device);
     note->minor = minor(device);
-    return note->major != 0; // btrfs has no numbers of a block device's
+    return true;
 }
 
 // Reads a number that the kernel tells of the device's disk; 0 where it tells none. A partition's
@@ -106,8 +109,8 @@ static const MountNote* find_note(const AdoptionNotes& notes, const MountNote& m
 {
     for (size_t at = 0; at < notes.count; at++) {
         const MountNote& note = notes.notes.get()[at];
-        if (note.mount == mount.mount && note.major == mount.major && note.minor == mount.minor &&
-            strcmp(note.name, mount.name) == 0)
+        if (note.node == mount.node && note.made == mount.made && note.major == mount.major &&
+            note.minor == mount.minor && strcmp(note.name, mount.name) == 0)
             return &note;
     }
     return nullptr;
@@ -126,8 +129,9 @@ static void read_boot(char (&line)[line_size])
 static bool parse_note(const char* line, MountNote* note)
 {
     *note = {};
-    return sscanf(line, "%15s %" SCNd32 " %" SCNu32 " %" SCNu32 " %" SCNu64 " %" SCNu64, note->name,
-                  &note->mount, &note->major, &note->minor, &note->inode, &note->sequence) == 6;
+    return sscanf(line, "%15s %" SCNu64 " %" SCNd64 " %" SCNu32 " %" SCNu32 " %" SCNu64 " %" SCNu64,
+                  note->name, &note->node, &note->made, &note->major, &note->minor, &note->inode,
+                  &note->sequence) == 7;
 }
 
 // Takes the text apart, in place.
@@ -164,8 +168,10 @@ int adoption_load(AdoptionNotes* notes)
 static char* append_note(char* at, const MountNote& note)
 {
     return at + snprintf(at, line_size,
-                         "%s %" PRId32 " %" PRIu32 " %" PRIu32 " %" PRIu64 " %" PRIu64 "\n",
-                         note.name, note.mount, note.major, note.minor, note.inode, note.sequence);
+                         "%s %" PRIu64 " %" PRId64 " %" PRIu32 " %" PRIu32 " %" PRIu64 " %" PRIu64
+                         "\n",
+                         note.name, note.node, note.made, note.major, note.minor, note.inode,
+                         note.sequence);
 }
 
 // What is to be noted of a mount. False for none.

@@ -19,7 +19,8 @@ constexpr char adoption_sysfs[] = "/sys";
 // What a mount is made from.
 struct MountNote {
     char name[16];     // of its directory below the mount directory
-    int32_t mount;     // the mount's own number
+    uint64_t node;     // inode of the device node, which the service makes for each mount
+    int64_t made;      // when it was made, in nanoseconds
     uint32_t major;    // of the block device
     uint32_t minor;    // likewise
     uint64_t inode;    // of the device's directory in sysfs: another when it was plugged again
@@ -27,8 +28,9 @@ struct MountNote {
     bool uncounted;    // though the medium can be changed; is not noted
 };
 
-// Notes each of the service's mounts in the table. What is noted of a mount already stays as it is:
-// the medium may have been changed since. Returns 0; a negated errno, the notes as they were.
+// Notes each of the service's mounts in the table. What is noted of a mount already stays as it is
+// as long as its device node does: the medium may have been changed since. Returns 0; a negated
+// errno, the notes as they were.
 [[nodiscard]] int adoption_note(const ConfHotplug* config, const Mountinfo* table);
 
 // Notes of one boot; all zero: none.

@@ -11,6 +11,7 @@
 
 #include <string.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <set>
@@ -115,6 +116,8 @@ struct Noting {
         Scenario scenario;
         scenario.prepare = [] {
             mkdir(mount_folder, 0755);
+            mkdir(device_folder, 0755);
+            (void)mknod("/tmp/hotdev/sda1", S_IFBLK | 0600, makedev(7, 0)); // may be there
             mkdir("/run/vyhotplugd", 0755);
             write_file(adoption_notes_path, "old\n");
         };
