@@ -110,6 +110,32 @@ class Mounts(Together):
         self.assertEqual(self.exported(), ["Stick"])
 
 
+class Lists(Together):
+    """A name where the device file wants a number."""
+
+    def set_list(self, before, after):
+        text = vyworld.read(vyworld.DEVICE_FILE)
+        self.assertIn(before, text)
+        vyworld.write(vyworld.DEVICE_FILE + ".new", text.replace(before, after), 0o644)
+        os.rename(vyworld.DEVICE_FILE + ".new", vyworld.DEVICE_FILE)
+        self.daemon.signal(signal.SIGHUP)
+
+    def test_a_share_for_somebody_unknown_is_closed_until_the_number_is_there(self):
+        self.start_all("sda1", strict="enable")
+        self.set_list("Full Access Users=\n", "Full Access Users=anna\n")
+        self.wait_for_log("bridge(#)share Drive(A1) (1234:00ab:SERA:1) is withheld: "
+                          "Full Access Users has anna, which is no user id")
+        self.assertEqual(self.exported(), [])
+        self.daemon.signal(signal.SIGHUP)  # another refresh changes nothing
+        time.sleep(2 * vyworld.IDLE_PAUSE)
+        self.assertEqual(self.exported(), [])
+        self.wait_until("nobody sees it", lambda: self.listing("bert") == {})
+        self.set_list("Full Access Users=anna\n", "Full Access Users=5001\n")
+        self.wait_until("it is shared", lambda: self.exported() == ["Drive(A1)"])
+        self.wait_until("Samba has read it", lambda: self.fetch("Drive(A1)", "who", "anna") is not None)
+        self.assertIsNone(self.fetch("Drive(A1)", "who", "bert"))
+
+
 class Restart(Together):
     """Nobody notices a restart of the service where it takes over what stands mounted."""
 
