@@ -33,7 +33,7 @@ def start_udiskie(stack):
 
 
 def peer_mounts():
-    return [line for line in vyworld.read("/proc/self/mounts").splitlines() if " /media/" in line or " /run/media/" in line]
+    return [line for line in vyworld.read_lines("/proc/self/mounts") if " /media/" in line or " /run/media/" in line]
 
 
 def mount_by_udisks(loops):
@@ -44,7 +44,7 @@ def mount_by_udisks(loops):
 
 
 def start_peers(results, stack, cycles):
-    """udisksd with udiskie and their mounts. Returns the numbers of the processes by name; none where they cannot run."""
+    """udisksd with udiskie, and their mounts. Returns the processes' numbers by name; those that can be run."""
     loops = [measure.make_loop(stack, f"peer{number}") for number in range(resident.MOUNTS)]
     pids = {}
     try:

@@ -90,7 +90,8 @@ class Samba:
         smbd = subprocess.Popen(["smbd", "--foreground", "--no-process-group"], stdin=subprocess.DEVNULL, **quiet)
         stack.callback(measure.end_process, smbd)
         login = ["smbclient", "-U", f"{self.USER}%{self.USER}", "//127.0.0.1/fixed"]
-        wait_until("Samba answers", lambda: subprocess.call([*login, "-c", "ls"], stdin=subprocess.DEVNULL, **quiet) == 0)
+        wait_until("Samba answers", lambda: subprocess.call(
+            [*login, "-c", "ls"], stdin=subprocess.DEVNULL, **quiet) == 0)
         self.client = subprocess.Popen(login, stdin=subprocess.PIPE, **quiet)
         stack.callback(measure.end_process, self.client)
 
