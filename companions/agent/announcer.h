@@ -87,6 +87,9 @@ void announcer_delivered(Announcer* announcer, uint64_t now);
 // The daemon has gone, and all it knew. Which media were changed is none of it. A walk is due.
 void announcer_forget(Announcer* announcer);
 
+// Has a device that is announced taken back and announced again.
+void announcer_repeat(Announcer* announcer, int32_t major, int32_t minor);
+
 // Whether a device with these numbers was ever announced, gone or not: what is mounted there is the
 // service's.
 bool announcer_is_ours(const Announcer* announcer, int32_t major, int32_t minor);

@@ -17,7 +17,9 @@ static constexpr option long_options[] = {
     {"help", no_argument, nullptr, AGENT_HELP},
     {"version", no_argument, nullptr, AGENT_VERSION},
     {"all", no_argument, nullptr, 'a'},
+    {"config", required_argument, nullptr, 'c'},
     {"mounts", required_argument, nullptr, 'm'},
+    {"not-mounted", required_argument, nullptr, 'n'},
     {"proc", required_argument, nullptr, 'p'},
     {"state", required_argument, nullptr, 't'},
     {"sysfs", required_argument, nullptr, 's'},
@@ -42,7 +44,12 @@ void settings_print_help()
            "\n"
            "options:\n"
            "  --all            tell of disks that the machine itself uses, too\n"
+           "  --config FILE    the service's configuration\n"
+           "                   (default /etc/vyhotplugd/vyhotplugd.conf)\n"
            "  --mounts DIR     where the service mounts (default /media/vyhotplug)\n"
+           "  --not-mounted FILE\n"
+           "                   where it is kept what is not mounted and why, \"\" for nowhere\n"
+           "                   (default /run/vyhotplugd/not-mounted)\n"
            "  --state FILE     where it is kept what the service was told, \"\" for nowhere\n"
            "                   (default /run/vyhotplug-agent.state)\n"
            "  --sysfs DIR      where sysfs is mounted (default /sys)\n"
@@ -72,10 +79,15 @@ static int take_option(AgentSettings* settings, int code)
     case 'a':
         settings->all = true;
         return 0;
+    case 'c':
+        return set_directory(&settings->config);
     case 'm':
         if (optarg[strspn(optarg, "/")] == '\0') // everything lies below "/"
             return complain("no directory of the service's: ", optarg);
         return set_directory(&settings->mounts);
+    case 'n':
+        settings->not_mounted = "";
+        return optarg[0] != '\0' ? set_directory(&settings->not_mounted) : 0;
     case 'p':
         return set_directory(&settings->proc);
     case 's':
