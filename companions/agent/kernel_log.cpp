@@ -12,30 +12,22 @@ static constexpr int records_at_once = 4096; // more than a kernel's buffer hold
 
 // ---- one line ----
 
-static bool is_of_word(char c)
-{
-    return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9');
-}
-
 static bool find_name(const char* text, BlockName* name)
 {
-    while (*text != '\0') {
-        char word[block_name_size];
-        size_t length = 0;
-        while (is_of_word(text[length]))
-            length++;
-        if (length > 0 && length < sizeof word) {
+    static constexpr char of_words[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
+                                       "0123456789_";
+    for (;;) {
+        text += strcspn(text, of_words);
+        const size_t length = strspn(text, of_words);
+        char word[block_name_size] = "";
+        if (length == 0)
+            return false;
+        if (length < sizeof word)
             memcpy(word, text, length);
-            word[length] = '\0';
-            if (block_name_parse(word, name))
-                return true;
-        }
-        // Behind the word, and what it is part of: "/dev/sda1" is a name, "usda1" and "Xsda1" not.
-        text += length > 0 ? length : 1;
-        while (length > 0 && ((*text >= 'A' && *text <= 'Z') || *text == '_'))
-            text++;
+        if (block_name_parse(word, name))
+            return true;
+        text += length;
     }
-    return false;
 }
 
 bool kernel_line_parse(const char* record, KernelLine* line)
@@ -117,7 +109,8 @@ const KernelLine* kernel_log_find(const KernelLog* log, const BlockName& name, c
     const KernelLine* first = nullptr;
     for (size_t i = 0; log->lines && i < kernel_line_limit; i++) {
         const KernelLine& line = log->lines.get()[(log->next + i) % kernel_line_limit];
-        if (line.text[0] == '\0' || line.time < since || block_name_compare(line.name, name) != 0 ||
+        if (line.text[0] == '\0' || line.time <= since ||
+            block_name_compare(line.name, name) != 0 ||
             strncmp(line.text, prefix, strlen(prefix)) != 0 || strstr(line.text, part) == nullptr)
             continue;
         if (kernel_line_errno(line.text) != 0)

@@ -37,7 +37,7 @@ void kernel_log_open(KernelLog* log, const char* path);
 // Reads what has come since. Never blocks.
 void kernel_log_take(KernelLog* log, uint64_t now);
 
-// Lends a line about the device that begins with `prefix` and holds `part`, read at `since` or
-// later: the first that tells an errno, else the first; null when there is none.
+// Lends a line about the device that begins with `prefix` and holds `part`, read later than
+// `since`: the first that tells an errno, else the first; null when there is none.
 const KernelLine* kernel_log_find(const KernelLog* log, const BlockName& name, const char* prefix,
                                   const char* part, uint64_t since);
