@@ -1,5 +1,6 @@
 #include "agent/modes.h"
 
+#include "agent/by_share.h"
 #include "agent/lookout.h"
 #include "agent/netlink.h"
 #include "agent/state_file.h"
@@ -21,6 +22,7 @@ struct Monitor {
     Announcer announcer;
     Courier courier;
     Lookout lookout;
+    ByShare by_share;
     DaemonIdentity daemon = {}; // all zero: none known
     FdGuard watch;              // its pidfd
     FdGuard signals;
@@ -91,6 +93,7 @@ static void adopt_daemon(Monitor* monitor, const DaemonIdentity& daemon)
     VY_LOG(LOG_NOTICE, "daemon %ld %s", static_cast<long>(daemon.pid),
            known ? "knows what it was told before" : "is new");
     save_state(monitor);
+    by_share_watch(&monitor->by_share, monitor->settings);
 }
 
 // ---- delivery ----
@@ -122,6 +125,7 @@ static void work(Monitor* monitor)
     do {
         announcer_advance(&monitor->announcer, monitor->daemon.pid != 0, now);
         lookout_advance(&monitor->lookout, &monitor->announcer, now);
+        by_share_advance(&monitor->by_share);
         event = courier_advance(&monitor->courier, has_business(monitor), now, &daemon);
         if (event == COURIER_MISSED) {
             lose_daemon(monitor);
@@ -207,6 +211,7 @@ static void wait_for_news(Monitor* monitor)
         {.fd = courier_descriptor(&monitor->courier), .events = POLLIN, .revents = 0},
         {.fd = lookout_tool_descriptor(&monitor->lookout), .events = POLLIN, .revents = 0},
         {.fd = lookout_mounts_descriptor(&monitor->lookout), .events = POLLPRI, .revents = 0},
+        {.fd = by_share_descriptor(&monitor->by_share), .events = POLLIN, .revents = 0},
     };
     if (poll(fds, sizeof fds / sizeof fds[0], next_wait(monitor)) <= 0)
         return;
@@ -216,8 +221,12 @@ static void wait_for_news(Monitor* monitor)
         lose_daemon(monitor);
     if (fds[2].revents != 0)
         take_events(monitor);
-    if (fds[5].revents != 0)
+    if (fds[5].revents != 0) {
         lookout_mounts_changed(&monitor->lookout);
+        by_share_mounts_changed(&monitor->by_share);
+    }
+    if (fds[6].revents != 0)
+        by_share_take_changes(&monitor->by_share);
 }
 
 // Returns owned: a descriptor to read signals from, which are blocked then for good; -1, and they
@@ -248,12 +257,14 @@ int monitor_run(const AgentSettings& settings)
         return 1;
     }
     lookout_open(&monitor.lookout, &settings);
+    by_share_watch(&monitor.by_share, &settings);
     work(&monitor);
     while (!monitor.ends || courier_descriptor(&monitor.courier) >= 0) {
         wait_for_news(&monitor);
         work(&monitor);
     }
     lookout_close(&monitor.lookout);
+    by_share_close(&monitor.by_share);
     VY_LOG(LOG_NOTICE, "ends");
     return 0;
 }

@@ -25,6 +25,7 @@ struct AgentSettings {
     const char* mounts = "/media/vyhotplug"; // the service's mount directory
     const char* state = "/run/vyhotplug-agent.state";       // "": none
     const char* config = "/etc/vyhotplugd/vyhotplugd.conf"; // the service's
+    bool by_share = false; // links of shares' names are kept in the mount directory
     const char* not_mounted =
         "/run/vyhotplugd/not-mounted"; // what is not mounted, and why; "": nowhere
 };

@@ -128,6 +128,8 @@ static constexpr uint32_t refused_calls[] = {
     SYS_setns,
 #ifdef SYS_fork
     SYS_fork,
+#endif
+#ifdef SYS_vfork
     SYS_vfork,
 #endif
 #ifdef SYS_socketcall
