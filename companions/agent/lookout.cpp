@@ -174,7 +174,7 @@ static const MountinfoEntry* find_mount(const Lookout* lookout, const Mountinfo*
 }
 
 static void note_mounted(const Lookout* lookout, const Announcer& announcer, Look* look,
-                         const MountinfoEntry* mount)
+                         const MountinfoEntry* mount, uint64_t now)
 {
     look->state = look_next(look->state, LOOK_FOUND);
     take_back(look);
@@ -186,6 +186,7 @@ static void note_mounted(const Lookout* lookout, const Announcer& announcer, Loo
     diagnosis_make_readonly(look->name, mount->type, false,
                             kernel_words(lookout, *look, mount->type, ""), &diagnosis);
     look->hibernation = strcmp(diagnosis.type, "ntfs") == 0;
+    look->due = now + agent_driver_pause; // the mount is there before its driver answers
     if (!look->hibernation)
         tell(look, diagnosis);
 }
@@ -223,7 +224,7 @@ static void look_at_mounts(Lookout* lookout, const Announcer& announcer, uint64_
         const bool is_mounted =
             mount != nullptr || btrfs_is_mounted(lookout->settings->sysfs, look->name);
         if (is_mounted && look->state != LOOK_MOUNTED)
-            note_mounted(lookout, announcer, look, mount);
+            note_mounted(lookout, announcer, look, mount, now);
         else if (!is_mounted && look->state == LOOK_MOUNTED)
             take_back(look); // it was mounted read-only, and is not any more
         else if ((look->state == LOOK_WAITS || look->state == LOOK_PATIENT) && now >= look->due)
@@ -282,7 +283,7 @@ static void start_next(Lookout* lookout, const Announcer& announcer, uint64_t no
         if (lookout->tool.state == ToolState::running)
             return;
         tool_reap();
-        if (look->hibernation)
+        if (look->hibernation && now >= look->due)
             ask_for_hibernation(lookout, *look, now);
         else if ((look->state == LOOK_ASKS || look->state == LOOK_INSISTS) &&
                  !finish_range(announcer, look))
@@ -324,6 +325,15 @@ static Answer answer_of(const Lookout* lookout, const Look& look, const char** f
     return cannot_be_read(lookout, look) ? Answer::unreadable : Answer::nothing;
 }
 
+// What the kernel says of a filesystem that could not be mounted; of a btrfs, first, who is
+// missing.
+static const char* words_on_failure(const Lookout* lookout, const Look& look, const char* type)
+{
+    const bool several = strcmp(type, "btrfs") == 0;
+    const char* missing = several ? kernel_words(lookout, look, type, "is missing") : "";
+    return missing[0] != '\0' ? missing : kernel_words(lookout, look, type, "");
+}
+
 // Whether it has been announced again for this reason before; from now on it has.
 static bool repeats(Lookout* lookout, const Look& look)
 {
@@ -358,7 +368,7 @@ static void finish_blkid(Lookout* lookout, Announcer* announcer, Look* look)
                          .config = config.get(),
                          .available =
                              available_filesystems(lookout->settings->proc, modules_directory),
-                         .kernel = kernel_words(lookout, *look, volume.type, "")};
+                         .kernel = words_on_failure(lookout, *look, volume.type)};
     findings.answer = answer_of(lookout, *look, &findings.failure);
     if (strcmp(volume.type, "btrfs") == 0 && complete_btrfs(lookout, announcer, *look))
         return;
@@ -520,7 +530,8 @@ uint64_t lookout_due(const Lookout* lookout, uint64_t now)
 {
     uint64_t due = tool_due(&lookout->tool, now);
     for (const Look* look = begin(lookout); look != end(lookout); look++) {
-        const bool waits = look->state == LOOK_WAITS || look->state == LOOK_PATIENT;
+        const bool waits = look->state == LOOK_WAITS || look->state == LOOK_PATIENT ||
+                           (look->hibernation && lookout->tool.state != ToolState::running);
         const uint64_t mine = look->due > lookout->retry.due ? look->due : lookout->retry.due;
         if (waits && mine < due)
             due = mine;

@@ -451,7 +451,9 @@ TEST_F(LookoutTest, LooksWhetherAWindowsSleeps)
         fake_world().programs["head"].push_back(run);
         plug();
         mount("8:1 /media/vyhotplug/sda1 /dev/vyhotplug/sda1 fuseblk ro");
-        finish();
+        EXPECT_TRUE(fake_world().spawned.empty()) << "its driver may not answer yet";
+        EXPECT_LE(lookout_due(&lookout_, now_), now_ + agent_driver_pause);
+        wait_for_answer(agent_driver_pause);
         EXPECT_EQ(fake_world().spawned,
                   (std::vector<Texts>{{"head", "-c", "4", "/media/vyhotplug/sda1/hiberfil.sys"}}));
         EXPECT_EQ(logged(), Texts{row.words});
@@ -482,6 +484,7 @@ TEST_F(LookoutTest, NamesTheMissingMember)
     configure("otherfs = btrfs\n");
     plug();
     kernel_says("BTRFS error (device sda1): devid 2 uuid b6ab09c4 is missing");
+    kernel_says("BTRFS error (device sda1): open_ctree failed: -2");
     blkid_says("btrfs");
     wait_for_answer();
     EXPECT_EQ(logged(), Texts{"sda1 holds btrfs, but the kernel refused it: BTRFS error (device "
