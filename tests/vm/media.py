@@ -15,7 +15,7 @@ KINDS = {"fat32": (40, "c"), "fat16": (16, "e"), "ext2": (8, "83"), "ext3": (8, 
          "broken-fat": (40, "c"), "signature-exfat": (8, "7"), "exfat": (8, "7"), "f2fs": (64, "83"),
          "btrfs": (128, "83"), "xfs": (320, "83"), "udf": (8, "7"), "iso9660": (2, "cd"), "swap": (8, "82"),
          "luks": (20, "83"), "raid": (8, "fd"), "lvm": (8, "8e"), "bitlocker": (8, "7"), "romfs": (8, "83"),
-         "several": (40, "83"), "hibernated": (8, "7")}
+         "several": (64, "83"), "hibernated": (8, "7")}
 
 RAW_LABEL = "LABELTOWRITE"[:11]
 
@@ -182,13 +182,13 @@ class Filesystem:
         self._write(path, (0, b"-rom1fs-" + struct.pack(">II", 1024, 0) + b"empty\0"))
 
     def _several(self, path):
-        """A FAT boot sector in front of ext4's superblock."""
-        Filesystem("fat32", size=self.size).make(path + ".fat")
-        with open(path + ".fat", "rb") as file:
-            content = file.read(1 << 20)
-        os.unlink(path + ".fat")
-        run("mkfs.ext4", "-q", "-F", path)
-        self._write(path, (0, content[:1024]), (4096, content[4096:8192]))
+        """F2FS, with a superblock of XFS in the place in front of its own."""
+        Filesystem("xfs").make(path + ".xfs")
+        with open(path + ".xfs", "rb") as file:
+            content = file.read(512)
+        os.unlink(path + ".xfs")
+        run("mkfs.f2fs", "-q", "-f", path)
+        self._write(path, (0, content))
 
     def _hibernated(self, path):
         """NTFS, with a Windows that sleeps in it."""
