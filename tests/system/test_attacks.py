@@ -138,3 +138,18 @@ class Stick(SystemTest):
             self.assertIn(wanted, options)
             self.unplug(stick)
             self.stop_daemon()
+
+
+class Lock(StrictTest):
+    def test_a_strangers_lock_on_the_pid_file_keeps_nobody_from_starting(self):
+        vyworld.write(vyworld.PID_FILE, "", 0o644)
+        holder = subprocess.Popen(as_stranger(
+            f"import fcntl, time; fcntl.flock(open('{vyworld.PID_FILE}'), fcntl.LOCK_EX); print(flush=True); "
+            "time.sleep(1000)"), stdout=subprocess.PIPE)
+        self.addCleanup(holder.wait)
+        self.addCleanup(holder.kill)
+        holder.stdout.readline()
+        self.start_strict()
+        stick = self.make_partition("sda1")
+        self.plug(stick)
+        self.assertEqual(vyworld.mounted_names(), ["sda1"])
