@@ -28,7 +28,7 @@ MODULES = ("usb-storage uas xhci-pci ehci-pci ohci-pci uhci-hcd sd_mod sdhci-pci
            " nls_iso8859-1 nls_utf8 ext4 crc32c_generic fuse").split()
 
 # Filesystems besides the service's five, loaded by the tests that need them: "sh /vm/load others".
-OTHERS = "exfat f2fs btrfs xfs hfsplus udf isofs".split()
+OTHERS = "crc32_generic exfat f2fs btrfs xfs hfsplus udf isofs".split()
 
 GUEST_FILES = {"init": "init", "vm/load": "load", "etc/vyhotplugd/evhook": "hook",
                "etc/vyhotplugd/vyhotplugd.conf": "vyhotplugd.conf"}
