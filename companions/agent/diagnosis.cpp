@@ -155,10 +155,10 @@ static void judge_filesystem(const Findings& findings, Diagnosis* diagnosis)
     if (lacking != nullptr)
         return say_holds(diagnosis, TROUBLE_NO_DRIVER, name,
                          ", whose driver ntfs-3g is not installed");
+    if (unnamed != nullptr && filesystem_is_other(*unnamed))
+        return say_holds(diagnosis, TROUBLE_NOT_NAMED, name, ", which otherfs does not name");
     if (unnamed != nullptr)
-        return say_holds(diagnosis, TROUBLE_NOT_NAMED, name,
-                         filesystem_is_other(*unnamed) ? ", which otherfs does not name"
-                                                       : ", which mountfs does not name");
+        return say_holds(diagnosis, TROUBLE_NOT_NAMED, name, ", which mountfs does not name");
     say_holds(diagnosis, TROUBLE_NOT_KNOWN, name, ", which the service cannot mount");
 }
 
@@ -171,11 +171,11 @@ static void judge_volume(const Findings& findings, Diagnosis* diagnosis)
         if (same)
             return say(diagnosis, other.trouble, *findings.name, other.words);
     }
-    if (volume.type[0] == '\0')
-        return say(diagnosis, TROUBLE_NOTHING, *findings.name,
-                   volume.table[0] != '\0' ? "has a partition table without a partition"
-                                           : "has no filesystem that is known");
-    judge_filesystem(findings, diagnosis);
+    if (volume.type[0] != '\0')
+        return judge_filesystem(findings, diagnosis);
+    const char* words = volume.table[0] != '\0' ? "has a partition table without a partition"
+                                                : "has no filesystem that is known";
+    say(diagnosis, TROUBLE_NOTHING, *findings.name, words);
 }
 
 void diagnosis_make(const Findings& findings, Diagnosis* diagnosis)

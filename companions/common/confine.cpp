@@ -1,7 +1,8 @@
 #include "common/confine.h"
 
+#include "lib/platform.h"
+
 #include <errno.h>
-#include <linux/audit.h>
 #include <linux/capability.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
@@ -94,22 +95,6 @@ static bool give_up_rights()
 
 // ---- system calls ----
 
-#if defined(__x86_64__)
-static constexpr uint32_t architecture = AUDIT_ARCH_X86_64;
-#elif defined(__i386__)
-static constexpr uint32_t architecture = AUDIT_ARCH_I386;
-#elif defined(__aarch64__)
-static constexpr uint32_t architecture = AUDIT_ARCH_AARCH64;
-#elif defined(__mips__) && _MIPS_SIM == _ABIO32 && defined(__MIPSEL__)
-static constexpr uint32_t architecture = AUDIT_ARCH_MIPSEL;
-#elif defined(__mips__) && _MIPS_SIM == _ABIO32
-static constexpr uint32_t architecture = AUDIT_ARCH_MIPS;
-#elif defined(__arm__) && defined(__ARMEL__)
-static constexpr uint32_t architecture = AUDIT_ARCH_ARM;
-#else
-static constexpr uint32_t architecture = 0; // not known: no filter
-#endif
-
 // What they are asked for is refused.
 static constexpr uint32_t refused_calls[] = {
     SYS_socket,
@@ -157,7 +142,7 @@ static bool refuse_calls()
     static constexpr uint32_t head = 4;
     sock_filter filter[head + 2 * refused_count + 1] = {
         BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, arch)),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, architecture, 1, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, system_call_architecture, 1, 0),
         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_KILL),
         BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
     };
@@ -167,8 +152,9 @@ static bool refuse_calls()
     }
     filter[head + 2 * refused_count] = BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW);
     const sock_fprog program = {sizeof filter / sizeof filter[0], filter};
-    return architecture == 0 || prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program, 0, 0) == 0 ||
-           errno == EINVAL || errno == ENOSYS;
+    return system_call_architecture == 0 ||
+           prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program, 0, 0) == 0 || errno == EINVAL ||
+           errno == ENOSYS;
 }
 
 bool confine_reader()
