@@ -1,5 +1,6 @@
 #include "ctl/program.h"
 
+#include "ctl/call_mount.h"
 #include "ctl/call_status.h"
 #include "lib/platform.h"
 #include "lib/str.h"
@@ -21,6 +22,11 @@ static constexpr CallRow call_rows[] = {
      TAKES_JSON | TAKES_ALL, 0, 0, false, call_status},
     {"show", "TARGET", "everything about one", TAKES_JSON, 1, 1, false, call_show},
     {"who", "TARGET", "who holds files there", TAKES_JSON, 1, 1, false, call_who},
+    {"mount", "TARGET", "mount it again", 0, 1, 1, true, call_mount},
+    {"unmount", "TARGET [--force] [--wait SECONDS]", "write everything down and unmount it",
+     TAKES_FORCE | TAKES_WAIT, 1, 1, true, call_unmount},
+    {"eject", "TARGET [--wait SECONDS]", "unmount the whole disk and switch it off, to be pulled",
+     TAKES_WAIT, 1, 1, true, call_eject},
     {"help", "", "this", 0, 0, no_most, false, call_help},
 };
 

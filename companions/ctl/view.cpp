@@ -181,10 +181,9 @@ static void measure(Item* item)
 
 static ItemState state_of(const Item& item)
 {
-    if (item.mount != nullptr)
-        return item.share == nullptr ? ITEM_MOUNTED : item.state;
-    return item.state == ITEM_BUSY || item.texts[SHARE_STATUS] != nullptr ? ITEM_UNMOUNTED
-                                                                          : ITEM_WAITING;
+    if (item.mount == nullptr)
+        return ITEM_UNMOUNTED;
+    return item.share == nullptr ? ITEM_MOUNTED : item.state;
 }
 
 static const ConfDev* record_of(const View& view, const char* identity)
