@@ -1,6 +1,7 @@
 #include "ctl/program.h"
 
 #include "ctl/call_mount.h"
+#include "ctl/call_set.h"
 #include "ctl/call_status.h"
 #include "lib/platform.h"
 #include "lib/str.h"
@@ -22,6 +23,12 @@ static constexpr CallRow call_rows[] = {
      TAKES_JSON | TAKES_ALL, 0, 0, false, call_status},
     {"show", "TARGET", "everything about one", TAKES_JSON, 1, 1, false, call_show},
     {"who", "TARGET", "who holds files there", TAKES_JSON, 1, 1, false, call_who},
+    {"set", "TARGET KEY=VALUE... [--wait SECONDS]", "change settings of a share", TAKES_WAIT, 2,
+     no_most, true, call_set},
+    {"unset", "TARGET KEY... [--wait SECONDS]", "back to what is when nothing is set", TAKES_WAIT,
+     2, no_most, true, call_unset},
+    {"forget", "TARGET [--wait SECONDS]", "no settings any more", TAKES_WAIT, 1, 1, true,
+     call_forget},
     {"mount", "TARGET", "mount it again", 0, 1, 1, true, call_mount},
     {"unmount", "TARGET [--force] [--wait SECONDS]", "write everything down and unmount it",
      TAKES_FORCE | TAKES_WAIT, 1, 1, true, call_unmount},

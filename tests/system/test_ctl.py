@@ -3,7 +3,9 @@
 import contextlib
 import json
 import os
+import re
 import shutil
+import signal
 import subprocess
 import threading
 
@@ -201,3 +203,181 @@ class Eject(CtlTest):
         self.assertIn("sda stays mounted\n", done.err)
         self.assertEqual(sorted(vyworld.mounted_names()), ["lost+found", "sda1", "sda2"])
         vyworld.run("umount", second.directory + "/lost+found")
+
+
+def sections(text):
+    """A device file's sections as they stand, by name."""
+    parts = re.split(r"(?m)^\[(.*)\]\n", text)
+    return dict(zip(parts[1::2], parts[2::2]))
+
+
+class Settings(CtlTest):
+    def plug_one(self, **items):
+        self.start_daemon()
+        stick = self.make_partition("sda1", **items)
+        self.plug(stick)
+        return stick
+
+    def held(self, partition):
+        return self.item(partition.identifier)["settings"]
+
+    def test_a_share_gets_a_name(self):
+        stick = self.plug_one()
+        self.assert_ctl("set", "sda1", "share=Music", "comment=Living room", out=f"{stick.identifier} is set\n")
+        lines = sections(read(vyworld.DEVICE_FILE))[stick.identifier].splitlines()
+        self.assertEqual(lines[:2], ["Share Name=Music", "Comment=Living room"])
+        self.wait_until("it is shared so", lambda: self.item("sda1")["share"] == "Music")
+        self.assert_ctl("unset", "Music", "comment", out=f"{stick.identifier} is set\n")
+        self.assertEqual((self.held(stick)["share_name"], self.held(stick)["comment"]), ("Music", None))
+
+    def test_every_setting(self):
+        stick = self.plug_one()
+        self.assert_ctl("set", "sda1", "share=Äpfel", "read-only=yes", "guest=on", "hide-from-guests=1", "sync=enable",
+                        "administrator=hide", "full=root,1234", "readers=daemon", "blocked=@bin", "hidden=sys",
+                        err="vyhotplugctl: note: full: nobody has the number 1234\n")
+        held = self.held(stick)
+        self.assertEqual({key: value for key, value in held.items() if not key.endswith("users")},
+                         {"share_name": "Äpfel", "comment": None, "path": None, "read_only": True, "guest": True,
+                          "hide_from_guests": True, "sync": True, "administrator": "hide"})
+        self.assertEqual([[user["uid"] for user in held[key]] for key in
+                          ("full_users", "reading_users", "blocked_users", "hidden_users")], [[0, 1234], [1], [2], [3]])
+        self.assert_ctl("forget", "sda1")
+        self.assertEqual(self.held(stick), {
+            "share_name": None, "comment": None, "path": None, "read_only": False, "guest": False,
+            "hide_from_guests": False, "sync": False, "administrator": "full", "full_users": [], "reading_users": [],
+            "blocked_users": [], "hidden_users": []})
+
+    def test_what_does_not_fit_is_refused(self):
+        self.plug_one()
+        before = read(vyworld.DEVICE_FILE)
+        for change, words in (("share=" + "ä" * 20, 'has 40 bytes, and 34 are kept; this fits: "' + "ä" * 17 + '"'),
+                              ("share=a\nb", "holds a control character"), ("share=[a]", "holds a bracket"),
+                              ("share= a", "begins or ends with a blank"), ("comment=" + "c" * 64, "has 64 bytes"),
+                              ("full=nobody-of-this-name", "no such user: nobody-of-this-name"),
+                              ("readers=@no-such-group", "no such group: no-such-group"),
+                              ("guest=perhaps", "is yes or no"), ("administrator=king", "is full, read-only,"),
+                              ("path=relative", "must begin with /")):
+            done = self.ctl("set", "sda1", "read-only=yes", change)
+            self.assertEqual(done.status, FAILED, change)
+            self.assertIn(words, done.err)
+        for change in ("colour=red", "share"):
+            self.assertEqual(self.ctl("set", "sda1", change).status, WRONG_CALL)
+        self.assertEqual(read(vyworld.DEVICE_FILE), before)
+
+    def test_no_name_is_used_twice(self):
+        self.start_daemon()
+        self.plug(self.make_partition("sda1"), self.make_partition("sdb1"))
+        self.assert_ctl("set", "sda1", "share=Music")
+        done = self.ctl("set", "sdb1", "share=MUSIC")
+        self.assertEqual(done.status, FAILED)
+        self.assertIn("another share has that name, of sda1", done.err)
+        self.assert_ctl("set", "sda1", "share=MUSIC")
+
+    def test_a_disk_that_is_not_plugged(self):
+        stick = self.plug_one()
+        self.assert_ctl("set", "sda1", "share=Music")
+        self.unplug(stick)
+        self.assertEqual(self.item(stick.identifier)["state"], "absent")
+        self.assert_ctl("set", "Music", "comment=away")
+        self.assertEqual(self.held(stick)["comment"], "away")
+        self.assert_ctl("set", "0bda:8189:0042:2", "share=New")
+        self.assertIn("[0bda:8189:0042:2]\nShare Name=New\n", read(vyworld.DEVICE_FILE))
+        self.assert_ctl("forget", "Music", out=f"{stick.identifier} is forgotten\n")
+        self.assertNotIn(stick.identifier, read(vyworld.DEVICE_FILE))
+
+    def test_a_directory_of_the_machine(self):
+        self.plug_one()
+        os.mkdir("/tmp/photos")
+        self.assert_ctl("set", "disk:photos", "share=Photos", "path=/tmp/photos")
+        self.wait_until("it is shared", lambda: self.item("disk:photos")["state"] == "directory")
+        self.assert_ctl("forget", "Photos")
+        self.wait_until("it is not shared", lambda: "Photos" not in read(vyworld.SHARE_FILE))
+
+    def test_other_sections_stay_byte_for_byte(self):
+        stick = self.plug_one()
+        with self.stopped():
+            file = read(vyworld.DEVICE_FILE)
+            others = "# mine\n[away:1]\r\n share  NAME = Away ; too\nnonsense\n[]\n[open\n[a]b]\nx=\x00y\n"
+            write(vyworld.DEVICE_FILE, others + file)
+            ctl = self.start_ctl("set", "sda1", "share=Music")
+            self.wait_until("it is written", lambda: "Music" in read(vyworld.DEVICE_FILE))
+            written = read(vyworld.DEVICE_FILE)
+            self.assertTrue(written.startswith(others + f"[{stick.identifier}]\n"), written)
+        self.assertEqual(ctl.wait(vyworld.LIMIT), DONE)
+
+    def start_ctl(self, *arguments):
+        return subprocess.Popen([vyworld.PROGRAMS + "/vyhotplugctl", "-f", vyworld.CONFIG, "--sysfs", SYSFS, *arguments],
+                                stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
+                                env=vyworld.environment())
+
+    def test_a_change_that_a_refresh_overwrites_is_made_again(self):
+        """What a service writes that had read before the change."""
+        stick = self.plug_one()
+        stale = read(vyworld.DEVICE_FILE)
+        with self.stopped():
+            ctl = self.start_ctl("set", "sda1", "share=Music")
+            self.wait_until("it is written", lambda: "Music" in read(vyworld.DEVICE_FILE))
+            write(vyworld.DEVICE_FILE + ".stale", stale)
+            os.rename(vyworld.DEVICE_FILE + ".stale", vyworld.DEVICE_FILE)
+            self.wait_until("it is written again", lambda: "Music" in read(vyworld.DEVICE_FILE))
+        self.assertEqual(ctl.wait(vyworld.LIMIT), DONE)
+        self.assertEqual(self.held(stick)["share_name"], "Music")
+
+    def test_a_service_that_ends_meanwhile(self):
+        self.plug_one()
+        self.daemon.signal(signal.SIGSTOP)
+        ctl = self.start_ctl("set", "sda1", "share=Music")
+        self.wait_until("it is written", lambda: "Music" in read(vyworld.DEVICE_FILE))
+        self.daemon.signal(signal.SIGKILL)
+        self.daemon.signal(signal.SIGCONT)
+        self.daemon.process.wait()
+        self.assertEqual(ctl.wait(vyworld.LIMIT), NO_SERVICE)
+        self.assertIn(b"counts from its next start", ctl.stderr.read())
+        self.start_daemon()
+        self.wait_until("it counts", lambda: "ctlchange" not in read(vyworld.DEVICE_FILE))
+        self.assertIn("Share Name=Music\n", read(vyworld.DEVICE_FILE))
+
+    def test_no_room(self):
+        self.plug_one()
+        write("/tmp/small.img", "")
+        before = read(vyworld.DEVICE_FILE)
+        full = open("/tmp/filler", "wb")
+        self.addCleanup(full.close)
+        room = os.statvfs("/tmp")
+        if room.f_bavail * room.f_frsize > 1 << 30:
+            self.skipTest("/tmp is too large to be filled")
+        with contextlib.suppress(OSError):
+            while True:
+                full.write(b"\0" * 65536)
+                full.flush()
+        done = self.ctl("set", "sda1", "share=Music", "--wait", "3")
+        os.truncate("/tmp/filler", 0)
+        self.assertEqual(done.status, FAILED)
+        self.assertIn("No space left on device", done.err)
+        self.assertEqual(read(vyworld.DEVICE_FILE), before)
+
+    def test_a_hundred_at_once_beside_plug_and_pull(self):
+        self.start_daemon()
+        sticks = [self.make_partition(f"sd{letter}1", SID=f"S{letter}") for letter in "abcd"]
+        self.plug(*sticks[:2])
+        identities = [f"1234:00ab:N{number}:1" for number in range(96)] + [stick.identifier for stick in sticks]
+        running = [self.start_ctl("set", identity, f"share=Share {number}", "--wait", "150")
+                   for number, identity in enumerate(identities)]
+        for _ in range(3):
+            self.plug(*sticks[2:])
+            self.unplug(*sticks[2:])
+            for stick in sticks[2:]:
+                stick.lay_node()
+        for ctl in running:
+            ctl.wait(vyworld.LIMIT * 2)
+        failed = [ctl.stderr.read() for ctl in running if ctl.returncode != DONE]
+        self.assertEqual(failed, [])
+        held = {name: re.search("(?m)^Share Name=(.*)", body)[1]
+                for name, body in sections(read(vyworld.DEVICE_FILE)).items()}
+        self.assertEqual(held, {identity: f"Share {number}" for number, identity in enumerate(identities)})
+
+    def test_without_a_service_nothing_is_changed(self):
+        write(vyworld.DEVICE_FILE, "[1234:00ab:ABC:1]\n")
+        self.assert_ctl("set", "1234:00ab:ABC:1", "share=Music", status=NO_SERVICE,
+                        err="vyhotplugctl: the service is not running, nothing is changed\n")
+        self.assertEqual(read(vyworld.DEVICE_FILE), "[1234:00ab:ABC:1]\n")
