@@ -1,5 +1,6 @@
 #include "ctl/program.h"
 
+#include "ctl/call_edit.h"
 #include "ctl/call_mount.h"
 #include "ctl/call_set.h"
 #include "ctl/call_status.h"
@@ -27,6 +28,8 @@ static constexpr CallRow call_rows[] = {
      no_most, true, call_set},
     {"unset", "TARGET KEY... [--wait SECONDS]", "back to what is when nothing is set", TAKES_WAIT,
      2, no_most, true, call_unset},
+    {"edit", "[TARGET]", "settings in an editor, checked and set when it ends", 0, 0, 1, true,
+     call_edit},
     {"forget", "TARGET [--wait SECONDS]", "no settings any more", TAKES_WAIT, 1, 1, true,
      call_forget},
     {"mount", "TARGET", "mount it again", 0, 1, 1, true, call_mount},

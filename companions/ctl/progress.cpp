@@ -13,18 +13,15 @@ Progress progress_begin(const char* what)
 void progress_tick(Progress* progress, int waited_ms)
 {
     const int seconds = waited_ms / 1000;
-    if (seconds < quiet_s || seconds == progress->told_s)
+    if (!progress->terminal || seconds < quiet_s || seconds == progress->told_s)
         return;
-    if (progress->terminal)
-        fprintf(stderr, "\r%s, %d s ", progress->what, seconds);
-    else if (progress->told_s == 0)
-        fprintf(stderr, "%s\n", progress->what);
+    fprintf(stderr, "\r%s, %d s ", progress->what, seconds);
     progress->told_s = seconds;
 }
 
 void progress_end(Progress* progress)
 {
-    if (progress->terminal && progress->told_s > 0)
+    if (progress->told_s > 0)
         (void)fputs("\r\033[K", stderr);
     progress->told_s = 0;
 }

@@ -1,5 +1,5 @@
-// What a call waits for and how long, on standard error: nothing for the first two seconds; then
-// one line, kept up to date on a terminal.
+// What a call waits for and how long: one line on standard error, kept up to date, where that is a
+// terminal and it takes more than two seconds.
 #pragma once
 
 struct Progress {
@@ -10,4 +10,4 @@ struct Progress {
 
 [[nodiscard]] Progress progress_begin(const char* what);
 void progress_tick(Progress* progress, int waited_ms);
-void progress_end(Progress* progress); // takes the line off a terminal
+void progress_end(Progress* progress); // takes the line off

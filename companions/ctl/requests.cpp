@@ -29,14 +29,6 @@ bool request_is_mounted(const Setup& setup, const Item& item, char (&directory)[
     return false;
 }
 
-// The tick of a request has no place for what it belongs to.
-static void wait_quietly(int waited_ms)
-{
-    static constexpr int first_told_ms = 2000;
-    if (waited_ms == first_told_ms)
-        (void)fputs("waiting for the service\n", stderr);
-}
-
 // Waits for what a service that does not answer may do all the same.
 static bool becomes(const Setup& setup, const Item& item, bool mounted)
 {
@@ -55,8 +47,10 @@ static ExitStatus ask(const Setup& setup, const Item& item, bool mounted, bool f
 {
     char directory[PATH_MAX];
     for (int i = 0; i < attempts; i++) {
+        Progress progress = progress_begin("waiting for the service");
         const ServiceAnswer answer = service_request(mounted ? "mount" : "unmount", item.name,
-                                                     force, answer_limit_ms, wait_quietly);
+                                                     force, answer_limit_ms, &progress);
+        progress_end(&progress);
         if (request_is_mounted(setup, item, directory) == mounted)
             return EXIT_DONE;
         if (answer == SERVICE_GONE) {

@@ -61,7 +61,7 @@ int service_reload()
 }
 
 ServiceAnswer service_request(const char* action, const char* target, bool force, int limit_ms,
-                              void (*tick)(int waited_ms))
+                              Progress* progress)
 {
     FdGuard fd;
     UnixPeer peer;
@@ -82,7 +82,7 @@ ServiceAnswer service_request(const char* action, const char* target, bool force
             return message[0] == 's' ? SERVICE_DONE : SERVICE_REFUSED;
         if (received != -EAGAIN)
             return SERVICE_SILENT;
-        tick(waited + tick_ms);
+        progress_tick(progress, waited + tick_ms);
     }
     return SERVICE_SILENT;
 }

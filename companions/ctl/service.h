@@ -1,7 +1,7 @@
 // The running service: whether it is there, its signal and its answers.
 #pragma once
 
-#include <stddef.h>
+#include "ctl/progress.h"
 
 // Whether somebody listens under the service's name, as the kernel's table /proc/net/unix tells
 // everybody.
@@ -21,7 +21,7 @@ enum ServiceAnswer {
     SERVICE_GONE,   // nobody listens
 };
 
-// Sends "ACTION=<action>,<target>" and waits up to `limit_ms` for the answer. `tick` is called each
-// second meanwhile, with the milliseconds that have gone.
+// Sends "ACTION=<action>,<target>" and waits up to `limit_ms` for the answer, which
+// `progress` tells of.
 [[nodiscard]] ServiceAnswer service_request(const char* action, const char* target, bool force,
-                                            int limit_ms, void (*tick)(int waited_ms));
+                                            int limit_ms, Progress* progress);

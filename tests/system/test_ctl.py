@@ -381,3 +381,88 @@ class Settings(CtlTest):
         self.assert_ctl("set", "1234:00ab:ABC:1", "share=Music", status=NO_SERVICE,
                         err="vyhotplugctl: the service is not running, nothing is changed\n")
         self.assertEqual(read(vyworld.DEVICE_FILE), "[1234:00ab:ABC:1]\n")
+
+
+class Edit(CtlTest):
+    """$EDITOR is a script here."""
+
+    def edit(self, script, *arguments, answer=b""):
+        write("/tmp/editor", "#!/bin/sh\n" + script, 0o755)
+        done = subprocess.run(
+            [vyworld.PROGRAMS + "/vyhotplugctl", "-f", vyworld.CONFIG, "--sysfs", SYSFS, "edit", *arguments],
+            input=answer, capture_output=True, check=False, timeout=vyworld.LIMIT,
+            env={**vyworld.environment(), "EDITOR": "/tmp/editor"})
+        return vyworld.Finished(done)
+
+    def plug_one(self):
+        self.start_daemon()
+        stick = self.make_partition("sda1")
+        self.plug(stick)
+        return stick
+
+    def test_what_is_changed_is_set(self):
+        stick = self.plug_one()
+        done = self.edit("sed -i 's/^share =.*/share = Music/; s/^full =.*/full = daemon, bin/' $1; cp $1 /tmp/seen")
+        self.assertEqual((done.status, done.out, done.err), (DONE, f"{stick.identifier} is set\n", ""))
+        self.assertIn("Share Name=Music\n", read(vyworld.DEVICE_FILE))
+        self.assertIn("Full Access Users=1,2,\n", read(vyworld.DEVICE_FILE))
+        self.assertIn("# shared, sda1, Drive(A1)\n", read("/tmp/seen"))
+        self.edit("cp $1 /tmp/seen", "Music")
+        self.assertIn("full = daemon, bin\n", read("/tmp/seen"))
+        self.assertEqual([name for name in os.listdir("/tmp") if name.startswith("vyhotplugctl-")], [])
+
+    def test_nothing_is_changed(self):
+        self.plug_one()
+        before = read(vyworld.DEVICE_FILE)
+        done = self.edit("true")
+        self.assertEqual((done.status, done.out, done.err), (DONE, "nothing is changed\n", ""))
+        self.assertEqual(read(vyworld.DEVICE_FILE), before)
+        done = self.edit("sed -i 's/^share =.*/share = Music/' $1; exit 1")
+        self.assertEqual((done.status, done.err), (FAILED, "vyhotplugctl: the editor failed, nothing is changed\n"))
+        self.assertEqual(read(vyworld.DEVICE_FILE), before)
+
+    def test_wrong_lines_are_shown_and_edited_again(self):
+        self.plug_one()
+        done = self.edit("""
+if grep -q colour $1; then
+    sed -i '/colour/d; s/nobody-here/daemon/; s/^rubbish$//' $1
+else
+    sed -i 's/^share =.*/share = Music\\ncolour = red\\nrubbish/; s/^full =.*/full = nobody-here/' $1
+fi""", answer=b"\n")
+        self.assertEqual((done.status, done.out), (DONE, "1234:00ab:SERA:1 is set\n"), done.err)
+        for words in ("no such setting: colour", "there is no = in: rubbish", "no such user: nobody-here"):
+            self.assertIn(words, done.err)
+        self.assertIn("Share Name=Music\n", read(vyworld.DEVICE_FILE))
+
+    def test_who_gives_up_loses_nothing(self):
+        self.plug_one()
+        before = read(vyworld.DEVICE_FILE)
+        done = self.edit("sed -i 's/^share =.*/share = Music\\nrubbish/' $1", answer=b"n\n")
+        self.assertEqual(done.status, FAILED)
+        self.assertEqual(read(vyworld.DEVICE_FILE), before)
+        kept = re.search("what you wrote is in (.*)\n", done.err)[1]
+        self.assertIn("share = Music\nrubbish\n", read(kept))
+
+    def test_two_at_once_and_a_plug(self):
+        """Both changes hold, and so does the section of what came meanwhile."""
+        stick = self.plug_one()
+        other = self.make_partition("sdb1")
+        refreshes = self.service.count()
+        vyworld.send(other.add_message())
+        ctl = vyworld.PROGRAMS + "/vyhotplugctl -f " + vyworld.CONFIG
+        done = self.edit(f"{ctl} set sda1 comment=second >/dev/null; sed -i 's/^share =.*/share = Music/' $1", "sda1")
+        self.assertEqual((done.status, done.err), (DONE, ""))
+        self.wait_for_refresh(refreshes + 1)
+        held = sections(read(vyworld.DEVICE_FILE))
+        self.assertIn("Share Name=Music\nComment=second\n", held[stick.identifier])
+        self.assertIn(other.identifier, held)
+
+    def test_a_section_taken_out_is_forgotten(self):
+        stick = self.plug_one()
+        self.assert_ctl("set", "sda1", "share=Music")
+        self.assert_ctl("set", "1:2:not:3", "share=Other", status=NO_DISK,
+                        err="vyhotplugctl: nothing here is called 1:2:not:3; see: vyhotplugctl status --all\n")
+        self.assert_ctl("set", "0001:0002:not:3", "share=Other")
+        done = self.edit("sed -i '/^.0001/,$d' $1")
+        self.assertEqual((done.status, done.out), (DONE, "0001:0002:not:3 is forgotten\n"), done.err)
+        self.assertEqual(list(sections(read(vyworld.DEVICE_FILE))), [stick.identifier])
