@@ -4,6 +4,7 @@
 #include "ctl/call_mount.h"
 #include "ctl/call_set.h"
 #include "ctl/call_status.h"
+#include "ctl/call_watch.h"
 #include "lib/platform.h"
 #include "lib/str.h"
 #include "lib/version.h"
@@ -37,6 +38,7 @@ static constexpr CallRow call_rows[] = {
      TAKES_FORCE | TAKES_WAIT, 1, 1, true, call_unmount},
     {"eject", "TARGET [--wait SECONDS]", "unmount the whole disk and switch it off, to be pulled",
      TAKES_WAIT, 1, 1, true, call_eject},
+    {"watch", "", "a line for each thing that happens", TAKES_JSON, 0, 0, false, call_watch},
     {"help", "", "this", 0, 0, no_most, false, call_help},
 };
 

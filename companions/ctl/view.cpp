@@ -404,7 +404,8 @@ void view_end(View* view)
         clear_item(&view->items[i]);
     free(view->items);
     conf_dev_free(view->table);
-    mountinfo_free(view->mounts);
+    if (view->mounts != nullptr)
+        mountinfo_free(view->mounts);
     disks_free(view->disks);
     *view = {};
 }

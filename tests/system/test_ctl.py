@@ -10,7 +10,7 @@ import subprocess
 import threading
 
 import vyworld
-from vyworld import SystemTest, read, write
+from vyworld import SystemTest, read, read_lines, write
 
 DONE, FAILED, WRONG_CALL, NO_SERVICE, BUSY, NO_DISK = range(6)
 SYSFS = "/tmp/sysfs"
@@ -466,3 +466,60 @@ fi""", answer=b"\n")
         done = self.edit("sed -i '/^.0001/,$d' $1")
         self.assertEqual((done.status, done.out), (DONE, "0001:0002:not:3 is forgotten\n"), done.err)
         self.assertEqual(list(sections(read(vyworld.DEVICE_FILE))), [stick.identifier])
+
+
+class Watch(CtlTest):
+    def start_watch(self, *options):
+        with open("/tmp/watched", "wb") as out:
+            process = subprocess.Popen(
+                [vyworld.PROGRAMS + "/vyhotplugctl", "-f", vyworld.CONFIG, "--sysfs", SYSFS, "--run", RUN, "watch",
+                 *options], stdin=subprocess.DEVNULL, stdout=out, env=vyworld.environment())
+        self.addCleanup(process.wait)
+        self.addCleanup(process.kill)
+        return process
+
+    def events(self):
+        return [(event["item"]["name"], event["event"]) for event in map(json.loads, read_lines("/tmp/watched"))]
+
+    def wait_for_event(self, *event):
+        self.wait_until(f"{event} in {self.events()}", lambda: event in self.events())
+
+    def test_a_line_as_things_happen(self):
+        self.start_daemon()
+        here = self.make_partition("sdb1")
+        self.plug(here)
+        watch = self.start_watch("--json")
+        self.wait_for_event("sdb1", "present")
+        stick = self.make_partition("sda1")
+        self.plug(stick)
+        self.wait_for_event("sda1", "shared")
+        self.assert_ctl("set", "sda1", "share=Music")
+        self.wait_for_event("sda1", "changed")
+        self.assert_ctl("unmount", "sda1")
+        self.wait_for_event("sda1", "unmounted")
+        self.unplug(stick)
+        self.wait_for_event("sda1", "pulled")
+        words = [word for name, word in self.events() if name == "sda1"]
+        self.assertEqual(words[:3], ["plugged", "mounted", "shared"])
+        self.assertEqual(words[-2:], ["unmounted", "pulled"])
+        self.assertIsNone(watch.poll())
+
+    def test_it_wakes_for_nothing_else(self):
+        """No timer: nothing is done while nothing happens, not even for other files beside the service's."""
+        self.start_daemon()
+        watch = self.start_watch()
+        self.wait_until("it sleeps", lambda: "poll" in read(f"/proc/{watch.pid}/wchan") or
+                        read(f"/proc/{watch.pid}/stat").split()[2] == "S")
+        self.let_it_idle()
+        before = read(f"/proc/{watch.pid}/io")
+        self.let_it_idle()
+        self.assertEqual(read(f"/proc/{watch.pid}/io"), before)
+        self.assertEqual(read_lines("/tmp/watched"), [])
+
+    def test_its_reader_ends(self):
+        self.start_daemon()
+        process = subprocess.Popen([vyworld.PROGRAMS + "/vyhotplugctl", "-f", vyworld.CONFIG, "watch"],
+                                   stdout=subprocess.PIPE, env=vyworld.environment())
+        process.stdout.close()
+        self.plug(self.make_partition("sda1"))
+        process.wait(vyworld.LIMIT)
