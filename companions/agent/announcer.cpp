@@ -14,21 +14,6 @@
 
 static constexpr char log_tag[] = "announcer";
 
-DeviceState device_next(DeviceState state, DeviceEvent event)
-{
-    static constexpr DeviceState table[][5] = {
-        // out, added, went, taken, mounted
-        {DEVICE_SENT, DEVICE_UNSEEN, DEVICE_PASSING, DEVICE_UNSEEN, DEVICE_UNSEEN},      // unseen
-        {DEVICE_SENT, DEVICE_TOLD, DEVICE_LEAVING, DEVICE_SENT, DEVICE_SENT},            // sent
-        {DEVICE_TOLD, DEVICE_TOLD, DEVICE_LEAVING, DEVICE_TOLD, DEVICE_TOLD},            // told
-        {DEVICE_LEAVING, DEVICE_LEAVING, DEVICE_LEAVING, DEVICE_GONE, DEVICE_LEAVING},   // leaving
-        {DEVICE_SENT, DEVICE_GONE, DEVICE_GONE, DEVICE_GONE, DEVICE_LEAVING},            // gone
-        {DEVICE_PASSING, DEVICE_PASSING, DEVICE_PASSING, DEVICE_PASSED, DEVICE_PASSING}, // passing
-        {DEVICE_SENT, DEVICE_PASSED, DEVICE_PASSED, DEVICE_PASSED, DEVICE_PASSED},       // passed
-    };
-    return table[state][event];
-}
-
 static void take_step(Device* device, DeviceEvent event)
 {
     const DeviceState next = device_next(device->state, event);
@@ -44,21 +29,12 @@ static bool is_announced(const Device& device)
 
 // ---- the devices ----
 
-static Device* find(Announcer* announcer, int32_t major, int32_t minor)
-{
-    for (Device& device : announcer->devices) {
-        if (device.state != DEVICE_UNSEEN && device.major == major && device.minor == minor)
-            return &device;
-    }
-    return nullptr;
-}
-
 // Lends the device with these numbers; where there is none, an unseen one, in the place of one that
 // went if need be. Null when there is no place.
 static Device* find_or_make(Announcer* announcer, const BlockName& name, int32_t major,
                             int32_t minor)
 {
-    Device* place = find(announcer, major, minor);
+    Device* place = device_find(announcer->devices, major, minor);
     if (place != nullptr)
         return place;
     for (Device& device : announcer->devices) {
@@ -71,12 +47,6 @@ static Device* find_or_make(Announcer* announcer, const BlockName& name, int32_t
     if (place != nullptr)
         *place = {.major = major, .minor = minor, .name = name};
     return place;
-}
-
-bool announcer_is_ours(const Announcer* announcer, int32_t major, int32_t minor)
-{
-    const Device* device = find(const_cast<Announcer*>(announcer), major, minor);
-    return device != nullptr && device->state != DEVICE_PASSING && device->state != DEVICE_PASSED;
 }
 
 void announcer_forget(Announcer* announcer)
@@ -215,7 +185,7 @@ static void walk(Announcer* announcer, uint64_t now)
 {
     BlockList list;
     const AgentSettings& settings = *announcer->settings;
-    const int result = survey_take(settings, announcer, false, &list);
+    const int result = survey_take(settings, announcer->devices, false, &list);
     if (result != 0) { // a list that may be short says nothing of what has gone
         if (announcer->walk.pause == 0)
             VY_LOG(LOG_ERR, "%s/block: %s", settings.sysfs, strerror(-result));
@@ -228,7 +198,7 @@ static void walk(Announcer* announcer, uint64_t now)
     }
     announcer->walk_due = false;
     for (BlockDevice& device : list) {
-        const Device* known = find(announcer, device.major, device.minor);
+        const Device* known = device_find(announcer->devices, device.major, device.minor);
         if (find_changed(announcer, device.name) != nullptr)
             device.verdict = 1; // it is not this medium's
         else if (known != nullptr && is_announced(*known) && device.verdict > 0)
@@ -259,7 +229,7 @@ static Device* next_remove(Announcer* announcer)
 static BlockDevice* next_add(Announcer* announcer)
 {
     for (BlockDevice& found : announcer->shown) {
-        const Device* device = find(announcer, found.major, found.minor);
+        const Device* device = device_find(announcer->devices, found.major, found.minor);
         if (found.verdict == 0 && (device == nullptr || device->state != DEVICE_TOLD))
             return &found;
     }

@@ -14,45 +14,13 @@
 #pragma once
 
 #include "agent/block_device.h"
+#include "agent/device_table.h"
 #include "agent/settings.h"
 #include "agent/uevent.h"
 
-enum DeviceState : uint8_t {
-    DEVICE_UNSEEN,  // the daemon was told nothing of it
-    DEVICE_SENT,    // its add message is under way
-    DEVICE_TOLD,    // the daemon has it
-    DEVICE_LEAVING, // the daemon has it, and its remove message is to be sent or under way
-    DEVICE_GONE,    // the daemon was told that it went
-    DEVICE_PASSING, // it was never announced, but its remove message is to be sent,
-    DEVICE_PASSED,  // and was
-};
-
-enum DeviceEvent : uint8_t {
-    DEVICE_OUT,     // its add message is handed out
-    DEVICE_ADDED,   // its add message has been delivered
-    DEVICE_WENT,    // the kernel says so, or sysfs shows it no more, or another one in its place
-    DEVICE_TAKEN,   // its remove message has been delivered
-    DEVICE_MOUNTED, // it is still mounted, some time after that
-};
-
-// The one table of states and events. Pure.
-DeviceState device_next(DeviceState state, DeviceEvent event);
-
-// A device is what has certain numbers.
-struct Device {
-    DeviceState state = DEVICE_UNSEEN;
-    int32_t major = 0;
-    int32_t minor = 0;
-    BlockName name = {};
-    uint64_t identity = 0; // of the block device that was announced
-    uint64_t seen = 0;     // how many events the kernel had sent before that was read
-    uint8_t looks = 0;     // had or due, whether it is still mounted
-    uint64_t look_due = 0; // the next one's time; 0: none is due
-};
-
 struct Announcer {
-    const AgentSettings* settings = nullptr; // borrowed
-    Device devices[agent_table_limit];
+    const AgentSettings* settings = nullptr;     // borrowed
+    Device devices[agent_table_limit];           // see device_table.h
     BlockList shown;                             // what the last walk found
     Device* out = nullptr;                       // whose message was handed out,
     DeviceEvent end = {};                        // and what its delivery is
@@ -86,10 +54,6 @@ void announcer_delivered(Announcer* announcer, uint64_t now);
 
 // The daemon has gone, and all it knew. Which media were changed is none of it. A walk is due.
 void announcer_forget(Announcer* announcer);
-
-// Whether a device with these numbers was ever announced, gone or not: what is mounted there is the
-// service's.
-bool announcer_is_ours(const Announcer* announcer, int32_t major, int32_t minor);
 
 // Has the kernel look whether a drive's medium is another one. Whether it can be asked is of no
 // interest.

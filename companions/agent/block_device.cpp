@@ -205,9 +205,11 @@ static int read_own(const char* directory, const char* sequence, BlockDevice* de
     device->identity = make_identity(*device, inode, sequence);
     BlockDevice* held = list->devices.take();
     auto* grown = static_cast<BlockDevice*>(realloc(held, (list->count + 1) * sizeof *held));
-    list->devices.reset(grown != nullptr ? grown : held);
-    if (grown == nullptr)
+    if (grown == nullptr) {
+        list->devices.reset(held);
         return -ENOMEM;
+    }
+    list->devices.reset(grown);
     grown[list->count++] = *device;
     return 0;
 }

@@ -3,7 +3,9 @@
 // mount and share them.
 #pragma once
 
-#include "agent/announcer.h"
+#include "agent/block_device.h"
+#include "agent/device_table.h"
+#include "agent/settings.h"
 
 // Looks, and gives a verdict on each device of the list: 0 when it is to be announced; 1 when not,
 // with the reason ("mounted at /"); a negated errno when something could not be looked at, what
@@ -11,12 +13,12 @@
 //
 // A disk is the machine's when it or one of its partitions
 //   - has a filesystem mounted that is not the service's. The service's are those of devices that
-//     the daemon was told of (`told`; null: nothing is known), and, on other partitions of the disk
-//     than the one in question, those below the service's mount directory; on that one too when
-//     they are about to be taken off (`leaving`);
+//     the daemon was told of (`told`, a table; null: nothing is known), and, on other partitions of
+//     the disk than the one in question, those below the service's mount directory; on that one too
+//     when they are about to be taken off (`leaving`);
 //   - is used as swap; or
 //   - is held by another device (LVM, RAID, encryption).
 //
 // Returns as block_list_read.
-[[nodiscard]] int survey_take(const AgentSettings& settings, const Announcer* told, bool leaving,
+[[nodiscard]] int survey_take(const AgentSettings& settings, const Device* told, bool leaving,
                               BlockList* list);

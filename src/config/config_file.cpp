@@ -398,9 +398,13 @@ ConfHotplug* load_config_hotplug(const char* path)
     IniSectionGuard keys;
     open_keys(path, &doc, &keys);
     load_keys(keys.get(), config.get());
-    if (load_needed(keys.get(), config.get()) != 0)
-        return nullptr;
-    return config.take();
+    if (load_needed(keys.get(), config.get()) == 0)
+        return config.take();
+    for (const OptionsKey& row : options_keys) { // nobody has seen them
+        free(config.get()->*row.field);
+        config.get()->*row.field = nullptr;
+    }
+    return nullptr;
 }
 
 // The option texts of the record freed last: within reach until the process ends, so that leak

@@ -54,11 +54,12 @@ static Options mode_options(bool modes, const ConfHotplug* config, const char* c
 {
     const Extra extra = extra_of(configured);
     char permissions[32];
-    if (modes)
+    if (modes) {
         (void)snprintf(permissions, sizeof permissions, "mode=%04o,dmode=%04o",
                        ~config->fileumask & 0777U, ~config->dirumask & 0777U);
-    else
+    } else {
         (void)snprintf(permissions, sizeof permissions, "umask=%04o", config->dirumask);
+    }
     Options options;
     (void)snprintf(options.text, sizeof options.text, "uid=%d,gid=%d,%s%s%s",
                    static_cast<int>(config->defaultuid), static_cast<int>(config->defaultgid),

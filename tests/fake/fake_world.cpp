@@ -108,6 +108,13 @@ void FakeWorld::fail(const std::string& call, int nth, int error)
     state.failures.push_back({call, nth == 0, nth, error});
 }
 
+void FakeWorld::pass(uint64_t monotonic, uint64_t realtime)
+{
+    const Lock lock(mutex);
+    monotonic_usec += monotonic;
+    realtime_usec += realtime;
+}
+
 std::vector<std::string> FakeWorld::calls(const std::string& prefix) const
 {
     const Lock lock(mutex);

@@ -76,6 +76,9 @@ struct FakeWorld {
     int syncs = 0;
     int failed = 0; // calls that failed because the test wanted it
 
+    // Moves the clocks on, while threads may look at them.
+    void pass(uint64_t monotonic, uint64_t realtime);
+
     // Journal entries that begin with `prefix`.
     std::vector<std::string> calls(const std::string& prefix) const;
     // How often a call was made.

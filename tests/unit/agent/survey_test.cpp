@@ -1,5 +1,6 @@
 #include "agent/survey.h"
 
+#include "agent/announcer.h"
 #include "fake_sysfs.h"
 #include "support/files.h"
 
@@ -48,7 +49,7 @@ class Survey : public testing::Test {
     Announcer announcer_;
     AgentSettings settings_ = {AGENT_LIST,        false, 10, FakeSysfs::root, FakeSysfs::proc,
                                FakeSysfs::mounts, ""};
-    const Announcer* told_ = &announcer_;
+    const Device* told_ = announcer_.devices;
     bool leaving_ = false;
     int result_ = 0;
 };

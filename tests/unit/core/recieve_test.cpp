@@ -408,12 +408,12 @@ TEST_F(ReceiveTest, RefusalsAreToldOnceAMinuteWithTheirNumber)
     for (int nth = 0; nth < 20; nth++)
         EXPECT_TRUE(is_refused(send_as_stranger("x")));
     ASSERT_TRUE(wait_for([&] { return refusal_lines() == first; }));
-    fake_world().monotonic_usec += 59999999;
+    fake_world().pass(59999999, 0);
     EXPECT_TRUE(is_refused(send_as_stranger("x")));
-    fake_world().realtime_usec += 1000000000000; // the clock on the wall counts for nothing
+    fake_world().pass(0, 1000000000000); // the clock on the wall counts for nothing
     EXPECT_TRUE(is_refused(send_as_stranger("x")));
     EXPECT_EQ(refusal_lines(), first);
-    fake_world().monotonic_usec += 1;
+    fake_world().pass(1, 0);
     EXPECT_TRUE(is_refused(send_as_stranger("x")));
     EXPECT_TRUE(wait_for([&] {
         return refusal_lines() ==
