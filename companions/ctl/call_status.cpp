@@ -2,6 +2,7 @@
 
 #include "ctl/holders.h"
 #include "ctl/item_json.h"
+#include "ctl/problem_text.h"
 #include "ctl/settings.h"
 #include "ctl/target.h"
 #include "ctl/view.h"
@@ -109,7 +110,7 @@ static int print_table(const CallArgs& args, const View& view)
     return EXIT_DONE;
 }
 
-static void print_json(const CallArgs& args, const View& view)
+static void print_json(const CallArgs& args, const View& view, const ProblemTable& problems)
 {
     Json json = {.out = args.out.out, .more = false};
     json_begin(&json, "status");
@@ -120,31 +121,48 @@ static void print_json(const CallArgs& args, const View& view)
             item_json(&json, nullptr, view.items[i], false);
     }
     json_close(&json, ']');
+    problems_json(&json, "problems", problems);
     json_end(&json);
 }
 
-static int print_status(const CallArgs& args, const View& view)
+// A line for each; "check" tells the rest.
+static void print_problems(const CallArgs& args, const ProblemTable& problems)
+{
+    for (size_t i = 0; i < problems.count; i++) {
+        if (problems.problems[i].note)
+            continue;
+        (void)fputs("! ", args.out.out);
+        (void)text_show(args.out.out, problems.problems[i].text,
+                        args.out.width > 2 ? args.out.width - 2 : SIZE_MAX);
+        (void)fputs("\n", args.out.out);
+    }
+}
+
+static int print_status(const CallArgs& args, const View& view, const ProblemTable& problems)
 {
     if (args.json) {
-        print_json(args, view);
+        print_json(args, view, problems);
     } else {
         const int status = print_table(args, view);
         if (status != EXIT_DONE)
             return status;
+        print_problems(args, problems);
     }
-    if (view.service_runs)
-        return EXIT_DONE;
-    if (!args.json)
-        (void)fputs("\nThe service is not running: systemctl start vyhotplugd\n", args.out.out);
-    return EXIT_NO_SERVICE;
+    return view.service_runs ? EXIT_DONE : EXIT_NO_SERVICE;
 }
 
 int call_status(const CallArgs& args)
 {
     View view;
+    ProblemTable problems = {};
     int status = look(*args.setup, &view);
+    if (status == EXIT_DONE && problems_find(*args.setup, view, PROBLEMS_QUICK, &problems) < 0) {
+        perror("vyhotplugctl");
+        status = EXIT_FAILED;
+    }
     if (status == EXIT_DONE)
-        status = print_status(args, view);
+        status = print_status(args, view, problems);
+    problems_end(&problems);
     view_end(&view);
     return status;
 }

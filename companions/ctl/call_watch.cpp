@@ -141,6 +141,17 @@ static bool take_files(const Sources& sources)
     return ours;
 }
 
+// Whether an event is of a disk or a card: other block devices come and go all the time.
+static bool is_of_disk(const char* event, size_t length)
+{
+    static constexpr const char* names[] = {"DEVNAME=sd", "DEVNAME=mmcblk"};
+    for (const char* name : names) {
+        if (memmem(event, length, name, strlen(name)) != nullptr)
+            return true;
+    }
+    return false;
+}
+
 // Takes what the kernel has sent; what it says is looked up anyway.
 static bool take_devices(const Sources& sources)
 {
@@ -149,8 +160,7 @@ static bool take_devices(const Sources& sources)
     ssize_t length = 0;
     while ((length = recv(sources.devices.get(), buffer, sizeof buffer, 0)) >= 0 ||
            errno == ENOBUFS)
-        any |= length < 0 ||
-               memmem(buffer, static_cast<size_t>(length), "SUBSYSTEM=block", 15) != nullptr;
+        any |= length < 0 || is_of_disk(buffer, static_cast<size_t>(length));
     return any;
 }
 

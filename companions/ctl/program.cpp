@@ -1,5 +1,6 @@
 #include "ctl/program.h"
 
+#include "ctl/call_check.h"
 #include "ctl/call_edit.h"
 #include "ctl/call_mount.h"
 #include "ctl/call_set.h"
@@ -39,6 +40,8 @@ static constexpr CallRow call_rows[] = {
     {"eject", "TARGET [--wait SECONDS]", "unmount the whole disk and switch it off, to be pulled",
      TAKES_WAIT, 1, 1, true, call_eject},
     {"watch", "", "a line for each thing that happens", TAKES_JSON, 0, 0, false, call_watch},
+    {"check", "[--configuration]", "what is wrong here, and what to type",
+     TAKES_JSON | TAKES_CONFIG, 0, 0, false, call_check},
     {"help", "", "this", 0, 0, no_most, false, call_help},
 };
 

@@ -194,11 +194,27 @@ static bool cut_one(const TableColumn* columns, size_t count, size_t excess, siz
     return true;
 }
 
+// Leaves out the column of the highest rank. Returns false when only two are left.
+static bool drop_one(const TableColumn* columns, size_t count, size_t* widths)
+{
+    size_t chosen = count;
+    size_t left = 0;
+    for (size_t i = 0; i < count; i++) {
+        left += widths[i] > 0 ? 1 : 0;
+        if (widths[i] > 0 && (chosen == count || columns[i].rank > columns[chosen].rank))
+            chosen = i;
+    }
+    if (left <= 2)
+        return false;
+    widths[chosen] = 0;
+    return true;
+}
+
 static void fit(size_t width, const TableColumn* columns, size_t count, size_t* widths)
 {
     size_t wanted = 0;
     while (width > 0 && (wanted = table_width(widths, count)) > width) {
-        if (!cut_one(columns, count, wanted - width, widths))
+        if (!cut_one(columns, count, wanted - width, widths) && !drop_one(columns, count, widths))
             return;
     }
 }

@@ -1,18 +1,25 @@
 """vyhotplugctl beside a real service with real filesystems."""
 
 import contextlib
+import fcntl
 import json
 import os
+import pty
 import re
 import shutil
 import signal
+import struct
 import subprocess
+import termios
 import threading
 
+import jsonschema
 import vyworld
 from vyworld import SystemTest, read, read_lines, write
 
 DONE, FAILED, WRONG_CALL, NO_SERVICE, BUSY, NO_DISK = range(6)
+with open(os.path.join(os.path.dirname(vyworld.FOLDER), "..", "docs", "json.schema.json"), encoding="utf-8") as schema:
+    SCHEMA = json.load(schema)
 SYSFS = "/tmp/sysfs"
 RUN = "/tmp/agent"
 
@@ -32,7 +39,14 @@ class CtlTest(SystemTest):
         """What it prints with --json."""
         done = self.ctl(*arguments, "--json", **options)
         self.assertEqual((done.err, done.status), ("", status), done.out)
-        return json.loads(done.out)
+        return self.valid(done.out)
+
+    def valid(self, text):
+        """One line of JSON, held against the schema."""
+        self.assertTrue(text.endswith("\n") and text.count("\n") == 1, text)
+        told = json.loads(text)
+        jsonschema.validate(told, SCHEMA)
+        return told
 
     def assert_ctl(self, *arguments, status=DONE, out=None, err="", **options):
         done = self.ctl(*arguments, **options)
@@ -77,7 +91,7 @@ class Status(CtlTest):
     def test_no_service(self):
         done = self.ctl("status")
         self.assertEqual(done.status, NO_SERVICE)
-        self.assertIn("The service is not running", done.out)
+        self.assertIn("! the service is not running\n", done.out)
 
     def test_everybody_may_look(self):
         self.start_daemon()
@@ -104,6 +118,72 @@ class Status(CtlTest):
             self.assertEqual([(holder["pid"], holder["file"], holder["use"]) for holder in held],
                              [(os.getpid(), stick.directory + "/readme.txt", "file")])
         self.assertEqual(self.ask("who", "sda1")["holders"], [])
+
+    def test_hostile_texts(self):
+        """Of a medium, a device and a settings file by hand: as JSON and on a terminal."""
+        hostile = "\x1b[31m\u202eevil\udcff\u200b\u0085" + "x" * 10000
+        write(vyworld.DEVICE_FILE, "[1:2:a:3]\nComment=\x1b]0;own\x07\n")
+        write(vyworld.SHARE_FILE, f"[{hostile}]\nIdentifier=1:2:{hostile}:3\nPath={vyworld.MOUNT_DIR}/sda1\n"
+                                  f"Manufactuare={hostile}\nVolume Label={hostile}\n")
+        for arguments in (("status", "--all"), ("show", "sda1"), ("who", "sda1"), ("check",)):
+            done = self.ctl(*arguments, "--json")
+            told = self.valid(done.out)
+            self.assertFalse(re.search("[\x00-\x09\x0b-\x1f\x7f-\x9f]", done.out), arguments)
+            shown = self.ctl(*arguments)
+            self.assertFalse(re.search("[\x00-\x09\x0b-\x1f\x7f-\x9f\u202e\u200b\udcff]", shown.out + shown.err),
+                             arguments)
+        item = self.ask("show", "sda1")["item"]
+        self.assertTrue(item["share"].startswith("\x1b[31m\u202eevil\ufffd\u200b\u0085xxx"))
+
+    def test_a_device_file_of_ten_thousand_sections(self):
+        body = "Comment=" + "c" * 900 + "\n"
+        write(vyworld.DEVICE_FILE, "".join(f"[1234:00ab:S{n}:1]\nShare Name=N{n}\n{body}" for n in range(10000)) +
+              "[1234:00ab:S7:1]\nShare Name=last\n\0\0")
+        self.assertEqual(len(self.ask("status", status=NO_SERVICE)["items"]), 0)
+        self.assertEqual(self.ask("show", "1234:00ab:S9999:1")["item"]["settings"]["share_name"], "N9999")
+
+
+class Terminal(CtlTest):
+    def on_terminal(self, columns, *arguments, **environment):
+        """What is printed on a terminal of so many columns."""
+        if not os.path.exists("/dev/pts/ptmx"):
+            os.makedirs("/dev/pts", exist_ok=True)
+            vyworld.run("mount", "-t", "devpts", "-o", "newinstance,ptmxmode=666", "none", "/dev/pts")
+            with contextlib.suppress(FileNotFoundError):
+                os.unlink("/dev/ptmx")
+            os.symlink("pts/ptmx", "/dev/ptmx")
+        parent, child = pty.openpty()
+        fcntl.ioctl(child, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
+        done = subprocess.run([vyworld.PROGRAMS + "/vyhotplugctl", "-f", vyworld.CONFIG, "--sysfs", SYSFS, "--run", RUN,
+                               *arguments], stdin=subprocess.DEVNULL, stdout=child, stderr=child, check=False,
+                              env={**vyworld.environment(), "TERM": "xterm", "LC_ALL": "C.UTF-8", **environment})
+        os.close(child)
+        text = b""
+        with contextlib.suppress(OSError):
+            while part := os.read(parent, 65536):
+                text += part
+        os.close(parent)
+        self.assertEqual(done.returncode, DONE)
+        return text.decode()
+
+    def test_narrow_and_wide(self):
+        self.start_daemon()
+        self.plug(self.make_partition("sda1"))
+        for columns in (20, 40, 80, 200):
+            text = re.sub("\033\\[[0-9;]*m", "", self.on_terminal(columns, "status"))
+            self.assertLessEqual(max(map(len, text.split("\r\n"))), columns, text)
+            self.assertIn("sda1", text)
+            self.assertIn("shared", text)
+        self.assertIn("█", self.on_terminal(100, "status"))
+        self.assertNotIn("█", self.ctl("status").out)
+        self.assertIn("#", self.on_terminal(100, "status", LC_ALL="C"))
+
+    def test_colours(self):
+        self.start_daemon()
+        self.plug(self.make_partition("sda1"))
+        self.assertIn("\033[32m", self.on_terminal(80, "status"))
+        self.assertNotIn("\033", self.on_terminal(80, "status", NO_COLOR="1"))
+        self.assertNotIn("\033", self.ctl("status").out)
 
 
 class Requests(CtlTest):
@@ -479,7 +559,8 @@ class Watch(CtlTest):
         return process
 
     def events(self):
-        return [(event["item"]["name"], event["event"]) for event in map(json.loads, read_lines("/tmp/watched"))]
+        lines = [line + "\n" for line in read("/tmp/watched").split("\n")[:-1]]
+        return [(event["item"]["name"], event["event"]) for event in map(self.valid, lines)]
 
     def wait_for_event(self, *event):
         self.wait_until(f"{event} in {self.events()}", lambda: event in self.events())
@@ -523,3 +604,66 @@ class Watch(CtlTest):
         process.stdout.close()
         self.plug(self.make_partition("sda1"))
         process.wait(vyworld.LIMIT)
+
+
+class Check(CtlTest):
+    def problems(self, *options, status=FAILED):
+        return {problem["id"]: problem["text"] for problem in self.ask("check", *options, status=status)["problems"]
+                if problem["severity"] == "problem"}
+
+    def test_the_configuration_alone(self):
+        self.assertEqual(self.problems("--configuration", status=DONE), {})
+        self.write_config(mountpath="/tmp/none")
+        self.assertEqual(self.problems("--configuration"),
+                         {"directory_missing": "mountpath /tmp/none: No such file or directory"})
+        os.mkdir("/tmp/other")
+        vyworld.run("mount", "-t", "tmpfs", "none", "/tmp/other")
+        self.write_config(smbconfigpath="/tmp/other/shares", devicepath=vyworld.CONFIG)
+        os.chmod(vyworld.CONFIG, 0o666)
+        self.assertEqual(self.problems("--configuration"), {
+            "directory_missing": f"devicepath {vyworld.CONFIG} is no directory",
+            "other_filesystem": "/tmp/other/shares is not on the filesystem of /tmp, the service cannot replace it",
+            "open_to_others": f"{vyworld.CONFIG} may be changed by others than root"})
+
+    def test_what_runs(self):
+        told = self.problems()
+        self.assertEqual(told["service_not_running"], "the service is not running")
+        self.start_daemon()
+        self.assertNotIn("service_not_running", self.problems())
+        self.assertNotIn("bridge_not_running", self.problems())
+        self.service.process.kill()
+        self.service.process.wait()
+        self.assertIn("bridge_not_running", self.problems())
+        os.unlink(vyworld.PROGRAMS + "/vyhotplugd")
+        self.assertIn("service_replaced", self.problems())
+
+    def test_lines_that_would_be_lost(self):
+        write(vyworld.DEVICE_FILE, "[1:2:a:3]\nShare Name=a\nSharename=b\n# no=fault\ncolour = red\nfull access users = anna\n"
+                                   "Block Users=4321,\n")
+        told = self.problems()
+        self.assertEqual((told["unknown_line"], told["user_name_for_number"], told["no_such_user"]), (
+            f"{vyworld.DEVICE_FILE}:5: the service does not know colour, and will drop the line",
+            f"{vyworld.DEVICE_FILE}:6: Full Access Users wants numbers, not anna: whoever is meant is not in the list",
+            "1:2:a:3: nobody has the user number 4321"))
+        told = self.ctl("status", "--all")
+        self.assertIn("! 1:2:a:3: nobody has the user number 4321\n", told.out)
+
+    def test_names_used_twice_and_disks_that_are_not_mounted(self):
+        os.makedirs(SYSFS + "/devices/usb/host/block/sdc/sdc1")
+        for name, text in (("idVendor", "1234"), ("idProduct", "00ab"), ("serial", "S")):
+            write(f"{SYSFS}/devices/usb/{name}", text + "\n")
+        for folder, numbers in (("sdc", "8:32"), ("sdc/sdc1", "8:33")):
+            for name, text in (("dev", numbers), ("size", "2048"), ("ro", "0"), ("range", "16")):
+                write(f"{SYSFS}/devices/usb/host/block/{folder}/{name}", text + "\n")
+        os.symlink("../..", SYSFS + "/devices/usb/host/block/sdc/device")
+        os.symlink("../devices/usb/host/block/sdc", SYSFS + "/block/sdc")
+        self.assertEqual([(item["name"], item["identity"], item["state"], item["size_bytes"])
+                          for item in self.ask("status", status=NO_SERVICE)["items"]],
+                         [("sdc1", "1234:00ab:S:1", "waiting", 1048576)])
+        write(RUN + "/not-mounted", "sdc1 encrypted (LUKS): unlock it yourself\nsdx1 other\n")
+        write(vyworld.SHARE_FILE, "".join(f"[{name}]\nIdentifier={identity}\nPath={vyworld.MOUNT_DIR}/{part}\n"
+                                          for name, identity, part in (("One", "1:2:a:1", "sda1"), ("ONE", "1:2:b:1", "sdb1"))))
+        told = self.problems()
+        self.assertEqual(told["not_mounted"], "sdc1 is not mounted: encrypted (LUKS): unlock it yourself")
+        self.assertEqual(told["name_twice"], "sda1 and sdb1 are both called ONE: only one is shared")
+        self.assertIn("not mounted: encrypted (LUKS): unlock it yourself", self.ctl("status").out)
