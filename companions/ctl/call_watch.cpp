@@ -113,12 +113,13 @@ static int open_sources(const Setup& setup, Sources* sources)
     return sources->devices.get() < 0 ? sources->devices.take() : 0;
 }
 
-static bool is_ours(const Sources& sources, const inotify_event& event)
+// `file` is what stands behind the event.
+static bool is_ours(const Sources& sources, const inotify_event& event, const char* file)
 {
     if ((event.mask & IN_Q_OVERFLOW) != 0)
         return true;
     for (const char* name : sources.names) {
-        if (event.len > 0 && strcmp(event.name, name) == 0)
+        if (event.len > 0 && strcmp(file, name) == 0)
             return true;
     }
     return false;
@@ -127,14 +128,14 @@ static bool is_ours(const Sources& sources, const inotify_event& event)
 // Takes what the files' descriptor has. Returns whether any of it is of a file that counts.
 static bool take_files(const Sources& sources)
 {
-    alignas(inotify_event) char buffer[4096];
+    char buffer[4096];
     bool ours = false;
     ssize_t length = 0;
     while ((length = read(sources.files.get(), buffer, sizeof buffer)) > 0) {
         for (ssize_t at = 0; at < length;) {
             inotify_event event;
             memcpy(&event, buffer + at, sizeof event);
-            ours |= is_ours(sources, *reinterpret_cast<inotify_event*>(buffer + at));
+            ours |= is_ours(sources, event, buffer + at + sizeof event);
             at += static_cast<ssize_t>(sizeof event + event.len);
         }
     }

@@ -225,7 +225,7 @@ static void print_cell(const Terminal& terminal, const TableCell& cell, size_t w
     const char* text = cell_text(cell);
     const size_t needed = text_columns(text);
     const size_t padding = needed < width ? width - needed : 0;
-    const bool coloured = terminal.colour && cell.colour != COLOUR_NONE;
+    const bool coloured = terminal.colour && cell.colour != COLOUR_NONE && text[0] != '\0';
     if (right)
         fprintf(terminal.out, "%*s", static_cast<int>(padding), "");
     if (coloured)

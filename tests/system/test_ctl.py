@@ -174,9 +174,9 @@ class Terminal(CtlTest):
             self.assertLessEqual(max(map(len, text.split("\r\n"))), columns, text)
             self.assertIn("sda1", text)
             self.assertIn("shared", text)
-        self.assertIn("█", self.on_terminal(100, "status"))
-        self.assertNotIn("█", self.ctl("status").out)
-        self.assertIn("#", self.on_terminal(100, "status", LC_ALL="C"))
+        self.assertIn("░", self.on_terminal(100, "status"))
+        self.assertNotIn("░", self.ctl("status").out)
+        self.assertIn(" .......... ", self.on_terminal(100, "status", LC_ALL="C"))
 
     def test_colours(self):
         self.start_daemon()
