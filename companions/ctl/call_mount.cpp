@@ -141,7 +141,8 @@ static int find_drive(const View& view, const Item& item, Drive* drive)
     size_t length = strlen(drive->name);
     while (length > 0 && isdigit(static_cast<unsigned char>(drive->name[length - 1])))
         drive->name[--length] = '\0';
-    drive->parts.items = static_cast<const Item**>(malloc((view.count + 1) * sizeof(const Item*)));
+    drive->parts.items =
+        static_cast<const Item**>(calloc(view.count + 1, sizeof *drive->parts.items));
     if (drive->parts.items == nullptr)
         return -ENOMEM;
     for (size_t i = 0; i < view.count; i++) {

@@ -28,15 +28,19 @@ static int wait_of(const CallArgs& args)
 
 // ---- the target ----
 
+// Four lower-case hexadecimal digits and a colon.
+static bool is_id(const char* word)
+{
+    return strspn(word, "0123456789abcdef") == 4 && word[4] == ':';
+}
+
 // "1234:00ab:ABC:1", for a disk that was never plugged here.
 static bool is_identity(const char* word)
 {
-    unsigned vendor = 0;
-    unsigned product = 0;
-    int behind = 0;
+    if (!is_id(word) || !is_id(word + 5))
+        return false;
     const char* last = strrchr(word, ':');
-    return sscanf(word, "%4x:%4x:%n", &vendor, &product, &behind) == 2 && behind == 10 &&
-           last >= word + 9 && last[1] != '\0' &&
+    return last >= word + 10 && last[1] != '\0' &&
            last[1 + strspn(last + 1, "0123456789")] == '\0' && strpbrk(word, "[]\r\n") == nullptr;
 }
 

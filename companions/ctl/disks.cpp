@@ -152,8 +152,11 @@ static int read_part(Reader* reader, const Kind& kind, const char* disk, const c
     if (!whole)
         (void)snprintf(directory, sizeof directory, "%s/block/%s/%s", reader->sysfs, disk, name);
     read_line(directory, "dev", numbers, sizeof numbers);
-    if (sscanf(numbers, "%u:%u", &part.major, &part.minor) != 2)
+    char* colon = strchr(numbers, ':');
+    if (colon == nullptr)
         return 0; // it is going
+    part.major = static_cast<uint32_t>(strtoul(numbers, nullptr, 10));
+    part.minor = static_cast<uint32_t>(strtoul(colon + 1, nullptr, 10));
     str_ncpy(part.name, name, sizeof part.name);
     str_ncpy(part.disk, disk, sizeof part.disk);
     part.partition = whole ? 0 : static_cast<int32_t>(part.minor % range);

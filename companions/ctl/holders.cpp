@@ -111,16 +111,27 @@ static void look_at_files(Search* search)
     }
 }
 
+// Lends the word behind so many others of a line, which are separated by blanks.
+static const char* word_behind(const char* line, int words)
+{
+    for (int i = 0; i < words; i++) {
+        line += strcspn(line, " ");
+        line += strspn(line, " ");
+    }
+    return line;
+}
+
 // "begin-end flags offset major:minor inode path"
 static void look_at_map(Search* search, char* line)
 {
-    unsigned long major = 0;
-    unsigned long minor = 0;
-    int path = 0;
     line[strcspn(line, "\n")] = '\0';
-    if (sscanf(line, "%*s %*s %*s %lx:%lx %*u %n", &major, &minor, &path) == 2 && path > 0 &&
+    char* colon = nullptr;
+    const unsigned long major = strtoul(word_behind(line, 3), &colon, 16);
+    const unsigned long minor = *colon == ':' ? strtoul(colon + 1, nullptr, 16) : 0;
+    const char* path = word_behind(line, 5);
+    if (path[0] != '\0' &&
         makedev(static_cast<unsigned>(major), static_cast<unsigned>(minor)) == search->device)
-        add(search, HOLDS_MAP, line + path);
+        add(search, HOLDS_MAP, path);
 }
 
 static void look_at_maps(Search* search)

@@ -149,7 +149,8 @@ bool machine_has_filesystem(const char* name)
         return true;
     if (uname(&system) != 0)
         return false;
-    for (const char* table : (const char* const[]){"modules.dep", "modules.builtin"}) {
+    static constexpr const char* tables[] = {"modules.dep", "modules.builtin"};
+    for (const char* table : tables) {
         char path[PATH_MAX];
         (void)snprintf(path, sizeof path, "/lib/modules/%s/%s", system.release, table);
         if (has_word(path, "/", name, ".ko"))

@@ -96,8 +96,8 @@ static void look_at_files(Look* look)
     const ConfHotplug* config = look->setup->config;
     struct stat tmp = {};
     const bool known = stat("/tmp", &tmp) == 0;
-    for (const char* path :
-         (const char* const[]){config->smbconfigpath, config->deviceconfigpath}) {
+    const char* const files[] = {config->smbconfigpath, config->deviceconfigpath};
+    for (const char* path : files) {
         struct stat status;
         if (!stat_directory_of(path, &status))
             add(look, "directory_missing", false, "vyhotplug-prepare",
@@ -254,7 +254,8 @@ static void look_at_bridge(Look* look)
 
 static void look_at_versions(Look* look)
 {
-    for (const char* program : (const char* const[]){"vyhotplug-agent", "vynas-samba"}) {
+    static constexpr const char* programs[] = {"vyhotplug-agent", "vynas-samba"};
+    for (const char* program : programs) {
         char told[256];
         char expected[256];
         (void)snprintf(expected, sizeof expected, "%s %s", program, vy_build);
@@ -268,7 +269,8 @@ static void look_at_versions(Look* look)
 
 static void look_at_label_tools(Look* look)
 {
-    for (const char* tool : (const char* const[]){"mlabel", "ntfsvlabel"}) {
+    static constexpr const char* tools[] = {"mlabel", "ntfsvlabel"};
+    for (const char* tool : tools) {
         if (!machine_has_program(tool))
             add(look, "label_tool_missing", true, "install the package again",
                 "there is no %s: shares are not called after labels", tool);
@@ -309,8 +311,9 @@ static void look_at_samba(Look* look)
 
 static void look_at_protections(Look* look)
 {
-    for (const char* name : (const char* const[]){"protected_symlinks", "protected_hardlinks",
-                                                  "protected_fifos", "protected_regular"}) {
+    static constexpr const char* switches[] = {"protected_symlinks", "protected_hardlinks",
+                                               "protected_fifos", "protected_regular"};
+    for (const char* name : switches) {
         char path[64];
         FileBytes value;
         (void)snprintf(path, sizeof path, "/proc/sys/fs/%s", name);

@@ -160,9 +160,13 @@ static int reserve(FileBytes* out, size_t more)
     if (more >= SIZE_MAX - 1 - out->size)
         return -EFBIG;
     char* held = out->bytes.take();
-    auto* grown = static_cast<char*>(realloc(held, out->size + more + 1));
-    out->bytes.reset(grown != nullptr ? grown : held);
-    return grown != nullptr ? 0 : -ENOMEM;
+    void* moved = realloc(held, out->size + more + 1);
+    if (moved == nullptr) {
+        out->bytes.reset(held);
+        return -ENOMEM;
+    }
+    out->bytes.reset(static_cast<char*>(moved));
+    return 0;
 }
 
 // Room for it has been made.

@@ -55,12 +55,22 @@ static bool is_identity(const Item& item, const char* word)
     return equals(item.identity, word);
 }
 
-// With or without a slash at the end, or a file below it.
+// The length of the item's directory where the word is it, or something below it; 0.
+static size_t directory_length(const Item& item, const char* word)
+{
+    size_t length = 0;
+    if (word[0] != '/')
+        return 0;
+    if (item.directory != nullptr && mountinfo_rest(word, item.directory) != nullptr)
+        length = strlen(item.directory);
+    if (item.mount != nullptr && mountinfo_rest(word, item.mount->directory) != nullptr)
+        length = strlen(item.mount->directory);
+    return length;
+}
+
 static bool is_directory(const Item& item, const char* word)
 {
-    return word[0] == '/' &&
-           ((item.directory != nullptr && mountinfo_rest(word, item.directory) != nullptr) ||
-            (item.mount != nullptr && mountinfo_rest(word, item.mount->directory) != nullptr));
+    return directory_length(item, word) > 0;
 }
 
 static bool is_share(const Item& item, const char* word)
@@ -79,10 +89,26 @@ static constexpr bool (*const kinds[])(const Item&, const char*) = {
     is_partition, is_on_disk, is_identity, is_directory, is_share, is_label,
 };
 
+// Leaves the innermost of directories that lie in each other.
+static void keep_innermost(const char* word, Targets* targets)
+{
+    size_t longest = 0;
+    for (size_t i = 0; i < targets->count; i++) {
+        const size_t length = directory_length(*targets->items[i], word);
+        longest = length > longest ? length : longest;
+    }
+    size_t kept = 0;
+    for (size_t i = 0; i < targets->count; i++) {
+        if (directory_length(*targets->items[i], word) == longest)
+            targets->items[kept++] = targets->items[i];
+    }
+    targets->count = kept;
+}
+
 int targets_find(const View& view, const char* word, Targets* targets)
 {
     *targets = {};
-    targets->items = static_cast<const Item**>(malloc((view.count + 1) * sizeof(const Item*)));
+    targets->items = static_cast<const Item**>(calloc(view.count + 1, sizeof *targets->items));
     if (targets->items == nullptr)
         return -ENOMEM;
     for (const auto fits : kinds) {
@@ -91,6 +117,8 @@ int targets_find(const View& view, const char* word, Targets* targets)
                 targets->items[targets->count++] = &view.items[i];
         }
         targets->disk = fits == is_on_disk;
+        if (fits == is_directory)
+            keep_innermost(word, targets);
         if (targets->count > 0)
             return 0;
     }
