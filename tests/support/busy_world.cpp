@@ -5,19 +5,43 @@
 #include "fake/fake_log.h"
 #include "fake/fake_world.h"
 #include "records/volume_label.h"
-#include "support/check.h"
 
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
+
+#include <filesystem>
+
+static void must(bool holds, const std::string& what)
+{
+    if (holds)
+        return;
+    perror(what.c_str());
+    abort();
+}
+
+static void make_directory(const std::string& path)
+{
+    must(mkdir(path.c_str(), 0755) == 0 || errno == EEXIST, path);
+}
+
+static void make_file(const std::string& path)
+{
+    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    must(fd >= 0 && close(fd) == 0, path);
+}
 
 BusyWorld::BusyWorld()
 {
     fake_world_reset();
     fake_log_clear();
-    make_directory(mountpath.c_str());
-    make_directory(devicepath.c_str());
-    put_file("/etc/mtab", "");
+    make_directory(mountpath);
+    make_directory(devicepath);
+    make_file("/etc/mtab");
     config.naswork = 1;
     config.smbconfigpath = share_file.data();
     config.deviceconfigpath = device_file.data();
@@ -31,7 +55,7 @@ BusyWorld::BusyWorld()
     ctx.running = 1;
     ctx.config = &config;
     conf_dir_set_fat_vlabel(1);
-    check(crtsec_init() == 0, "there is a busy-device set");
+    must(crtsec_init() == 0, "there is a busy-device set");
 }
 
 BusyWorld::~BusyWorld()
@@ -41,8 +65,8 @@ BusyWorld::~BusyWorld()
         mount_entry_free(entry);
     }
     crtsec_term();
-    empty_directory(mountpath.c_str());
-    empty_directory(devicepath.c_str());
+    std::filesystem::remove_all(mountpath);
+    std::filesystem::remove_all(devicepath);
     for (const std::string& file : {share_file, device_file})
         unlink(file.c_str()); // not every input makes them
     fake_world_reset();
@@ -59,11 +83,11 @@ MountEntry* BusyWorld::add(const HotplugDev& dev, const std::string& name, bool 
     if (mounted) {
         entry->mounted = 1;
         entry->fstype = CONF_DEV_FS_FAT;
-        put_file(entry->devnode, "");
+        make_file(entry->devnode);
         make_directory(entry->mountpoint);
         fake_world().mounts[entry->mountpoint] = {entry->devnode, "vfat", 0, ""};
     }
-    check(crtsec_blk_add(entry) == 0, "an entry is taken into the set");
+    must(crtsec_blk_add(entry) == 0, "an entry is taken into the set");
     return entry;
 }
 

@@ -1,5 +1,6 @@
-// A daemon's context and busy-device set on the fake world, with directories of its own. It lasts
-// for one input and takes everything with it: files, entries, journal and log lines.
+// A daemon's context and busy-device set on the fake world, with directories of its own. It takes
+// everything with it when it ends: files, entries, journal and log lines. What cannot be made ends
+// the process.
 #pragma once
 
 #include "core/context.h"
