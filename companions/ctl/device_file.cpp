@@ -1,6 +1,7 @@
 #include "ctl/device_file.h"
 
 #include "common/clock.h"
+#include "common/settings_check.h"
 #include "ctl/progress.h"
 #include "ctl/service.h"
 #include "ctl/settings.h"
@@ -18,7 +19,6 @@
 #include <sys/stat.h>
 
 static constexpr char lock_path[] = "/var/run/vyhotplugctl.lock";
-static constexpr char mark_key[] = "ctlchange"; // what the service drops
 static constexpr mode_t file_mode = 0644;
 static constexpr int rounds = 20;  // of a write that the service was quicker than
 static constexpr int attempts = 8; // of a change that a refresh has overwritten
@@ -56,7 +56,7 @@ static void hand_on(FileBytes* from, FileBytes* to)
 
 static int edit_section(const Work& work, const DeviceEdit& edit, FileBytes* text)
 {
-    const SectionChange mark = {.key = mark_key, .value = work.mark};
+    const SectionChange mark = {.key = settings_mark, .value = work.mark};
     FileBytes made;
     int result = 0;
     if (edit.forget) {
@@ -231,7 +231,7 @@ enum class Held { yes, no, not_written, unknown };
 static bool is_marked(const FileBytes& text, const SectionTable& table, const DeviceEdit& edit)
 {
     const Section* section = sections_find(&table, text.bytes.get(), edit.identity);
-    return section != nullptr && section_has(text.bytes.get(), *section, mark_key);
+    return section != nullptr && section_has(text.bytes.get(), *section, settings_mark);
 }
 
 static const ConfDev* record_of(const ConfDevTable* table, const char* identity)

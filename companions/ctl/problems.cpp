@@ -1,6 +1,7 @@
 #include "ctl/problems.h"
 
-#include "common/text.h"
+#include "common/config_check.h"
+#include "common/settings_check.h"
 #include "config/filesystems.h"
 #include "ctl/machine.h"
 #include "ctl/rules.h"
@@ -132,55 +133,57 @@ static void look_at_tmp(Look* look)
         add(look, "tmp_full", false, "make room in /tmp", "/tmp is full");
 }
 
-// ---- the device file ----
+// ---- mistakes in the files ----
 
-// Keys that the service knows and this program has no word for.
-static bool is_known_key(const char* key)
+namespace {
+
+// Whose mistakes are told.
+struct About {
+    Look* look;
+    const char* path;
+    const char* id;
+    const char* remedy;
+};
+
+} // namespace
+
+static void tell_finding(void* context, const Finding& finding)
 {
-    return setting_find(key) != nullptr || strcasecmp(key, "filesystem") == 0 ||
-           strcasecmp(key, "file system") == 0 || strcasecmp(key, "ctlchange") == 0;
+    const auto* about = static_cast<const About*>(context);
+    char text[finding_text_size];
+    finding_format(finding, text);
+    add(about->look, about->id, false, about->remedy, "%s:%zu: %s", about->path, finding.line,
+        text);
 }
 
-static void check_users(Look* look, unsigned number, const char* key, const char* value)
+static bool find_user(const char* name, uint32_t* id)
 {
-    if (value[strspn(value, "0123456789, \t")] != '\0')
-        add(look, "user_name_for_number", false, "vyhotplugctl set, which takes names",
-            "%s:%u: %s wants numbers, not %s: whoever is meant is not in the list",
-            look->setup->config->deviceconfigpath, number, key, value);
+    const passwd* user = getpwnam(name);
+    if (user != nullptr)
+        *id = user->pw_uid;
+    return user != nullptr;
 }
 
-static void check_line(Look* look, unsigned number, char* line)
+static void look_at_keys(Look* look)
 {
-    char* value = strchr(line, '=');
-    if (value == nullptr || line[strspn(line, " \t")] == '#')
-        return;
-    *value++ = '\0';
-    text_trim(line);
-    text_trim(value);
-    const SettingRow* row = setting_find(line);
-    if (row != nullptr && row->kind == SETTING_USERS)
-        check_users(look, number, row->key, value);
-    if (!is_known_key(line))
-        add(look, "unknown_line", false, "vyhotplugctl edit",
-            "%s:%u: the service does not know %s, and will drop the line",
-            look->setup->config->deviceconfigpath, number, line);
+    About about = {.look = look,
+                   .path = look->setup->paths.config,
+                   .id = "configuration",
+                   .remedy = "correct it, then: systemctl restart vyhotplugd"};
+    FileBytes text;
+    if (file_read_all(about.path, 0, FILE_ANY_SIZE, &text) == 0)
+        (void)config_check(text.bytes.get(), text.size, tell_finding, &about);
 }
 
 static void look_at_lines(Look* look)
 {
+    About about = {.look = look,
+                   .path = look->setup->config->deviceconfigpath,
+                   .id = "settings",
+                   .remedy = "vyhotplugctl set, or edit"};
     FileBytes text;
-    if (file_read_all(look->setup->config->deviceconfigpath, 0, FILE_ANY_SIZE, &text) != 0)
-        return;
-    unsigned number = 0;
-    for (char* line = text.bytes.get(); line != nullptr;) {
-        char* next = strchr(line, '\n');
-        if (next != nullptr)
-            *next++ = '\0';
-        number++;
-        if (line[0] != '[')
-            check_line(look, number, line);
-        line = next;
-    }
+    if (file_read_all(about.path, 0, FILE_ANY_SIZE, &text) == 0)
+        (void)settings_check(text.bytes.get(), text.size, find_user, tell_finding, &about);
 }
 
 static void check_ids(Look* look, const Item& item, const vylist* users)
@@ -354,6 +357,7 @@ constexpr Check checks[] = {
     {PROBLEMS_QUICK, look_at_bridge},
     {PROBLEMS_ALL, look_at_versions},
     {PROBLEMS_CONFIGURATION, look_at_own_file},
+    {PROBLEMS_CONFIGURATION, look_at_keys},
     {PROBLEMS_CONFIGURATION, look_at_directories},
     {PROBLEMS_CONFIGURATION, look_at_files},
     {PROBLEMS_QUICK, look_at_tmp},

@@ -54,7 +54,7 @@ constexpr Word switch_words[] = {
 
 // The first of a code is the one that is printed.
 constexpr Word administrator_words[] = {
-    {"full", "Full", CONF_DEV_ADMIN_FULL},
+    {"full", "", CONF_DEV_ADMIN_FULL}, // the service has no word for it
     {"read-only", "ReadOnly", CONF_DEV_ADMIN_READONLY},
     {"readonly", "ReadOnly", CONF_DEV_ADMIN_READONLY},
     {"ro", "ReadOnly", CONF_DEV_ADMIN_READONLY},

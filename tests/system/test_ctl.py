@@ -613,6 +613,8 @@ class Check(CtlTest):
 
     def test_the_configuration_alone(self):
         self.assertEqual(self.problems("--configuration", status=DONE), {})
+        self.write_config(defualtgid="7")
+        self.assertIn("write defaultgid", self.problems("--configuration")["configuration"])
         self.write_config(mountpath="/tmp/none")
         self.assertEqual(self.problems("--configuration"),
                          {"directory_missing": "mountpath /tmp/none: No such file or directory"})
@@ -641,10 +643,12 @@ class Check(CtlTest):
         write(vyworld.DEVICE_FILE, "[1:2:a:3]\nShare Name=a\nSharename=b\n# no=fault\ncolour = red\nfull access users = anna\n"
                                    "Block Users=4321,\n")
         told = self.problems()
-        self.assertEqual((told["unknown_line"], told["user_name_for_number"], told["no_such_user"]), (
-            f"{vyworld.DEVICE_FILE}:5: the service does not know colour, and will drop the line",
-            f"{vyworld.DEVICE_FILE}:6: Full Access Users wants numbers, not anna: whoever is meant is not in the list",
-            "1:2:a:3: nobody has the user number 4321"))
+        self.assertEqual(told["no_such_user"], "1:2:a:3: nobody has the user number 4321")
+        texts = [problem["text"] for problem in self.ask("check", status=FAILED)["problems"]
+                 if problem["id"] == "settings"]
+        self.assertEqual([text.split(":")[1] for text in texts], ["4", "5", "6"])
+        self.assertIn("colour", texts[1])
+        self.assertIn("anna", texts[2])
         told = self.ctl("status", "--all")
         self.assertIn("! 1:2:a:3: nobody has the user number 4321\n", told.out)
 

@@ -58,7 +58,7 @@ TEST(SettingParse, Switches)
 
 TEST(SettingParse, TheAdministrator)
 {
-    EXPECT_EQ(value_of("administrator", "full"), "Full");
+    EXPECT_EQ(value_of("administrator", "full"), "");
     EXPECT_EQ(value_of("administrator", "RO"), "ReadOnly");
     EXPECT_EQ(value_of("administrator", "hide"), "Hide");
     EXPECT_NE(fault_of("administrator", "none"), "");
