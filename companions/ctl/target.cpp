@@ -108,7 +108,7 @@ static void keep_innermost(const char* word, Targets* targets)
 int targets_find(const View& view, const char* word, Targets* targets)
 {
     *targets = {};
-    targets->items = static_cast<const Item**>(calloc(view.count + 1, sizeof *targets->items));
+    targets->items = static_cast<const Item**>(calloc(view.count + 1, sizeof(void*)));
     if (targets->items == nullptr)
         return -ENOMEM;
     for (const auto fits : kinds) {

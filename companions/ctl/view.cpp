@@ -437,7 +437,10 @@ bool item_is_readonly(const Item& item)
 
 const char* item_filesystem(const Item& item)
 {
-    return item.mount != nullptr ? item.mount->type : item.texts[SHARE_FILESYSTEM];
+    if (item.mount == nullptr)
+        return item.texts[SHARE_FILESYSTEM];
+    // The driver's, which the service has for NTFS alone.
+    return strcmp(item.mount->type, "fuseblk") == 0 ? "ntfs" : item.mount->type;
 }
 
 const char* item_label(const Item& item)
