@@ -141,8 +141,7 @@ static int find_drive(const View& view, const Item& item, Drive* drive)
     size_t length = strlen(drive->name);
     while (length > 0 && isdigit(static_cast<unsigned char>(drive->name[length - 1])))
         drive->name[--length] = '\0';
-    drive->parts.items =
-        static_cast<const Item**>(calloc(view.count + 1, sizeof(void*)));
+    drive->parts.items = static_cast<const Item**>(calloc(view.count + 1, sizeof(void*)));
     if (drive->parts.items == nullptr)
         return -ENOMEM;
     for (size_t i = 0; i < view.count; i++) {
