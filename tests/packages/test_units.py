@@ -128,6 +128,24 @@ class Systemd(Machine):
         for name in ("vyhotplugd", "vyhotplug-agent", "vynas-samba"):
             self.assertEqual(os.readlink(f"/proc/{self.pids_of(name)[0]}/ns/mnt"), os.readlink("/proc/1/ns/mnt"))
 
+    def test_they_may_do_little_else(self):
+        for unit in ("vyhotplug-agent.service", "vyhotplugd-settings.service", "vynas-samba.service"):
+            text = self.run_any("systemd-analyze", "security", "--no-pager", unit)[1]
+            exposure = float(re.search(r"Overall exposure level for \S+: ([\d.]+)", text)[1])
+            self.tell(f"{unit}: {exposure}")
+            self.assertLess(exposure, 3.5, unit)
+        for name in ("vyhotplug-agent", "vynas-samba"):
+            status = self.read(f"/proc/{self.pids_of(name)[0]}/status")
+            self.assertIn("\nNoNewPrivs:\t1\n", status, name)
+            self.assertIn("\nSeccomp:\t2\n", status, name)
+
+    def test_the_service_has_no_more_descriptors_than_it_can_wait_for(self):
+        limits = self.read(f"/proc/{self.pids_of('vyhotplugd')[0]}/limits")
+        self.assertRegex(limits, r"Max open files\s+1024\s+1024\s")
+
+    def test_the_bridge_comes_before_busy_programs(self):
+        self.assertEqual(os.getpriority(os.PRIO_PROCESS, self.pids_of("vynas-samba")[0]), -15)
+
     def test_sticks_are_shared(self):
         self.run_ok("vynas-samba-setup", "enable")
         self.add_anna()
@@ -288,6 +306,25 @@ class Systemd(Machine):
         self.wait_for_mounts("sda1", "sda2")
         self.wait_for_shares("Cinema", "Films(A2)", who=ANNA)
         self.assertEqual(os.stat("/media/vyhotplug/sda2/b.txt").st_gid, 60)
+
+    def test_the_service_works_with_fewer_rights(self):
+        """The drop-in of the documentation."""
+        folder = "/etc/systemd/system/vyhotplugd.service.d"
+        os.makedirs(folder)
+        shutil.copy("/usr/share/doc/vyhotplugd/docs/examples/hardened.conf", folder)
+        self.run_ok("systemctl", "daemon-reload")
+        self.run_ok("systemctl", "restart", "vyhotplugd")
+        self.assertIn("\nSeccomp:\t2\n", self.read(f"/proc/{self.pids_of('vyhotplugd')[0]}/status"))
+        self.wait_for_mounts("sda1", "sda2")
+        self.wait_for_shares("Cinema", "Films(A2)", who=ANNA)
+        self.run_ok("vyunmount", "sda2")
+        self.wait_until("it is unmounted", lambda: self.mounted() == {"sda1"})
+        self.run_ok("vymount", "sda2")
+        self.wait_for_shares("Cinema", "Films(A2)", who=ANNA)
+        shutil.rmtree(folder)
+        self.run_ok("systemctl", "daemon-reload")
+        self.run_ok("systemctl", "restart", "vyhotplugd")
+        self.wait_for_shares("Cinema", "Films(A2)", who=ANNA)
 
     def test_the_init_script_hands_over_to_systemd(self):
         old = self.pids_of("vyhotplugd")
