@@ -11,14 +11,18 @@
 #include "support/input.h"
 #include "support/oracles.h"
 
+#include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
 #include <memory>
 #include <set>
 
 static void put(char* field, size_t size, const std::string& text)
 {
-    snprintf(field, size, "%s", text.c_str());
+    const std::string fit = text.c_str();
+    memcpy(field, fit.c_str(), std::min(fit.size() + 1, size));
+    field[size - 1] = '\0';
 }
 
 // Digits where the text is none.
@@ -98,10 +102,9 @@ static int64_t number_of(const char* text, int64_t least, int64_t most, int64_t 
     std::string trimmed = text;
     text_trim(trimmed.data());
     trimmed.resize(strlen(trimmed.c_str()));
-    for (int64_t number = least; number <= most; number++) {
-        if (trimmed == std::to_string(number))
-            return number;
-    }
+    const int64_t number = strtoll(trimmed.c_str(), nullptr, 10);
+    if (number >= least && number <= most && trimmed == std::to_string(number))
+        return number;
     return otherwise;
 }
 

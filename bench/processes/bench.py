@@ -22,7 +22,7 @@ FOLDER = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.realpath(os.path.join(FOLDER, "..", ".."))
 # Each a script of this folder.
 GROUPS = ["sizes", "functions", "refresh", "lookups", "start", "messages", "mounts", "burst",
-          "resident"]
+          "resident", "box", "plug"]
 
 
 # ---- running ----

@@ -111,10 +111,13 @@ def interleaved(commands, count):
 
 
 def memory_of(pid):
-    """Rss, Pss and private dirty pages in kB."""
+    """Rss, Pss and private dirty pages in kB; all private ones, written or not."""
     text = vyworld.read(f"/proc/{pid}/smaps_rollup")
-    return {key: int(re.search(rf"^{name}:\s*(\d+) kB", text, re.MULTILINE)[1])
-            for key, name in (("rss", "Rss"), ("pss", "Pss"), ("dirty", "Private_Dirty"))}
+    found = {key: int(re.search(rf"^{name}:\s*(\d+) kB", text, re.MULTILINE)[1])
+             for key, name in (("rss", "Rss"), ("pss", "Pss"), ("dirty", "Private_Dirty"),
+                               ("private", "Private_Clean"))}
+    found["private"] += found["dirty"]
+    return found
 
 
 def peak_memory(pid):
@@ -208,7 +211,7 @@ def make_partition(stack, name, **items):
 def make_loop(stack, name):
     """A loop device with an ext4 filesystem of its own."""
     image = f"/tmp/{name}.loop-image"
-    vyworld.make_image(image, "ext4", {"readme.txt": "text\n"})
+    vyworld.make_image(image, "ext4", {"who": "text\n"})
     loop = vyworld.LoopDevice(image)
     stack.callback(loop.release)
     return loop

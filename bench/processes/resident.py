@@ -33,6 +33,8 @@ class Mounts:
         for partition in self.partitions:
             measure.deliver(partition.remove_message())
         wait_until("none mounted", lambda: not vyworld.mounts())
+        # The refresh behind it forgets them; before that, what has the same numbers is not told apart from them.
+        self.service.wait_for_refresh(self.service.refreshes() + 1)
 
 
 def udisks_cycle(loops, last):

@@ -196,7 +196,6 @@ static void tell(Check* check, const Finding& finding)
 static void tell_value(Check* check, const IniLine& line, const KeyRule& rule, Finding finding)
 {
     finding.line = line.number;
-    finding.section = "";
     finding.key = line.key;
     finding.taken = finding.taken == nullptr && rule.taken[0] != '\0' ? rule.taken : finding.taken;
     tell(check, finding);
@@ -242,14 +241,10 @@ static void check_word(Check* check, const IniLine& line, const KeyRule& rule, c
     char list[list_size];
     list_words(words, list);
     tell_value(check, line, rule,
-               {.line = 0,
-                .section = nullptr,
-                .kind = FINDING_UNKNOWN_WORD,
-                .key = nullptr,
+               {.kind = FINDING_UNKNOWN_WORD,
                 .word = word,
                 .right = right_word(rule, words, word),
-                .accepted = list,
-                .taken = nullptr});
+                .accepted = list});
 }
 
 // Each word as the loader takes it. In an option map what stands behind a "=" does not belong to
@@ -284,13 +279,9 @@ static void check_options(Check* check, const IniLine& line, const KeyRule& rule
     while ((position = vyopt_get_section(position, item, sizeof item)) != nullptr) {
         if (is_flag_of_mount(item))
             tell_value(check, line, rule,
-                       {.line = 0,
-                        .section = nullptr,
-                        .kind = FINDING_UNKNOWN_WORD,
-                        .key = nullptr,
+                       {.kind = FINDING_UNKNOWN_WORD,
                         .word = item,
                         .right = "it into mountflags",
-                        .accepted = nullptr,
                         .taken = "no mount at all"});
     }
 }
@@ -329,10 +320,7 @@ static void check_number(Check* check, const IniLine& line, const KeyRule& rule)
     char letters[8];
     const bool spelt = octal && result == -EINVAL && read_letters(line.value, letters);
     tell_value(check, line, rule,
-               {.line = 0,
-                .section = nullptr,
-                .kind = result == -EINVAL ? FINDING_NO_NUMBER : FINDING_OUT_OF_RANGE,
-                .key = nullptr,
+               {.kind = result == -EINVAL ? FINDING_NO_NUMBER : FINDING_OUT_OF_RANGE,
                 .word = line.value,
                 .right = spelt ? letters : nullptr,
                 .accepted = octal ? "0 to 777, octal" : "0 to 2147483647",
@@ -343,15 +331,7 @@ static void check_path(Check* check, const IniLine& line, const KeyRule& rule)
 {
     if (line.value[0] == '/')
         return;
-    tell_value(check, line, rule,
-               {.line = 0,
-                .section = nullptr,
-                .kind = FINDING_NO_PATH,
-                .key = nullptr,
-                .word = line.value,
-                .right = nullptr,
-                .accepted = nullptr,
-                .taken = nullptr});
+    tell_value(check, line, rule, {.kind = FINDING_NO_PATH, .word = line.value});
 }
 
 static void check_value(Check* check, const IniLine& line, const KeyRule& rule)
@@ -382,14 +362,7 @@ static void check_value(Check* check, const IniLine& line, const KeyRule& rule)
 
 static void tell_key(Check* check, const IniLine& line, FindingKind kind, const char* right)
 {
-    tell(check, {.line = line.number,
-                 .section = "",
-                 .kind = kind,
-                 .key = line.key,
-                 .word = "",
-                 .right = right,
-                 .accepted = nullptr,
-                 .taken = nullptr});
+    tell(check, {.line = line.number, .kind = kind, .key = line.key, .right = right});
 }
 
 static const char* nearest_key(const Check* check, const char* key)

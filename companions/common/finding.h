@@ -17,14 +17,14 @@ enum FindingKind : uint8_t {
 
 // Texts are lent for the call that reports it.
 struct Finding {
-    size_t line;         // of the file; the first is 1
-    const char* section; // "" in the configuration, which has none
-    FindingKind kind;
-    const char* key;      // as it stands, without its blanks
-    const char* word;     // the value, or the word of a list, that is wrong
-    const char* right;    // what was meant, most likely; null when nothing is near
-    const char* accepted; // what would be right; null where that cannot be listed
-    const char* taken;    // what the service takes in its place; null: it passes over it
+    size_t line = 0;          // of the file; the first is 1
+    const char* section = ""; // the configuration has none
+    FindingKind kind = FINDING_UNKNOWN_KEY;
+    const char* key = "";           // as it stands, without its blanks
+    const char* word = "";          // the value, or the word of a list, that is wrong
+    const char* right = nullptr;    // what was meant, most likely; null when nothing is near
+    const char* accepted = nullptr; // what would be right; null where that cannot be listed
+    const char* taken = nullptr;    // what the service takes in its place; null: it passes over it
 };
 
 using FindingReport = void (*)(void* context, const Finding& finding);

@@ -187,9 +187,9 @@ int settings_check(const char* text, size_t size, UserLookup lookup, FindingRepo
         if (line.kind == INI_LINE_HEADER) {
             in_section = true;
             str_cpy(check.section, line.key);
-        } else if (in_section && rule == nullptr) {
+        } else if (in_section && rule == nullptr && strcmp(line.key, settings_mark) != 0) {
             tell(&check, line, FINDING_UNKNOWN_KEY, "", nearest_key(line.key), nullptr, nullptr);
-        } else if (in_section) {
+        } else if (in_section && rule != nullptr) {
             check_value(&check, line, *rule);
         }
     }

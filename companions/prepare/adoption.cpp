@@ -93,8 +93,8 @@ static bool look_at_device(MountNote* note)
 {
     char directory[64];
     struct stat status;
-    (void)snprintf(directory, sizeof directory, "%s/dev/block/%" PRIu32 ":%" PRIu32, adoption_sysfs,
-                   note->major, note->minor);
+    (void)snprintf(directory, sizeof directory, "/sys/dev/block/%" PRIu32 ":%" PRIu32, note->major,
+                   note->minor);
     if (stat(directory, &status) != 0)
         return false;
     note->inode = status.st_ino;

@@ -14,7 +14,6 @@
 #include <stdint.h>
 
 constexpr char adoption_notes_path[] = "/run/vyhotplugd/mounts";
-constexpr char adoption_sysfs[] = "/sys";
 
 // What a mount is made from.
 struct MountNote {

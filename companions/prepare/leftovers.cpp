@@ -66,7 +66,7 @@ struct Leftovers {
     const Mountinfo* table;
     const char* mountpath; // without symbolic links, as the paths in the table
     MemGuard<bool> goes;   // by entry of the table
-    bool any_stays;
+    bool judged;           // others may stay
     bool any_goes;
 };
 
@@ -114,7 +114,6 @@ static void decide(Leftovers* leftovers, LeftoverJudge judge, void* context)
         const MountinfoEntry* partition = find_partition(*leftovers, mount->directory);
         goes[i] = partition == nullptr || goes[partition - table->entries];
         leftovers->any_goes |= goes[i];
-        leftovers->any_stays |= !goes[i];
     }
 }
 
@@ -189,12 +188,13 @@ static int withdraw_some(const char* path, const Leftovers& leftovers)
     return append_empty_sections(fd.get(), leftovers);
 }
 
+// A file-sharing service that outlives a restart with its shares takes an empty file for a service
+// that is still to tell of them, so shares that go are named to it.
 static void withdraw_shares(const Leftovers& leftovers)
 {
     const char* path = leftovers.config->smbconfigpath;
-    const int result =
-        leftovers.any_stays ? withdraw_some(path, leftovers) : empty_share_file(path);
-    if (result != 0 && leftovers.any_stays)
+    const int result = leftovers.judged ? withdraw_some(path, leftovers) : empty_share_file(path);
+    if (result != 0 && leftovers.judged)
         tell(LOG_WARNING, "shares stay in %s: %s", path, strerror(-result));
     else if (result != 0)
         tell(LOG_WARNING, "%s is not emptied: %s", path, strerror(-result));
@@ -271,7 +271,7 @@ int leftovers_take_off(const ConfHotplug* config, const Mountinfo* table, Leftov
         .table = table,
         .mountpath = mountpath.get(),
         .goes = MemGuard<bool>(static_cast<bool*>(calloc(table->count + 1, sizeof(bool)))),
-        .any_stays = false,
+        .judged = judge != nullptr,
         .any_goes = false};
     if (!leftovers.goes) {
         tell(LOG_ERR, "no memory for what is left mounted");

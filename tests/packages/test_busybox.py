@@ -47,6 +47,10 @@ class BusyboxScript(Machine):
         self.assertEqual(len(self.pids_of("vyhotplugd")), 1)
         self.assertEqual(len(self.pids_of("vyhotplug-agent")), 1)
 
+    def test_the_service_has_no_more_descriptors_than_it_can_wait_for(self):
+        limits = self.read(f"/proc/{self.pids_of('vyhotplugd')[0]}/limits")
+        self.assertRegex(limits, r"Max open files\s+1024\s+1024\s")
+
     def test_the_kernel_looks_into_card_readers(self):
         self.assertEqual(vyworld.read(debian_world.READER_POLL), "2000\n")
         self.write(debian_world.READER_POLL, "500\n")

@@ -147,8 +147,9 @@ TEST(Sweep, ReadingValuesWithoutMemory)
 
 // ---- tables and their files ----
 
-const std::string stored = "[1234:00ab:ABC:1]\nShare Name=Music\nComment=\nRead Only=Enable\n"
-                           "Guest Access=Disable\nGuest Hide=Disable\nFull Access Users=\n"
+const std::string stored = "[1234:00ab:ABC:1]\nShare Name=Music\nComment=\nFile System=NTFS\n"
+                           "Sync=Enable\nRead Only=Enable\nGuest Access=Disable\n"
+                           "Guest Hide=Disable\nAdministrator=Block\nFull Access Users=\n"
                            "Read Only Users=500,501,\nBlock Users=\nHide Users=\n"
                            "[fixed]\nShare Name=\nPath=/srv/fixed\nComment=Ours\n"
                            "Read Only=Disable\nGuest Access=Disable\nGuest Hide=Disable\n"

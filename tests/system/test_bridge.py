@@ -58,7 +58,7 @@ class Together(SambaTest):
 
 
 class BusyMachine(Together):
-    ROUNDS = int(os.environ.get("VY_ROUNDS", "6"))
+    ROUNDS = int(os.environ.get("VY_ROUNDS", "3"))
 
     def test_a_stick_that_a_client_browses_is_unmounted_by_request(self):
         """The service gives 400 ms."""

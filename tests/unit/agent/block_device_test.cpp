@@ -95,9 +95,12 @@ TEST_F(BlockDeviceTest, ReadsADiskThatIsNoUsbDevice)
 TEST_F(BlockDeviceTest, LooksForTheUsbDeviceNotAboveSysfs)
 {
     sysfs_.add_stick("sda", "8:0", {{"idVendor", "-"}});
-    symlink("/tmp", "/tmp/idVendor"); // nothing above the root is read
+    const std::string own = std::string(FakeSysfs::root) + "/idVendor";
+    write_file("/tmp/idVendor", "1111\n");
+    write_file(own, "2222\n");
     EXPECT_STREQ(device_of("sda").vid, "");
     unlink("/tmp/idVendor");
+    unlink(own.c_str());
 }
 
 TEST_F(BlockDeviceTest, ReadsACard)

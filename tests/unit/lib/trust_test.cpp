@@ -388,6 +388,17 @@ TEST_F(Trust, AppendingAddsToAnOwnFileAndMakesOne)
     EXPECT_EQ(read_file(temporary), "++");
 }
 
+TEST_F(Trust, WhatIsOpenIsNoChilds)
+{
+    for (const bool made : {true, false}) {
+        const FileGuard written(trust_create(temporary.c_str()));
+        const FileGuard appended(trust_append(temporary.c_str()));
+        ASSERT_TRUE(written && appended);
+        EXPECT_EQ(fcntl(fileno(written.get()), F_GETFD), FD_CLOEXEC) << made;
+        EXPECT_EQ(fcntl(fileno(appended.get()), F_GETFD), FD_CLOEXEC) << made;
+    }
+}
+
 TEST_F(Trust, AppendingLeavesAloneWhatIsSomebodyElses)
 {
     make_link(closed + "/file", temporary);

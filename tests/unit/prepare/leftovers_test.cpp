@@ -321,13 +321,15 @@ TEST_F(LeftoversTest, WhatDoesNotStayIsWithdrawnByNameAndTakenOff)
     EXPECT_FALSE(exists("/tmp/hotdev/sdb1"));
 }
 
-TEST_F(LeftoversTest, WhereNothingStaysTheShareFileIsEmptied)
+TEST_F(LeftoversTest, WhereNothingStaysSharesAreWithdrawnByNameAsWell)
 {
     judge = by_refusals;
+    const std::string shares = "[Music]\nPath=/tmp/hotplug/sda1\n";
+    write_file(share_file, shares);
     add("sda1");
     refusals["/tmp/hotplug/sda1"] = "it was pulled";
     EXPECT_EQ(take_off(), 0);
-    EXPECT_EQ(read_file(share_file), "");
+    EXPECT_EQ(read_file(share_file), shares + "[Music]\n");
 }
 
 TEST_F(LeftoversTest, WhatLiesOnAPartitionStaysAndGoesWithIt)

@@ -342,6 +342,16 @@ TEST_F(SettingsTest, WhatLosesSettingsLeavesTheOldOnesAsAGeneration)
     expect_nothing_beside();
 }
 
+TEST_F(SettingsTest, AGenerationIsOnTheDiskBeforeTheCopyIsReplaced)
+{
+    make_copy(settings);
+    write_file(generation(1), "older");
+    write_file(device_file, "[4:5:6:1]\n");
+    EXPECT_EQ(settings_save(device_file, nullptr), 0);
+    EXPECT_EQ(calls(), (std::vector<std::string>{"fsync", "rename", "fsync", "rename", "rename",
+                                                 "fsync", "rename", "fsync"}));
+}
+
 TEST_F(SettingsTest, FiveGenerationsAreKept)
 {
     for (int number = 0; number < 9; number++) {
