@@ -403,6 +403,24 @@ class Settings(CtlTest):
         self.assertEqual(ctl.wait(vyworld.LIMIT), DONE)
         self.assertEqual(self.held(stick)["share_name"], "Music")
 
+    def test_what_the_service_writes_in_between_stays(self):
+        """Between the reading of the old file and the moment in which the new one takes its place."""
+        self.require_strace()
+        stick = self.plug_one()
+        other = self.make_partition("sdb1")
+        command = ["strace", "-qq", "-o", "/dev/null", "-e", "inject=renameat2:delay_enter=8000000:when=1",
+                   vyworld.PROGRAMS + "/vyhotplugctl", "-f", vyworld.CONFIG, "--sysfs", SYSFS, "set", "sda1", "share=Music"]
+        with subprocess.Popen(command, stdout=subprocess.DEVNULL, env=vyworld.environment(traced=True)) as ctl:
+            self.wait_until("the copy is made", lambda: any(".ctl-" in name for name in os.listdir("/tmp")))
+            self.plug(other)
+            self.assertIn(other.identifier, read(vyworld.DEVICE_FILE))
+            self.assertNotIn("Music", read(vyworld.DEVICE_FILE))
+            self.assertEqual(ctl.wait(vyworld.LIMIT), DONE)
+        held = sections(read(vyworld.DEVICE_FILE))
+        self.assertIn("Share Name=Music\n", held[stick.identifier])
+        self.assertIn(other.identifier, held)
+        self.assertIn(f"Path={other.directory}\n", read(vyworld.SHARE_FILE))
+
     def test_a_service_that_ends_meanwhile(self):
         self.plug_one()
         self.daemon.signal(signal.SIGSTOP)
@@ -417,24 +435,33 @@ class Settings(CtlTest):
         self.wait_until("it counts", lambda: "ctlchange" not in read(vyworld.DEVICE_FILE))
         self.assertIn("Share Name=Music\n", read(vyworld.DEVICE_FILE))
 
-    def test_no_room(self):
-        self.plug_one()
-        write("/tmp/small.img", "")
-        before = read(vyworld.DEVICE_FILE)
-        full = open("/tmp/filler", "wb")
-        self.addCleanup(full.close)
-        room = os.statvfs("/tmp")
-        if room.f_bavail * room.f_frsize > 1 << 30:
-            self.skipTest("/tmp is too large to be filled")
-        with contextlib.suppress(OSError):
+    def small_place(self, options):
+        """The device file on a filesystem of 128 kB, and not the service's temporary file."""
+        os.mkdir("/tmp/small")
+        vyworld.run("mount", "-t", "tmpfs", "-o", "size=128k", "none", "/tmp/small")
+        self.write_config(deviceconfigpath="/tmp/small/devices")
+        self.start_daemon()
+        write("/tmp/small/devices", "[1:2:a:3]\nComment=old\n")
+        if options != "full":
+            vyworld.run("mount", "-o", f"remount,{options}", "/tmp/small")
+            return
+        with contextlib.suppress(OSError), open("/tmp/small/filler", "wb", buffering=0) as filler:
             while True:
-                full.write(b"\0" * 65536)
-                full.flush()
-        done = self.ctl("set", "sda1", "share=Music", "--wait", "3")
-        os.truncate("/tmp/filler", 0)
-        self.assertEqual(done.status, FAILED)
-        self.assertIn("No space left on device", done.err)
-        self.assertEqual(read(vyworld.DEVICE_FILE), before)
+                filler.write(b"x" * 4096)
+
+    def test_no_room(self):
+        for options, words in (("full", "No space left on device"), ("ro", "Read-only file system")):
+            with self.subTest(options):
+                if options == "ro":
+                    self.stop_daemon()
+                    vyworld.run("umount", "/tmp/small")
+                    os.rmdir("/tmp/small")
+                self.small_place(options)
+                done = self.ctl("set", "1:2:a:3", "comment=new", "--wait", "3")
+                self.assertEqual((done.status, done.out), (FAILED, ""))
+                self.assertIn(words, done.err)
+                self.assertEqual(read("/tmp/small/devices"), "[1:2:a:3]\nComment=old\n")
+                self.assertEqual([name for name in os.listdir("/tmp/small") if "ctl" in name], [])
 
     def test_a_hundred_at_once_beside_plug_and_pull(self):
         self.start_daemon()
