@@ -30,6 +30,9 @@ class CtlTest(SystemTest):
         shutil.copy(os.path.join(os.environ["VY_BIN"], "vyhotplugctl"), vyworld.PROGRAMS)
         for folder in (SYSFS, SYSFS + "/block", RUN):
             os.mkdir(folder)
+        pdbedit = shutil.which("pdbedit", path=vyworld.PATH)
+        if pdbedit is not None:  # it would tell of users without a Samba password
+            vyworld.run("mount", "--bind", "/bin/false", pdbedit)
 
     def ctl(self, *arguments, **options):
         return self.tool("vyhotplugctl", "-f", vyworld.CONFIG, "--sysfs", SYSFS, "--run", RUN, *arguments,
@@ -326,6 +329,13 @@ class Settings(CtlTest):
             "share_name": None, "comment": None, "path": None, "read_only": False, "guest": False,
             "hide_from_guests": False, "sync": False, "administrator": "full", "full_users": [], "reading_users": [],
             "blocked_users": [], "hidden_users": []})
+
+    def test_users_without_a_samba_password_are_told_of(self):
+        self.plug_one()
+        vyworld.run("mount", "--bind", "/bin/true", shutil.which("pdbedit", path=vyworld.PATH) or self.skipTest("no Samba"))
+        self.assert_ctl("set", "sda1", "full=daemon", err="vyhotplugctl: note: full: daemon has no Samba password; "
+                        "smbpasswd -a daemon\n")
+        self.assert_ctl("set", "sda1", "blocked=daemon")
 
     def test_what_does_not_fit_is_refused(self):
         self.plug_one()

@@ -25,7 +25,7 @@ class Ctl(VmTest):
     def test_a_free_disk_is_gone_behind_it(self):
         self.plug_stick()
         device = self.vm.run("readlink -f /sys/block/sda/device/../../../..").strip()
-        status, shown = self.vm.attempt(f"{CTL} eject HOLIDAY 2>&1")
+        status, shown = self.vm.attempt(f"{CTL} eject HOLIDAY 2>/tmp/err")
         self.assertEqual((status, shown), (0, "sda is unmounted and switched off: safe to pull\n"))
         self.wait_for_mounts()
         self.assertEqual(self.vm.run("ls /sys/block | grep ^sd || true"), "")
@@ -35,7 +35,7 @@ class Ctl(VmTest):
 
     def test_settings_hold(self):
         self.plug_stick()
-        status, shown = self.vm.attempt(f"{CTL} set HOLIDAY share=Music guest=yes 2>&1")
+        status, shown = self.vm.attempt(f"{CTL} set HOLIDAY share=Music guest=yes 2>/tmp/err")
         self.assertEqual((status, shown), (0, "46f4:0001:AC0042:1 is set\n"))
-        self.wait_until("it is shared so", lambda: "[Music]" in self.vm.run("cat /run/vyhotplugd/files/vynas.dir.conf"))
+        self.wait_until("it is shared so", lambda _: "[Music]" in self.vm.run("cat /run/vyhotplugd/files/vynas.dir.conf"))
         self.assertIn("sda1", self.vm.run(f"{CTL} status; true"))
