@@ -253,20 +253,52 @@ static int add_mounted(const Setup& setup, View* view)
 
 // ---- what is not mounted ----
 
+// Lends the nth field of a line, from 1 on, and its length; null without one.
+static const char* field_of(const char* line, int nth, size_t* length)
+{
+    for (; nth > 1; nth--) {
+        line += strcspn(line, "\t\n");
+        if (*line++ != '\t')
+            return nullptr;
+    }
+    *length = strcspn(line, "\t\n");
+    return line;
+}
+
+// What a line (docs/not-mounted.md) tells of the device, without its name, and what to type. Owned;
+// null when it tells nothing.
+static char* sentence_of(const char* line, size_t name_length)
+{
+    size_t length = 0;
+    size_t command_length = 0;
+    const char* sentence = field_of(line, 5, &length);
+    const char* command = field_of(line, 6, &command_length);
+    if (sentence == nullptr || command == nullptr)
+        return nullptr;
+    if (length > name_length && strncmp(sentence, line, name_length) == 0 &&
+        sentence[name_length] == ' ') {
+        sentence += name_length + 1;
+        length -= name_length + 1;
+    }
+    char* reason = nullptr;
+    const bool has_command = command_length > 0 && command[0] != '-';
+    if (asprintf(&reason, "%.*s%s%.*s", static_cast<int>(length), sentence,
+                 has_command ? "; type: " : "", has_command ? static_cast<int>(command_length) : 0,
+                 command) < 0)
+        return nullptr;
+    return reason;
+}
+
 // Finds the device's line in the agent's file. Returns an owned reason; null without one.
 static char* reason_of(const FileBytes& told, const DiskPart& part)
 {
+    const size_t name_length = strlen(part.name);
     const char* line = told.bytes.get();
     while (line != nullptr && *line != '\0') {
-        const size_t length = strcspn(line, "\n");
-        const size_t name = strcspn(line, " \t\n");
-        const char* bare = strncmp(line, "/dev/", 5) == 0 ? line + 5 : line;
-        const size_t bare_length = name - static_cast<size_t>(bare - line);
-        if (strlen(part.name) == bare_length && strncmp(bare, part.name, bare_length) == 0) {
-            const size_t blanks = strspn(line + name, " \t");
-            return strndup(line + name + blanks, length - name - blanks);
-        }
-        line += length + (line[length] == '\n' ? 1 : 0);
+        if (strncmp(line, part.name, name_length) == 0 && line[name_length] == '\t')
+            return sentence_of(line, name_length);
+        line += strcspn(line, "\n");
+        line += *line == '\n' ? 1 : 0;
     }
     return nullptr;
 }

@@ -37,6 +37,12 @@ void sys_sync();
 // Returns the child's pid. A child that cannot be set up or executed ends with status 1.
 [[nodiscard]] pid_t sys_spawn(const char* file, char* const argv[], const int stdio[3]);
 
+// As sys_spawn. `prepare` is called in the child, its streams and descriptors set, just before the
+// program takes its place: it makes only calls that are safe there, and returns whether the program
+// may be run.
+[[nodiscard]] pid_t sys_spawn_prepared(const char* file, char* const argv[], const int stdio[3],
+                                       bool (*prepare)());
+
 // Clocks and waiting. sys_select_one waits for one descriptor, without limit when `limit` is null,
 // and returns 1 when it is ready, 0 when the time ran out.
 [[nodiscard]] int sys_clock_gettime(clockid_t clock, timespec* now);

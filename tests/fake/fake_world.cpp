@@ -344,6 +344,12 @@ pid_t sys_spawn(const char* file, char* const argv[], const int stdio[3])
     return state.next_pid++;
 }
 
+// The preparing is the child's, and there is none here.
+pid_t sys_spawn_prepared(const char* file, char* const argv[], const int stdio[3], bool (*)())
+{
+    return sys_spawn(file, argv, stdio);
+}
+
 // ---- clocks and waiting ----
 
 int sys_clock_gettime(clockid_t clock, timespec* now)

@@ -15,6 +15,9 @@ from machine import (ANNA, APT_INSTALL, DEVICE_FILE, INCLUDED, INSTALL_GUIDE, NO
                      SETTINGS_COPY, SHARE_FILE, SHARE_SERVICE_PID, Machine, Stick)
 
 
+NOT_MOUNTED = "/run/vyhotplugd/not-mounted"
+
+
 class UnitLines(Machine):
     """The command lines of the unit files do what they should, whoever runs them."""
 
@@ -125,8 +128,9 @@ class Systemd(Machine):
             self.run_ok("systemctl", "is-enabled", unit)
 
     def test_they_see_the_mounts_of_everybody(self):
-        for name in ("vyhotplugd", "vyhotplug-agent", "vynas-samba"):
+        for name in ("vyhotplugd", "vynas-samba"):
             self.assertEqual(os.readlink(f"/proc/{self.pids_of(name)[0]}/ns/mnt"), os.readlink("/proc/1/ns/mnt"))
+        self.assertIn("master:", self.read(f"/proc/{self.pids_of('vyhotplug-agent')[0]}/mountinfo"))
 
     def test_they_may_do_little_else(self):
         for unit in ("vyhotplug-agent.service", "vyhotplugd-settings.service", "vynas-samba.service"):
@@ -153,6 +157,22 @@ class Systemd(Machine):
                            p2=("ntfs", "Films", {"b.txt": "two\n"}))
         self.plug(self.stick)
         self.wait_for_shares("Drive(A1)", "Films(A2)", who=ANNA)
+        mounts = self.read(f"/proc/{self.pids_of('vyhotplug-agent')[0]}/mountinfo")
+        for partition in self.stick.partitions:
+            self.assertIn(f" {partition.directory} ", mounts, "the agent sees it too")
+
+    def test_why_a_disk_is_not_mounted_is_found_out_with_few_rights(self):
+        stick = Stick(self, "c", "SWAP", p1=("ext4", None, {}))
+        node = "/dev/" + stick.partitions[0].name
+        vyworld.run("mkswap", stick.partitions[0].loop.path)
+        os.mknod(node, 0o60600, stick.partitions[0].loop.device)
+        self.addCleanup(os.unlink, node)
+        self.plug(stick)
+        self.wait_until("the agent tells", lambda: os.path.exists(NOT_MOUNTED) and "swap" in self.read(NOT_MOUNTED))
+        self.tell(self.read(NOT_MOUNTED))
+        stick.take_out()
+        os.kill(self.pids_of("vyhotplug-agent")[0], signal.SIGHUP)
+        self.wait_until("it forgets", lambda: not os.path.exists(NOT_MOUNTED) or "swap" not in self.read(NOT_MOUNTED))
 
     def test_the_guides_commands_name_a_share_and_open_it(self):
         """What docs/install.md tells the newcomer to type."""

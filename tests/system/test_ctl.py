@@ -701,10 +701,12 @@ class Check(CtlTest):
         self.assertEqual([(item["name"], item["identity"], item["state"], item["size_bytes"])
                           for item in self.ask("status", status=NO_SERVICE)["items"]],
                          [("sdc1", "1234:00ab:S:1", "waiting", 1048576)])
-        write(RUN + "/not-mounted", "sdc1 encrypted (LUKS): unlock it yourself\nsdx1 other\n")
+        write(RUN + "/not-mounted",
+              "sdx1\t8:1\tsilent\t-\tsdx1 does not answer\t-\n"
+              "sdc1\t8:33\trefused\texfat\tsdc1 holds exfat, but the kernel refused it\tfsck.exfat /dev/sdc1\n")
         write(vyworld.SHARE_FILE, "".join(f"[{name}]\nIdentifier={identity}\nPath={vyworld.MOUNT_DIR}/{part}\n"
                                           for name, identity, part in (("One", "1:2:a:1", "sda1"), ("ONE", "1:2:b:1", "sdb1"))))
         told = self.problems()
-        self.assertEqual(told["not_mounted"], "sdc1 is not mounted: encrypted (LUKS): unlock it yourself")
+        self.assertEqual(told["not_mounted"], "sdc1 is not mounted: holds exfat, but the kernel refused it; type: fsck.exfat /dev/sdc1")
         self.assertEqual(told["name_twice"], "sda1 and sdb1 are both called ONE: only one is shared")
-        self.assertIn("not mounted: encrypted (LUKS): unlock it yourself", self.ctl("status").out)
+        self.assertIn("not mounted: holds exfat, but the kernel refused it; type: fsck.exfat /dev/sdc1", self.ctl("status").out)
