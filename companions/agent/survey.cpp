@@ -119,8 +119,9 @@ static const BlockDevice* find_outer(const BlockList& list, const BlockDevice& p
 static void drop_parts_of_images(const AgentSettings& settings, BlockList* list)
 {
     for (BlockDevice& device : *list) {
+        const bool is_part = device.name.partition > 0 && device.sectors > 0;
         const BlockDevice* outer =
-            device.verdict == 0 && device.name.partition > 0 ? find_outer(*list, device) : nullptr;
+            device.verdict == 0 && is_part ? find_outer(*list, device) : nullptr;
         if (outer == nullptr)
             continue;
         const ServiceConfig config(service_config_load(settings.config));
