@@ -169,7 +169,7 @@ BRIEF = [
     below("size.x86_64", 72000, "the stripped executable is smaller than 72,000 bytes"),
     at_most("allocations.options.message.vyhotplugd", 60, "an option map takes 60 allocations at most"),
     at_most("allocations.message.message.vyhotplugd", 64, "a message takes 64 allocations at most"),
-    at_most("allocations.ini_one.small.vyhotplugd", 4, "a lookup takes 4 allocations at most"),
+    at_most("allocations.ini_one.small.vyhotplugd", 6, "a lookup takes 6 allocations at most"),
     at_most("refresh.opens", 5, "a refresh opens 5 files at most"),
     below("refresh.growth.0", 11, "10 times the sections are less than 11 times the instructions"),
     below("refresh.growth.200", 11, "the same with 200 mounts"),

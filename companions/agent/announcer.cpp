@@ -213,6 +213,15 @@ static void walk(Announcer* announcer, uint64_t now)
     announcer->walk = {};
 }
 
+void announcer_repeat(Announcer* announcer, int32_t major, int32_t minor)
+{
+    Device* device = device_find(announcer->devices, major, minor);
+    if (device == nullptr || !is_announced(*device))
+        return;
+    take_step(device, DEVICE_WENT);
+    announcer_ask_for_walk(announcer);
+}
+
 // ---- messages ----
 
 static Device* next_remove(Announcer* announcer)

@@ -55,6 +55,9 @@ void announcer_delivered(Announcer* announcer, uint64_t now);
 // The daemon has gone, and all it knew. Which media were changed is none of it. A walk is due.
 void announcer_forget(Announcer* announcer);
 
+// Has a device that is announced taken back and announced again.
+void announcer_repeat(Announcer* announcer, int32_t major, int32_t minor);
+
 // Has the kernel look whether a drive's medium is another one. Whether it can be asked is of no
 // interest.
 void announcer_touch_medium(const BlockName& disk);

@@ -190,12 +190,21 @@ static bool read_numbers(const char* directory, BlockDevice* device)
            str_to_long(colon + 1, &device->minor, 10) == 0;
 }
 
+static uint64_t read_sectors(const char* directory, const char* file, BlockDevice* device)
+{
+    char text[number_size];
+    read_text(directory, file, text, sizeof text, device);
+    return strtoull(text, nullptr, 10); // 0 for what is no number
+}
+
 // Reads what is the device's own, and puts it into the list if it is there. Returns 0; -ENOMEM.
 static int read_own(const char* directory, const char* sequence, BlockDevice* device,
                     BlockList* list)
 {
     read_text(directory, "ro", device->readonly, sizeof device->readonly, device);
     read_holder(directory, device);
+    device->start = device->name.partition > 0 ? read_sectors(directory, "start", device) : 0;
+    device->sectors = read_sectors(directory, "size", device);
     struct stat status;
     const uint64_t inode = stat(directory, &status) == 0 ? status.st_ino : 0;
     // Last, as the kernel takes "dev" away before it sends the remove event: with its numbers still

@@ -44,6 +44,8 @@ struct BlockDevice {
     char pname[agent_text_size];
     char holder[block_name_size]; // another device that holds it (LVM, RAID, encryption)
     bool empty;                   // a whole disk of size 0: a drive without a medium
+    uint64_t start;               // where the partition begins on its disk, and its size, in
+    uint64_t sectors;             // sectors of 512 bytes; 0 where sysfs does not say
     uint64_t identity; // another one when the device, or its medium, has been another meanwhile
     uint64_t
         seen;    // how many events the kernel had sent before it was read; 0 where it does not say

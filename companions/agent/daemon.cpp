@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
+#include <unistd.h>
 
 static constexpr char log_tag[] = "courier";
 static constexpr char socket_name[] = "vyhotplugd";
@@ -105,9 +106,10 @@ static CourierEvent fail(Courier* courier, int error, uint64_t now)
 
 void courier_send(Courier* courier, const char* message, uint64_t now)
 {
-    courier->retry = {};
-    if (message == nullptr)
+    if (message == nullptr) {
+        courier->retry = {};
         return courier_hang_up(courier);
+    }
     const size_t size = strlen(message) + 1;
     const ssize_t sent =
         send(courier->connection.get(), message, size, MSG_NOSIGNAL | MSG_DONTWAIT);
@@ -132,10 +134,28 @@ static CourierEvent look_for_end(Courier* courier, uint64_t now)
     if (count < 0)
         VY_LOG(LOG_WARNING, "the daemon is slow; the message lies in its queue");
     courier_hang_up(courier);
+    courier->retry = {};
     return COURIER_DELIVERED;
 }
 
-// Connects. Returns 0; a negated errno.
+// Whether the listener may be the daemon: anybody can take its name while it is away. One that may
+// not is told of once, until the daemon is back.
+static bool is_believed(Courier* courier, const ucred& peer)
+{
+    if (peer.uid == 0 || peer.uid == geteuid()) {
+        courier->stranger_told = false;
+        return true;
+    }
+    if (courier->stranger_told)
+        return false;
+    VY_LOG(LOG_WARNING, "process %ld of user %lu listens in the daemon's place and is not believed",
+           static_cast<long>(peer.pid), static_cast<unsigned long>(peer.uid));
+    courier->stranger_told = true;
+    return false;
+}
+
+// Connects. Returns 0; -EACCES for a listener that is not believed, which is told; another negated
+// errno.
 static int meet(Courier* courier, DaemonIdentity* daemon)
 {
     sockaddr_un address = {}; // an abstract name, padded with zero bytes to the end
@@ -148,7 +168,7 @@ static int meet(Courier* courier, DaemonIdentity* daemon)
     if (fd < 0 || connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
         getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0)
         return -errno;
-    return identify(peer.pid, daemon);
+    return is_believed(courier, peer) ? identify(peer.pid, daemon) : -EACCES;
 }
 
 CourierEvent courier_advance(Courier* courier, bool wanted, uint64_t now, DaemonIdentity* daemon)
@@ -164,7 +184,8 @@ CourierEvent courier_advance(Courier* courier, bool wanted, uint64_t now, Daemon
     retry_later(&courier->retry, now);
     if (result == -ECONNREFUSED || result == -ENOENT)
         return COURIER_MISSED;
-    VY_LOG(LOG_INFO, "connection put off (%s)", strerror(-result));
+    if (result != -EACCES)
+        VY_LOG(LOG_INFO, "connection put off (%s)", strerror(-result));
     return COURIER_WAITS;
 }
 

@@ -5,7 +5,8 @@
 // it advance, which returns what has happened. A message is delivered when the daemon has closed
 // the connection, or when it has not done so in agent_close_wait: then it is busy, and the message
 // lies in its queue. A connection that is reset has delivered nothing, and the message is to be
-// sent again. While there is no daemon, or too many wait for it, it is tried again later
+// sent again, later and later. So it is where a listener is neither root's nor the own user's:
+// nothing is sent to it. While there is no daemon, or too many wait for it, it is tried again later
 // (limits.h).
 #pragma once
 
@@ -50,9 +51,10 @@ enum CourierEvent : uint8_t {
 
 // Its fields are its own.
 struct Courier {
-    FdGuard connection;    // over which a message has been sent,
-    uint64_t deadline = 0; // which counts as delivered then
-    Retry retry = {};      // of connections
+    FdGuard connection;         // over which a message has been sent,
+    uint64_t deadline = 0;      // which counts as delivered then
+    Retry retry = {};           // of connections
+    bool stranger_told = false; // that somebody else listens
 };
 
 // Does the next thing that can be done at the time `now`. `wanted`: a connection is to be made.

@@ -1,5 +1,7 @@
 #include "agent/modes.h"
 
+#include "agent/by_share.h"
+#include "agent/lookout.h"
 #include "agent/netlink.h"
 #include "agent/state_file.h"
 #include "common/clock.h"
@@ -19,6 +21,8 @@ struct Monitor {
     const AgentSettings* settings = nullptr;
     Announcer announcer;
     Courier courier;
+    Lookout lookout;
+    ByShare by_share;
     DaemonIdentity daemon = {}; // all zero: none known
     FdGuard watch;              // its pidfd
     FdGuard signals;
@@ -89,6 +93,7 @@ static void adopt_daemon(Monitor* monitor, const DaemonIdentity& daemon)
     VY_LOG(LOG_NOTICE, "daemon %ld %s", static_cast<long>(daemon.pid),
            known ? "knows what it was told before" : "is new");
     save_state(monitor);
+    by_share_watch(&monitor->by_share, monitor->settings);
 }
 
 // ---- delivery ----
@@ -119,6 +124,8 @@ static void work(Monitor* monitor)
     CourierEvent event;
     do {
         announcer_advance(&monitor->announcer, monitor->daemon.pid != 0, now);
+        lookout_advance(&monitor->lookout, &monitor->announcer, now);
+        by_share_advance(&monitor->by_share);
         event = courier_advance(&monitor->courier, has_business(monitor), now, &daemon);
         if (event == COURIER_MISSED) {
             lose_daemon(monitor);
@@ -184,6 +191,7 @@ static int next_wait(Monitor* monitor)
     const uint64_t now = clock_now();
     const uint64_t dues[] = {courier_due(&monitor->courier, has_business(monitor)),
                              announcer_due(&monitor->announcer, monitor->daemon.pid != 0),
+                             lookout_due(&monitor->lookout, now),
                              is_unwatched(monitor) ? now + agent_daemon_look : agent_never};
     uint64_t next = agent_never;
     for (const uint64_t due : dues)
@@ -201,6 +209,9 @@ static void wait_for_news(Monitor* monitor)
         {.fd = monitor->watch.get(), .events = POLLIN, .revents = 0}, // negative is passed over
         {.fd = monitor->netlink.get(), .events = POLLIN, .revents = 0},
         {.fd = courier_descriptor(&monitor->courier), .events = POLLIN, .revents = 0},
+        {.fd = lookout_tool_descriptor(&monitor->lookout), .events = POLLIN, .revents = 0},
+        {.fd = lookout_mounts_descriptor(&monitor->lookout), .events = POLLPRI, .revents = 0},
+        {.fd = by_share_descriptor(&monitor->by_share), .events = POLLIN, .revents = 0},
     };
     if (poll(fds, sizeof fds / sizeof fds[0], next_wait(monitor)) <= 0)
         return;
@@ -210,6 +221,12 @@ static void wait_for_news(Monitor* monitor)
         lose_daemon(monitor);
     if (fds[2].revents != 0)
         take_events(monitor);
+    if (fds[5].revents != 0) {
+        lookout_mounts_changed(&monitor->lookout);
+        by_share_mounts_changed(&monitor->by_share);
+    }
+    if (fds[6].revents != 0)
+        by_share_take_changes(&monitor->by_share);
 }
 
 // Returns owned: a descriptor to read signals from, which are blocked then for good; -1, and they
@@ -239,11 +256,15 @@ int monitor_run(const AgentSettings& settings)
         VY_LOG(LOG_ERR, "no listening to the kernel's events: %s", strerror(-netlink));
         return 1;
     }
+    lookout_open(&monitor.lookout, &settings);
+    by_share_watch(&monitor.by_share, &settings);
     work(&monitor);
     while (!monitor.ends || courier_descriptor(&monitor.courier) >= 0) {
         wait_for_news(&monitor);
         work(&monitor);
     }
+    lookout_close(&monitor.lookout);
+    by_share_close(&monitor.by_share);
     VY_LOG(LOG_NOTICE, "ends");
     return 0;
 }

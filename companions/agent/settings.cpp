@@ -17,7 +17,10 @@ static constexpr option long_options[] = {
     {"help", no_argument, nullptr, AGENT_HELP},
     {"version", no_argument, nullptr, AGENT_VERSION},
     {"all", no_argument, nullptr, 'a'},
+    {"by-share", no_argument, nullptr, 'b'},
+    {"config", required_argument, nullptr, 'c'},
     {"mounts", required_argument, nullptr, 'm'},
+    {"not-mounted", required_argument, nullptr, 'n'},
     {"proc", required_argument, nullptr, 'p'},
     {"state", required_argument, nullptr, 't'},
     {"sysfs", required_argument, nullptr, 's'},
@@ -27,27 +30,34 @@ static constexpr option long_options[] = {
 
 void settings_print_help()
 {
-    printf("usage: %s MODE [OPTION]...\n"
-           "\n"
-           "Tells vyhotplugd of USB disks and MMC/SD cards that come and go.\n"
-           "\n"
-           "modes:\n"
-           "  --monitor        tell of what is plugged, then of every change; stays in the\n"
-           "                   foreground\n"
-           "  --once           tell of the event in the environment (ACTION, DEVPATH, ...)\n"
-           "  --scan           tell of everything that is plugged\n"
-           "  --list           print what would be told\n"
-           "  --help           print this\n"
-           "  --version        print the version\n"
-           "\n"
-           "options:\n"
-           "  --all            tell of disks that the machine itself uses, too\n"
-           "  --mounts DIR     where the service mounts (default /media/vyhotplug)\n"
-           "  --state FILE     where it is kept what the service was told, \"\" for nowhere\n"
-           "                   (default /run/vyhotplug-agent.state)\n"
-           "  --sysfs DIR      where sysfs is mounted (default /sys)\n"
-           "  --wait SECONDS   how long --once and --scan wait for the service (default %d)\n",
-           program, agent_wait_default);
+    printf(
+        "usage: %s MODE [OPTION]...\n"
+        "\n"
+        "Tells vyhotplugd of USB disks and MMC/SD cards that come and go.\n"
+        "\n"
+        "modes:\n"
+        "  --monitor        tell of what is plugged, then of every change; stays in the\n"
+        "                   foreground\n"
+        "  --once           tell of the event in the environment (ACTION, DEVPATH, ...)\n"
+        "  --scan           tell of everything that is plugged\n"
+        "  --list           print what would be told\n"
+        "  --help           print this\n"
+        "  --version        print the version\n"
+        "\n"
+        "options:\n"
+        "  --all            tell of disks that the machine itself uses, too\n"
+        "  --by-share       keep links by-share/NAME in the mount directory, one for each share\n"
+        "  --config FILE    the service's configuration\n"
+        "                   (default /etc/vyhotplugd/vyhotplugd.conf)\n"
+        "  --mounts DIR     where the service mounts (default /media/vyhotplug)\n"
+        "  --not-mounted FILE\n"
+        "                   where it is kept what is not mounted and why, \"\" for nowhere\n"
+        "                   (default /run/vyhotplugd/not-mounted)\n"
+        "  --state FILE     where it is kept what the service was told, \"\" for nowhere\n"
+        "                   (default /run/vyhotplug-agent.state)\n"
+        "  --sysfs DIR      where sysfs is mounted (default /sys)\n"
+        "  --wait SECONDS   how long --once and --scan wait for the service (default %d)\n",
+        program, agent_wait_default);
 }
 
 static int complain(const char* what, const char* about)
@@ -72,10 +82,18 @@ static int take_option(AgentSettings* settings, int code)
     case 'a':
         settings->all = true;
         return 0;
+    case 'b':
+        settings->by_share = true;
+        return 0;
+    case 'c':
+        return set_directory(&settings->config);
     case 'm':
         if (optarg[strspn(optarg, "/")] == '\0') // everything lies below "/"
             return complain("no directory of the service's: ", optarg);
         return set_directory(&settings->mounts);
+    case 'n':
+        settings->not_mounted = "";
+        return optarg[0] != '\0' ? set_directory(&settings->not_mounted) : 0;
     case 'p':
         return set_directory(&settings->proc);
     case 's':

@@ -23,7 +23,11 @@ struct AgentSettings {
     const char* sysfs = "/sys";
     const char* proc = "/proc";              // where the tables of mounts and swaps are read
     const char* mounts = "/media/vyhotplug"; // the service's mount directory
-    const char* state = "/run/vyhotplug-agent.state"; // "": none
+    const char* state = "/run/vyhotplug-agent.state";       // "": none
+    const char* config = "/etc/vyhotplugd/vyhotplugd.conf"; // the service's
+    bool by_share = false; // links of shares' names are kept in the mount directory
+    const char* not_mounted =
+        "/run/vyhotplugd/not-mounted"; // what is not mounted, and why; "": nowhere
 };
 
 // Returns 0; -1 when the command line is wrong, the reason told on standard error.

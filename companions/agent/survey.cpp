@@ -1,7 +1,9 @@
 #include "agent/survey.h"
 
+#include "agent/service_config.h"
 #include "common/mountinfo.h"
 #include "common/text.h"
+#include "config/filesystems.h"
 #include "lib/file.h"
 #include "lib/str.h"
 
@@ -100,6 +102,36 @@ static void judge_part(const Case& about, BlockDevice* device, const BlockDevice
     device->verdict = reason[0] != '\0' ? 1 : 0;
 }
 
+// Whether the partition lies within another one of its disk.
+static const BlockDevice* find_outer(const BlockList& list, const BlockDevice& part)
+{
+    for (const BlockDevice& other : list) {
+        if (other.name.partition > 0 && other.sectors > part.sectors && other.start <= part.start &&
+            part.start + part.sectors <= other.start + other.sectors &&
+            block_name_same_disk(other.name, part.name))
+            return &other;
+    }
+    return nullptr;
+}
+
+// An image of a CD on a disk has a partition that is the image, and one more for what the machine
+// that boots from it looks for, which is a file of the image's.
+static void drop_parts_of_images(const AgentSettings& settings, BlockList* list)
+{
+    for (BlockDevice& device : *list) {
+        const bool is_part = device.name.partition > 0 && device.sectors > 0;
+        const BlockDevice* outer =
+            device.verdict == 0 && is_part ? find_outer(*list, device) : nullptr;
+        if (outer == nullptr)
+            continue;
+        const ServiceConfig config(service_config_load(settings.config));
+        if (!config || !filesystem_is_wanted(*filesystem_of(CONF_DEV_FS_ISO9660), config.get()))
+            return; // then the image is not mounted, and its file may be
+        device.verdict = 1;
+        (void)snprintf(device.reason, sizeof device.reason, "lies within %s", outer->name.text);
+    }
+}
+
 int survey_take(const AgentSettings& settings, const Device* told, bool leaving, BlockList* list)
 {
     const int result = block_list_read(settings.sysfs, list);
@@ -127,5 +159,6 @@ int survey_take(const AgentSettings& settings, const Device* told, bool leaving,
                 judge_part(about, &device, part);
         }
     }
+    drop_parts_of_images(settings, list);
     return result;
 }

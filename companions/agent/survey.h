@@ -19,6 +19,9 @@
 //   - is used as swap; or
 //   - is held by another device (LVM, RAID, encryption).
 //
+// Where the service mounts CD images, a partition within another one is not announced either: that
+// is how an image looks that was written to a disk, and it is to be mounted once.
+//
 // Returns as block_list_read.
 [[nodiscard]] int survey_take(const AgentSettings& settings, const Device* told, bool leaving,
                               BlockList* list);

@@ -61,6 +61,18 @@ static void decode(const char* text, size_t length, char* to)
     *to = '\0';
 }
 
+bool label_take_type(char* printed, const char* type)
+{
+    const size_t length = strlen(printed);
+    char* line = printed + (length > 0 && printed[length - 1] == '\n' ? length - 1 : length);
+    *line = '\0';
+    while (line > printed && line[-1] != '\n')
+        line--;
+    const bool same = strcmp(line, type) == 0;
+    *line = '\0';
+    return same;
+}
+
 void label_from_printed(const char* printed, bool code_page, char (&label)[label_size])
 {
     size_t length = strnlen(printed, label_printed_size - 1);

@@ -1,23 +1,16 @@
 #include "label/label_tool.h"
 
-#include "lib/guard.h"
+#include "common/tool.h"
 #include "lib/platform.h"
-#include "lib/process.h"
-#include "lib/sys.h"
 #include "lib/version.h"
-#include "lib/vytime.h"
 
-#include <errno.h>
-#include <signal.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/wait.h>
 
 // blkid takes 0.06 s on a 400 MHz processor (docs/target.md), but a sleeping disk has to spin up.
 // Less than the 20 s after which the service gives up.
-static constexpr int64_t limit_ms = 15000;
-static constexpr uint32_t look_ms = 5; // between two looks whether blkid has ended
+static constexpr uint32_t limit_ms = 15000;
 static constexpr int blkid_found_nothing = 2;
 
 static constexpr LabelTool tools[] = {
@@ -38,6 +31,15 @@ static constexpr LabelTool tools[] = {
      .node = 1,
      .words = {nullptr, "-n", nullptr, nullptr},
      .argc = 3,
+     .code_page = false},
+    {.name = "vylabel",
+     .filesystem = nullptr,
+     .usage = "usage: vylabel NODE | --version\n"
+              "Prints the volume label of whatever filesystem there is. It never writes, and knows "
+              "nothing else.\n",
+     .node = 1,
+     .words = {nullptr, nullptr, nullptr, nullptr},
+     .argc = 2,
      .code_page = false},
 };
 
@@ -69,114 +71,57 @@ const char* label_tool_node(const LabelTool* tool, int argc, char* const argv[])
 
 // ---- blkid ----
 
-// Milliseconds of the monotonic clock.
-static int64_t now_ms()
-{
-    vytime now = {};
-    if (vytime_get(&now, CLOCK_MONOTONIC) != 0)
-        return INT64_MAX; // counts as run out: nothing may hang without a clock
-    return static_cast<int64_t>(vydiv64_32(vytime_count(now), 1000, nullptr));
-}
-
-// Waits until there is something to read. Returns as sys_select_one; 0 at the deadline.
-static int wait_readable(int fd, int64_t deadline)
-{
-    for (;;) {
-        const int64_t left = deadline - now_ms();
-        if (left <= 0)
-            return 0;
-        timeval limit = {.tv_sec = static_cast<time_t>(left / 1000),
-                         .tv_usec = static_cast<suseconds_t>(left % 1000 * 1000)};
-        const int ready = sys_select_one(fd, SYS_READABLE, &limit);
-        if (ready != -EINTR)
-            return ready;
-    }
-}
-
-static LabelOutcome take_output(int fd, int64_t deadline, char (&printed)[label_printed_size])
-{
-    size_t used = 0;
-    for (;;) {
-        const int ready = wait_readable(fd, deadline);
-        if (ready < 0)
-            return LabelOutcome::failed;
-        if (ready == 0)
-            return LabelOutcome::timed_out;
-        // As large as all the room: one byte too many is noticed.
-        char part[label_printed_size];
-        const ssize_t count = read(fd, part, sizeof part);
-        if (count < 0)
-            return LabelOutcome::failed;
-        if (count == 0)
-            break;
-        if (used + static_cast<size_t>(count) >= sizeof printed)
-            return LabelOutcome::too_long;
-        memcpy(printed + used, part, static_cast<size_t>(count));
-        used += static_cast<size_t>(count);
-    }
-    printed[used] = '\0';
-    return LabelOutcome::read;
-}
-
-static LabelOutcome outcome_of(int wait_status)
-{
-    if (!WIFEXITED(wait_status))
-        return LabelOutcome::failed;
-    switch (WEXITSTATUS(wait_status)) {
-    case 0:
-        return LabelOutcome::read;
-    case 1: // of a child that could not be executed; blkid never ends with 1
-        return LabelOutcome::not_started;
-    case blkid_found_nothing:
-        return LabelOutcome::no_volume;
-    default:
-        return LabelOutcome::failed;
-    }
-}
-
-static LabelOutcome wait_for_end(pid_t pid, int64_t deadline)
-{
-    for (;;) {
-        int status = 0;
-        const pid_t ended = sys_waitpid(pid, &status, WNOHANG);
-        if (ended < 0)
-            return LabelOutcome::failed;
-        if (ended > 0)
-            return outcome_of(status);
-        if (now_ms() >= deadline)
-            return LabelOutcome::timed_out;
-        (void)vytime_msleep(look_ms);
-    }
-}
-
 // execvp takes strings of a writable type, but never writes to them.
 static char* text(const char* constant)
 {
     return const_cast<char*>(constant);
 }
 
+static LabelOutcome outcome_of(const Tool& blkid)
+{
+    switch (blkid.state) {
+    case ToolState::not_started:
+        return LabelOutcome::not_started;
+    case ToolState::too_long:
+        return LabelOutcome::too_long;
+    case ToolState::timed_out:
+        return LabelOutcome::timed_out;
+    case ToolState::ended:
+        break;
+    case ToolState::none:
+    case ToolState::running:
+    case ToolState::crashed:
+        return LabelOutcome::failed;
+    }
+    if (blkid.status == blkid_found_nothing)
+        return LabelOutcome::no_volume;
+    return blkid.status == 0 ? LabelOutcome::read : LabelOutcome::failed;
+}
+
 LabelOutcome label_tool_read(const LabelTool* tool, const char* node,
                              char (&printed)[label_printed_size])
 {
-    // Low-level probing without the cache (-p), without the disk's partition table (-D), for this
-    // filesystem alone (-n), so that a medium that looks like several has a label, too; the label
-    // alone (-s, -o), its bytes unchanged (-d).
-    char* const argv[] = {text("blkid"),          text("-p"), text("-D"),    text("-n"),
-                          text(tool->filesystem), text("-s"), text("LABEL"), text("-o"),
-                          text("value"),          text("-d"), text(node),    nullptr};
-    const int64_t now = now_ms();
-    const int64_t deadline = now < INT64_MAX ? now + limit_ms : now;
-    int out_fd = -1;
-    const pid_t pid = vy_fork_exec(argv[0], argv, nullptr, &out_fd, nullptr);
-    if (pid < 0)
-        return LabelOutcome::not_started;
-    const FdGuard out(out_fd);
-    const LabelOutcome taken = take_output(out.get(), deadline, printed);
-    const LabelOutcome outcome = taken == LabelOutcome::read ? wait_for_end(pid, deadline) : taken;
-    // Not waited for: a blkid that is stuck in the kernel would hold up the caller.
-    if (taken != LabelOutcome::read || outcome == LabelOutcome::timed_out)
-        (void)sys_kill(pid, SIGKILL);
-    return outcome;
+    // Low-level probing without the cache (-p), without the disk's partition table (-D); what is
+    // asked for alone (-s, -o), its bytes unchanged (-d).
+    // For one filesystem alone (-n), so that a medium that looks like several has a label, too;
+    // without one its type is asked for, which blkid prints behind the label.
+    const bool any = tool->filesystem == nullptr;
+    char* const argv[] = {text("blkid"),
+                          text("-p"),
+                          text("-D"),
+                          text(any ? "-s" : "-n"),
+                          text(any ? "TYPE" : tool->filesystem),
+                          text("-s"),
+                          text("LABEL"),
+                          text("-o"),
+                          text("value"),
+                          text("-d"),
+                          text(node),
+                          nullptr};
+    Tool blkid;
+    tool_start(&blkid, argv, printed, sizeof printed, tool_now(), limit_ms);
+    tool_wait(&blkid);
+    return outcome_of(blkid);
 }
 
 // ---- the program ----
@@ -203,7 +148,7 @@ int label_main(int argc, char* argv[])
 {
     const LabelTool* tool = argc > 0 ? label_tool_find(argv[0]) : nullptr;
     if (tool == nullptr) {
-        fputs("to be started as mlabel or ntfsvlabel\n", stderr);
+        fputs("to be started as mlabel, ntfsvlabel or vylabel\n", stderr);
         return 2;
     }
     if (argc == 2 && strcmp(argv[1], "--version") == 0) {
@@ -222,6 +167,7 @@ int label_main(int argc, char* argv[])
         return 1;
     }
     char label[label_size];
-    label_from_printed(printed, tool->code_page, label);
+    const bool of_fat = tool->filesystem == nullptr && label_take_type(printed, "vfat");
+    label_from_printed(printed, tool->code_page || of_fat, label);
     return printf("%s\n", label) >= 0 && stream_flush(stdout) == 0 ? 0 : 1;
 }

@@ -1,13 +1,14 @@
-// The label tools: one program with two names, mlabel for FAT and ntfsvlabel for NTFS. They take
-// the one command line that the service uses and print the volume's label. They run util-linux's
-// blkid and never open the device themselves.
+// The label tools: one program with three names, mlabel for FAT, ntfsvlabel for NTFS and vylabel
+// for any filesystem. They take the one command line that the service uses and print the volume's
+// label. They run util-linux's blkid, confined (common/confine.h), and never open the device
+// themselves.
 #pragma once
 
 #include "label/label_text.h"
 
 struct LabelTool {
     const char* name;
-    const char* filesystem; // as blkid calls it
+    const char* filesystem; // as blkid calls it; null for any
     const char* usage;
     int node;             // index of the node in argv
     const char* words[4]; // argv from 1 on; null for the node and at the end

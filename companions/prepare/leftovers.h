@@ -10,8 +10,20 @@
 // have other names. Paths are those of the kernel's table.
 [[nodiscard]] bool leftovers_is_ours(const char* directory, const char* mountpath);
 
-// Unmounts all of them, the last mounted first, and removes their directories and device nodes.
-// Before that it empties the share file and signals the file-sharing service, which has 400 ms to
-// let go. What is still in use is detached, which is told. Does nothing where nothing is mounted.
-// Returns 0; -1, told, when something stays mounted.
-[[nodiscard]] int leftovers_take_off(const ConfHotplug* config, const Mountinfo* table);
+// Whether it is the directory of a partition itself, directly below the mount directory.
+[[nodiscard]] bool leftovers_is_partition(const char* directory, const char* mountpath);
+
+// Tells whether the mount that is to be seen at a partition's directory stays. Null: it does; else
+// the reason why not.
+using LeftoverJudge = const char* (*)(void* context, const MountinfoEntry& mount);
+
+// Unmounts them, the last mounted first, and removes their directories and device nodes. Before
+// that it withdraws their shares and signals the file-sharing service, which has 400 ms to let go.
+// What is still in use is detached, which is told. Does nothing where nothing is mounted.
+//
+// `judge` is asked for each partition, and what it refuses is told; with what stays stays what is
+// mounted below it. Null: nothing stays, and the share file is emptied.
+//
+// Returns 0; -1, told, when something stays mounted that should not.
+[[nodiscard]] int leftovers_take_off(const ConfHotplug* config, const Mountinfo* table,
+                                     LeftoverJudge judge, void* context);

@@ -5,7 +5,10 @@
 #include "lib/guard.h"
 #include "lib/str.h"
 #include "lib/version.h"
+#include "prepare/adoption.h"
 #include "prepare/leftovers.h"
+#include "prepare/lock.h"
+#include "prepare/mistakes.h"
 #include "prepare/places.h"
 #include "prepare/settings.h"
 #include "prepare/tell.h"
@@ -14,13 +17,11 @@
 #include <fcntl.h>
 #include <getopt.h>
 #include <string.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 static constexpr char program_name[] = "vyhotplug-prepare";
 static constexpr char default_config[] = "/etc/vyhotplugd/vyhotplugd.conf";
-static constexpr char pid_file[] = "/var/run/vyhotplugd.pid";
 static constexpr size_t service_path_size = 128; // bytes that the service has for this path
 
 // The service makes its files in /tmp and renames them, so they must be on that filesystem.
@@ -60,30 +61,15 @@ static ConfHotplug* load_config(const char* path)
         tell(LOG_ERR, "%s cannot be read: %s", path, strerror(errno));
         return nullptr;
     }
+    // What the loader says of the file is told with its line, see mistakes.h.
+    const int mask = setlogmask(LOG_UPTO(LOG_EMERG));
     ConfHotplugGuard config(load_config_hotplug(path));
+    (void)setlogmask(mask);
     if (!config || !is_complete(config.get())) {
         tell(LOG_ERR, "no memory for the configuration");
         return nullptr;
     }
     return config.take();
-}
-
-// ---- the lock ----
-
-// Takes the service's lock, so that neither the service nor another run of this program can start
-// meanwhile. Returns -1, told, when it is held. Nobody holds it where there is no file.
-static int take_lock(FdGuard* lock)
-{
-    lock->reset(open(pid_file, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    if (lock->get() < 0 && errno == ENOENT)
-        return 0;
-    if (lock->get() >= 0 && flock(lock->get(), LOCK_EX | LOCK_NB) == 0)
-        return 0;
-    if (lock->get() >= 0 && errno == EWOULDBLOCK)
-        tell(LOG_ERR, "vyhotplugd is running, %s is locked", pid_file);
-    else
-        tell(LOG_ERR, "%s cannot be locked: %s", pid_file, strerror(errno));
-    return -1;
 }
 
 // ---- directories, links, files ----
@@ -186,14 +172,53 @@ static void check_filesystem(const char* directory, const char* file)
 
 // ---- the whole run ----
 
+namespace {
+
+struct Adoption {
+    const ConfHotplug* config;
+    AdoptionNotes notes;
+};
+
+} // namespace
+
+static const char* judge(void* context, const MountinfoEntry& mount)
+{
+    const auto* adoption = static_cast<const Adoption*>(context);
+    return adoption_refusal(adoption->config, adoption->notes, mount);
+}
+
+// Without its notes nothing stays.
+static void load_notes(AdoptionNotes* notes)
+{
+    const int result = adoption_load(notes);
+    if (result != 0)
+        tell(LOG_WARNING, "%s cannot be read: %s", adoption_notes_path, strerror(-result));
+}
+
 static void take_leftovers_off(const ConfHotplug* config)
 {
     MountinfoGuard table;
     const int result = mountinfo_load(mountinfo_path, table.out());
+    Adoption adoption;
+    adoption.config = config;
     if (result != 0)
-        tell(LOG_WARNING, "%s cannot be read: %s", mountinfo_path, strerror(-result));
-    else
-        (void)leftovers_take_off(config, table.get()); // told; other devices can still be mounted
+        return tell(LOG_WARNING, "%s cannot be read: %s", mountinfo_path, strerror(-result));
+    if (config->adopt != 0)
+        load_notes(&adoption.notes);
+    // A failure is told; other devices can still be mounted.
+    (void)leftovers_take_off(config, table.get(), config->adopt != 0 ? judge : nullptr, &adoption);
+}
+
+// Notes what is mounted for a next start, see adoption.h.
+static void note_mounts(const ConfHotplug* config)
+{
+    MountinfoGuard table;
+    int result = mountinfo_load(mountinfo_path, table.out());
+    if (result == 0)
+        result = adoption_note(config, table.get());
+    if (result != 0)
+        tell(LOG_WARNING, "what is mounted is not noted, a restart will unmount it: %s",
+             strerror(-result));
 }
 
 static void restore_settings(const char* device_file)
@@ -207,11 +232,13 @@ static void restore_settings(const char* device_file)
 int prepare_surroundings(const char* config_path)
 {
     FdGuard lock;
-    if (take_lock(&lock) != 0)
+    if (lock_take(&lock) != 0)
         return -1;
     const ConfHotplugGuard config(load_config(config_path));
     if (!config)
         return -1;
+    mistakes_tell_config(config_path);
+    mistakes_tell_kernel();
     if (check_directory_key("mountpath", config->mountpath) != 0 ||
         check_directory_key("devicepath", config->devicepath) != 0)
         return -1;
@@ -226,6 +253,7 @@ int prepare_surroundings(const char* config_path)
     check_filesystem(parents.devices, config->deviceconfigpath);
     take_leftovers_off(config.get());
     restore_settings(config->deviceconfigpath);
+    mistakes_tell_settings_file(config->deviceconfigpath);
     return result;
 }
 
@@ -234,7 +262,9 @@ int prepare_save(const char* config_path)
     const ConfHotplugGuard config(load_config(config_path));
     if (!config)
         return -1;
-    const int result = settings_save(config->deviceconfigpath);
+    if (config->adopt != 0)
+        note_mounts(config.get());
+    const int result = settings_save(config->deviceconfigpath, mistakes_tell_settings);
     if (result != 0)
         tell(LOG_ERR, "the settings in %s cannot be saved: %s", config->deviceconfigpath,
              strerror(-result));

@@ -1,11 +1,14 @@
 #include "prepare/settings.h"
 
 #include "lib/file.h"
+#include "lib/sys.h"
 #include "prepare/places.h"
+#include "prepare/settings_loss.h"
 #include "prepare/tell.h"
 
 #include <errno.h>
 #include <fcntl.h>
+#include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
 
@@ -26,16 +29,20 @@ static int replace_file(const char* path, const FileBytes& content, mode_t mode)
     return file_replace(path, content.bytes.get(), content.size, mode, FILE_DURABLE);
 }
 
-static bool has_settings(const char* device_file)
+// Returns 1 when the device file holds something, 0 when not; a negated errno where nobody can say.
+static int has_settings(const char* device_file)
 {
     struct stat status;
-    return stat(device_file, &status) == 0 && S_ISREG(status.st_mode) && status.st_size > 0;
+    if (stat(device_file, &status) != 0)
+        return errno == ENOENT ? 0 : -errno;
+    return S_ISREG(status.st_mode) && status.st_size > 0 ? 1 : 0;
 }
 
 int settings_restore(const char* device_file)
 {
-    if (has_settings(device_file))
-        return 0;
+    const int has = has_settings(device_file);
+    if (has != 0)
+        return has < 0 ? has : 0;
     FileBytes copy;
     const int result = read_file(settings_copy, &copy);
     if (result != 0)
@@ -57,18 +64,89 @@ static int make_copy(const FileBytes& settings)
     return result == 0 ? replace_file(settings_copy, settings, copy_mode) : result;
 }
 
-int settings_save(const char* device_file)
+// ---- generations ----
+
+namespace {
+
+struct GenerationPath {
+    char text[sizeof settings_copy + 4];
+};
+
+} // namespace
+
+// The path of a generation; 0 is one that is being made.
+static GenerationPath generation_path(int generation)
+{
+    GenerationPath path;
+    (void)snprintf(path.text, sizeof path.text, "%s.%d", settings_copy, generation);
+    return path;
+}
+
+static bool is_there(int generation)
+{
+    struct stat status;
+    return lstat(generation_path(generation).text, &status) == 0 || errno != ENOENT;
+}
+
+static bool is_kept_already(const FileBytes& copy)
+{
+    FileBytes last;
+    return read_file(generation_path(1).text, &last) == 0 && is_same(copy, last);
+}
+
+// Moves each generation to the next number, as far as they follow each other; the last one goes.
+static int move_generations()
+{
+    int free = 1;
+    while (free < settings_generations && is_there(free))
+        free++;
+    int result = 0;
+    for (int generation = free; generation > 0 && result == 0; generation--)
+        result = sys_rename(generation_path(generation - 1).text, generation_path(generation).text);
+    return result;
+}
+
+// Keeps what is about to be replaced. It is on the disk before an older one goes.
+static int keep_copy(const FileBytes& copy)
+{
+    if (is_kept_already(copy))
+        return 0;
+    int result = replace_file(generation_path(0).text, copy, copy_mode);
+    if (result == 0)
+        result = move_generations();
+    if (result == 0)
+        tell(LOG_NOTICE, "settings are gone or changed, those of before are in %s",
+             generation_path(1).text);
+    return result;
+}
+
+// Reads the copy. What is no file of a copy's is replaced, so it counts as empty.
+static int read_copy(FileBytes* copy)
+{
+    const int result = read_file(settings_copy, copy);
+    if (result != -ELOOP && result != -EINVAL && result != -EFBIG)
+        return result;
+    copy->size = 0;
+    return 0;
+}
+
+int settings_save(const char* device_file, SettingsCheck check)
 {
     FileBytes settings;
     FileBytes copy;
-    const int result = read_file(device_file, &settings);
+    int result = read_file(device_file, &settings);
+    if (result == 0)
+        result = read_copy(&copy);
     if (result != 0)
         return result;
-    const bool readable = read_file(settings_copy, &copy) == 0; // else it is replaced
-    if (settings.size == 0) {
-        if (!readable || copy.size > 0)
-            tell(LOG_NOTICE, "%s holds nothing, %s stays as it is", device_file, settings_copy);
+    if (settings.size == 0 && copy.size > 0)
+        tell(LOG_NOTICE, "%s holds nothing, %s stays as it is", device_file, settings_copy);
+    if (settings.size == 0 || is_same(settings, copy))
         return 0;
-    }
-    return readable && is_same(settings, copy) ? 0 : make_copy(settings);
+    if (check != nullptr)
+        check(device_file, settings.bytes.get(), settings.size);
+    if (copy.size > 0 &&
+        settings_lost(copy.bytes.get(), copy.size, settings.bytes.get(), settings.size))
+        result = keep_copy(copy);
+    return result == 0 ? make_copy(settings) : result;
 }

@@ -1,16 +1,17 @@
 #include "samba/bridge.h"
 
+#include "common/clock.h"
 #include "common/mountinfo.h"
 #include "config/ini.h"
 #include "lib/log.h"
 #include "lib/str.h"
 #include "samba/include_file.h"
 #include "samba/include_text.h"
-#include "samba/samba_control.h"
 #include "samba/share.h"
 #include "samba/share_mount.h"
 #include "samba/share_name.h"
 #include "samba/shares_to_close.h"
+#include "samba/standing_shares.h"
 
 #include <errno.h>
 #include <limits.h>
@@ -22,6 +23,7 @@
 
 static constexpr char log_tag[] = "bridge";
 static constexpr size_t account_size = 16384; // bytes of one passwd entry's strings
+static constexpr uint64_t retry_ms = 1000;    // when shares could not be withdrawn in time
 
 static void log_note(int priority, const char* message)
 {
@@ -48,6 +50,16 @@ static bool user_name(int32_t id, char (&name)[user_name_size])
     return true;
 }
 
+// In whose name everybody works must be there; what Samba makes of a name that nobody has is not
+// for a guess.
+static bool is_known_user(const char* name)
+{
+    passwd account;
+    passwd* found = nullptr;
+    char texts[account_size];
+    return getpwnam_r(name, &account, texts, sizeof texts, &found) == 0 && found != nullptr;
+}
+
 // Looks at a directory that is no mount of the service's. Returns false if it is no directory.
 static bool look_at_directory(const char* path, bool* readonly)
 {
@@ -69,6 +81,19 @@ static bool look_up_mount(const MountRoot* root, const char* path, const Mountin
         return false;
     *readonly = mount->readonly;
     return true;
+}
+
+// Whether the share's users are right. The service leaves out what is no user id, and an empty list
+// lets everybody in: so the share waits until somebody has mended it.
+static bool is_for_known_users(const Share* share, Notes* notes)
+{
+    char entry[share_user_size];
+    const char* list = share_wrong_user(share, entry);
+    if (list == nullptr)
+        return true;
+    notes_add(notes, LOG_ERR, "share %s (%s) is withheld: %s has %s, which is no user id",
+              share->name, share->identifier != nullptr ? share->identifier : "", list, entry);
+    return false;
 }
 
 // Whether the share can be exported; then `readonly` is set for a read-only mount.
@@ -99,7 +124,7 @@ static size_t select_present(const ShareTable* table, const MountRoot* root,
     for (size_t i = 0; i < table->count; i++) {
         const Share* share = &table->shares[i];
         bool readonly = false;
-        if (!is_present(share, root, mounts, notes, &readonly))
+        if (!is_for_known_users(share, notes) || !is_present(share, root, mounts, notes, &readonly))
             continue;
         if (readonly && !share->readonly)
             notes_add(notes, LOG_INFO, "share %s is read-only: %s is mounted so", share->name,
@@ -130,22 +155,44 @@ static int write_text(const Bridge* bridge, ExportedShare* shares, size_t count,
     return include_text_make(shares, count, &settings, notes, text);
 }
 
-static int make_from_table(const Bridge* bridge, const ShareTable* table, Notes* notes, char** text)
-{
+// What a text is made from.
+namespace {
+
+struct World {
+    ShareTableGuard table;
     MountinfoGuard mounts;
-    const int result = mountinfo_load(mountinfo_path, mounts.out());
+    char resolved[PATH_MAX] = "";
+    MountRoot root = {};
+};
+
+} // namespace
+
+// Returns 0; -ENOMEM; another negated errno.
+static int look_at_mounts(const Bridge* bridge, World* world)
+{
+    const int result = mountinfo_load(mountinfo_path, world->mounts.out());
     if (result != 0)
         return result;
-    char resolved[PATH_MAX];
     // A mount root that does not exist has no mounts below it.
-    const bool found = realpath(bridge->mountpath, resolved) != nullptr;
-    const MountRoot root = {.configured = bridge->mountpath,
-                            .resolved = found ? resolved : bridge->mountpath};
+    const bool found = realpath(bridge->mountpath, world->resolved) != nullptr;
+    world->root = {.configured = bridge->mountpath,
+                   .resolved = found ? world->resolved : bridge->mountpath};
+    return 0;
+}
+
+static int make_from_world(const Bridge* bridge, const World* world, Notes* notes, char** text)
+{
+    const ShareTable* table = world->table.get();
     MemGuard<ExportedShare> shares(
         static_cast<ExportedShare*>(calloc(table->count + 1, sizeof(ExportedShare))));
     if (!shares)
         return -ENOMEM;
-    const size_t count = select_present(table, &root, mounts.get(), notes, shares.get());
+    const char* forced = bridge->config->forceuser;
+    size_t count = 0;
+    if (forced[0] != '\0' && !is_known_user(forced))
+        notes_add(notes, LOG_ERR, "there is no user %s (forceuser): nothing is exported", forced);
+    else
+        count = select_present(table, &world->root, world->mounts.get(), notes, shares.get());
     return write_text(bridge, shares.get(), count, notes, text);
 }
 
@@ -159,42 +206,77 @@ static int load_share_file(const char* path, Notes* notes, IniDoc** doc)
     return ini_doc_parse("", 0, doc);
 }
 
-static int make_text(const Bridge* bridge, Notes* notes, char** text)
+static int read_shares(const Bridge* bridge, Notes* notes, ShareTable** table)
 {
     IniDocGuard doc;
-    int result = load_share_file(bridge->sharefile, notes, doc.out());
-    if (result != 0)
-        return result;
-    ShareTableGuard table;
-    result = shares_read(doc.get(), notes, table.out());
-    if (result != 0)
-        return result;
-    return make_from_table(bridge, table.get(), notes, text);
+    const int result = load_share_file(bridge->sharefile, notes, doc.out());
+    return result == 0 ? shares_read(doc.get(), notes, table) : result;
 }
 
-int bridge_make_text(Bridge* bridge, char** text)
+static int make_text(const Bridge* bridge, Notes* notes, World* world, char** text)
+{
+    int result = read_shares(bridge, notes, world->table.out());
+    if (result == 0)
+        result = look_at_mounts(bridge, world);
+    return result == 0 ? make_from_world(bridge, world, notes, text) : result;
+}
+
+// Logs a failure to make a text. Returns it.
+static int tell_failure(int result)
+{
+    if (result == -ENOMEM)
+        return out_of_memory();
+    VY_LOG(LOG_ERR, "%s cannot be read (%d), nothing is changed", mountinfo_path, -result);
+    return result;
+}
+
+// Makes the text, and fills `world`.
+static int make_told_text(Bridge* bridge, World* world, char** text)
 {
     Notes notes = {};
     const NotesGuard held(&notes);
-    const int result = make_text(bridge, &notes, text);
-    if (result == -ENOMEM)
-        return out_of_memory();
-    if (result != 0) {
-        VY_LOG(LOG_ERR, "%s cannot be read (%d), nothing is changed", mountinfo_path, -result);
-        return result;
-    }
+    const int result = make_text(bridge, &notes, world, text);
+    if (result != 0)
+        return tell_failure(result);
     notes_new(&notes, &bridge->told, log_note);
     notes_move(&bridge->told, &notes);
     return 0;
 }
 
+int bridge_make_text(Bridge* bridge, char** text)
+{
+    World world;
+    return make_told_text(bridge, &world, text);
+}
+
 // ---- the file ----
 
-// Replaces the include file and tells Samba. Returns 0; -1, logged.
-static int replace(const Bridge* bridge, const char* old_text, const char* new_text)
+// Reads what stands in the include file; empty without one. Returns 0 or -ENOMEM.
+static int read_standing(const Bridge* bridge, MemGuard<char>* text)
 {
-    SectionListGuard closed; // found first, so that nothing changes when memory runs out
-    if (shares_to_close(old_text, new_text, closed.out()) != 0) {
+    const int result = include_file_read(bridge->config->includepath, text->out());
+    if (result == -ENOMEM)
+        return -ENOMEM;
+    if (result != 0)
+        text->reset(strdup(""));
+    return *text ? 0 : -ENOMEM;
+}
+
+// Makes what Samba is to be told when one text replaces another. Returns 0 or -ENOMEM.
+static int make_tasks(const char* old_text, const char* new_text, SambaTask** tasks)
+{
+    SectionListGuard closed;
+    const int result = shares_to_close(old_text, new_text, closed.out());
+    return result == 0 ? samba_tasks_make(closed.get(), tasks) : result;
+}
+
+// Replaces the include file and tells Samba. Returns 0; -1, logged.
+static int replace(Bridge* bridge, const char* old_text, const char* new_text)
+{
+    if (strcmp(old_text, new_text) == 0)
+        return 0;
+    SambaTasksGuard tasks; // made first, so that nothing changes when memory runs out
+    if (make_tasks(old_text, new_text, tasks.out()) != 0) {
         (void)out_of_memory();
         return -1;
     }
@@ -204,27 +286,108 @@ static int replace(const Bridge* bridge, const char* old_text, const char* new_t
         return -1;
     }
     VY_LOG(LOG_INFO, "%s is written", bridge->config->includepath);
-    samba_tell(bridge->config->smbcontrol, closed.get(), samba_limit_ms);
+    samba_control_add(&bridge->samba, tasks.take());
+    return 0;
+}
+
+// Adds to the text what stands and must stay; `kept` is how many shares. Returns 0 or -ENOMEM.
+static int keep_standing(Bridge* bridge, const World* world, const char* old_text,
+                         MemGuard<char>* text, size_t* kept)
+{
+    if (bridge->adopting == nullptr ||
+        !restart_is_recent(&bridge->restart, bridge->adopting, clock_now()))
+        return 0;
+    MemGuard<char> longer;
+    if (standing_keep(old_text, text->get(), world->table.get(), &world->root, world->mounts.get(),
+                      longer.out(), kept) != 0)
+        return -ENOMEM;
+    text->reset(longer.take());
     return 0;
 }
 
 int bridge_refresh(Bridge* bridge)
 {
+    World world;
     MemGuard<char> new_text;
-    if (bridge_make_text(bridge, new_text.out()) != 0)
+    if (make_told_text(bridge, &world, new_text.out()) != 0)
         return -1;
     MemGuard<char> old_text;
-    const int result = include_file_read(bridge->config->includepath, old_text.out());
-    if (result == -ENOMEM) {
+    size_t kept = 0;
+    if (read_standing(bridge, &old_text) != 0 ||
+        keep_standing(bridge, &world, old_text.get(), &new_text, &kept) != 0) {
         (void)out_of_memory();
         return -1;
     }
-    if (old_text && strcmp(old_text.get(), new_text.get()) == 0)
-        return 0;
-    return replace(bridge, old_text ? old_text.get() : "", new_text.get());
+    if (replace(bridge, old_text.get(), new_text.get()) != 0)
+        return -1;
+    bridge->keeps = kept > 0;
+    return 0;
+}
+
+int bridge_mounts_changed(Bridge* bridge)
+{
+    World world;
+    MemGuard<char> old_text;
+    MemGuard<char> new_text;
+    size_t dropped = 0;
+    int result = look_at_mounts(bridge, &world);
+    if (result == 0)
+        result = read_standing(bridge, &old_text);
+    if (result == 0)
+        result = standing_drop(old_text.get(), &world.root, world.mounts.get(), new_text.out(),
+                               &dropped);
+    if (result != 0) {
+        (void)tell_failure(result);
+        return -1;
+    }
+    return dropped > 0 ? replace(bridge, old_text.get(), new_text.get()) : 0;
+}
+
+// ---- time ----
+
+static int64_t earlier(int64_t a, int64_t b)
+{
+    return a < 0 || (b >= 0 && b < a) ? b : a;
+}
+
+// Believes the share file once the service has had its time. Returns the milliseconds until then.
+static int64_t end_keeping(Bridge* bridge)
+{
+    const uint64_t now = clock_now();
+    if (bridge->keeps && now >= bridge->restart.until && bridge_refresh(bridge) != 0)
+        bridge->restart.until = now + retry_ms;
+    return bridge->keeps ? static_cast<int64_t>(bridge->restart.until - now) : -1;
+}
+
+int64_t bridge_advance(Bridge* bridge)
+{
+    const int64_t keeping = end_keeping(bridge);
+    return earlier(samba_control_advance(&bridge->samba), keeping);
+}
+
+void bridge_finish(Bridge* bridge)
+{
+    samba_control_finish(&bridge->samba);
+}
+
+// ---- the record ----
+
+void bridge_init(Bridge* bridge, const BridgeConfig* config, const char* sharefile,
+                 const char* mountpath, const char* adopting)
+{
+    *bridge = {
+        .config = config,
+        .sharefile = sharefile,
+        .mountpath = mountpath,
+        .adopting = adopting,
+        .told = {},
+        .samba = {.program = config->smbcontrol, .limit_ms = samba_limit_ms, .tasks = nullptr},
+        .restart = {},
+        .keeps = false};
 }
 
 void bridge_clear(Bridge* bridge)
 {
     notes_clear(&bridge->told);
+    samba_control_clear(&bridge->samba);
 }

@@ -13,11 +13,6 @@ static constexpr char head[] = "# Made by vynas-samba from the share file of the
                                "and made anew whenever that\n"
                                "# changes: what is written here by hand is lost.\n";
 
-// Else the lines behind smb.conf's include line would belong to the last share.
-static constexpr char foot[] = "[global]\n";
-
-static constexpr size_t id_size = 64; // bytes of a user id with the NUL; longer ones are none
-
 // ---- what smb.conf can hold ----
 
 bool include_user_fits(const char* name)
@@ -196,11 +191,8 @@ static int add_id(Writing* writing, const char* text, ShareAccess access)
 {
     int32_t id = 0;
     char name[user_name_size];
-    if (str_to_long(text, &id, 10) != 0 || id < 0) {
-        notes_add(writing->notes, LOG_WARNING, "share %s: %s is no user id", writing->share->name,
-                  text);
+    if (str_to_long(text, &id, 10) != 0 || id < 0) // an empty one
         return 0;
-    }
     if (!writing->settings->user_name(id, name)) {
         notes_add(writing->notes, LOG_WARNING, "share %s: no user has the id %d",
                   writing->share->name, static_cast<int>(id));
@@ -214,28 +206,14 @@ static int add_id(Writing* writing, const char* text, ShareAccess access)
     return add_member(&writing->members, name, access);
 }
 
-// As add_id, for an item of a list; an empty item is passed over.
-static int add_item(Writing* writing, const char* item, size_t length, ShareAccess access)
-{
-    char text[id_size] = "?"; // stands for an item that is too long
-    if (length < sizeof text) {
-        memcpy(text, item, length);
-        text[length] = '\0';
-    }
-    text_trim(text);
-    return text[0] != '\0' ? add_id(writing, text, access) : 0;
-}
-
-// Adds the users of a list of ids, separated by commas.
+// Adds the users of a list of ids. Returns 0 or -ENOMEM.
 static int add_list(Writing* writing, ShareAccess access)
 {
     const char* list = writing->share->users[access];
-    while (list != nullptr && *list != '\0') {
-        const size_t length = strcspn(list, ",");
-        if (add_item(writing, list, length, access) != 0)
+    char entry[share_user_size];
+    while (share_next_user(&list, entry)) {
+        if (add_id(writing, entry, access) != 0)
             return -ENOMEM;
-        list += length;
-        list += *list == ',' ? 1 : 0;
     }
     return 0;
 }
@@ -375,7 +353,7 @@ static int write_shares(TextBuffer* text, const ExportedShare* shares, size_t co
         if (write_share(&writing, shares[i].name) != 0)
             return -ENOMEM;
     }
-    text_buffer_add(text, "%s", foot);
+    text_buffer_add(text, "%s", include_text_foot);
     return text->failed ? -ENOMEM : 0;
 }
 

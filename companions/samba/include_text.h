@@ -33,9 +33,14 @@
 #include <stddef.h>
 #include <stdint.h>
 
+// The text's last line: else the lines behind smb.conf's include line would belong to the last
+// share.
+constexpr char include_text_foot[] = "[global]\n";
+
 constexpr size_t user_name_size = 256; // bytes with the NUL
 
-// A share and the name it is exported under, both borrowed.
+// A share whose lists are right (share_wrong_user) and the name it is exported under, both
+// borrowed.
 struct ExportedShare {
     const Share* share;
     const char* name;

@@ -7,9 +7,9 @@
 #include "samba/bridge.h"
 #include "samba/bridge_config.h"
 #include "samba/options.h"
+#include "samba/serve.h"
 
 #include <errno.h>
-#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -19,6 +19,7 @@ static constexpr char log_tag[] = "main";
 static constexpr char program_name[] = "vynas-samba";
 static constexpr char service_name[] =
     "vynas-fssd"; // the name of the pid file that the daemon looks for
+static constexpr char hotplug_pid_file[] = "/var/run/vyhotplugd.pid";
 
 static constexpr char help[] =
     "Usage: vynas-samba [option]...\n"
@@ -34,44 +35,26 @@ static constexpr char help[] =
 
 // ---- tasks ----
 
-// Signals are taken only where they are waited for: SIGCHLD in samba_tell, the others in serve.
-static void block_signals(sigset_t* awaited)
-{
-    sigemptyset(awaited);
-    sigaddset(awaited, SIGHUP);
-    sigaddset(awaited, SIGINT);
-    sigaddset(awaited, SIGTERM);
-    sigset_t blocked = *awaited;
-    sigaddset(&blocked, SIGCHLD);
-    (void)sigprocmask(SIG_BLOCK, &blocked, nullptr); // cannot fail with these arguments
-}
-
-// The process id may soon be another process's, which would get the service's signals.
-static void empty_pid_file(int lock)
-{
-    if (ftruncate(lock, 0) != 0)
-        VY_LOG(LOG_WARNING, "cannot empty /var/run/%s.pid (%d)", service_name, errno);
-}
-
-static int serve(Bridge* bridge, const sigset_t* awaited)
+static int serve(Bridge* bridge)
 {
     const FdGuard lock(vy_create_pid_file(service_name));
     if (lock.get() < 0) {
         VY_LOG(LOG_ERR, "cannot lock /var/run/%s.pid, another copy may be running", service_name);
         return EXIT_FAILURE;
     }
-    VY_LOG(LOG_INFO, "start");
-    for (;;) {
-        (void)bridge_refresh(bridge); // logged; the next signal is the next try
-        int number = sigwaitinfo(awaited, nullptr);
-        while (number < 0 && errno == EINTR) // after SIGSTOP and SIGCONT
-            number = sigwaitinfo(awaited, nullptr);
-        if (number != SIGHUP)
-            break;
-    }
-    empty_pid_file(lock.get());
-    VY_LOG(LOG_INFO, "end");
-    return EXIT_SUCCESS;
+    const int status = serve_until_told(bridge);
+    // The process id may soon be another process's, which would get the service's signals.
+    if (ftruncate(lock.get(), 0) != 0)
+        VY_LOG(LOG_WARNING, "cannot empty /var/run/%s.pid (%d)", service_name, errno);
+    return status;
+}
+
+static int refresh_once(Bridge* bridge)
+{
+    serve_block_signals();
+    const int result = bridge_refresh(bridge);
+    bridge_finish(bridge);
+    return result == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
 // Flushes what printf or fputs returned `printed` for. Returns the exit status.
@@ -93,16 +76,14 @@ static int print_include_text(Bridge* bridge)
 
 static int run(const BridgeOptions* options, Bridge* bridge)
 {
-    sigset_t awaited;
     switch (options->task) {
     case TASK_PRINT:
         return print_include_text(bridge);
     case TASK_ONCE:
-        block_signals(&awaited);
-        return bridge_refresh(bridge) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+        return refresh_once(bridge);
     default:
-        block_signals(&awaited);
-        return serve(bridge, &awaited);
+        serve_block_signals();
+        return serve(bridge);
     }
 }
 
@@ -114,10 +95,9 @@ static int run_configured(const BridgeOptions* options)
         VY_LOG(LOG_ERR, "out of memory");
         return EXIT_FAILURE;
     }
-    Bridge bridge = {.config = own.get(),
-                     .sharefile = service->smbconfigpath,
-                     .mountpath = service->mountpath,
-                     .told = {}};
+    Bridge bridge;
+    bridge_init(&bridge, own.get(), service->smbconfigpath, service->mountpath,
+                service->adopt != 0 ? hotplug_pid_file : nullptr);
     const int status = run(options, &bridge);
     bridge_clear(&bridge);
     return status;

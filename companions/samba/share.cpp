@@ -1,5 +1,8 @@
 #include "samba/share.h"
 
+#include "common/text.h"
+#include "lib/str.h"
+
 #include <errno.h>
 #include <stdlib.h>
 #include <string.h>
@@ -51,25 +54,25 @@ constexpr AdministratorWord administrator_words[] = {
 
 } // namespace
 
-// Looks a key up in the share's section. Returns 0, the value null when there is none; -ENOMEM.
-static int read_text(const IniDoc* doc, const char* name, const char* key, char** value)
+// Looks a key up. Returns 0, the value null when there is none; -ENOMEM.
+static int read_text(const IniSection* section, const char* key, char** value)
 {
-    const int result = ini_doc_get_string(doc, name, key, value, INI_LAST);
+    const int result = ini_section_get_string(section, key, value, INI_LAST);
     return result == -ENOMEM ? -ENOMEM : 0;
 }
 
-static int read_switch(const IniDoc* doc, Share* share, const SwitchKey& row)
+static int read_switch(const IniSection* section, Share* share, const SwitchKey& row)
 {
     IniValueGuard value;
-    const int result = read_text(doc, share->name, row.key, value.out());
+    const int result = read_text(section, row.key, value.out());
     share->*row.field = string_enable_disable(value.get()) == 1;
     return result;
 }
 
-static int read_administrator(const IniDoc* doc, Share* share, Notes* notes)
+static int read_administrator(const IniSection* section, Share* share, Notes* notes)
 {
     IniValueGuard value;
-    const int result = read_text(doc, share->name, "Administrator", value.out());
+    const int result = read_text(section, "Administrator", value.out());
     if (!value)
         return result;
     for (const AdministratorWord& row : administrator_words) {
@@ -85,21 +88,21 @@ static int read_administrator(const IniDoc* doc, Share* share, Notes* notes)
 }
 
 // Fills all but the name. Returns 0 or -ENOMEM.
-static int read_settings(const IniDoc* doc, Share* share, Notes* notes)
+static int read_settings(const IniSection* section, Share* share, Notes* notes)
 {
     for (const TextKey& row : text_keys) {
-        if (read_text(doc, share->name, row.key, &(share->*row.field)) != 0)
+        if (read_text(section, row.key, &(share->*row.field)) != 0)
             return -ENOMEM;
     }
     for (const SwitchKey& row : switch_keys) {
-        if (read_switch(doc, share, row) != 0)
+        if (read_switch(section, share, row) != 0)
             return -ENOMEM;
     }
     for (size_t access = 0; access < SHARE_ACCESS_KINDS; access++) {
-        if (read_text(doc, share->name, users_keys[access], &share->users[access]) != 0)
+        if (read_text(section, users_keys[access], &share->users[access]) != 0)
             return -ENOMEM;
     }
-    return read_administrator(doc, share, notes);
+    return read_administrator(section, share, notes);
 }
 
 static void clear_share(Share* share)
@@ -143,12 +146,34 @@ static void note_hidden(const vylist* names, const char* name, bool withdrawn, N
 }
 
 // Whether the section says that its partition is not mounted. Returns 0 or -ENOMEM.
-static int read_unmounted(const IniDoc* doc, const char* name, bool* unmounted)
+static int read_unmounted(const IniSection* section, bool* unmounted)
 {
     IniValueGuard status;
-    const int result = read_text(doc, name, "Status", status.out());
+    const int result = read_text(section, "Status", status.out());
     *unmounted = status && strcasecmp(status.get(), "unmount") == 0;
     return result;
+}
+
+// Fills the share from its section. Returns 0 or -ENOMEM.
+static int read_share(const IniDoc* doc, const char* name, Notes* notes, Share* share,
+                      bool* unmounted)
+{
+    IniSectionGuard section;
+    share->name = strdup(name);
+    if (share->name == nullptr || ini_section_open(doc, name, section.out()) == -ENOMEM ||
+        read_settings(section.get(), share, notes) != 0)
+        return -ENOMEM;
+    return read_unmounted(section.get(), unmounted);
+}
+
+// Moves the share's name to those that are being withdrawn. Returns 0 or -ENOMEM.
+static int withdraw(ShareTable* table, Share* share)
+{
+    if (vylist_insert(table->withdrawn, vylist_end(table->withdrawn), share->name) == nullptr)
+        return -ENOMEM;
+    share->name = nullptr;
+    clear_share(share);
+    return 0;
 }
 
 // Reads the section into the table's next entry, which stays free if the share is left out. Returns
@@ -157,22 +182,22 @@ static int add_share(const IniDoc* doc, const vylist* names, const char* name, N
                      ShareTable* table)
 {
     Share* share = &table->shares[table->count];
-    share->name = strdup(name);
     bool unmounted = false;
-    if (share->name == nullptr || read_settings(doc, share, notes) != 0 ||
-        read_unmounted(doc, name, &unmounted) != 0) {
+    if (read_share(doc, name, notes, share, &unmounted) != 0) {
         clear_share(share);
         return -ENOMEM;
     }
     const bool withdrawn = share->path == nullptr || share->path[0] == '\0';
     note_hidden(names, name, withdrawn, notes);
-    if (withdrawn || unmounted) {
-        notes_add(notes, LOG_INFO, "share %s is withdrawn", name);
-        clear_share(share);
+    if (!withdrawn && !unmounted) {
+        table->count++;
         return 0;
     }
-    table->count++;
-    return 0;
+    notes_add(notes, LOG_INFO, "share %s is withdrawn", name);
+    if (withdraw(table, share) == 0)
+        return 0;
+    clear_share(share);
+    return -ENOMEM;
 }
 
 static int add_shares(const IniDoc* doc, const vylist* names, Notes* notes, ShareTable* table)
@@ -200,7 +225,8 @@ int shares_read(const IniDoc* doc, Notes* notes, ShareTable** table)
     if (!made)
         return -ENOMEM;
     made->shares = static_cast<Share*>(calloc(names->count + 1, sizeof(Share)));
-    if (made->shares == nullptr)
+    made->withdrawn = vylist_create();
+    if (made->shares == nullptr || made->withdrawn == nullptr)
         return -ENOMEM;
     if (add_shares(doc, names.get(), notes, made.get()) != 0)
         return -ENOMEM;
@@ -213,7 +239,44 @@ void shares_free(ShareTable* table)
     for (size_t i = 0; i < table->count; i++)
         clear_share(&table->shares[i]);
     free(table->shares);
+    config_release_section_list(table->withdrawn);
     free(table);
+}
+
+// ---- users ----
+
+bool share_next_user(const char** list, char (&entry)[share_user_size])
+{
+    if (*list == nullptr || **list == '\0')
+        return false;
+    static constexpr char dots[] = "..."; // no number must be made of the rest
+    const size_t length = strcspn(*list, ",");
+    const bool fits = length < sizeof entry;
+    const size_t copied = fits ? length : sizeof entry - sizeof dots;
+    memcpy(entry, *list, copied);
+    str_cpy(entry + copied, fits ? "" : dots);
+    text_trim(entry);
+    *list += length;
+    *list += **list == ',' ? 1 : 0;
+    return true;
+}
+
+static bool is_user_id(const char* entry)
+{
+    int32_t id = 0;
+    return str_to_long(entry, &id, 10) == 0 && id >= 0;
+}
+
+const char* share_wrong_user(const Share* share, char (&entry)[share_user_size])
+{
+    for (size_t access = 0; access < SHARE_ACCESS_KINDS; access++) {
+        const char* list = share->users[access];
+        while (share_next_user(&list, entry)) {
+            if (entry[0] != '\0' && !is_user_id(entry))
+                return users_keys[access];
+        }
+    }
+    return nullptr;
 }
 
 bool share_lists_users(const Share* share, ShareAccess access)

@@ -2,8 +2,8 @@
 // may do what. Touches no world.
 //
 // Of several sections of one name (letter case ignored) the last counts, and of several values of
-// one key. A share whose section has no "Path", or "Status=Unmount", is being withdrawn: it is left
-// out. What is left out for another reason is noted.
+// one key. A share whose section has no "Path", or "Status=Unmount", is being withdrawn: of it
+// there is only its name. What is left out for another reason is noted.
 #pragma once
 
 #include "config/ini.h"
@@ -38,6 +38,7 @@ struct Share {
 struct ShareTable {
     Share* shares; // in the order of their last sections
     size_t count;
+    vylist* withdrawn; // names of those being withdrawn; owned, like the list
 };
 
 // Reads the shares. Returns 0 and an owned table; -ENOMEM, `table` untouched.
@@ -45,6 +46,17 @@ struct ShareTable {
 
 void shares_free(ShareTable* table);
 using ShareTableGuard = Guard<ShareTable, shares_free>;
+
+constexpr size_t share_user_size = 64; // bytes of an entry with the NUL
+
+// Takes the next entry of a list of user ids, without blanks at its ends, from `list`; null for no
+// list. An entry may be empty; one that is too long is cut, and ends in dots. False at the end.
+[[nodiscard]] bool share_next_user(const char** list, char (&entry)[share_user_size]);
+
+// Finds an entry of the share's four lists that is no user id. Whoever wrote it meant somebody, and
+// without it others may do more than was meant. Returns the key of its list, and fills `entry`;
+// null when all lists are right.
+[[nodiscard]] const char* share_wrong_user(const Share* share, char (&entry)[share_user_size]);
 
 // Whether a list of users is given, even if no user in it exists.
 [[nodiscard]] bool share_lists_users(const Share* share, ShareAccess access);

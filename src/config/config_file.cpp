@@ -1,5 +1,6 @@
 #include "config/config_file.h"
 
+#include "config/config_keys.h"
 #include "config/filesystems.h"
 #include "config/getopt.h"
 #include "config/ini.h"
@@ -16,14 +17,6 @@
 
 static constexpr char log_tag[] = "config_file";
 
-static constexpr uint32_t default_file_umask = 0113; // files 0664
-static constexpr uint32_t default_dir_umask = 0002;  // directories 0775
-static constexpr char default_smb_config[] = "/tmp/vynas.dir.conf";
-// The fallback of three keys, kept so: an installation that names no directories fails the
-// directory checks at start and says so, instead of mounting somewhere.
-static constexpr char default_device_config[] = "/tmp/hotplug.dev.conf";
-static constexpr char default_vfat_options[] = "utf8";
-
 // Returns owned: the key's last value, possibly empty; null without one.
 static char* read_value(const IniSection* keys, const char* key)
 {
@@ -32,12 +25,6 @@ static char* read_value(const IniSection* keys, const char* key)
 }
 
 // ---- words ----
-
-// The names by which the product's own server is meant.
-static constexpr char own_server_names[8][12] = {
-    "vy nas mira", "vynas mira", "vynasmira", "vy nasmira",
-    "vynas",       "vy nas",     "nasmira",   "nas mira",
-};
 
 static bool names_own_server(const char* value)
 {
@@ -51,24 +38,16 @@ static bool names_own_server(const char* value)
 // An unknown word means the own server too.
 static uint8_t parse_smbtype(const char* value)
 {
-    const bool samba = !names_own_server(value) && strcasecmp(value, "samba") == 0;
+    const bool samba = !names_own_server(value) && strcasecmp(value, samba_word) == 0;
     return samba ? SMB_TYPE_SAMBA : SMB_TYPE_OWN;
 }
 
 static void load_smbtype(const IniSection* keys, ConfHotplug* config)
 {
-    const IniValueGuard value(read_value(keys, "smbtype"));
+    const IniValueGuard value(read_value(keys, smbtype_key));
     if (value)
         config->smbtype = parse_smbtype(value.get());
 }
-
-struct SwitchKey {
-    const char* key;
-    uint8_t ConfHotplug::*field;
-};
-
-static constexpr SwitchKey naswork_key = {"ds/naswork", &ConfHotplug::naswork};
-static constexpr SwitchKey fat_label_key = {"fatvolumelabel", &ConfHotplug::fatvolumelabel};
 
 // Off only when the value says so.
 static void load_switch(const IniSection* keys, ConfHotplug* config, const SwitchKey& row)
@@ -81,24 +60,11 @@ static void load_switch(const IniSection* keys, ConfHotplug* config, const Switc
 // Anything but "all" is as if the key were not there.
 static void load_labels(const IniSection* keys, ConfHotplug* config)
 {
-    const IniValueGuard value(read_value(keys, "labels"));
-    config->labels = value && strcasecmp(value.get(), "all") == 0 ? 1 : 0;
+    const IniValueGuard value(read_value(keys, labels_key));
+    config->labels = value && strcasecmp(value.get(), labels_word) == 0 ? 1 : 0;
 }
 
 // ---- paths ----
-
-struct PathKey {
-    const char* key;
-    char* ConfHotplug::*field;
-    const char* fallback;
-};
-
-static constexpr PathKey path_keys[] = {
-    {"smbconfigpath", &ConfHotplug::smbconfigpath, default_smb_config},
-    {"deviceconfigpath", &ConfHotplug::deviceconfigpath, default_device_config},
-    {"mountpath", &ConfHotplug::mountpath, default_device_config},
-    {"devicepath", &ConfHotplug::devicepath, default_device_config},
-};
 
 static void load_path(const IniSection* keys, ConfHotplug* config, const PathKey& row)
 {
@@ -108,23 +74,6 @@ static void load_path(const IniSection* keys, ConfHotplug* config, const PathKey
 }
 
 // ---- numbers ----
-
-struct NumberKey {
-    const char* key;
-    uint32_t ConfHotplug::*field;
-    int base;
-    uint32_t fallback; // when the value is empty or no number
-};
-
-static constexpr NumberKey owner_keys[] = {
-    {"defaultuid", &ConfHotplug::defaultuid, 10, 0},
-    {"defaultgid", &ConfHotplug::defaultgid, 10, 0},
-};
-
-static constexpr NumberKey permission_keys[] = {
-    {"defaultfilepermission", &ConfHotplug::fileumask, 8, default_file_umask},
-    {"defaultdirectorypermission", &ConfHotplug::dirumask, 8, default_dir_umask},
-};
 
 // Reads the number; false when the key is absent. A bad number gives `bad` = true.
 static bool read_number(const IniSection* keys, const NumberKey& row, int32_t* number, bool* bad)
@@ -149,22 +98,10 @@ static void load_permission(const IniSection* keys, ConfHotplug* config, const N
     int32_t number = 0;
     bool bad = false;
     if (read_number(keys, row, &number, &bad))
-        config->*row.field = bad ? row.fallback : ~static_cast<uint32_t>(number) & 0777U;
+        config->*row.field = bad ? row.fallback : ~static_cast<uint32_t>(number) & permission_bits;
 }
 
 // ---- mount options ----
-
-struct OptionsKey {
-    const char* key;
-    char* ConfHotplug::*field;
-    const char* fallback; // null for none
-};
-
-static constexpr OptionsKey options_keys[] = {
-    {"vfatoptions", &ConfHotplug::vfatoptions, default_vfat_options},
-    {"ntfsoptions", &ConfHotplug::ntfsoptions, nullptr},
-    {"extfsoptions", &ConfHotplug::extfsoptions, nullptr},
-};
 
 static void load_options(const IniSection* keys, ConfHotplug* config, const OptionsKey& row)
 {
@@ -216,7 +153,7 @@ static void switch_filesystems(ConfHotplug* config, uint32_t on)
 // A list that is there replaces all three defaults: what it does not name is not mounted.
 static void load_mountfs(const IniSection* keys, ConfHotplug* config)
 {
-    const IniValueGuard value(read_value(keys, "mountfs"));
+    const IniValueGuard value(read_value(keys, mountfs_key));
     if (!value)
         return;
     const OptionMapGuard map(vyopt_create_opmap(value.get()));
@@ -258,7 +195,7 @@ static const Filesystem* other_of(const char* word)
 // What it does not know, or knows already, it passes over: vyhotplug-prepare tells of such words.
 static void load_otherfs(const IniSection* keys, ConfHotplug* config)
 {
-    const IniValueGuard value(read_value(keys, "otherfs"));
+    const IniValueGuard value(read_value(keys, otherfs_key));
     char item[VYOPT_ITEM_SIZE];
     const char* position = value.get();
     int count = 0;
@@ -269,15 +206,14 @@ static void load_otherfs(const IniSection* keys, ConfHotplug* config)
     }
 }
 
-// The key of a filesystem's further mount options is its type and "options".
 static void load_other_options(const IniSection* keys, ConfHotplug* config)
 {
     static_assert(filesystem_count < OTHERFS_SIZE);
     for (const Filesystem& filesystem : filesystems) {
         if (!filesystem_is_other(filesystem))
             continue;
-        char key[32];
-        (void)snprintf(key, sizeof key, "%soptions", filesystem.type);
+        char key[options_key_size];
+        (void)snprintf(key, sizeof key, "%s%s", filesystem.type, options_ending);
         IniValueGuard value(read_value(keys, key));
         if (value && value.get()[0] != '\0')
             config->otheroptions[filesystem.code] = value.take();
@@ -317,7 +253,7 @@ static uint32_t flag_of(const char* word)
 static int load_mountflags(const IniSection* keys, ConfHotplug* config)
 {
     IniValueGuard value;
-    if (read_needed(keys, "mountflags", &value) != 0)
+    if (read_needed(keys, mountflags_key, &value) != 0)
         return -ENOMEM;
     char item[VYOPT_ITEM_SIZE];
     const char* position = value.get();
@@ -330,11 +266,6 @@ static int load_mountflags(const IniSection* keys, ConfHotplug* config)
     }
     return 0;
 }
-
-static constexpr SwitchKey needed_switches[] = {
-    {"strict", &ConfHotplug::strict},
-    {"adopt", &ConfHotplug::adopt},
-};
 
 static int load_needed(const IniSection* keys, ConfHotplug* config)
 {

@@ -3,7 +3,9 @@
 #pragma once
 
 #include <features.h>
+#include <linux/audit.h>
 #include <stddef.h>
+#include <stdint.h>
 #include <stdio.h>
 
 // Sends what a stream holds down to its file. Returns 0, or -1 with errno when a write failed: now,
@@ -30,4 +32,21 @@ constexpr size_t receive_stack_bytes = 262144; // a sanitizer's report needs roo
 constexpr size_t receive_stack_bytes = 131072; // the least that glibc takes there
 #else
 constexpr size_t receive_stack_bytes = 16384;
+#endif
+
+// What the kernel calls this machine's kind of system calls; 0 where that is not known here.
+#if defined(__x86_64__)
+constexpr uint32_t system_call_architecture = AUDIT_ARCH_X86_64;
+#elif defined(__i386__)
+constexpr uint32_t system_call_architecture = AUDIT_ARCH_I386;
+#elif defined(__aarch64__)
+constexpr uint32_t system_call_architecture = AUDIT_ARCH_AARCH64;
+#elif defined(__mips__) && _MIPS_SIM == _ABIO32 && defined(__MIPSEL__)
+constexpr uint32_t system_call_architecture = AUDIT_ARCH_MIPSEL;
+#elif defined(__mips__) && _MIPS_SIM == _ABIO32
+constexpr uint32_t system_call_architecture = AUDIT_ARCH_MIPS;
+#elif defined(__arm__) && defined(__ARMEL__)
+constexpr uint32_t system_call_architecture = AUDIT_ARCH_ARM;
+#else
+constexpr uint32_t system_call_architecture = 0;
 #endif

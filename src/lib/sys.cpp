@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 #include <sys/statfs.h>
 #include <sys/statvfs.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -57,6 +58,19 @@ int sys_unlink(const char* path)
 int sys_rename(const char* from, const char* to)
 {
     return answer(rename(from, to));
+}
+
+// By its number: not every C library knows renameat2(2).
+int sys_exchange(const char* a, const char* b)
+{
+#ifdef SYS_renameat2
+    static constexpr unsigned exchange = 2; // RENAME_EXCHANGE
+    return answer(static_cast<int>(syscall(SYS_renameat2, AT_FDCWD, a, AT_FDCWD, b, exchange)));
+#else
+    (void)a;
+    (void)b;
+    return -ENOSYS;
+#endif
 }
 
 int sys_fsync(int fd)
@@ -108,23 +122,31 @@ static void child_stream(int number, int source, int null_flags)
 }
 
 // In the child: only calls that are safe after fork(2) in a process with threads.
-[[noreturn]] static void child_run(const char* file, char* const argv[], const int stdio[3])
+[[noreturn]] static void child_run(const char* file, char* const argv[], const int stdio[3],
+                                   bool (*prepare)())
 {
     child_stream(0, stdio[0], O_RDONLY);
     child_stream(1, stdio[1], O_WRONLY);
     child_stream(2, stdio[2], O_WRONLY);
     for (int fd = 3; fd <= 254; fd++)
         close(fd);
-    execvp(file, argv);
+    if (prepare == nullptr || prepare())
+        execvp(file, argv);
     _exit(1);
+}
+
+pid_t sys_spawn_prepared(const char* file, char* const argv[], const int stdio[3],
+                         bool (*prepare)())
+{
+    const pid_t pid = fork();
+    if (pid == 0)
+        child_run(file, argv, stdio, prepare);
+    return answer(pid);
 }
 
 pid_t sys_spawn(const char* file, char* const argv[], const int stdio[3])
 {
-    const pid_t pid = fork();
-    if (pid == 0)
-        child_run(file, argv, stdio);
-    return answer(pid);
+    return sys_spawn_prepared(file, argv, stdio, nullptr);
 }
 
 int sys_clock_gettime(clockid_t clock, timespec* now)

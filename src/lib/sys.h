@@ -21,6 +21,7 @@ enum SysDirection { SYS_READABLE, SYS_WRITABLE };
 [[nodiscard]] int sys_rmdir(const char* path);
 [[nodiscard]] int sys_unlink(const char* path);
 [[nodiscard]] int sys_rename(const char* from, const char* to);
+[[nodiscard]] int sys_exchange(const char* a, const char* b); // -ENOSYS, -EINVAL: not to be had
 [[nodiscard]] int sys_fsync(int fd);
 [[nodiscard]] int sys_statfs(const char* path);      // the answer itself is of no interest
 [[nodiscard]] int sys_is_readonly(const char* path); // 1 when its filesystem is mounted so, else 0
@@ -35,6 +36,12 @@ void sys_sync();
 // become duplicates of stdio[0..2], or /dev/null where that is -1; descriptors 3 to 254 are closed.
 // Returns the child's pid. A child that cannot be set up or executed ends with status 1.
 [[nodiscard]] pid_t sys_spawn(const char* file, char* const argv[], const int stdio[3]);
+
+// As sys_spawn. `prepare` is called in the child, its streams and descriptors set, just before the
+// program takes its place: it makes only calls that are safe there, and returns whether the program
+// may be run.
+[[nodiscard]] pid_t sys_spawn_prepared(const char* file, char* const argv[], const int stdio[3],
+                                       bool (*prepare)());
 
 // Clocks and waiting. sys_select_one waits for one descriptor, without limit when `limit` is null,
 // and returns 1 when it is ready, 0 when the time ran out.

@@ -76,6 +76,8 @@ void conf_dev_record_free(ConfDev* dev)
     free_users(dev->readonlyusers);
     free_users(dev->blockusers);
     free_users(dev->hideusers);
+    for (char* text : dev->misread)
+        free(text);
     free(dev);
 }
 
@@ -103,6 +105,15 @@ void conf_dev_record_defaults(ConfDev* dev)
     dev->administrator = CONF_DEV_ADMIN_FULL;
 }
 
+static bool has_misread(const ConfDev* dev)
+{
+    for (const char* text : dev->misread) {
+        if (text != nullptr)
+            return true;
+    }
+    return false;
+}
+
 // Whether the record carries nothing of the administrator's. The filesystem is not looked at.
 static bool is_default(const ConfDev* dev)
 {
@@ -110,7 +121,7 @@ static bool is_default(const ConfDev* dev)
            dev->sync == 0 && dev->readonly == 0 && dev->guestaccess == 0 && dev->guesthide == 0 &&
            dev->administrator == CONF_DEV_ADMIN_FULL && dev->fullaccessusers->count == 0 &&
            dev->readonlyusers->count == 0 && dev->blockusers->count == 0 &&
-           dev->hideusers->count == 0;
+           dev->hideusers->count == 0 && !has_misread(dev);
 }
 
 // ---- the table ----

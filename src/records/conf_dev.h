@@ -38,6 +38,10 @@ struct ConfDev {
     vylist* readonlyusers;
     vylist* blockusers;
     vylist* hideusers;
+
+    // Of each list, in this order, its text where that holds anything but user ids and must not get
+    // lost (conf_dev_load_whole); else null. Owned.
+    char* misread[4];
 };
 
 struct ConfDevTable {

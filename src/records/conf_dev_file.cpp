@@ -116,6 +116,32 @@ static int parse_user_list(const char* text, vylist* users, bool* lost)
     return appended;
 }
 
+// Whether a run of digits, which may be empty, is a user id.
+static bool is_user_id(const char* run, size_t length)
+{
+    char digits[user_id_digits + 1];
+    int32_t id = 0;
+    if (length == 0 || length > user_id_digits)
+        return length == 0;
+    str_ncpy(digits, run, static_cast<int32_t>(length) + 1);
+    return str_to_long(digits, &id, 10) == 0;
+}
+
+// Whether the text is a list of user ids and nothing else, so that nothing of it is passed over.
+static bool is_user_list(const char* text)
+{
+    for (;;) {
+        text += strspn(text, " \t");
+        const size_t run = digit_run(text);
+        const char end = text[run];
+        if (!is_user_id(text, run) || (end != ',' && end != '\0'))
+            return false;
+        if (end == '\0')
+            return true;
+        text += run + 1;
+    }
+}
+
 int conf_parse_user_list(const char* text, vylist* users)
 {
     bool lost = false;
@@ -133,40 +159,58 @@ int conf_write_user_list(FILE* stream, const vylist* users)
     return fputc('\n', stream) == EOF ? -1 : 0;
 }
 
+int conf_dev_write_users(FILE* stream, const char* key, const vylist* users, const char* misread)
+{
+    if (misread != nullptr)
+        return line_write_text(stream, key, misread);
+    if (line_write(stream, key) != 0)
+        return -1;
+    return conf_write_user_list(stream, users);
+}
+
 // ---- loading ----
 
-// Reads the key's last value; null when absent or empty. In all of these, `lost` is set when memory
-// ran out for something that the file holds.
-static void read_value(const IniSection* section, const char* key, IniValueGuard* value, bool* lost)
+namespace {
+
+struct Loading {
+    bool lost;  // memory ran out for something that the file holds
+    bool exact; // what is not understood is kept as it is written
+};
+
+} // namespace
+
+// Reads the key's last value; null when absent or empty.
+static void read_value(const IniSection* section, const char* key, IniValueGuard* value,
+                       Loading* loading)
 {
     if (ini_section_get_string(section, key, value->out(), INI_LAST) == -ENOMEM)
-        *lost = true;
+        loading->lost = true;
     if (*value && value->get()[0] == '\0')
         value->reset(nullptr);
 }
 
 static void read_text(const IniSection* section, const char* key, size_t max, char** text,
-                      bool* lost)
+                      Loading* loading)
 {
     IniValueGuard value;
-    read_value(section, key, &value, lost);
+    read_value(section, key, &value, loading);
     if (!value)
         return;
     *text = strndup(value.get(), max);
-    *lost |= *text == nullptr;
+    loading->lost |= *text == nullptr;
 }
 
 // Returns -1 when the record must be dropped for its path.
-static int read_path(const IniSection* section, ConfDev* dev, bool* lost)
+static int read_path(const IniSection* section, ConfDev* dev, Loading* loading)
 {
     IniValueGuard value;
-    read_value(section, "path", &value, lost);
+    read_value(section, "path", &value, loading);
     if (!value)
         return 0;
     if (value.get()[0] != '/' || strlen(value.get()) >= path_size)
         return -1;
     dev->path = strdup(value.get());
-    *lost |= dev->path == nullptr;
+    loading->lost |= dev->path == nullptr;
     return dev->path != nullptr ? 0 : -1;
 }
 
@@ -176,10 +220,10 @@ static bool is_word(const char* value, const char* word)
 }
 
 // What is no filesystem's word, "deffs" among it, leaves it to the partition.
-static void read_filesystem(const IniSection* section, ConfDev* dev, bool* lost)
+static void read_filesystem(const IniSection* section, ConfDev* dev, Loading* loading)
 {
     IniValueGuard value;
-    read_value(section, "filesystem", &value, lost);
+    read_value(section, "filesystem", &value, loading);
     dev->filesystem = CONF_DEV_FS_UNKNOWN;
     if (!value)
         return;
@@ -189,17 +233,18 @@ static void read_filesystem(const IniSection* section, ConfDev* dev, bool* lost)
     }
 }
 
-static void read_switch(const IniSection* section, ConfDev* dev, const SwitchKey& row, bool* lost)
+static void read_switch(const IniSection* section, ConfDev* dev, const SwitchKey& row,
+                        Loading* loading)
 {
     IniValueGuard value;
-    read_value(section, row.key, &value, lost);
+    read_value(section, row.key, &value, loading);
     dev->*row.field = string_enable_disable(value.get()) == 1 ? 1 : 0;
 }
 
-static void read_administrator(const IniSection* section, ConfDev* dev, bool* lost)
+static void read_administrator(const IniSection* section, ConfDev* dev, Loading* loading)
 {
     IniValueGuard value;
-    read_value(section, "administrator", &value, lost);
+    read_value(section, "administrator", &value, loading);
     dev->administrator = CONF_DEV_ADMIN_FULL;
     if (!value)
         return;
@@ -209,33 +254,39 @@ static void read_administrator(const IniSection* section, ConfDev* dev, bool* lo
     }
 }
 
-static void read_users(const IniSection* section, ConfDev* dev, const UsersKey& row, bool* lost)
+static void read_users(const IniSection* section, ConfDev* dev, const UsersKey& row,
+                       Loading* loading)
 {
     IniValueGuard value;
-    read_value(section, row.key, &value, lost);
-    if (value)
-        (void)parse_user_list(value.get(), dev->*row.field, lost);
+    read_value(section, row.key, &value, loading);
+    if (!value)
+        return;
+    (void)parse_user_list(value.get(), dev->*row.field, &loading->lost);
+    if (!loading->exact || is_user_list(value.get()))
+        return;
+    char** text = &dev->misread[&row - users_keys];
+    *text = value.take();
 }
 
 // Reads every setting. Returns -1 when the record must be dropped.
-static int read_settings(const IniSection* section, ConfDev* dev, bool* lost)
+static int read_settings(const IniSection* section, ConfDev* dev, Loading* loading)
 {
-    read_text(section, "sharename", sharename_max, &dev->sharename, lost);
-    if (read_path(section, dev, lost) != 0)
+    read_text(section, "sharename", sharename_max, &dev->sharename, loading);
+    if (read_path(section, dev, loading) != 0)
         return -1;
-    read_text(section, "comment", comment_max, &dev->comment, lost);
-    read_filesystem(section, dev, lost);
+    read_text(section, "comment", comment_max, &dev->comment, loading);
+    read_filesystem(section, dev, loading);
     for (const SwitchKey& row : switch_keys)
-        read_switch(section, dev, row, lost);
-    read_administrator(section, dev, lost);
+        read_switch(section, dev, row, loading);
+    read_administrator(section, dev, loading);
     for (const UsersKey& row : users_keys)
-        read_users(section, dev, row, lost);
+        read_users(section, dev, row, loading);
     return 0;
 }
 
 // Appends the record of one section, or nothing for a section that is not usable. Returns -1 when
 // loading must end.
-static int load_section(const IniDoc* doc, const char* name, ConfDevTable* table, bool* lost)
+static int load_section(const IniDoc* doc, const char* name, ConfDevTable* table, Loading* loading)
 {
     ConfDevGuard dev(conf_dev_record_create());
     if (!dev)
@@ -243,14 +294,14 @@ static int load_section(const IniDoc* doc, const char* name, ConfDevTable* table
     if (name == nullptr || name[0] == '\0')
         return 0;
     dev->identifier = strdup(name);
-    *lost |= dev->identifier == nullptr;
+    loading->lost |= dev->identifier == nullptr;
     if (dev->identifier == nullptr)
         return 0;
     conf_dev_record_defaults(dev.get());
     IniSectionGuard section;
     if (ini_section_open(doc, name, section.out()) == -ENOMEM)
         return -1;
-    if (section && read_settings(section.get(), dev.get(), lost) != 0)
+    if (section && read_settings(section.get(), dev.get(), loading) != 0)
         return 0;
     if (vylist_insert(table->list, vylist_end(table->list), dev.get()) == nullptr)
         return -1;
@@ -259,14 +310,14 @@ static int load_section(const IniDoc* doc, const char* name, ConfDevTable* table
 }
 
 // Appends a record for each usable section. Returns 0; -1 when loading had to end.
-static int load_sections(const IniDoc* doc, ConfDevTable* table, bool* lost)
+static int load_sections(const IniDoc* doc, ConfDevTable* table, Loading* loading)
 {
     SectionListGuard sections;
     if (ini_doc_get_section_list(doc, sections.out()) != 0)
         return -1;
     for (vylist_node* node = sections->next; node != vylist_end(sections.get());
          node = node->next) {
-        if (load_section(doc, static_cast<const char*>(node->data), table, lost) != 0)
+        if (load_section(doc, static_cast<const char*>(node->data), table, loading) != 0)
             return -1;
     }
     return 0;
@@ -277,8 +328,8 @@ int conf_dev_load(const char* path, ConfDevTable* table)
     IniDocGuard doc;
     if (ini_doc_load(path, doc.out()) != 0)
         return -1;
-    bool lost = false; // kept: what could be had is worked with
-    return load_sections(doc.get(), table, &lost);
+    Loading loading = {.lost = false, .exact = false}; // kept: what could be had is worked with
+    return load_sections(doc.get(), table, &loading);
 }
 
 int conf_dev_load_whole(const char* path, ConfDevTable* table)
@@ -290,8 +341,8 @@ int conf_dev_load_whole(const char* path, ConfDevTable* table)
     const int result = ini_doc_read(fd.get(), doc.out());
     if (result != 0)
         return result;
-    bool lost = false;
-    return load_sections(doc.get(), table, &lost) != 0 || lost ? -ENOMEM : 0;
+    Loading loading = {.lost = false, .exact = true};
+    return load_sections(doc.get(), table, &loading) != 0 || loading.lost ? -ENOMEM : 0;
 }
 
 // ---- saving ----
@@ -361,9 +412,8 @@ static int write_record(FILE* stream, const ConfDev* dev)
     if (line_write(stream, administrator_line(dev->administrator)) != 0)
         return -1;
     for (const UsersKey& row : users_keys) {
-        if (line_write(stream, row.line) != 0)
-            return -1;
-        if (conf_write_user_list(stream, dev->*row.field) != 0)
+        if (conf_dev_write_users(stream, row.line, dev->*row.field,
+                                 dev->misread[&row - users_keys]) != 0)
             return -1;
     }
     return 0;

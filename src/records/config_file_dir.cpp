@@ -91,9 +91,10 @@ int conf_dir_info(FILE* stream, const char* sharename, const ConfDev* dev)
         return -1;
     for (const UsersLine& row : users_lines) {
         const vylist* users = dev->*row.field;
-        if (users->count == 0)
+        const char* misread = dev->misread[&row - users_lines];
+        if (users->count == 0 && misread == nullptr)
             continue;
-        if (line_write(stream, row.key) != 0 || conf_write_user_list(stream, users) != 0)
+        if (conf_dev_write_users(stream, row.key, users, misread) != 0)
             return -1;
     }
     return 0;

@@ -126,9 +126,8 @@ def share_on_the_network(around, partition):
     if missing:
         say(f"   skipped: {', '.join(missing)} not installed")
         return
-    settings = vyworld.read(vyworld.DEVICE_FILE)
-    vyworld.write(vyworld.DEVICE_FILE, settings.replace("Guest Access=Disable", "Guest Access=Enable"))
-    show("the administrator lets guests in: Guest Access=Enable")
+    run("vyhotplugctl", "unset", "Holiday", "full")
+    run("vyhotplugctl", "set", "Holiday", "guest=yes")
     around.end_service()
     samba = Samba()
     partition.lay_node()
@@ -176,24 +175,24 @@ def main():
     chapter(f"The file-sharing service got its share file ({vyworld.SHARE_FILE}) and a SIGHUP")
     show(vyworld.read(vyworld.SHARE_FILE))
 
-    chapter("What does the service know?")
-    run("vyhotpluginfo", "-l")
-    run("vyhotpluginfo", first.identifier)
+    chapter("What is there?")
+    run("vyhotplugctl")
+    run("vyhotplugctl", "show", "sda1")
 
-    chapter(f"The administrator names the share, in the device file ({vyworld.DEVICE_FILE})")
-    text = vyworld.read(vyworld.DEVICE_FILE)
-    header, rest = text.split("Share Name=\n", 1)
-    vyworld.write(vyworld.DEVICE_FILE, header + "Share Name=Holiday\n" + rest)
-    show(f"[{first.identifier}]\nShare Name=Holiday")
-    around.refresh()
+    chapter("The administrator names the share, and a user who may write")
+    run("vyhotplugctl", "set", "sda1", "share=Holiday", "full=root,daemon")
+    wait_for("the new name", lambda: "[Holiday]" in vyworld.read(vyworld.SHARE_FILE))
     say("   shares are now: " + " ".join(line for line in vyworld.read_lines(vyworld.SHARE_FILE)
                                          if line.startswith("[")))
 
     chapter("Unmount one partition, and mount it again")
-    run("vyunmount", "sda1")
+    with open(first.directory + "/holiday.txt", encoding="utf-8"):
+        say("(a program reads holiday.txt)")
+        run("vyhotplugctl", "unmount", "Holiday")
+    run("vyhotplugctl", "unmount", "Holiday")
     show_mounts()
     first.lay_node()  # on an appliance the node is made anew for the device; here it leads to a loop device
-    run("vymount", "sda1")
+    run("vyhotplugctl", "mount", "Holiday")
     show_mounts()
 
     chapter("The stick is pulled")

@@ -211,6 +211,13 @@ int sys_rename(const char* from, const char* to)
     return failed != 0 ? failed : answer(rename(from, to));
 }
 
+int sys_exchange(const char* a, const char* b)
+{
+    const Lock lock(mutex);
+    const int failed = note("exchange", text_of(a) + " " + text_of(b));
+    return failed != 0 ? failed : answer(renameat2(AT_FDCWD, a, AT_FDCWD, b, RENAME_EXCHANGE));
+}
+
 int sys_fsync(int)
 {
     const Lock lock(mutex);
@@ -335,6 +342,12 @@ pid_t sys_spawn(const char* file, char* const argv[], const int stdio[3])
         return -errno;
     state.children[state.next_pid] = {run};
     return state.next_pid++;
+}
+
+// The preparing is the child's, and there is none here.
+pid_t sys_spawn_prepared(const char* file, char* const argv[], const int stdio[3], bool (*)())
+{
+    return sys_spawn(file, argv, stdio);
 }
 
 // ---- clocks and waiting ----

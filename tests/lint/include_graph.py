@@ -21,6 +21,7 @@ MAY_INCLUDE = {
 COMPANIONS_MAY_INCLUDE = {
     "common": set(),
     "agent": {"common"},
+    "ctl": {"common", "records"},
     "label": {"common"},
     "prepare": {"common"},
     "samba": {"common"},

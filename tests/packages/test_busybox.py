@@ -47,6 +47,10 @@ class BusyboxScript(Machine):
         self.assertEqual(len(self.pids_of("vyhotplugd")), 1)
         self.assertEqual(len(self.pids_of("vyhotplug-agent")), 1)
 
+    def test_the_service_has_no_more_descriptors_than_it_can_wait_for(self):
+        limits = self.read(f"/proc/{self.pids_of('vyhotplugd')[0]}/limits")
+        self.assertRegex(limits, r"Max open files\s+1024\s+1024\s")
+
     def test_the_kernel_looks_into_card_readers(self):
         self.assertEqual(vyworld.read(debian_world.READER_POLL), "2000\n")
         self.write(debian_world.READER_POLL, "500\n")
@@ -130,6 +134,7 @@ class BusyboxScript(Machine):
     def test_mdev_tells_the_agent(self):
         """As the kernel's helper for each event, with the line of the example."""
         shutil.copy("/usr/share/doc/vyhotplugd/examples/appliance/mdev.conf", "/etc/mdev.conf")
+        self.run_ok("umount", "/media/vyhotplug/sda1")  # it has outlived the restart
         for path, what in (("/run/started", self.stick.events("add")), ("/run/gone", self.stick.events("remove"))):
             if path == "/run/started":
                 self.wait_for_mounts()

@@ -15,6 +15,9 @@ from machine import (ANNA, APT_INSTALL, DEVICE_FILE, INCLUDED, INSTALL_GUIDE, NO
                      SETTINGS_COPY, SHARE_FILE, SHARE_SERVICE_PID, Machine, Stick)
 
 
+NOT_MOUNTED = "/run/vyhotplugd/not-mounted"
+
+
 class UnitLines(Machine):
     """The command lines of the unit files do what they should, whoever runs them."""
 
@@ -125,8 +128,27 @@ class Systemd(Machine):
             self.run_ok("systemctl", "is-enabled", unit)
 
     def test_they_see_the_mounts_of_everybody(self):
-        for name in ("vyhotplugd", "vyhotplug-agent", "vynas-samba"):
+        for name in ("vyhotplugd", "vynas-samba"):
             self.assertEqual(os.readlink(f"/proc/{self.pids_of(name)[0]}/ns/mnt"), os.readlink("/proc/1/ns/mnt"))
+        self.assertIn("master:", self.read(f"/proc/{self.pids_of('vyhotplug-agent')[0]}/mountinfo"))
+
+    def test_they_may_do_little_else(self):
+        for unit in ("vyhotplug-agent.service", "vyhotplugd-settings.service", "vynas-samba.service"):
+            text = self.run_any("systemd-analyze", "security", "--no-pager", unit)[1]
+            exposure = float(re.search(r"Overall exposure level for \S+: ([\d.]+)", text)[1])
+            self.tell(f"{unit}: {exposure}")
+            self.assertLess(exposure, 3.5, unit)
+        for name in ("vyhotplug-agent", "vynas-samba"):
+            status = self.read(f"/proc/{self.pids_of(name)[0]}/status")
+            self.assertIn("\nNoNewPrivs:\t1\n", status, name)
+            self.assertIn("\nSeccomp:\t2\n", status, name)
+
+    def test_the_service_has_no_more_descriptors_than_it_can_wait_for(self):
+        limits = self.read(f"/proc/{self.pids_of('vyhotplugd')[0]}/limits")
+        self.assertRegex(limits, r"Max open files\s+1024\s+1024\s")
+
+    def test_the_bridge_comes_before_busy_programs(self):
+        self.assertEqual(os.getpriority(os.PRIO_PROCESS, self.pids_of("vynas-samba")[0]), -15)
 
     def test_sticks_are_shared(self):
         self.run_ok("vynas-samba-setup", "enable")
@@ -135,14 +157,27 @@ class Systemd(Machine):
                            p2=("ntfs", "Films", {"b.txt": "two\n"}))
         self.plug(self.stick)
         self.wait_for_shares("Drive(A1)", "Films(A2)", who=ANNA)
+        mounts = self.read(f"/proc/{self.pids_of('vyhotplug-agent')[0]}/mountinfo")
+        for partition in self.stick.partitions:
+            self.assertIn(f" {partition.directory} ", mounts, "the agent sees it too")
+
+    def test_why_a_disk_is_not_mounted_is_found_out_with_few_rights(self):
+        stick = Stick(self, "c", "SWAP", p1=("ext4", None, {}))
+        node = "/dev/" + stick.partitions[0].name
+        vyworld.run("mkswap", stick.partitions[0].loop.path)
+        os.mknod(node, 0o60600, stick.partitions[0].loop.device)
+        self.addCleanup(os.unlink, node)
+        self.plug(stick)
+        self.wait_until("the agent tells", lambda: os.path.exists(NOT_MOUNTED) and "swap" in self.read(NOT_MOUNTED))
+        self.tell(self.read(NOT_MOUNTED))
+        stick.take_out()
+        os.kill(self.pids_of("vyhotplug-agent")[0], signal.SIGHUP)
+        self.wait_until("it forgets", lambda: not os.path.exists(NOT_MOUNTED) or "swap" not in self.read(NOT_MOUNTED))
 
     def test_the_guides_commands_name_a_share_and_open_it(self):
         """What docs/install.md tells the newcomer to type."""
-        commands, = re.findall("^cd /run/vyhotplugd/files\n(?:sed .*\n)+systemctl reload .*\n", INSTALL_GUIDE,
-                               re.MULTILINE)
-        self.assertIn("1234:00ab:ABC:1", commands)
-        self.shell(commands.replace("1234:00ab:ABC:1", self.stick.partitions[0].identifier)
-                   .replace("Music", "Cinema"))
+        command, = re.findall("^vyhotplugctl set .*$", INSTALL_GUIDE, re.MULTILINE)
+        self.shell(command.replace("Music", "Cinema"))
         self.wait_for_shares("Cinema", "Films(A2)", who=ANNA)
         self.wait_until("a guest reads", lambda: self.fetch("Cinema", "a.txt") == "one\n")
 
@@ -162,8 +197,9 @@ class Systemd(Machine):
         """What its processes and the service manager have logged of a unit."""
         return self.run_ok("journalctl", "--quiet", "--output=cat", "--unit", unit).splitlines()
 
-    def test_saving_them_logs_nothing(self):
-        self.assertEqual(self.journal("vyhotplugd-settings.service"), [])
+    def test_saving_them_logs_what_it_replaces_and_nothing_else(self):
+        for line in self.journal("vyhotplugd-settings.service"):
+            self.assertRegex(line, "settings are gone or changed, those of before are in .*/hotplug.dev.conf.1$")
         self.assertIn("Started vyhotplugd.service - Storage hotplug service.", self.journal("vyhotplugd.service"))
 
     def test_nothing_is_logged_at_debug_level(self):
@@ -234,6 +270,31 @@ class Systemd(Machine):
         self.run_ok("systemctl", "start", "vynas-samba")
         self.wait_for_shares("Cinema", "Films(A2)", who=ANNA)
 
+    def times_closed(self):
+        return self.run_ok("journalctl", "--output=cat", "--identifier", "vynas-samba").count("close share")
+
+    @staticmethod
+    def mounts_of_sticks():
+        return [line for line in vyworld.read_lines("/proc/self/mountinfo") if " /media/vyhotplug/" in line]
+
+    def test_nobody_notices_a_restart(self):
+        """The service's, by an administrator and by a crash, and that of all, as in an upgrade."""
+        self.wait_for_shares("Cinema", "Films(A2)", who=ANNA)
+        mounts, closed = self.mounts_of_sticks(), self.times_closed()
+        self.assertEqual(len(mounts), 2)
+        for units in (["vyhotplugd"], ["vyhotplugd", "vynas-samba"]):
+            written = self.read(SHARE_FILE)
+            self.run_ok("systemctl", "restart", *units)
+            self.wait_until("a share file without them", lambda: "Path=" not in self.read(SHARE_FILE))
+            self.wait_until("they are told of again", lambda: self.read(SHARE_FILE).count("Path=/media/") == 2)
+            self.assertEqual(self.read(SHARE_FILE), written)
+            self.assertEqual(self.fetch("Films(A2)", "b.txt", ANNA), "two\n")
+        os.kill(self.pids_of("vyhotplugd")[0], signal.SIGKILL)
+        self.wait_until("a share file without them", lambda: "Path=" not in self.read(SHARE_FILE))
+        self.wait_until("they are told of again", lambda: self.read(SHARE_FILE).count("Path=/media/") == 2)
+        self.assertEqual(self.mounts_of_sticks(), mounts)
+        self.assertEqual(self.times_closed(), closed)
+
     def test_a_restart_shares_everything_again(self):
         agent = self.pids_of("vyhotplug-agent")
         begun = time.monotonic()
@@ -291,6 +352,25 @@ class Systemd(Machine):
         self.wait_for_mounts("sda1", "sda2")
         self.wait_for_shares("Cinema", "Films(A2)", who=ANNA)
         self.assertEqual(os.stat("/media/vyhotplug/sda2/b.txt").st_gid, 60)
+
+    def test_the_service_works_with_fewer_rights(self):
+        """The drop-in of the documentation."""
+        folder = "/etc/systemd/system/vyhotplugd.service.d"
+        os.makedirs(folder)
+        shutil.copy("/usr/share/doc/vyhotplugd/docs/examples/hardened.conf", folder)
+        self.run_ok("systemctl", "daemon-reload")
+        self.run_ok("systemctl", "restart", "vyhotplugd")
+        self.assertIn("\nSeccomp:\t2\n", self.read(f"/proc/{self.pids_of('vyhotplugd')[0]}/status"))
+        self.wait_for_mounts("sda1", "sda2")
+        self.wait_for_shares("Cinema", "Films(A2)", who=ANNA)
+        self.run_ok("vyunmount", "sda2")
+        self.wait_until("it is unmounted", lambda: self.mounted() == {"sda1"})
+        self.run_ok("vymount", "sda2")
+        self.wait_for_shares("Cinema", "Films(A2)", who=ANNA)
+        shutil.rmtree(folder)
+        self.run_ok("systemctl", "daemon-reload")
+        self.run_ok("systemctl", "restart", "vyhotplugd")
+        self.wait_for_shares("Cinema", "Films(A2)", who=ANNA)
 
     def test_the_init_script_hands_over_to_systemd(self):
         old = self.pids_of("vyhotplugd")

@@ -2,6 +2,7 @@
 
 import os
 import re
+import shutil
 import subprocess
 
 import vyworld
@@ -70,7 +71,7 @@ class Administration(SystemTest):
         self.start_daemon()
         self.plug(self.make_partition("sda1", SID="ABC"), self.make_partition("sdb1"))
         refreshes = self.service.count()
-        shown = self.run_block("cd /run/vyhotplugd/files\n" + block("administration.md", words))
+        shown = self.run_block("cd /run/vyhotplugd/files\n" + block("device-file.md", words))
         self.wait_for_refresh(refreshes + 1)
         return shown
 
@@ -85,11 +86,34 @@ class Administration(SystemTest):
         self.assertIn("[Drive(B1)]\n", read(vyworld.SHARE_FILE))
         self.assertEqual(read(vyworld.DEVICE_FILE).count("Share Name=Music\n"), 1)
 
-    def test_a_folder_of_the_box_is_shared(self):
-        text = read(os.path.join(DOCS, "administration.md"))
-        section = re.search(r"^```\n(\[disk:photos\]\n.*?)^```$", text, re.DOTALL | re.MULTILINE)[1]
-        write(vyworld.DEVICE_FILE, section)
+    # ---- vyhotplugctl ----
+
+    def ctl_lines(self, beginning):
+        """Lines of the page with that beginning, run by a shell."""
+        shutil.copy(os.path.join(os.environ["VY_BIN"], "vyhotplugctl"), vyworld.PROGRAMS)
+        lines = [line for line in read(os.path.join(DOCS, "administration.md")).splitlines()
+                 if line.startswith("vyhotplugctl " + beginning)]
+        self.assertTrue(lines, beginning)
+        for line in lines:
+            vyworld.run("sh", "-ec", line)
+
+    def test_settings_are_changed_as_it_is_told(self):
         self.start_daemon()
+        self.plug(self.make_partition("sda1", SID="ABC"), self.make_partition("sdb1"))
+        self.ctl_lines("set sda1")
+        self.assertIn("Share Name=Music\nComment=Living room\n", read(vyworld.DEVICE_FILE))
+        self.ctl_lines("unset Music")
+        self.assertIn("Share Name=Music\nComment=\n", read(vyworld.DEVICE_FILE))
+        self.ctl_lines("eject Music")
+        self.assertEqual(vyworld.mounted_names(), ["sdb1"])
+        self.ctl_lines("forget Music")
+        self.assertNotIn("Music", read(vyworld.DEVICE_FILE))
+
+    def test_a_folder_of_the_box_is_shared(self):
+        self.start_daemon()
+        refreshes = self.service.count()
+        self.ctl_lines("set disk:photos")
+        self.wait_for_refresh(refreshes + 1)
         self.assertEqual(read(vyworld.SHARE_FILE),
                          "[Photos]\nRead Only=Enable\nPath=/srv/photos\n"
                          "Comment=Internal Disk\nIdentifier=disk:photos\n")

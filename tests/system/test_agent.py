@@ -9,7 +9,7 @@ import subprocess
 import time
 
 import vyworld
-from agent_world import AGENT_TRACE, PROC, STATE, STICK_ITEMS, SYSFS, AgentTest, FakeDaemon
+from agent_world import AGENT_TRACE, PROC, RECORD, STATE, STICK_ITEMS, SYSFS, AgentTest, FakeDaemon
 
 NETLINK_KOBJECT_UEVENT = 15
 KERNEL_GROUP = 1
@@ -375,6 +375,80 @@ class RealDaemon(AgentTest):
         self.wait_for_mount(2)
 
 
+    def test_where_the_daemons_queue_is_full_a_stick_is_announced_later(self):
+        self.write_config(strict="enable")
+        self.start_daemon()
+        busy = self.make_partition("sdb1")
+        self.hold_hook()
+        vyworld.send(busy.add_message())
+        self.wait_until("the hook holds the daemon up", lambda: self.log.matching(r"^daemon\(#\)action 1 "))
+        refused = 0
+        while refused == 0:  # some 4,096 are taken
+            connection = vyworld.connect()
+            connection.sendall(b"ACTION=remove,MAJOR=8,MINOR=250\0")
+            try:
+                connection.recv(1)
+            except ConnectionResetError:
+                refused += 1
+            connection.close()
+        self.start_agent("--proc", "/proc")
+        self.wait_until("its message is reset", lambda: self.log.matching(
+            r"^courier\(#\)message not delivered, will be sent again \((Connection reset by peer|Broken pipe)\)"))
+        self.assertEqual(vyworld.mounted_names(), ["sdb1"])
+        self.let_hook_go()
+        self.wait_until("it is mounted", lambda: self.mounted())
+        self.assertEqual(len(self.mounted()), 1)
+        self.assertEqual(self.log.matching(r"^monitor\(#\)the daemon has gone"), [])
+
+
+class Stranger(AgentTest):
+    """Another user has taken the daemon's name while it was away."""
+
+    USER = 1234
+
+    def setUp(self):
+        super().setUp()
+        self.sysfs.add_stick("sda")
+        vyworld.write(RECORD, "")
+        os.chmod(RECORD, 0o666)
+
+    def test_is_told_nothing_and_the_daemon_everything(self):
+        stranger = FakeDaemon(self, user=self.USER)
+        self.start_agent()
+        told = (rf"courier\(#\)process {stranger.process.pid} of user {self.USER} listens in the daemon's place and "
+                "is not believed")
+        self.wait_until("it is told of", lambda: self.log.matching(told))
+        self.wait_until("it is tried again", lambda: len(self.connections()) > 3)
+        self.assertEqual(set(self.connections()), {None})
+        self.assertEqual(len(self.log.matching(told)), 1)
+        stranger.kill()
+        FakeDaemon(self)
+        self.wait_for_told("+8:0", "+8:1")
+
+    def test_gets_nothing_of_what_the_daemon_before_was_told(self):
+        daemon = FakeDaemon(self)
+        self.start_agent()
+        self.wait_for_told("+8:0", "+8:1")
+        daemon.kill()
+        stranger = FakeDaemon(self, user=self.USER)
+        self.wait_until("it is told of", lambda: self.log.matching("is not believed"))
+        self.sysfs.remove("sda")
+        os.kill(self.agent.pid, signal.SIGHUP)
+        self.settle()
+        self.assertEqual(self.told(), ["+8:0", "+8:1"])
+        stranger.kill()
+        self.sysfs.add_stick("sdb")
+        FakeDaemon(self)
+        self.wait_for_told("+8:0", "+8:1", "+8:16", "+8:17")
+
+    def test_is_told_nothing_by_a_scan(self):
+        FakeDaemon(self, user=self.USER)
+        done = self.run_agent("--scan", "--wait", "1")
+        self.assertEqual(done.status, 1)
+        self.assertEqual(set(self.connections()), {None})
+        self.wait_for_log("errand(#)the daemon cannot be reached, 2 messages dropped")
+
+
 class Once(AgentTest):
     def once(self, action, devpath, major, minor, **items):
         done = self.run_agent("--once", event={
@@ -548,8 +622,8 @@ class CommandLine(AgentTest):
         version = self.tool("vyhotplugd", "-v").err.split()[3]
         done = self.tool("vyhotplug-agent", "--version")
         self.assertEqual((done.status, done.err), (0, ""))
-        number = ".".join(version.split(".")[:3])
-        self.assertRegex(done.out, rf"^vyhotplug-agent {number}-\w+\n$")
+        number = re.escape(re.sub(r"\.(alpha|beta|rc)", r"~\1", version.removesuffix("-bk")))
+        self.assertRegex(done.out, rf"^vyhotplug-agent {number}(\+\d+)?(\.g[0-9a-f]+)?(\.dirty)?\n$")
 
     def test_the_agent_explains_itself(self):
         done = self.tool("vyhotplug-agent", "--help")

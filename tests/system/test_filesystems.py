@@ -168,6 +168,61 @@ exec {driver} "$@"
         self.assertEqual(partition.read_file("readme.txt"), "this is sda1\n")
 
 
+class Others(SystemTest):
+    """Filesystems of otherfs, as far as the machine's own kernel has them."""
+
+    ALL = "exfat,ntfs3,f2fs,btrfs,xfs,hfsplus,udf,iso9660"
+
+    def tries(self, **configuration):
+        """What is tried on a medium that nobody takes."""
+        self.write_config(**configuration)
+        self.start_daemon(strace=self.trace())
+        partition = self.make_partition("sda1", filesystem="corrupt")
+        refreshes = self.service.count()
+        vyworld.send(partition.add_message())
+        self.wait_for_refresh(refreshes + 1)
+        calls = self.traced_calls(partition.node)
+        return [call.split('"')[5] for call in calls if call.startswith("mount(")]
+
+    def test_they_are_tried_in_their_order_behind_the_kernels_own(self):
+        self.assertEqual(self.tries(otherfs=self.ALL), ["vfat", "ext4", "ext3", "ext2", *self.ALL.split(",")])
+
+    def test_they_are_tried_in_the_order_in_which_they_are_named(self):
+        self.assertEqual(self.tries(otherfs="udf, xfs,exfat", mountfs="fat"), ["vfat", "udf", "xfs", "exfat"])
+
+    def test_without_the_key_none_is_tried(self):
+        self.assertEqual(self.tries(), ["vfat", "ext4", "ext3", "ext2"])
+
+    def test_what_the_kernels_own_take_costs_no_try_more(self):
+        self.write_config(otherfs=self.ALL)
+        self.start_daemon(strace=self.trace())
+        partition = self.make_partition("sda1", filesystem="ext4")
+        self.plug(partition)
+        tries = [call.split('"')[5] for call in self.traced_calls(partition.node) if call.startswith("mount(")]
+        self.assertEqual(tries, ["vfat", "ext4"])
+
+    def check(self, filesystem):
+        self.write_config(otherfs=self.ALL, labels="all")
+        vyworld.write(vyworld.LABEL, "HOLIDAY\n")
+        self.start_daemon()
+        partition = self.make_partition("sda1", filesystem=filesystem, label="HOLIDAY")
+        self.plug(partition)
+        mount, = vyworld.mounts()
+        self.assertEqual((mount.source, mount.type), (partition.node, filesystem))
+        self.assertIn("nodev", mount.options)
+        vyworld.write(partition.directory + "/Grüße", "new\n")
+        self.assertEqual(partition.read_file("Grüße"), "new\n")
+        self.assertEqual(vyworld.read_table(), partition.table_line(filesystem))
+        self.unplug(partition)
+        self.assert_no_trace(partition)
+
+    def test_btrfs_is_mounted(self):
+        self.check("btrfs")
+
+    def test_xfs_is_mounted(self):
+        self.check("xfs")
+
+
 class ReadOnly(SystemTest):
     def check_told(self, partition):
         mount, = vyworld.mounts()

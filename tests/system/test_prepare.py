@@ -88,6 +88,15 @@ def plant(path, what, owner=SOMEBODY):
     os.chown(path, owner, owner, follow_symlinks=False)
 
 
+def set_kernel(protected):
+    """What the kernel's settings for directories such as /tmp read here; they are the whole machine's."""
+    vyworld.write("/etc/kernel.setting", f"{int(protected)}\n")
+    for name in ("symlinks", "regular", "fifos"):
+        path = f"/proc/sys/fs/protected_{name}"
+        if vyworld.libc.mount(b"/etc/kernel.setting", path.encode(), None, MS_BIND, None) != 0:
+            raise OSError(vyworld.ctypes.get_errno(), path)
+
+
 KINDS = ("link", "link to a directory", "file", "pipe", "directory", "empty directory")
 
 
@@ -105,6 +114,7 @@ class Prepare(SystemTest):
         super().setUp()
         for folder in (vyworld.MOUNT_DIR, vyworld.DEVICE_DIR):
             os.rmdir(folder)
+        set_kernel(protected=True)
         shutil.copy(os.path.join(os.environ["VY_BIN"], "vyhotplug-prepare"), vyworld.PROGRAMS)
 
     def prepare(self, *arguments, status=0):
@@ -420,7 +430,204 @@ class Leftovers(Prepare):
         self.check_all_anew(partitions)
 
 
+class StaysMounted(Prepare):
+    """With adopt: what is plugged stays, as if the service had not been away."""
+
+    def setUp(self):
+        super().setUp()
+        self.write_config(adopt="enable")
+
+    def start_with(self, *filesystems):
+        self.prepare()
+        self.start_daemon()
+        found = [self.make_partition(f"sd{'abc'[number]}1", filesystem)
+                 for number, filesystem in enumerate(filesystems)]
+        self.plug(*found)
+        return found
+
+    def end(self, number=signal.SIGKILL):
+        """The service's end, and what its unit and its init script run then."""
+        self.daemon.signal(number)
+        self.daemon.process.wait(LIMIT)
+        self.prepare("--save")
+
+    def numbers(self, partition):
+        device = os.stat(partition.directory).st_dev
+        return f"{os.major(device)}:{os.minor(device)}"
+
+    def hide_devices(self):
+        """The kernel's devices as the test makes them."""
+        mount_tmpfs("/sys/dev/block", "mode=755")
+
+    def assert_taken_off(self, partition, told, reason):
+        self.assertEqual(told, f"vyhotplug-prepare: {partition.directory} does not stay mounted: {reason}\n"
+                               f"vyhotplug-prepare: {partition.directory} is unmounted\n")
+        self.assertFalse(os.path.lexists(partition.directory))
+        self.assertFalse(os.path.lexists(partition.node))
+
+    def check_taken_over(self, filesystem, number):
+        partition, = self.start_with(filesystem)
+        mounts = vyworld.read("/proc/self/mountinfo")
+        shares = vyworld.read(SHARES)
+        signals = self.service.count()
+        with open(partition.directory + "/readme.txt", encoding="utf-8") as held:
+            self.end(number)
+            self.assertEqual(self.prepare(), "")
+            self.assertEqual(vyworld.read("/proc/self/mountinfo"), mounts)
+            self.assertEqual(vyworld.read(SHARES), shares)
+            self.assertEqual(self.service.count(), signals)
+            self.start_daemon()
+            self.plug(partition)
+            self.wait_for_log(f"daemon(#)adopt {partition.node} {partition.directory}")
+            self.assertEqual(vyworld.read("/proc/self/mountinfo"), mounts)
+            self.assertEqual(held.read(), "this is sda1\n")
+        self.unplug(partition)
+        self.assert_no_trace(partition)
+
+    def test_over_the_services_end(self):
+        self.check_taken_over("ext4", signal.SIGTERM)
+
+    def test_over_a_killed_service(self):
+        self.check_taken_over("ext4", signal.SIGKILL)
+
+    def test_on_ntfs_over_a_killed_service(self):
+        self.require_filesystem("ntfs")
+        self.check_taken_over("ntfs", signal.SIGKILL)
+
+    def test_over_several_ends(self):
+        partition, = self.start_with("ext4")
+        mounts = vyworld.read("/proc/self/mountinfo")
+        for _ in range(3):
+            self.end()
+            self.assertEqual(self.prepare(), "")
+            self.assertEqual(vyworld.read("/proc/self/mountinfo"), mounts)
+            self.start_daemon()
+            self.plug(partition)
+
+    def test_but_not_a_stick_that_was_pulled_meanwhile(self):
+        stays, goes = self.start_with("ext4", "ext4")
+        kept = self.numbers(stays)
+        self.end()
+        where = os.path.realpath("/sys/dev/block/" + kept)
+        self.hide_devices()
+        os.symlink(where, "/sys/dev/block/" + kept)
+        names = {line[5:]: share for share, line in self.shares()}
+        signals = self.service.count()
+        told = self.prepare()
+        self.assert_taken_off(goes, told, "its device is not plugged any more")
+        self.assertEqual(vyworld.mounted_names(), ["sda1"])
+        self.assertTrue(vyworld.read(SHARES).endswith(f"[{names[goes.directory]}]\n"), vyworld.read(SHARES))
+        self.assertEqual(self.service.count(), signals + 1)
+        self.start_daemon()
+        self.plug(stays)
+        self.assertIn(f"Path={stays.directory}\n", vyworld.read(SHARES))
+
+    def shares(self):
+        share = None
+        for line in vyworld.read_lines(SHARES):
+            if line.startswith("["):
+                share = line[1:-1]
+            elif line.startswith("Path="):
+                yield share, line
+
+    def check_swapped(self, **changes):
+        """The device is another, or has another medium, than when its mount was noted."""
+        partition, = self.start_with("ext4")
+        place = "/sys/dev/block/" + self.numbers(partition)
+        self.hide_devices()
+        os.mkdir(place)
+        vyworld.write(place + "/diskseq", "7\n")
+        self.end()
+        self.assertEqual(self.prepare(), "")
+        self.assertEqual(vyworld.mounted_names(), ["sda1"])
+        if changes.get("plugged_anew"):
+            os.rename(place, place + ".old")
+            os.mkdir(place)
+        vyworld.write(place + "/diskseq", changes["sequence"] + "\n")
+        self.prepare("--save")  # somebody edits the settings meanwhile
+        told = self.prepare()
+        self.assert_taken_off(partition, told, "another device or medium is in its place")
+        (share, _), = self.shares()
+        self.assertTrue(vyworld.read(SHARES).endswith(f"[{share}]\n"), vyworld.read(SHARES))
+
+    def test_but_not_another_stick_in_its_place(self):
+        self.check_swapped(plugged_anew=True, sequence="7")
+
+    def test_but_not_another_card_in_the_reader(self):
+        self.check_swapped(sequence="8")
+
+    def test_but_not_what_nothing_was_noted_of(self):
+        partition, = self.start_with("ext4")
+        self.daemon.signal(signal.SIGKILL)
+        self.daemon.process.wait(LIMIT)
+        if os.path.exists("/run/vyhotplugd/mounts"):
+            os.unlink("/run/vyhotplugd/mounts")
+        self.assert_taken_off(partition, self.prepare(), "nothing is noted of its device")
+
+    def test_but_not_a_filesystem_that_is_not_enabled_any_more(self):
+        partition, = self.start_with("ext4")
+        self.end()
+        self.write_config(adopt="enable", mountfs="fat,ntfs")
+        self.assert_taken_off(partition, self.prepare(), "its filesystem is not enabled")
+
+    def test_but_not_where_the_driver_was_killed(self):
+        self.require_filesystem("ntfs")
+        partition, = self.start_with("ntfs")
+        for pid in filter(str.isdigit, os.listdir("/proc")):
+            if vyworld.read(f"/proc/{pid}/comm").strip() == "ntfs-3g":
+                os.kill(int(pid), signal.SIGKILL)
+        self.end()
+        self.assert_taken_off(partition, self.prepare(), "its driver does not answer")
+
+    def test_but_not_without_the_key(self):
+        partition, = self.start_with("ext4")
+        self.end()
+        self.write_config()
+        told = self.prepare()
+        self.assertEqual(told, f"vyhotplug-prepare: {partition.directory} is unmounted\n")
+        self.assertEqual(vyworld.mounted_names(), [])
+
+
 class Lock(Prepare):
+    HOLDER = """
+import fcntl, os, sys, time
+file = os.open(sys.argv[1], os.O_RDONLY)
+fcntl.flock(file, fcntl.LOCK_EX | fcntl.LOCK_NB)
+print(flush=True)
+time.sleep(1000)
+"""
+
+    def hold_as(self, user):
+        holder = subprocess.Popen([sys.executable, "-c", self.HOLDER, vyworld.PID_FILE], user=user, group=user,
+                                  extra_groups=[], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
+        self.addCleanup(holder.stdout.close)
+        self.addCleanup(holder.wait)
+        self.addCleanup(holder.kill)
+        return holder.stdout.readline() == b"\n"
+
+    def test_of_another_user_keeps_nobody_from_starting(self):
+        vyworld.write(vyworld.PID_FILE, "1\n", 0o1204)
+        self.assertTrue(self.hold_as(SOMEBODY))
+        told = self.prepare()
+        self.assertEqual(told, "vyhotplug-prepare: /var/run/vyhotplugd.pid was locked by somebody who is not root, "
+                               "it is made anew\n")
+        self.assert_all_is_ready()
+        self.start_daemon()
+        self.assert_alive()
+
+    def test_of_root_keeps_it_from_its_work(self):
+        vyworld.write(vyworld.PID_FILE, "1\n")
+        self.assertTrue(self.hold_as(0))
+        self.prepare(status=1)
+        self.assertFalse(os.path.lexists(HOOK_LINK))
+
+    def test_is_out_of_other_users_reach(self):
+        self.prepare()
+        self.start_daemon()
+        self.assertEqual(stat.S_IMODE(os.stat(vyworld.PID_FILE).st_mode), 0o600)
+        self.assertFalse(self.hold_as(SOMEBODY))
+        self.assertEqual(vyworld.read(vyworld.PID_FILE), f"{self.daemon.pid}\n")
+
     def test_while_the_service_runs_nothing_is_touched(self):
         self.prepare()
         self.start_daemon()
@@ -445,6 +652,66 @@ class Lock(Prepare):
         with open(vyworld.PID_FILE, "rb") as file:
             fcntl.flock(file, fcntl.LOCK_EX | fcntl.LOCK_NB)  # it has let go
             self.prepare(status=1)
+
+
+class Mistakes(Prepare):
+    def test_in_the_configuration_are_told_with_line_and_right_word(self):
+        self.write_config(defualtgid="100", mountfs="fat,ntsf", defaultdirectorypermission="rwxrwxr-x", strict="enabel")
+        lines = vyworld.read_lines(CONFIG)
+        told = self.prepare()
+        for wrong, text in (
+                ("defualtgid", "defualtgid is no key, write defaultgid; it is passed over"),
+                ("mountfs", "mountfs: ntsf is no word for it, write ntfs; it is passed over"),
+                ("defaultdirectorypermission",
+                 "defaultdirectorypermission: rwxrwxr-x is no number, write 775; 775 is taken"),
+                ("strict", "strict: enabel is no word for it, write enable; enable is taken")):
+            number, = (at for at, line in enumerate(lines, 1) if line.split("=")[0].strip() == wrong)
+            self.assertIn(f"vyhotplug-prepare: {CONFIG}:{number}: {text}\n", told)
+            self.wait_until("it is logged once", lambda text=text: len(self.log.matching(text)) == 1)
+        self.assertEqual(len(told.splitlines()), 4)
+
+    def test_in_the_mount_flags_are_told_once(self):
+        self.write_config(mountflags="nosiud")
+        told = self.prepare()
+        self.assertEqual(len(told.splitlines()), 1)
+        self.wait_until("it is logged", lambda: self.log.matching("mountflags: nosiud is no word for it"))
+        self.assertEqual(self.log.matching("Unknown Mount Flag"), [])
+
+    def test_are_not_in_what_is_delivered(self):
+        top = os.path.dirname(os.path.dirname(vyworld.FOLDER))
+        for path in ("packaging/vyhotplugd.conf", "docs/examples/vyhotplugd.conf"):
+            text = vyworld.read(os.path.join(top, path))
+            vyworld.write(CONFIG, text)
+            self.assertEqual(self.prepare(), "", path)
+
+    def test_a_name_in_a_list_of_ids_is_told_with_its_number_and_kept(self):
+        with open("/etc/passwd", "a", encoding="utf-8") as users:
+            users.write("anna:x:1001:1001::/nonexistent:/bin/sh\n")
+        self.prepare()
+        self.start_daemon()
+        partition = self.make_partition("sda1")
+        self.plug(partition)
+        self.prepare("--save")
+        text = vyworld.read(DEVICES).replace("Full Access Users=", "Full Access Users=anna")
+        number = text.splitlines().index("Full Access Users=anna") + 1
+        vyworld.write(DEVICES + ".mine", text)
+        os.rename(DEVICES + ".mine", DEVICES)
+        self.assertEqual(self.prepare("--save"), f"vyhotplug-prepare: {DEVICES}:{number}: [{partition.identifier}] "
+                         "FullAccessUsers: anna is no user id, write 1001 for anna; it is passed over\n")
+        self.assertEqual(vyworld.read(COPY), text)
+        count = self.service.count()
+        self.daemon.signal(signal.SIGHUP)
+        self.wait_for_refresh(count + 1)
+        self.assertNotIn("anna", vyworld.read(DEVICES))
+        self.prepare("--save")
+        self.assertEqual(vyworld.read(COPY + ".1"), text)
+
+    def test_of_the_kernel_are_warned_of(self):
+        set_kernel(protected=False)
+        told = self.prepare()
+        self.assertEqual(told.splitlines(), [
+            f"vyhotplug-prepare: fs.protected_{name} is 0, the kernel does not keep root from what others lay in "
+            "/tmp: set it to 1" for name in ("symlinks", "regular", "fifos")])
 
 
 class Settings(Prepare):
@@ -545,6 +812,35 @@ class Settings(Prepare):
         self.assertGreater(killed, 2)
         self.prepare("--save")
         self.assertEqual(vyworld.read(COPY), new)
+
+
+    def test_that_were_lost_are_in_the_generations(self):
+        self.prepare()
+        for number in range(8):
+            vyworld.write(DEVICES, SETTINGS.replace("Music", f"Music {number}"))
+            self.prepare("--save")
+        vyworld.write(DEVICES, "[1:2::1]\nShare Name=\n")  # all of them
+        self.prepare("--save")
+        self.assertEqual([vyworld.read(f"{COPY}.{number}") for number in range(1, 6)],
+                         [SETTINGS.replace("Music", f"Music {number}") for number in (7, 6, 5, 4, 3)])
+        self.assertEqual(sorted(os.listdir(COPY_FOLDER)),
+                         ["hotplug.dev.conf", *(f"hotplug.dev.conf.{number}" for number in range(1, 6))])
+        shutil.copy(COPY + ".1", DEVICES)  # as the administrator brings them back
+        self.prepare("--save")
+        self.assertIn("Music 7", vyworld.read(COPY))
+
+    def test_of_plugged_sticks_alone_make_no_generation(self):
+        self.prepare()
+        vyworld.write(DEVICES, SETTINGS)
+        self.start_daemon()
+        for name in ("sda1", "sdb1"):
+            self.prepare("--save")
+            partition = self.make_partition(name)
+            self.plug(partition)
+            self.prepare("--save")
+            self.unplug(partition)
+            self.prepare("--save")
+        self.assertEqual(os.listdir(COPY_FOLDER), ["hotplug.dev.conf"])
 
 
 class OtherFilesystems(Prepare):

@@ -130,16 +130,29 @@ class Program(BridgeTest):
 
     def test_its_own_configuration(self):
         vyworld.write(OWN_CONFIG, "includepath = /tmp/other/include.conf\nadministrator = anna\n"
-                                  "force user = media\n")
+                                  "force user = nobody\n")
         vyworld.write(SHARE_FILE, share("A", FIXED, Administrator="Block"))
         self.assertEqual(self.run_bridge("--once").status, 0)
         text = vyworld.read("/tmp/other/include.conf")
         self.assertIn("\tinvalid users = anna\n", text)
-        self.assertIn("\tforce user = media\n", text)
+        self.assertIn("\tforce user = nobody\n", text)
 
-    def test_smbcontrol_is_told_in_order(self):
+    def test_nothing_is_shared_in_the_name_of_a_user_who_is_not_there(self):
+        vyworld.write(OWN_CONFIG, "forceuser = media\n")
+        vyworld.write(SHARE_FILE, share("A", FIXED, Guest_Access="Enable"))
+        self.start_bridge()
+        self.assertEqual(self.exported(), [])
+        line = "bridge(#)there is no user media (forceuser): nothing is exported"
+        self.signal_bridge()
+        self.assertEqual(len(self.wait_for_log(line)), 1)
+        with open("/etc/passwd", "a", encoding="utf-8") as file:
+            file.write("media:x:5100:100::/tmp:/bin/false\n")
+        self.signal_bridge()
+        self.assertEqual(self.exported(), ["A"])
+
+    def test_smbcontrol_is_told_of_each_change(self):
         calls = "/tmp/smbcontrol.calls"
-        vyworld.write("/tmp/control", f'#!/bin/sh\necho "$*" >>{calls}\n', 0o755)
+        vyworld.write("/tmp/control", f'#!/bin/sh\n[ $2 = reload-config ] || sleep 0.5\necho "$*" >>{calls}\n', 0o755)
         vyworld.write(OWN_CONFIG, "smbcontrol = /tmp/control\n")
         vyworld.write(SHARE_FILE, share("A b", FIXED) + share("C", FIXED))
         self.start_bridge()
@@ -490,7 +503,8 @@ class Testparm(SambaTest):
     PIECES = [*HOSTILE_NAMES, *HOSTILE_COMMENTS, "a", "B", "Disk(0)", "[", "]", "=", ",", "\t", " ",
               "\\", "%", "include = /etc/passwd", "path = /etc", "\u0130", "\u01c4", "stra\u00dfe",
               "STRASSE", "\u212a", "k", "K", "x" * 90, "\u00e9" * 50]
-    IDS = ["0", "5001", "5002", "5003", "65534", "99999", "x", "", " 5004 ", "-1", "99999999999"]
+    IDS = ["0", "5001", "5002", "5003", "65534", "99999", "", " 5004 ", "007"]
+    WRONG_IDS = ["x", "-1", "99999999999", "anna", "5 001"]
 
     def make_text(self, dice):
         """A share file, and the directories that its shares may lead to."""
@@ -498,7 +512,10 @@ class Testparm(SambaTest):
             return "".join(dice.choice(self.PIECES) for _ in range(dice.randint(0, 3)))
 
         def ids():
-            return ",".join(dice.choice(self.IDS) for _ in range(dice.randint(0, 6)))
+            found = [dice.choice(self.IDS) for _ in range(dice.randint(0, 6))]
+            if dice.random() < 0.05:
+                found.insert(dice.randint(0, len(found)), dice.choice(self.WRONG_IDS))
+            return ",".join(found)
 
         def switch():
             return dice.choice(["Enable", "Disable", "", piece()])

@@ -239,6 +239,18 @@ class Files(StrictTest):
         os.chmod(DEVICE_FILE, 0o644)
         self.wait_until("the refresh is made up for", lambda: "[Photos]\n" in vyworld.read(SHARE_FILE))
 
+    def test_a_name_where_a_number_belongs_is_not_lost(self):
+        self.start_strict()
+        stick = self.make_partition("sda1")
+        self.plug(stick)
+        settings = vyworld.read(DEVICE_FILE).replace("Full Access Users=\n", "Full Access Users=anna\n")
+        vyworld.write(DEVICE_FILE + ".new", settings, 0o644)
+        os.rename(DEVICE_FILE + ".new", DEVICE_FILE)
+        for _ in range(2):
+            self.refresh()
+            self.assertIn("Full Access Users=anna\n", vyworld.read(SHARE_FILE))
+            self.assertIn("Full Access Users=anna\n", vyworld.read(DEVICE_FILE))
+
     def test_a_share_file_that_is_no_file_of_roots_is_not_written_through(self):
         self.start_strict()
         stick = self.make_partition("sda1")

@@ -201,14 +201,19 @@ def run(*command, **options):
         raise RuntimeError(f"{command}: {done.stdout.decode(errors='replace')}")
 
 
+SIZES = {"btrfs": 128, "xfs": 320}  # MiB, the least that these take
+
+
 def make_image(path, filesystem, files, label=None):
-    """An image of 8 MiB that holds `files` (name to text); "corrupt" and "empty" hold none."""
+    """An image of 8 MiB or more that holds `files` (name to text); "corrupt", "empty" and "xfs" hold none."""
     with open(path, "wb") as file:
         if filesystem == "empty":
             return
-        file.truncate(8 << 20)
+        file.truncate(SIZES.get(filesystem, 8) << 20)
     if filesystem == "corrupt":
         return
+    if filesystem == "xfs":
+        return run("mkfs.xfs", "-q", "-f", *(["-L", label] if label else []), path)
     content = path + ".content"
     os.mkdir(content)
     for name, text in files.items():
@@ -218,6 +223,8 @@ def make_image(path, filesystem, files, label=None):
             *(["-L", label] if label else []), path)
         for name in files:
             run("ntfscp", "-q", "-f", path, os.path.join(content, name), name)
+    elif filesystem == "btrfs":
+        run("mkfs.btrfs", "-q", "-f", "--rootdir", content, *(["-L", label] if label else []), path)
     else:
         run("mkfs." + filesystem, "-q", "-F", "-m", "0", "-d", content,
             *(["-L", label] if label else []), path)
@@ -607,6 +614,9 @@ echo "${{0##*/}} $*" >> {LABEL_RECORD}
             if name not in known and subprocess.call(
                     ["modprobe", "-q", name], stdin=subprocess.DEVNULL) != 0:
                 self.skipTest(f"this kernel has no {name}")
+        program = f"mkfs.{filesystem}"
+        if filesystem in SIZES and shutil.which(program, path=PATH) is None:
+            self.skipTest(f"{program} is not installed")
         if filesystem == "ntfs" and shutil.which("ntfs-3g", path=PATH) is None:
             self.skipTest("ntfs-3g is not installed")
 

@@ -27,15 +27,20 @@ CACHE = os.path.join(PROJECT, "build", "cache", "vm")
 MODULES = ("usb-storage uas xhci-pci ehci-pci ohci-pci uhci-hcd sd_mod sdhci-pci mmc_block vfat nls_cp437 nls_ascii"
            " nls_iso8859-1 nls_utf8 ext4 crc32c_generic fuse").split()
 
+# Filesystems besides the service's five, loaded by the tests that need them: "sh /vm/load others".
+OTHERS = "crc32_generic exfat f2fs btrfs xfs hfsplus udf isofs".split()
+
 GUEST_FILES = {"init": "init", "vm/load": "load", "etc/vyhotplugd/evhook": "hook",
                "etc/vyhotplugd/vyhotplugd.conf": "vyhotplugd.conf"}
 
 # Where the service and its companions are installed, where their build puts them, and other names of theirs.
-PROGRAMS = {"usr/sbin/vyhotplugd": "vyhotplugd", "usr/sbin/vyhotplug-agent": "vyhotplug-agent",
+PROGRAMS = {"usr/bin/vyhotplugctl": "vyhotplugctl",
+            "usr/sbin/vyhotplugd": "vyhotplugd", "usr/sbin/vyhotplug-agent": "vyhotplug-agent",
             "usr/libexec/vyhotplugd/mlabel": "libexec/mlabel",
             "usr/libexec/vyhotplugd/vyhotplug-prepare": "vyhotplug-prepare"}
 LINKS = {"usr/sbin/vymount": "vyhotplugd", "usr/sbin/vyunmount": "vyhotplugd", "usr/sbin/vyhotpluginfo": "vyhotplugd",
-         "usr/libexec/vyhotplugd/ntfsvlabel": "mlabel", "var/run": "../run"}
+         "usr/libexec/vyhotplugd/ntfsvlabel": "mlabel", "usr/libexec/vyhotplugd/vylabel": "mlabel",
+         "var/run": "../run"}
 
 
 @dataclasses.dataclass
@@ -330,7 +335,7 @@ def make_initramfs(kind, programs, sysroot):
         folders = [os.path.join(sysroot, "lib")]
     for name, program in PROGRAMS.items():
         add_program(archive, name, os.path.join(programs, program), known, folders)
-    for list_name, names in (("order", MODULES), ("more", kind.modules)):
+    for list_name, names in (("order", MODULES), ("more", kind.modules), ("others", OTHERS)):
         order = modules_in_order(kind, names)
         for name, path in order.items():
             archive.copy(f"modules/{name}.ko", path)

@@ -2,6 +2,7 @@
 
 import os
 import shutil
+import struct
 import subprocess
 
 MIB = 1 << 20
@@ -11,7 +12,10 @@ PATH = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
 # Kind of filesystem: MiB it needs at least, its type in a partition table.
 KINDS = {"fat32": (40, "c"), "fat16": (16, "e"), "ext2": (8, "83"), "ext3": (8, "83"), "ext4": (8, "83"),
          "ntfs": (8, "7"), "corrupt": (8, "83"), "empty": (8, "83"), "broken-ext4": (8, "83"),
-         "broken-fat": (40, "c"), "exfat": (8, "7")}
+         "broken-fat": (40, "c"), "signature-exfat": (8, "7"), "exfat": (8, "7"), "f2fs": (64, "83"),
+         "btrfs": (128, "83"), "xfs": (320, "83"), "udf": (8, "7"), "iso9660": (2, "cd"), "swap": (8, "82"),
+         "luks": (20, "83"), "raid": (8, "fd"), "lvm": (8, "8e"), "bitlocker": (8, "7"), "romfs": (8, "83"),
+         "several": (64, "83"), "hibernated": (8, "7")}
 
 RAW_LABEL = "LABELTOWRITE"[:11]
 
@@ -96,12 +100,100 @@ class Filesystem:
         with open(path, "r+b") as file:
             file.write(bytes((n * 89 + n // 256 * 7) & 0xFF for n in range(MIB)))
 
+    # ---- others than the service's five; a file in them is none of `files` but those of an image ----
+
     def _exfat(self, path):
-        """What tells a filesystem that the service does not know; nothing behind it."""
+        if self.kind == "exfat":
+            return run("mkfs.exfat", *self._label("-L"), path)
+        return self._write(path, (0, b"\xeb\x76\x90EXFAT   "), (510, b"\x55\xaa"))  # nothing behind it
+
+    def _f2fs(self, path):
+        run("mkfs.f2fs", "-q", "-f", *self._label("-l"), path)
+
+    def _btrfs(self, path):
+        run("mkfs.btrfs", "-q", "-f", *self._label("-L"), path)
+
+    def _xfs(self, path):
+        run("mkfs.xfs", "-q", "-f", *self._label("-L"), path)
+
+    def _udf(self, path):
+        run("mkudffs", "--utf8", "--media-type=hd", "--blocksize=512", *self._label("--lvid"), path)
+
+    def _iso(self, path):
+        folder = self._content(path)
+        run("genisoimage", "-quiet", "-R", "-J", "-o", path + ".iso", *self._label("-V"), folder)
+        shutil.rmtree(folder)
+        run("dd", f"if={path}.iso", f"of={path}", "bs=1M", "conv=notrunc")
+        os.unlink(path + ".iso")
+
+    # ---- what is no filesystem ----
+
+    @staticmethod
+    def _write(path, *places):
         with open(path, "r+b") as file:
-            file.write(b"\xeb\x76\x90EXFAT   ")
-            file.seek(510)
-            file.write(b"\x55\xaa")
+            for at, content in places:
+                file.seek(at)
+                file.write(content)
+
+    def _swap(self, path):
+        run("mkswap", "-q", path)
+
+    def _luks(self, path):
+        run("cryptsetup", "-q", "luksFormat", "--type", "luks2", "--pbkdf", "pbkdf2", "--pbkdf-force-iterations",
+            "1000", "--key-file", "/etc/hostname", path)
+
+    def _raid(self, path):
+        """A superblock of Linux's RAID, version 1.2."""
+        block = bytearray(256)
+        struct.pack_into("<II", block, 0, 0xa92b4efc, 1)
+        block[16:32] = bytes(range(16))
+        struct.pack_into("<QIIQI", block, 64, 0, 1, 0, 16384, 0)  # created, level, layout, sectors, chunk
+        struct.pack_into("<I", block, 92, 2)  # disks
+        struct.pack_into("<QQQ", block, 128, 2048, 14336, 8)  # data, its size, this block
+        struct.pack_into("<I", block, 220, 0)
+        words = struct.unpack("<64I", block)
+        total = sum(words)
+        struct.pack_into("<I", block, 216, (total & 0xffffffff) + (total >> 32))
+        self._write(path, (4096, bytes(block)))
+
+    def _lvm(self, path):
+        """A label of LVM's in the second sector, with its checksum."""
+        label = bytearray(512)
+        label[0:8] = b"LABELONE"
+        struct.pack_into("<Q", label, 8, 1)
+        struct.pack_into("<I", label, 20, 32)
+        label[24:32] = b"LVM2 001"
+        label[32:64] = b"ABCDEFGHIJKLMNOPQRSTUVWXYZ012345"
+        crc = 0xf597a6cf
+        for byte in label[20:]:
+            crc ^= byte
+            for _ in range(8):
+                crc = crc >> 1 ^ (0xedb88320 if crc & 1 else 0)
+        struct.pack_into("<I", label, 16, crc)
+        self._write(path, (512, bytes(label)))
+
+    def _bitlocker(self, path):
+        self._write(path, (0, b"\xeb\x58\x90-FVE-FS-"), (0xa0, bytes.fromhex("3bd66749292ed84a8399f6a339e3d001")),
+                    (0xb0, struct.pack("<QQQ", 0x10000, 0x20000, 0x30000)), (510, b"\x55\xaa"),
+                    (0x10000, b"-FVE-FS-" + struct.pack("<HH", 0x100, 2)))
+
+    def _romfs(self, path):
+        """A filesystem that the service does not know."""
+        self._write(path, (0, b"-rom1fs-" + struct.pack(">II", 1024, 0) + b"empty\0"))
+
+    def _several(self, path):
+        """F2FS, with a superblock of XFS in the place in front of its own."""
+        Filesystem("xfs").make(path + ".xfs")
+        with open(path + ".xfs", "rb") as file:
+            content = file.read(512)
+        os.unlink(path + ".xfs")
+        run("mkfs.f2fs", "-q", "-f", path)
+        self._write(path, (0, content))
+
+    def _hibernated(self, path):
+        """NTFS, with a Windows that sleeps in it."""
+        self.files = {**self.files, "hiberfil.sys": "hibr" + "x" * 8192}
+        self._ntfs(path)
 
     def _break(self, path):
         """The signature stands, what it promises does not."""

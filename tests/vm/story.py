@@ -54,10 +54,12 @@ class Story:
         for command in ("/vm/guest log", "/vm/guest share-service"):
             self.vm.run(f"setsid {command} >/dev/null 2>&1 &")
         self.vm.run("until [ -S /dev/log ] && [ -e /var/run/vynas-fssd.pid ]; do sleep 0.05; done")
+        self.vm.run("insmod /modules/exfat.ko")
+        self.shell(f"echo 'otherfs = exfat' >>{CONFIG}; echo 'labels = all' >>{CONFIG}")
         self.shell(f"vyhotplug-prepare -f {CONFIG}")
         self.shell(f"vyhotplugd -f {CONFIG}")
-        say("# vyhotplug-agent --monitor &")
-        self.vm.run("setsid vyhotplug-agent --monitor >/dev/null 2>&1 &")
+        say("# vyhotplug-agent --monitor --by-share &")
+        self.vm.run("setsid vyhotplug-agent --monitor --by-share >/dev/null 2>&1 &")
         self.wait_for("the first signal to the file-sharing service", lambda state: state.signals)
 
     def tell(self):
@@ -66,23 +68,29 @@ class Story:
         stick = media.make_disk(
             self.folder + "/stick.img",
             Filesystem("fat32", "HOLIDAY", {"sun.txt": "sun\n", "sea.txt": "sea\n"}),
-            Filesystem("ext4", "WORK", {"report.txt": "done\n"}), Filesystem("ntfs", "Musik", {"song.txt": "la la\n"}))
+            Filesystem("ext4", "WORK", {"report.txt": "done\n"}), Filesystem("ntfs", "Musik", {"song.txt": "la la\n"}),
+            Filesystem("exfat", "Video"), Filesystem("swap"), logical=2)
 
-        chapter("A stick with a FAT, an ext4 and an NTFS partition is plugged in; the kernel finds it")
+        chapter("A stick with FAT, ext4, NTFS, exFAT and a swap area is plugged in; the kernel finds it")
         signals = self.vm.state().signals
         self.vm.plug("stick", stick, serial="AC0042", vendor="Acme", product="FlashKey")
-        self.wait_for("the stick's partitions", lambda state: "sda3" in state.kernel)
+        self.wait_for("the stick's partitions", lambda state: "sda6" in state.kernel)
         show(self.vm.run("dmesg | grep -E 'usb [0-9]-|sd [0-9]|sda' | tail -n 12"))
         say("   (the agent has told the service, which gives a new disk 2 seconds to settle)")
-        state = self.wait_for("three mounts and a signal", lambda now: len(now.mounts) == 3 and now.signals > signals)
+        state = self.wait_for("four mounts and a signal", lambda now: len(now.mounts) == 4 and now.signals > signals)
 
-        chapter("All are mounted, and the administrator's hook was called")
+        chapter("All but one are mounted, and the administrator's hook was called")
         self.show_mounts()
         for call in state.hook_calls():
             show("hook: " + call)
 
         chapter("The file-sharing service got its share file and a SIGHUP")
         self.shell(f"cat {SHARE_FILE}")
+
+        chapter("Each share has a name that stays, and what is not mounted has a reason")
+        self.wait_for("the reason", lambda _: self.vm.attempt("[ -s /run/vyhotplugd/not-mounted ]")[0] == 0)
+        self.shell("cd /media/vyhotplug/by-share && ls -l | sed 's/.* 1970 //; s/.*[0-9][0-9]:[0-9][0-9] //'")
+        self.shell("cat /run/vyhotplugd/not-mounted")
 
         chapter("What does the service know?")
         self.shell("vyhotpluginfo -l")
@@ -111,7 +119,7 @@ class Story:
 
         chapter("The stick is plugged in again: it has its name back")
         self.vm.plug("stick", stick, serial="AC0042", vendor="Acme", product="FlashKey")
-        state = self.wait_for("three shares", lambda now: len(now.sections()) == 3)
+        state = self.wait_for("four shares", lambda now: len(now.sections()) == 4)
         show("shares are now: " + " ".join(re.findall(r"^\[.*\]$", state.shares, re.MULTILINE)))
 
         chapter("What was logged")

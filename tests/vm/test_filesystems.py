@@ -74,7 +74,7 @@ class Filesystems(VmTest):
         self.plug("blank", Filesystem("empty"), table=None, serial="BLANK")
         self.wait_for_kernel("sda")
         self.plug("bad", Filesystem("corrupt"), Filesystem("broken-ext4"), Filesystem("broken-fat"),
-                  Filesystem("ext4", "GOOD"), Filesystem("exfat"), logical=2, serial="BAD")
+                  Filesystem("ext4", "GOOD"), Filesystem("signature-exfat"), logical=2, serial="BAD")
         self.wait_for_mounts("sdb5")
         state = self.wait_for_idle()
         self.assertEqual((state.names, state.places, list(state.nodes)), (["sdb5"],) * 3)

@@ -132,6 +132,69 @@ TEST_F(CourierTest, SendsAgainWhatWasNotRead)
     EXPECT_EQ(delivered_.size(), 2U);
 }
 
+// A daemon whose queue is full resets each connection: it is left more and more time.
+TEST_F(CourierTest, SendsAgainLaterAndLaterWhatIsReset)
+{
+    TestDaemonManners manners;
+    manners.unread = 5;
+    const TestDaemon daemon(manners);
+    put("ACTION=add,MAJOR=8,MINOR=1");
+    uint64_t now = clock_now();
+    for (const uint32_t pause : {250U, 500U, 1000U, 2000U, 2000U}) {
+        EXPECT_EQ(advance(now), COURIER_MET);
+        EXPECT_TRUE(wait_for([&] { // the connection is reset
+            EXPECT_EQ(advance(now), COURIER_WAITS);
+            return courier_descriptor(&courier_) < 0;
+        }));
+        EXPECT_EQ(due(), now + pause);
+        now += pause;
+    }
+    EXPECT_EQ(missed_, 0);
+    EXPECT_EQ(advance(now), COURIER_MET);
+    run();
+    EXPECT_EQ(delivered_.size(), 1U);
+    EXPECT_EQ(daemon_told().back(), "+8:1");
+}
+
+TEST_F(CourierTest, DoesNotBelieveAListenerOfAnotherUser)
+{
+    const TestDaemonManners manners = {.stranger = true};
+    TestDaemon stranger(manners);
+    put("ACTION=add,MAJOR=8,MINOR=1");
+    uint64_t now = clock_now();
+    for (const uint32_t pause : {250U, 500U, 1000U, 2000U, 2000U}) {
+        EXPECT_EQ(advance(now), COURIER_WAITS);
+        EXPECT_EQ(courier_descriptor(&courier_), -1);
+        EXPECT_EQ(due(), now + pause);
+        now += pause;
+    }
+    EXPECT_TRUE(wait_for([] { return daemon_visits() == 5; }));
+    EXPECT_EQ(daemon_told(), Told{});
+    stranger.end();
+    const TestDaemon daemon;
+    run();
+    EXPECT_EQ(daemon_told(), Told{"+8:1"});
+}
+
+TEST_F(CourierTest, TellsOfAStrangerOnceUntilTheDaemonIsBack)
+{
+    for (int turn = 0; turn < 2; turn++) {
+        fake_log_clear();
+        courier_.retry = {};
+        const TestDaemonManners manners = {.stranger = true};
+        TestDaemon stranger(manners);
+        visits_ = true;
+        for (uint64_t now = 1000; now < 9000; now += agent_retry_most)
+            EXPECT_EQ(advance(now), COURIER_WAITS);
+        EXPECT_EQ(fake_log_texts(),
+                  Told{"courier(#)process " + std::to_string(stranger.pid()) +
+                       " of user 1234 listens in the daemon's place and is not believed"});
+        stranger.end();
+        const TestDaemon daemon;
+        EXPECT_EQ(advance(100000), COURIER_MET);
+    }
+}
+
 TEST_F(CourierTest, SendsAgainWhenTheDaemonDiesUnderWay)
 {
     TestDaemon first;

@@ -127,8 +127,10 @@ void FakeSysfs::set_mounts(const std::vector<std::string>& lines)
     for (const std::string& line : lines) {
         std::istringstream words(line);
         std::string numbers, directory, source;
-        words >> numbers >> directory >> source;
-        table += "30 1 " + numbers + " / " + directory + " rw shared:1 - ext4 " + source + " rw\n";
+        std::string type = "ext4", flag = "rw";
+        words >> numbers >> directory >> source >> type >> flag;
+        table += "30 1 " + numbers + " / " + directory + " " + flag + " shared:1 - " + type + " " +
+                 source + " rw\n";
     }
     write_file(std::string(proc) + "/self/mountinfo", table);
 }

@@ -38,7 +38,7 @@ class FakeSysfs {
 
     void set_event_count(unsigned count);
 
-    // The tables: lines "MAJOR:MINOR DIRECTORY SOURCE", and paths.
+    // The tables: lines "MAJOR:MINOR DIRECTORY SOURCE [TYPE [rw|ro]]", and paths.
     void set_mounts(const std::vector<std::string>& lines);
     void set_swaps(const std::vector<std::string>& paths);
 };

@@ -68,6 +68,8 @@ static void take_one(int connection, int file, TestDaemonManners* manners)
 [[noreturn]] static void serve(TestDaemonManners manners, int ready)
 {
     const int file = open(record, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    if (manners.stranger && (setgid(1234) != 0 || setuid(1234) != 0))
+        _exit(96);
     const int listener = make_listener(manners.backlog);
     if (file < 0 || listener < 0)
         _exit(97);

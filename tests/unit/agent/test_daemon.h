@@ -11,6 +11,7 @@ struct TestDaemonManners {
     bool holds = false;    // reads messages, but closes no connection
     bool answers = false;  // says something before it closes
     bool orphaned = false; // the process that listens has gone, another one has its socket
+    bool stranger = false; // is of another user
     bool deaf = false;     // closes connections before anything can be read from them
     int backlog = 128;
 };

@@ -71,6 +71,7 @@ TEST_F(LabelToolTest, TakesTheServicesCommandLines)
 {
     EXPECT_EQ(node_of({"mlabel", "-i", "/dev/sda1", "-n"}), "/dev/sda1");
     EXPECT_EQ(node_of({"ntfsvlabel", "/dev/sda1", "-n"}), "/dev/sda1");
+    EXPECT_EQ(node_of({"vylabel", "/dev/sda1"}), "/dev/sda1");
     EXPECT_EQ(node_of({"/usr/libexec/vyhotplugd/mlabel", "-i", "/dev/a b", "-n"}), "/dev/a b");
 }
 
@@ -103,6 +104,11 @@ TEST_F(LabelToolTest, RefusesEveryOtherOne)
         {"ntfsvlabel", "-i", "/dev/sda1", "-n"},
         {"ntfsvlabel", "/dev/sda1", "-n", "Label"},
         {"ntfsvlabel", "--version", "-n"},
+        {"vylabel"},
+        {"vylabel", "/dev/sda1", "-n"},
+        {"vylabel", "-n", "/dev/sda1"},
+        {"vylabel", "sda1"},
+        {"vylabel", "-n"},
         {"label", "/dev/sda1", "-n"},
         {"", "/dev/sda1", "-n"},
     };
@@ -127,7 +133,7 @@ TEST_F(LabelToolTest, WithoutAnyArgumentsItIsRefusedToo)
 
 TEST_F(LabelToolTest, TellsItsVersionAndRunsNothing)
 {
-    for (const char* name : {"mlabel", "ntfsvlabel"}) {
+    for (const char* name : {"mlabel", "ntfsvlabel", "vylabel"}) {
         const ChildResult result = run_main(label_main, {name, "--version"});
         EXPECT_EQ(result.status, 0);
         EXPECT_EQ(result.out, std::string(name) + " " + vy_build + "\n");
@@ -150,6 +156,42 @@ TEST_F(LabelToolTest, AsksBlkidForTheLabelOfThatFilesystem)
     };
     EXPECT_EQ(fake_world().spawned, expected);
     EXPECT_TRUE(kills().empty());
+}
+
+TEST_F(LabelToolTest, AsksBlkidForTheLabelOfAnyFilesystemAndItsType)
+{
+    blkid_prints("A\next4\n");
+    EXPECT_EQ(read("vylabel"), LabelOutcome::read);
+    const std::vector<Texts> expected = {
+        {"blkid", "-p", "-D", "-s", "TYPE", "-s", "LABEL", "-o", "value", "-d", "/dev/sda1"}};
+    EXPECT_EQ(fake_world().spawned, expected);
+}
+
+TEST_F(LabelToolTest, PrintsTheLabelOfAnyFilesystemWithoutItsType)
+{
+    const struct {
+        const char* printed;
+        const char* label;
+    } rows[] = {
+        {"HOLIDAY\next4\n", "HOLIDAY\n"},
+        {"ext4\n", "\n"},
+        {"\next4\n", "\n"},
+        {"a\nb\next4\n", "a_b\n"},
+        {"B\x9aRO\nvfat\n", "B\xc3\x9cRO\n"},
+        {"B\x9aRO\next4\n", "B_RO\n"},
+        {"B\x9aRO\nxvfat\n", "B_RO\n"},
+        {"vfat\next4\n", "vfat\n"},
+        {"[A]\nvfat\n", "_A_\n"},
+        {"A\nvfat", "A\n"},
+        {"", "\n"},
+    };
+    for (const auto& row : rows) {
+        fake_world_reset();
+        blkid_prints(row.printed);
+        const ChildResult result = run_main(label_main, {"vylabel", "/dev/sda1"});
+        EXPECT_EQ(result.status, 0);
+        EXPECT_EQ(result.out, row.label) << row.printed;
+    }
 }
 
 TEST_F(LabelToolTest, PrintsTheLabelAsOneLine)

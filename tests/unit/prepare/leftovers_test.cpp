@@ -16,6 +16,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -64,7 +65,15 @@ class LeftoversTest : public testing::Test {
     {
         MountinfoGuard table;
         EXPECT_EQ(mountinfo_parse(text.data(), text.size(), table.out()), 0);
-        return leftovers_take_off(&config, table.get());
+        return leftovers_take_off(&config, table.get(), judge, &refusals);
+    }
+
+    // Everything stays but what is refused here.
+    static const char* by_refusals(void* context, const MountinfoEntry& mount)
+    {
+        const auto& refused = *static_cast<std::map<std::string, const char*>*>(context);
+        const auto found = refused.find(mount.directory);
+        return found == refused.end() ? nullptr : found->second;
     }
 
     // What this program has told.
@@ -82,6 +91,8 @@ class LeftoversTest : public testing::Test {
     static Texts taken_off() { return fake_world().calls("umount"); }
 
     ConfHotplug config = {};
+    LeftoverJudge judge = nullptr;
+    std::map<std::string, const char*> refusals;
     std::string text = "1 0 8:1 / / rw - ext4 /dev/root rw\n2 1 0:5 / /tmp rw - tmpfs tmpfs rw\n";
 };
 
@@ -288,4 +299,95 @@ TEST_F(LeftoversTest, EmptiesNothingButRootsOwnFile)
         EXPECT_EQ(told().at(0).find("prepare(#)/tmp/vynas.dir.conf is not emptied: "), 0U);
     }
     EXPECT_EQ(read_file(share_file), "theirs");
+}
+
+// ---- what stays ----
+
+TEST_F(LeftoversTest, WhereEverythingStaysNothingIsTouched)
+{
+    judge = by_refusals;
+    add("sda1");
+    add("sdb1");
+    EXPECT_EQ(take_off(), 0);
+    EXPECT_TRUE(fake_world().journal.empty());
+    EXPECT_EQ(told(), Texts{});
+    EXPECT_EQ(read_file(share_file), "[Drive(A1)]\n");
+}
+
+TEST_F(LeftoversTest, WhatDoesNotStayIsWithdrawnByNameAndTakenOff)
+{
+    judge = by_refusals;
+    const std::string shares = "[Music]\nPath=/tmp/hotplug/sda1\n[Films]\nPath=/tmp/hotplug/sdb1\n"
+                               "[Archive]\nPath=/tmp/hotplug/sdb1/x\n[Fixed]\nPath=/srv\n";
+    write_file(share_file, shares);
+    add("sda1");
+    add("sdb1");
+    refusals["/tmp/hotplug/sdb1"] = "it was pulled";
+    EXPECT_EQ(take_off(), 0);
+    EXPECT_EQ(taken_off(), Texts{"umount /tmp/hotplug/sdb1"});
+    EXPECT_EQ(read_file(share_file), shares + "[Films]\n");
+    EXPECT_EQ(fake_world().signals.size(), 1U);
+    EXPECT_EQ(fake_world().slept_usec, 400000U);
+    EXPECT_EQ(told(), (Texts{"prepare(#)/tmp/hotplug/sdb1 does not stay mounted: it was pulled",
+                             "prepare(#)/tmp/hotplug/sdb1 is unmounted"}));
+    EXPECT_TRUE(exists("/tmp/hotdev/sda1"));
+    EXPECT_FALSE(exists("/tmp/hotdev/sdb1"));
+}
+
+TEST_F(LeftoversTest, WhereNothingStaysSharesAreWithdrawnByNameAsWell)
+{
+    judge = by_refusals;
+    const std::string shares = "[Music]\nPath=/tmp/hotplug/sda1\n";
+    write_file(share_file, shares);
+    add("sda1");
+    refusals["/tmp/hotplug/sda1"] = "it was pulled";
+    EXPECT_EQ(take_off(), 0);
+    EXPECT_EQ(read_file(share_file), shares + "[Music]\n");
+}
+
+TEST_F(LeftoversTest, WhatLiesOnAPartitionStaysAndGoesWithIt)
+{
+    judge = by_refusals;
+    add("sda1");
+    add("sdb1");
+    for (const char* path :
+         {"/tmp/hotplug/sda1/inner", "/tmp/hotplug/sdb1/inner", "/tmp/hotplug/sdc1/x"}) {
+        fake_world().mounts[path] = {"/dev/y", "ext4", 0, ""};
+        mention(path);
+    }
+    refusals["/tmp/hotplug/sdb1"] = "it was pulled";
+    EXPECT_EQ(take_off(), 0);
+    EXPECT_EQ(taken_off(), (Texts{"umount /tmp/hotplug/sdc1/x", "umount /tmp/hotplug/sdb1/inner",
+                                  "umount /tmp/hotplug/sdb1"}));
+}
+
+// Only what is to be seen is judged; what it hides goes or stays with it.
+TEST_F(LeftoversTest, OfSeveralMountsAtOnePlaceTheLastIsJudged)
+{
+    judge = by_refusals;
+    add("sda1");
+    mention("/tmp/hotplug/sda1");
+    EXPECT_EQ(take_off(), 0);
+    EXPECT_EQ(taken_off(), Texts{});
+    refusals["/tmp/hotplug/sda1"] = "it was pulled";
+    EXPECT_EQ(take_off(), 0);
+    EXPECT_EQ(fake_world().count("umount"), 2);
+    EXPECT_EQ(told()[0], "prepare(#)/tmp/hotplug/sda1 does not stay mounted: it was pulled");
+    EXPECT_EQ(told()[1], "prepare(#)/tmp/hotplug/sda1 is unmounted");
+}
+
+TEST_F(LeftoversTest, SharesOfOthersAreNotWrittenTo)
+{
+    judge = by_refusals;
+    write_file("/tmp/victim", "[Films]\nPath=/tmp/hotplug/sdb1\n");
+    remove(share_file);
+    EXPECT_EQ(link("/tmp/victim", share_file), 0);
+    add("sda1");
+    add("sdb1");
+    refusals["/tmp/hotplug/sdb1"] = "it was pulled";
+    EXPECT_EQ(take_off(), 0);
+    EXPECT_EQ(told().at(1),
+              "prepare(#)shares stay in /tmp/vynas.dir.conf: Operation not permitted");
+    EXPECT_EQ(read_file("/tmp/victim"), "[Films]\nPath=/tmp/hotplug/sdb1\n");
+    EXPECT_EQ(taken_off(), Texts{"umount /tmp/hotplug/sdb1"});
 }

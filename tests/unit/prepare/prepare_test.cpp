@@ -12,6 +12,7 @@
 #include <ftw.h>
 #include <string.h>
 #include <sys/file.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -61,7 +62,19 @@ class PrepareTest : public testing::Test {
         mkdir("/var/lib/vyhotplugd", 0755);
         write_config("/run/vyhotplugd/files/vynas.dir.conf",
                      "/run/vyhotplugd/files/hotplug.dev.conf");
+        for (const char* setting : {"symlinks", "regular", "fifos"})
+            set_kernel(setting, "1\n");
     }
+
+    // What the kernel's setting reads here, whatever it is on this machine.
+    static void set_kernel(const std::string& setting, const char* value)
+    {
+        const std::string path = "/proc/sys/fs/protected_" + setting;
+        write_file("/etc/kernel." + setting, value);
+        EXPECT_EQ(
+            mount(("/etc/kernel." + setting).c_str(), path.c_str(), nullptr, MS_BIND, nullptr), 0);
+    }
+
     ~PrepareTest() override { fake_world_reset(); }
 
     static void write_config(const std::string& shares, const std::string& devices,
@@ -315,11 +328,131 @@ TEST_F(PrepareTest, RefusesWhileAnotherRunLooksAtTheLock)
     close(fd);
 }
 
+TEST_F(PrepareTest, PidFilesAreRootsAlone)
+{
+    EXPECT_EQ(surroundings(), 0);
+    struct stat status = {};
+    EXPECT_EQ(lstat(pid_file, &status), 0);
+    EXPECT_EQ(status.st_mode, S_IFREG | 0600U);
+    for (const char* path : {pid_file, "/var/run/vynas-fssd.pid"}) {
+        write_file(path, "1\n");
+        EXPECT_EQ(chmod(path, 01204), 0);
+    }
+    EXPECT_EQ(surroundings(), 0);
+    for (const char* path : {pid_file, "/var/run/vynas-fssd.pid"}) {
+        EXPECT_EQ(lstat(path, &status), 0);
+        EXPECT_EQ(status.st_mode, S_IFREG | 0600U) << path;
+        EXPECT_EQ(read_file(path), "1\n");
+    }
+    EXPECT_EQ(told, Texts{});
+}
+
+TEST_F(PrepareTest, AnAdministratorsOwnPidFileIsNotMadePrivate)
+{
+    write_file("/var/run/vynas-fssd.pid", "1\n");
+    EXPECT_EQ(chown("/var/run/vynas-fssd.pid", 1234, 1234), 0);
+    EXPECT_EQ(chmod("/var/run/vynas-fssd.pid", 0644), 0);
+    EXPECT_EQ(surroundings(), 0);
+    struct stat status = {};
+    EXPECT_EQ(lstat("/var/run/vynas-fssd.pid", &status), 0);
+    EXPECT_EQ(status.st_mode, S_IFREG | 0644U);
+}
+
 TEST_F(PrepareTest, RefusesWhereItCannotKnow)
 {
     EXPECT_EQ(symlink("/etc/passwd", pid_file), 0);
     EXPECT_EQ(surroundings(), -1);
     EXPECT_EQ(told.size(), 1U);
+}
+
+// ---- mistakes ----
+
+TEST_F(PrepareTest, TellsMistakesInTheConfiguration)
+{
+    write_config("/run/vyhotplugd/files/shares", "/run/vyhotplugd/files/devices",
+                 "mountpath=/media/vyhotplug\ndevicepath=/dev/vyhotplug\ndefualtgid=100\n"
+                 "mountfs=fat,ntsf\ndefaultfilepermission=rw-rw-r--\nmountflags=nosiud\n");
+    EXPECT_EQ(surroundings(), 0);
+    const std::string at = std::string(config_file) + ":";
+    EXPECT_EQ(
+        told,
+        (Texts{at + "5: defualtgid is no key, write defaultgid; it is passed over",
+               at + "6: mountfs: ntsf is no word for it, write ntfs; it is passed over",
+               at + "7: defaultfilepermission: rw-rw-r-- is no number, write 664; 664 is taken",
+               at + "8: mountflags: nosiud is no word for it, write nosuid; it is passed over"}));
+    told.clear();
+    EXPECT_EQ(save(), 0);
+    EXPECT_EQ(told, Texts{}) << "it is told once for each start";
+}
+
+TEST_F(PrepareTest, TellsTheNumberToWriteForAName)
+{
+    write_file("/etc/passwd", read_file("/etc/passwd") + "anna:x:1001:1001::/:/bin/sh\n");
+    EXPECT_EQ(surroundings(), 0);
+    write_file("/tmp/vyhotplugd/hotplug.dev.conf",
+               "[x]\nFull Access Users=anna,nobody-of-that-name\n");
+    const Texts expected = {"/run/vyhotplugd/files/hotplug.dev.conf:2: [x] FullAccessUsers: anna "
+                            "is no user id, write 1001 "
+                            "for anna; it is passed over",
+                            "/run/vyhotplugd/files/hotplug.dev.conf:2: [x] FullAccessUsers: "
+                            "nobody-of-that-name is no user "
+                            "id; it is passed over"};
+    EXPECT_EQ(save(), 0);
+    EXPECT_EQ(told, expected);
+    EXPECT_EQ(save(), 0);
+    EXPECT_EQ(told, expected) << "once for each version of the file";
+    EXPECT_EQ(read_file(copy_file), "[x]\nFull Access Users=anna,nobody-of-that-name\n");
+    // What the service makes of it leaves the copy as a generation.
+    write_file("/tmp/vyhotplugd/hotplug.dev.conf", "[x]\nFull Access Users=\n");
+    EXPECT_EQ(save(), 0);
+    EXPECT_EQ(read_file(std::string(copy_file) + ".1"),
+              "[x]\nFull Access Users=anna,nobody-of-that-name\n");
+    write_file("/tmp/vyhotplugd/hotplug.dev.conf", "[x]\nFull Access Users=anna\n");
+    told.clear();
+    EXPECT_EQ(surroundings(), 0);
+    EXPECT_EQ(told, Texts{expected[0]}) << "and at the start";
+}
+
+TEST_F(PrepareTest, WarnsOfAKernelThatDoesNotProtectRoot)
+{
+    static const char behind[] =
+        " is 0, the kernel does not keep root from what others lay in /tmp: set it to 1";
+    for (const char* setting : {"symlinks", "regular", "fifos"}) {
+        set_kernel(setting, "0\n");
+        EXPECT_EQ(surroundings(), 0);
+        EXPECT_EQ(told, Texts{std::string("fs.protected_") + setting + behind});
+        told.clear();
+        set_kernel(setting, "2\n");
+    }
+    EXPECT_EQ(surroundings(), 0);
+    EXPECT_EQ(told, Texts{});
+}
+
+// ---- what stays mounted ----
+
+TEST_F(PrepareTest, NotesMountsOnlyWhereTheyAreTakenOver)
+{
+    EXPECT_EQ(surroundings(), 0);
+    EXPECT_EQ(save(), 0);
+    EXPECT_FALSE(exists("/run/vyhotplugd/mounts"));
+    write_file(config_file, read_file(config_file) + "adopt=enable\n");
+    EXPECT_EQ(save(), 0);
+    EXPECT_TRUE(exists("/run/vyhotplugd/mounts"));
+    unlink("/run/vyhotplugd/mounts");
+    fake_world().fail("rename", 1, ENOSPC);
+    EXPECT_EQ(save(), 0) << "the settings are saved";
+    EXPECT_EQ(told,
+              Texts{"what is mounted is not noted, a restart will unmount it: No space left on "
+                    "device"});
+}
+
+TEST_F(PrepareTest, NotesThatCannotBeReadAreTold)
+{
+    write_file(config_file, read_file(config_file) + "adopt=enable\n");
+    mkdir("/run/vyhotplugd", 0755);
+    mkdir("/run/vyhotplugd/mounts", 0755);
+    EXPECT_EQ(surroundings(), 0);
+    EXPECT_EQ(told, Texts{"/run/vyhotplugd/mounts cannot be read: Invalid argument"});
 }
 
 // ---- saving ----
@@ -346,7 +479,9 @@ TEST_F(PrepareTest, SettingsThatCannotBeSavedAreAFailure)
 
 TEST_F(PrepareTest, TakesItsOptions)
 {
-    write_file("/etc/other.conf", read_file(config_file) + "mountpath=/media/other\n");
+    std::string other = read_file(config_file);
+    other.replace(other.find("/media/vyhotplug"), strlen("/media/vyhotplug"), "/media/other");
+    write_file("/etc/other.conf", other);
     ChildResult result = run({"-f", "/etc/other.conf"});
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.out + result.err, "");

@@ -54,12 +54,19 @@ class SettingsTest : public testing::Test {
         return made;
     }
 
-    // Files beside the two that should not have stayed.
+    static std::string generation(int number)
+    {
+        return settings_copy + ("." + std::to_string(number));
+    }
+
+    // Files beside the two, and generations of the copy, that should not have stayed.
     static void expect_nothing_beside()
     {
         for (const char* folder : {"/tmp/settings", copy_folder}) {
             std::set<std::string> names =
                 exists(folder) ? names_in(folder) : std::set<std::string>();
+            for (int number = 1; number <= settings_generations; number++)
+                names.erase("hotplug.dev.conf." + std::to_string(number));
             names.erase("hotplug.dev.conf");
             names.erase("filler");
             EXPECT_EQ(names, std::set<std::string>{}) << folder;
@@ -157,7 +164,7 @@ TEST_F(SettingsTest, ACopyThatIsNoFileIsNotRestored)
 TEST_F(SettingsTest, SavesACopyAndMakesItsDirectory)
 {
     write_file(device_file, settings);
-    EXPECT_EQ(settings_save(device_file), 0);
+    EXPECT_EQ(settings_save(device_file, nullptr), 0);
     EXPECT_EQ(read_file(settings_copy), settings);
     EXPECT_EQ(status_of(settings_copy).st_mode, S_IFREG | 0600U);
     EXPECT_EQ(status_of(copy_folder).st_mode, S_IFDIR | 0755U);
@@ -170,7 +177,7 @@ TEST_F(SettingsTest, TheCopyIsOnTheDiskBeforeItTakesTheOldOnesPlace)
 {
     make_copy("old");
     write_file(device_file, settings);
-    EXPECT_EQ(settings_save(device_file), 0);
+    EXPECT_EQ(settings_save(device_file, nullptr), 0);
     EXPECT_EQ(calls(), (std::vector<std::string>{"fsync", "rename", "fsync"}));
     fake_world_reset();
     unlink(device_file);
@@ -183,7 +190,7 @@ TEST_F(SettingsTest, ACopyThatCannotBeWrittenDownLeavesTheOldOne)
     make_copy("old");
     write_file(device_file, settings);
     fake_world().fail("fsync", 1, EIO);
-    EXPECT_EQ(settings_save(device_file), -EIO);
+    EXPECT_EQ(settings_save(device_file, nullptr), -EIO);
     EXPECT_EQ(read_file(settings_copy), "old");
     expect_nothing_beside();
 }
@@ -193,7 +200,7 @@ TEST_F(SettingsTest, SavesOverAnotherCopy)
     for (const char* old : {"", "other", "[1:2:3:1]\nShare Name=Musik\n"}) {
         make_copy(old);
         write_file(device_file, settings);
-        EXPECT_EQ(settings_save(device_file), 0);
+        EXPECT_EQ(settings_save(device_file, nullptr), 0);
         EXPECT_EQ(read_file(settings_copy), settings);
     }
 }
@@ -203,7 +210,7 @@ TEST_F(SettingsTest, SavesOnlyWhatIsDifferent)
     make_copy(settings);
     write_file(device_file, settings);
     const struct stat before = status_of(settings_copy);
-    EXPECT_EQ(settings_save(device_file), 0);
+    EXPECT_EQ(settings_save(device_file, nullptr), 0);
     EXPECT_EQ(status_of(settings_copy).st_ino, before.st_ino);
     EXPECT_TRUE(fake_world().journal.empty());
 }
@@ -211,9 +218,9 @@ TEST_F(SettingsTest, SavesOnlyWhatIsDifferent)
 TEST_F(SettingsTest, KeepsACopyWhereThereIsNothingToSave)
 {
     make_copy(settings);
-    EXPECT_EQ(settings_save(device_file), 0);
+    EXPECT_EQ(settings_save(device_file, nullptr), 0);
     write_file(device_file, "");
-    EXPECT_EQ(settings_save(device_file), 0);
+    EXPECT_EQ(settings_save(device_file, nullptr), 0);
     EXPECT_EQ(read_file(settings_copy), settings);
     EXPECT_EQ(fake_log_texts(),
               std::vector<std::string>(2, "prepare(#)/tmp/settings/hotplug.dev.conf holds nothing, "
@@ -222,9 +229,9 @@ TEST_F(SettingsTest, KeepsACopyWhereThereIsNothingToSave)
 
 TEST_F(SettingsTest, WithoutAnythingNothingIsSaved)
 {
-    EXPECT_EQ(settings_save(device_file), 0);
+    EXPECT_EQ(settings_save(device_file, nullptr), 0);
     write_file(device_file, "");
-    EXPECT_EQ(settings_save(device_file), 0);
+    EXPECT_EQ(settings_save(device_file, nullptr), 0);
     EXPECT_FALSE(exists(settings_copy));
     EXPECT_TRUE(fake_log_texts().empty());
 }
@@ -233,23 +240,23 @@ TEST_F(SettingsTest, SavesNothingFromBehindALink)
 {
     make_copy("old");
     EXPECT_EQ(symlink("/etc/passwd", device_file), 0);
-    EXPECT_EQ(settings_save(device_file), -ELOOP);
+    EXPECT_EQ(settings_save(device_file, nullptr), -ELOOP);
     unlink(device_file);
     EXPECT_EQ(mkfifo(device_file, 0600), 0);
-    EXPECT_EQ(settings_save(device_file), -EINVAL);
+    EXPECT_EQ(settings_save(device_file, nullptr), -EINVAL);
     unlink(device_file);
     EXPECT_EQ(mkdir(device_file, 0755), 0);
-    EXPECT_EQ(settings_save(device_file), -EINVAL);
+    EXPECT_EQ(settings_save(device_file, nullptr), -EINVAL);
     EXPECT_EQ(read_file(settings_copy), "old");
 }
 
 TEST_F(SettingsTest, SavesUpToALimit)
 {
     write_file(device_file, std::string(4 << 20, 'x'));
-    EXPECT_EQ(settings_save(device_file), 0);
+    EXPECT_EQ(settings_save(device_file, nullptr), 0);
     EXPECT_EQ(read_file(settings_copy).size(), size_t{4 << 20});
     write_file(device_file, std::string((4 << 20) + 1, 'y'));
-    EXPECT_EQ(settings_save(device_file), -EFBIG);
+    EXPECT_EQ(settings_save(device_file, nullptr), -EFBIG);
     EXPECT_EQ(read_file(settings_copy)[0], 'x');
 }
 
@@ -258,10 +265,10 @@ TEST_F(SettingsTest, ASaveThatFailsLeavesTheOldCopy)
     make_copy("old");
     write_file(device_file, settings);
     fake_world().fail("rename", 1, EIO);
-    EXPECT_EQ(settings_save(device_file), -EIO);
+    EXPECT_EQ(settings_save(device_file, nullptr), -EIO);
     EXPECT_EQ(read_file(settings_copy), "old");
     expect_nothing_beside();
-    EXPECT_EQ(settings_save(device_file), 0);
+    EXPECT_EQ(settings_save(device_file, nullptr), 0);
     EXPECT_EQ(read_file(settings_copy), settings);
 }
 
@@ -274,7 +281,7 @@ TEST_F(SettingsTest, OnAFullDiskTheOldCopyStays)
     write_file(std::string(copy_folder) + "/filler", std::string(60 * 1024, 'x'));
     for (const size_t size : {3000, 100000}) {
         write_file(device_file, std::string(size, 'n'));
-        EXPECT_EQ(settings_save(device_file), -ENOSPC) << size;
+        EXPECT_EQ(settings_save(device_file, nullptr), -ENOSPC) << size;
         EXPECT_EQ(read_file(settings_copy), "old");
         expect_nothing_beside();
     }
@@ -288,7 +295,7 @@ TEST_F(SettingsTest, ReplacesACopyThatCannotBeRead)
     EXPECT_EQ(symlink("/etc/passwd", settings_copy), 0);
     const std::string passwd = read_file("/etc/passwd");
     write_file(device_file, settings);
-    EXPECT_EQ(settings_save(device_file), 0);
+    EXPECT_EQ(settings_save(device_file, nullptr), 0);
     EXPECT_EQ(status_of(settings_copy).st_mode, S_IFREG | 0600U);
     EXPECT_EQ(read_file(settings_copy), settings);
     EXPECT_EQ(read_file("/etc/passwd"), passwd);
@@ -298,6 +305,133 @@ TEST_F(SettingsTest, TellsThatTheCopysDirectoryCannotBeMade)
 {
     write_file(device_file, settings);
     fake_world().fail("mkdir", 0, EROFS);
-    EXPECT_EQ(settings_save(device_file), -EROFS);
+    EXPECT_EQ(settings_save(device_file, nullptr), -EROFS);
     EXPECT_FALSE(exists(settings_copy));
+}
+
+// ---- generations ----
+
+namespace {
+
+std::string section(const std::string& sharename)
+{
+    return "[1:2:3:1]\nShare Name=" + sharename + "\n";
+}
+
+} // namespace
+
+TEST_F(SettingsTest, WhatLosesNothingTakesTheCopysPlace)
+{
+    make_copy("[x]\nShare Name=\nRead Only=Disable\n" + settings);
+    write_file(device_file, settings + "[new]\nShare Name=Films\n");
+    EXPECT_EQ(settings_save(device_file, nullptr), 0);
+    EXPECT_FALSE(exists(generation(1)));
+    EXPECT_TRUE(fake_log_texts().empty());
+}
+
+TEST_F(SettingsTest, WhatLosesSettingsLeavesTheOldOnesAsAGeneration)
+{
+    make_copy(settings);
+    write_file(device_file, "[4:5:6:1]\nShare Name=Films\n");
+    EXPECT_EQ(settings_save(device_file, nullptr), 0);
+    EXPECT_EQ(read_file(generation(1)), settings);
+    EXPECT_EQ(status_of(generation(1).c_str()).st_mode, S_IFREG | 0600U);
+    EXPECT_EQ(fake_log_texts(), std::vector<std::string>{
+                                    "prepare(#)settings are gone or changed, those of before are "
+                                    "in /var/lib/vyhotplugd/hotplug.dev.conf.1"});
+    expect_nothing_beside();
+}
+
+TEST_F(SettingsTest, AGenerationIsOnTheDiskBeforeTheCopyIsReplaced)
+{
+    make_copy(settings);
+    write_file(generation(1), "older");
+    write_file(device_file, "[4:5:6:1]\n");
+    EXPECT_EQ(settings_save(device_file, nullptr), 0);
+    EXPECT_EQ(calls(), (std::vector<std::string>{"fsync", "rename", "fsync", "rename", "rename",
+                                                 "fsync", "rename", "fsync"}));
+}
+
+TEST_F(SettingsTest, FiveGenerationsAreKept)
+{
+    for (int number = 0; number < 9; number++) {
+        write_file(device_file, section(std::to_string(number)));
+        EXPECT_EQ(settings_save(device_file, nullptr), 0);
+        for (int older = 1; older <= settings_generations; older++) {
+            if (older <= number)
+                EXPECT_EQ(read_file(generation(older)), section(std::to_string(number - older)));
+            else
+                EXPECT_FALSE(exists(generation(older)));
+        }
+        expect_nothing_beside();
+    }
+}
+
+TEST_F(SettingsTest, AGenerationThatIsMissingIsFilledBeforeAnyGoes)
+{
+    make_copy(section("5"));
+    write_file(generation(1), section("4"));
+    write_file(generation(3), section("2"));
+    write_file(generation(5), section("0"));
+    write_file(device_file, section("6"));
+    EXPECT_EQ(settings_save(device_file, nullptr), 0);
+    const char* expected[] = {"5", "4", "2"};
+    for (int number = 1; number <= 3; number++)
+        EXPECT_EQ(read_file(generation(number)), section(expected[number - 1]));
+    EXPECT_EQ(read_file(generation(5)), section("0"));
+}
+
+// Each save that loses the same settings again keeps them once.
+TEST_F(SettingsTest, TheSameIsNotKeptTwice)
+{
+    make_copy(settings);
+    for (int turn = 0; turn < 4; turn++) {
+        write_file(device_file, "[4:5:6:1]\n");
+        EXPECT_EQ(settings_save(device_file, nullptr), 0);
+        write_file(device_file, settings);
+        EXPECT_EQ(settings_save(device_file, nullptr), 0);
+    }
+    EXPECT_EQ(read_file(generation(1)), settings);
+    EXPECT_FALSE(exists(generation(2)));
+}
+
+// Whatever fails: the settings are in the copy or in a generation, and the next save goes on.
+TEST_F(SettingsTest, AGenerationThatCannotBeKeptKeepsTheCopy)
+{
+    for (const char* call : {"rename", "fsync"}) {
+        for (int nth = 1; nth <= 6; nth++) {
+            make_copy(section("5"));
+            for (int number = 1; number <= settings_generations; number++)
+                write_file(generation(number), section(std::to_string(5 - number)));
+            write_file(device_file, section("6"));
+            fake_world_reset();
+            fake_world().fail(call, nth, EIO);
+            const int result = settings_save(device_file, nullptr);
+            EXPECT_EQ(result, fake_world().failed > 0 ? -EIO : 0) << call << nth;
+            std::set<std::string> kept = {read_file(settings_copy)};
+            for (int number = 1; number <= settings_generations; number++)
+                kept.insert(exists(generation(number)) ? read_file(generation(number)) : "");
+            for (const char* number : {"5", "4", "3", "2", "1"})
+                EXPECT_EQ(kept.count(section(number)), 1U) << call << nth << ": " << number;
+            EXPECT_EQ(settings_save(device_file, nullptr), 0);
+            EXPECT_EQ(read_file(settings_copy), section("6"));
+            EXPECT_EQ(read_file(generation(1)), section("5"));
+        }
+    }
+}
+
+TEST_F(SettingsTest, WhatIsSavedIsLookedThroughBefore)
+{
+    static std::vector<std::string> seen;
+    seen.clear();
+    const SettingsCheck check = [](const char* path, const char* text, size_t size) {
+        EXPECT_STREQ(path, device_file);
+        EXPECT_FALSE(exists(settings_copy));
+        seen.emplace_back(text, size);
+    };
+    EXPECT_EQ(settings_save(device_file, check), 0);
+    write_file(device_file, settings);
+    EXPECT_EQ(settings_save(device_file, check), 0);
+    EXPECT_EQ(settings_save(device_file, check), 0) << "the copy is the same now";
+    EXPECT_EQ(seen, std::vector<std::string>{settings});
 }

@@ -2,7 +2,9 @@
 #include "records/conf_dev_file.h"
 
 #include "config/filesystems.h"
+#include "device/crtsec.h"
 #include "record.h"
+#include "records/config_file_dir.h"
 #include "support/files.h"
 #include "support/random.h"
 
@@ -167,3 +169,78 @@ TEST(DeviceFile, BlankAtANamesEndIsLostOnce)
 }
 
 } // namespace
+
+// ---- lists that are none ----
+
+namespace {
+
+const std::string misread_lines = "Full Access Users=anna\nRead Only Users=500 ,501\n"
+                                  "Block Users=8,99999999999\nHide Users=7, carl\n";
+
+// What a refresh makes of a device file with this section: both files.
+struct Refreshed {
+    std::string devices;
+    std::string shares;
+};
+
+Refreshed refreshed(const std::string& lines, bool whole)
+{
+    const std::string file = "/tmp/misread.conf";
+    write_file(file, "[disk:x]\nPath=/mnt\n" + lines);
+    const ConfDevTableGuard table(conf_dev_create());
+    EXPECT_EQ(whole ? conf_dev_load_whole(file.c_str(), table.get())
+                    : conf_dev_load(file.c_str(), table.get()),
+              0);
+    EXPECT_EQ(conf_dev_save(file.c_str(), table.get()), 0);
+    EXPECT_EQ(crtsec_init(), 0);
+    EXPECT_EQ(conf_dir_save("/tmp/shares.conf", table.get(), 0), 0);
+    crtsec_term();
+    return {read_file(file), read_file("/tmp/shares.conf")};
+}
+
+bool holds(const std::string& text, const std::string& part)
+{
+    return text.find(part) != std::string::npos;
+}
+
+} // namespace
+
+TEST(MisreadUsers, AStrictRefreshKeepsThemInBothFiles)
+{
+    const Refreshed files = refreshed(misread_lines, true);
+    EXPECT_TRUE(holds(files.devices, misread_lines)) << files.devices;
+    EXPECT_TRUE(holds(files.shares, misread_lines)) << files.shares;
+}
+
+// Kept: what is no number goes with the first refresh.
+TEST(MisreadUsers, AnyOtherRefreshLosesThem)
+{
+    const Refreshed files = refreshed(misread_lines, false);
+    EXPECT_TRUE(holds(files.devices, "Full Access Users=\nRead Only Users=501,\n"
+                                     "Block Users=8,\nHide Users=7,\n"))
+        << files.devices;
+    EXPECT_FALSE(holds(files.shares, "anna")) << files.shares;
+}
+
+TEST(MisreadUsers, RightListsAreWrittenAsEver)
+{
+    for (const std::string list : {"500,", "500, 501", "", ",,7", "0500"}) {
+        const std::string lines = "Full Access Users=" + list + "\n";
+        const Refreshed strict = refreshed(lines, true);
+        const Refreshed other = refreshed(lines, false);
+        EXPECT_EQ(strict.devices, other.devices) << list;
+        EXPECT_EQ(strict.shares, other.shares) << list;
+    }
+}
+
+TEST(MisreadUsers, AreASettingThatIsNotPruned)
+{
+    const std::string file = "/tmp/misread.conf";
+    write_file(file, "[a]\n[b]\nBlock Users=anna\n");
+    const ConfDevTableGuard table(conf_dev_create());
+    ASSERT_EQ(conf_dev_load_whole(file.c_str(), table.get()), 0);
+    conf_dev_prune(table.get(), [](const ConfDev*) { return false; });
+    ASSERT_NE(conf_dev_find_index(table.get(), 0), nullptr);
+    EXPECT_STREQ(conf_dev_find_index(table.get(), 0)->identifier, "b");
+    EXPECT_EQ(conf_dev_find_index(table.get(), 1), nullptr);
+}

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <errno.h>
+#include <fcntl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <syslog.h>
@@ -41,17 +42,22 @@ class BridgeTest : public testing::Test {
         ASSERT_EQ(mkdir("/tmp/fixed", 0755), 0);
         ASSERT_EQ(mkdir(place.c_str(), 0755), 0);
         mount_at("sda1");
-        write_file("/tmp/bridge.conf", "includepath = " + include_path + "\n");
-        config.reset(bridge_config_load("/tmp/bridge.conf"));
-        bridge.config = config.get();
-        bridge.sharefile = share_file.c_str();
-        bridge.mountpath = place.c_str();
-        fake_log_clear();
+        set_up("");
     }
     void TearDown() override
     {
         bridge_clear(&bridge);
         fake_world_reset();
+    }
+
+    // A bridge of this configuration; `adopting` as in the bridge.
+    void set_up(const std::string& more, const char* adopting = nullptr)
+    {
+        bridge_clear(&bridge);
+        write_file("/tmp/bridge.conf", "includepath = " + include_path + "\n" + more);
+        config.reset(bridge_config_load("/tmp/bridge.conf"));
+        bridge_init(&bridge, config.get(), share_file.c_str(), place.c_str(), adopting);
+        fake_log_clear();
     }
 
     static void mount_at(const std::string& name)
@@ -71,6 +77,15 @@ class BridgeTest : public testing::Test {
     {
         fake_world().spawned.clear();
         EXPECT_EQ(bridge_refresh(&bridge), wanted);
+        bridge_finish(&bridge);
+        return fake_world().spawned;
+    }
+    // The kernel tells of its table of mounts.
+    Runs notice_mounts()
+    {
+        fake_world().spawned.clear();
+        EXPECT_EQ(bridge_mounts_changed(&bridge), 0);
+        bridge_finish(&bridge);
         return fake_world().spawned;
     }
 
@@ -188,6 +203,55 @@ TEST_F(BridgeTest, WhatIsNotMountedIsWithdrawn)
     EXPECT_EQ(said(), (Texts{"share C (id) is withdrawn: /tmp/hotplug/sdc1 is not mounted"}));
 }
 
+TEST_F(BridgeTest, WhatIsUnmountedIsClosedAtOnce)
+{
+    mount_at("sdb1");
+    refresh(fixed + stick + "[B]\nPath=/tmp/hotplug/sdb1\n");
+    EXPECT_EQ(notice_mounts(), Runs{});
+    const std::string before = read_file(include_path);
+    ASSERT_EQ(umount("/tmp/hotplug/sda1"), 0);
+    EXPECT_EQ(notice_mounts(), (Runs{reload, close_of("Stick")}));
+    EXPECT_EQ(exported(), (Texts{"Fixed", "B"}));
+    EXPECT_EQ(said(), (Texts{"close share Stick"}));
+    EXPECT_EQ(notice_mounts(), Runs{});
+    ASSERT_EQ(mount("disk", "/tmp/hotplug/sda1", "tmpfs", 0, nullptr), 0);
+    EXPECT_EQ(notice_mounts(), Runs{}) << "what is mounted is shared at the next refresh";
+    EXPECT_EQ(refresh_again(), (Runs{reload}));
+    EXPECT_EQ(read_file(include_path), before);
+}
+
+TEST_F(BridgeTest, AMountThatComesSharesNothingThatTheShareFileHasSinceLost)
+{
+    refresh(fixed + stick);
+    write_file(share_file, "");
+    mount_at("sdb1");
+    EXPECT_EQ(notice_mounts(), Runs{});
+    EXPECT_EQ(exported(), (Texts{"Fixed", "Stick"}));
+}
+
+TEST_F(BridgeTest, WithoutMemoryWhatIsUnmountedStaysForTheNextTry)
+{
+    refresh(fixed + stick);
+    const std::string before = read_file(include_path);
+    ASSERT_EQ(umount("/tmp/hotplug/sda1"), 0);
+    int failures = 0;
+    for (int nth = 1;; nth++) {
+        fake_world().spawned.clear();
+        fake_log_clear();
+        memory_fail(nth);
+        const int result = bridge_mounts_changed(&bridge);
+        if (!memory_failed())
+            break;
+        EXPECT_EQ(result, -1);
+        EXPECT_EQ(read_file(include_path), before);
+        EXPECT_EQ(fake_world().spawned, Runs{});
+        EXPECT_EQ(said(), (Texts{"out of memory, nothing is changed"})) << nth;
+        failures++;
+    }
+    EXPECT_GT(failures, 5);
+    EXPECT_EQ(exported(), (Texts{"Fixed"}));
+}
+
 TEST_F(BridgeTest, WhatIsNotMountedAnyMoreIsClosed)
 {
     refresh(stick);
@@ -298,6 +362,39 @@ TEST_F(BridgeTest, UserIdsAreTheMachines)
     EXPECT_NE(read_file(include_path).find("valid users = nobody, root\n"), std::string::npos);
 }
 
+TEST_F(BridgeTest, AShareForWhomNobodyKnowsIsWithheldUntilTheListIsRight)
+{
+    const std::string right = fixed + stick + "Full Access Users=5001,\n";
+    refresh(right);
+    EXPECT_EQ(refresh(fixed + stick + "Full Access Users=anna\n"),
+              (Runs{reload, close_of("Stick")}));
+    EXPECT_EQ(exported(), (Texts{"Fixed"}));
+    EXPECT_EQ(said(), (Texts{"share Stick: no user has the id 5001",
+                             "share Stick (1234:00ab:A:1) is withheld: Full Access Users has anna, "
+                             "which is no user id",
+                             "close share Stick"}));
+    refresh_again();
+    EXPECT_EQ(said(), Texts{});
+    refresh(right);
+    EXPECT_EQ(exported(), (Texts{"Fixed", "Stick"}));
+}
+
+TEST_F(BridgeTest, WithoutTheUserInWhoseNameAllWorkNothingIsShared)
+{
+    refresh(fixed);
+    set_up("forceuser = nobody-has-this-name\n");
+    EXPECT_EQ(refresh_again(), (Runs{reload, close_of("Fixed")}));
+    EXPECT_EQ(exported(), Texts{});
+    EXPECT_EQ(said(),
+              (Texts{"there is no user nobody-has-this-name (forceuser): nothing is exported",
+                     "close share Fixed"}));
+    refresh(fixed + stick);
+    EXPECT_EQ(said(), Texts{});
+    set_up("forceuser = nobody\n");
+    refresh_again();
+    EXPECT_EQ(exported(), (Texts{"Fixed", "Stick"}));
+}
+
 TEST_F(BridgeTest, AFileThatCannotBeWrittenIsToldAndTriedAgain)
 {
     fake_world().fail("rename", 1, EACCES);
@@ -354,4 +451,215 @@ TEST_F(BridgeTest, PrintingChangesNothing)
     free(text);
     EXPECT_FALSE(exists(include_path));
     EXPECT_EQ(fake_world().spawned, Runs{});
+}
+
+// ---- a restart of the service ----
+
+namespace {
+
+const std::string pid_file = "/tmp/vyhotplugd.pid";
+
+class RestartTest : public BridgeTest {
+  protected:
+    void SetUp() override
+    {
+        BridgeTest::SetUp();
+        set_up("", pid_file.c_str());
+        start_service(100);
+        refresh(fixed + stick);
+        pass(restart_ms);
+        EXPECT_EQ(advance(), -1);
+    }
+    // Each writes its pid file anew.
+    static void start_service(int64_t second)
+    {
+        write_file(pid_file, "77\n");
+        const timespec times[2] = {{.tv_sec = second, .tv_nsec = 0},
+                                   {.tv_sec = second, .tv_nsec = 0}};
+        ASSERT_EQ(utimensat(AT_FDCWD, pid_file.c_str(), times, 0), 0);
+    }
+    static void kill_service() { fake_world().kill_errors[77] = ESRCH; }
+    static void pass(uint64_t milliseconds) { fake_world().monotonic_usec += milliseconds * 1000; }
+    int64_t advance()
+    {
+        const int64_t due = bridge_advance(&bridge);
+        bridge_finish(&bridge);
+        return due;
+    }
+};
+
+} // namespace
+
+TEST_F(RestartTest, WhatStandsMountedStaysSharedUntilTheNewServiceTellsOfIt)
+{
+    const std::string before = read_file(include_path);
+    start_service(200);
+    EXPECT_EQ(refresh(fixed), Runs{});
+    EXPECT_EQ(read_file(include_path), before);
+    EXPECT_EQ(advance(), static_cast<int64_t>(restart_ms));
+    pass(5000);
+    EXPECT_EQ(refresh(fixed + stick), Runs{});
+    EXPECT_EQ(read_file(include_path), before);
+    EXPECT_EQ(advance(), -1);
+}
+
+TEST_F(RestartTest, TheNewServiceIsBelievedAfterAWhile)
+{
+    start_service(200);
+    refresh(fixed);
+    pass(restart_ms - 1);
+    EXPECT_EQ(advance(), 1);
+    EXPECT_EQ(exported(), (Texts{"Fixed", "Stick"}));
+    pass(1);
+    fake_world().spawned.clear();
+    EXPECT_EQ(advance(), -1);
+    EXPECT_EQ(fake_world().spawned, (Runs{reload, close_of("Stick")}));
+    EXPECT_EQ(exported(), (Texts{"Fixed"}));
+}
+
+TEST_F(RestartTest, WhatTheServiceAlwaysTellsOfIsBelievedAtOnce)
+{
+    start_service(200);
+    EXPECT_EQ(refresh(""), (Runs{reload, close_of("Fixed")}));
+    EXPECT_EQ(exported(), (Texts{"Stick"}));
+}
+
+TEST_F(RestartTest, WhatIsNotMountedIsNotKept)
+{
+    ASSERT_EQ(umount("/tmp/hotplug/sda1"), 0);
+    start_service(200);
+    refresh(fixed);
+    EXPECT_EQ(exported(), (Texts{"Fixed"}));
+    EXPECT_EQ(advance(), -1);
+}
+
+TEST_F(RestartTest, WhatIsUnmountedIsNotKeptAnyMore)
+{
+    start_service(200);
+    refresh(fixed);
+    ASSERT_EQ(umount("/tmp/hotplug/sda1"), 0);
+    EXPECT_EQ(notice_mounts(), (Runs{reload, close_of("Stick")}));
+    EXPECT_EQ(exported(), (Texts{"Fixed"}));
+}
+
+TEST_F(RestartTest, WhatTheNewServiceWithdrawsIsNotKept)
+{
+    start_service(200);
+    for (const std::string withdrawn :
+         {"[Stick]\n", "[stick]\n", "[Stick]\nStatus=Unmount\nPath=/x\n"}) {
+        refresh(fixed + stick);
+        EXPECT_EQ(exported(), (Texts{"Fixed", "Stick"}));
+        refresh(fixed + withdrawn);
+        EXPECT_EQ(exported(), (Texts{"Fixed"})) << withdrawn;
+    }
+}
+
+TEST_F(RestartTest, AWithdrawnNameIsKnownUnderTheOneItIsExportedBy)
+{
+    mount_at("sdb1");
+    const std::string twice = "[a/b]\nPath=/tmp/hotplug/sda1\n[a?b]\nPath=/tmp/hotplug/sdb1\n";
+    refresh(twice);
+    EXPECT_EQ(exported(), (Texts{"a_b", "a_b (2)"}));
+    start_service(200);
+    refresh("[a?b]\n");
+    EXPECT_EQ(exported(), Texts{}) << "in doubt nothing is kept";
+}
+
+TEST_F(RestartTest, AShareUnderAnotherNameOrWithOtherRightsReplacesTheOldOne)
+{
+    start_service(200);
+    EXPECT_EQ(refresh(fixed + "[New]\nPath=/tmp/hotplug/sda1\n"),
+              (Runs{reload, close_of("Stick")}));
+    EXPECT_EQ(exported(), (Texts{"Fixed", "New"}));
+    EXPECT_EQ(refresh("[New]\nRead Only=Enable\nPath=/tmp/hotplug/sda1\n"),
+              (Runs{reload, close_of("Fixed"), close_of("New")}));
+    EXPECT_EQ(read_only_lines(), (Texts{"yes"}));
+    refresh("[New]\nFull Access Users=anna\nPath=/tmp/hotplug/sda1\n");
+    EXPECT_EQ(exported(), Texts{}) << "withheld";
+}
+
+TEST_F(RestartTest, ANameThatIsAnothersNowIsNotKept)
+{
+    start_service(200);
+    EXPECT_EQ(refresh("[STICK]\nPath=/tmp/fixed\n"),
+              (Runs{reload, close_of("Fixed"), close_of("Stick")}));
+    EXPECT_EQ(exported(), (Texts{"STICK"}));
+}
+
+// What prepares the next start takes out of the share file what it is going to unmount.
+TEST_F(RestartTest, WhileTheServiceIsDownTheShareFileIsBelieved)
+{
+    start_service(200);
+    kill_service();
+    EXPECT_EQ(refresh(fixed), (Runs{reload, close_of("Stick")}));
+}
+
+TEST_F(RestartTest, AServiceThatIsStartedAgainAndAgainHasItsTimeAfterEachStart)
+{
+    start_service(200);
+    refresh(fixed);
+    pass(restart_ms / 2);
+    start_service(300);
+    refresh_again();
+    EXPECT_EQ(advance(), static_cast<int64_t>(restart_ms));
+    EXPECT_EQ(exported(), (Texts{"Fixed", "Stick"}));
+}
+
+TEST_F(RestartTest, AServiceThatHasBeenThereIsBelieved)
+{
+    EXPECT_EQ(refresh(fixed), (Runs{reload, close_of("Stick")}));
+}
+
+TEST_F(RestartTest, ANewBridgeKeepsWhatTheOldOneExported)
+{
+    set_up("", pid_file.c_str());
+    EXPECT_EQ(refresh(fixed), Runs{});
+    EXPECT_EQ(exported(), (Texts{"Fixed", "Stick"}));
+}
+
+TEST_F(RestartTest, WithoutTheKeyTheNewServiceIsBelievedAtOnce)
+{
+    set_up("");
+    start_service(200);
+    EXPECT_EQ(refresh(fixed), (Runs{reload, close_of("Stick")}));
+}
+
+TEST_F(RestartTest, PrintingTellsWhatTheShareFileSays)
+{
+    start_service(200);
+    write_file(share_file, fixed);
+    MemGuard<char> text;
+    ASSERT_EQ(bridge_make_text(&bridge, text.out()), 0);
+    EXPECT_EQ(std::string(text.get()).find("[Stick]"), std::string::npos);
+}
+
+TEST_F(RestartTest, WithoutMemoryTheOldFileStays)
+{
+    start_service(200);
+    write_file(share_file, "");
+    const std::string before = read_file(include_path);
+    int failures = 0;
+    for (int nth = 1;; nth++) {
+        fake_world().spawned.clear();
+        memory_fail(nth);
+        const int result = bridge_refresh(&bridge);
+        if (!memory_failed() || result == 0) // a note may be lost
+            break;
+        EXPECT_EQ(read_file(include_path), before);
+        EXPECT_EQ(fake_world().spawned, Runs{});
+        failures++;
+    }
+    EXPECT_GT(failures, 10);
+}
+
+TEST_F(RestartTest, WhatCannotBeWithdrawnInTimeIsTriedAgain)
+{
+    start_service(200);
+    refresh(fixed);
+    pass(restart_ms);
+    fake_world().fail("rename", 1, ENOSPC);
+    EXPECT_EQ(advance(), 1000);
+    pass(1000);
+    EXPECT_EQ(advance(), -1);
+    EXPECT_EQ(exported(), (Texts{"Fixed"}));
 }

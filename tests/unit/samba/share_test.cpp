@@ -214,3 +214,43 @@ TEST(ShareListsUsers, AListIsGivenWhenItHoldsAnything)
         share_lists_users(&Reading("[A]\nFull Access Users=\n" + plain).first(), SHARE_FULL));
     EXPECT_FALSE(share_lists_users(&Reading("[A]\n" + plain).first(), SHARE_FULL));
 }
+
+// ---- users ----
+
+namespace {
+
+// What is wrong with the users of a share with these lines: "key: entry", or nothing.
+std::string wrong(const std::string& lines)
+{
+    const Reading reading("[A]\n" + lines + plain);
+    char entry[share_user_size];
+    const char* list = share_wrong_user(&reading.first(), entry);
+    return list != nullptr ? list + (": " + std::string(entry)) : "";
+}
+
+} // namespace
+
+TEST(ShareWrongUser, ListsAsTheServiceWritesThemAreRight)
+{
+    for (const std::string list :
+         {"", "500,", "500,501,", "500, 501", " 0 ,,", "2147483647", "007,"})
+        EXPECT_EQ(wrong("Full Access Users=" + list + "\n"), "") << list;
+    EXPECT_EQ(wrong(""), "");
+}
+
+TEST(ShareWrongUser, AnythingElseIsFoundInEachList)
+{
+    for (const std::string key :
+         {"Full Access Users", "Read Only Users", "Block Users", "Hide Users"})
+        EXPECT_EQ(wrong(key + "=500,anna\n"), key + ": anna");
+    for (const std::string entry : {"anna", "-1", "5 00", "500x", "x500", "99999999999", "0x1f4"})
+        EXPECT_EQ(wrong("Block Users=" + entry + ",8\n"), "Block Users: " + entry);
+}
+
+TEST(ShareWrongUser, WhatIsTooLongToBeAnIdIsNotCutToOne)
+{
+    const std::string zeros(60, '0');
+    EXPECT_EQ(wrong("Hide Users=" + zeros + "500x,\n"), "Hide Users: " + zeros + "...");
+    EXPECT_EQ(wrong("Hide Users=" + zeros + "500,\n"), "");
+    EXPECT_EQ(wrong("Hide Users=" + zeros + "0500,\n"), "Hide Users: " + zeros + "...");
+}

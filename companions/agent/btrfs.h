@@ -1,0 +1,12 @@
+// Filesystems of several devices: btrfs mounts one when the kernel has been told of all of them.
+#pragma once
+
+#include "agent/block_device.h"
+
+// Tells the kernel of a member, by its node below /dev, which stays, unlike that of a try to mount.
+// Returns 1 when all members are known; 0 when there are others; a negated errno, where the kernel
+// has no btrfs or takes the device for none.
+[[nodiscard]] int btrfs_register(const BlockName& name);
+
+// Whether the device is a member of a mounted one.
+bool btrfs_is_mounted(const char* sysfs, const BlockName& name);

@@ -1,0 +1,312 @@
+#include "ctl/call_status.h"
+
+#include "ctl/holders.h"
+#include "ctl/item_json.h"
+#include "ctl/problem_text.h"
+#include "ctl/settings.h"
+#include "ctl/target.h"
+#include "ctl/view.h"
+
+#include <errno.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+int look(const Setup& setup, View* view)
+{
+    const int result = view_begin(setup, view);
+    if (result != 0)
+        fprintf(stderr, "vyhotplugctl: %s\n", strerror(-result));
+    return result == 0 ? EXIT_DONE : EXIT_FAILED;
+}
+
+// ---- status ----
+
+namespace {
+
+enum Column : uint8_t {
+    COLUMN_NAME,
+    COLUMN_SHARE,
+    COLUMN_STATE,
+    COLUMN_SIZE,
+    COLUMN_USED,
+    COLUMN_FILESYSTEM,
+    COLUMN_MODE,
+    COLUMN_WHO,
+    COLUMNS,
+};
+
+constexpr TableColumn columns[COLUMNS] = {
+    {"PARTITION", false, 6, 4}, {"SHARE", false, 6, 6}, {"STATE", false, 6, 5},
+    {"SIZE", true, 0, 8},       {"USED", false, 0, 9},  {"FILESYSTEM", false, 0, 10},
+    {"MODE", false, 0, 7},      {"WHO", false, 9, 11},
+};
+static_assert(COLUMNS <= table_columns);
+
+constexpr Colour state_colours[ITEM_STATES] = {
+    COLOUR_GOOD, COLOUR_GOOD, COLOUR_WARN, COLOUR_DIM, COLOUR_BAD,
+    COLOUR_WARN, COLOUR_GOOD, COLOUR_BAD,  COLOUR_DIM,
+};
+
+// The texts of a row that are made for it.
+struct RowTexts {
+    char state[256];
+    char size[16];
+    char used[64];
+    char who[512];
+};
+
+} // namespace
+
+static unsigned percent_used(const Item& item)
+{
+    const uint64_t usable = item.used_bytes + item.free_bytes;
+    return usable == 0 ? 0 : static_cast<unsigned>(item.used_bytes / (usable / 100 + 1));
+}
+
+static void fill_row(const Terminal& out, const Item& item, RowTexts* texts, TableRow* row)
+{
+    TableCell* cells = row->cells;
+    const char* share = item.share;
+    if (share == nullptr && item.settings != nullptr)
+        share = item.settings->sharename;
+    (void)snprintf(texts->state, sizeof texts->state, "%s%s%s", item_state_word(item.state),
+                   item.reason != nullptr ? ": " : "", item.reason != nullptr ? item.reason : "");
+    if (item.size_bytes > 0)
+        size_format(item.size_bytes, texts->size);
+    if (item.mount != nullptr)
+        bar_format(out, percent_used(item), texts->used);
+    item_access(item, texts->who, sizeof texts->who);
+    cells[COLUMN_NAME] = {item_name(item), COLOUR_BOLD};
+    cells[COLUMN_SHARE] = {share, COLOUR_NONE};
+    cells[COLUMN_STATE] = {texts->state, state_colours[item.state]};
+    cells[COLUMN_SIZE] = {texts->size, COLOUR_NONE};
+    cells[COLUMN_USED] = {texts->used, COLOUR_NONE};
+    cells[COLUMN_FILESYSTEM] = {item_filesystem(item), COLOUR_NONE};
+    cells[COLUMN_MODE] = {item_is_readonly(item) ? "read-only" : "", COLOUR_WARN};
+    cells[COLUMN_WHO] = {texts->who, COLOUR_NONE};
+}
+
+static int print_table(const CallArgs& args, const View& view)
+{
+    const MemGuard<RowTexts> texts(
+        static_cast<RowTexts*>(calloc(view.count + 1, sizeof(RowTexts))));
+    const MemGuard<TableRow> rows(static_cast<TableRow*>(calloc(view.count + 1, sizeof(TableRow))));
+    if (!texts || !rows) {
+        perror("vyhotplugctl");
+        return EXIT_FAILED;
+    }
+    size_t count = 0;
+    for (size_t i = 0; i < view.count; i++) {
+        if (!args.all && !item_is_present(view.items[i]))
+            continue;
+        fill_row(args.out, view.items[i], &texts.get()[count], &rows.get()[count]);
+        count++;
+    }
+    if (count > 0)
+        table_print(args.out, columns, COLUMNS, rows.get(), count);
+    else
+        (void)fputs("Nothing is plugged.\n", args.out.out);
+    return EXIT_DONE;
+}
+
+static void print_json(const CallArgs& args, const View& view, const ProblemTable& problems)
+{
+    Json json = {.out = args.out.out, .more = false};
+    json_begin(&json, "status");
+    json_flag(&json, "service_runs", view.service_runs);
+    json_open(&json, "items", '[');
+    for (size_t i = 0; i < view.count; i++) {
+        if (args.all || item_is_present(view.items[i]))
+            item_json(&json, nullptr, view.items[i], false);
+    }
+    json_close(&json, ']');
+    problems_json(&json, "problems", problems);
+    json_end(&json);
+}
+
+// A line for each; "check" tells the rest.
+static void print_problems(const CallArgs& args, const ProblemTable& problems)
+{
+    for (size_t i = 0; i < problems.count; i++) {
+        if (problems.problems[i].note)
+            continue;
+        (void)fputs("! ", args.out.out);
+        (void)text_show(args.out.out, problems.problems[i].text,
+                        args.out.width > 2 ? args.out.width - 2 : SIZE_MAX);
+        (void)fputs("\n", args.out.out);
+    }
+}
+
+static int print_status(const CallArgs& args, const View& view, const ProblemTable& problems)
+{
+    if (args.json) {
+        print_json(args, view, problems);
+    } else {
+        const int status = print_table(args, view);
+        if (status != EXIT_DONE)
+            return status;
+        print_problems(args, problems);
+    }
+    return view.service_runs ? EXIT_DONE : EXIT_NO_SERVICE;
+}
+
+int call_status(const CallArgs& args)
+{
+    View view;
+    ProblemTable problems = {};
+    int status = look(*args.setup, &view);
+    if (status == EXIT_DONE && problems_find(*args.setup, view, PROBLEMS_QUICK, &problems) < 0) {
+        perror("vyhotplugctl");
+        status = EXIT_FAILED;
+    }
+    if (status == EXIT_DONE)
+        status = print_status(args, view, problems);
+    problems_end(&problems);
+    view_end(&view);
+    return status;
+}
+
+// ---- show ----
+
+static void print_line(FILE* out, const char* name, const char* text)
+{
+    if (text == nullptr || text[0] == '\0')
+        return;
+    fprintf(out, "%18s  ", name);
+    (void)text_show(out, text, PATH_MAX);
+    (void)fputc('\n', out);
+}
+
+static void print_settings(FILE* out, const ConfDev* settings)
+{
+    for (const SettingRow& row : setting_rows) {
+        char value[setting_value_size] = "";
+        if (settings == nullptr)
+            return;
+        if (row.users == nullptr) {
+            setting_format(row, *settings, value);
+            print_line(out, row.word, value);
+        } else if ((settings->*row.users)->count > 0) {
+            fprintf(out, "%18s  ", row.word);
+            users_show(out, settings->*row.users);
+            (void)fputc('\n', out);
+        }
+    }
+}
+
+static void print_sizes(FILE* out, const Item& item)
+{
+    char size[16];
+    char used[16];
+    char left[16];
+    size_format(item.size_bytes, size);
+    size_format(item.used_bytes, used);
+    size_format(item.free_bytes, left);
+    if (item.mount != nullptr)
+        fprintf(out, "%18s  %s, %s used, %s free\n", "size", size, used, left);
+    else if (item.size_bytes > 0)
+        print_line(out, "size", size);
+}
+
+static void print_device(FILE* out, const Item& item)
+{
+    const DiskPart* part = item.part;
+    const char* vendor = item.texts[SHARE_VENDOR];
+    const char* product = item.texts[SHARE_PRODUCT];
+    const char* serial = item.texts[SHARE_SERIAL];
+    if (part != nullptr) {
+        vendor = vendor != nullptr ? vendor : part->vendor;
+        product = product != nullptr ? product : part->product;
+        serial = serial != nullptr ? serial : part->serial;
+        print_line(out, "kernel's name", part->name);
+    }
+    print_line(out, "vendor", vendor);
+    print_line(out, "product", product);
+    print_line(out, "serial", serial);
+    print_line(out, "Mbit/s", item.texts[SHARE_SPEED]);
+}
+
+static void print_item(FILE* out, const Item& item, const HolderTable& holders)
+{
+    print_line(out, "partition", item.name);
+    print_line(out, "identity", item.identity);
+    print_line(out, "state", item_state_word(item.state));
+    print_line(out, "why", item.reason);
+    print_line(out, "share's name", item.share);
+    print_line(out, "label", item_label(item));
+    print_line(out, "directory", item.directory);
+    print_line(out, "filesystem", item_filesystem(item));
+    if (item.mount != nullptr) {
+        print_line(out, "node", item.mount->source);
+        print_line(out, "mounted", item.mount->readonly ? "read-only" : "read and write");
+    }
+    print_sizes(out, item);
+    print_device(out, item);
+    char who[512];
+    item_access(item, who, sizeof who);
+    print_line(out, "who may enter", who);
+    print_settings(out, item.settings);
+    if (holders.count > 0)
+        fprintf(out, "%18s\n", "held by");
+    holders_print(out, holders);
+}
+
+// Finds who holds the item; nobody where it is not mounted.
+static int hold(const Item& item, HolderTable* holders)
+{
+    *holders = {};
+    if (item.mount == nullptr || holders_find(*item.mount, holders) == 0)
+        return EXIT_DONE;
+    perror("vyhotplugctl");
+    return EXIT_FAILED;
+}
+
+static void print_one(const CallArgs& args, const Item& item, const HolderTable& holders,
+                      const char* call, bool whole)
+{
+    Json json = {.out = args.out.out, .more = false};
+    if (!args.json) {
+        if (whole)
+            print_item(args.out.out, item, holders);
+        else if (holders.count > 0)
+            holders_print(args.out.out, holders);
+        else
+            fprintf(args.out.out, "Nobody holds %s.\n", item_name(item));
+        return;
+    }
+    json_begin(&json, call);
+    item_json(&json, "item", item, whole);
+    holders_json(&json, "holders", holders);
+    json_end(&json);
+}
+
+// What `show` and `who` have in common.
+static int tell_of_one(const CallArgs& args, const char* call, bool whole)
+{
+    View view;
+    HolderTable holders = {};
+    int status = look(*args.setup, &view);
+    if (status == EXIT_DONE) {
+        const Item* item = target_find_one(view, args.words[0], &status);
+        if (item != nullptr)
+            status = hold(*item, &holders);
+        if (item != nullptr && status == EXIT_DONE)
+            print_one(args, *item, holders, call, whole);
+    }
+    holders_end(&holders);
+    view_end(&view);
+    return status;
+}
+
+int call_show(const CallArgs& args)
+{
+    return tell_of_one(args, "show", true);
+}
+
+int call_who(const CallArgs& args)
+{
+    if (geteuid() != 0)
+        (void)fputs("vyhotplugctl: only root sees who else holds files\n", stderr);
+    return tell_of_one(args, "who", false);
+}

@@ -1,0 +1,246 @@
+#include "ctl/disks.h"
+
+#include "common/text.h"
+#include "lib/str.h"
+
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+static constexpr uint64_t sector_bytes = 512; // sysfs tells sizes in these, whatever the disk's are
+static constexpr uint32_t letters = 26;       // devices of a kind that the service knows names for
+
+namespace {
+
+// How a kind of device is called by the kernel and by the service.
+struct Kind {
+    uint32_t major;
+    const char* prefix;
+    uint32_t range; // minors of a device, where sysfs does not tell
+    bool card;
+};
+
+constexpr Kind kinds[] = {{8, "sd", 16, false}, {179, "mmcblk", 8, true}};
+
+// What is read of one device.
+struct Reader {
+    const char* sysfs;
+    DiskTable* table;
+    size_t room;
+};
+
+} // namespace
+
+static void release_directory(DIR* directory)
+{
+    closedir(directory);
+}
+using DirGuard = Guard<DIR, release_directory>;
+
+// ---- files of sysfs ----
+
+// Reads a line; empty where there is none.
+static void read_line(const char* directory, const char* file, char* text, size_t size)
+{
+    char path[PATH_MAX + 32];
+    (void)snprintf(path, sizeof path, "%s/%s", directory, file);
+    text[0] = '\0';
+    const FdGuard fd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (fd.get() < 0)
+        return;
+    const ssize_t length = read(fd.get(), text, size - 1);
+    text[length > 0 ? length : 0] = '\0';
+    text[strcspn(text, "\n")] = '\0';
+    text_trim(text);
+}
+
+static uint64_t read_number(const char* directory, const char* file)
+{
+    char text[32];
+    read_line(directory, file, text, sizeof text);
+    return strtoull(text, nullptr, 10);
+}
+
+static bool has_entries(const char* directory, const char* folder)
+{
+    char path[PATH_MAX + 32];
+    (void)snprintf(path, sizeof path, "%s/%s", directory, folder);
+    const DirGuard entries(opendir(path));
+    while (const dirent* entry = entries ? readdir(entries.get()) : nullptr) {
+        if (entry->d_name[0] != '.')
+            return true;
+    }
+    return false;
+}
+
+bool disk_usb_directory(const char* sysfs, const char* disk, char (&path)[PATH_MAX])
+{
+    char link[PATH_MAX];
+    char root[PATH_MAX];
+    (void)snprintf(link, sizeof link, "%s/block/%s/device", sysfs, disk);
+    if (realpath(link, path) == nullptr || realpath(sysfs, root) == nullptr)
+        return false;
+    const size_t length = strlen(root);
+    while (strncmp(path, root, length) == 0 && strlen(path) > length) {
+        char vendor[8];
+        read_line(path, "idVendor", vendor, sizeof vendor);
+        if (vendor[0] != '\0')
+            return true;
+        *strrchr(path, '/') = '\0';
+    }
+    return false;
+}
+
+// ---- one device ----
+
+// As the agent cleans what it tells the service.
+static void clean(char* text)
+{
+    (void)text_clean(text, ",[]");
+    if (text[0] == '=')
+        text[0] = '_';
+}
+
+static void read_hardware(const char* sysfs, bool card, DiskPart* part)
+{
+    char directory[PATH_MAX];
+    unsigned long vendor = 0;
+    unsigned long product = 0;
+    char id[8];
+    part->pluggable = card;
+    if (card) {
+        (void)snprintf(directory, sizeof directory, "%s/block/%s/device", sysfs, part->disk);
+        read_line(directory, "serial", part->serial, sizeof part->serial);
+        read_line(directory, "name", part->product, sizeof part->product);
+    } else if (disk_usb_directory(sysfs, part->disk, directory)) {
+        part->pluggable = true;
+        read_line(directory, "idVendor", id, sizeof id);
+        vendor = strtoul(id, nullptr, 16);
+        read_line(directory, "idProduct", id, sizeof id);
+        product = strtoul(id, nullptr, 16);
+        read_line(directory, "serial", part->serial, sizeof part->serial);
+        read_line(directory, "manufacturer", part->vendor, sizeof part->vendor);
+        read_line(directory, "product", part->product, sizeof part->product);
+        read_line(directory, "speed", part->speed, sizeof part->speed);
+    }
+    clean(part->serial);
+    (void)snprintf(part->identity, sizeof part->identity, "%04lx:%04lx:%s:%d", vendor & 0xffff,
+                   product & 0xffff, part->serial, part->partition);
+}
+
+static void name_for_service(const Kind& kind, uint32_t range, DiskPart* part)
+{
+    if (part->major != kind.major || range == 0 || part->minor / range >= letters)
+        return;
+    (void)snprintf(part->service, sizeof part->service, "%s%c%u", kind.prefix,
+                   'a' + static_cast<int>(part->minor / range), part->minor % range);
+}
+
+// Adds one device. Returns -ENOMEM.
+static int read_part(Reader* reader, const Kind& kind, const char* disk, const char* name)
+{
+    char directory[PATH_MAX];
+    char numbers[32];
+    DiskPart part = {};
+    const bool whole = strcmp(disk, name) == 0;
+    (void)snprintf(directory, sizeof directory, "%s/block/%s", reader->sysfs, disk);
+    const uint64_t told = read_number(directory, "range");
+    const uint32_t range = told > 0 && told < 256 ? static_cast<uint32_t>(told) : kind.range;
+    if (!whole)
+        (void)snprintf(directory, sizeof directory, "%s/block/%s/%s", reader->sysfs, disk, name);
+    read_line(directory, "dev", numbers, sizeof numbers);
+    char* colon = strchr(numbers, ':');
+    if (colon == nullptr)
+        return 0; // it is going
+    part.major = static_cast<uint32_t>(strtoul(numbers, nullptr, 10));
+    part.minor = static_cast<uint32_t>(strtoul(colon + 1, nullptr, 10));
+    str_ncpy(part.name, name, sizeof part.name);
+    str_ncpy(part.disk, disk, sizeof part.disk);
+    part.partition = whole ? 0 : static_cast<int32_t>(part.minor % range);
+    part.size_bytes = read_number(directory, "size") * sector_bytes;
+    part.readonly = read_number(directory, "ro") != 0;
+    part.held = has_entries(directory, "holders");
+    read_hardware(reader->sysfs, kind.card, &part);
+    name_for_service(kind, range, &part);
+    DiskTable* table = reader->table;
+    if (table->count == reader->room) {
+        reader->room = reader->room * 2 + 8;
+        auto* grown =
+            static_cast<DiskPart*>(realloc(table->parts, reader->room * sizeof(DiskPart)));
+        if (grown == nullptr)
+            return -ENOMEM;
+        table->parts = grown;
+    }
+    table->parts[table->count++] = part;
+    return 0;
+}
+
+static int read_disk(Reader* reader, const Kind& kind, const char* disk)
+{
+    char path[PATH_MAX];
+    (void)snprintf(path, sizeof path, "%s/block/%s", reader->sysfs, disk);
+    const size_t whole = reader->table->count;
+    int result = read_part(reader, kind, disk, disk);
+    const DirGuard directory(opendir(path));
+    while (const dirent* entry = result == 0 && directory ? readdir(directory.get()) : nullptr) {
+        if (strncmp(entry->d_name, disk, strlen(disk)) != 0)
+            continue;
+        result = read_part(reader, kind, disk, entry->d_name);
+    }
+    if (reader->table->count > whole)
+        reader->table->parts[whole].parted = reader->table->count > whole + 1;
+    return result;
+}
+
+// "sda" and "mmcblk0", not "mmcblk0boot0".
+static const Kind* kind_of(const char* name)
+{
+    for (const Kind& kind : kinds) {
+        const size_t length = strlen(kind.prefix);
+        const char* allowed = kind.card ? "0123456789" : "abcdefghijklmnopqrstuvwxyz";
+        if (strncmp(name, kind.prefix, length) == 0 && name[length] != '\0' &&
+            name[length + strspn(name + length, allowed)] == '\0' && strlen(name) < disk_name_size)
+            return &kind;
+    }
+    return nullptr;
+}
+
+static int compare(const void* a, const void* b)
+{
+    const auto* left = static_cast<const DiskPart*>(a);
+    const auto* right = static_cast<const DiskPart*>(b);
+    if (left->major != right->major)
+        return left->major < right->major ? -1 : 1;
+    return left->minor < right->minor ? -1 : left->minor > right->minor ? 1 : 0;
+}
+
+int disks_read(const char* sysfs, DiskTable** table)
+{
+    DiskTableGuard made(static_cast<DiskTable*>(calloc(1, sizeof(DiskTable))));
+    if (!made)
+        return -ENOMEM;
+    Reader reader = {.sysfs = sysfs, .table = made.get(), .room = 0};
+    char path[PATH_MAX];
+    (void)snprintf(path, sizeof path, "%s/block", sysfs);
+    const DirGuard directory(opendir(path));
+    while (const dirent* entry = directory ? readdir(directory.get()) : nullptr) {
+        const Kind* kind = kind_of(entry->d_name);
+        if (kind != nullptr && read_disk(&reader, *kind, entry->d_name) != 0)
+            return -ENOMEM;
+    }
+    if (made->count > 1)
+        qsort(made->parts, made->count, sizeof(DiskPart), compare);
+    *table = made.take();
+    return 0;
+}
+
+void disks_free(DiskTable* table)
+{
+    if (table == nullptr)
+        return;
+    free(table->parts);
+    free(table);
+}

@@ -1,0 +1,34 @@
+// Who holds a mounted filesystem: processes by their files, as /proc tells. For root, all of them;
+// for others only their own.
+#pragma once
+
+#include "ctl/json.h"
+#include "ctl/view.h"
+
+#include <sys/types.h>
+
+// How a process holds it.
+enum HolderUse : uint8_t { HOLDS_FILE, HOLDS_DIRECTORY, HOLDS_ROOT, HOLDS_PROGRAM, HOLDS_MAP };
+
+struct Holder {
+    pid_t pid;
+    uid_t uid;
+    HolderUse use;
+    char command[32];
+    char* file; // the path as the process sees it; owned, may be null
+};
+
+struct HolderTable {
+    Holder* holders; // in the order of process numbers; owned
+    size_t count;
+    size_t room;
+};
+
+// Looks through all processes for what lies on the mount. A file that a process holds several times
+// stands there once. Returns 0 and a table, to be ended by holders_end in either case; -ENOMEM.
+[[nodiscard]] int holders_find(const MountinfoEntry& mount, HolderTable* table);
+void holders_end(HolderTable* table);
+
+// Prints a line for each: process, command, user, file.
+void holders_print(FILE* out, const HolderTable& table);
+void holders_json(Json* json, const char* key, const HolderTable& table);

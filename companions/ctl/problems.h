@@ -1,0 +1,30 @@
+// What is wrong with the installation, each with what to type. Reads only.
+#pragma once
+
+#include "ctl/view.h"
+
+struct Problem {
+    const char* id; // for programs: "service_not_running"
+    bool note;      // worth knowing, and nothing wrong
+    char* text;     // owned
+    const char* remedy;
+};
+
+struct ProblemTable {
+    Problem* problems; // owned
+    size_t count;
+    size_t room;
+    bool failed; // memory has run out
+};
+
+enum ProblemScope : uint8_t {
+    PROBLEMS_CONFIGURATION, // the configuration and the paths that it names
+    PROBLEMS_QUICK,         // and everything that can be seen without starting a program
+    PROBLEMS_ALL,
+};
+
+// Looks for problems. Returns how many there are that are no notes; -ENOMEM. Either way the table
+// is to be ended by problems_end.
+[[nodiscard]] int problems_find(const Setup& setup, const View& view, ProblemScope scope,
+                                ProblemTable* table);
+void problems_end(ProblemTable* table);

@@ -1,0 +1,260 @@
+#include "ctl/program.h"
+
+#include "ctl/call_check.h"
+#include "ctl/call_edit.h"
+#include "ctl/call_mount.h"
+#include "ctl/call_set.h"
+#include "ctl/call_status.h"
+#include "ctl/call_watch.h"
+#include "lib/platform.h"
+#include "lib/str.h"
+#include "lib/version.h"
+
+#include <getopt.h>
+#include <limits.h>
+#include <string.h>
+#include <syslog.h>
+#include <unistd.h>
+
+static constexpr char program[] = "vyhotplugctl";
+static constexpr int no_most = INT_MAX;
+
+static int call_help(const CallArgs& args);
+
+static constexpr CallRow call_rows[] = {
+    {"status", "[--all]", "what is plugged, mounted and shared; --all: and what is known",
+     TAKES_JSON | TAKES_ALL, 0, 0, false, call_status},
+    {"show", "TARGET", "everything about one", TAKES_JSON, 1, 1, false, call_show},
+    {"who", "TARGET", "who holds files there", TAKES_JSON, 1, 1, false, call_who},
+    {"set", "TARGET KEY=VALUE... [--wait SECONDS]", "change settings of a share", TAKES_WAIT, 2,
+     no_most, true, call_set},
+    {"unset", "TARGET KEY... [--wait SECONDS]", "back to what is when nothing is set", TAKES_WAIT,
+     2, no_most, true, call_unset},
+    {"edit", "[TARGET]", "settings in an editor, checked and set when it ends", 0, 0, 1, true,
+     call_edit},
+    {"forget", "TARGET [--wait SECONDS]", "no settings any more", TAKES_WAIT, 1, 1, true,
+     call_forget},
+    {"mount", "TARGET", "mount it again", 0, 1, 1, true, call_mount},
+    {"unmount", "TARGET [--force] [--wait SECONDS]", "write everything down and unmount it",
+     TAKES_FORCE | TAKES_WAIT, 1, 1, true, call_unmount},
+    {"eject", "TARGET [--wait SECONDS]", "unmount the whole disk and switch it off, to be pulled",
+     TAKES_WAIT, 1, 1, true, call_eject},
+    {"watch", "", "a line for each thing that happens", TAKES_JSON, 0, 0, false, call_watch},
+    {"check", "[--configuration]", "what is wrong here, and what to type",
+     TAKES_JSON | TAKES_CONFIG, 0, 0, false, call_check},
+    {"help", "", "this", 0, 0, no_most, false, call_help},
+};
+
+// ---- help ----
+
+static int call_help(const CallArgs& args)
+{
+    FILE* out = args.out.out;
+    fprintf(out, "usage: %s [CALL] [OPTION]... [TARGET]...\n\n", program);
+    for (const CallRow& row : call_rows)
+        fprintf(out, "  %s %s%s\n        %s\n", row.name, row.synopsis,
+                (row.options & TAKES_JSON) != 0 ? " [--json]" : "", row.help);
+    (void)fputs("\n"
+                "TARGET: sda, sda1, an identity, a share's name, a label or a directory\n"
+                "\n"
+                "  -f, --file FILE  the service's configuration\n"
+                "      --json       for programs, see docs/json.md\n"
+                "      --sysfs DIR  where sysfs is mounted (/sys)\n"
+                "      --run DIR    what the agent tells (/run/vyhotplugd)\n"
+                "      --version    print the version\n"
+                "\n"
+                "Ends with 0 done, 1 refused or failed, 2 wrong call, 3 the service is not\n"
+                "running, 4 busy, 5 nothing fits the target.\n",
+                out);
+    return EXIT_DONE;
+}
+
+// ---- options ----
+
+namespace {
+
+enum OptionCode : int {
+    CODE_JSON = 256,
+    CODE_ALL,
+    CODE_FORCE,
+    CODE_WAIT,
+    CODE_CONFIG,
+    CODE_SYSFS,
+    CODE_RUN,
+    CODE_HELP,
+    CODE_VERSION,
+};
+
+constexpr option long_options[] = {
+    {"json", no_argument, nullptr, CODE_JSON},
+    {"all", no_argument, nullptr, CODE_ALL},
+    {"force", no_argument, nullptr, CODE_FORCE},
+    {"wait", required_argument, nullptr, CODE_WAIT},
+    {"configuration", no_argument, nullptr, CODE_CONFIG},
+    {"file", required_argument, nullptr, 'f'},
+    {"sysfs", required_argument, nullptr, CODE_SYSFS},
+    {"run", required_argument, nullptr, CODE_RUN},
+    {"help", no_argument, nullptr, CODE_HELP},
+    {"version", no_argument, nullptr, CODE_VERSION},
+    {nullptr, 0, nullptr, 0},
+};
+
+struct CommandLine {
+    CallArgs args;
+    SetupPaths paths;
+    unsigned options; // CallOption that were given
+    bool help;
+    bool version;
+};
+
+} // namespace
+
+static int complain(const char* what, const char* about)
+{
+    fprintf(stderr, "%s: %s%s\nTry: %s help\n", program, what, about, program);
+    return EXIT_WRONG_CALL;
+}
+
+static int take_wait(CommandLine* line)
+{
+    line->options |= TAKES_WAIT;
+    if (optarg[0] >= '0' && optarg[0] <= '9' && str_to_long(optarg, &line->args.wait_s, 10) == 0 &&
+        line->args.wait_s <= 86400)
+        return EXIT_DONE;
+    return complain("not a number of seconds up to a day: ", optarg);
+}
+
+static int take_option(CommandLine* line, int code)
+{
+    switch (code) {
+    case CODE_JSON:
+        line->options |= TAKES_JSON;
+        line->args.json = true;
+        return EXIT_DONE;
+    case CODE_ALL:
+        line->options |= TAKES_ALL;
+        line->args.all = true;
+        return EXIT_DONE;
+    case CODE_FORCE:
+        line->options |= TAKES_FORCE;
+        line->args.force = true;
+        return EXIT_DONE;
+    case CODE_CONFIG:
+        line->options |= TAKES_CONFIG;
+        line->args.offline = true;
+        return EXIT_DONE;
+    case CODE_WAIT:
+        return take_wait(line);
+    case 'f':
+        line->paths.config = optarg;
+        return EXIT_DONE;
+    case CODE_SYSFS:
+        line->paths.sysfs = optarg;
+        return EXIT_DONE;
+    case CODE_RUN:
+        line->paths.run = optarg;
+        return EXIT_DONE;
+    case CODE_HELP:
+        line->help = true;
+        return EXIT_DONE;
+    case CODE_VERSION:
+        line->version = true;
+        return EXIT_DONE;
+    default:
+        return complain("wrong option", ""); // getopt_long has told which
+    }
+}
+
+static int parse(int argc, char* argv[], CommandLine* line)
+{
+    line->args = {};
+    line->args.wait_s = -1;
+    line->args.out = terminal_open(stdout);
+    line->paths = setup_defaults;
+    line->options = 0;
+    line->help = line->version = false;
+    optind = 0; // 0 starts over with glibc, musl and uClibc alike
+    int status = EXIT_DONE;
+    int code = 0;
+    while (status == EXIT_DONE &&
+           (code = getopt_long(argc, argv, "f:", long_options, nullptr)) != -1)
+        status = take_option(line, code);
+    line->args.words = argv + optind;
+    line->args.count = argc - optind;
+    return status;
+}
+
+// ---- the program ----
+
+static const CallRow* find_call(const char* name)
+{
+    for (const CallRow& row : call_rows) {
+        if (strcmp(row.name, name) == 0)
+            return &row;
+    }
+    return nullptr;
+}
+
+// Whether the words and options fit the call.
+static int check(const CallRow& row, const CommandLine& line)
+{
+    if (line.args.count < row.least)
+        return complain("something is missing; ", row.synopsis);
+    if (line.args.count > row.most)
+        return complain("unexpected: ", line.args.words[row.most]);
+    if ((line.options & ~row.options) != 0)
+        return complain("an option that is not for ", row.name);
+    if (row.root && geteuid() != 0) {
+        fprintf(stderr, "%s: only root can %s; try: sudo %s %s ...\n", program, row.name, program,
+                row.name);
+        return EXIT_FAILED;
+    }
+    return EXIT_DONE;
+}
+
+static int run(const CallRow& row, CommandLine* line)
+{
+    Setup setup;
+    int status = check(row, *line);
+    if (status != EXIT_DONE)
+        return status;
+    if (row.run == call_help)
+        return call_help(line->args);
+    line->args.setup = &setup;
+    status = setup_begin(line->paths, &setup) == 0 ? row.run(line->args) : EXIT_FAILED;
+    setup_end(&setup);
+    return status;
+}
+
+// What could not be printed is a failure, too.
+static int end_printing(int status)
+{
+    if (stream_flush(stdout) == 0)
+        return status;
+    perror(program);
+    return status == EXIT_DONE ? EXIT_FAILED : status;
+}
+
+int ctl_main(int argc, char* argv[])
+{
+    CommandLine line;
+    const int status = parse(argc, argv, &line);
+    if (status != EXIT_DONE)
+        return status;
+    (void)setlogmask(LOG_MASK(LOG_EMERG)); // what is wrong is told here, not in the system's log
+    if (line.version) {
+        printf("%s %s\n", program, vy_build);
+        return end_printing(EXIT_DONE);
+    }
+    if (line.help)
+        return end_printing(call_help(line.args));
+    const char* name = line.args.count > 0 ? line.args.words[0] : "status";
+    const CallRow* row = find_call(name);
+    if (row == nullptr)
+        return complain("no such call: ", name);
+    if (line.args.count > 0) {
+        line.args.words++;
+        line.args.count--;
+    }
+    return end_printing(run(*row, &line));
+}

@@ -1,0 +1,27 @@
+// The running service: whether it is there, its signal and its answers.
+#pragma once
+
+#include "ctl/progress.h"
+
+// Whether somebody listens under the service's name, as the kernel's table /proc/net/unix tells
+// everybody.
+[[nodiscard]] bool service_listens();
+
+// Whether a line of that table is the service's listening socket. Pure.
+[[nodiscard]] bool service_line(const char* line);
+
+// Has the service read the device file: sends SIGHUP to the process that listens. Returns 0;
+// -ESRCH when none listens, or what listens is not root's; -EPERM for who is not root.
+[[nodiscard]] int service_reload();
+
+enum ServiceAnswer {
+    SERVICE_DONE,
+    SERVICE_REFUSED,
+    SERVICE_SILENT, // it took the request and has not answered; it may carry it out all the same
+    SERVICE_GONE,   // nobody listens
+};
+
+// Sends "ACTION=<action>,<target>" and waits up to `limit_ms` for the answer, which
+// `progress` tells of.
+[[nodiscard]] ServiceAnswer service_request(const char* action, const char* target, bool force,
+                                            int limit_ms, Progress* progress);

@@ -1,0 +1,302 @@
+#include "ctl/terminal.h"
+
+#include "common/text.h"
+
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+static constexpr size_t gap = 2;        // columns between two columns
+static constexpr size_t widest = 10000; // columns of a terminal that are believed
+static constexpr size_t default_width = 80;
+
+// ---- the terminal ----
+
+static const char* environment(const char* name)
+{
+    const char* value = getenv(name);
+    return value != nullptr ? value : "";
+}
+
+static bool is_utf8()
+{
+    const char* locale = environment("LC_ALL");
+    if (locale[0] == '\0')
+        locale = environment("LC_CTYPE");
+    if (locale[0] == '\0')
+        locale = environment("LANG");
+    return strcasestr(locale, "utf-8") != nullptr || strcasestr(locale, "utf8") != nullptr;
+}
+
+static size_t width_of(int fd)
+{
+    const unsigned long told = strtoul(environment("COLUMNS"), nullptr, 10);
+    if (told > 0 && told < widest)
+        return told;
+    winsize size = {};
+    if (ioctl(fd, TIOCGWINSZ, &size) == 0 && size.ws_col > 0)
+        return size.ws_col;
+    return default_width;
+}
+
+Terminal terminal_open(FILE* out)
+{
+    Terminal terminal = {.out = out, .width = 0, .colour = false, .utf8 = is_utf8()};
+    if (isatty(fileno(out)) == 0)
+        return terminal;
+    terminal.width = width_of(fileno(out));
+    terminal.colour =
+        environment("NO_COLOR")[0] == '\0' && strcmp(environment("TERM"), "dumb") != 0;
+    return terminal;
+}
+
+// ---- texts ----
+
+namespace {
+
+struct CharacterRange {
+    uint32_t first;
+    uint32_t last;
+};
+
+// What a terminal obeys, or what takes no room and hides what stands beside it.
+constexpr CharacterRange unfit[] = {
+    {0x00, 0x1f},     {0x7f, 0x9f},     {0xad, 0xad},     {0x61c, 0x61c},
+    {0x180e, 0x180e}, {0x200b, 0x200f}, {0x2028, 0x202e}, {0x2060, 0x206f},
+    {0xfe00, 0xfe0f}, {0xfeff, 0xfeff}, {0xfff9, 0xfffb}, {0xe0000, 0xe0fff},
+};
+
+// Two columns wide.
+constexpr CharacterRange wide[] = {
+    {0x1100, 0x115f}, {0x2e80, 0xa4cf}, {0xac00, 0xd7a3},   {0xf900, 0xfaff},
+    {0xfe30, 0xfe6f}, {0xff00, 0xff60}, {0x1f300, 0x1faff}, {0x20000, 0x3fffd},
+};
+
+// Marks on the letter before them.
+constexpr CharacterRange marks[] = {{0x300, 0x36f}};
+
+// One character as it is shown.
+struct Shown {
+    const char* bytes;
+    size_t length;
+    size_t columns;
+    char escape[8];
+};
+
+} // namespace
+
+template <size_t N>
+static bool is_in(const CharacterRange (&ranges)[N], uint32_t character)
+{
+    for (const CharacterRange& range : ranges) {
+        if (character >= range.first && character <= range.last)
+            return true;
+    }
+    return false;
+}
+
+static uint32_t decode(const char* text, size_t length)
+{
+    static constexpr uint8_t masks[] = {0, 0x7f, 0x1f, 0x0f, 0x07};
+    uint32_t character = static_cast<uint8_t>(text[0]) & masks[length];
+    for (size_t i = 1; i < length; i++)
+        character = character << 6 | (static_cast<uint8_t>(text[i]) & 0x3fU);
+    return character;
+}
+
+// Takes the character that the text begins with. Returns the bytes it takes there.
+static size_t next_shown(const char* text, Shown* shown)
+{
+    const size_t length = text_sequence(text);
+    const uint32_t character = length != 0 ? decode(text, length) : 0;
+    if (!is_in(unfit, character)) {
+        shown->bytes = text;
+        shown->length = length;
+        shown->columns = is_in(marks, character) ? 0 : is_in(wide, character) ? 2 : 1;
+        return length;
+    }
+    (void)snprintf(shown->escape, sizeof shown->escape, "\\x%02x",
+                   static_cast<unsigned>(static_cast<uint8_t>(text[0])));
+    shown->bytes = shown->escape;
+    shown->length = shown->columns = 4;
+    return 1; // the bytes behind it are none of a character, and follow as such
+}
+
+size_t text_columns(const char* text)
+{
+    size_t columns = 0;
+    Shown shown;
+    while (*text != '\0') {
+        text += next_shown(text, &shown);
+        columns += shown.columns;
+    }
+    return columns;
+}
+
+size_t text_show(FILE* out, const char* text, size_t columns)
+{
+    const bool whole = text_columns(text) <= columns;
+    if (columns == 0)
+        return 0;
+    const size_t room = whole ? columns : columns - 1;
+    size_t taken = 0;
+    Shown shown;
+    while (*text != '\0') {
+        text += next_shown(text, &shown);
+        if (taken + shown.columns > room)
+            break;
+        (void)fwrite(shown.bytes, 1, shown.length, out);
+        taken += shown.columns;
+    }
+    if (!whole) {
+        (void)fputc('~', out);
+        taken++;
+    }
+    return taken;
+}
+
+// ---- tables ----
+
+static const char* const colour_codes[] = {"",         "\033[32m", "\033[33m",
+                                           "\033[31m", "\033[2m",  "\033[1m"};
+
+static const char* cell_text(const TableCell& cell)
+{
+    return cell.text != nullptr ? cell.text : "";
+}
+
+static size_t table_width(const size_t* widths, size_t count)
+{
+    size_t sum = 0;
+    for (size_t i = 0; i < count; i++) {
+        if (widths[i] > 0)
+            sum += widths[i] + gap;
+    }
+    return sum > gap ? sum - gap : 0;
+}
+
+// Cuts the column of the highest rank that can be cut still. Returns false when there is none.
+static bool cut_one(const TableColumn* columns, size_t count, size_t excess, size_t* widths)
+{
+    size_t chosen = count;
+    for (size_t i = 0; i < count; i++) {
+        if (widths[i] > columns[i].least &&
+            (chosen == count || columns[i].rank > columns[chosen].rank))
+            chosen = i;
+    }
+    if (chosen == count)
+        return false;
+    const size_t least = columns[chosen].least;
+    const size_t spare = widths[chosen] - least;
+    widths[chosen] = least > 0 && spare > excess ? widths[chosen] - excess : least;
+    return true;
+}
+
+// Leaves out the column of the highest rank. Returns false when only two are left.
+static bool drop_one(const TableColumn* columns, size_t count, size_t* widths)
+{
+    size_t chosen = count;
+    size_t left = 0;
+    for (size_t i = 0; i < count; i++) {
+        left += widths[i] > 0 ? 1 : 0;
+        if (widths[i] > 0 && (chosen == count || columns[i].rank > columns[chosen].rank))
+            chosen = i;
+    }
+    if (left <= 2)
+        return false;
+    widths[chosen] = 0;
+    return true;
+}
+
+static void fit(size_t width, const TableColumn* columns, size_t count, size_t* widths)
+{
+    size_t wanted = 0;
+    while (width > 0 && (wanted = table_width(widths, count)) > width) {
+        if (!cut_one(columns, count, wanted - width, widths) && !drop_one(columns, count, widths))
+            return;
+    }
+}
+
+static void print_cell(const Terminal& terminal, const TableCell& cell, size_t width, bool right,
+                       bool last)
+{
+    const char* text = cell_text(cell);
+    const size_t needed = text_columns(text);
+    const size_t padding = needed < width ? width - needed : 0;
+    const bool coloured = terminal.colour && cell.colour != COLOUR_NONE && text[0] != '\0';
+    if (right)
+        fprintf(terminal.out, "%*s", static_cast<int>(padding), "");
+    if (coloured)
+        (void)fputs(colour_codes[cell.colour], terminal.out);
+    (void)text_show(terminal.out, text, width);
+    if (coloured)
+        (void)fputs("\033[0m", terminal.out);
+    if (!last)
+        fprintf(terminal.out, "%*s", static_cast<int>((right ? 0 : padding) + gap), "");
+}
+
+static void print_row(const Terminal& terminal, const TableColumn* columns, const size_t* widths,
+                      size_t count, const TableRow& row)
+{
+    size_t last = 0;
+    for (size_t i = 0; i < count; i++)
+        last = widths[i] > 0 ? i : last;
+    for (size_t i = 0; i < count; i++) {
+        if (widths[i] > 0)
+            print_cell(terminal, row.cells[i], widths[i], columns[i].right, i == last);
+    }
+    (void)fputc('\n', terminal.out);
+}
+
+void table_print(const Terminal& terminal, const TableColumn* columns, size_t column_count,
+                 const TableRow* rows, size_t row_count)
+{
+    size_t widths[table_columns] = {};
+    TableRow heading = {};
+    for (size_t i = 0; i < column_count; i++) {
+        heading.cells[i] = {columns[i].heading, COLOUR_BOLD};
+        widths[i] = text_columns(columns[i].heading);
+        for (size_t r = 0; r < row_count; r++) {
+            const size_t needed = text_columns(cell_text(rows[r].cells[i]));
+            widths[i] = needed > widths[i] ? needed : widths[i];
+        }
+    }
+    fit(terminal.width, columns, column_count, widths);
+    print_row(terminal, columns, widths, column_count, heading);
+    for (size_t r = 0; r < row_count; r++)
+        print_row(terminal, columns, widths, column_count, rows[r]);
+}
+
+// ---- numbers ----
+
+void size_format(unsigned long long bytes, char (&text)[16])
+{
+    static constexpr const char* units[] = {"B", "kB", "MB", "GB", "TB", "PB", "EB"};
+    size_t unit = 0;
+    unsigned long long tenths = 0; // of the unit, rounded down
+    while (bytes >= 1000) {
+        tenths = bytes % 1000 / 100;
+        bytes /= 1000;
+        unit++;
+    }
+    if (unit > 0 && bytes < 10)
+        (void)snprintf(text, sizeof text, "%llu.%llu %s", bytes, tenths, units[unit]);
+    else
+        (void)snprintf(text, sizeof text, "%llu %s", bytes, units[unit]);
+}
+
+void bar_format(const Terminal& terminal, unsigned percent, char (&text)[64])
+{
+    static constexpr unsigned places = 10;
+    size_t length = 0;
+    text[0] = '\0';
+    for (unsigned i = 0; i < places && terminal.width > 0; i++) {
+        const bool full = i * 100 < percent * places;
+        const char* place = terminal.utf8 ? (full ? "█" : "░") : (full ? "#" : ".");
+        length += static_cast<size_t>(snprintf(text + length, sizeof text - length, "%s%s", place,
+                                               i + 1 < places ? "" : " "));
+    }
+    (void)snprintf(text + length, sizeof text - length, "%3u %%", percent);
+}

@@ -1,0 +1,715 @@
+"""vyhotplugctl beside a real service with real filesystems."""
+
+import contextlib
+import fcntl
+import json
+import os
+import pty
+import re
+import shutil
+import signal
+import struct
+import subprocess
+import termios
+import threading
+
+import jsonschema
+import vyworld
+from vyworld import SystemTest, read, read_lines, write
+
+DONE, FAILED, WRONG_CALL, NO_SERVICE, BUSY, NO_DISK = range(6)
+with open(os.path.join(os.path.dirname(vyworld.FOLDER), "..", "docs", "json.schema.json"), encoding="utf-8") as schema:
+    SCHEMA = json.load(schema)
+SYSFS = "/tmp/sysfs"
+RUN = "/tmp/agent"
+
+
+class CtlTest(SystemTest):
+    def setUp(self):
+        super().setUp()
+        shutil.copy(os.path.join(os.environ["VY_BIN"], "vyhotplugctl"), vyworld.PROGRAMS)
+        for folder in (SYSFS, SYSFS + "/block", RUN):
+            os.mkdir(folder)
+        pdbedit = shutil.which("pdbedit", path=vyworld.PATH)
+        if pdbedit is not None:  # it would tell of users without a Samba password
+            vyworld.run("mount", "--bind", "/bin/false", pdbedit)
+
+    def ctl(self, *arguments, **options):
+        return self.tool("vyhotplugctl", "-f", vyworld.CONFIG, "--sysfs", SYSFS, "--run", RUN, *arguments,
+                         **options)
+
+    def ask(self, *arguments, status=DONE, **options):
+        """What it prints with --json."""
+        done = self.ctl(*arguments, "--json", **options)
+        self.assertEqual((done.err, done.status), ("", status), done.out)
+        return self.valid(done.out)
+
+    def valid(self, text):
+        """One line of JSON, held against the schema."""
+        self.assertTrue(text.endswith("\n") and text.count("\n") == 1, text)
+        told = json.loads(text)
+        jsonschema.validate(told, SCHEMA)
+        return told
+
+    def assert_ctl(self, *arguments, status=DONE, out=None, err="", **options):
+        done = self.ctl(*arguments, **options)
+        self.assertEqual((done.status, done.err), (status, err), done.out)
+        if out is not None:
+            self.assertEqual(done.out, out)
+        return done
+
+    def item(self, name):
+        found = [item for item in self.ask("status", "--all")["items"] if name in (item["name"], item["identity"])]
+        self.assertEqual(len(found), 1, name)
+        return found[0]
+
+
+class Status(CtlTest):
+    def test_a_table_of_what_is_plugged(self):
+        self.start_daemon()
+        self.plug(self.make_partition("sda1"), self.make_partition("sdb2"))
+        lines = self.assert_ctl("status").out.splitlines()
+        self.assertEqual(lines[0].split(), "PARTITION SHARE STATE SIZE USED FILESYSTEM MODE WHO".split())
+        self.assertEqual([line.split()[:3] for line in lines[1:3]],
+                         [["sda1", "Drive(A1)", "shared"], ["sdb2", "Drive(B2)", "shared"]])
+        self.assertEqual(self.ctl().out.splitlines(), lines)
+
+    def test_json_of_what_is_plugged(self):
+        self.start_daemon()
+        stick = self.make_partition("sda1")
+        self.plug(stick)
+        told = self.ask("status")
+        self.assertEqual((told["call"], told["version"], told["service_runs"]), ("status", 1, True))
+        item = told["items"][0]
+        self.assertEqual((item["name"], item["identity"], item["state"], item["share"], item["directory"]),
+                         ("sda1", stick.identifier, "shared", "Drive(A1)", stick.directory))
+        room = os.statvfs(stick.directory)
+        self.assertEqual(item["size_bytes"], room.f_frsize * room.f_blocks)
+        self.assertEqual(item["free_bytes"], room.f_frsize * room.f_bavail)
+
+    def test_nothing_is_plugged(self):
+        self.start_daemon()
+        self.assert_ctl("status", out="Nothing is plugged.\n")
+
+    def test_no_service(self):
+        done = self.ctl("status")
+        self.assertEqual(done.status, NO_SERVICE)
+        self.assertIn("! the service is not running\n", done.out)
+
+    def test_everybody_may_look(self):
+        self.start_daemon()
+        self.plug(self.make_partition("sda1"))
+        self.assertEqual(self.ask("status", user=65534)["items"][0]["state"], "shared")
+
+    def test_states_of_a_partition(self):
+        self.start_daemon()
+        stick = self.make_partition("sda1")
+        self.plug(stick)
+        count = self.service.count()
+        self.assert_tool("vyunmount", "sda1", err="unmount sda1 - success.\n")
+        self.wait_for_refresh(count + 2)
+        self.wait_until("it is unmounted", lambda: self.item("sda1")["state"] == "unmounted")
+        self.unplug(stick)
+        self.assertEqual(self.ask("status", "--all")["items"], [])
+
+    def test_who_holds_a_file(self):
+        self.start_daemon()
+        stick = self.make_partition("sda1")
+        self.plug(stick)
+        with open(stick.directory + "/readme.txt", encoding="utf-8"):
+            held = self.ask("who", "sda1")["holders"]
+            self.assertEqual([(holder["pid"], holder["file"], holder["use"]) for holder in held],
+                             [(os.getpid(), stick.directory + "/readme.txt", "file")])
+        self.assertEqual(self.ask("who", "sda1")["holders"], [])
+
+    def test_hostile_texts(self):
+        """Of a medium, a device and a settings file by hand: as JSON and on a terminal."""
+        hostile = "\x1b[31m\u202eevil\udcff\u200b\u0085" + "x" * 10000
+        write(vyworld.DEVICE_FILE, "[1:2:a:3]\nComment=\x1b]0;own\x07\n")
+        write(vyworld.SHARE_FILE, f"[{hostile}]\nIdentifier=1:2:{hostile}:3\nPath={vyworld.MOUNT_DIR}/sda1\n"
+                                  f"Manufactuare={hostile}\nVolume Label={hostile}\n")
+        for arguments in (("status", "--all"), ("show", "sda1"), ("who", "sda1"), ("check",)):
+            done = self.ctl(*arguments, "--json")
+            told = self.valid(done.out)
+            self.assertFalse(re.search("[\x00-\x09\x0b-\x1f\x7f-\x9f]", done.out), arguments)
+            shown = self.ctl(*arguments)
+            self.assertFalse(re.search("[\x00-\x09\x0b-\x1f\x7f-\x9f\u202e\u200b\udcff]", shown.out + shown.err),
+                             arguments)
+        item = self.ask("show", "sda1")["item"]
+        self.assertTrue(item["share"].startswith("\x1b[31m\u202eevil\ufffd\u200b\u0085xxx"))
+
+    def test_a_device_file_of_ten_thousand_sections(self):
+        body = "Comment=" + "c" * 900 + "\n"
+        write(vyworld.DEVICE_FILE, "".join(f"[1234:00ab:S{n}:1]\nShare Name=N{n}\n{body}" for n in range(10000)) +
+              "[1234:00ab:S7:1]\nShare Name=last\n\0\0")
+        self.assertEqual(len(self.ask("status", status=NO_SERVICE)["items"]), 0)
+        self.assertEqual(self.ask("show", "1234:00ab:S9999:1")["item"]["settings"]["share_name"], "N9999")
+
+
+class Terminal(CtlTest):
+    def on_terminal(self, columns, *arguments, **environment):
+        """What is printed on a terminal of so many columns."""
+        if not os.path.exists("/dev/pts/ptmx"):
+            os.makedirs("/dev/pts", exist_ok=True)
+            vyworld.run("mount", "-t", "devpts", "-o", "newinstance,ptmxmode=666", "none", "/dev/pts")
+            with contextlib.suppress(FileNotFoundError):
+                os.unlink("/dev/ptmx")
+            os.symlink("pts/ptmx", "/dev/ptmx")
+        parent, child = pty.openpty()
+        fcntl.ioctl(child, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
+        done = subprocess.run([vyworld.PROGRAMS + "/vyhotplugctl", "-f", vyworld.CONFIG, "--sysfs", SYSFS, "--run", RUN,
+                               *arguments], stdin=subprocess.DEVNULL, stdout=child, stderr=child, check=False,
+                              env={**vyworld.environment(), "TERM": "xterm", "LC_ALL": "C.UTF-8", **environment})
+        os.close(child)
+        text = b""
+        with contextlib.suppress(OSError):
+            while part := os.read(parent, 65536):
+                text += part
+        os.close(parent)
+        self.assertEqual(done.returncode, DONE)
+        return text.decode()
+
+    def test_narrow_and_wide(self):
+        self.start_daemon()
+        self.plug(self.make_partition("sda1"))
+        for columns in (20, 40, 80, 200):
+            text = re.sub("\033\\[[0-9;]*m", "", self.on_terminal(columns, "status"))
+            self.assertLessEqual(max(map(len, text.split("\r\n"))), columns, text)
+            self.assertIn("sda1", text)
+            self.assertIn("shared", text)
+        self.assertIn("░", self.on_terminal(100, "status"))
+        self.assertNotIn("░", self.ctl("status").out)
+        self.assertIn(" .......... ", self.on_terminal(100, "status", LC_ALL="C"))
+
+    def test_colours(self):
+        self.start_daemon()
+        self.plug(self.make_partition("sda1"))
+        self.assertIn("\033[32m", self.on_terminal(80, "status"))
+        self.assertNotIn("\033", self.on_terminal(80, "status", NO_COLOR="1"))
+        self.assertNotIn("\033", self.ctl("status").out)
+
+
+class Requests(CtlTest):
+    def test_unmount_and_mount(self):
+        self.start_daemon()
+        stick = self.make_partition("sda1")
+        self.plug(stick)
+        self.assert_ctl("unmount", "sda1", out="sda1 is unmounted\n")
+        self.assertEqual(vyworld.mounts(), [])
+        self.assert_ctl("unmount", "sda1", out="sda1 is not mounted\n")
+        stick.lay_node()
+        self.assert_ctl("mount", "Drive(A1)", out=f"sda1 is mounted: {stick.directory}\n")
+        self.assert_ctl("mount", "sda1", out=f"sda1 is mounted already: {stick.directory}\n")
+        self.assertEqual(vyworld.mounted_names(), ["sda1"])
+
+    def test_a_busy_one_tells_who_holds_it(self):
+        self.start_daemon()
+        stick = self.make_partition("sda1")
+        self.plug(stick)
+        with open(stick.directory + "/readme.txt", encoding="utf-8"):
+            done = self.ctl("unmount", "sda1")
+            self.assertEqual(done.status, BUSY)
+            self.assertIn(f"(process {os.getpid()} of root, file) {stick.directory}/readme.txt\n", done.err)
+            self.assertEqual(vyworld.mounted_names(), ["sda1"])
+            done = self.ctl("unmount", "sda1", "--force")
+            self.assertEqual((done.status, done.out), (DONE, "sda1 is unmounted\n"))
+        self.assertEqual(vyworld.mounts(), [])
+
+    def test_it_waits_until_it_is_free(self):
+        self.start_daemon()
+        stick = self.make_partition("sda1")
+        self.plug(stick)
+        with subprocess.Popen(["sleep", "3"], cwd=stick.directory):
+            self.assertEqual(self.ctl("unmount", "sda1", "--wait", "1").status, BUSY)
+            self.assertEqual(self.ctl("unmount", "sda1", "--wait", "60").out, "sda1 is unmounted\n")
+
+    def test_what_is_not_there(self):
+        self.start_daemon()
+        for call in ("unmount", "mount", "eject", "show", "who"):
+            done = self.ctl(call, "sdq1")
+            self.assertEqual((done.status, done.out), (NO_DISK, ""), call)
+            self.assertIn("nothing here is called sdq1", done.err)
+
+    def test_without_a_service(self):
+        for call in ("unmount", "mount", "eject"):
+            self.assert_ctl(call, "sda1", status=NO_SERVICE, err="vyhotplugctl: the service is not running\n")
+
+    def test_only_root(self):
+        for call in ("unmount", "mount", "eject"):
+            self.assert_ctl(call, "sda1", status=FAILED, user=65534, err=f"vyhotplugctl: only root can {call}; try: "
+                            f"sudo vyhotplugctl {call} ...\n")
+
+
+class Eject(CtlTest):
+    @contextlib.contextmanager
+    def nodes_laid(self, partition):
+        """The service takes the node away when it unmounts; meanwhile it comes again."""
+        over = threading.Event()
+
+        def lay():
+            while not over.wait(0.01):
+                partition.lay_node()
+
+        layer = threading.Thread(target=lay)
+        layer.start()
+        try:
+            yield
+        finally:
+            over.set()
+            layer.join()
+
+    def test_all_partitions_of_a_disk(self):
+        self.start_daemon()
+        self.plug(self.make_partition("sda1"), self.make_partition("sda2"), self.make_partition("sdb1"))
+        self.assert_ctl("eject", "sda", out="sda is unmounted: safe to pull\n")
+        self.assertEqual(vyworld.mounted_names(), ["sdb1"])
+
+    def test_a_busy_disk_stays_whole(self):
+        self.start_daemon()
+        first, second = self.make_partition("sda1"), self.make_partition("sda2")
+        self.plug(first, second)
+        with open(second.directory + "/readme.txt", encoding="utf-8"):
+            done = self.ctl("eject", "sda1")
+            self.assertEqual((done.status, done.out), (BUSY, ""))
+            self.assertIn("sda2 is busy:\n", done.err)
+        self.assertEqual(vyworld.mounted_names(), ["sda1", "sda2"])
+
+    def test_a_disk_that_only_the_kernel_holds_stays_whole(self):
+        """Nobody is to be seen, and unmounting fails: the first partition is mounted again."""
+        self.start_daemon()
+        first, second = self.make_partition("sda1"), self.make_partition("sda2")
+        self.plug(first, second)
+        vyworld.run("mount", "-t", "tmpfs", "none", second.directory + "/lost+found")
+        with self.nodes_laid(first):
+            done = self.ctl("eject", "sda")
+        self.assertEqual(done.status, BUSY, done.err)
+        self.assertIn("sda stays mounted\n", done.err)
+        self.assertEqual(sorted(vyworld.mounted_names()), ["lost+found", "sda1", "sda2"])
+        vyworld.run("umount", second.directory + "/lost+found")
+
+
+def sections(text):
+    """A device file's sections as they stand, by name."""
+    parts = re.split(r"(?m)^\[(.*)\]\n", text)
+    return dict(zip(parts[1::2], parts[2::2]))
+
+
+class Settings(CtlTest):
+    def plug_one(self, **items):
+        self.start_daemon()
+        stick = self.make_partition("sda1", **items)
+        self.plug(stick)
+        return stick
+
+    def held(self, partition):
+        return self.item(partition.identifier)["settings"]
+
+    def test_a_share_gets_a_name(self):
+        stick = self.plug_one()
+        self.assert_ctl("set", "sda1", "share=Music", "comment=Living room", out=f"{stick.identifier} is set\n")
+        lines = sections(read(vyworld.DEVICE_FILE))[stick.identifier].splitlines()
+        self.assertEqual(lines[:2], ["Share Name=Music", "Comment=Living room"])
+        self.wait_until("it is shared so", lambda: self.item("sda1")["share"] == "Music")
+        self.assert_ctl("unset", "Music", "comment", out=f"{stick.identifier} is set\n")
+        self.assertEqual((self.held(stick)["share_name"], self.held(stick)["comment"]), ("Music", None))
+
+    def test_every_setting(self):
+        stick = self.plug_one()
+        self.assert_ctl("set", "sda1", "share=Äpfel", "read-only=yes", "guest=on", "hide-from-guests=1", "sync=enable",
+                        "administrator=hide", "full=root,1234", "readers=daemon", "blocked=@bin", "hidden=sys",
+                        err="vyhotplugctl: note: full: nobody has the number 1234\n")
+        held = self.held(stick)
+        self.assertEqual({key: value for key, value in held.items() if not key.endswith("users")},
+                         {"share_name": "Äpfel", "comment": None, "path": None, "read_only": True, "guest": True,
+                          "hide_from_guests": True, "sync": True, "administrator": "hide"})
+        self.assertEqual([[user["uid"] for user in held[key]] for key in
+                          ("full_users", "reading_users", "blocked_users", "hidden_users")], [[0, 1234], [1], [2], [3]])
+        self.assert_ctl("forget", "sda1")
+        self.assertEqual(self.held(stick), {
+            "share_name": None, "comment": None, "path": None, "read_only": False, "guest": False,
+            "hide_from_guests": False, "sync": False, "administrator": "full", "full_users": [], "reading_users": [],
+            "blocked_users": [], "hidden_users": []})
+
+    def test_users_without_a_samba_password_are_told_of(self):
+        self.plug_one()
+        vyworld.run("mount", "--bind", "/bin/true", shutil.which("pdbedit", path=vyworld.PATH) or self.skipTest("no Samba"))
+        self.assert_ctl("set", "sda1", "full=daemon", err="vyhotplugctl: note: full: daemon has no Samba password; "
+                        "smbpasswd -a daemon\n")
+        self.assert_ctl("set", "sda1", "blocked=daemon")
+
+    def test_what_does_not_fit_is_refused(self):
+        self.plug_one()
+        before = read(vyworld.DEVICE_FILE)
+        for change, words in (("share=" + "ä" * 20, 'has 40 bytes, and 34 are kept; this fits: "' + "ä" * 17 + '"'),
+                              ("share=a\nb", "holds a control character"), ("share=[a]", "holds a bracket"),
+                              ("share= a", "begins or ends with a blank"), ("comment=" + "c" * 64, "has 64 bytes"),
+                              ("full=nobody-of-this-name", "no such user: nobody-of-this-name"),
+                              ("readers=@no-such-group", "no such group: no-such-group"),
+                              ("guest=perhaps", "is yes or no"), ("administrator=king", "is full, read-only,"),
+                              ("path=relative", "must begin with /")):
+            done = self.ctl("set", "sda1", "read-only=yes", change)
+            self.assertEqual(done.status, FAILED, change)
+            self.assertIn(words, done.err)
+        for change in ("colour=red", "share"):
+            self.assertEqual(self.ctl("set", "sda1", change).status, WRONG_CALL)
+        self.assertEqual(read(vyworld.DEVICE_FILE), before)
+
+    def test_no_name_is_used_twice(self):
+        self.start_daemon()
+        self.plug(self.make_partition("sda1"), self.make_partition("sdb1"))
+        self.assert_ctl("set", "sda1", "share=Music")
+        done = self.ctl("set", "sdb1", "share=MUSIC")
+        self.assertEqual(done.status, FAILED)
+        self.assertIn("another share has that name, of sda1", done.err)
+        self.assert_ctl("set", "sda1", "share=MUSIC")
+
+    def test_a_disk_that_is_not_plugged(self):
+        stick = self.plug_one()
+        self.assert_ctl("set", "sda1", "share=Music")
+        self.unplug(stick)
+        self.assertEqual(self.item(stick.identifier)["state"], "absent")
+        self.assert_ctl("set", "Music", "comment=away")
+        self.assertEqual(self.held(stick)["comment"], "away")
+        self.assert_ctl("set", "0bda:8189:0042:2", "share=New")
+        self.assertIn("[0bda:8189:0042:2]\nShare Name=New\n", read(vyworld.DEVICE_FILE))
+        self.assert_ctl("forget", "Music", out=f"{stick.identifier} is forgotten\n")
+        self.assertNotIn(stick.identifier, read(vyworld.DEVICE_FILE))
+
+    def test_a_directory_of_the_machine(self):
+        self.plug_one()
+        os.mkdir("/tmp/photos")
+        self.assert_ctl("set", "disk:photos", "share=Photos", "path=/tmp/photos")
+        self.wait_until("it is shared", lambda: self.item("disk:photos")["state"] == "directory")
+        self.assert_ctl("forget", "Photos")
+        self.wait_until("it is not shared", lambda: "Photos" not in read(vyworld.SHARE_FILE))
+
+    def test_other_sections_stay_byte_for_byte(self):
+        stick = self.plug_one()
+        with self.stopped():
+            file = read(vyworld.DEVICE_FILE)
+            others = "# mine\n[away:1]\r\n share  NAME = Away ; too\nnonsense\n[]\n[open\n[a]b]\nx=\x00y\n"
+            write(vyworld.DEVICE_FILE, others + file)
+            ctl = self.start_ctl("set", "sda1", "share=Music")
+            self.wait_until("it is written", lambda: "Music" in read(vyworld.DEVICE_FILE))
+            written = read(vyworld.DEVICE_FILE)
+            self.assertTrue(written.startswith(others + f"[{stick.identifier}]\n"), written)
+        self.assertEqual(ctl.wait(vyworld.LIMIT), DONE)
+
+    def start_ctl(self, *arguments):
+        return subprocess.Popen([vyworld.PROGRAMS + "/vyhotplugctl", "-f", vyworld.CONFIG, "--sysfs", SYSFS, *arguments],
+                                stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
+                                env=vyworld.environment())
+
+    def test_a_change_that_a_refresh_overwrites_is_made_again(self):
+        """What a service writes that had read before the change."""
+        stick = self.plug_one()
+        stale = read(vyworld.DEVICE_FILE)
+        with self.stopped():
+            ctl = self.start_ctl("set", "sda1", "share=Music")
+            self.wait_until("it is written", lambda: "Music" in read(vyworld.DEVICE_FILE))
+            write(vyworld.DEVICE_FILE + ".stale", stale)
+            os.rename(vyworld.DEVICE_FILE + ".stale", vyworld.DEVICE_FILE)
+            self.wait_until("it is written again", lambda: "Music" in read(vyworld.DEVICE_FILE))
+        self.assertEqual(ctl.wait(vyworld.LIMIT), DONE)
+        self.assertEqual(self.held(stick)["share_name"], "Music")
+
+    def test_what_the_service_writes_in_between_stays(self):
+        """Between the reading of the old file and the moment in which the new one takes its place."""
+        self.require_strace()
+        stick = self.plug_one()
+        other = self.make_partition("sdb1")
+        command = ["strace", "-qq", "-o", "/dev/null", "-e", "inject=renameat2:delay_enter=8000000:when=1",
+                   vyworld.PROGRAMS + "/vyhotplugctl", "-f", vyworld.CONFIG, "--sysfs", SYSFS, "set", "sda1", "share=Music"]
+        with subprocess.Popen(command, stdout=subprocess.DEVNULL, env=vyworld.environment(traced=True)) as ctl:
+            self.wait_until("the copy is made", lambda: any(".ctl-" in name for name in os.listdir("/tmp")))
+            self.plug(other)
+            self.assertIn(other.identifier, read(vyworld.DEVICE_FILE))
+            self.assertNotIn("Music", read(vyworld.DEVICE_FILE))
+            self.assertEqual(ctl.wait(vyworld.LIMIT), DONE)
+        held = sections(read(vyworld.DEVICE_FILE))
+        self.assertIn("Share Name=Music\n", held[stick.identifier])
+        self.assertIn(other.identifier, held)
+        self.assertIn(f"Path={other.directory}\n", read(vyworld.SHARE_FILE))
+
+    def test_a_service_that_ends_meanwhile(self):
+        self.plug_one()
+        self.daemon.signal(signal.SIGSTOP)
+        ctl = self.start_ctl("set", "sda1", "share=Music")
+        self.wait_until("it is written", lambda: "Music" in read(vyworld.DEVICE_FILE))
+        self.daemon.signal(signal.SIGKILL)
+        self.daemon.signal(signal.SIGCONT)
+        self.daemon.process.wait()
+        self.assertEqual(ctl.wait(vyworld.LIMIT), NO_SERVICE)
+        self.assertIn(b"counts from its next start", ctl.stderr.read())
+        self.start_daemon()
+        self.wait_until("it counts", lambda: "ctlchange" not in read(vyworld.DEVICE_FILE))
+        self.assertIn("Share Name=Music\n", read(vyworld.DEVICE_FILE))
+
+    def small_place(self, options):
+        """The device file on a filesystem of 128 kB, and not the service's temporary file."""
+        os.mkdir("/tmp/small")
+        vyworld.run("mount", "-t", "tmpfs", "-o", "size=128k", "none", "/tmp/small")
+        self.write_config(deviceconfigpath="/tmp/small/devices")
+        self.start_daemon()
+        write("/tmp/small/devices", "[1:2:a:3]\nComment=old\n")
+        if options != "full":
+            vyworld.run("mount", "-o", f"remount,{options}", "/tmp/small")
+            return
+        with contextlib.suppress(OSError), open("/tmp/small/filler", "wb", buffering=0) as filler:
+            while True:
+                filler.write(b"x" * 4096)
+
+    def test_no_room(self):
+        for options, words in (("full", "No space left on device"), ("ro", "Read-only file system")):
+            with self.subTest(options):
+                if options == "ro":
+                    self.stop_daemon()
+                    vyworld.run("umount", "/tmp/small")
+                    os.rmdir("/tmp/small")
+                self.small_place(options)
+                done = self.ctl("set", "1:2:a:3", "comment=new", "--wait", "3")
+                self.assertEqual((done.status, done.out), (FAILED, ""))
+                self.assertIn(words, done.err)
+                self.assertEqual(read("/tmp/small/devices"), "[1:2:a:3]\nComment=old\n")
+                self.assertEqual([name for name in os.listdir("/tmp/small") if "ctl" in name], [])
+
+    def test_a_hundred_at_once_beside_plug_and_pull(self):
+        self.start_daemon()
+        sticks = [self.make_partition(f"sd{letter}1", SID=f"S{letter}") for letter in "abcd"]
+        self.plug(*sticks[:2])
+        identities = [f"1234:00ab:N{number}:1" for number in range(96)] + [stick.identifier for stick in sticks]
+        running = [self.start_ctl("set", identity, f"share=Share {number}", "--wait", "150")
+                   for number, identity in enumerate(identities)]
+        for _ in range(3):
+            self.plug(*sticks[2:])
+            self.unplug(*sticks[2:])
+            for stick in sticks[2:]:
+                stick.lay_node()
+        for ctl in running:
+            ctl.wait(vyworld.LIMIT * 2)
+        failed = [ctl.stderr.read() for ctl in running if ctl.returncode != DONE]
+        self.assertEqual(failed, [])
+        held = {name: re.search("(?m)^Share Name=(.*)", body)[1]
+                for name, body in sections(read(vyworld.DEVICE_FILE)).items()}
+        self.assertEqual(held, {identity: f"Share {number}" for number, identity in enumerate(identities)})
+
+    def test_without_a_service_nothing_is_changed(self):
+        write(vyworld.DEVICE_FILE, "[1234:00ab:ABC:1]\n")
+        self.assert_ctl("set", "1234:00ab:ABC:1", "share=Music", status=NO_SERVICE,
+                        err="vyhotplugctl: the service is not running, nothing is changed\n")
+        self.assertEqual(read(vyworld.DEVICE_FILE), "[1234:00ab:ABC:1]\n")
+
+
+class Edit(CtlTest):
+    """$EDITOR is a script here."""
+
+    def edit(self, script, *arguments, answer=b""):
+        write("/tmp/editor", "#!/bin/sh\n" + script, 0o755)
+        done = subprocess.run(
+            [vyworld.PROGRAMS + "/vyhotplugctl", "-f", vyworld.CONFIG, "--sysfs", SYSFS, "edit", *arguments],
+            input=answer, capture_output=True, check=False, timeout=vyworld.LIMIT,
+            env={**vyworld.environment(), "EDITOR": "/tmp/editor"})
+        return vyworld.Finished(done)
+
+    def plug_one(self):
+        self.start_daemon()
+        stick = self.make_partition("sda1")
+        self.plug(stick)
+        return stick
+
+    def test_what_is_changed_is_set(self):
+        stick = self.plug_one()
+        done = self.edit("sed -i 's/^share =.*/share = Music/; s/^full =.*/full = daemon, bin/' $1; cp $1 /tmp/seen")
+        self.assertEqual((done.status, done.out, done.err), (DONE, f"{stick.identifier} is set\n", ""))
+        self.assertIn("Share Name=Music\n", read(vyworld.DEVICE_FILE))
+        self.assertIn("Full Access Users=1,2,\n", read(vyworld.DEVICE_FILE))
+        self.assertIn("# shared, sda1, Drive(A1)\n", read("/tmp/seen"))
+        self.edit("cp $1 /tmp/seen", "Music")
+        self.assertIn("full = daemon, bin\n", read("/tmp/seen"))
+        self.assertEqual([name for name in os.listdir("/tmp") if name.startswith("vyhotplugctl-")], [])
+
+    def test_nothing_is_changed(self):
+        self.plug_one()
+        before = read(vyworld.DEVICE_FILE)
+        done = self.edit("true")
+        self.assertEqual((done.status, done.out, done.err), (DONE, "nothing is changed\n", ""))
+        self.assertEqual(read(vyworld.DEVICE_FILE), before)
+        done = self.edit("sed -i 's/^share =.*/share = Music/' $1; exit 1")
+        self.assertEqual((done.status, done.err), (FAILED, "vyhotplugctl: the editor failed, nothing is changed\n"))
+        self.assertEqual(read(vyworld.DEVICE_FILE), before)
+
+    def test_wrong_lines_are_shown_and_edited_again(self):
+        self.plug_one()
+        done = self.edit("""
+if grep -q colour $1; then
+    sed -i '/colour/d; s/nobody-here/daemon/; s/^rubbish$//' $1
+else
+    sed -i 's/^share =.*/share = Music\\ncolour = red\\nrubbish/; s/^full =.*/full = nobody-here/' $1
+fi""", answer=b"\n")
+        self.assertEqual((done.status, done.out), (DONE, "1234:00ab:SERA:1 is set\n"), done.err)
+        for words in ("no such setting: colour", "there is no = in: rubbish", "no such user: nobody-here"):
+            self.assertIn(words, done.err)
+        self.assertIn("Share Name=Music\n", read(vyworld.DEVICE_FILE))
+
+    def test_who_gives_up_loses_nothing(self):
+        self.plug_one()
+        before = read(vyworld.DEVICE_FILE)
+        done = self.edit("sed -i 's/^share =.*/share = Music\\nrubbish/' $1", answer=b"n\n")
+        self.assertEqual(done.status, FAILED)
+        self.assertEqual(read(vyworld.DEVICE_FILE), before)
+        kept = re.search("what you wrote is in (.*)\n", done.err)[1]
+        self.assertIn("share = Music\nrubbish\n", read(kept))
+
+    def test_two_at_once_and_a_plug(self):
+        """Both changes hold, and so does the section of what came meanwhile."""
+        stick = self.plug_one()
+        other = self.make_partition("sdb1")
+        refreshes = self.service.count()
+        vyworld.send(other.add_message())
+        ctl = vyworld.PROGRAMS + "/vyhotplugctl -f " + vyworld.CONFIG
+        done = self.edit(f"{ctl} set sda1 comment=second >/dev/null; sed -i 's/^share =.*/share = Music/' $1", "sda1")
+        self.assertEqual((done.status, done.err), (DONE, ""))
+        self.wait_for_refresh(refreshes + 1)
+        held = sections(read(vyworld.DEVICE_FILE))
+        self.assertIn("Share Name=Music\nComment=second\n", held[stick.identifier])
+        self.assertIn(other.identifier, held)
+
+    def test_a_section_taken_out_is_forgotten(self):
+        stick = self.plug_one()
+        self.assert_ctl("set", "sda1", "share=Music")
+        self.assert_ctl("set", "1:2:not:3", "share=Other", status=NO_DISK,
+                        err="vyhotplugctl: nothing here is called 1:2:not:3; see: vyhotplugctl status --all\n")
+        self.assert_ctl("set", "0001:0002:not:3", "share=Other")
+        done = self.edit("sed -i '/^.0001/,$d' $1")
+        self.assertEqual((done.status, done.out), (DONE, "0001:0002:not:3 is forgotten\n"), done.err)
+        self.assertEqual(list(sections(read(vyworld.DEVICE_FILE))), [stick.identifier])
+
+
+class Watch(CtlTest):
+    def start_watch(self, *options):
+        with open("/tmp/watched", "wb") as out:
+            process = subprocess.Popen(
+                [vyworld.PROGRAMS + "/vyhotplugctl", "-f", vyworld.CONFIG, "--sysfs", SYSFS, "--run", RUN, "watch",
+                 *options], stdin=subprocess.DEVNULL, stdout=out, env=vyworld.environment())
+        self.addCleanup(process.wait)
+        self.addCleanup(process.kill)
+        return process
+
+    def events(self):
+        lines = [line + "\n" for line in read("/tmp/watched").split("\n")[:-1]]
+        return [(event["item"]["name"], event["event"]) for event in map(self.valid, lines)]
+
+    def wait_for_event(self, *event):
+        self.wait_until(f"{event} in {self.events()}", lambda: event in self.events())
+
+    def test_a_line_as_things_happen(self):
+        self.start_daemon()
+        here = self.make_partition("sdb1")
+        self.plug(here)
+        watch = self.start_watch("--json")
+        self.wait_for_event("sdb1", "present")
+        stick = self.make_partition("sda1")
+        self.plug(stick)
+        self.wait_for_event("sda1", "shared")
+        self.assert_ctl("set", "sda1", "share=Music")
+        self.wait_for_event("sda1", "changed")
+        self.assert_ctl("unmount", "sda1")
+        self.wait_for_event("sda1", "unmounted")
+        self.unplug(stick)
+        self.wait_for_event("sda1", "pulled")
+        words = [word for name, word in self.events() if name == "sda1"]
+        self.assertEqual(words[:3], ["plugged", "mounted", "shared"])
+        self.assertEqual(words[-2:], ["unmounted", "pulled"])
+        self.assertIsNone(watch.poll())
+
+    def test_it_wakes_for_nothing_else(self):
+        """No timer: nothing is done while nothing happens, not even for other files beside the service's."""
+        self.start_daemon()
+        watch = self.start_watch()
+        self.wait_until("it sleeps", lambda: "poll" in read(f"/proc/{watch.pid}/wchan") or
+                        read(f"/proc/{watch.pid}/stat").split()[2] == "S")
+        self.let_it_idle()
+        def bytes_read():
+            return re.match(r"rchar: (\d+)\n", read(f"/proc/{watch.pid}/io"))[1]
+
+        before = bytes_read()
+        self.let_it_idle()
+        self.assertEqual(bytes_read(), before)
+        self.assertEqual(read_lines("/tmp/watched"), [])
+
+    def test_its_reader_ends(self):
+        self.start_daemon()
+        process = subprocess.Popen([vyworld.PROGRAMS + "/vyhotplugctl", "-f", vyworld.CONFIG, "watch"],
+                                   stdout=subprocess.PIPE, env=vyworld.environment())
+        process.stdout.close()
+        self.plug(self.make_partition("sda1"))
+        process.wait(vyworld.LIMIT)
+
+
+class Check(CtlTest):
+    def problems(self, *options, status=FAILED):
+        return {problem["id"]: problem["text"] for problem in self.ask("check", *options, status=status)["problems"]
+                if problem["severity"] == "problem"}
+
+    def test_the_configuration_alone(self):
+        self.assertEqual(self.problems("--configuration", status=DONE), {})
+        self.write_config(defualtgid="7")
+        self.assertIn("write defaultgid", self.problems("--configuration")["configuration"])
+        self.write_config(mountpath="/tmp/none")
+        self.assertEqual(self.problems("--configuration"),
+                         {"directory_missing": "mountpath /tmp/none: No such file or directory"})
+        os.mkdir("/tmp/other")
+        vyworld.run("mount", "-t", "tmpfs", "none", "/tmp/other")
+        self.write_config(smbconfigpath="/tmp/other/shares", devicepath=vyworld.CONFIG)
+        os.chmod(vyworld.CONFIG, 0o666)
+        self.assertEqual(self.problems("--configuration"), {
+            "directory_missing": f"devicepath {vyworld.CONFIG} is no directory",
+            "other_filesystem": "/tmp/other/shares is not on the filesystem of /tmp, the service cannot replace it",
+            "open_to_others": f"{vyworld.CONFIG} may be changed by others than root"})
+
+    def test_what_runs(self):
+        told = self.problems()
+        self.assertEqual(told["service_not_running"], "the service is not running")
+        self.start_daemon()
+        self.assertNotIn("service_not_running", self.problems())
+        self.assertNotIn("bridge_not_running", self.problems())
+        self.service.process.kill()
+        self.service.process.wait()
+        self.assertIn("bridge_not_running", self.problems())
+        os.unlink(vyworld.PROGRAMS + "/vyhotplugd")
+        self.assertIn("service_replaced", self.problems())
+
+    def test_lines_that_would_be_lost(self):
+        write(vyworld.DEVICE_FILE, "[1:2:a:3]\nShare Name=a\nSharename=b\n# no=fault\ncolour = red\nfull access users = anna\n"
+                                   "Block Users=4321,\n")
+        told = self.problems()
+        self.assertEqual(told["no_such_user"], "1:2:a:3: nobody has the user number 4321")
+        texts = [problem["text"] for problem in self.ask("check", status=FAILED)["problems"]
+                 if problem["id"] == "settings"]
+        self.assertEqual([text.split(":")[1] for text in texts], ["4", "5", "6"])
+        self.assertIn("colour", texts[1])
+        self.assertIn("anna", texts[2])
+        told = self.ctl("status", "--all")
+        self.assertIn("! 1:2:a:3: nobody has the user number 4321\n", told.out)
+
+    def test_names_used_twice_and_disks_that_are_not_mounted(self):
+        os.makedirs(SYSFS + "/devices/usb/host/block/sdc/sdc1")
+        for name, text in (("idVendor", "1234"), ("idProduct", "00ab"), ("serial", "S")):
+            write(f"{SYSFS}/devices/usb/{name}", text + "\n")
+        for folder, numbers in (("sdc", "8:32"), ("sdc/sdc1", "8:33")):
+            for name, text in (("dev", numbers), ("size", "2048"), ("ro", "0"), ("range", "16")):
+                write(f"{SYSFS}/devices/usb/host/block/{folder}/{name}", text + "\n")
+        os.symlink("../..", SYSFS + "/devices/usb/host/block/sdc/device")
+        os.symlink("../devices/usb/host/block/sdc", SYSFS + "/block/sdc")
+        self.assertEqual([(item["name"], item["identity"], item["state"], item["size_bytes"])
+                          for item in self.ask("status", status=NO_SERVICE)["items"]],
+                         [("sdc1", "1234:00ab:S:1", "waiting", 1048576)])
+        write(RUN + "/not-mounted",
+              "sdx1\t8:1\tsilent\t-\tsdx1 does not answer\t-\n"
+              "sdc1\t8:33\trefused\texfat\tsdc1 holds exfat, but the kernel refused it\tfsck.exfat /dev/sdc1\n")
+        write(vyworld.SHARE_FILE, "".join(f"[{name}]\nIdentifier={identity}\nPath={vyworld.MOUNT_DIR}/{part}\n"
+                                          for name, identity, part in (("One", "1:2:a:1", "sda1"), ("ONE", "1:2:b:1", "sdb1"))))
+        told = self.problems()
+        self.assertEqual(told["not_mounted"], "sdc1 is not mounted: holds exfat, but the kernel refused it; type: fsck.exfat /dev/sdc1")
+        self.assertEqual(told["name_twice"], "sda1 and sdb1 are both called ONE: only one is shared")
+        self.assertIn("not mounted: holds exfat, but the kernel refused it; type: fsck.exfat /dev/sdc1", self.ctl("status").out)

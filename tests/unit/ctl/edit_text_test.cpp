@@ -1,0 +1,139 @@
+#include "ctl/edit_text.h"
+
+#include "support/failing_memory.h"
+#include "support/files.h"
+#include "unit/ctl/ctl_world.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+void put(const std::string& text, FileBytes* bytes)
+{
+    bytes->bytes.reset(static_cast<char*>(malloc(text.size() + 1)));
+    memcpy(bytes->bytes.get(), text.c_str(), text.size() + 1);
+    bytes->size = text.size();
+}
+
+// What came of an edited text, a line for each change, and how many faults it has.
+std::vector<std::string> changes_of(const View& view, const std::string& before,
+                                    const std::string& after, unsigned faults = 0)
+{
+    FileBytes first;
+    FileBytes second;
+    put(before, &first);
+    put(after, &second);
+    EditedText edited;
+    EXPECT_EQ(edited_read(view, first, second, &edited), 0);
+    EXPECT_EQ(edited.faults, faults);
+    std::vector<std::string> found;
+    for (size_t i = 0; i < edited.count; i++) {
+        const DeviceEdit& edit = edited.sections[i].edit;
+        if (edit.forget)
+            found.push_back(std::string(edit.identity) +
+                            (edit.dropped ? " dropped" : " forgotten"));
+        for (size_t j = 0; j < edit.count; j++)
+            found.push_back(std::string(edit.identity) + " " + edit.changes[j].key + "=" +
+                            (edit.changes[j].value != nullptr ? edit.changes[j].value : "(none)"));
+    }
+    edited_end(&edited);
+    return found;
+}
+
+using Changes = std::vector<std::string>;
+
+} // namespace
+
+class EditText : public testing::Test {
+  protected:
+    void SetUp() override
+    {
+        write_file(
+            ctl_devices,
+            "[1:2:a:1]\nShare Name=Music\nFull Access Users=0,1,\n[1:2:c:1]\nComment=away\n");
+        write_file(ctl_shares, "[Music]\nIdentifier=1:2:a:1\nPath=/tmp/ctl/mounts/sda1\n");
+        ASSERT_EQ(view_begin(world.setup, &view), 0);
+        char* written = nullptr;
+        size_t size = 0;
+        FILE* stream = open_memstream(&written, &size);
+        EXPECT_EQ(edit_text_write(stream, view, nullptr), 0);
+        (void)fclose(stream);
+        text.assign(written, size);
+        free(written);
+    }
+    void TearDown() override { view_end(&view); }
+
+    std::string replaced(const std::string& from, const std::string& to) const
+    {
+        std::string result = text;
+        EXPECT_NE(result.find(from), std::string::npos) << from;
+        return result.replace(result.find(from), from.size(), to);
+    }
+
+    CtlWorld world;
+    View view = {};
+    std::string text;
+};
+
+TEST_F(EditText, WhatIsNotTouchedIsNoChange)
+{
+    EXPECT_NE(text.find("\n# unmounted, sda1, Music\n[1:2:a:1]\nshare = Music\n"),
+              std::string::npos)
+        << text;
+    EXPECT_NE(text.find("\nfull = root, daemon\n"), std::string::npos);
+    EXPECT_EQ(changes_of(view, text, text), Changes{});
+    EXPECT_EQ(changes_of(view, text, "# mine = yes\n\n" + text), Changes{});
+}
+
+TEST_F(EditText, OnlyWhatIsTouchedIsAChange)
+{
+    EXPECT_EQ(changes_of(view, text, replaced("share = Music", "share = Songs")),
+              Changes{"1:2:a:1 Share Name=Songs"});
+    EXPECT_EQ(changes_of(view, text, replaced("full = root, daemon", "full=daemon")),
+              Changes{"1:2:a:1 Full Access Users=1,"});
+    EXPECT_EQ(changes_of(view, text, replaced("share = Music\n", "")),
+              Changes{"1:2:a:1 Share Name=(none)"});
+    EXPECT_EQ(changes_of(view, text, text + "[1:2:d:1]\nguest = yes\nsync =\n"),
+              Changes{"1:2:d:1 Guest Access=Enable"});
+}
+
+TEST_F(EditText, WhatIsTakenOutIsForgotten)
+{
+    EXPECT_EQ(changes_of(view, text, ""), (Changes{"1:2:a:1 forgotten", "1:2:c:1 dropped"}));
+}
+
+TEST_F(EditText, WrongLinesAreFaults)
+{
+    EXPECT_EQ(changes_of(view, text, replaced("share = Music", "shares = Music"), 1),
+              Changes{"1:2:a:1 Share Name=(none)"});
+    EXPECT_EQ(changes_of(view, text, replaced("share = Music", "share = Music\nrubbish"), 1),
+              Changes{});
+    EXPECT_EQ(changes_of(view, text, replaced("full = root", "full = nobody-here"), 1), Changes{});
+    EXPECT_EQ(changes_of(view, text, "guest = yes\n" + text, 1), Changes{});
+    EXPECT_EQ(
+        changes_of(view, text, text + "[1:2:d:1]\nshare = x\n[1:2:e:1]\nshare = X\n", 1).size(),
+        2U);
+}
+
+TEST_F(EditText, WithoutMemoryItFails)
+{
+    FileBytes before;
+    FileBytes after;
+    put(text, &before);
+    put(replaced("share = Music", "share = Songs"), &after);
+    for (int nth = 1;; nth++) {
+        const long blocks = memory_blocks();
+        EditedText edited;
+        memory_fail(nth);
+        const int result = edited_read(view, before, after, &edited);
+        const bool failed = memory_failed();
+        edited_end(&edited);
+        EXPECT_EQ(memory_blocks(), blocks) << nth;
+        if (!failed)
+            break;
+        EXPECT_EQ(result, -ENOMEM) << nth;
+    }
+}

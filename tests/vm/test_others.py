@@ -1,0 +1,424 @@
+"""Filesystems besides the service's five, each made by its own program; why others are not mounted."""
+
+import os
+import random
+
+import machine
+from media import Filesystem
+from state import PLACES, place_of
+from vmtest import VmTest, long_on
+
+NAMES = ("Grüße.txt", "価格 €.txt", "emoji 😀.txt")
+TEXT = "Ä Ö Ü ß\n"
+NOT_MOUNTED = "/run/vyhotplugd/not-mounted"
+WORDS = {"not-named", "no-module", "no-driver", "not-known", "encrypted", "member", "swap", "nothing", "several",
+         "refused", "read-only", "no-medium", "out-of-range", "silent", "unreadable"}
+
+
+class OtherTest(VmTest):
+    configuration = "otherfs = exfat,f2fs,btrfs,xfs,hfsplus,udf,iso9660\nlabels = all\n"
+    modules = "others"
+
+    def before_boot(self):
+        self.reasons = {}
+
+    def start_service(self):
+        if self.modules:
+            self.vm.run(f"sh /vm/load {self.modules}")
+        super().start_service()
+
+    def lines(self):
+        """The file of what is not mounted: name to (numbers, code, type, words, command)."""
+        text = self.vm.run(f"cat {NOT_MOUNTED}")
+        return {line.split("\t")[0]: line.split("\t")[1:] for line in text.splitlines()}
+
+    def wait_for_lines(self, *names, limit=machine.LIMIT * 2):
+        """Until the file tells of these and no others."""
+        def look(_):
+            self.reasons = self.lines()
+            return sorted(self.reasons) == sorted(names)
+        self.wait_until(f"not mounted, and said why: {', '.join(names) or 'nothing'}", look, limit)
+        return self.reasons
+
+    def told(self, state):
+        """What the agent has logged of it."""
+        return [line.text.removeprefix("lookout(#)") for line in state.log if line.text.startswith("lookout(#)")]
+
+    def use_files(self, name):
+        for file in NAMES:
+            self.vm.run(f"printf '{TEXT}' >'{place_of(name)}/{file}'")
+        self.vm.run(f"mkdir '{place_of(name)}/Ordner ä' && sync")
+        for file in NAMES:
+            self.assertEqual(self.vm.run(f"cat '{place_of(name)}/{file}'"), TEXT)
+        self.assertEqual(set(self.vm.run(f"cd {place_of(name)} && printf '%s\\n' *").splitlines()) - {"lost+found"},
+                         {*NAMES, "Ordner ä"})
+
+
+class OnEveryMachine(OtherTest):
+    def look_at(self, state, types, flag="rw"):
+        self.assertEqual({mount.name: mount.type for mount in state.mounts}, types)
+        for mount in state.mounts:
+            self.assertIn("ro" if mount.type == "iso9660" else flag, mount.flags)
+            self.assertIn("nodev", mount.flags)
+        self.assert_table(state)
+
+    def test_four_filesystems_on_one_disk(self):
+        before = self.wait_for_idle()
+        types = {"sda1": "exfat", "sda2": "f2fs", "sda3": "udf", "sda4": "iso9660"}
+        self.plug("mixed", *(Filesystem(kind, f"Größe {kind}" if kind != "iso9660" else "IMAGE")
+                             for kind in types.values()), serial="MIXED")
+        self.wait_for_mounts(*types)
+        state = self.wait_for_idle()
+        self.look_at(state, types)
+        self.assertEqual({name: state.share(name)[""] for name in types},
+                         {"sda1": "Größe exfat(A1)", "sda2": "Größe f2fs(A2)", "sda3": "Größe udf(A3)",
+                          "sda4": "IMAGE(A4)"})
+        self.assertEqual({name: state.share(name).get("File System") for name in types}, dict.fromkeys(types))
+        self.assertEqual(self.vm.run(f"stat -c '%u %g %a' {PLACES}/sda1 {PLACES}/sda3"), 2 * "1000 100 750\n")
+        for name in ("sda1", "sda2", "sda3"):
+            self.use_files(name)
+        self.assertEqual(self.vm.run(f"stat -c '%u %g %a' '{PLACES}/sda1/{NAMES[0]}'"), "1000 100 640\n")
+        self.assert_file("sda4", "this is IMAGE\n")
+        self.vm.pull("mixed")
+        self.wait_for_mounts()
+        self.assert_same(before, self.wait_for_idle())
+        self.assertEqual(self.lines(), {})
+
+    def test_write_protected_ones_are_mounted_read_only_and_nobody_complains(self):
+        before = self.wait_for_idle()
+        types = {"sda1": "exfat", "sda2": "f2fs", "sda3": "udf"}
+        self.plug("protected", *(Filesystem(kind) for kind in types.values()), serial="LOCKED", readonly=True)
+        self.wait_for_mounts(*types)
+        state = self.wait_for_idle()
+        self.look_at(state, types, "ro")
+        for name in types:
+            self.assertEqual(state.share(name).get("Read Only"), "Enable")
+        self.assertEqual(self.lines(), {})
+        self.vm.pull("protected")
+        self.wait_for_mounts()
+        self.assert_same(before, self.wait_for_idle())
+
+    def test_a_stick_that_is_pulled_while_it_is_written_to(self):
+        before = self.wait_for_idle()
+        for kind in ("exfat", "f2fs", "udf"):
+            self.plug(kind, Filesystem(kind), serial=kind.upper())
+            name, = self.wait_until("it is mounted", lambda state: len(state.names) == 1 and state.shares
+                                    and state.share(state.names[0])).names
+            self.start("writer", f"sh -c 'exec >{place_of(name)}/file; while echo {'x' * 1000}; do :; done'")
+            self.wait_until("it is written to", lambda _, name=name: self.vm.attempt(
+                f"[ $(stat -c %s {place_of(name)}/file) -gt 4000 ]")[0] == 0)
+            self.vm.pull(kind)
+            self.wait_for_mounts()
+        self.assert_same(before, self.wait_for_idle())
+
+    def test_what_is_not_named_is_said_and_mounted_by_the_next_daemon(self):
+        self.stop("vyhotplugd")
+        self.configure("otherfs = udf\n")
+        self.start_daemon()
+        self.plug("stick", Filesystem("exfat", "CARD"), Filesystem("udf", "DISC"), serial="STICK")
+        self.wait_for_mounts("sda2")
+        lines = self.wait_for_lines("sda1")
+        self.assertEqual(lines["sda1"], ["8:1", "not-named", "exfat", "sda1 holds exfat, which otherfs does not name",
+                                         "-"])
+        self.assertEqual(self.told(self.wait_for_idle()), ["sda1 holds exfat, which otherfs does not name"])
+        self.vm.run("vyunmount all")
+        self.stop("vyhotplugd")
+        self.configure("otherfs = udf,exfat\n")
+        self.start_daemon()
+        self.wait_for_mounts("sda1", "sda2")
+        self.wait_for_lines()
+        self.vm.pull("stick")
+        self.wait_for_mounts()
+
+
+class Large(OtherTest):
+    machines = ("x86",)
+
+    def test_btrfs_and_xfs(self):
+        before = self.wait_for_idle()
+        self.plug("big", Filesystem("btrfs", "Ü btrfs"), Filesystem("xfs", "xfs disk"), serial="BIG")
+        self.wait_for_mounts("sda1", "sda2")
+        state = self.wait_for_idle()
+        self.assertEqual({mount.name: mount.type for mount in state.mounts}, {"sda1": "btrfs", "sda2": "xfs"})
+        self.assertEqual(state.share("sda1")[""], "Ü btrfs(A1)")
+        self.assertEqual(state.share("sda2")[""], "xfs disk(A2)")
+        for name in ("sda1", "sda2"):
+            self.use_files(name)
+        self.wait_for_lines()
+        self.vm.pull("big")
+        self.wait_for_mounts()
+        self.assert_same(before, self.wait_for_idle())
+
+    @long_on("x86")
+    def test_a_file_larger_than_four_gibibytes_on_exfat(self):
+        self.plug("card", Filesystem("exfat", "VIDEO", size=6000), table=None, serial="CARD")
+        self.wait_for_mounts("sda0")
+        file = place_of("sda0") + "/film.mkv"
+        self.vm.run(f"truncate -s 4500M {file} && printf 'the end' | dd of={file} bs=1M seek=4500 conv=notrunc && sync",
+                    3600)  # the kernel fills such a file with zeros
+        self.vm.run("vyunmount sda")
+        self.vm.run("vymount sda")
+        self.assertEqual(self.vm.run(f"stat -c %s {file}"), f"{4500 * 1024 * 1024 + 7}\n")
+        self.assertEqual(self.vm.run(f"tail -c 7 {file}"), "the end")
+
+    def test_a_cd_image_on_a_disk_is_mounted_once(self):
+        """With a partition that is the image, and one within it that is a file of the image's."""
+        before = self.wait_for_idle()
+        image = self.image(Filesystem("iso9660", "INSTALL", size=64), table=None)
+        efi = os.path.join(self.folder, "efi.img")
+        Filesystem("fat16", "EFI").make(efi)
+        with open(image, "r+b") as disk, open(efi, "rb") as part:
+            disk.seek(32 << 20)
+            disk.write(part.read())
+            disk.seek(446)
+            for kind, start, size in ((0x17, 0, 64), (0xef, 32, 16)):
+                disk.write(bytes((0, 254, 255, 255, kind, 254, 255, 255)) + (start * 2048).to_bytes(4, "little")
+                           + (size * 2048).to_bytes(4, "little"))
+            disk.seek(510)
+            disk.write(b"\x55\xaa")
+        self.vm.plug("cd", image, serial="CD")
+        self.wait_for_kernel("sda2")
+        self.wait_for_mounts("sda1")
+        state = self.wait_for_idle()
+        self.assertEqual([mount.type for mount in state.mounts], ["iso9660"])
+        self.assertIn("announcer(#)sda2 not announced: lies within sda1", [line.text for line in state.log])
+        self.vm.pull("cd")
+        self.wait_for_mounts()
+        self.assert_same(before, self.wait_for_idle())
+
+    def btrfs_of_two(self):
+        """Two images of one filesystem that keeps everything twice."""
+        paths = [os.path.join(self.folder, f"member-{number}.img") for number in (1, 2)]
+        for path in paths:
+            with open(path, "wb") as file:
+                file.truncate(256 << 20)
+        loops = [self.host("losetup", "-f", "--show", path).strip() for path in paths]
+        try:
+            self.host("mkfs.btrfs", "-q", "-f", "-d", "raid1", "-m", "raid1", "-L", "pair", *loops)
+        finally:
+            for loop in loops:
+                self.host("losetup", "-d", loop)
+        return paths
+
+    @staticmethod
+    def host(*command):
+        import media
+        import subprocess
+        return subprocess.run(command, check=True, capture_output=True, text=True,
+                              env={"PATH": media.PATH}).stdout
+
+    def test_a_btrfs_of_two_disks_is_mounted_when_both_are_there(self):
+        before = self.wait_for_idle()
+        first, second = self.btrfs_of_two()
+        self.vm.plug("first", first, serial="ONE")
+        lines = self.wait_for_lines("sda")
+        self.assertEqual(lines["sda"][1:3], ["refused", "btrfs"])
+        self.assertRegex(lines["sda"][3], r"^sda holds btrfs, but the kernel refused it: .*devid 2 .*is missing")
+        self.vm.plug("second", second, serial="TWO")
+        state = self.wait_until("it is mounted and shared", lambda state: len(state.names) == 1 and state.exported())
+        self.assertEqual([mount.type for mount in state.mounts], ["btrfs"])
+        self.wait_for_lines()
+        self.use_files(state.names[0])
+        self.vm.run("vyunmount all")
+        self.vm.pull("first")
+        self.vm.pull("second")
+        self.wait_for_mounts()
+        self.assert_same(before, self.wait_for_idle(), without=("descriptors",))
+
+    def test_members_that_are_plugged_together_are_mounted(self):
+        self.vm.plug("pair", *self.btrfs_of_two(), serial="PAIR")
+        state = self.wait_until("it is mounted and shared", lambda state: len(state.names) == 1 and state.exported(),
+                                machine.LIMIT * 2)
+        self.assertEqual([mount.type for mount in state.mounts], ["btrfs"])
+        self.wait_for_lines()
+
+
+class WhyNot(OtherTest):
+    """The words, each on a medium that deserves it."""
+
+    machines = ("x86",)
+    modules = ""  # the kernel has no exFAT then
+    configuration = "otherfs = exfat\nmountfs = fat,ext3,ntfs\n"
+    MEDIA = (
+        ("exfat", "no-module", "holds exfat, which this kernel has no module for"),
+        ("f2fs", "not-named", "holds f2fs, which otherfs does not name"),
+        ("udf", "not-named", "holds udf, which otherfs does not name"),
+        ("iso9660", "not-named", "holds iso9660, which otherfs does not name"),
+        ("luks", "encrypted", "is encrypted (LUKS)"),
+        ("bitlocker", "encrypted", "is encrypted (BitLocker)"),
+        ("lvm", "member", "is a member of LVM"),
+        ("raid", "member", "is a member of RAID"),
+        ("swap", "swap", "is a swap area"),
+        ("empty", "nothing", "has no filesystem that is known"),
+        ("corrupt", "nothing", "has no filesystem that is known"),
+        ("romfs", "not-known", "holds romfs, which the service cannot mount"),
+        ("several", "several", "looks like several filesystems (xfs, f2fs)"),
+        ("broken-fat", "nothing", "has no filesystem that is known"),
+    )
+
+    def test_each_is_told_once_and_goes_with_its_disk(self):
+        before = self.wait_for_idle()
+        kinds = [row[0] for row in self.MEDIA]
+        self.plug("odd", *(Filesystem(kind) for kind in kinds), table="gpt",
+                  numbers=(*range(1, len(kinds)), 16), serial="ODD")
+        names = [f"sda{number}" for number in range(1, len(kinds))]
+        lines = self.wait_for_lines(*names, "sda16")
+        for name, (kind, code, words) in zip(names, self.MEDIA):
+            with self.subTest(kind):
+                self.assertEqual(lines[name][1], code)
+                self.assertEqual(lines[name][3], f"{name} {words}")
+        self.assertEqual(lines["sda16"][1:4], ["out-of-range", "-", "sda16 is the 16th partition: out of range"])
+        state = self.wait_for_idle()
+        self.assertEqual(sorted(line.split("; to check it: ")[0] for line in self.told(state)),
+                         sorted(line[3] for line in lines.values()))
+        self.assertEqual(state.names, [])
+        self.vm.pull("odd")
+        self.wait_for_lines()
+        self.assert_same(before, self.wait_for_idle())
+
+    def test_an_ext4_that_is_damaged_is_refused_in_the_kernels_words(self):
+        image = self.image(Filesystem("ext4", "DAMAGED"), table=None)
+        with open(image, "r+b") as file:
+            file.seek(1024 + 0x58)  # of the inode's size: no kernel takes that
+            file.write(b"\x07\x00")
+        with open(image, "r+b") as file:  # and the checksum is right
+            content = bytearray(file.read(2048)[1024:])
+            crc = 0xffffffff
+            for byte in content[:1020]:
+                crc ^= byte
+                for _ in range(8):
+                    crc = crc >> 1 ^ (0x82f63b78 if crc & 1 else 0)
+            file.seek(1024 + 1020)
+            file.write(crc.to_bytes(4, "little"))
+        self.vm.plug("damaged", image, serial="DAMAGED")
+        lines = self.wait_for_lines("sda")
+        self.assertEqual(lines["sda"][1:3], ["refused", "ext4"])
+        self.assertRegex(lines["sda"][3], r"^sda holds ext4, but the kernel refused it: EXT4-fs \(sda\): ")
+        self.assertEqual(lines["sda"][4], "e2fsck -f /dev/sda")
+
+    def test_a_windows_that_sleeps_is_named(self):
+        self.plug("windows", Filesystem("hibernated", "WINDOWS"), serial="WIN")
+        self.wait_for_mounts("sda1")
+        lines = self.wait_for_lines("sda1")
+        self.assertEqual(lines["sda1"][1:4], ["read-only", "ntfs", "sda1 holds NTFS: hibernated, mounted read-only"])
+
+    def test_a_disk_that_hangs_is_named_and_hinders_nobody(self):
+        image = self.image(Filesystem("exfat"))
+        self.vm.plug_throttled("slow", image, serial="SLOW")
+        self.wait_for_kernel("sda1")
+        self.vm.throttle("slow", 1)
+        self.plug("quick", Filesystem("udf"), serial="QUICK")
+        lines = self.wait_for_lines("sda1", "sdb1")
+        self.assertEqual(lines["sdb1"][1], "not-named")
+        self.assertIn(lines["sda1"][1], ("silent", "no-module"))
+        self.vm.throttle("slow", 0)
+
+    def test_a_disk_that_goes_during_the_look(self):
+        for turn in range(3):
+            self.plug(f"short-{turn}", Filesystem("udf"), serial=f"SHORT{turn}")
+            self.wait_for_kernel("sda1")
+            self.vm.run(f"sleep {9 + turn}")
+            self.vm.pull(f"short-{turn}")
+            self.wait_for_lines()
+        self.assertEqual(len(self.wait_for_idle().of("vyhotplug-agent")), 1)
+
+
+class Readers(OtherTest):
+    machines = ("x86",)
+    devices = machine.USB + machine.card_drives("drive")
+    modules = ""
+
+    def test_an_empty_reader_is_named(self):
+        self.vm.plug_reader("reader", "drive")
+        lines = self.wait_for_lines("sda")
+        self.assertEqual(lines["sda"][1:4], ["no-medium", "-", "sda is empty: no medium"])
+
+
+class Links(OtherTest):
+    """by-share."""
+
+    def start_agent(self):
+        self.start("agent", "vyhotplug-agent --monitor --by-share")
+
+    def links(self):
+        done = self.vm.attempt(f"cd {PLACES}/by-share && for link in *; do echo \"$link $(readlink \"$link\")\"; done")
+        return dict(line.rsplit(" ", 1) for line in done[1].splitlines()) if done[0] == 0 else {}
+
+    def wait_for_links(self, wanted):
+        self.wait_until(f"links {wanted}", lambda _: self.links() == wanted)
+
+    def test_links_come_and_go_with_the_shares(self):
+        self.plug("stick", Filesystem("exfat", "Musik"), Filesystem("ext4", "a/b"), serial="STICK")
+        self.wait_for_links({"Musik(A1)": "../sda1", "a_b(A2)": "../sda2"})
+        self.vm.run(f"printf x >'{PLACES}/by-share/Musik(A1)/song' && [ -s {place_of('sda1')}/song ]")
+        self.vm.run("vyunmount sda1")
+        self.wait_for_links({"a_b(A2)": "../sda2"})
+        self.vm.run("vymount sda1")
+        self.wait_for_links({"Musik(A1)": "../sda1", "a_b(A2)": "../sda2"})
+        self.vm.pull("stick")
+        self.wait_until("nothing is left", lambda _: self.vm.run(f"ls -A {PLACES}") == "")
+
+
+class Mutants(OtherTest):
+    """Images with random bytes in them: service and agent survive, and each is mounted or said why not."""
+
+    machines = ("x86",)
+    KINDS = {"exfat": 8, "f2fs": 64, "btrfs": 128, "xfs": 320, "udf": 8, "iso9660": 2}
+    AT_ONCE = 15  # partitions of a disk that the service takes
+
+    def mutants(self, kind, draw, count):
+        base = os.path.join(self.folder, f"base-{kind}")
+        if not os.path.exists(base):
+            Filesystem(kind, "MUTANT").make(base)
+        for _ in range(count):
+            yield base, [(draw.randrange(min(os.path.getsize(base), draw.choice((4096, 1 << 17, 1 << 20)))),
+                          bytes([draw.randrange(256)])) for _ in range(draw.choice((1, 3, 30, 300)))]
+
+    def mutate(self, image, places, starts):
+        with open(image, "r+b") as file:
+            for start, changes in zip(starts, places):
+                for at, byte in changes:
+                    file.seek((start << 20) + at)
+                    file.write(byte)
+
+    def go(self, kinds, draw):
+        """One disk of these."""
+        filesystems = [Filesystem(kind, "MUTANT", size=self.KINDS[kind]) for kind in kinds]
+        image = self.image(*filesystems, table="gpt")
+        starts, at = [], 1
+        for filesystem in filesystems:
+            starts.append(at)
+            at += filesystem.size
+        self.mutate(image, [next(iter(self.mutants(kind, draw, 1)))[1] for kind in kinds], starts)
+        before = {process["pid"] for program in ("vyhotplugd", "vyhotplug-agent")
+                  for process in self.vm.state().of(program)}
+        name = f"mutants-{self.images}"
+        self.vm.plug(name, image, serial=name.upper())
+        names = {f"sda{number}" for number in range(1, len(kinds) + 1)}
+
+        def all_said(state):
+            lines = self.lines()
+            self.assertLessEqual({line[1] for line in lines.values()}, WORDS)
+            return names <= set(lines) | set(state.names)
+        state = self.wait_until("each is mounted or said why not", all_said, machine.LIMIT * 4)
+        after = {process["pid"] for program in ("vyhotplugd", "vyhotplug-agent") for process in state.of(program)}
+        self.assertEqual(before, after)
+        self.vm.pull(name)
+        self.wait_until("all are gone", lambda state: not state.names and not self.lines(), machine.LIMIT * 4)
+        os.unlink(image)
+
+    def draw(self):
+        seed = os.environ.get("VY_VM_SEED") or str(random.randrange(1 << 32))
+        print(f"VY_VM_SEED={seed}")
+        return random.Random(seed)
+
+    def test_one_disk_of_them(self):
+        draw = self.draw()
+        self.go([kind for kind in ("exfat", "f2fs", "udf", "iso9660") for _ in range(3)] + ["btrfs", "xfs"], draw)
+
+    @long_on("x86")
+    def test_three_hundred_of_each(self):
+        draw = self.draw()
+        for kind in self.KINDS:
+            for _ in range(300 // self.AT_ONCE):
+                self.go([kind] * self.AT_ONCE, draw)
