@@ -68,9 +68,12 @@ static void add(Lookout* lookout, const Look& look)
 {
     Look* held = lookout->looks.take();
     auto* grown = static_cast<Look*>(realloc(held, (lookout->count + 1) * sizeof *held));
-    lookout->looks.reset(grown != nullptr ? grown : held);
-    if (grown != nullptr) // else the next time
-        grown[lookout->count++] = look;
+    if (grown == nullptr) { // the next time
+        lookout->looks.reset(held);
+        return;
+    }
+    lookout->looks.reset(grown);
+    grown[lookout->count++] = look;
 }
 
 // Whether it is a disk that has partitions, which is not to be mounted itself.

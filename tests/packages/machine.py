@@ -108,7 +108,7 @@ class Stick:
         folder = f"{self.device}/block/{self.disk}"
         first = self.partitions[0]
         minor = first.minor - first.minor % first.range
-        self._write(folder, dev=f"8:{minor}", range=16, removable=1, ro=0, size=16384)
+        self._write(folder, dev=f"8:{minor}", range=16, removable=1, ro=0, size=16384, diskseq=1)
         for name, value in self.attributes.items():
             vyworld.write(f"{self.usb}/{name}", value + "\n")
         os.symlink(self.device, folder + "/device")
@@ -117,13 +117,24 @@ class Stick:
                         partition=partition.minor % 16)
         os.makedirs("/sys/block", exist_ok=True)
         os.symlink(folder, f"/sys/block/{self.disk}")
+        os.makedirs("/sys/dev/block", exist_ok=True)
+        for partition in self.partitions:
+            os.symlink(f"{folder}/{partition.name}", self._by_number(partition))
         self.plugged = True
         for partition in self.partitions:
             with contextlib.suppress(OSError):
                 partition.lay_node()
 
+    @staticmethod
+    def _by_number(partition):
+        """Where the kernel shows the device that the node leads to."""
+        number = partition.loop.device
+        return f"/sys/dev/block/{os.major(number)}:{os.minor(number)}"
+
     def take_out(self):
         self.plugged = False
+        for partition in self.partitions:
+            os.remove(self._by_number(partition))
         shutil.rmtree(self.usb)
         os.remove(f"/sys/block/{self.disk}")
 

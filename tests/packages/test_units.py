@@ -197,8 +197,9 @@ class Systemd(Machine):
         """What its processes and the service manager have logged of a unit."""
         return self.run_ok("journalctl", "--quiet", "--output=cat", "--unit", unit).splitlines()
 
-    def test_saving_them_logs_nothing(self):
-        self.assertEqual(self.journal("vyhotplugd-settings.service"), [])
+    def test_saving_them_logs_what_it_replaces_and_nothing_else(self):
+        for line in self.journal("vyhotplugd-settings.service"):
+            self.assertRegex(line, "settings are gone or changed, those of before are in .*/hotplug.dev.conf.1$")
         self.assertIn("Started vyhotplugd.service - Storage hotplug service.", self.journal("vyhotplugd.service"))
 
     def test_nothing_is_logged_at_debug_level(self):
@@ -268,6 +269,31 @@ class Systemd(Machine):
         self.tell(f"no share any more {time.monotonic() - begun:.1f} s after the bridge had ended")
         self.run_ok("systemctl", "start", "vynas-samba")
         self.wait_for_shares("Cinema", "Films(A2)", who=ANNA)
+
+    def times_closed(self):
+        return self.run_ok("journalctl", "--output=cat", "--identifier", "vynas-samba").count("close share")
+
+    @staticmethod
+    def mounts_of_sticks():
+        return [line for line in vyworld.read_lines("/proc/self/mountinfo") if " /media/vyhotplug/" in line]
+
+    def test_nobody_notices_a_restart(self):
+        """The service's, by an administrator and by a crash, and that of all, as in an upgrade."""
+        self.wait_for_shares("Cinema", "Films(A2)", who=ANNA)
+        mounts, closed = self.mounts_of_sticks(), self.times_closed()
+        self.assertEqual(len(mounts), 2)
+        for units in (["vyhotplugd"], ["vyhotplugd", "vynas-samba"]):
+            written = self.read(SHARE_FILE)
+            self.run_ok("systemctl", "restart", *units)
+            self.wait_until("a share file without them", lambda: "Path=" not in self.read(SHARE_FILE))
+            self.wait_until("they are told of again", lambda: self.read(SHARE_FILE).count("Path=/media/") == 2)
+            self.assertEqual(self.read(SHARE_FILE), written)
+            self.assertEqual(self.fetch("Films(A2)", "b.txt", ANNA), "two\n")
+        os.kill(self.pids_of("vyhotplugd")[0], signal.SIGKILL)
+        self.wait_until("a share file without them", lambda: "Path=" not in self.read(SHARE_FILE))
+        self.wait_until("they are told of again", lambda: self.read(SHARE_FILE).count("Path=/media/") == 2)
+        self.assertEqual(self.mounts_of_sticks(), mounts)
+        self.assertEqual(self.times_closed(), closed)
 
     def test_a_restart_shares_everything_again(self):
         agent = self.pids_of("vyhotplug-agent")

@@ -45,6 +45,18 @@ class ColdPlug(AgentTest):
         self.assertEqual(self.connections()[0], None)
         self.assertEqual(len(self.connections()), 3)
 
+    def test_with_nothing_to_do_it_waits_for_news_alone(self):
+        self.sysfs.add_stick("sda")
+        FakeDaemon(self)
+        agent = self.start_agent()
+        self.wait_for_told("+8:0", "+8:1")
+
+        def waits():
+            call = vyworld.read(f"/proc/{agent.pid}/syscall").split()
+            return len(call) > 3 and call[2] == "0x4" and re.fullmatch("0x(f{8}){1,2}", call[3])
+
+        self.wait_until("it waits without a limit", waits, 30)
+
     def test_an_empty_drive_is_not_told_of(self):
         self.sysfs.add_stick("sda", parts=(), size="0")
         self.sysfs.add_stick("sdb", parts=())

@@ -2,6 +2,7 @@
 
 #include "fake/fake_log.h"
 #include "fake/fake_world.h"
+#include "lib/guard.h"
 #include "support/files.h"
 
 #include <gtest/gtest.h>
@@ -262,6 +263,18 @@ TEST_F(LeftoversTest, ADevicePathThatIsTooLongCostsTheNodeOnly)
 }
 
 // ---- the share file ----
+
+// Whoever starts it may have closed its input.
+TEST_F(LeftoversTest, EmptiesTheFileThroughAnyDescriptor)
+{
+    add("sda1");
+    write_file(share_file, "[Drive(A1)]\n");
+    const FdGuard input(dup(STDIN_FILENO));
+    close(STDIN_FILENO);
+    EXPECT_EQ(take_off(), 0);
+    dup2(input.get(), STDIN_FILENO);
+    EXPECT_EQ(read_file(share_file), "");
+}
 
 TEST_F(LeftoversTest, EmptiesNothingButRootsOwnFile)
 {
