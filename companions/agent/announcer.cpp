@@ -51,8 +51,10 @@ static Device* find_or_make(Announcer* announcer, const BlockName& name, int32_t
 
 void announcer_forget(Announcer* announcer)
 {
-    for (Device& device : announcer->devices)
-        device = {};
+    for (Device& device : announcer->devices) {
+        if (device.state != DEVICE_UNSEEN) // or all its pages were written
+            device = {};
+    }
     announcer->shown.count = 0;
     announcer_ask_for_walk(announcer);
 }
@@ -185,7 +187,7 @@ static void walk(Announcer* announcer, uint64_t now)
 {
     BlockList list;
     const AgentSettings& settings = *announcer->settings;
-    const int result = survey_take(settings, announcer->devices, false, &list);
+    const int result = survey_take(settings, &announcer->devices, false, &list);
     if (result != 0) { // a list that may be short says nothing of what has gone
         if (announcer->walk.pause == 0)
             VY_LOG(LOG_ERR, "%s/block: %s", settings.sysfs, strerror(-result));

@@ -19,8 +19,8 @@
 #include "agent/uevent.h"
 
 struct Announcer {
-    const AgentSettings* settings = nullptr;     // borrowed
-    Device devices[agent_table_limit];           // see device_table.h
+    const AgentSettings* settings = nullptr; // borrowed
+    DeviceTable devices;
     BlockList shown;                             // what the last walk found
     Device* out = nullptr;                       // whose message was handed out,
     DeviceEvent end = {};                        // and what its delivery is

@@ -1,5 +1,7 @@
 #include "agent/device_table.h"
 
+#include <sys/mman.h>
+
 DeviceState device_next(DeviceState state, DeviceEvent event)
 {
     static constexpr DeviceState table[][5] = {
@@ -15,17 +17,33 @@ DeviceState device_next(DeviceState state, DeviceEvent event)
     return table[state][event];
 }
 
-Device* device_find(Device* devices, int32_t major, int32_t minor)
+// Fresh pages are zero, which is an unseen device.
+static_assert(DEVICE_UNSEEN == 0);
+
+DeviceTable::DeviceTable()
 {
-    for (Device* device = devices; device < devices + agent_table_limit; device++) {
-        if (device->state != DEVICE_UNSEEN && device->major == major && device->minor == minor)
-            return device;
+    void* pages = mmap(nullptr, agent_table_limit * sizeof(Device), PROT_READ | PROT_WRITE,
+                       MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    devices_ = pages != MAP_FAILED ? static_cast<Device*>(pages) : nullptr;
+}
+
+DeviceTable::~DeviceTable()
+{
+    if (devices_ != nullptr)
+        (void)munmap(devices_, agent_table_limit * sizeof(Device));
+}
+
+Device* device_find(const DeviceTable& devices, int32_t major, int32_t minor)
+{
+    for (Device& device : devices) {
+        if (device.state != DEVICE_UNSEEN && device.major == major && device.minor == minor)
+            return &device;
     }
     return nullptr;
 }
 
-bool device_is_ours(const Device* devices, int32_t major, int32_t minor)
+bool device_is_ours(const DeviceTable& devices, int32_t major, int32_t minor)
 {
-    const Device* device = device_find(const_cast<Device*>(devices), major, minor);
+    const Device* device = device_find(devices, major, minor);
     return device != nullptr && device->state != DEVICE_PASSING && device->state != DEVICE_PASSED;
 }

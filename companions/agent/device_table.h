@@ -39,11 +39,25 @@ struct Device {
     uint64_t look_due = 0; // the next one's time; 0: none is due
 };
 
-// Of agent_table_limit devices.
+// agent_table_limit devices, at first unseen. Pages of memory are taken as devices are written to
+// them, for most machines have few. Where there is no memory for any, it is empty.
+class DeviceTable {
+  public:
+    DeviceTable();
+    ~DeviceTable();
+    DeviceTable(const DeviceTable&) = delete;
+    DeviceTable& operator=(const DeviceTable&) = delete;
+
+    Device* begin() const { return devices_; }
+    Device* end() const { return devices_ + (devices_ != nullptr ? agent_table_limit : 0); }
+
+  private:
+    Device* devices_;
+};
 
 // Lends the one with these numbers; null when there is none but unseen ones.
-Device* device_find(Device* devices, int32_t major, int32_t minor);
+Device* device_find(const DeviceTable& devices, int32_t major, int32_t minor);
 
 // Whether a device with these numbers was ever announced, gone or not: what is mounted there is the
 // service's.
-bool device_is_ours(const Device* devices, int32_t major, int32_t minor);
+bool device_is_ours(const DeviceTable& devices, int32_t major, int32_t minor);

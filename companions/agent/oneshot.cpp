@@ -132,7 +132,7 @@ int oneshot_list(const AgentSettings& settings)
     // What a running agent has told a running daemon of is the service's, not the machine's.
     if (state_load(settings.state, &daemon, &told) != 0 || !daemon_runs(daemon))
         announcer_forget(&told);
-    const int result = survey_take(settings, told.devices, false, &list);
+    const int result = survey_take(settings, &told.devices, false, &list);
     if (result != 0)
         fprintf(stderr, "vyhotplug-agent: %s/block: %s\n", settings.sysfs, strerror(-result));
     for (const BlockDevice& device : list) {

@@ -78,8 +78,9 @@ static bool parse(char* text, DaemonIdentity* daemon, Announcer* announcer)
     if (strcmp(strsep(&text, "\n"), heading) != 0 || text == nullptr ||
         !parse_daemon(strsep(&text, "\n"), daemon))
         return false;
-    for (size_t i = 0; text != nullptr && text[0] != '\0'; i++) {
-        if (i == agent_table_limit || !parse_device(strsep(&text, "\n"), &announcer->devices[i]))
+    Device* device = announcer->devices.begin();
+    for (; text != nullptr && text[0] != '\0'; device++) {
+        if (device == announcer->devices.end() || !parse_device(strsep(&text, "\n"), device))
             return false;
     }
     return true;

@@ -51,7 +51,7 @@ namespace {
 // What the verdicts are made from. All borrowed.
 struct Case {
     const AgentSettings* settings;
-    const Device* told;
+    const DeviceTable* told;
     bool leaving;
     const Mountinfo* mounts;
 };
@@ -61,7 +61,7 @@ struct Case {
 // Lends a mount of a part of the disk that is not the service's; null when there is none.
 static const MountinfoEntry* find_mount(const Case& about, const BlockDevice& part, bool itself)
 {
-    if (about.told != nullptr && device_is_ours(about.told, part.major, part.minor))
+    if (about.told != nullptr && device_is_ours(*about.told, part.major, part.minor))
         return nullptr;
     for (size_t i = 0; i < about.mounts->count; i++) {
         const MountinfoEntry& mount = about.mounts->entries[i];
@@ -153,7 +153,8 @@ static void drop_parts_of_images(const AgentSettings& settings, BlockList* list)
     }
 }
 
-int survey_take(const AgentSettings& settings, const Device* told, bool leaving, BlockList* list)
+int survey_take(const AgentSettings& settings, const DeviceTable* told, bool leaving,
+                BlockList* list)
 {
     const int result = block_list_read(settings.sysfs, list);
     char path[agent_path_size];

@@ -23,5 +23,5 @@
 // is how an image looks that was written to a disk, and it is to be mounted once.
 //
 // Returns as block_list_read.
-[[nodiscard]] int survey_take(const AgentSettings& settings, const Device* told, bool leaving,
+[[nodiscard]] int survey_take(const AgentSettings& settings, const DeviceTable* told, bool leaving,
                               BlockList* list);

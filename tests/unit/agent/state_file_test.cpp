@@ -28,7 +28,7 @@ class StateFile : public testing::Test {
 
     void put(DeviceState state, int32_t minor, const char* text = "sda1", uint64_t identity = 1)
     {
-        Device* device = &announcer_.devices[used()];
+        Device* device = announcer_.devices.begin() + used();
         ASSERT_TRUE(block_name_parse(text, &device->name));
         device->state = state;
         device->major = 8;

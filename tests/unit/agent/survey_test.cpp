@@ -40,16 +40,17 @@ class Survey : public testing::Test {
     // The daemon has been told of sda1, or of its removal.
     void put(DeviceState state)
     {
-        announcer_.devices[0].state = state;
-        announcer_.devices[0].major = 8;
-        announcer_.devices[0].minor = 1;
+        Device* device = announcer_.devices.begin();
+        device->state = state;
+        device->major = 8;
+        device->minor = 1;
     }
 
     FakeSysfs sysfs_;
     Announcer announcer_;
     AgentSettings settings_ = {AGENT_LIST,        false, 10, FakeSysfs::root, FakeSysfs::proc,
                                FakeSysfs::mounts, ""};
-    const Device* told_ = announcer_.devices;
+    const DeviceTable* told_ = &announcer_.devices;
     bool leaving_ = false;
     int result_ = 0;
 };
