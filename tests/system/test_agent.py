@@ -590,6 +590,7 @@ class Events(AgentTest):
         self.sysfs.add_stick("sda")
         self.start_agent(strace=["-e", "signal=none"])
         self.wait_for_told("+8:0", "+8:1")
+        self.wait_for_log("lookout(#)sda1 has no filesystem that is known")  # which nobody has mounted
         self.settle()
         self.assert_asleep()
 
