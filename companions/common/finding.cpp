@@ -61,14 +61,14 @@ void finding_format(const Finding& finding, char (&text)[finding_text_size])
     const Shown word = is_about_key(finding.kind) ? Shown{} : show(finding.word);
     const char* between = word.text[0] != '\0' ? ": " : "";
     const bool near = finding.right != nullptr;
+    const Shown right = near ? show(finding.right) : Shown{};
     const bool list = !near && finding.accepted != nullptr;
-    (void)snprintf(text, sizeof text, "%s%s%s%s%s%s %s%s%s%s%s; %s%s",
-                   section.text[0] != '\0' ? "[" : "", section.text,
-                   section.text[0] != '\0' ? "] " : "", key.text, between, word.text,
-                   says(finding.kind), near ? ", write " : "", near ? finding.right : "",
-                   list ? ", accepted: " : "", list ? finding.accepted : "",
-                   finding.taken != nullptr ? finding.taken : "it",
-                   finding.taken != nullptr ? " is taken" : " is passed over");
+    (void)snprintf(
+        text, sizeof text, "%s%s%s%s%s%s %s%s%s%s%s; %s%s", section.text[0] != '\0' ? "[" : "",
+        section.text, section.text[0] != '\0' ? "] " : "", key.text, between, word.text,
+        says(finding.kind), near ? ", write " : "", right.text, list ? ", accepted: " : "",
+        list ? finding.accepted : "", finding.taken != nullptr ? finding.taken : "it",
+        finding.taken != nullptr ? " is taken" : " is passed over");
 }
 
 // ---- nearest words ----

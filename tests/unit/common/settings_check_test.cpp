@@ -94,6 +94,17 @@ TEST(SettingsCheck, WithoutALookupNoNumberIsTold)
               Texts{"2:[a] blockusers: anna is no user id; it is passed over"});
 }
 
+TEST(SettingsCheck, WhatItShowsIsHarmless)
+{
+    const UserLookup anybody = [](const char*, uint32_t* id) {
+        *id = 7;
+        return true;
+    };
+    EXPECT_EQ(check("[a\x1b]\nblock\x1b users=b\n[a]\nblock users=b\x1b\n", anybody),
+              (Texts{"2:[a_] block_users is no key, write blockusers; it is passed over",
+                     "4:[a] blockusers: b_ is no user id, write 7 for b_; it is passed over"}));
+}
+
 TEST(SettingsCheck, LongWordsFit)
 {
     const std::string name(600, 'n');
