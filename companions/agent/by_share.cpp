@@ -133,9 +133,11 @@ static int take_share(const ByShare* links, const IniDoc* doc, const char* share
     (void)snprintf(link.target, sizeof link.target, "../%s", place);
     Link* held = wanted->of.take();
     auto* grown = static_cast<Link*>(realloc(held, (wanted->count + 1) * sizeof *held));
-    wanted->of.reset(grown != nullptr ? grown : held);
-    if (grown == nullptr)
+    if (grown == nullptr) {
+        wanted->of.reset(held);
         return -ENOMEM;
+    }
+    wanted->of.reset(grown);
     grown[wanted->count++] = link;
     return 0;
 }

@@ -146,10 +146,10 @@ static bool is_believed(Courier* courier, const ucred& peer)
         courier->stranger_told = false;
         return true;
     }
-    if (!courier->stranger_told)
-        VY_LOG(LOG_WARNING,
-               "process %ld of user %lu listens in the daemon's place and is not believed",
-               static_cast<long>(peer.pid), static_cast<unsigned long>(peer.uid));
+    if (courier->stranger_told)
+        return false;
+    VY_LOG(LOG_WARNING, "process %ld of user %lu listens in the daemon's place and is not believed",
+           static_cast<long>(peer.pid), static_cast<unsigned long>(peer.uid));
     courier->stranger_told = true;
     return false;
 }

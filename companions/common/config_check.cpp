@@ -158,17 +158,18 @@ static void add_rules(Check* check)
     add_switch_rule(check, fat_label_key);
     for (const SwitchKey& row : needed_switches)
         add_switch_rule(check, row);
-    for (const PathKey& row : path_keys)
-        str_ncpy(add_rule(check, row.key, ValueKind::path)->taken, row.fallback,
-                 sizeof KeyRule::taken);
+    for (const PathKey& row : path_keys) {
+        KeyRule* rule = add_rule(check, row.key, ValueKind::path);
+        str_ncpy(rule->taken, row.fallback, sizeof rule->taken);
+    }
     for (const NumberKey& row : owner_keys)
         add_number_rule(check, row);
     for (const NumberKey& row : permission_keys)
         add_number_rule(check, row);
-    for (const OptionsKey& row : options_keys) // a driver takes the flags of mount(2), too
-        (void)add_rule(check, row.key,
-                       row.field == &ConfHotplug::ntfsoptions ? ValueKind::any
-                                                              : ValueKind::options);
+    for (const OptionsKey& row : options_keys) { // a driver takes the flags of mount(2), too
+        const bool driver = row.field == &ConfHotplug::ntfsoptions;
+        (void)add_rule(check, row.key, driver ? ValueKind::any : ValueKind::options);
+    }
     add_word_rule(check, mountfs_key, ValueKind::words, mountfs_words, "");
     add_word_rule(check, otherfs_key, ValueKind::trimmed, otherfs_words, "");
     add_word_rule(check, mountflags_key, ValueKind::trimmed, mountflags_words, "");
@@ -277,12 +278,12 @@ static void check_options(Check* check, const IniLine& line, const KeyRule& rule
     char item[VYOPT_ITEM_SIZE];
     const char* position = line.value;
     while ((position = vyopt_get_section(position, item, sizeof item)) != nullptr) {
+        const Finding finding = {.kind = FINDING_UNKNOWN_WORD,
+                                 .word = item,
+                                 .right = "it into mountflags",
+                                 .taken = "no mount at all"};
         if (is_flag_of_mount(item))
-            tell_value(check, line, rule,
-                       {.kind = FINDING_UNKNOWN_WORD,
-                        .word = item,
-                        .right = "it into mountflags",
-                        .taken = "no mount at all"});
+            tell_value(check, line, rule, finding);
     }
 }
 

@@ -1,11 +1,13 @@
 #include "ctl/machine.h"
 
-#include "lib/file.h"
 #include "lib/process.h"
 #include "lib/str.h"
+#include "lib/sys.h"
 
 #include <dirent.h>
 #include <limits.h>
+#include <poll.h>
+#include <signal.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/utsname.h>
@@ -14,6 +16,7 @@
 static constexpr char program_path[] =
     "/usr/libexec/vyhotplugd:/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
 static constexpr int ask_limit_ms = 10000;
+static constexpr size_t ask_most = 1 << 20;
 static constexpr size_t comm_size = 16; // of a process's name in /proc, with the NUL
 
 static void release_directory(DIR* directory)
@@ -106,11 +109,10 @@ bool machine_has_program(const char* name)
     return find_program(name, path);
 }
 
-bool machine_ask(const char* program, const char* word, char* answer, size_t size)
+bool machine_ask(const char* program, const char* word, FileBytes* answer)
 {
     char path[PATH_MAX];
     char argument[64];
-    answer[0] = '\0';
     if (!find_program(program, path))
         return false;
     str_ncpy(argument, word, sizeof argument);
@@ -120,11 +122,15 @@ bool machine_ask(const char* program, const char* word, char* answer, size_t siz
     if (pid < 0)
         return false;
     const FdGuard pipe(out);
-    const ssize_t length = str_read(pipe.get(), answer, size - 1, ask_limit_ms);
-    answer[length > 0 ? length : 0] = '\0';
-    answer[strcspn(answer, "\n")] = '\0';
+    // One that prints nothing and does not end is interrupted, which ends the reading, too.
+    pollfd waited = {.fd = pipe.get(), .events = POLLIN, .revents = 0};
+    const bool silent = poll(&waited, 1, ask_limit_ms) <= 0;
+    if (silent)
+        (void)sys_kill(pid, SIGKILL);
+    const int result = file_read_fd(pipe.get(), ask_most, answer);
     int status = -1;
-    return vy_wait(pid, VY_WAIT_INTERRUPT, &status, ask_limit_ms) == 0 && status == 0;
+    return vy_wait(pid, VY_WAIT_INTERRUPT, &status, ask_limit_ms) == 0 && status == 0 &&
+           result == 0;
 }
 
 // ---- the kernel ----

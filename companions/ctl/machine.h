@@ -1,7 +1,7 @@
 // Questions about the machine: what runs, what is installed, what the kernel can.
 #pragma once
 
-#include <stddef.h>
+#include "lib/file.h"
 
 // Whether a process runs under that name.
 [[nodiscard]] bool machine_runs(const char* name);
@@ -19,6 +19,6 @@
 // Whether the kernel has the filesystem, or a module for it.
 [[nodiscard]] bool machine_has_filesystem(const char* name);
 
-// Runs "program word" for up to 10 seconds. Returns whether it ended well, its first line in
-// `answer`.
-[[nodiscard]] bool machine_ask(const char* program, const char* word, char* answer, size_t size);
+// Runs "program word" for up to 10 seconds. Returns whether it ended well, what it printed, up to 1
+// MiB of it, in `answer`.
+[[nodiscard]] bool machine_ask(const char* program, const char* word, FileBytes* answer);

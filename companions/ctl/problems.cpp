@@ -259,12 +259,13 @@ static void look_at_versions(Look* look)
 {
     static constexpr const char* programs[] = {"vyhotplug-agent", "vynas-samba"};
     for (const char* program : programs) {
-        char told[256];
+        FileBytes told;
         char expected[256];
-        (void)snprintf(expected, sizeof expected, "%s %s", program, vy_build);
-        if (machine_ask(program, "--version", told, sizeof told) && strcmp(told, expected) != 0)
+        (void)snprintf(expected, sizeof expected, "%s %s\n", program, vy_build);
+        if (machine_ask(program, "--version", &told) && strcmp(told.bytes.get(), expected) != 0) {
             add(look, "other_version", false, "install all packages of one version",
-                "this is vyhotplugctl %s, and there is %s", vy_build, told);
+                "this is vyhotplugctl %s, and %s is another", vy_build, program);
+        }
     }
 }
 
@@ -298,7 +299,7 @@ static void look_at_filesystems(Look* look)
 
 static void look_at_samba(Look* look)
 {
-    char users[256];
+    FileBytes users;
     FileBytes config;
     if (!machine_has_program("smbd"))
         return add(look, "samba_missing", true, "apt-get install samba", "Samba is not installed");
@@ -308,7 +309,7 @@ static void look_at_samba(Look* look)
         strstr(config.bytes.get(), include_mark) == nullptr)
         add(look, "samba_not_set_up", false, "vynas-samba-setup enable",
             "%s does not include the shares", samba_config);
-    if (geteuid() == 0 && machine_ask("pdbedit", "-L", users, sizeof users) && users[0] == '\0')
+    if (geteuid() == 0 && machine_ask("pdbedit", "-L", &users) && users.size == 0)
         add(look, "samba_no_users", false, "smbpasswd -a USER", "nobody has a Samba password");
 }
 

@@ -1,7 +1,10 @@
 #include "ctl/rules.h"
 
+#include "ctl/machine.h"
 #include "ctl/terminal.h"
 
+#include <pwd.h>
+#include <stdlib.h>
 #include <string.h>
 #include <strings.h>
 
@@ -19,6 +22,35 @@ const Item* rules_find_namesake(const View& view, const char* identity, const ch
     return nullptr;
 }
 
+// Whether a line of pdbedit(8) is the user's: "anna:1001:Anna".
+static bool has_password(const char* lines, const char* name)
+{
+    const size_t length = strlen(name);
+    for (const char* line = lines; *line != '\0';) {
+        if (strncmp(line, name, length) == 0 && line[length] == ':')
+            return true;
+        line += strcspn(line, "\n");
+        line += *line == '\n' ? 1 : 0;
+    }
+    return false;
+}
+
+// Who has no Samba password cannot enter whatever is set; that may still come.
+static void tell_without_password(const SettingRow& row, const char* uids)
+{
+    FileBytes lines;
+    if (!machine_ask("pdbedit", "-L", &lines))
+        return;
+    for (const char* at = uids; *at != '\0'; at++) {
+        char* end = nullptr;
+        const passwd* user = getpwuid(static_cast<uid_t>(strtoul(at, &end, 10)));
+        if (user != nullptr && !has_password(lines.bytes.get(), user->pw_name))
+            fprintf(stderr, "vyhotplugctl: note: %s: %s has no Samba password; smbpasswd -a %s\n",
+                    row.word, user->pw_name, user->pw_name);
+        at = end;
+    }
+}
+
 int rules_parse(const View& view, const char* identity, const SettingRow& row, const char* text,
                 char (&value)[setting_value_size])
 {
@@ -29,6 +61,10 @@ int rules_parse(const View& view, const char* identity, const SettingRow& row, c
         (void)text_show(stderr, fault, setting_fault_size);
         (void)fputc('\n', stderr);
     }
+    const bool allowed =
+        row.users == &ConfDev::fullaccessusers || row.users == &ConfDev::readonlyusers;
+    if (result == 0 && allowed && value[0] != '\0')
+        tell_without_password(row, value);
     if (result != 0 || row.text != &ConfDev::sharename || value[0] == '\0')
         return result;
     const Item* namesake = rules_find_namesake(view, identity, value);

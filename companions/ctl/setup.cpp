@@ -40,8 +40,20 @@ int setup_begin(const SetupPaths& paths, Setup* setup)
     return 0;
 }
 
+// Frees a text that stays otherwise, for a mount layer that is not here.
+static void end_text(char** text)
+{
+    free(*text);
+    *text = nullptr;
+}
+
 void setup_end(Setup* setup)
 {
+    if (setup->config != nullptr) {
+        end_text(&setup->config->vfatoptions);
+        end_text(&setup->config->ntfsoptions);
+        end_text(&setup->config->extfsoptions);
+    }
     free_config_hotplug(setup->config);
     setup->config = nullptr;
 }

@@ -18,7 +18,7 @@
 
 static constexpr char boot_id_path[] = "/proc/sys/kernel/random/boot_id";
 static constexpr size_t most_bytes = 1 << 20;
-static constexpr size_t line_size = 128; // bytes of a note's line; the longest has 121
+static constexpr size_t line_size = 160; // bytes of a note's line; the longest has 121
 static constexpr mode_t notes_mode = 0600;
 
 // ---- one mount's device ----
@@ -49,8 +49,8 @@ static bool find_node(const MountinfoEntry& mount, const char* devicepath, Mount
     if (length < 0 || static_cast<size_t>(length) >= sizeof node || stat(node, &status) != 0 ||
         !S_ISBLK(status.st_mode))
         return false;
-    note->node = status.st_ino;
-    note->made = int64_t{status.st_ctim.tv_sec} * 1000000000 + status.st_ctim.tv_nsec;
+    note->made = static_cast<uint64_t>(status.st_ctim.tv_sec) * 1000000000 +
+                 static_cast<uint64_t>(status.st_ctim.tv_nsec);
     *device = status.st_rdev;
     // A driver's mount has no numbers of its own, but the node as its source.
     return strncmp(mount.type, "fuse", 4) != 0 ? status.st_rdev == makedev(mount.major, mount.minor)
@@ -79,7 +79,7 @@ static uint64_t read_of_disk(const char* directory, const char* name)
 {
     static constexpr const char* places[] = {"", "/.."};
     for (const char* place : places) {
-        char path[96];
+        char path[128];
         FileBytes text;
         (void)snprintf(path, sizeof path, "%s%s/%s", directory, place, name);
         if (file_read_all(path, 0, line_size, &text) == 0)
@@ -91,9 +91,9 @@ static uint64_t read_of_disk(const char* directory, const char* name)
 // Looks at the device in sysfs. False when it is not plugged.
 static bool look_at_device(MountNote* note)
 {
-    char directory[64];
+    char directory[80];
     struct stat status;
-    (void)snprintf(directory, sizeof directory, "/sys/dev/block/%" PRIu32 ":%" PRIu32, note->major,
+    (void)snprintf(directory, sizeof directory, "/sys/dev/block/%" PRIu64 ":%" PRIu64, note->major,
                    note->minor);
     if (stat(directory, &status) != 0)
         return false;
@@ -109,8 +109,8 @@ static const MountNote* find_note(const AdoptionNotes& notes, const MountNote& m
 {
     for (size_t at = 0; at < notes.count; at++) {
         const MountNote& note = notes.notes.get()[at];
-        if (note.node == mount.node && note.made == mount.made && note.major == mount.major &&
-            note.minor == mount.minor && strcmp(note.name, mount.name) == 0)
+        if (note.made == mount.made && note.major == mount.major && note.minor == mount.minor &&
+            strcmp(note.name, mount.name) == 0)
             return &note;
     }
     return nullptr;
@@ -126,12 +126,29 @@ static void read_boot(char (&line)[line_size])
     line[strspn(line, "0123456789abcdef-")] = '\0';
 }
 
-static bool parse_note(const char* line, MountNote* note)
+// Takes the next number. False when there is none.
+static bool take_number(char** rest, uint64_t* number)
+{
+    const char* word = strsep(rest, " ");
+    if (word == nullptr || *word < '0' || *word > '9')
+        return false;
+    char* end = nullptr;
+    *number = strtoull(word, &end, 10);
+    return *end == '\0';
+}
+
+static bool parse_note(char* line, MountNote* note)
 {
     *note = {};
-    return sscanf(line, "%15s %" SCNu64 " %" SCNd64 " %" SCNu32 " %" SCNu32 " %" SCNu64 " %" SCNu64,
-                  note->name, &note->node, &note->made, &note->major, &note->minor, &note->inode,
-                  &note->sequence) == 7;
+    const char* name = strsep(&line, " ");
+    uint64_t* const numbers[] = {&note->made, &note->major, &note->minor, &note->inode,
+                                 &note->sequence};
+    for (uint64_t* number : numbers) {
+        if (!take_number(&line, number))
+            return false;
+    }
+    str_ncpy(note->name, name, sizeof note->name);
+    return line == nullptr;
 }
 
 // Takes the text apart, in place.
@@ -168,10 +185,8 @@ int adoption_load(AdoptionNotes* notes)
 static char* append_note(char* at, const MountNote& note)
 {
     return at + snprintf(at, line_size,
-                         "%s %" PRIu64 " %" PRId64 " %" PRIu32 " %" PRIu32 " %" PRIu64 " %" PRIu64
-                         "\n",
-                         note.name, note.node, note.made, note.major, note.minor, note.inode,
-                         note.sequence);
+                         "%s %" PRIu64 " %" PRIu64 " %" PRIu64 " %" PRIu64 " %" PRIu64 "\n",
+                         note.name, note.made, note.major, note.minor, note.inode, note.sequence);
 }
 
 // What is to be noted of a mount. False for none.

@@ -18,10 +18,9 @@ constexpr char adoption_notes_path[] = "/run/vyhotplugd/mounts";
 // What a mount is made from.
 struct MountNote {
     char name[16];     // of its directory below the mount directory
-    uint64_t node;     // inode of the device node, which the service makes for each mount
-    int64_t made;      // when it was made, in nanoseconds
-    uint32_t major;    // of the block device
-    uint32_t minor;    // likewise
+    uint64_t made;     // when its node was made, in ns: the service makes one for each mount
+    uint64_t major;    // of the block device
+    uint64_t minor;    // likewise
     uint64_t inode;    // of the device's directory in sysfs: another when it was plugged again
     uint64_t sequence; // of the disk's medium; 0 where the kernel does not count (before 5.15)
     bool uncounted;    // though the medium can be changed; is not noted

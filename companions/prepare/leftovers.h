@@ -22,7 +22,7 @@ using LeftoverJudge = const char* (*)(void* context, const MountinfoEntry& mount
 // What is still in use is detached, which is told. Does nothing where nothing is mounted.
 //
 // `judge` is asked for each partition, and what it refuses is told; with what stays stays what is
-// mounted below it. Null: nothing stays, and the share file is emptied, not only withdrawn from.
+// mounted below it. Null: nothing stays, and the share file is emptied.
 //
 // Returns 0; -1, told, when something stays mounted that should not.
 [[nodiscard]] int leftovers_take_off(const ConfHotplug* config, const Mountinfo* table,

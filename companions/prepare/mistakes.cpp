@@ -69,10 +69,10 @@ void mistakes_tell_kernel()
         FileBytes value;
         (void)snprintf(path, sizeof path, "/proc/sys/fs/%s", setting);
         // An older kernel does not have all of them.
-        if (file_read_all(path, 0, table_size, &value) == 0 && value.bytes.get()[0] == '0')
-            tell(LOG_WARNING,
-                 "fs.%s is 0, the kernel does not keep root from what others lay in /tmp: set it "
-                 "to 1",
-                 setting);
+        if (file_read_all(path, 0, table_size, &value) != 0 || value.bytes.get()[0] != '0')
+            continue;
+        tell(LOG_WARNING,
+             "fs.%s is 0, the kernel does not keep root from what others lay in /tmp: set it to 1",
+             setting);
     }
 }

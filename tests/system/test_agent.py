@@ -45,6 +45,18 @@ class ColdPlug(AgentTest):
         self.assertEqual(self.connections()[0], None)
         self.assertEqual(len(self.connections()), 3)
 
+    def test_with_nothing_to_do_it_waits_for_news_alone(self):
+        self.sysfs.add_stick("sda")
+        FakeDaemon(self)
+        agent = self.start_agent()
+        self.wait_for_told("+8:0", "+8:1")
+
+        def waits():
+            call = vyworld.read(f"/proc/{agent.pid}/syscall").split()
+            return len(call) > 3 and call[2] == "0x4" and re.fullmatch("0x(f{8}){1,2}", call[3])
+
+        self.wait_until("it waits without a limit", waits, 30)
+
     def test_an_empty_drive_is_not_told_of(self):
         self.sysfs.add_stick("sda", parts=(), size="0")
         self.sysfs.add_stick("sdb", parts=())
@@ -372,13 +384,12 @@ class RealDaemon(AgentTest):
         self.wait_until("the hook holds the daemon up", lambda: self.log.matching(r"^daemon\(#\)action 1 "))
         refused = 0
         while refused == 0:  # some 4,096 are taken
-            connection = vyworld.connect()
-            connection.sendall(b"ACTION=remove,MAJOR=8,MINOR=250\0")
-            try:
-                connection.recv(1)
-            except ConnectionResetError:
-                refused += 1
-            connection.close()
+            with vyworld.connect() as connection:
+                try:
+                    connection.sendall(b"ACTION=remove,MAJOR=8,MINOR=250\0")
+                    connection.recv(1)
+                except (BrokenPipeError, ConnectionResetError):
+                    refused += 1
         self.start_agent("--proc", "/proc")
         self.wait_until("its message is reset", lambda: self.log.matching(
             r"^courier\(#\)message not delivered, will be sent again \((Connection reset by peer|Broken pipe)\)"))
@@ -579,6 +590,7 @@ class Events(AgentTest):
         self.sysfs.add_stick("sda")
         self.start_agent(strace=["-e", "signal=none"])
         self.wait_for_told("+8:0", "+8:1")
+        self.wait_for_log("lookout(#)sda1 has no filesystem that is known")  # which nobody has mounted
         self.settle()
         self.assert_asleep()
 

@@ -30,6 +30,9 @@ class CtlTest(SystemTest):
         shutil.copy(os.path.join(os.environ["VY_BIN"], "vyhotplugctl"), vyworld.PROGRAMS)
         for folder in (SYSFS, SYSFS + "/block", RUN):
             os.mkdir(folder)
+        pdbedit = shutil.which("pdbedit", path=vyworld.PATH)
+        if pdbedit is not None:  # it would tell of users without a Samba password
+            vyworld.run("mount", "--bind", "/bin/false", pdbedit)
 
     def ctl(self, *arguments, **options):
         return self.tool("vyhotplugctl", "-f", vyworld.CONFIG, "--sysfs", SYSFS, "--run", RUN, *arguments,
@@ -327,6 +330,13 @@ class Settings(CtlTest):
             "hide_from_guests": False, "sync": False, "administrator": "full", "full_users": [], "reading_users": [],
             "blocked_users": [], "hidden_users": []})
 
+    def test_users_without_a_samba_password_are_told_of(self):
+        self.plug_one()
+        vyworld.run("mount", "--bind", "/bin/true", shutil.which("pdbedit", path=vyworld.PATH) or self.skipTest("no Samba"))
+        self.assert_ctl("set", "sda1", "full=daemon", err="vyhotplugctl: note: full: daemon has no Samba password; "
+                        "smbpasswd -a daemon\n")
+        self.assert_ctl("set", "sda1", "blocked=daemon")
+
     def test_what_does_not_fit_is_refused(self):
         self.plug_one()
         before = read(vyworld.DEVICE_FILE)
@@ -403,6 +413,24 @@ class Settings(CtlTest):
         self.assertEqual(ctl.wait(vyworld.LIMIT), DONE)
         self.assertEqual(self.held(stick)["share_name"], "Music")
 
+    def test_what_the_service_writes_in_between_stays(self):
+        """Between the reading of the old file and the moment in which the new one takes its place."""
+        self.require_strace()
+        stick = self.plug_one()
+        other = self.make_partition("sdb1")
+        command = ["strace", "-qq", "-o", "/dev/null", "-e", "inject=renameat2:delay_enter=8000000:when=1",
+                   vyworld.PROGRAMS + "/vyhotplugctl", "-f", vyworld.CONFIG, "--sysfs", SYSFS, "set", "sda1", "share=Music"]
+        with subprocess.Popen(command, stdout=subprocess.DEVNULL, env=vyworld.environment(traced=True)) as ctl:
+            self.wait_until("the copy is made", lambda: any(".ctl-" in name for name in os.listdir("/tmp")))
+            self.plug(other)
+            self.assertIn(other.identifier, read(vyworld.DEVICE_FILE))
+            self.assertNotIn("Music", read(vyworld.DEVICE_FILE))
+            self.assertEqual(ctl.wait(vyworld.LIMIT), DONE)
+        held = sections(read(vyworld.DEVICE_FILE))
+        self.assertIn("Share Name=Music\n", held[stick.identifier])
+        self.assertIn(other.identifier, held)
+        self.assertIn(f"Path={other.directory}\n", read(vyworld.SHARE_FILE))
+
     def test_a_service_that_ends_meanwhile(self):
         self.plug_one()
         self.daemon.signal(signal.SIGSTOP)
@@ -417,24 +445,33 @@ class Settings(CtlTest):
         self.wait_until("it counts", lambda: "ctlchange" not in read(vyworld.DEVICE_FILE))
         self.assertIn("Share Name=Music\n", read(vyworld.DEVICE_FILE))
 
-    def test_no_room(self):
-        self.plug_one()
-        write("/tmp/small.img", "")
-        before = read(vyworld.DEVICE_FILE)
-        full = open("/tmp/filler", "wb")
-        self.addCleanup(full.close)
-        room = os.statvfs("/tmp")
-        if room.f_bavail * room.f_frsize > 1 << 30:
-            self.skipTest("/tmp is too large to be filled")
-        with contextlib.suppress(OSError):
+    def small_place(self, options):
+        """The device file on a filesystem of 128 kB, and not the service's temporary file."""
+        os.mkdir("/tmp/small")
+        vyworld.run("mount", "-t", "tmpfs", "-o", "size=128k", "none", "/tmp/small")
+        self.write_config(deviceconfigpath="/tmp/small/devices")
+        self.start_daemon()
+        write("/tmp/small/devices", "[1:2:a:3]\nComment=old\n")
+        if options != "full":
+            vyworld.run("mount", "-o", f"remount,{options}", "/tmp/small")
+            return
+        with contextlib.suppress(OSError), open("/tmp/small/filler", "wb", buffering=0) as filler:
             while True:
-                full.write(b"\0" * 65536)
-                full.flush()
-        done = self.ctl("set", "sda1", "share=Music", "--wait", "3")
-        os.truncate("/tmp/filler", 0)
-        self.assertEqual(done.status, FAILED)
-        self.assertIn("No space left on device", done.err)
-        self.assertEqual(read(vyworld.DEVICE_FILE), before)
+                filler.write(b"x" * 4096)
+
+    def test_no_room(self):
+        for options, words in (("full", "No space left on device"), ("ro", "Read-only file system")):
+            with self.subTest(options):
+                if options == "ro":
+                    self.stop_daemon()
+                    vyworld.run("umount", "/tmp/small")
+                    os.rmdir("/tmp/small")
+                self.small_place(options)
+                done = self.ctl("set", "1:2:a:3", "comment=new", "--wait", "3")
+                self.assertEqual((done.status, done.out), (FAILED, ""))
+                self.assertIn(words, done.err)
+                self.assertEqual(read("/tmp/small/devices"), "[1:2:a:3]\nComment=old\n")
+                self.assertEqual([name for name in os.listdir("/tmp/small") if "ctl" in name], [])
 
     def test_a_hundred_at_once_beside_plug_and_pull(self):
         self.start_daemon()
@@ -592,9 +629,12 @@ class Watch(CtlTest):
         self.wait_until("it sleeps", lambda: "poll" in read(f"/proc/{watch.pid}/wchan") or
                         read(f"/proc/{watch.pid}/stat").split()[2] == "S")
         self.let_it_idle()
-        before = read(f"/proc/{watch.pid}/io")
+        def bytes_read():
+            return re.match(r"rchar: (\d+)\n", read(f"/proc/{watch.pid}/io"))[1]
+
+        before = bytes_read()
         self.let_it_idle()
-        self.assertEqual(read(f"/proc/{watch.pid}/io"), before)
+        self.assertEqual(bytes_read(), before)
         self.assertEqual(read_lines("/tmp/watched"), [])
 
     def test_its_reader_ends(self):

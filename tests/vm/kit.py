@@ -34,7 +34,8 @@ GUEST_FILES = {"init": "init", "vm/load": "load", "etc/vyhotplugd/evhook": "hook
                "etc/vyhotplugd/vyhotplugd.conf": "vyhotplugd.conf"}
 
 # Where the service and its companions are installed, where their build puts them, and other names of theirs.
-PROGRAMS = {"usr/sbin/vyhotplugd": "vyhotplugd", "usr/sbin/vyhotplug-agent": "vyhotplug-agent",
+PROGRAMS = {"usr/bin/vyhotplugctl": "vyhotplugctl",
+            "usr/sbin/vyhotplugd": "vyhotplugd", "usr/sbin/vyhotplug-agent": "vyhotplug-agent",
             "usr/libexec/vyhotplugd/mlabel": "libexec/mlabel",
             "usr/libexec/vyhotplugd/vyhotplug-prepare": "vyhotplug-prepare"}
 LINKS = {"usr/sbin/vymount": "vyhotplugd", "usr/sbin/vyunmount": "vyhotplugd", "usr/sbin/vyhotpluginfo": "vyhotplugd",
@@ -318,7 +319,7 @@ def build_guest_program(kind):
 def make_initramfs(kind, programs, sysroot):
     archive = Archive(kind.initramfs)
     known = set()
-    for name in ("dev", "proc", "sys", "tmp", "run", "var", "mnt", "vm", "usr/sbin"):
+    for name in ("dev", "proc", "sys", "tmp", "run", "var", "mnt", "vm", "usr/bin", "usr/sbin"):
         archive.folder(name)
     for name, target in LINKS.items():
         archive.link(name, target)

@@ -104,7 +104,7 @@ class OnEveryMachine(OtherTest):
             self.plug(kind, Filesystem(kind), serial=kind.upper())
             name, = self.wait_until("it is mounted", lambda state: len(state.names) == 1 and state.shares
                                     and state.share(state.names[0])).names
-            self.start("writer", f"sh -c 'while echo {'x' * 1000} >>{place_of(name)}/file; do :; done'")
+            self.start("writer", f"sh -c 'exec >{place_of(name)}/file; while echo {'x' * 1000}; do :; done'")
             self.wait_until("it is written to", lambda _, name=name: self.vm.attempt(
                 f"[ $(stat -c %s {place_of(name)}/file) -gt 4000 ]")[0] == 0)
             self.vm.pull(kind)

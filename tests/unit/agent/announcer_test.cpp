@@ -1003,6 +1003,20 @@ TEST_F(AnnouncerTest, LosesNoLookWhereverMemoryRunsOut)
     }
 }
 
+TEST_F(AnnouncerTest, TakesADeviceBackAndAnnouncesItAgainWhenAsked)
+{
+    plug();
+    EXPECT_EQ(told(), (Told{"+8:0", "+8:1"}));
+    announcer_repeat(&announcer_, 8, 1);
+    EXPECT_EQ(told(), (Told{"-8:1", "+8:1"}));
+    announcer_repeat(&announcer_, 8, 9);
+    EXPECT_EQ(told(), Told{}) << "one that is not known";
+    pull();
+    EXPECT_EQ(told(), (Told{"-8:1", "-8:0"}));
+    announcer_repeat(&announcer_, 8, 1);
+    EXPECT_EQ(told(), Told{}) << "one that has gone";
+}
+
 TEST_F(AnnouncerTest, LeavesNoMemoryBehind)
 {
     const long before = memory_blocks();

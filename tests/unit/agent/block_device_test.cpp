@@ -138,6 +138,13 @@ TEST_F(BlockDeviceTest, TakesWhatIsMissingAsUnknown)
     EXPECT_EQ(device.failure, 0);
 }
 
+TEST_F(BlockDeviceTest, WaitsForNobodyToWriteAnAttribute)
+{
+    sysfs_.add_stick("sda", "8:0", {{"serial", "-"}});
+    ASSERT_EQ(mkfifo((sysfs_.usb("sda") + "/serial").c_str(), 0600), 0);
+    EXPECT_STREQ(device_of("sda").serial, "");
+}
+
 TEST_F(BlockDeviceTest, CutsLongTextsToItsFields)
 {
     sysfs_.add_stick("sda", "8:0",

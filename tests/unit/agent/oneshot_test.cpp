@@ -60,6 +60,15 @@ TEST_F(OneshotTest, TellsOfOneEvent)
     EXPECT_EQ(daemon_told(), (Told{"+8:0", "+8:1", "-8:1", "-65:112"}));
 }
 
+TEST_F(OneshotTest, TriesOnceWithoutPatience)
+{
+    settings_.wait = 0;
+    EXPECT_EQ(once("add", "/block/sda", 8, 0), 1);
+    const TestDaemon daemon;
+    EXPECT_EQ(once("add", "/block/sda/sda1", 8, 1), 0);
+    EXPECT_EQ(daemon_told(), Told{"+8:1"});
+}
+
 TEST_F(OneshotTest, TakesMissingNumbersFromSysfs)
 {
     const TestDaemon daemon;

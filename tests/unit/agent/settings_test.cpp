@@ -71,6 +71,9 @@ TEST(Settings, RefuseAWrongCommandLine)
         {{"--monitor", "--mounts", "x"}, "not an absolute path: x"},
         {{"--monitor", "--mounts", "//"}, "no directory of the service's: //"},
         {{"--monitor", "--state", "state"}, "not an absolute path: state"},
+        {{"--monitor", "--config", "conf"}, "not an absolute path: conf"},
+        {{"--monitor", "--config", ""}, "not an absolute path: "},
+        {{"--monitor", "--not-mounted", "file"}, "not an absolute path: file"},
         {{"--once", "--wait", "-1"}, "not a number of seconds up to a day: -1"},
         {{"--once", "--wait", "x"}, "not a number of seconds up to a day: x"},
         {{"--once", "--wait", ""}, "not a number of seconds up to a day: "},
@@ -94,7 +97,8 @@ TEST(Settings, HelpNamesEveryOption)
         settings_print_help();
         return 0;
     });
-    for (const char* option : {"--monitor", "--once", "--scan", "--list", "--help", "--version",
-                               "--all", "--mounts", "--state", "--sysfs", "--wait"})
+    for (const char* option :
+         {"--monitor", "--once", "--scan", "--list", "--help", "--version", "--all", "--by-share",
+          "--config", "--mounts", "--not-mounted", "--state", "--sysfs", "--wait"})
         EXPECT_NE(result.out.find(option), std::string::npos) << option;
 }

@@ -255,3 +255,60 @@ TEST_F(Survey, TellsWhenThereIsNoLookingIntoSysfs)
     EXPECT_EQ(survey_take(settings_, nullptr, false, &list), -ENOENT);
     EXPECT_EQ(list.count, 0U);
 }
+
+// ---- images of CDs ----
+
+class ImageSurvey : public Survey {
+  protected:
+    ImageSurvey() { settings_.config = config; }
+    ~ImageSurvey() override { unlink(config); }
+
+    void place(const std::string& name, int start, int sectors)
+    {
+        sysfs_.set("sda/" + name + "/start", std::to_string(start));
+        sysfs_.set("sda/" + name + "/size", std::to_string(sectors));
+    }
+
+    static constexpr char config[] = "/tmp/vyhotplugd.conf";
+};
+
+TEST_F(ImageSurvey, AnnouncesThemOnce)
+{
+    write_file(config, "otherfs = exfat,iso9660\n");
+    place("sda1", 0, 10000);
+    place("sda2", 4000, 500);
+    EXPECT_EQ(verdict("sda1"), "");
+    EXPECT_EQ(verdict("sda2"), "lies within sda1");
+    EXPECT_EQ(result_, 1);
+    EXPECT_EQ(verdict("sda"), "");
+    EXPECT_EQ(verdict("sdb1"), "");
+}
+
+TEST_F(ImageSurvey, AnnouncesBothWhereTheServiceMountsNoImages)
+{
+    place("sda1", 0, 10000);
+    place("sda2", 4000, 500);
+    for (const char* text : {"", "otherfs = exfat\n"}) {
+        write_file(config, text);
+        EXPECT_EQ(verdict("sda2"), "") << text;
+    }
+    unlink(config);
+    EXPECT_EQ(verdict("sda2"), "") << "without a configuration";
+}
+
+TEST_F(ImageSurvey, AnnouncesPartitionsThatOnlyOverlapOrAdjoin)
+{
+    write_file(config, "otherfs = iso9660\n");
+    const struct {
+        int start;
+        int sectors;
+    } rows[] = {{10000, 500}, {9900, 500}, {0, 10000}, {0, 200}, {100, 0}};
+    place("sda1", 64, 9936);
+    for (const auto& row : rows) {
+        place("sda2", row.start, row.sectors);
+        EXPECT_EQ(verdict("sda2"), "") << row.start;
+    }
+    place("sda1", 64, 2); // an extended partition, as the kernel shows it
+    place("sda2", 64, 500);
+    EXPECT_EQ(verdict("sda2"), "");
+}

@@ -176,6 +176,8 @@ TEST(FindingNearest, IsTheOneWithTheFewestSteps)
     EXPECT_EQ(near("faat"), "fat");
     EXPECT_EQ(near("aft"), "fat");
     EXPECT_EQ(near("xt"), "ext");
+    static const char* const swapped[] = {"xxsf", "ntfs"}; // two steps, and one
+    EXPECT_STREQ(finding_nearest("ntsf", swapped, 2), "ntfs");
     EXPECT_EQ(near("xy"), "(none)");
     EXPECT_EQ(near("fat32"), "fat");
     EXPECT_EQ(near(""), "(none)");

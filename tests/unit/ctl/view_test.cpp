@@ -72,14 +72,15 @@ TEST(View, JoinsTheFiles)
     CtlWorld::add_usb_disk("sdc", "8:32", "1000");
     CtlWorld::add_usb_disk("sdd", "8:48", "1000");
     CtlWorld::add_usb_disk("sde", "8:64", "0"); // a reader without a card
-    write_file(ctl_not_mounted, "nothing of use\n/dev/sdd  damaged\nsdd1 other\n");
+    write_file(ctl_not_mounted,
+               "nothing of use\nsdd\t8:48\trefused\text4\tsdd is damaged\te2fsck\nsdd1\tother\n");
     const Viewed viewed(world);
     EXPECT_EQ(viewed.items(),
               (Names{"sda1|1:2:a:1|unmounted|Music", "sdb1|1:2:b:1|unmounted|Music",
                      "sdb2|1:2:b:2|unmounted|Photos", "sdc0|1234:00ab:S_1:0|waiting|",
                      "sdd0|1234:00ab:S_1:0|not mounted|", "|disk:f|shared|Folder",
                      "|disk:g|not there|Gone", "|1:2:c:1|not plugged|"}));
-    EXPECT_STREQ(viewed.view.items[4].reason, "damaged");
+    EXPECT_STREQ(viewed.view.items[4].reason, "is damaged; type: e2fsck");
     char who[64];
     item_access(viewed.view.items[0], who, sizeof who);
     EXPECT_STREQ(who, "root, daemon, guests");

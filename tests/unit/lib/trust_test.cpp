@@ -3,6 +3,7 @@
 #include "fake/fake_log.h"
 #include "fake/fake_world.h"
 #include "lib/guard.h"
+#include "support/failing_calls.h"
 #include "support/files.h"
 
 #include <gtest/gtest.h>
@@ -318,6 +319,18 @@ TEST_F(Trust, ASecondNameOfAFileOfRootsIsSetAside)
     ASSERT_EQ(link((sticky + "/file").c_str(), temporary.c_str()), 0);
     EXPECT_EQ(written(), "new");
     EXPECT_EQ(read_file(sticky + "/file"), "content");
+    expect_set_aside(names());
+}
+
+// Between the look and the making somebody is quicker.
+TEST_F(Trust, WhatHasJustComeIsSetAsideToo)
+{
+    write_file(temporary, "theirs");
+    give(temporary);
+    call_fail("lstat", 1, ENOENT);
+    EXPECT_EQ(written(), "new");
+    EXPECT_TRUE(call_failed());
+    EXPECT_EQ(read_file(aside(names())), "theirs");
     expect_set_aside(names());
 }
 

@@ -2,6 +2,7 @@
 
 #include "fake/fake_log.h"
 #include "fake/fake_world.h"
+#include "lib/guard.h"
 #include "support/files.h"
 
 #include <gtest/gtest.h>
@@ -263,6 +264,18 @@ TEST_F(LeftoversTest, ADevicePathThatIsTooLongCostsTheNodeOnly)
 
 // ---- the share file ----
 
+// Whoever starts it may have closed its input.
+TEST_F(LeftoversTest, EmptiesTheFileThroughAnyDescriptor)
+{
+    add("sda1");
+    write_file(share_file, "[Drive(A1)]\n");
+    const FdGuard input(dup(STDIN_FILENO));
+    close(STDIN_FILENO);
+    EXPECT_EQ(take_off(), 0);
+    dup2(input.get(), STDIN_FILENO);
+    EXPECT_EQ(read_file(share_file), "");
+}
+
 TEST_F(LeftoversTest, EmptiesNothingButRootsOwnFile)
 {
     write_file("/tmp/victim", "text");
@@ -361,6 +374,21 @@ TEST_F(LeftoversTest, OfSeveralMountsAtOnePlaceTheLastIsJudged)
     EXPECT_EQ(fake_world().count("umount"), 2);
     EXPECT_EQ(told()[0], "prepare(#)/tmp/hotplug/sda1 does not stay mounted: it was pulled");
     EXPECT_EQ(told()[1], "prepare(#)/tmp/hotplug/sda1 is unmounted");
+}
+
+TEST_F(LeftoversTest, WhatIsHiddenIsNotJudged)
+{
+    static std::vector<int32_t> judged;
+    judged.clear();
+    judge = [](void*, const MountinfoEntry& mount) -> const char* {
+        judged.push_back(mount.id);
+        return nullptr;
+    };
+    add("sda1");
+    text += "37 36 8:2 / /tmp/hotplug/sda1 rw - ext4 /dev/x rw\n";
+    text += "38 37 8:3 / /tmp/hotplug/sda1/inner rw - ext4 /dev/x rw\n";
+    EXPECT_EQ(take_off(), 0);
+    EXPECT_EQ(judged, std::vector<int32_t>{37});
 }
 
 TEST_F(LeftoversTest, SharesOfOthersAreNotWrittenTo)

@@ -59,6 +59,16 @@ TEST_F(ConfDevTest, IdentityIsHexadecimalIdsSerialAndPartition)
     }
 }
 
+TEST_F(ConfDevTest, DefaultsAreOfEverySetting)
+{
+    const ConfDevGuard dev(conf_dev_record_create());
+    for (uint8_t* setting : {&dev->filesystem, &dev->sync, &dev->readonly, &dev->guestaccess,
+                             &dev->guesthide, &dev->administrator})
+        *setting = 1;
+    conf_dev_record_defaults(dev.get());
+    EXPECT_EQ(settings_of(dev.get()), defaults);
+}
+
 TEST_F(ConfDevTest, MissingSerialIsAnEmptyOne)
 {
     const ConfDev* dev = conf_dev_add(table, 1, 2, nullptr, 3);
