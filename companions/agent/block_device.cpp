@@ -190,21 +190,12 @@ static bool read_numbers(const char* directory, BlockDevice* device)
            str_to_long(colon + 1, &device->minor, 10) == 0;
 }
 
-static uint64_t read_sectors(const char* directory, const char* file, BlockDevice* device)
-{
-    char text[number_size];
-    read_text(directory, file, text, sizeof text, device);
-    return strtoull(text, nullptr, 10); // 0 for what is no number
-}
-
 // Reads what is the device's own, and puts it into the list if it is there. Returns 0; -ENOMEM.
 static int read_own(const char* directory, const char* sequence, BlockDevice* device,
                     BlockList* list)
 {
     read_text(directory, "ro", device->readonly, sizeof device->readonly, device);
     read_holder(directory, device);
-    device->start = device->name.partition > 0 ? read_sectors(directory, "start", device) : 0;
-    device->sectors = read_sectors(directory, "size", device);
     struct stat status;
     const uint64_t inode = stat(directory, &status) == 0 ? status.st_ino : 0;
     // Last, as the kernel takes "dev" away before it sends the remove event: with its numbers still
@@ -289,6 +280,22 @@ int block_list_read(const char* sysfs, BlockList* list)
     if (list->count > 1)
         qsort(list->devices.get(), list->count, sizeof(BlockDevice), compare);
     return result;
+}
+
+static uint64_t read_sectors(const char* directory, const char* file)
+{
+    char text[number_size];
+    BlockDevice ignored = {};
+    read_text(directory, file, text, sizeof text, &ignored);
+    return strtoull(text, nullptr, 10); // 0 for what is no number
+}
+
+BlockExtent block_extent_read(const char* sysfs, const BlockName& name)
+{
+    char path[agent_path_size];
+    (void)snprintf(path, sizeof path, "%s/block/%.*s/%s", sysfs, name.disk_length, name.text,
+                   name.text);
+    return {read_sectors(path, "start"), read_sectors(path, "size")};
 }
 
 const BlockDevice* block_list_find(const BlockList& list, const BlockName& name)

@@ -44,8 +44,6 @@ struct BlockDevice {
     char pname[agent_text_size];
     char holder[block_name_size]; // another device that holds it (LVM, RAID, encryption)
     bool empty;                   // a whole disk of size 0: a drive without a medium
-    uint64_t start;               // where the partition begins on its disk, and its size, in
-    uint64_t sectors;             // sectors of 512 bytes; 0 where sysfs does not say
     uint64_t identity; // another one when the device, or its medium, has been another meanwhile
     uint64_t
         seen;    // how many events the kernel had sent before it was read; 0 where it does not say
@@ -70,6 +68,15 @@ struct BlockList {
 // shorter than agent_folder_size. Returns 0; a negated errno when there is no looking into sysfs,
 // or no memory.
 [[nodiscard]] int block_list_read(const char* sysfs, BlockList* list);
+
+// Where a partition lies on its disk, in sectors of 512 bytes.
+struct BlockExtent {
+    uint64_t start;
+    uint64_t sectors; // 0 where sysfs does not say
+};
+
+// Reads a partition's.
+BlockExtent block_extent_read(const char* sysfs, const BlockName& name);
 
 // Lends the device of that name; null when it is not in the list.
 const BlockDevice* block_list_find(const BlockList& list, const BlockName& name);

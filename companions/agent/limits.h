@@ -31,7 +31,9 @@ constexpr uint32_t agent_look_first = 5000;  // until the first look for a mount
 constexpr uint32_t agent_first_answer = 10000; // from an announcement until it must be mounted
 constexpr uint32_t agent_patience = 130000;   // until then, where a driver may be at it: twice 60 s
 constexpr uint32_t agent_driver_pause = 2000; // until a driver's mount is read
-constexpr uint32_t agent_reading = 15000;     // for blkid; a sleeping disk has to spin up
+constexpr uint32_t agent_file_pause =
+    60000;                                // until a file that could not be written is tried again
+constexpr uint32_t agent_reading = 15000; // for blkid; a sleeping disk has to spin up
 constexpr uint32_t agent_farewell_wait = 1000; // at the end, for a message that is under way
 
 // When something that failed is tried again. All zero: at once.

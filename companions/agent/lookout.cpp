@@ -76,15 +76,12 @@ static void add(Lookout* lookout, const Look& look)
     grown[lookout->count++] = look;
 }
 
-// Whether it is nothing to be mounted: a disk that has partitions, or what holds partitions itself.
-static bool is_container(const BlockList& shown, const Device& device)
+// Whether it is a disk that has partitions, which is not to be mounted itself.
+static bool is_divided(const BlockList& shown, const Device& device)
 {
     for (const BlockDevice& other : shown) {
-        const bool same = block_name_compare(other.name, device.name) == 0;
-        if (same && device.name.partition > 0 && other.sectors > 0 &&
-            other.sectors <= container_sectors)
-            return true;
-        if (!same && device.name.partition == 0 && block_name_same_disk(other.name, device.name))
+        if (device.name.partition == 0 && other.name.partition > 0 &&
+            block_name_same_disk(other.name, device.name))
             return true;
     }
     return false;
@@ -96,7 +93,7 @@ static void take_devices(Lookout* lookout, const Announcer& announcer, uint64_t 
     for (Look* look = begin(lookout); look != end(lookout); look++)
         look->present = false;
     for (const Device& device : announcer.devices) {
-        if (device.state != DEVICE_TOLD || is_container(announcer.shown, device))
+        if (device.state != DEVICE_TOLD || is_divided(announcer.shown, device))
             continue;
         const Look fresh = {.present = true,
                             .major = device.major,
@@ -250,6 +247,18 @@ static bool finish_range(const Announcer& announcer, Look* look)
     return true;
 }
 
+// An extended partition, which holds others, shows next to no size.
+static bool finish_container(const Lookout* lookout, Look* look)
+{
+    if (look->name.partition == 0)
+        return false;
+    const BlockExtent extent = block_extent_read(lookout->settings->sysfs, look->name);
+    if (extent.sectors == 0 || extent.sectors > container_sectors)
+        return false;
+    look->state = look_next(look->state, LOOK_FOUND); // nothing is missing
+    return true;
+}
+
 // execvp takes strings of a writable type, but never writes to them.
 static char* text(const char* constant)
 {
@@ -289,7 +298,7 @@ static void start_next(Lookout* lookout, const Announcer& announcer, uint64_t no
         if (look->hibernation && now >= look->due)
             ask_for_hibernation(lookout, *look, now);
         else if ((look->state == LOOK_ASKS || look->state == LOOK_INSISTS) &&
-                 !finish_range(announcer, look))
+                 !finish_range(announcer, look) && !finish_container(lookout, look))
             ask_blkid(lookout, *look, now);
     }
 }
@@ -470,24 +479,24 @@ static char* make_text(const Lookout* lookout, const Announcer& announcer)
     return made.take();
 }
 
-// Writes the file if it is to be another.
+// Writes the file if it is to be another. What could not be written is tried again later; that
+// there is nothing to tell, only when there is.
 static void write_file(Lookout* lookout, const Announcer& announcer, uint64_t now)
 {
     const char* path = lookout->settings->not_mounted;
-    if (path[0] == '\0' || now < lookout->file_retry.due)
+    if (path[0] == '\0')
         return;
     MemGuard<char> made(make_text(lookout, announcer));
     if (!made)
-        return retry_later(&lookout->file_retry, now);
-    if (lookout->written && strcmp(lookout->written.get(), made.get()) == 0)
+        return; // the next time
+    const bool same = lookout->written && strcmp(lookout->written.get(), made.get()) == 0;
+    if (same && (!lookout->file_failed || now < lookout->file_due))
         return;
     const int result = file_replace(path, made.get(), strlen(made.get()), 0644, 0);
-    if (result != 0) {
-        if (lookout->file_retry.pause == 0)
-            VY_LOG(LOG_WARNING, "%s is not written: %s", path, strerror(-result));
-        return retry_later(&lookout->file_retry, now);
-    }
-    lookout->file_retry = {};
+    if (result != 0 && !lookout->file_failed)
+        VY_LOG(LOG_WARNING, "%s is not written: %s", path, strerror(-result));
+    lookout->file_failed = result != 0;
+    lookout->file_due = made.get()[0] != '\0' ? now + agent_file_pause : agent_never;
     lookout->written.reset(made.take());
 }
 
@@ -541,7 +550,7 @@ uint64_t lookout_due(const Lookout* lookout, uint64_t now)
     }
     if (lookout->mounts_changed && lookout->retry.due != 0 && lookout->retry.due < due)
         due = lookout->retry.due;
-    if (lookout->file_retry.due != 0 && lookout->file_retry.due < due)
-        due = lookout->file_retry.due;
+    if (lookout->file_failed && lookout->file_due < due)
+        due = lookout->file_due;
     return due;
 }

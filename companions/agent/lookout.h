@@ -59,10 +59,11 @@ struct Lookout {
     bool mounts_changed = true;
     Retry retry = {}; // of reading the table of mounts
     Tool tool;
-    Look asked = {};        // whom it runs for
-    char printed[1024];     // by it
-    MemGuard<char> written; // the file's content
-    Retry file_retry = {};
+    Look asked = {};                          // whom it runs for
+    char printed[1024];                       // by it
+    MemGuard<char> written;                   // the file's content
+    bool file_failed = false;                 // it could not be written, and is tried again
+    uint64_t file_due = 0;                    // then; agent_never: when it is to be another
     uint64_t again[lookout_again_limit] = {}; // identities of what was announced again,
     size_t again_next = 0;                    // the oldest's place
 };

@@ -102,31 +102,52 @@ static void judge_part(const Case& about, BlockDevice* device, const BlockDevice
     device->verdict = reason[0] != '\0' ? 1 : 0;
 }
 
-// Whether the partition lies within another one of its disk.
-static const BlockDevice* find_outer(const BlockList& list, const BlockDevice& part)
+// Lends a partition of the same disk that the device lies within; null for none.
+static const BlockDevice* find_outer(const char* sysfs, const BlockList& list,
+                                     const BlockDevice& device)
 {
+    const BlockExtent own = block_extent_read(sysfs, device.name);
     for (const BlockDevice& other : list) {
-        if (other.name.partition > 0 && other.sectors > part.sectors && other.start <= part.start &&
-            part.start + part.sectors <= other.start + other.sectors &&
-            block_name_same_disk(other.name, part.name))
+        if (other.name.partition == 0 || own.sectors == 0 ||
+            !block_name_same_disk(other.name, device.name))
+            continue;
+        const BlockExtent outer = block_extent_read(sysfs, other.name);
+        if (outer.sectors > own.sectors && outer.start <= own.start &&
+            own.start + own.sectors <= outer.start + outer.sectors)
             return &other;
     }
     return nullptr;
+}
+
+// Whether a disk of the list has two partitions that are to be announced.
+static bool any_divided(const BlockList& list)
+{
+    const BlockDevice* before = nullptr;
+    for (const BlockDevice& device : list) {
+        if (device.verdict != 0 || device.name.partition == 0)
+            continue;
+        if (before != nullptr && block_name_same_disk(before->name, device.name))
+            return true;
+        before = &device;
+    }
+    return false;
 }
 
 // An image of a CD on a disk has a partition that is the image, and one more for what the machine
 // that boots from it looks for, which is a file of the image's.
 static void drop_parts_of_images(const AgentSettings& settings, BlockList* list)
 {
+    if (!any_divided(*list))
+        return;
+    const ServiceConfig config(service_config_load(settings.config));
+    if (!config || !filesystem_is_wanted(*filesystem_of(CONF_DEV_FS_ISO9660), config.get()))
+        return; // then the image is not mounted, and its file may be
     for (BlockDevice& device : *list) {
-        const bool is_part = device.name.partition > 0 && device.sectors > 0;
+        const bool is_candidate = device.verdict == 0 && device.name.partition > 0;
         const BlockDevice* outer =
-            device.verdict == 0 && is_part ? find_outer(*list, device) : nullptr;
+            is_candidate ? find_outer(settings.sysfs, *list, device) : nullptr;
         if (outer == nullptr)
             continue;
-        const ServiceConfig config(service_config_load(settings.config));
-        if (!config || !filesystem_is_wanted(*filesystem_of(CONF_DEV_FS_ISO9660), config.get()))
-            return; // then the image is not mounted, and its file may be
         device.verdict = 1;
         (void)snprintf(device.reason, sizeof device.reason, "lies within %s", outer->name.text);
     }

@@ -384,13 +384,12 @@ class RealDaemon(AgentTest):
         self.wait_until("the hook holds the daemon up", lambda: self.log.matching(r"^daemon\(#\)action 1 "))
         refused = 0
         while refused == 0:  # some 4,096 are taken
-            connection = vyworld.connect()
-            connection.sendall(b"ACTION=remove,MAJOR=8,MINOR=250\0")
-            try:
-                connection.recv(1)
-            except ConnectionResetError:
-                refused += 1
-            connection.close()
+            with vyworld.connect() as connection:
+                try:
+                    connection.sendall(b"ACTION=remove,MAJOR=8,MINOR=250\0")
+                    connection.recv(1)
+                except (BrokenPipeError, ConnectionResetError):
+                    refused += 1
         self.start_agent("--proc", "/proc")
         self.wait_until("its message is reset", lambda: self.log.matching(
             r"^courier\(#\)message not delivered, will be sent again \((Connection reset by peer|Broken pipe)\)"))
@@ -591,6 +590,7 @@ class Events(AgentTest):
         self.sysfs.add_stick("sda")
         self.start_agent(strace=["-e", "signal=none"])
         self.wait_for_told("+8:0", "+8:1")
+        self.wait_for_log("lookout(#)sda1 has no filesystem that is known")  # which nobody has mounted
         self.settle()
         self.assert_asleep()
 

@@ -53,6 +53,7 @@ class NotMounted(AgentTest):
             ["sda2", "8:2", "swap", "swap", "sda2 is a swap area", "-"],
             ["sda3", "8:3", "nothing", "-", "sda3 has no filesystem that is known", "-"]])
         self.assertEqual(stat.S_IMODE(os.stat(NOT_MOUNTED).st_mode), 0o644)
+        self.wait_until("all is logged", lambda: len(self.log.matching(r"^lookout\(#\)")) == 3)
         told = [line.text.removeprefix("lookout(#)") for line in self.log.matching(r"^lookout\(#\)")]
         self.assertEqual(sorted(told), [line[4] for line in self.lines()])
         self.sysfs.remove_partition("sda", 1)
@@ -71,6 +72,21 @@ class NotMounted(AgentTest):
         self.wait_until("it is told", self.lines)
         self.assertEqual(self.lines()[0][2:5],
                          ["no-module", "xfs", "sda holds xfs, which this kernel has no module for"])
+
+    def test_a_windows_that_sleeps_is_told_from_a_dirty_one(self):
+        self.sysfs.add_stick("sda", parts=(1, 2))
+        for name, content in (("sda1", "hibr" + "x" * 8192), ("sda2", "wake")):
+            os.makedirs(f"{vyworld.MOUNT_DIR}/{name}")
+            vyworld.write(f"{vyworld.MOUNT_DIR}/{name}/hiberfil.sys", content, 0o600)
+        self.start()
+        self.wait_until("both are announced", lambda: "+8:2" in self.told())
+        with open(PROC + "/self/mountinfo", "a", encoding="ascii") as table:
+            for number in (1, 2):
+                table.write(f"3{number} 1 8:{number} / {vyworld.MOUNT_DIR}/sda{number} ro - fuseblk /dev/sda{number} ro\n")
+        self.wait_until("both are told", lambda: len(self.lines()) == 2)
+        self.assertEqual([line[2:5] for line in self.lines()], [
+            ["read-only", "ntfs", "sda1 holds NTFS: hibernated, mounted read-only"],
+            ["read-only", "ntfs", "sda2 holds NTFS: dirty, mounted read-only"]])
 
     def test_an_agent_that_is_told_to_end_does_not_wait_for_blkid(self):
         vyworld.write(f"{vyworld.PROGRAMS}/blkid", "#!/bin/sh\nexec sleep 1000\n", 0o755)

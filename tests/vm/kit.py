@@ -319,7 +319,7 @@ def build_guest_program(kind):
 def make_initramfs(kind, programs, sysroot):
     archive = Archive(kind.initramfs)
     known = set()
-    for name in ("dev", "proc", "sys", "tmp", "run", "var", "mnt", "vm", "usr/sbin"):
+    for name in ("dev", "proc", "sys", "tmp", "run", "var", "mnt", "vm", "usr/bin", "usr/sbin"):
         archive.folder(name)
     for name, target in LINKS.items():
         archive.link(name, target)

@@ -535,15 +535,26 @@ TEST_F(LookoutTest, AFileThatCannotBeWrittenIsToldOnceAndTriedAgain)
     blkid_says("exfat");
     fake_world().fail("rename", 0, EROFS);
     wait_for_answer();
-    advance(agent_retry_most);
-    advance(agent_retry_most);
+    EXPECT_EQ(lookout_due(&lookout_, now_), now_ + agent_file_pause);
+    advance(agent_file_pause);
+    advance(agent_file_pause);
     EXPECT_EQ(logged(), (Texts{"sda1 holds exfat, which otherfs does not name",
                                "/run/not-mounted is not written: Read-only file system"}));
     EXPECT_EQ(kept(), "");
-    fake_world().fail("rename", 1, 0);
     fake_world_reset();
-    advance(agent_retry_most);
+    advance(agent_file_pause);
     EXPECT_EQ(kept(), exfat_line);
+}
+
+TEST_F(LookoutTest, NothingIsTriedAgainWhileThereIsNothingToTell)
+{
+    lookout_close(&lookout_);
+    settings_.not_mounted = "/run/none/not-mounted";
+    lookout_open(&lookout_, &settings_);
+    advance(1);
+    EXPECT_EQ(logged(), Texts{"/run/none/not-mounted is not written: No such file or directory"});
+    EXPECT_EQ(lookout_due(&lookout_, now_), agent_never);
+    settings_.not_mounted = file;
 }
 
 TEST_F(LookoutTest, WithoutAPathNothingIsWritten)

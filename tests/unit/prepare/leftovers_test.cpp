@@ -376,6 +376,21 @@ TEST_F(LeftoversTest, OfSeveralMountsAtOnePlaceTheLastIsJudged)
     EXPECT_EQ(told()[1], "prepare(#)/tmp/hotplug/sda1 is unmounted");
 }
 
+TEST_F(LeftoversTest, WhatIsHiddenIsNotJudged)
+{
+    static std::vector<int32_t> judged;
+    judged.clear();
+    judge = [](void*, const MountinfoEntry& mount) -> const char* {
+        judged.push_back(mount.id);
+        return nullptr;
+    };
+    add("sda1");
+    text += "37 36 8:2 / /tmp/hotplug/sda1 rw - ext4 /dev/x rw\n";
+    text += "38 37 8:3 / /tmp/hotplug/sda1/inner rw - ext4 /dev/x rw\n";
+    EXPECT_EQ(take_off(), 0);
+    EXPECT_EQ(judged, std::vector<int32_t>{37});
+}
+
 TEST_F(LeftoversTest, SharesOfOthersAreNotWrittenTo)
 {
     judge = by_refusals;
