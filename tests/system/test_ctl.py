@@ -330,6 +330,14 @@ class Settings(CtlTest):
             "hide_from_guests": False, "sync": False, "administrator": "full", "full_users": [], "reading_users": [],
             "blocked_users": [], "hidden_users": []})
 
+    def test_a_strict_service_takes_them(self):
+        self.write_config(strict="enable")
+        stick = self.plug_one()
+        self.assert_ctl("set", "sda1", "share=Music")
+        self.assert_ctl("set", "sda1", "comment=twice")
+        self.assertEqual((self.held(stick)["share_name"], self.held(stick)["comment"]), ("Music", "twice"))
+        self.assert_ctl("unmount", "Music", out="sda1 is unmounted\n")
+
     def test_users_without_a_samba_password_are_told_of(self):
         self.plug_one()
         vyworld.run("mount", "--bind", "/bin/true", shutil.which("pdbedit", path=vyworld.PATH) or self.skipTest("no Samba"))
