@@ -211,22 +211,15 @@ class Administration(SystemTest):
         self.assertEqual(self.options(), {"sda1": {"nodev"}, "sdb1": set(), "sdc1": {"ro"},
                                           "sdd1": {"ro", "nodev"}})
 
-    def test_the_hook_adds_the_flags(self):
-        self.install_hook(block("security.md", "remount,bind"))
+    def test_mountflags_are_on_every_mount(self):
+        text = read(os.path.join(DOCS, "security.md"))
+        flags = re.search("^mountflags = (.*)$", text, re.MULTILINE)[1]
+        self.write_config(mountflags=flags)
         self.start_daemon()
-        self.plug(self.make_partition("sda1"), self.make_partition("sdb1", "ntfs"),
-                  self.make_partition("sdc1", readonly=True))
-        flags = {"nosuid", "nodev", "noexec"}
-        self.assertEqual(self.options(), {"sda1": flags, "sdb1": flags, "sdc1": flags | {"ro"}})
-
-    def test_the_ntfs_options_add_the_flags(self):
-        self.assertIn("`ntfsoptions = windows_names,nosuid,nodev,noexec`",
-                      read(os.path.join(DOCS, "security.md")))
-        self.write_config(ntfsoptions="windows_names,nosuid,nodev,noexec")
-        self.start_daemon()
-        stick = self.make_partition("sda1", "ntfs")
-        self.plug(stick)
-        self.assertEqual(self.options(), {"sda1": {"nosuid", "nodev", "noexec"}})
+        stick = self.make_partition("sdb1", "ntfs")
+        self.plug(self.make_partition("sda1"), stick, self.make_partition("sdc1", readonly=True))
+        wanted = {"nosuid", "nodev", "noexec"}
+        self.assertEqual(self.options(), {"sda1": wanted, "sdb1": wanted, "sdc1": wanted | {"ro"}})
         os.mknod(stick.directory + "/node", 0o60664, stick.loop.device)
         with self.assertRaises(PermissionError):
             read(stick.directory + "/node")
