@@ -156,9 +156,9 @@ static bool is_free(const CallArgs& args, const Drive& drive)
 {
     bool none = true;
     for (size_t i = 0; i < drive.parts.count; i++) {
-        const Item& item = *drive.parts.items[i];
-        if (item.mount != nullptr &&
-            !request_wait_free(item, args.wait_s > 0 ? args.wait_s : 0, true))
+        const Item* item = drive.parts.items[i];
+        if (item != nullptr && item->mount != nullptr &&
+            !request_wait_free(*item, args.wait_s > 0 ? args.wait_s : 0, true))
             none = false;
     }
     return none;
@@ -175,8 +175,9 @@ static bool is_interrupted()
 static void mount_again(const CallArgs& args, const Drive& drive, size_t count)
 {
     for (size_t i = 0; i < count; i++) {
-        if (drive.parts.items[i]->mount != nullptr)
-            (void)request_mount(*args.setup, *drive.parts.items[i]); // it is told
+        const Item* item = drive.parts.items[i];
+        if (item != nullptr && item->mount != nullptr)
+            (void)request_mount(*args.setup, *item); // it is told
     }
     fprintf(stderr, "%s stays mounted\n", drive.name);
 }
@@ -185,14 +186,14 @@ static void mount_again(const CallArgs& args, const Drive& drive, size_t count)
 static int unmount_all(const CallArgs& args, const Drive& drive)
 {
     for (size_t i = 0; i < drive.parts.count; i++) {
-        const Item& item = *drive.parts.items[i];
+        const Item* item = drive.parts.items[i];
         ExitStatus status = EXIT_DONE;
-        if (item.mount != nullptr)
-            status = request_unmount(*args.setup, item, false);
+        if (item != nullptr && item->mount != nullptr)
+            status = request_unmount(*args.setup, *item, false);
         if (status == EXIT_DONE && !is_interrupted())
             continue;
         if (status == EXIT_BUSY)
-            (void)request_wait_free(item, 0, true);
+            (void)request_wait_free(*item, 0, true);
         mount_again(args, drive, i + 1);
         return status == EXIT_DONE ? EXIT_FAILED : status;
     }

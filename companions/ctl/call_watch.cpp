@@ -24,7 +24,7 @@ struct Sources {
     FdGuard mounts;
     FdGuard files;
     FdGuard devices;
-    const char* names[3]; // of the files that count
+    const char* names[3] = {}; // of the files that count
 };
 
 } // namespace
@@ -119,7 +119,7 @@ static bool is_ours(const Sources& sources, const inotify_event& event, const ch
     if ((event.mask & IN_Q_OVERFLOW) != 0)
         return true;
     for (const char* name : sources.names) {
-        if (event.len > 0 && strcmp(file, name) == 0)
+        if (event.len > 0 && name != nullptr && strcmp(file, name) == 0)
             return true;
     }
     return false;

@@ -71,12 +71,13 @@ static void look_at_directories(Look* look)
     } directories[] = {{"mountpath", config->mountpath}, {"devicepath", config->devicepath}};
     for (const auto& row : directories) {
         struct stat status;
-        if (stat(row.path, &status) != 0)
+        if (stat(row.path, &status) != 0) {
             add(look, "directory_missing", false, "vyhotplug-prepare", "%s %s: %s", row.key,
                 row.path, strerror(errno));
-        else if (!S_ISDIR(status.st_mode))
+        } else if (!S_ISDIR(status.st_mode)) {
             add(look, "directory_missing", false, "correct the configuration",
                 "%s %s is no directory", row.key, row.path);
+        }
     }
 }
 
@@ -100,13 +101,14 @@ static void look_at_files(Look* look)
     const char* const files[] = {config->smbconfigpath, config->deviceconfigpath};
     for (const char* path : files) {
         struct stat status;
-        if (!stat_directory_of(path, &status))
+        if (!stat_directory_of(path, &status)) {
             add(look, "directory_missing", false, "vyhotplug-prepare",
                 "%s: its directory is not there", path);
-        else if (known && status.st_dev != tmp.st_dev)
+        } else if (known && status.st_dev != tmp.st_dev) {
             add(look, "other_filesystem", false,
                 "put it on the filesystem of /tmp; vyhotplug-prepare makes a link there",
                 "%s is not on the filesystem of /tmp, the service cannot replace it", path);
+        }
         if (stat(path, &status) == 0 && (status.st_uid != 0 || (status.st_mode & 022) != 0))
             add(look, "open_to_others", false, "chown root and chmod 644 it",
                 "%s may be changed by others than root", path);
@@ -214,10 +216,11 @@ static void look_at_names(Look* look)
         const Item& item = look->view->items[i];
         for (size_t j = 0; j < i && item.share != nullptr; j++) {
             const Item& other = look->view->items[j];
-            if (other.share != nullptr && strcasecmp(other.share, item.share) == 0)
+            if (other.share != nullptr && strcasecmp(other.share, item.share) == 0) {
                 add(look, "name_twice", false, "vyhotplugctl set TARGET share=NAME",
                     "%s and %s are both called %s: only one is shared", item_name(other),
                     item_name(item), item.share);
+            }
         }
     }
 }
@@ -226,33 +229,36 @@ static void look_at_names(Look* look)
 
 static void look_at_service(Look* look)
 {
-    if (!look->view->service_runs)
+    if (!look->view->service_runs) {
         add(look, "service_not_running", false, "systemctl start vyhotplugd",
             "the service is not running");
-    else if (machine_was_replaced("vyhotplugd"))
+    } else if (machine_was_replaced("vyhotplugd")) {
         add(look, "service_replaced", false, "systemctl restart vyhotplugd",
             "the service that runs is older than the one that is installed");
+    }
 }
 
 static void look_at_agent(Look* look)
 {
-    if (!machine_runs("vyhotplug-agent"))
+    if (!machine_runs("vyhotplug-agent")) {
         add(look, "agent_not_running", access("/run/systemd/system", F_OK) != 0,
             "systemctl start vyhotplug-agent",
             "no agent runs that tells the service of disks (mdev may do that, too)");
-    else if (machine_was_replaced("vyhotplug-agent"))
+    } else if (machine_was_replaced("vyhotplug-agent")) {
         add(look, "agent_replaced", false, "systemctl restart vyhotplug-agent",
             "the agent that runs is older than the one that is installed");
+    }
 }
 
 static void look_at_bridge(Look* look)
 {
-    if (!machine_pid_file_is_alive(service_pid_file))
+    if (!machine_pid_file_is_alive(service_pid_file)) {
         add(look, "bridge_not_running", false, "systemctl start vynas-samba",
             "no file-sharing service reads the shares");
-    else if (machine_was_replaced("vynas-samba"))
+    } else if (machine_was_replaced("vynas-samba")) {
         add(look, "bridge_replaced", false, "systemctl restart vynas-samba",
             "the bridge that runs is older than the one that is installed");
+    }
 }
 
 static void look_at_versions(Look* look)
@@ -288,10 +294,11 @@ static void look_at_filesystems(Look* look)
             continue;
         const bool driver = row.code == CONF_DEV_FS_NTFS;
         const char* needed = driver ? "fuse" : row.type;
-        if (!machine_has_filesystem(needed))
+        if (!machine_has_filesystem(needed)) {
             add(look, "filesystem_missing", filesystem_is_other(row),
                 "install a kernel that has it, or leave it out of the configuration",
                 "this kernel has no %s", needed);
+        }
         if (driver && !machine_has_program("ntfs-3g"))
             add(look, "driver_missing", false, "apt-get install ntfs-3g", "there is no ntfs-3g");
     }
@@ -334,14 +341,16 @@ static void look_at_disks(Look* look)
 {
     for (size_t i = 0; i < look->view->count; i++) {
         const Item& item = look->view->items[i];
-        if (item.state == ITEM_NOT_MOUNTED)
+        if (item.state == ITEM_NOT_MOUNTED) {
             add(look, "not_mounted", false, "docs/troubleshooting.md has a section for each reason",
                 "%s is not mounted: %s", item_name(item),
                 item.reason != nullptr ? item.reason : "");
-        if (item.state == ITEM_GONE)
+        }
+        if (item.state == ITEM_GONE) {
             add(look, "directory_gone", false, "make it, or: vyhotplugctl forget TARGET",
                 "%s is to be shared, and is not there",
                 item.directory != nullptr ? item.directory : item_name(item));
+        }
     }
 }
 

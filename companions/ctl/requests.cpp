@@ -69,10 +69,11 @@ static ExitStatus ask(const Setup& setup, const Item& item, bool mounted, bool f
 ExitStatus request_mount(const Setup& setup, const Item& item)
 {
     const ExitStatus status = ask(setup, item, true, false);
-    if (status == EXIT_FAILED)
+    if (status == EXIT_FAILED) {
         fprintf(stderr, "vyhotplugctl: %s could not be mounted%s%s\n", item.name,
                 item.reason != nullptr ? ": " : "; what the service told: journalctl -u vyhotplugd",
                 item.reason != nullptr ? item.reason : "");
+    }
     return status;
 }
 

@@ -14,18 +14,28 @@ static constexpr char socket_table[] = "/proc/net/unix";
 static constexpr int send_limit_ms = 1500;
 static constexpr int tick_ms = 1000;
 
+// Lends the nth word of a line, from 0 on, and all that stands behind it; "" without one.
+static const char* word_of(const char* line, int nth)
+{
+    line += strspn(line, " ");
+    for (; nth > 0; nth--) {
+        line += strcspn(line, " ");
+        line += strspn(line, " ");
+    }
+    return line;
+}
+
 // "address: count protocol flags type state inode path": a listening one has the flag 0x10000. The
 // zero bytes that the name is padded with are printed as "@".
 bool service_line(const char* line)
 {
-    unsigned flags = 0;
-    char name[128];
-    if (sscanf(line, "%*s %*x %*x %x %*x %*x %*u %127s", &flags, name) != 2 ||
-        (flags & 0x10000U) == 0 || name[0] != '@')
+    const char* flags = word_of(line, 3);
+    const char* name = word_of(line, 7);
+    if ((strtoul(flags, nullptr, 16) & 0x10000U) == 0 || name[0] != '@')
         return false;
     const size_t length = sizeof socket_name - 1;
     return strncmp(name + 1, socket_name, length) == 0 &&
-           name[1 + length + strspn(name + 1 + length, "@")] == '\0';
+           strchr("\n", name[1 + length + strspn(name + 1 + length, "@")]) != nullptr;
 }
 
 bool service_listens()

@@ -353,10 +353,11 @@ static int add_absent(View* view)
     for (const vylist_node* node = list->next; node != vylist_end(list); node = node->next) {
         const auto* record = static_cast<const ConfDev*>(node->data);
         bool known = false;
-        for (size_t i = 0; i < present && !known; i++)
+        for (size_t i = 0; i < present && !known; i++) {
             known = view->items[i].settings == record ||
                     (view->items[i].identity != nullptr &&
                      strcmp(view->items[i].identity, record->identifier) == 0);
+        }
         if (known)
             continue;
         Item* item = add_item(view);

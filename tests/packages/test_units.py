@@ -370,8 +370,15 @@ class Systemd(Machine):
         shutil.copy("/usr/share/doc/vyhotplugd/docs/examples/hardened.conf", folder)
         self.run_ok("systemctl", "daemon-reload")
         self.run_ok("systemctl", "restart", "vyhotplugd")
-        self.assertIn("\nSeccomp:\t2\n", self.read(f"/proc/{self.pids_of('vyhotplugd')[0]}/status"))
-        self.wait_for_mounts("sda1", "sda2")
+        self.wait_until("the service", lambda: self.pids_of("vyhotplugd"))
+        pid = self.pids_of("vyhotplugd")[0]
+        self.wait_until("it is restricted", lambda: "\nSeccomp:\t2\n" in self.read(f"/proc/{pid}/status"))
+        self.wait_for_shares("Cinema", "Films(A2)", who=ANNA)
+        # It has what it is to take over when it has been told of it.
+        self.wait_until("sda2 is unmounted", lambda: self.run_any("vyunmount", "sda2") and
+                        self.mounted() == {"sda1"})
+        self.wait_until("sda2 is mounted", lambda: self.run_any("vymount", "sda2") and
+                        self.mounted() == {"sda1", "sda2"})
         self.wait_for_shares("Cinema", "Films(A2)", who=ANNA)
         shutil.rmtree(folder)
         self.run_ok("systemctl", "daemon-reload")

@@ -137,6 +137,7 @@ class AgentTest(SystemTest):
         shutil.copy(os.path.join(os.environ["VY_BIN"], "vyhotplug-agent"), PROGRAMS)
         self.sysfs = FakeSysfs()
         os.makedirs(PROC + "/self")
+        os.makedirs("/run/vyhotplugd", exist_ok=True)
         self.set_mounts()
         self.set_swaps()
         self.agent = None

@@ -245,7 +245,8 @@ class Restart(Together):
         self.assertEqual(self.log.matching(r"samba_control\(#\)close share .*"), [])
 
     def test_without_the_key_the_new_service_is_believed_at_once(self):
-        self.start_with_copy()
+        self.start_with_copy(self.LARGE)
+        self.assertLess(self.copied(), self.LARGE, "the copy is under way")
         self.stop_daemon(signal.SIGKILL)
         self.start_daemon(settled=False)
         self.wait_for_log("samba_control(#)close share Drive(A1)")

@@ -86,3 +86,38 @@ class Gadget(VmTest):
             f"printf '{text}' >strings/0x409/{name}" for name, text in texts.items())))
 
     assert_sane = Hostile.assert_sane
+
+
+class Planted(VmTest):
+    """What a user of the machine lays in the way of a strict service, with the kernel's protections on and off."""
+
+    TEMPORARY = ("/tmp/vyhotplug.dir.conf.tmp", "/tmp/vyhotplug.dev.conf.tmp")
+    KINDS = {"link": "ln -s /vm/victim {path}", "file": "echo '[Etc]' >{path}", "fifo": "mkfifo {path}",
+             "directory": "mkdir {path}", "second name": "ln /tmp/victim {path}"}
+
+    def start_service(self):
+        self.configure("strict = enable\\n")
+        super().start_service()
+
+    def test_nothing_of_it_is_followed_or_holds_anything_up(self):
+        self.vm.run("chmod 1777 /tmp; echo untouched >/vm/victim; echo untouched >/tmp/victim")
+        self.plug("stick", Filesystem("ext4", "Stick"))
+        self.wait_for_mounts("sda1")
+        for protection in (0, 1):
+            for name in ("symlinks", "hardlinks", "regular", "fifos"):
+                self.vm.run(f"echo {protection} >/proc/sys/fs/protected_{name}")
+            for kind, command in self.KINDS.items():
+                for path in self.TEMPORARY:
+                    self.vm.run(command.format(path=path))
+                    if kind != "second name":
+                        self.vm.run(f"chown -h 1234 {path}")
+                state = self.refresh()
+                self.assertEqual([lines["Path"] for lines in state.sections().values()], [place_of("sda1")], kind)
+                self.assertEqual(self.vm.run("cat /vm/victim /tmp/victim"), "untouched\nuntouched\n", kind)
+                self.assertEqual(self.vm.run(f"ls -d {' '.join(self.TEMPORARY)} 2>/dev/null; true"), "", kind)
+
+    def refresh(self):
+        before = self.wait_for_idle()
+        process, = before.of("vyhotplugd")
+        self.vm.run(f"kill -HUP {process['pid']}")
+        return self.wait_until("a refresh", lambda state: state.signals > before.signals)
