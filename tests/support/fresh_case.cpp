@@ -17,6 +17,7 @@
 #include <algorithm>
 #include <map>
 #include <set>
+#include <thread>
 #include <vector>
 
 // The fakes, where an executable has them.
@@ -271,6 +272,9 @@ void fresh_case_keep()
     for (int number = 1; number < 32; number++)
         sigaction(number, nullptr, &state.signals[number]);
     sigprocmask(SIG_SETMASK, nullptr, &state.blocked);
+#ifdef __SANITIZE_THREAD__ // it has a thread of its own from the first one on
+    std::thread([] {}).join();
+#endif
     state.descriptors = open_descriptors();
     state.threads = count_threads();
 }
