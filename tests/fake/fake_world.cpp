@@ -215,7 +215,12 @@ int sys_exchange(const char* a, const char* b)
 {
     const Lock lock(mutex);
     const int failed = note("exchange", text_of(a) + " " + text_of(b));
-    return failed != 0 ? failed : answer(renameat2(AT_FDCWD, a, AT_FDCWD, b, RENAME_EXCHANGE));
+    if (failed != 0)
+        return failed;
+    const std::string between = std::string(a) + ".exchanged";
+    const bool done = access(b, F_OK) == 0 && rename(a, between.c_str()) == 0 &&
+                      rename(b, a) == 0 && rename(between.c_str(), b) == 0;
+    return done ? 0 : -errno;
 }
 
 int sys_fsync(int)
