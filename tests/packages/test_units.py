@@ -374,15 +374,6 @@ class Systemd(Machine):
         pid = self.pids_of("vyhotplugd")[0]
         self.wait_until("it is restricted", lambda: "\nSeccomp:\t2\n" in self.read(f"/proc/{pid}/status"))
         self.wait_for_shares("Cinema", "Films(A2)", who=ANNA)
-        # It has what it is to take over when it has been told of it.
-        self.wait_until("sda2 is unmounted", lambda: self.run_any("vyunmount", "sda2") and
-                        self.mounted() == {"sda1"})
-        second = self.stick.partitions[1]
-        self.wait_until("its node", lambda: os.path.exists(second.node) and
-                        os.stat(second.node).st_rdev == second.loop.device)
-        self.assertEqual(self.run_any("vymount", "sda2")[1], "mount sda2 - success.\n")
-        self.wait_for_mounts("sda1", "sda2")
-        self.wait_for_shares("Cinema", "Films(A2)", who=ANNA)
         shutil.rmtree(folder)
         self.run_ok("systemctl", "daemon-reload")
         self.run_ok("systemctl", "restart", "vyhotplugd")
