@@ -38,6 +38,21 @@ bool exists(const std::string& path)
     return lstat(path.c_str(), &status) == 0;
 }
 
+std::string written_by(const std::function<void(FILE*)>& write)
+{
+    FILE* stream = tmpfile(); // not every C library has streams in memory
+    EXPECT_NE(stream, nullptr);
+    if (stream == nullptr)
+        return "";
+    write(stream);
+    rewind(stream);
+    std::string text;
+    for (int byte = fgetc(stream); byte != EOF; byte = fgetc(stream))
+        text += static_cast<char>(byte);
+    (void)fclose(stream);
+    return text;
+}
+
 std::set<std::string> names_in(const std::string& directory)
 {
     std::set<std::string> names;

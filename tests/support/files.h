@@ -1,6 +1,9 @@
 // Files and descriptors for tests.
 #pragma once
 
+#include <stdio.h>
+
+#include <functional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -16,6 +19,9 @@ bool exists(const std::string& path);
 
 // What lies in a directory, without "." and "..".
 std::set<std::string> names_in(const std::string& directory);
+
+// What a function writes to a stream.
+std::string written_by(const std::function<void(FILE*)>& write);
 
 // How many descriptors this process holds open.
 int open_descriptors();

@@ -56,13 +56,8 @@ class EditText : public testing::Test {
             "[1:2:a:1]\nShare Name=Music\nFull Access Users=0,1,\n[1:2:c:1]\nComment=away\n");
         write_file(ctl_shares, "[Music]\nIdentifier=1:2:a:1\nPath=/tmp/ctl/mounts/sda1\n");
         ASSERT_EQ(view_begin(world.setup, &view), 0);
-        char* written = nullptr;
-        size_t size = 0;
-        FILE* stream = open_memstream(&written, &size);
-        EXPECT_EQ(edit_text_write(stream, view, nullptr), 0);
-        (void)fclose(stream);
-        text.assign(written, size);
-        free(written);
+        text = written_by(
+            [this](FILE* stream) { EXPECT_EQ(edit_text_write(stream, view, nullptr), 0); });
     }
     void TearDown() override { view_end(&view); }
 

@@ -1,5 +1,7 @@
 #include "ctl/json.h"
 
+#include "support/files.h"
+
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -9,14 +11,10 @@ namespace {
 
 std::string written(const std::function<void(Json*)>& write)
 {
-    char* text = nullptr;
-    size_t size = 0;
-    Json json = {.out = open_memstream(&text, &size), .more = false};
-    write(&json);
-    (void)fclose(json.out);
-    std::string result(text, size);
-    free(text);
-    return result;
+    return written_by([&write](FILE* stream) {
+        Json json = {.out = stream, .more = false};
+        write(&json);
+    });
 }
 
 std::string string_of(const char* text)

@@ -1,5 +1,7 @@
 #include "ctl/terminal.h"
 
+#include "support/files.h"
+
 #include <gtest/gtest.h>
 
 #include <string>
@@ -8,13 +10,9 @@ namespace {
 
 std::string shown(const char* text, size_t columns)
 {
-    char* out = nullptr;
-    size_t size = 0;
-    FILE* stream = open_memstream(&out, &size);
-    const size_t taken = text_show(stream, text, columns);
-    (void)fclose(stream);
-    std::string result(out, size);
-    free(out);
+    size_t taken = 0;
+    const std::string result =
+        written_by([&](FILE* stream) { taken = text_show(stream, text, columns); });
     EXPECT_LE(taken, columns);
     EXPECT_EQ(taken, text_columns(result.c_str()));
     return result;
@@ -41,15 +39,10 @@ std::string table(size_t width)
     static constexpr TableRow rows[] = {
         {{{"sda1", COLOUR_NONE}, {"1 B", COLOUR_NONE}, {"everybody", COLOUR_NONE}}},
         {{{"mmcblka1", COLOUR_NONE}, {nullptr, COLOUR_NONE}, {"", COLOUR_NONE}}}};
-    char* out = nullptr;
-    size_t size = 0;
-    FILE* stream = open_memstream(&out, &size);
-    table_print({.out = stream, .width = width, .colour = false, .utf8 = false}, columns, 3, rows,
-                2);
-    (void)fclose(stream);
-    std::string result(out, size);
-    free(out);
-    return result;
+    return written_by([width](FILE* stream) {
+        table_print({.out = stream, .width = width, .colour = false, .utf8 = false}, columns, 3,
+                    rows, 2);
+    });
 }
 
 } // namespace

@@ -17,7 +17,9 @@ namespace {
 int find(std::string table, const char* directory, MountLine* line)
 {
     table += '\n';
-    const FileGuard stream(fmemopen(table.data(), table.size(), "r"));
+    const FileGuard stream(tmpfile());
+    EXPECT_EQ(fwrite(table.data(), 1, table.size(), stream.get()), table.size());
+    rewind(stream.get());
     return mount_line_find(stream.get(), directory, line);
 }
 

@@ -471,7 +471,7 @@ class RestartTest : public BridgeTest {
         EXPECT_EQ(advance(), -1);
     }
     // Each writes its pid file anew.
-    static void start_service(int64_t second)
+    static void start_service(time_t second)
     {
         write_file(pid_file, "77\n");
         const timespec times[2] = {{.tv_sec = second, .tv_nsec = 0},
