@@ -109,7 +109,7 @@ class State:
             "table": self.table, "shares": self.shares, "devices": self.devices, "nodes": self.nodes,
             "places": self.places, "tmp": self.tmp, "kernel": self.kernel,
             "processes": sorted(process["name"] for process in self.processes),
-            "descriptors": sorted((process["name"], re.sub(r"\[\d+\]", "", target or "gone"))
+            "descriptors": sorted((process["name"], re.sub(r"\[\d+\]|(?<=^/proc/)\d+", "", target or "gone"))
                                   for process in self.processes
                                   for target in process.get("descriptors", {}).values()),
         }
