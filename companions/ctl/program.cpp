@@ -223,6 +223,7 @@ static int run(const CallRow& row, CommandLine* line)
     line->args.setup = &setup;
     status = setup_begin(line->paths, &setup) == 0 ? row.run(line->args) : EXIT_FAILED;
     setup_end(&setup);
+    line->args.setup = nullptr;
     return status;
 }
 

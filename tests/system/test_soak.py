@@ -9,8 +9,8 @@ from vyworld import SystemTest
 
 DISKS = "ab"
 PARTITIONS = 8  # of each disk: all come and go together
-ROUNDS = 13  # 208 devices
-MEMORY_TOLERANCE = 128  # KiB; between the measurements are 176 devices
+ROUNDS = 7  # 112 devices
+MEMORY_TOLERANCE = 128  # KiB; between the measurements are 80 devices
 
 
 class Soak(SystemTest):
