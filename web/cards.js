@@ -36,7 +36,7 @@ function badges(item) {
 function explanation(item) {
     if (item.state === "gone")
         return h("p", { class: "why" }, format(_("$0 is to be shared, and is not there."), item.directory ?? ""));
-    if (item.state !== "not_mounted" || !item.reason)
+    if (!item.reason)
         return null;
     const { why, remedy } = reason(item.reason);
     return h("p", { class: "why" }, why, remedy ? h("span", {}, ` ${_("Type:")} `, h("code", {}, remedy)) : null);

@@ -5,7 +5,7 @@ import { h } from "./dom.js";
 import { problems } from "./model.js";
 import { button } from "./parts.js";
 import { idOf, settingsView } from "./settings.js";
-import { _, clock, happening, isQuick, itemTitle, problem } from "./texts.js";
+import { _, clock, happening, isQuick, itemTitle, plural, problem } from "./texts.js";
 
 /** @typedef {import("./types.js").Model} Model */
 /** @typedef {import("./actions.js").Send} Send */
@@ -26,18 +26,30 @@ export function knownView(model, send) {
 }
 
 /**
+ * @param {import("./types.js").Problem} one
+ * @param {string} kind
+ */
+function problemLine(one, kind) {
+    return h("li", { class: `alert ${kind}` },
+        h("p", {}, h("strong", {}, problem(one))),
+        h("p", {}, h("bdi", {}, one.text)),
+        h("p", {}, `${_("What to do:")} `, h("code", {}, one.remedy)));
+}
+
+/**
  * @param {Model} model
  * @param {() => void} check
  */
 export function problemsView(model, check) {
     const all = problems(model, isQuick);
+    const notes = all.filter(one => one.severity === "note");
     return h("section", { key: "problems", class: "list", "aria-labelledby": "problems" },
         h("h2", { id: "problems" }, _("Problems")),
-        all.length === 0 && h("p", { class: "hint" }, model.checking ? _("Looking ...") : _("None was found.")),
-        h("ul", { class: "problems" }, all.map(one => h("li", { class: `alert ${one.severity === "note" ? "" : "warning"}` },
-            h("p", {}, h("strong", {}, problem(one))),
-            h("p", {}, h("bdi", {}, one.text)),
-            h("p", {}, `${_("What to do:")} `, h("code", {}, one.remedy))))),
+        all.length === notes.length && h("p", { class: "hint" }, model.checking ? _("Looking ...") : _("None was found.")),
+        h("ul", { class: "problems" }, all.filter(one => one.severity !== "note").map(one => problemLine(one, "warning"))),
+        notes.length > 0 && h("details", {},
+            h("summary", {}, plural("$0 thing worth knowing", "$0 things worth knowing", notes.length)),
+            h("ul", { class: "problems" }, notes.map(one => problemLine(one, "")))),
         button(_("Look again"), check, { disabled: model.checking }));
 }
 

@@ -2,7 +2,7 @@
 // Small things that cards and lists are made of.
 
 import { h } from "./dom.js";
-import { _, failure, isRunning, plural, size, use } from "./texts.js";
+import { _, failure, format, isRunning, plural, size, use } from "./texts.js";
 import { dismissTask, stop } from "./actions.js";
 
 /** @typedef {import("./types.js").Item} Item */
@@ -31,8 +31,7 @@ export function room(item, title) {
     if (item.used_bytes === null || item.free_bytes === null)
         return h("p", { class: "room" }, size(item.size_bytes));
     const whole = item.used_bytes + item.free_bytes;
-    const text = _("$0 used, $1 free of $2").replace("$0", size(item.used_bytes)).replace("$1", size(item.free_bytes))
-        .replace("$2", size(item.size_bytes));
+    const text = format(_("$0 used, $1 free of $2"), size(item.used_bytes), size(item.free_bytes), size(item.size_bytes));
     return h("p", { class: "room" },
         h("meter", {
             min: 0, max: Math.max(whole, 1), value: item.used_bytes, high: whole * 0.9,
@@ -45,9 +44,9 @@ export function room(item, title) {
  * @param {Holder} holder
  */
 function holderLine(holder) {
-    const who = holder.client ? `${holder.user}, ${holder.client}` : holder.user;
     return h("li", {},
-        h("strong", {}, holder.command), ` (${holder.pid}, ${who}) `, use(holder),
+        h("strong", {}, holder.command), ` (${holder.pid}, ${holder.user}) `, use(holder),
+        holder.client ? format(_(", for $0 at $1"), holder.client.user, holder.client.machine) : null,
         holder.file ? h("code", {}, holder.file) : null);
 }
 

@@ -131,10 +131,31 @@ export function access(item) {
 
 /** @type {[RegExp, (...words: string[]) => string][]} */
 const reasons = [
-    [/^holds (\S+), but the kernel refused it$/, what => format(_("It holds $0, but the kernel refused it."), what)],
-    [/^no medium$/, () => _("There is no card in the reader.")],
-    [/^used as swap$/, () => _("This machine uses it as swap.")],
-    [/^held by (.+)$/, by => format(_("It is held by $0 of this machine."), by)],
+    [/^is encrypted(?: \((.*)\))?$/, how => how ? format(_("It is encrypted ($0)."), how) : _("It is encrypted.")],
+    [/^is a member of (.+)$/, what => format(_("It is a member of $0."), what)],
+    [/^is a swap area, with a suspended system in it$/, () => _("It is a swap area, with a suspended system in it.")],
+    [/^is a swap area$/, () => _("It is a swap area.")],
+    [/^has a partition table without a partition$/, () => _("It has a partition table without a partition.")],
+    [/^has no filesystem that is known$/, () => _("It has no filesystem that is known.")],
+    [/^looks like several filesystems(?: \((.*)\))?$/, what => format(_("It looks like several filesystems: $0"), what ?? "?")],
+    [/^does not answer: it cannot be read in time$/, () => _("It does not answer: it cannot be read in time.")],
+    [/^cannot be read: (.+)$/, why => format(_("It cannot be read: $0"), why)],
+    [/^is empty: no medium$/, () => _("There is no medium in the reader.")],
+    [/^holds (.+), which (?:mountfs|otherfs) does not name$/, what =>
+        format(_("It holds $0, which the configuration does not name."), what)],
+    [/^holds (.+), which this kernel has no module for$/, what => format(_("It holds $0, which this kernel has no module for."), what)],
+    [/^holds (.+), whose driver ntfs-3g is not installed$/, what =>
+        format(_("It holds $0, whose driver ntfs-3g is not installed."), what)],
+    [/^holds (.+), which the service cannot mount$/, what => format(_("It holds $0, which the service cannot mount."), what)],
+    [/^holds (.+), but (the kernel|ntfs-3g) refused it(?:: (.*))?$/, (what, who, why) =>
+        format(_("It holds $0, but $1 refused it."), what, who === "the kernel" ? _("the kernel") : who) + (why ? ` (${why})` : "")],
+    [/^holds (.+): hibernated, mounted read-only$/, what =>
+        format(_("It holds $0 of a machine that sleeps: mounted read-only."), what)],
+    [/^holds (.+): dirty, mounted read-only$/, what =>
+        format(_("It holds $0 that was not closed well: mounted read-only."), what)],
+    [/^holds (.+) with a journal, mounted read-only$/, what => format(_("It holds $0 with a journal: mounted read-only."), what)],
+    [/^holds (.+), mounted read-only(?:: (.*))?$/, (what, why) =>
+        format(_("It holds $0: mounted read-only."), what) + (why ? ` (${why})` : "")],
 ];
 
 /**

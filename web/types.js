@@ -55,7 +55,7 @@
  * @property {string} command
  * @property {string} use
  * @property {string | null} file
- * @property {string | null} [client]
+ * @property {{user: string, machine: string} | null} client - whom a process of Samba serves
  */
 
 /** @typedef {{id: string, severity: string, text: string, remedy: string}} Problem */

@@ -21,7 +21,7 @@ class Install(Scenario):
         """Samba and what one needs to try it, from Debian; an mtab as every Debian has it."""
         os.symlink("../proc/self/mounts", "/etc/mtab")
         self.run_ok(*APT_INSTALL, "--no-download", "samba", "smbclient", "ntfs-3g", "e2fsprogs", "busybox",
-                    "bash-completion", env=NONINTERACTIVE, limit=600)
+                    "bash-completion", "cockpit-bridge", env=NONINTERACTIVE, limit=600)
         self.run_ok("/etc/init.d/smbd", "stop")
         self.run_any("/etc/init.d/nmbd", "stop")
         self.kill_all()
@@ -48,6 +48,13 @@ class Install(Scenario):
         for name in ("vyhotplugd", "vyhotpluginfo", "vyhotplug-agent", "vyhotplug-prepare", "vynas-samba",
                      "vynas-samba-setup"):
             self.run_ok(f"{LIBEXEC if name.endswith('prepare') else '/usr/sbin'}/{name}", "--help")
+
+    def test_cockpit_has_the_page(self):
+        self.assertRegex(self.run_ok("cockpit-bridge", "--packages"), r"(?m)^vyhotplug +.*/usr/share/cockpit/vyhotplug$")
+        page = pathlib.Path("/usr/share/cockpit/vyhotplug")
+        files = {path.name for path in pathlib.Path(debian_world.HERE, "../../web").iterdir()}
+        self.assertEqual({path.name for path in page.iterdir()}, files - {"package.json"})
+        self.assertLess(sum(path.stat().st_size for path in page.iterdir()), 100_000)
 
     def test_everything_tells_the_packages_version(self):
         versions = {self.run_ok("dpkg-query", "-W", "-f", "${Version}", name) for name in PACKAGES}
