@@ -46,9 +46,9 @@ async function holdersOf(parts) {
  */
 async function run(send, key, verb, words, parts = [], phase = "running") {
     tell(send, key, { verb, phase });
-    const { over, stop } = order(words);
-    stoppable.set(key, stop);
-    const answer = await over;
+    const process = order(words);
+    stoppable.set(key, process.stop);
+    const answer = await process.over;
     stoppable.delete(key);
     if (answer.status === 0) {
         tell(send, key, undefined);

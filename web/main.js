@@ -66,7 +66,7 @@ async function lookAtUsers() {
 async function check() {
     send({ type: "checking" });
     const { told: answer } = await ask("check");
-    send({ type: "check", problems: answer?.problems });
+    send({ type: "check", found: answer?.problems });
 }
 
 /**

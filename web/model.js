@@ -21,7 +21,7 @@ const reactions = {
     status: takeStatus,
     watch: takeLine,
     users: (model, { users }) => ({ ...model, users }),
-    check: (model, { problems }) => ({ ...model, checking: false, found: problems ?? model.found }),
+    check: (model, { found }) => ({ ...model, checking: false, found: found ?? model.found }),
     checking: model => ({ ...model, checking: true }),
     task: (model, { key, task }) => ({ ...model, tasks: without(model.tasks, key, task) }),
     open: (model, { key, form, draft }) => ({

@@ -239,10 +239,10 @@ export function isQuick(id) {
 }
 
 /**
- * @param {Problem} problem
+ * @param {Problem} one
  */
-export function problem(problem) {
-    return known[problem.id]?.say() ?? problem.text;
+export function problem(one) {
+    return known[one.id]?.say() ?? one.text;
 }
 
 // ---- what was asked for ----

@@ -11,7 +11,7 @@ export const WEB = new URL("../../../web/", import.meta.url);
  */
 export function table(name) {
     let given = {};
-    vm.runInNewContext(readFileSync(new URL(name, WEB), "utf8"), { cockpit: { locale: table => { given = table; } } });
+    vm.runInNewContext(readFileSync(new URL(name, WEB), "utf8"), { cockpit: { locale: texts => { given = texts; } } });
     return given;
 }
 

@@ -107,7 +107,7 @@ test("a form that is open outlives a look", () => {
 test("what can be seen at once is told as it is now", () => {
     const problem = (id, severity = "problem") => ({ id, severity, text: "", remedy: "" });
     const known = after(status([], { problems: [problem("now")] }),
-        { type: "check", problems: [problem("gone"), problem("deep", "note"), problem("deeper")] });
+        { type: "check", found: [problem("gone"), problem("deep", "note"), problem("deeper")] });
     assert.deepEqual(model.problems(known, id => id !== "deep" && id !== "deeper").map(one => one.id), ["now", "deeper", "deep"]);
 });
 
@@ -126,7 +126,7 @@ test("what a share cannot be called", () => {
     assert.equal(fault("Photos", "Living room"), null);
     assert.equal(fault(""), null);
     assert.equal(fault("ä".repeat(17)), null);
-    assert.equal(fault("ä".repeat(17) + "a"), "name_long");
+    assert.equal(fault(`${"ä".repeat(17)}a`), "name_long");
     assert.equal(fault(" a"), "name_blank");
     assert.equal(fault("a]"), "name_sign");
     assert.equal(fault("a\u0007"), "name_sign");
