@@ -50,7 +50,7 @@ function namesForm(model, send, item, busy) {
     const back = idOf("names", item);
     const field = (/** @type {"share" | "comment"} */ name, /** @type {string} */ label, /** @type {boolean} */ first) =>
         h("label", { class: "field" }, h("span", {}, label), h("input", {
-            type: "text", class: "input", value: draft[name], focus: first, disabled: busy, autocomplete: "off",
+            type: "text", class: "input", name, value: draft[name], focus: first, disabled: busy, autocomplete: "off",
             "aria-describedby": fault ? idOf("fault", item) : null,
             "aria-invalid": fault?.startsWith(name === "share" ? "name" : "comment") ? "true" : null,
             oninput: (/** @type {any} */ event) => send({ type: "draft", key, change: { [name]: event.target.value } }),
@@ -63,9 +63,11 @@ function namesForm(model, send, item, busy) {
         key: "names-form", class: "form",
         onsubmit: async (/** @type {Event} */ event) => {
             event.preventDefault();
-            if (fault)
+            const { share, comment } = /** @type {any} */ (event.target).elements; // newer than what was drawn
+            const names = { share: share.value, comment: comment.value };
+            if (faultOf(model, item, names))
                 return;
-            await setNames(send, item, draft);
+            await setNames(send, item, names);
             focusSoon(back);
         },
         onkeydown: (/** @type {KeyboardEvent} */ event) => {
@@ -79,6 +81,16 @@ function namesForm(model, send, item, busy) {
     h("div", { class: "buttons" },
         h("button", { type: "submit", class: "button primary", disabled: busy || Boolean(fault) }, _("Save")),
         button(_("Cancel"), cancel, { disabled: busy })));
+}
+
+/**
+ * The roles that a form shows, by number: newer than what was drawn.
+ *
+ * @param {HTMLFormElement} form
+ * @returns {Record<string, string>}
+ */
+function chosenIn(form) {
+    return Object.fromEntries([...form.querySelectorAll("select")].map(select => [select.name, select.value]));
 }
 
 /**
@@ -99,10 +111,8 @@ function usersForm(model, send, item, busy) {
         return h("label", { key: String(user.uid), class: "field user" },
             h("span", {}, label, without ? h("em", { class: "hint" }, ` ${_("has no Samba password")}`) : null),
             h("select", {
-                class: "input", value: role, focus: at === 0, disabled: busy,
-                onchange: (/** @type {any} */ event) => send({
-                    type: "draft", key, change: { users: { ...chosen, [user.uid]: event.target.value } },
-                }),
+                class: "input", name: String(user.uid), value: role, focus: at === 0, disabled: busy,
+                onchange: (/** @type {any} */ event) => send({ type: "draft", key, change: { users: chosenIn(event.target.form) } }),
             }, roleTexts.map(([word, say]) => h("option", { value: word }, say()))));
     };
     const cancel = () => {
@@ -113,7 +123,7 @@ function usersForm(model, send, item, busy) {
         key: "users-form", class: "form",
         onsubmit: async (/** @type {Event} */ event) => {
             event.preventDefault();
-            await setUsers(send, item, chosen);
+            await setUsers(send, item, chosenIn(/** @type {any} */ (event.target)));
             focusSoon(back);
         },
         onkeydown: (/** @type {KeyboardEvent} */ event) => {

@@ -36,7 +36,8 @@ LOGS = os.environ.get("VY_WEB_LOGS", "/tmp")  # for a picture of the end of each
 PICTURES = os.environ.get("VY_PICTURES", "")
 AXE = os.path.join(ROOT, "build", "web", "node_modules", "axe-core", "axe.min.js")
 FONTS = """<?xml version="1.0"?><!DOCTYPE fontconfig SYSTEM "fonts.dtd">
-<fontconfig><dir>/usr/share/fonts</dir><cachedir>/tmp/fonts</cachedir></fontconfig>
+<fontconfig><dir>/usr/share/fonts</dir><cachedir>/tmp/fonts</cachedir>
+<alias><family>monospace</family><prefer><family>DejaVu Sans Mono</family></prefer></alias></fontconfig>
 """
 
 STICK = {"idVendor": "1234", "idProduct": "00ab", "serial": "ABC", "manufacturer": "Acme",
@@ -51,8 +52,6 @@ def environment():
 class WebTest(samba_world.SambaTest):
     """The service runs, the agent tells it of disks, and Cockpit shows the page. Nothing is plugged."""
 
-    RIGHTS = True  # of who is logged in
-
     def setUp(self):
         with open("/etc/passwd", "r+", encoding="utf-8") as file:  # this machine's own people are no business of the page's
             system = [line for line in file if not 1000 <= int(line.split(":")[2]) < 60000]
@@ -65,7 +64,7 @@ class WebTest(samba_world.SambaTest):
         self.start_daemon(settled=False)
         self.start_bridge()
         self.start_agent()
-        self.start_cockpit()
+        self.start_cockpit(self.make_session())
 
     # ---- the machine ----
 
@@ -108,9 +107,10 @@ class WebTest(samba_world.SambaTest):
     def plug(self, disk, parts=None, usb=None, files=None):
         """Plugs a disk: its partitions' filesystems by number."""
         parts = {1: "ext4"} if parts is None else parts
+        usb = {**STICK, "serial": disk.upper(), **(usb or {})}
         made = []
         for number, filesystem in parts.items():
-            partition = vyworld.Partition(f"{disk}{number}")
+            partition = vyworld.Partition(f"{disk}{number}", SID=usb["serial"])
             image = f"/tmp/{partition.name}.image"
             with contextlib.suppress(FileNotFoundError):
                 os.unlink(image)
@@ -122,7 +122,7 @@ class WebTest(samba_world.SambaTest):
             partition.lay_node()
             os.mknod(f"/dev/{partition.name}", stat.S_IFBLK | 0o600, partition.loop.device)  # where the agent looks
         self.disks[disk] = made
-        self.sysfs.add_stick(disk, parts=tuple(parts), usb={**STICK, "serial": disk.upper(), **(usb or {})})
+        self.sysfs.add_stick(disk, parts=tuple(parts), usb=usb)
         os.kill(self.agent.pid, signal.SIGHUP)
         return made
 
@@ -138,7 +138,11 @@ class WebTest(samba_world.SambaTest):
 
     # ---- Cockpit ----
 
-    def start_cockpit(self, bridge=BRIDGE):
+    def make_session(self):
+        """What Cockpit starts for who logs in: root here."""
+        return BRIDGE
+
+    def start_cockpit(self, bridge):
         with open("/tmp/cockpit.log", "wb") as log:
             process = subprocess.Popen(
                 [WEB_SERVICE, "--no-tls", f"--local-session={bridge}", "-a", "127.0.0.1", "-p", str(PORT)],
@@ -192,10 +196,13 @@ class Page:
             "return document.querySelector('h1') !== null && !document.body.innerText.includes('Looking ...')"))
 
     def close(self):
+        if self.driver is None:
+            return
         with contextlib.suppress(WebDriverException):
             self.save_picture(os.path.join(LOGS, self.test.id() + ".png"))
         with contextlib.suppress(WebDriverException):
             self.driver.quit()
+        self.driver = None
 
     def text(self):
         return self.driver.execute_script("return document.getElementById('page').innerText")
