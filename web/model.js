@@ -119,8 +119,13 @@ function takeLine(model, { line }) {
         return { ...noted, runs: line.event === "service_started" || (noted.runs && line.event !== "service_ended") };
     /** @type {Item} */
     const item = line.item;
-    if (line.event === "pulled")
-        return forgetGone({ ...noted, items: noted.items.filter(other => !isSame(other, item)) });
+    if (line.event === "pulled" || line.event === "forgotten") {
+        /** @type {(items: Item[]) => Item[]} */
+        const rest = items => items.filter(other => !isSame(other, item));
+        return forgetGone({ ...noted, items: rest(noted.items), known: rest(noted.known) });
+    }
+    if (item.state === "absent")
+        return { ...noted, known: noted.known.map(other => isSame(other, item) ? item : other) };
     const at = noted.items.findIndex(other => isSame(other, item));
     const items = at < 0 ? [...noted.items, item] : noted.items.map((other, index) => index === at ? item : other);
     return { ...noted, items, known: noted.known.filter(other => other.identity !== item.identity) };

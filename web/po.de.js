@@ -2,6 +2,7 @@ cockpit.locale({
     "": { "plural-forms": n => n !== 1, "language": "de", "language-direction": "ltr" },
     "$0 ($1) may be pulled now.": [null, "$0 ($1) kann jetzt abgezogen werden."],
     "$0 could not be mounted.": [null, "$0 konnte nicht eingehängt werden."],
+    "$0 has no settings any more.": [null, "$0 hat keine Einstellungen mehr."],
     "$0 is busy and stays mounted.": [null, "$0 wird benutzt und bleibt eingehängt."],
     "$0 is mounted.": [null, "$0 ist eingehängt."],
     "$0 is plugged.": [null, "$0 ist eingesteckt."],

@@ -186,6 +186,7 @@ const happenings = {
     unmounted: () => _("$0 is unmounted."),
     not_mounted: () => _("$0 could not be mounted."),
     pulled: () => _("$0 is pulled."),
+    forgotten: () => _("$0 has no settings any more."),
     service_started: () => _("The service has started."),
     service_ended: () => _("The service has ended."),
 };

@@ -693,6 +693,23 @@ class Watch(CtlTest):
         self.assertEqual(bytes_read(), before)
         self.assertEqual(read_lines("/tmp/watched"), [])
 
+    def test_what_is_not_plugged_is_changed_and_forgotten(self):
+        self.start_daemon()
+        stick = self.make_partition("sda1")
+        self.plug(stick)
+        self.assert_ctl("set", "sda1", "share=Music")
+        self.unplug(stick)
+        self.start_watch("--json")
+        self.wait_until("it watches", lambda: os.path.exists("/tmp/watched"))
+        self.let_it_idle()
+        self.assertEqual(self.events(), [])
+        self.assert_ctl("set", "Music", "comment=away")
+        self.wait_for_event(None, "changed")
+        self.assert_ctl("forget", "Music")
+        self.wait_for_event(None, "forgotten")
+        self.assertEqual({name for name, _ in self.events()}, {None})
+        self.assertEqual([word for _, word in self.events()][-1], "forgotten")  # it may be emptied before
+
     def test_the_service_ends_and_starts(self):
         """Killed, so that it leaves everything as it is."""
         self.start_daemon()

@@ -138,6 +138,8 @@ class Others(WebTest):
         self.stop_daemon()
         page.wait_for("The service is not running: nothing is mounted or shared", "The service has ended.",
                       "systemctl start vyhotplugd")
+        for mount in vyworld.mounts():  # as is done before each start
+            vyworld.libc.umount2(mount.directory.encode(), vyworld.MNT_DETACH)
         self.start_daemon(settled=False)
         page.wait_for("Drive(A1)", "Shared", "The service has started.", gone=("The service is not running",))
         self.assertEqual(page.said(), [])

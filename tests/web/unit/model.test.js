@@ -82,6 +82,14 @@ test("known disks are those that are not plugged", () => {
     assert.deepEqual(model.update(known, line("shared", item("sda1"))).known, []);
 });
 
+test("what is not plugged is changed and forgotten", () => {
+    const away = item(null, { identity: "1:2:S:1", state: "absent" });
+    const other = { ...away, settings: { ...SETTINGS, comment: "c" } };
+    const changed = after(status([away]), line("changed", other));
+    assert.deepEqual([changed.items, changed.known], [[], [other]]);
+    assert.deepEqual(model.update(changed, line("forgotten", other)).known, []);
+});
+
 test("disks have their partitions by number", () => {
     const plugged = after(status(["sdb1", "sda10", "sda2", "mmcblka1"].map(name => item(name))));
     assert.deepEqual(model.disks(plugged).map(disk => [disk.name, disk.parts.map(part => part.name)]),
