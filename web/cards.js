@@ -5,7 +5,7 @@ import { h } from "./dom.js";
 import { isMounted } from "./model.js";
 import { eject, forceEject, mount, unmount, waitAndEject, waitAndUnmount } from "./actions.js";
 import { button, room, taskView } from "./parts.js";
-import { idOf, settingsView } from "./settings.js";
+import { idOf, isSet, settingsView } from "./settings.js";
 import { _, diskTitle, format, itemTitle, reason, size, speed, state } from "./texts.js";
 
 /** @typedef {import("./types.js").Item} Item */
@@ -82,7 +82,7 @@ export function partView(model, send, item) {
                 button(_("Take it away by force"), () => unmount(send, item, ["--force"]), { class: "button danger" }),
             ],
         }),
-        settingsView(model, send, item));
+        item.state !== "not_mounted" || isSet(item) ? settingsView(model, send, item) : null);
 }
 
 /**

@@ -5,7 +5,7 @@ import { h } from "./dom.js";
 import { problems } from "./model.js";
 import { button } from "./parts.js";
 import { idOf, settingsView } from "./settings.js";
-import { _, clock, happening, isQuick, itemTitle, plural, problem } from "./texts.js";
+import { _, clock, details, happening, isQuick, itemTitle, plural, problem } from "./texts.js";
 
 /** @typedef {import("./types.js").Model} Model */
 /** @typedef {import("./actions.js").Send} Send */
@@ -30,9 +30,10 @@ export function knownView(model, send) {
  * @param {string} kind
  */
 function problemLine(one, kind) {
+    const more = details(one);
     return h("li", { class: `alert ${kind}` },
         h("p", {}, h("strong", {}, problem(one))),
-        h("p", {}, h("bdi", {}, one.text)),
+        more !== null && h("p", {}, h("bdi", {}, more)),
         h("p", {}, `${_("What to do:")} `, h("code", {}, one.remedy)));
 }
 

@@ -141,7 +141,7 @@ function usersForm(model, send, item, busy) {
 /**
  * @param {Item} item
  */
-function isSet(item) {
+export function isSet(item) {
     const settings = item.settings;
     return settings !== null && Object.values(settings).some(value =>
         Array.isArray(value) ? value.length > 0 : value !== null && value !== false && value !== "full");

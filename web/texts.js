@@ -200,16 +200,20 @@ export function happening({ event, name, share }) {
 
 // ---- problems ----
 
-/** @type {Record<string, {quick?: boolean, say: () => string}>} */
+/**
+ * quick: seen without a thorough look; whole: there is no more to it
+ *
+ * @type {Record<string, {quick?: boolean, whole?: boolean, say: () => string}>}
+ */
 const known = {
-    service_not_running: { quick: true, say: () => _("The service is not running.") },
-    service_replaced: { quick: true, say: () => _("A newer service is installed than the one that runs.") },
+    service_not_running: { quick: true, whole: true, say: () => _("The service is not running.") },
+    service_replaced: { quick: true, whole: true, say: () => _("A newer service is installed than the one that runs.") },
     agent_not_running: { quick: true, say: () => _("No agent tells the service of disks.") },
-    agent_replaced: { quick: true, say: () => _("A newer agent is installed than the one that runs.") },
-    bridge_not_running: { quick: true, say: () => _("No file-sharing service reads the shares.") },
-    bridge_replaced: { quick: true, say: () => _("A newer bridge to Samba is installed than the one that runs.") },
-    tmp_read_only: { quick: true, say: () => _("The temporary folder is read-only.") },
-    tmp_full: { quick: true, say: () => _("The temporary folder is full.") },
+    agent_replaced: { quick: true, whole: true, say: () => _("A newer agent is installed than the one that runs.") },
+    bridge_not_running: { quick: true, whole: true, say: () => _("No file-sharing service reads the shares.") },
+    bridge_replaced: { quick: true, whole: true, say: () => _("A newer bridge to Samba is installed than the one that runs.") },
+    tmp_read_only: { quick: true, whole: true, say: () => _("The temporary folder is read-only.") },
+    tmp_full: { quick: true, whole: true, say: () => _("The temporary folder is full.") },
     settings: { quick: true, say: () => _("A line of the settings is wrong.") },
     no_such_user: { quick: true, say: () => _("A setting names a user whom there is not.") },
     name_twice: { quick: true, say: () => _("Two shares have one name.") },
@@ -222,11 +226,11 @@ const known = {
     other_version: { say: () => _("The packages are of different versions.") },
     label_tool_missing: { say: () => _("A tool that reads labels is missing.") },
     filesystem_missing: { say: () => _("The kernel lacks a filesystem.") },
-    driver_missing: { say: () => _("The driver for NTFS is missing.") },
-    samba_missing: { say: () => _("Samba is not installed.") },
-    samba_not_running: { say: () => _("Samba is not running.") },
+    driver_missing: { whole: true, say: () => _("The driver for NTFS is missing.") },
+    samba_missing: { whole: true, say: () => _("Samba is not installed.") },
+    samba_not_running: { whole: true, say: () => _("Samba is not running.") },
     samba_not_set_up: { say: () => _("Samba does not know of the shares.") },
-    samba_no_users: { say: () => _("Nobody has a Samba password.") },
+    samba_no_users: { whole: true, say: () => _("Nobody has a Samba password.") },
     protection_off: { say: () => _("A protection of the kernel is off.") },
 };
 
@@ -244,6 +248,15 @@ export function isQuick(id) {
  */
 export function problem(one) {
     return known[one.id]?.say() ?? one.text;
+}
+
+/**
+ * What vyhotplugctl says besides: names and places. Null where the sentence tells all.
+ *
+ * @param {Problem} one
+ */
+export function details(one) {
+    return known[one.id]?.whole || !known[one.id] ? null : one.text;
 }
 
 // ---- what was asked for ----

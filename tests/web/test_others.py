@@ -128,7 +128,6 @@ class Others(WebTest):
         self.pull("sda")
         first.wait_for("Nothing is plugged")
         second.wait_for("Nichts ist eingesteckt")
-        second.picture("german")
         self.assertEqual((first.said(), second.said()), ([], []))
 
     def test_the_service_ends_and_starts(self):
@@ -186,7 +185,6 @@ class Visitor(WebTest):
         for name in ("Eject", "Unmount", "Name and comment", "Who may"):
             self.assertIsNone(page.find(name), name)
         self.assertEqual(page.driver.execute_script("return document.querySelectorAll('input, select').length"), 0)
-        page.picture("without-rights")
         self.superuser(page, "Start", "rights")
         page.wait_for("Eject", "Name and comment", gone=("turn on administrative access",))
         page.click("Name and comment")
@@ -237,8 +235,9 @@ class Looks(WebTest):
             page.wait_for("It is busy.")
 
     def plug_two(self):
-        self.plug("sda", {1: "ext4", 2: "empty"})
-        self.plug("sdb", usb={"product": "Portable SSD with a rather long name of its own", "speed": "5000"})
+        film = {"who": "", "film": "x" * 3_000_000}
+        self.plug("sda", {1: "ext4", 2: "empty"}, files=film)
+        self.plug("sdb", files={"who": ""}, usb={"product": "Portable SSD with a rather long name of its own", "speed": "5000"})
 
     def test_rules_for_everybody(self):
         """axe's, by day, by night and on a phone, where nothing is wider than it."""
@@ -253,8 +252,10 @@ class Looks(WebTest):
                 page.close()
 
     def test_pictures(self):
+        self.start_samba()
         self.plug_two()
-        for name, options in (("wide", {"width": 1180}), ("dark", {"width": 1180, "dark": True}), ("phone", {"width": 360, "height": 740})):
+        for name, options in (("wide", {"width": 960}), ("dark", {"width": 960, "dark": True}),
+                              ("phone", {"width": 360, "height": 740})):
             page = self.open_page(**options)
             page.wait_for("Drive(A1)", "Drive(B1)", "Shared", "Not mounted")
             page.picture(name)

@@ -1,7 +1,6 @@
 """What the tests of the page in Cockpit share: the real service with agent, bridge and command in a private world, a
 real Cockpit on its loopback, and a real browser."""
 
-import base64
 import contextlib
 import os
 import shutil
@@ -19,22 +18,13 @@ sys.path.insert(0, os.path.join(ROOT, "tests", "system"))
 import agent_world  # noqa: E402
 import samba_world  # noqa: E402
 import vyworld  # noqa: E402
-from selenium import webdriver  # noqa: E402
-from selenium.common.exceptions import StaleElementReferenceException, WebDriverException  # noqa: E402
-from selenium.webdriver.chrome.service import Service  # noqa: E402
-from selenium.webdriver.common.by import By  # noqa: E402
 
 LIMIT = int(os.environ.get("VY_WEB_LIMIT", "120"))  # seconds, for what takes one or two where nothing else runs
 PORT = 9990
 BRIDGE = "/usr/bin/cockpit-bridge"
 WEB_SERVICE = "/usr/lib/cockpit/cockpit-ws"
-BROWSER = "/usr/lib/chromium/chromium"
-DRIVER = "/usr/bin/chromedriver"
 DATA = "/tmp/share"
 HOME = "/tmp/home"
-LOGS = os.environ.get("VY_WEB_LOGS", "/tmp")  # for a picture of the end of each test
-PICTURES = os.environ.get("VY_PICTURES", "")
-AXE = os.path.join(ROOT, "build", "web", "node_modules", "axe-core", "axe.min.js")
 FONTS = """<?xml version="1.0"?><!DOCTYPE fontconfig SYSTEM "fonts.dtd">
 <fontconfig><dir>/usr/share/fonts</dir><cachedir>/tmp/fonts</cachedir>
 <alias><family>monospace</family><prefer><family>DejaVu Sans Mono</family></prefer></alias></fontconfig>
@@ -61,6 +51,7 @@ class WebTest(samba_world.SambaTest):
         super().setUp()
         self.disks = {}
         self.make_machine()
+        self.write_config(mountfs="ext")  # not every kernel has the others
         self.start_daemon(settled=False)
         self.start_bridge()
         self.start_agent()
@@ -160,124 +151,10 @@ class WebTest(samba_world.SambaTest):
     # ---- the browser ----
 
     def open_page(self, **options):
+        from browser import Page  # what only shows the page to people needs no browser of its own
         page = Page(self, **options)
         self.addCleanup(page.close)
         return page
-
-
-class Page:
-    """The page in a browser of its own."""
-
-    def __init__(self, test, width=1200, height=900, language="en", dark=False):
-        self.test = test
-        options = webdriver.ChromeOptions()
-        options.binary_location = BROWSER
-        for argument in ("--headless=new", "--no-sandbox", "--disable-gpu", f"--window-size={width},{height}",
-                         f"--lang={language}", "--force-device-scale-factor=1", "--disable-extensions",
-                         "--disable-background-networking"):
-            options.add_argument(argument)
-        options.add_experimental_option("prefs", {"intl.accept_languages": language})
-        options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
-        os.environ.update(environment())
-        self.driver = webdriver.Chrome(service=Service(DRIVER), options=options)
-        self.driver.set_page_load_timeout(LIMIT)
-        self.driver.set_script_timeout(LIMIT)
-        # The width of the page itself: a window is not made narrower than some 500 pixels.
-        self.driver.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
-            "width": width, "height": height, "deviceScaleFactor": 1, "mobile": False})
-        if dark:
-            self.driver.execute_cdp_cmd("Emulation.setEmulatedMedia", {
-                "features": [{"name": "prefers-color-scheme", "value": "dark"}]})
-        self.load()
-
-    def load(self):
-        self.driver.get(f"http://127.0.0.1:{PORT}/cockpit/@localhost/vyhotplug/index.html")
-        self.wait_until("it has looked", lambda: self.driver.execute_script(
-            "return document.querySelector('h1') !== null && !document.body.innerText.includes('Looking ...')"))
-
-    def close(self):
-        if self.driver is None:
-            return
-        with contextlib.suppress(WebDriverException):
-            self.save_picture(os.path.join(LOGS, self.test.id() + ".png"))
-        with contextlib.suppress(WebDriverException):
-            self.driver.quit()
-        self.driver = None
-
-    def text(self):
-        return self.driver.execute_script("return document.getElementById('page').innerText")
-
-    def wait_until(self, what, condition, limit=LIMIT):
-        """As the test's own, but elements may go while they are looked at."""
-        def look():
-            with contextlib.suppress(StaleElementReferenceException):
-                return condition()
-            return None
-        return vyworld.testkit.wait_until(what, look, limit, pause=0.1, tell=lambda: f"; the page says:\n{self.text()}")
-
-    def wait_for(self, *words, gone=()):
-        """Waits until all these words are on the page, and those are not."""
-        self.wait_until(f"{words} and not {gone}", lambda: all(word in self.text() for word in words)
-                        and not any(word in self.text() for word in gone))
-
-    def find(self, *names, tag="button", within="body"):
-        """The first element of that kind whose accessible name, or text, begins so; None without one."""
-        return self.driver.execute_script("""
-            const [names, tag, within] = arguments;
-            return [...document.querySelectorAll(`${within} ${tag}`)].find(one => names.some(name =>
-                (one.getAttribute("aria-label") ?? one.innerText ?? "").trim().startsWith(name))) ?? null;
-        """, names, tag, within)
-
-    def click(self, *names, **where):
-        """Waits for it to be there and to be pressed."""
-        element = self.wait_until(f"a button {names}", lambda: self._ready(self.find(*names, **where)))
-        self.driver.execute_script("arguments[0].scrollIntoView({block: 'center'})", element)
-        element.click()
-
-    @staticmethod
-    def _ready(element):
-        return element if element is not None and element.is_enabled() else None
-
-    def field(self, label):
-        """The input of a label."""
-        return self.wait_until(f"a field {label}", lambda: self.driver.execute_script("""
-            const label = [...document.querySelectorAll("label")].find(one => one.innerText.trim().startsWith(arguments[0]));
-            return label?.querySelector("input, select") ?? null;""", label))
-
-    def fill(self, label, text):
-        element = self.field(label)
-        element.clear()
-        element.send_keys(text)
-
-    def choose(self, label, word):
-        for option in self.field(label).find_elements(By.TAG_NAME, "option"):
-            if option.text == word:
-                option.click()
-
-    def said(self):
-        """What the browser complained of: errors and breaches of the content security policy."""
-        return [entry["message"] for entry in self.driver.get_log("browser")
-                if entry["level"] in ("SEVERE", "WARNING") and "favicon" not in entry["message"]]
-
-    def picture(self, name):
-        """For docs/web.md, where they are asked for."""
-        if PICTURES:
-            self.save_picture(os.path.join(PICTURES, name + ".png"))
-
-    def save_picture(self, path):
-        width, height = self.driver.execute_script(
-            "return [document.documentElement.clientWidth, document.documentElement.scrollHeight]")
-        clip = {"x": 0, "y": 0, "scale": 1, "width": width, "height": min(height, 2000)}
-        shot = self.driver.execute_cdp_cmd("Page.captureScreenshot", {"captureBeyondViewport": True, "clip": clip})
-        with open(path, "wb") as file:
-            file.write(base64.b64decode(shot["data"]))
-
-    def violations(self):
-        """What axe's rules find."""
-        self.driver.execute_cdp_cmd("Page.setBypassCSP", {"enabled": True})
-        self.driver.execute_script(vyworld.read(AXE))
-        found = self.driver.execute_async_script("const over = arguments[0]; axe.run().then(over)")
-        return [(one["id"], [node["html"] for node in one["nodes"]]) for one in found["violations"]]
 
 
 def pause(seconds):
