@@ -75,7 +75,7 @@ export function taskView(send, key, task, more = {}) {
     return h("div", { key: `failed ${key}`, class: `alert ${busy ? "warning" : "danger"}`, role: "alert" },
         h("p", {}, failure(task)),
         busy && task.holders.length > 0 && h("p", {},
-            plural("$0 process uses it:", "$0 processes use it:", task.holders.length)),
+            plural("$0 process uses it:", "$0 processes use it:", new Set(task.holders.map(holder => holder.pid)).size)),
         busy && task.holders.length === 0 && h("p", {}, _("Nobody was seen to hold it; a client may have just let go.")),
         busy && h("ul", { class: "holders" }, task.holders.map(holderLine)),
         h("div", { class: "buttons" }, ...(busy ? more.busy ?? [] : []),
