@@ -120,7 +120,8 @@ void events_find(const View* before, const View& after,
         const Item& item = after.items[i];
         const Item* old = find(before, item);
         if (!item_is_present(item)) {
-            if (old != nullptr && has_other_settings(old->settings, item.settings))
+            const bool is_new = before != nullptr && !is_known(*before, item.identity);
+            if (is_new || (old != nullptr && has_other_settings(old->settings, item.settings)))
                 tell(context, EVENT_CHANGED, item);
             continue;
         }
