@@ -4,7 +4,7 @@ import os
 import signal
 import time
 
-from web_world import BRIDGE, DATA, LIMIT, WebTest, pause, vyworld
+from web_world import DATA, LIMIT, PORT, WebTest, pause, vyworld
 
 
 class Changes(WebTest):
@@ -288,6 +288,29 @@ class Looks(WebTest):
         focused().send_keys("\ue00c")  # escape
         page.wait_for("Music", gone=("Save",))
         page.wait_until("the focus is back", lambda: focused().get_attribute("id").startswith("names-"))
+
+
+class Frame(WebTest):
+    """The page within the whole of Cockpit."""
+
+    def test_its_menu_and_its_light(self):
+        self.plug("sda")
+        page = self.open_page(language="de")
+        page.driver.get(f"http://127.0.0.1:{PORT}/vyhotplug")
+
+        def ask(script):
+            return page.driver.execute_script(f"""
+                const inner = [...document.querySelectorAll("iframe")].map(frame => frame.contentDocument)
+                    .find(one => one?.getElementById("page"));
+                return {script};""")
+
+        self.wait_until("the page is there", lambda: "Drive(A1)" in (ask("inner?.body.innerText") or ""))
+        self.wait_until("the menu has it", lambda: "Eingesteckte Datenträger" in ask("document.querySelector('nav')?.innerText ?? ''"))
+        for style in ("dark", "light"):
+            ask(f"""(localStorage.setItem("shell:style", "{style}"),
+                     document.querySelectorAll("iframe").forEach(frame => frame.contentWindow.dispatchEvent(
+                         new CustomEvent("cockpit-style", {{ detail: {{ style: "{style}" }} }}))))""")
+            self.wait_until(style, lambda style=style: (style == "dark") == ask("inner.documentElement.classList.contains('dark')"))
 
 
 class Many(WebTest):
