@@ -2,7 +2,7 @@
 // What people have done, and how it went.
 
 import { ask, order } from "./ctl.js";
-import { diskOf, isMounted, roleWords } from "./model.js";
+import { diskOf, isMounted } from "./model.js";
 import { _, diskTitle, format } from "./texts.js";
 
 /** @typedef {import("./types.js").Item} Item */
@@ -97,22 +97,16 @@ export function set(send, item, words) {
 }
 
 /**
+ * Sets what differs from what was held when the form was opened, and closes the form.
+ *
  * @param {Send} send
  * @param {Item} item
- * @param {Record<string, string>} chosen - roles by number
+ * @param {string[]} words - all that the form has
+ * @param {string[]} was
  */
-export async function setUsers(send, item, chosen) {
-    if (await set(send, item, roleWords(chosen)))
-        closeForm(send, item);
-}
-
-/**
- * @param {Send} send
- * @param {Item} item
- * @param {{share: string, comment: string}} draft
- */
-export async function setNames(send, item, { share, comment }) {
-    if (await set(send, item, [`share=${share}`, `comment=${comment}`]))
+export async function setForm(send, item, words, was) {
+    const changed = words.filter(word => !was.includes(word));
+    if (changed.length === 0 || await set(send, item, changed))
         closeForm(send, item);
 }
 

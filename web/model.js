@@ -248,6 +248,15 @@ export function roleWords(chosen) {
     });
 }
 
+/**
+ * What `set` is to be given for a name and a comment.
+ *
+ * @param {{share: string, comment: string}} names
+ */
+export function nameWords({ share, comment }) {
+    return [`share=${share}`, `comment=${comment}`];
+}
+
 const NAME_BYTES = 34;
 const COMMENT_BYTES = 63;
 

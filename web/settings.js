@@ -2,8 +2,8 @@
 // The settings of a partition, of a shared directory, or of a disk that is not plugged.
 
 import { h } from "./dom.js";
-import { choices, faultOf, roles } from "./model.js";
-import { askForget, closeForm, dismissTask, forget, set, setNames, settingsKey, setUsers } from "./actions.js";
+import { choices, faultOf, nameWords, roles, roleWords } from "./model.js";
+import { askForget, closeForm, dismissTask, forget, set, setForm, settingsKey } from "./actions.js";
 import { button, taskView } from "./parts.js";
 import { _, access, faultText, format, itemTitle, roleTexts } from "./texts.js";
 
@@ -67,7 +67,7 @@ function namesForm(model, send, item, busy) {
             const names = { share: share.value, comment: comment.value };
             if (faultOf(model, item, names))
                 return;
-            await setNames(send, item, names);
+            await setForm(send, item, nameWords(names), model.drafts[key]?.was ?? []);
             focusSoon(back);
         },
         onkeydown: (/** @type {KeyboardEvent} */ event) => {
@@ -123,7 +123,8 @@ function usersForm(model, send, item, busy) {
         key: "users-form", class: "form",
         onsubmit: async (/** @type {Event} */ event) => {
             event.preventDefault();
-            await setUsers(send, item, chosenIn(/** @type {any} */ (event.target)));
+            const words = roleWords(chosenIn(/** @type {any} */ (event.target)));
+            await setForm(send, item, words, model.drafts[key]?.was ?? []);
             focusSoon(back);
         },
         onkeydown: (/** @type {KeyboardEvent} */ event) => {
@@ -160,10 +161,11 @@ function controls(model, send, item) {
     const busy = task?.phase === "running";
     const open = (/** @type {string} */ name) => {
         dismissTask(send, settingsKey(item));
-        const settings = item.settings;
+        const names = { share: item.settings?.share_name ?? "", comment: item.settings?.comment ?? "" };
+        const users = roles(item);
         send({
             type: "open", key, form: form === name ? undefined : name,
-            draft: name === "names" ? { share: settings?.share_name ?? "", comment: settings?.comment ?? "" } : {},
+            draft: name === "names" ? { ...names, was: nameWords(names) } : { users, was: roleWords(users) },
         });
     };
     const toggle = (/** @type {(typeof switches)[0]} */ [word, name, say]) => h("label", { class: "switch" },

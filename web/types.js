@@ -74,7 +74,15 @@
 
 /** @typedef {{time_s: number, event: string, name: string, share: string | null}} Happening */
 
-/** @typedef {{share?: string, comment?: string, users?: Record<string, string>}} Draft */
+/**
+ * What is being typed, and what was held when that began: only what differs is set, for others may change the rest.
+ *
+ * @typedef {object} Draft
+ * @property {string} [share]
+ * @property {string} [comment]
+ * @property {Record<string, string>} [users] - roles by number
+ * @property {string[]} [was] - as `set` would be given it
+ */
 
 /**
  * @typedef {object} Model

@@ -118,10 +118,15 @@ class Others(WebTest):
         for page in (first, second):
             page.wait_for("Music")
         self.assertEqual(second.field("Kommentar").get_attribute("value"), "aus dem zweiten")
+        second.click("Speichern")  # and leaves the name as the other one has set it
+        for page in (first, second):
+            page.wait_for("Music", "aus dem zweiten")
+        second.wait_for("Music", gone=("Speichern",))
+        second.click("Name und Kommentar")
         second.fill("Name der Freigabe", "Musik")
         second.click("Speichern")
         for page in (first, second):
-            page.wait_for("Musik", "aus dem zweiten")
+            page.wait_for("Musik", "aus dem zweiten", gone=("Music",))
         first.click("Eject")
         for page, word in ((first, "Unmounted"), (second, "Ausgehängt")):
             page.wait_for(word)
