@@ -13,6 +13,8 @@ from debian_world import EXCHANGE, Scenario
 from machine import (APT_INSTALL, COMMANDS, FILES_BEFORE, INCLUDED, LIBEXEC, NONINTERACTIVE, PACKAGES,
                      SETTINGS_COPY, Machine, Stick, list_files)
 
+PAGE = {path.name for path in pathlib.Path(debian_world.HERE, "../../web").iterdir()}
+
 
 class Install(Scenario):
     """What is installed here is what the other scenarios begin with."""
@@ -52,8 +54,7 @@ class Install(Scenario):
     def test_cockpit_has_the_page(self):
         self.assertRegex(self.run_ok("cockpit-bridge", "--packages"), r"(?m)^vyhotplug +.*/usr/share/cockpit/vyhotplug$")
         page = pathlib.Path("/usr/share/cockpit/vyhotplug")
-        files = {path.name for path in pathlib.Path(debian_world.HERE, "../../web").iterdir()}
-        self.assertEqual({path.name for path in page.iterdir()}, files - {"package.json"})
+        self.assertEqual({path.name for path in page.iterdir()}, PAGE - {"package.json"})
         self.assertLess(sum(path.stat().st_size for path in page.iterdir()), 100_000)
 
     def test_everything_tells_the_packages_version(self):
