@@ -1,8 +1,8 @@
 #!/usr/bin/python3
 """Shows the page in Cockpit with a stick plugged, until it is interrupted. Run by ./demo --web.
 
-usage: web.py                   makes the door on this machine's loopback, and has the rest run in a private world
-       web.py --inside NUMBER   there, with the door's descriptor
+usage: web.py                         makes the door on this machine's loopback, and has the rest run in a private world
+       web.py --inside NUMBER NUMBER  there, with the descriptors of the door and of this machine's table of connections
 """
 
 import os
@@ -37,11 +37,13 @@ def make_door():
 
 
 def run_outside():
-    with make_door() as door:
+    # A table of /proc/net tells of the network of whoever has opened it.
+    with make_door() as door, open("/proc/net/tcp", encoding="ascii") as table:
         command = [os.environ["VY_WORLD_PROGRAM"], "--keep", ROOT, "--", "/usr/bin/python3", "-B",
-                   os.path.abspath(__file__), "--inside", str(door.fileno())]
+                   os.path.abspath(__file__), "--inside",
+                   str(door.fileno()), str(table.fileno())]
         # In a session of its own: an interruption is for this process, which has the rest end in order.
-        with subprocess.Popen(command, pass_fds=[door.fileno()], stdin=subprocess.PIPE, text=True, bufsize=1,
+        with subprocess.Popen(command, pass_fds=[door.fileno(), table.fileno()], stdin=subprocess.PIPE, text=True, bufsize=1,
                               start_new_session=True) as world:
             threading.Thread(target=pass_keys, args=(world.stdin,), daemon=True).start()
             for number in (signal.SIGINT, signal.SIGTERM):
@@ -66,10 +68,28 @@ def pass_on(source, target):
         pass  # one of them has gone
 
 
-def keep_door(door):
-    """A socket belongs to the network in which it was made: what comes in there is passed on to Cockpit here."""
+def user_of(port, door_port, table):
+    """The number of the user of this machine who has connected; None when he has gone already."""
+    os.lseek(table, 0, os.SEEK_SET)
+    text = b""
+    while part := os.read(table, 65536):
+        text += part
+    for line in text.decode().splitlines()[1:]:
+        words = line.split()
+        if [int(words[at].split(":")[1], 16) for at in (1, 2)] == [port, door_port]:
+            return int(words[7])
+    return None
+
+
+def keep_door(door, table):
+    """A socket belongs to the network in which it was made: what comes in there is passed on to Cockpit here, if it
+    comes from root or from who has called for root. Behind the door is root, and other users have no business there."""
+    invited = (0, int(os.environ.get("SUDO_UID", "0")))
     while True:
-        client = door.accept()[0]
+        client, (_, port) = door.accept()
+        if user_of(port, door.getsockname()[1], table) not in invited:
+            client.close()
+            continue
         server = socket.create_connection(("127.0.0.1", web_world.PORT))
         for pair in ((client, server), (server, client)):
             threading.Thread(target=pass_on, args=pair, daemon=True).start()
@@ -84,12 +104,11 @@ class Demo(web_world.WebTest):
         self.plug("sda", files={"holiday.txt": "sun\n", "film": "x" * 3_000_000})
         self.wait_for_mount("sda1")
         door = socket.socket(fileno=int(sys.argv[2]))
-        threading.Thread(target=keep_door, args=(door,), daemon=True).start()
+        threading.Thread(target=keep_door, args=(door, int(sys.argv[3])), daemon=True).start()
         say()
         say(f"   http://127.0.0.1:{door.getsockname()[1]}/cockpit/@localhost/vyhotplug/index.html")
         say()
-        say("   A stick is plugged. Users are anna, bert, carl and dora. There is no log-in: whoever reaches the address")
-        say("   is root in the private world, and nobody outside of it.")
+        say("   A stick is plugged. Users are anna, bert, carl and dora. There is no log-in, and nobody but you is let in.")
         self.follow()
         say("Ending")
 
