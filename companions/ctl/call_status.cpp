@@ -120,7 +120,7 @@ static void print_json(const CallArgs& args, const View& view, const ProblemTabl
     json_open(&json, "items", '[');
     for (size_t i = 0; i < view.count; i++) {
         if (args.all || item_is_present(view.items[i]))
-            item_json(&json, nullptr, view.items[i], false);
+            item_json(&json, nullptr, view.items[i], true);
     }
     json_close(&json, ']');
     problems_json(&json, "problems", problems);

@@ -3,6 +3,7 @@
 #include "ctl/call_status.h"
 #include "ctl/events.h"
 #include "ctl/item_json.h"
+#include "ctl/machine.h"
 #include "lib/platform.h"
 #include "lib/str.h"
 #include "lib/sys.h"
@@ -14,16 +15,20 @@
 #include <string.h>
 #include <sys/inotify.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 static constexpr unsigned uevent_group = 1; // of the kernel itself
 
 namespace {
 
-// What wakes it: the kernel's table of mounts, the directories of the files, the devices.
+// What wakes it: the kernel's table of mounts, the directories of the files, the devices, the
+// service's end.
 struct Sources {
     FdGuard mounts;
     FdGuard files;
     FdGuard devices;
+    FdGuard service; // of its process; empty while none runs, or where the kernel has no such thing
     const char* names[3] = {}; // of the files that count
 };
 
@@ -61,7 +66,7 @@ static void tell_json(const CallArgs& args, EventKind kind, const Item& item)
     json_begin(&json, "watch");
     json_number(&json, "time_s", now);
     json_text(&json, "event", event_word(kind));
-    item_json(&json, "item", item, false);
+    item_json(&json, "item", item, true);
     json_end(&json);
 }
 
@@ -72,6 +77,25 @@ static void tell(void* context, EventKind kind, const Item& item)
         tell_json(*args, kind, item);
     else
         tell_line(*args, kind, item);
+}
+
+static void tell_service(const CallArgs& args, bool runs)
+{
+    Json json = {.out = args.out.out, .more = false};
+    time_t now = 0;
+    struct tm local = {};
+    (void)sys_time(&now);
+    (void)localtime_r(&now, &local);
+    if (!args.json) {
+        fprintf(args.out.out, "%02d:%02d:%02d  the service has %s\n", local.tm_hour, local.tm_min,
+                local.tm_sec, runs ? "started" : "ended");
+        return;
+    }
+    json_begin(&json, "watch");
+    json_number(&json, "time_s", now);
+    json_text(&json, "event", runs ? "service_started" : "service_ended");
+    json_null(&json, "item");
+    json_end(&json);
 }
 
 // ---- waking ----
@@ -165,21 +189,39 @@ static bool take_devices(const Sources& sources)
     return any;
 }
 
-// Waits until something has happened. Returns 0; a negated errno.
-static int wait_for_news(const Sources& sources)
+// Has the end of the service's process wake it; its start does by the share file, which is then
+// written.
+static void watch_service(Sources* sources)
 {
+#ifdef SYS_pidfd_open
+    const pid_t pid = sources->service.get() < 0 ? machine_find("vyhotplugd") : 0;
+    if (pid > 0)
+        sources->service.reset(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+#else
+    (void)sources;
+#endif
+}
+
+// Waits until something has happened. Returns 0; a negated errno.
+static int wait_for_news(Sources* held)
+{
+    const Sources& sources = *held;
     pollfd waited[] = {
         {.fd = sources.mounts.get(), .events = POLLPRI, .revents = 0},
         {.fd = sources.files.get(), .events = POLLIN, .revents = 0},
         {.fd = sources.devices.get(), .events = POLLIN, .revents = 0},
+        {.fd = sources.service.get(), .events = POLLIN, .revents = 0}, // -1 is passed over
     };
     for (;;) {
-        if (poll(waited, 3, -1) < 0 && errno != EINTR)
+        if (poll(waited, 4, -1) < 0 && errno != EINTR)
             return -errno;
         const bool mounts = (waited[0].revents & (POLLPRI | POLLERR)) != 0;
         const bool files = take_files(sources);
         const bool devices = take_devices(sources);
-        if (mounts || files || devices)
+        const bool service = waited[3].revents != 0;
+        if (service)
+            held->service.reset(-1);
+        if (mounts || files || devices || service)
             return 0;
     }
 }
@@ -198,6 +240,8 @@ static int look_again(const CallArgs& args, View* view, bool first)
     View next;
     const int result = view_begin(*args.setup, &next);
     if (result == 0) {
+        if (!first && view->service_runs != next.service_runs)
+            tell_service(args, next.service_runs);
         events_find(first ? nullptr : view, next, tell, const_cast<CallArgs*>(&args));
         view_end(view);
         *view = next;
@@ -214,9 +258,11 @@ int call_watch(const CallArgs& args)
     const int result = open_sources(*args.setup, &sources);
     if (result != 0)
         return fail(result);
+    watch_service(&sources); // before each look, so that no end is missed
     int status = look_again(args, &view, true);
     while (status == EXIT_DONE) {
-        const int news = wait_for_news(sources);
+        const int news = wait_for_news(&sources);
+        watch_service(&sources);
         status = news == 0 ? look_again(args, &view, false) : fail(news);
     }
     view_end(&view);

@@ -6,7 +6,7 @@
 
 static constexpr const char* event_words[EVENT_KINDS] = {
     "present", "plugged",   "mounted",     "shared", "changed",
-    "busy",    "unmounted", "not_mounted", "pulled",
+    "busy",    "unmounted", "not_mounted", "pulled", "forgotten",
 };
 
 // What a state that is new means. EVENT_PRESENT: nothing is told of it.
@@ -41,14 +41,24 @@ static bool is_same_item(const Item& a, const Item& b)
     return strcmp(a.name, b.name) == 0 && (unknown || is_equal(a.identity, b.identity));
 }
 
-// The item as it was, if it was there.
+// The item as it was, if it was there; of what is not plugged, by its settings.
 static const Item* find(const View* view, const Item& item)
 {
     for (size_t i = 0; view != nullptr && i < view->count; i++) {
-        if (item_is_present(view->items[i]) && is_same_item(view->items[i], item))
+        if (item_is_present(view->items[i]) == item_is_present(item) &&
+            is_same_item(view->items[i], item))
             return &view->items[i];
     }
     return nullptr;
+}
+
+static bool is_known(const View& view, const char* identity)
+{
+    for (size_t i = 0; i < view.count; i++) {
+        if (is_equal(view.items[i].identity, identity))
+            return true;
+    }
+    return false;
 }
 
 static bool has_other_settings(const ConfDev* a, const ConfDev* b)
@@ -100,14 +110,21 @@ void events_find(const View* before, const View& after,
 {
     const Teller teller = {.tell = tell, .context = context};
     for (size_t i = 0; before != nullptr && i < before->count; i++) {
-        if (item_is_present(before->items[i]) && find(&after, before->items[i]) == nullptr)
-            tell(context, EVENT_PULLED, before->items[i]);
+        const Item& item = before->items[i];
+        if (item_is_present(item) && find(&after, item) == nullptr)
+            tell(context, EVENT_PULLED, item);
+        else if (!item_is_present(item) && !is_known(after, item.identity))
+            tell(context, EVENT_FORGOTTEN, item);
     }
     for (size_t i = 0; i < after.count; i++) {
         const Item& item = after.items[i];
         const Item* old = find(before, item);
-        if (!item_is_present(item))
+        if (!item_is_present(item)) {
+            const bool is_new = before != nullptr && !is_known(*before, item.identity);
+            if (is_new || (old != nullptr && has_other_settings(old->settings, item.settings)))
+                tell(context, EVENT_CHANGED, item);
             continue;
+        }
         if (before == nullptr)
             tell(context, EVENT_PRESENT, item);
         else if (old == nullptr)

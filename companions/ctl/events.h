@@ -13,6 +13,7 @@ enum EventKind : uint8_t {
     EVENT_UNMOUNTED,
     EVENT_NOT_MOUNTED,
     EVENT_PULLED,
+    EVENT_FORGOTTEN, // what is not plugged has no settings any more
     EVENT_KINDS,
 };
 

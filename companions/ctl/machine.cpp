@@ -53,25 +53,30 @@ static bool is_replaced(const char* pid)
     return strcmp(file + length - (sizeof mark - 1), mark) == 0;
 }
 
-static bool any_process(const char* name, bool (*fits)(const char* pid))
+static pid_t find_process(const char* name, bool (*fits)(const char* pid))
 {
     const DirGuard processes(opendir("/proc"));
     while (const dirent* entry = processes ? readdir(processes.get()) : nullptr) {
         if (entry->d_name[0] >= '1' && entry->d_name[0] <= '9' && is_called(entry->d_name, name) &&
             (fits == nullptr || fits(entry->d_name)))
-            return true;
+            return static_cast<pid_t>(strtol(entry->d_name, nullptr, 10));
     }
-    return false;
+    return 0;
+}
+
+pid_t machine_find(const char* name)
+{
+    return find_process(name, nullptr);
 }
 
 bool machine_runs(const char* name)
 {
-    return any_process(name, nullptr);
+    return find_process(name, nullptr) != 0;
 }
 
 bool machine_was_replaced(const char* name)
 {
-    return any_process(name, is_replaced);
+    return find_process(name, is_replaced) != 0;
 }
 
 bool machine_pid_file_is_alive(const char* path)

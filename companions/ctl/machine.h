@@ -3,8 +3,13 @@
 
 #include "lib/file.h"
 
+#include <sys/types.h>
+
 // What the bridge writes for Samba, and Samba includes.
 constexpr char machine_samba_include[] = "/run/vynas-samba/shares.conf";
+
+// Returns the number of a process that runs under that name, 0 without one.
+[[nodiscard]] pid_t machine_find(const char* name);
 
 // Whether a process runs under that name.
 [[nodiscard]] bool machine_runs(const char* name);

@@ -5,6 +5,7 @@
 #include "ctl/call_mount.h"
 #include "ctl/call_set.h"
 #include "ctl/call_status.h"
+#include "ctl/call_users.h"
 #include "ctl/call_watch.h"
 #include "lib/platform.h"
 #include "lib/str.h"
@@ -40,6 +41,7 @@ static constexpr CallRow call_rows[] = {
     {"eject", "TARGET [--wait SECONDS]", "unmount the whole disk and switch it off, to be pulled",
      TAKES_WAIT, 1, 1, true, call_eject},
     {"watch", "", "a line for each thing that happens", TAKES_JSON, 0, 0, false, call_watch},
+    {"users", "", "whom shares can be for", TAKES_JSON, 0, 0, false, call_users},
     {"check", "[--configuration]", "what is wrong here, and what to type",
      TAKES_JSON | TAKES_CONFIG, 0, 0, false, call_check},
     {"help", "", "this", 0, 0, no_most, false, call_help},

@@ -1,6 +1,6 @@
 #include "ctl/rules.h"
 
-#include "ctl/machine.h"
+#include "ctl/samba_users.h"
 #include "ctl/terminal.h"
 
 #include <pwd.h>
@@ -22,29 +22,16 @@ const Item* rules_find_namesake(const View& view, const char* identity, const ch
     return nullptr;
 }
 
-// Whether a line of pdbedit(8) is the user's: "anna:1001:Anna".
-static bool has_password(const char* lines, const char* name)
-{
-    const size_t length = strlen(name);
-    for (const char* line = lines; *line != '\0';) {
-        if (strncmp(line, name, length) == 0 && line[length] == ':')
-            return true;
-        line += strcspn(line, "\n");
-        line += *line == '\n' ? 1 : 0;
-    }
-    return false;
-}
-
 // Who has no Samba password cannot enter whatever is set; that may still come.
 static void tell_without_password(const SettingRow& row, const char* uids)
 {
     FileBytes lines;
-    if (!machine_ask("pdbedit", "-L", &lines))
+    if (!samba_users_read(&lines))
         return;
     for (const char* at = uids; *at != '\0'; at++) {
         char* end = nullptr;
         const passwd* user = getpwuid(static_cast<uid_t>(strtoul(at, &end, 10)));
-        if (user != nullptr && !has_password(lines.bytes.get(), user->pw_name))
+        if (user != nullptr && !samba_users_have(lines.bytes.get(), user->pw_name))
             fprintf(stderr, "vyhotplugctl: note: %s: %s has no Samba password; smbpasswd -a %s\n",
                     row.word, user->pw_name, user->pw_name);
         at = end;

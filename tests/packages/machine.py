@@ -14,7 +14,7 @@ import debian_world
 import vyworld
 from debian_world import EXCHANGE, Scenario
 
-PACKAGES = ("vyhotplugd", "vynas-samba")
+PACKAGES = ("vyhotplugd", "vynas-samba", "cockpit-vyhotplug")
 COMMANDS = ("vyhotplugd", "vymount", "vyunmount", "vyhotpluginfo", "vyhotplug-agent", "vynas-samba",
             "vynas-samba-setup")
 LIBEXEC = "/usr/libexec/vyhotplugd"

@@ -86,6 +86,8 @@ class Status(CtlTest):
         room = os.statvfs(stick.directory)
         self.assertEqual(item["size_bytes"], room.f_frsize * room.f_blocks)
         self.assertEqual(item["free_bytes"], room.f_frsize * room.f_bavail)
+        self.assertEqual([item["device"][key] for key in ("vendor", "product", "serial", "speed_mbit_per_s")],
+                         ["Acme", "FlashKey", "SERA", 480])
 
     def test_nothing_is_plugged(self):
         self.start_daemon()
@@ -144,6 +146,39 @@ class Status(CtlTest):
               "[1234:00ab:S7:1]\nShare Name=last\n\0\0")
         self.assertEqual(len(self.ask("status", status=NO_SERVICE)["items"]), 0)
         self.assertEqual(self.ask("show", "1234:00ab:S9999:1")["item"]["settings"]["share_name"], "N9999")
+
+
+class Users(CtlTest):
+    """Whom shares can be for."""
+
+    PEOPLE = "root:x:0:0::/:/bin/sh\ndaemon:x:1:1::/:/bin/sh\nanna:x:1000:100:Anna \u00c4,room 7,1,2:/:/bin/sh\n" \
+             "ben:x:59999:100::/:/bin/sh\nnobody:x:65534:65534::/:/bin/sh\n"
+
+    def setUp(self):
+        super().setUp()
+        write("/etc/passwd", self.PEOPLE)
+
+    def samba_tells(self, *lines):
+        """Has pdbedit print these lines."""
+        write("/tmp/pdbedit", "#!/bin/sh\ncat <<END\n" + "".join(line + "\n" for line in lines) + "END\n", 0o755)
+        vyworld.run("mount", "--bind", "/tmp/pdbedit", shutil.which("pdbedit", path=vyworld.PATH) or self.skipTest("no Samba"))
+
+    def test_people_by_their_numbers(self):
+        self.assertEqual(self.ask("users")["users"], [
+            {"uid": 1000, "name": "anna", "full_name": "Anna \u00c4", "samba_password": None},
+            {"uid": 59999, "name": "ben", "full_name": None, "samba_password": None}])
+        self.assert_ctl("users", out="anna  1000\nben  59999\n")
+
+    def test_who_has_a_samba_password(self):
+        self.samba_tells("anna:1000:Anna", "daemon:1:")
+        self.assertEqual([(user["name"], user["samba_password"]) for user in self.ask("users")["users"]],
+                         [("daemon", True), ("anna", True), ("ben", False)])
+        self.assert_ctl("users", out="daemon  1  Samba password\nanna  1000  Samba password\nben  59999  no Samba password\n")
+
+    def test_others_than_root_are_not_told_who_has_one(self):
+        self.samba_tells("anna:1000:Anna")
+        self.assertEqual([(user["name"], user["samba_password"]) for user in self.ask("users", user=1000)["users"]],
+                         [("anna", None), ("ben", None)])
 
 
 class Terminal(CtlTest):
@@ -618,7 +653,7 @@ class Watch(CtlTest):
 
     def events(self):
         lines = [line + "\n" for line in read("/tmp/watched").split("\n")[:-1]]
-        return [(event["item"]["name"], event["event"]) for event in map(self.valid, lines)]
+        return [((event["item"] or {}).get("name"), event["event"]) for event in map(self.valid, lines)]
 
     def wait_for_event(self, *event):
         self.wait_until(f"{event} in {self.events()}", lambda: event in self.events())
@@ -657,6 +692,40 @@ class Watch(CtlTest):
         self.let_it_idle()
         self.assertEqual(bytes_read(), before)
         self.assertEqual(read_lines("/tmp/watched"), [])
+
+    def test_what_is_not_plugged_is_changed_and_forgotten(self):
+        self.start_daemon()
+        stick = self.make_partition("sda1")
+        self.plug(stick)
+        self.assert_ctl("set", "sda1", "share=Music")
+        self.unplug(stick)
+        self.start_watch("--json")
+        self.wait_until("it watches", lambda: os.path.exists("/tmp/watched"))
+        self.let_it_idle()
+        self.assertEqual(self.events(), [])
+        self.assert_ctl("set", "Music", "comment=away")
+        self.wait_for_event(None, "changed")
+        self.assert_ctl("forget", "Music")
+        self.wait_for_event(None, "forgotten")
+        self.assertEqual({name for name, _ in self.events()}, {None})
+        self.assertEqual([word for _, word in self.events()][-1], "forgotten")  # it may be emptied before
+
+    def test_the_service_ends_and_starts(self):
+        """Killed, so that it leaves everything as it is."""
+        self.start_daemon()
+        self.plug(self.make_partition("sda1"))
+        watch = self.start_watch("--json")
+        self.wait_for_event("sda1", "present")
+        for _ in range(2):
+            before = self.events()
+            self.daemon.signal(signal.SIGKILL)
+            self.daemon.process.wait()
+            self.wait_until("its end is told", lambda: (None, "service_ended") in self.events()[len(before):])
+            self.start_daemon()
+            self.wait_until("its start is told", lambda: (None, "service_started") in self.events()[len(before):])
+        self.assertEqual([word for name, word in self.events() if name is None],
+                         ["service_ended", "service_started"] * 2)
+        self.assertIsNone(watch.poll())
 
     def test_its_reader_ends(self):
         self.start_daemon()

@@ -169,9 +169,18 @@ TEST(Events, AreTheDifferences)
                              "disk:g present"}));
     events.clear();
     events_find(&before.view, after.view, note, &events);
-    EXPECT_EQ(events, (Names{"sdb1 pulled", "sdb2 pulled", "disk:g pulled", "sda1 changed",
-                             "sdd1 plugged", "sdd1 unmounted"}));
+    EXPECT_EQ(events, (Names{"sdb1 pulled", "sdb2 pulled", "disk:g pulled", "1:2:c:1 forgotten",
+                             "sda1 changed", "sdd1 plugged", "sdd1 unmounted"}));
     events.clear();
     events_find(&after.view, after.view, note, &events);
     EXPECT_EQ(events, Names{});
+    write_file(ctl_devices, "[1:2:a:1]\nShare Name=Music\n[1:2:e:1]\nComment=away\n");
+    const Viewed known(world);
+    write_file(ctl_devices, "[1:2:a:1]\nShare Name=Music\n[1:2:e:1]\nComment=far away\n");
+    const Viewed changed(world);
+    events_find(&after.view, known.view, note, &events);
+    EXPECT_EQ(events, Names{"1:2:e:1 changed"});
+    events.clear();
+    events_find(&known.view, changed.view, note, &events);
+    EXPECT_EQ(events, Names{"1:2:e:1 changed"});
 }

@@ -1,0 +1,107 @@
+import assert from "node:assert/strict";
+import { readdirSync, readFileSync, statSync } from "node:fs";
+import { test } from "node:test";
+import { fakeCockpit, table, WEB } from "./fake_cockpit.js";
+import * as texts from "../../../web/texts.js";
+
+fakeCockpit();
+
+const sources = readdirSync(WEB).filter(name => name.endsWith(".js") && !name.startsWith("po."));
+const all = sources.map(name => readFileSync(new URL(name, WEB), "utf8")).join("\n");
+const said = new Set([
+    ...[...all.matchAll(/\b_\("((?:[^"\\]|\\.)*)"\)/g)].map(match => match[1]),
+    ...[...all.matchAll(/\bplural\("([^"]*)", "[^"]*"/g)].map(match => match[1]),
+]);
+
+test("every text has its German, and no German is left over", () => {
+    const german = table("po.de.js");
+    const keys = Object.keys(german).filter(key => key !== "");
+    assert.deepEqual([...said].filter(text => !keys.includes(text)), []);
+    assert.deepEqual(keys.filter(key => !said.has(key)), []);
+    assert.ok(said.size > 100);
+});
+
+test("a translation has the places of its original", () => {
+    const places = text => [...text.matchAll(/\$\d/g)].map(match => match[0]).sort();
+    for (const [text, [, ...forms]] of Object.entries(table("po.de.js")).filter(([key]) => key !== ""))
+        for (const form of forms)
+            assert.deepEqual(places(form), places(text), text);
+});
+
+test("the menu's words are translated", () => {
+    const manifest = JSON.parse(readFileSync(new URL("manifest.json", WEB), "utf8"));
+    for (const name of ["po.de.js", "po.manifest.de.js"])
+        assert.ok(table(name)[manifest.menu.index.label], name);
+});
+
+test("nothing is made of markup, and no program is started by a shell", () => {
+    for (const word of ["innerHTML", "outerHTML", "insertAdjacentHTML", "document.write", "eval(", "cockpit.script", "cockpit.file",
+        "setInterval", "\"sh\""])
+        assert.ok(!all.includes(word), word);
+    const page = readFileSync(new URL("index.html", WEB), "utf8");
+    assert.doesNotMatch(page, /\sstyle=|\son\w+=|<style|<script>/);
+});
+
+test("the whole page is smaller than 100 kB", () => {
+    const bytes = readdirSync(WEB).reduce((sum, name) => sum + statSync(new URL(name, WEB)).size, 0);
+    assert.ok(bytes < 100_000, String(bytes));
+});
+
+test("sizes", () => {
+    assert.equal(texts.size(0), "0 B");
+    assert.equal(texts.size(999), "999 B");
+    assert.equal(texts.size(1000), "1.0 kB");
+    assert.equal(texts.size(999_600), "1.0 MB");
+    assert.equal(texts.size(8_004_304_896), "8.0 GB");
+    assert.equal(texts.size(31_914_983_424), "32 GB");
+    assert.equal(texts.size(9_007_199_254_740_991), "9.0 PB");
+});
+
+test("numbers and texts of a language", () => {
+    fakeCockpit(table("po.de.js"));
+    assert.equal(texts.size(1500), "1,5 kB");
+    assert.equal(texts.plural("$0 process uses it:", "$0 processes use it:", 2), "2 Programme benutzen es:");
+    assert.equal(texts.plural("$0 process uses it:", "$0 processes use it:", 1), "1 Programm benutzt es:");
+    fakeCockpit();
+});
+
+test("a reason is split from what to type", () => {
+    assert.deepEqual(texts.reason("holds exfat, but the kernel refused it: Invalid argument; type: fsck.exfat /dev/sdc1"),
+        { why: "It holds exfat, but the kernel refused it. (Invalid argument)", remedy: "fsck.exfat /dev/sdc1" });
+    assert.deepEqual(texts.reason("does something new"), { why: "does something new", remedy: "" });
+    assert.equal(texts.reason("is encrypted (LUKS)").why, "It is encrypted (LUKS).");
+    assert.equal(texts.reason("is encrypted").why, "It is encrypted.");
+});
+
+test("the words of every reason that the agent has are known", () => {
+    const source = readFileSync(new URL("../companions/agent/diagnosis.cpp", WEB), "utf8");
+    const words = [...source.matchAll(/TROUBLE_\w+, (?:name, )?"(is [^"]+|has [^"]+|does [^"]+)"/g)].map(match => match[1]);
+    assert.ok(words.length > 10, String(words.length));
+    for (const word of words)
+        assert.notEqual(texts.reason(word).why, word, word);
+});
+
+test("a place that a text has twice or that a name holds is not filled again", () => {
+    assert.equal(texts.format("$0 and $1", "$1", "b"), "$1 and b");
+});
+
+test("who may", () => {
+    const settings = {
+        share_name: null, comment: null, path: null, read_only: false, guest: false, hide_from_guests: false, sync: false,
+        administrator: "full", full_users: [], reading_users: [], blocked_users: [], hidden_users: [],
+    };
+    assert.equal(texts.access({ settings: null }), "Everybody with a password may read and write.");
+    assert.equal(texts.access({ settings: { ...settings, full_users: [{ uid: 1, name: "anna" }], guest: true } }),
+        "May read and write: anna. Guests may enter.");
+    assert.equal(texts.access({ settings: { ...settings, blocked_users: [{ uid: 1, name: "a" }, { uid: 2, name: "b" }] } }),
+        "Everybody with a password may read and write. May not enter: a, b.");
+});
+
+test("a failure says what was not done, and why", () => {
+    assert.equal(texts.failure({ verb: "eject", status: 4, message: "sda1 is busy:" }),
+        "It was not ejected: do not pull it yet. It is busy.");
+    assert.equal(texts.failure({ verb: "set", status: 1, message: "vyhotplugctl: full: no such user: x\n" }),
+        "Nothing was changed. full: no such user: x");
+    assert.equal(texts.failure({ verb: "mount", status: null, message: "Not permitted to perform this action." }),
+        "It was not mounted. Not permitted to perform this action.");
+});

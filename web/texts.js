@@ -1,0 +1,349 @@
+// @ts-check
+// What is said, in the language of the session.
+
+/** @typedef {import("./types.js").Item} Item */
+/** @typedef {import("./types.js").Happening} Happening */
+/** @typedef {import("./types.js").Problem} Problem */
+/** @typedef {import("./types.js").Holder} Holder */
+
+/** @type {(text: string) => string} */
+const _ = text => cockpit.gettext(text);
+/** @type {(text: string, ...values: (string | number)[]) => string} */
+const format = (text, ...values) => text.replace(/\$(\d)/g, (_all, at) => String(values[Number(at)] ?? ""));
+
+export { _, format };
+
+/**
+ * @param {string} one
+ * @param {string} many
+ * @param {number} count
+ */
+export function plural(one, many, count) {
+    return format(cockpit.ngettext(one, many, count), count);
+}
+
+/**
+ * @param {number} bytes
+ */
+export function size(bytes) {
+    const units = ["B", "kB", "MB", "GB", "TB", "PB"];
+    let step = 0;
+    let amount = bytes;
+    for (; amount >= 999.5 && step < units.length - 1; step++)
+        amount /= 1000;
+    const digits = amount < 10 && step > 0 ? 1 : 0;
+    const number = new Intl.NumberFormat(language(), { maximumFractionDigits: digits, minimumFractionDigits: digits });
+    return `${number.format(amount)} ${units[step]}`;
+}
+
+export function language() {
+    return (cockpit.language || "en").replace("_", "-");
+}
+
+/**
+ * @param {number} time_s
+ */
+export function clock(time_s) {
+    return new Date(time_s * 1000).toLocaleTimeString(language());
+}
+
+/** @type {Record<string, () => string>} */
+const states = {
+    shared: () => _("Shared"),
+    mounted: () => _("Mounted, not shared"),
+    busy: () => _("Busy: its share is withdrawn"),
+    unmounted: () => _("Unmounted"),
+    not_mounted: () => _("Not mounted"),
+    waiting: () => _("Just plugged"),
+    directory: () => _("Shared"),
+    gone: () => _("Missing"),
+    absent: () => _("Not plugged"),
+};
+
+/**
+ * @param {string} word
+ */
+export function state(word) {
+    return states[word]?.() ?? word;
+}
+
+/**
+ * What a disk is: the maker's words, or else its kind.
+ *
+ * @param {string} disk
+ * @param {Item[]} parts
+ */
+export function diskTitle(disk, parts) {
+    const device = parts.find(part => part.device)?.device;
+    const words = [device?.vendor, device?.product].filter(word => word?.trim()).join(" ");
+    if (words)
+        return words;
+    return disk.startsWith("mmcblk") ? _("Memory card") : _("Disk");
+}
+
+/**
+ * @param {number | null | undefined} mbit
+ */
+export function speed(mbit) {
+    if (!mbit)
+        return "";
+    const generation = mbit >= 5000 ? "USB 3" : mbit >= 480 ? "USB 2" : "USB 1";
+    return format(_("$0, $1 Mbit/s"), generation, new Intl.NumberFormat(language()).format(mbit));
+}
+
+/**
+ * What an item is called.
+ *
+ * @param {Item} item
+ */
+export function itemTitle(item) {
+    return item.share ?? item.settings?.share_name ?? item.label ?? item.name ?? item.identity ?? "";
+}
+
+/**
+ * Who may enter.
+ *
+ * @param {Item} item
+ */
+export function access(item) {
+    const settings = item.settings;
+    if (!settings)
+        return _("Everybody with a password may read and write.");
+    const names = (/** @type {{name: string}[]} */ users) => users.map(user => user.name).join(", ");
+    const { full_users: full, reading_users: readers, blocked_users: blocked, hidden_users: hidden } = settings;
+    const words = [];
+    if (full.length + readers.length === 0)
+        words.push(_("Everybody with a password may read and write."));
+    if (full.length > 0)
+        words.push(format(_("May read and write: $0."), names(full)));
+    if (readers.length > 0)
+        words.push(format(_("May read: $0."), names(readers)));
+    if (blocked.length > 0)
+        words.push(format(_("May not enter: $0."), names(blocked)));
+    if (hidden.length > 0)
+        words.push(format(_("Do not see it: $0."), names(hidden)));
+    if (settings.guest)
+        words.push(settings.hide_from_guests ? _("Guests may enter, and do not see it.") : _("Guests may enter."));
+    return words.join(" ");
+}
+
+// ---- why something is not mounted ----
+
+/** @type {[RegExp, (...words: string[]) => string][]} */
+const reasons = [
+    [/^is encrypted(?: \((.*)\))?$/, how => how ? format(_("It is encrypted ($0)."), how) : _("It is encrypted.")],
+    [/^is a member of (.+)$/, what => format(_("It is a member of $0."), what)],
+    [/^is a swap area, with a suspended system in it$/, () => _("It is a swap area, with a suspended system in it.")],
+    [/^is a swap area$/, () => _("It is a swap area.")],
+    [/^has a partition table without a partition$/, () => _("It has a partition table without a partition.")],
+    [/^has no filesystem that is known$/, () => _("It has no filesystem that is known.")],
+    [/^looks like several filesystems(?: \((.*)\))?$/, what => format(_("It looks like several filesystems: $0"), what ?? "?")],
+    [/^does not answer: it cannot be read in time$/, () => _("It does not answer: it cannot be read in time.")],
+    [/^cannot be read: (.+)$/, why => format(_("It cannot be read: $0"), why)],
+    [/^is empty: no medium$/, () => _("There is no medium in the reader.")],
+    [/^holds (.+), which (?:mountfs|otherfs) does not name$/, what =>
+        format(_("It holds $0, which the configuration does not name."), what)],
+    [/^holds (.+), which this kernel has no module for$/, what => format(_("It holds $0, which this kernel has no module for."), what)],
+    [/^holds (.+), whose driver ntfs-3g is not installed$/, what =>
+        format(_("It holds $0, whose driver ntfs-3g is not installed."), what)],
+    [/^holds (.+), which the service cannot mount$/, what => format(_("It holds $0, which the service cannot mount."), what)],
+    [/^holds (.+), but (the kernel|ntfs-3g) refused it(?:: (.*))?$/, (what, who, why) =>
+        format(_("It holds $0, but $1 refused it."), what, who === "the kernel" ? _("the kernel") : who) + (why ? ` (${why})` : "")],
+    [/^holds (.+): hibernated, mounted read-only$/, what =>
+        format(_("It holds $0 of a machine that sleeps: mounted read-only."), what)],
+    [/^holds (.+): dirty, mounted read-only$/, what =>
+        format(_("It holds $0 that was not closed well: mounted read-only."), what)],
+    [/^holds (.+) with a journal, mounted read-only$/, what => format(_("It holds $0 with a journal: mounted read-only."), what)],
+    [/^holds (.+), mounted read-only(?:: (.*))?$/, (what, why) =>
+        format(_("It holds $0: mounted read-only."), what) + (why ? ` (${why})` : "")],
+];
+
+/**
+ * A reason as the agent tells it, and what to type against it.
+ *
+ * @param {string | null} text
+ * @returns {{why: string, remedy: string}}
+ */
+export function reason(text) {
+    const [why, remedy = ""] = (text ?? "").split("; type: ");
+    for (const [pattern, say] of reasons) {
+        const match = pattern.exec(why);
+        if (match)
+            return { why: say(...match.slice(1)), remedy };
+    }
+    return { why, remedy };
+}
+
+// ---- events ----
+
+/** @type {Record<string, () => string>} */
+const happenings = {
+    plugged: () => _("$0 is plugged."),
+    mounted: () => _("$0 is mounted."),
+    shared: () => _("$0 is shared as $1."),
+    changed: () => _("The settings of $0 have changed."),
+    busy: () => _("$0 is busy and stays mounted."),
+    unmounted: () => _("$0 is unmounted."),
+    not_mounted: () => _("$0 could not be mounted."),
+    pulled: () => _("$0 is pulled."),
+    forgotten: () => _("$0 has no settings any more."),
+    service_started: () => _("The service has started."),
+    service_ended: () => _("The service has ended."),
+};
+
+/**
+ * @param {Happening} happening
+ */
+export function happening({ event, name, share }) {
+    return format(happenings[event]?.() ?? event, name, share ?? "");
+}
+
+// ---- problems ----
+
+/**
+ * quick: seen without a thorough look; whole: there is no more to it
+ *
+ * @type {Record<string, {quick?: boolean, whole?: boolean, say: () => string}>}
+ */
+const known = {
+    service_not_running: { quick: true, whole: true, say: () => _("The service is not running.") },
+    service_replaced: { quick: true, whole: true, say: () => _("A newer service is installed than the one that runs.") },
+    agent_not_running: { quick: true, say: () => _("No agent tells the service of disks.") },
+    agent_replaced: { quick: true, whole: true, say: () => _("A newer agent is installed than the one that runs.") },
+    bridge_not_running: { quick: true, whole: true, say: () => _("No file-sharing service reads the shares.") },
+    bridge_replaced: { quick: true, whole: true, say: () => _("A newer bridge to Samba is installed than the one that runs.") },
+    tmp_read_only: { quick: true, whole: true, say: () => _("The temporary folder is read-only.") },
+    tmp_full: { quick: true, whole: true, say: () => _("The temporary folder is full.") },
+    settings: { quick: true, say: () => _("A line of the settings is wrong.") },
+    no_such_user: { quick: true, say: () => _("A setting names a user whom there is not.") },
+    name_twice: { quick: true, say: () => _("Two shares have one name.") },
+    not_mounted: { quick: true, say: () => _("A disk is not mounted.") },
+    directory_gone: { quick: true, say: () => _("A shared directory is missing.") },
+    configuration: { say: () => _("A line of the configuration is wrong.") },
+    directory_missing: { say: () => _("A directory that the configuration names is missing.") },
+    other_filesystem: { say: () => _("A file lies where the service cannot replace it.") },
+    open_to_others: { say: () => _("A file may be changed by others than the administrator.") },
+    other_version: { say: () => _("The packages are of different versions.") },
+    label_tool_missing: { say: () => _("A tool that reads labels is missing.") },
+    filesystem_missing: { say: () => _("The kernel lacks a filesystem.") },
+    driver_missing: { whole: true, say: () => _("The driver for NTFS is missing.") },
+    samba_missing: { whole: true, say: () => _("Samba is not installed.") },
+    samba_not_running: { whole: true, say: () => _("Samba is not running.") },
+    samba_not_set_up: { say: () => _("Samba does not know of the shares.") },
+    samba_no_users: { whole: true, say: () => _("Nobody has a Samba password.") },
+    protection_off: { say: () => _("A protection of the kernel is off.") },
+};
+
+/**
+ * Whether a problem is seen without a thorough look.
+ *
+ * @param {string} id
+ */
+export function isQuick(id) {
+    return known[id]?.quick ?? false;
+}
+
+/**
+ * @param {Problem} one
+ */
+export function problem(one) {
+    return known[one.id]?.say() ?? one.text;
+}
+
+/**
+ * What vyhotplugctl says besides: names and places. Null where the sentence tells all.
+ *
+ * @param {Problem} one
+ */
+export function details(one) {
+    return known[one.id]?.whole || !known[one.id] ? null : one.text;
+}
+
+// ---- what was asked for ----
+
+/** @type {Record<string, () => string>} */
+const attempts = {
+    set: () => _("Nothing was changed."),
+    forget: () => _("Nothing was forgotten."),
+    mount: () => _("It was not mounted."),
+    unmount: () => _("It was not unmounted."),
+    force: () => _("It was not taken away."),
+    eject: () => _("It was not ejected: do not pull it yet."),
+};
+
+/** @type {Record<string, () => string>} */
+const running = {
+    set: () => _("Saving ..."),
+    forget: () => _("Forgetting ..."),
+    mount: () => _("Mounting ..."),
+    unmount: () => _("Unmounting ..."),
+    force: () => _("Taking it away ..."),
+    eject: () => _("Ejecting ..."),
+};
+
+/** @type {Record<number, () => string>} */
+const statuses = {
+    3: () => _("The service is not running."),
+    4: () => _("It is busy."),
+    5: () => _("It is no longer there."),
+};
+
+/**
+ * @param {string} verb
+ */
+export function isRunning(verb) {
+    return running[verb]?.() ?? verb;
+}
+
+/**
+ * A sentence or two on what failed.
+ *
+ * @param {{verb: string, status: number | null, message: string}} task
+ */
+export function failure({ verb, status, message }) {
+    const said = message.replace(/^vyhotplugctl: /gm, "").trim();
+    const why = status !== null && statuses[status] ? statuses[status]() : said;
+    return [attempts[verb]?.() ?? "", why].filter(Boolean).join(" ");
+}
+
+/** @type {Record<string, () => string>} */
+const faults = {
+    name_long: () => _("The name is too long: 34 bytes are kept, and most letters beyond a to z take two."),
+    name_blank: () => _("The name begins or ends with a blank."),
+    name_sign: () => _("The name holds a bracket or a control character."),
+    name_used: () => _("Another share has that name."),
+    comment_long: () => _("The comment is too long: 63 bytes are kept."),
+    comment_sign: () => _("The comment holds a control character."),
+};
+
+/**
+ * @param {string} fault
+ */
+export function faultText(fault) {
+    return faults[fault]?.() ?? fault;
+}
+
+/** @type {Record<string, () => string>} */
+const uses = {
+    file: () => _("has a file open"),
+    directory: () => _("works in a directory"),
+    root: () => _("has its root there"),
+    program: () => _("is a program from there"),
+    map: () => _("has a file in memory"),
+};
+
+/**
+ * @param {Holder} holder
+ */
+export function use(holder) {
+    return uses[holder.use]?.() ?? holder.use;
+}
+
+/** @type {[string, () => string][]} */
+export const roleTexts = [
+    ["", () => _("not chosen")],
+    ["full", () => _("reads and writes")],
+    ["readers", () => _("reads")],
+    ["blocked", () => _("may not enter")],
+    ["hidden", () => _("does not see it")],
+];
