@@ -1,7 +1,7 @@
 #include "samba/standing_shares.h"
 
-#include "common/text.h"
 #include "common/include_sections.h"
+#include "common/text.h"
 #include "samba/include_text.h"
 #include "samba/share_name.h"
 #include "samba/text_buffer.h"
