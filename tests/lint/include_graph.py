@@ -24,7 +24,8 @@ COMPANIONS_MAY_INCLUDE = {
     "ctl": {"common", "records"},
     "label": {"common"},
     "prepare": {"common"},
-    "samba": {"common"},
+    "samba": {"common", "share"},
+    "share": {"common"},
 }
 COMPANIONS_SEE = {"lib", "config"}
 # Of these folders, only these headers may be seen from there.
