@@ -12,7 +12,8 @@
 #include <string.h>
 #include <sys/wait.h>
 
-static constexpr char log_tag[] = "server_control";
+// Kept from the time when Samba was the only server: whoever searches the log knows this name.
+static constexpr char log_tag[] = "samba_control";
 static constexpr size_t at_once = 8; // programs that run at the same time
 
 namespace {

@@ -22,6 +22,7 @@ COMPANIONS_MAY_INCLUDE = {
     "common": set(),
     "agent": {"common"},
     "ctl": {"common", "records"},
+    "ksmbd": {"common", "share"},
     "label": {"common"},
     "prepare": {"common"},
     "samba": {"common", "share"},

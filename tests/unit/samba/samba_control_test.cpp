@@ -93,7 +93,7 @@ TEST_F(ServerControlTest, WhatIsClosedBeforeTheReloadHasEndedIsClosedOnceMore)
     EXPECT_LT(text.find("close-share ends\n"), text.find("reload-config ends\n"));
     EXPECT_EQ(text.substr(text.find("reload-config ends\n")),
               "reload-config ends\n4:smbd close-share -- A\nclose-share ends\n");
-    EXPECT_EQ(fake_log_texts(), (std::vector<std::string>{"server_control(#)close share A"}));
+    EXPECT_EQ(fake_log_texts(), (std::vector<std::string>{"samba_control(#)close share A"}));
 }
 
 TEST_F(ServerControlTest, NothingWaitsForAReloadThatHangs)
@@ -138,16 +138,16 @@ TEST_F(ServerControlTest, AFailureEndsNothing)
     tell({"A"});
     EXPECT_EQ(lines_of(read_file(record)), 2U);
     EXPECT_EQ(fake_log_texts(),
-              (std::vector<std::string>{"server_control(#)close share A",
-                                        "server_control(#)smbcontrol failed (3)",
-                                        "server_control(#)smbcontrol failed (3)"}));
+              (std::vector<std::string>{"samba_control(#)close share A",
+                                        "samba_control(#)smbcontrol failed (3)",
+                                        "samba_control(#)smbcontrol failed (3)"}));
 }
 
 TEST_F(ServerControlTest, AProgramThatIsMissingIsAFailureOfTheSameKind)
 {
     tell({});
     EXPECT_EQ(fake_log_texts(),
-              (std::vector<std::string>{"server_control(#)smbcontrol failed (1)"}));
+              (std::vector<std::string>{"samba_control(#)smbcontrol failed (1)"}));
 }
 
 TEST_F(ServerControlTest, WhatHangsIsKilled)
@@ -161,7 +161,7 @@ TEST_F(ServerControlTest, WhatHangsIsKilled)
     EXPECT_EQ(lines_of(read_file(record)), 3U);
     int killed = 0;
     for (const std::string& text : fake_log_texts())
-        killed += text == "server_control(#)smbcontrol does not end, it is killed" ? 1 : 0;
+        killed += text == "samba_control(#)smbcontrol does not end, it is killed" ? 1 : 0;
     EXPECT_EQ(killed, 3);
 }
 
@@ -172,5 +172,5 @@ TEST_F(ServerControlTest, ManySharesHaveMoreTime)
     tell(std::vector<std::string>(20, "A"), 4000);
     EXPECT_EQ(lines_of(read_file(record)), 21U);
     for (const std::string& text : fake_log_texts())
-        EXPECT_EQ(text, "server_control(#)close share A");
+        EXPECT_EQ(text, "samba_control(#)close share A");
 }
