@@ -1,11 +1,16 @@
 """One mount: the service's answer to a request, udisksctl, mount(8) and the bare call."""
 
+import contextlib
 import os
 import sys
 import time
 
 import measure
 import vyworld
+
+
+# What the packages' configuration switches on.
+DELIVERED = {"strict": "enable", "mountflags": "nosuid,nodev,noexec", "adopt": "enable"}
 
 
 def request_pair(target):
@@ -55,6 +60,18 @@ def client_alone(stack, count):
     return runs
 
 
+def mounts_of_service(partition, count, **config):
+    """With its own service; yields behind each mount, so that others can be measured in between."""
+    with contextlib.ExitStack() as stack:
+        service = measure.Service(stack, **config)
+        partition.lay_node()
+        refreshes = service.refreshes()
+        vyworld.send(partition.add_message())
+        service.wait_for_refresh(refreshes + 1)
+        for _ in range(count):
+            yield service_mount(partition)
+
+
 def mounts(results, stack):
     count = measure.rounds(31, 5)
     results.add("mount.client", client_alone(stack, count), "s")
@@ -68,20 +85,18 @@ def mounts(results, stack):
         measure.start_udisks(stack, loops)
     except (RuntimeError, OSError) as error:
         why = str(error)
-    service = measure.Service(stack)
-    partition = measure.make_partition(stack, "sda1")
-    refreshes = service.refreshes()
-    vyworld.send(partition.add_message())
-    service.wait_for_refresh(refreshes + 1)
     own, bare, program, udisks = [], [], [], []
-    for _ in range(count):
-        own.append(service_mount(partition))
+    os.makedirs(vyworld.DEVICE_DIR)
+    partition = measure.make_partition(stack, "sda1")
+    for took in mounts_of_service(partition, count):
+        own.append(took)
         bare.append(int(measure.output(measure.tool("bare_mount"), loops[0].path, "/tmp/there",
                                        "ext4")) / 1e9)
         program.append(mount_program(loops[1]))
         if not why:
             udisks.append(udisks_mount(loops[2]))
     results.add("mount.vyhotplugd", own, "s")
+    results.add("mount.delivered", list(mounts_of_service(partition, count, **DELIVERED)), "s")
     results.add("mount.bare", bare, "s")
     results.add("mount.mount8", program, "s")
     if why:

@@ -219,7 +219,8 @@ void diagnosis_make_readonly(const BlockName& name, const char* type, bool hiber
             hibernated ? "holds NTFS: hibernated, mounted read-only"
                        : "holds NTFS: dirty, mounted read-only");
     } else if (strcmp(type, "hfsplus") == 0) {
-        say_holds(diagnosis, TROUBLE_READ_ONLY, name, " with a journal, mounted read-only");
+        say_holds(diagnosis, TROUBLE_READ_ONLY, name,
+                  " with a journal, or locked: mounted read-only");
     } else {
         char words[diagnosis_words_size];
         (void)snprintf(words, sizeof words, ", mounted read-only%s%s",

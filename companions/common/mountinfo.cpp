@@ -107,8 +107,8 @@ static bool parse_line(char* line, MountinfoEntry* entry)
     entry->directory = next_text(&line);
     if (entry->root == nullptr || entry->directory == nullptr)
         return false;
-    const char* options = next_field(&line); // the mount's own
-    if (options == nullptr || !skip_optional(&line))
+    entry->options = next_field(&line);
+    if (entry->options == nullptr || !skip_optional(&line))
         return false;
     entry->type = next_text(&line);
     entry->source = next_field(&line); // an empty name is one
@@ -117,7 +117,7 @@ static bool parse_line(char* line, MountinfoEntry* entry)
     decode(const_cast<char*>(entry->source));      // points into the table's own text
     const char* of_filesystem = next_field(&line); // null where the kernel tells none
     entry->readonly =
-        says_readonly(options) || (of_filesystem != nullptr && says_readonly(of_filesystem));
+        says_readonly(entry->options) || (of_filesystem != nullptr && says_readonly(of_filesystem));
     return true;
 }
 

@@ -25,6 +25,7 @@ struct MountinfoEntry {
     const char* directory; // where it is mounted
     const char* type;      // "ext4", "fuseblk", ...
     const char* source;    // "/dev/sda1", "tmpfs", ...
+    const char* options;   // the mount's own, "rw,nosuid,relatime", as the kernel writes them
     bool readonly;         // here, or the filesystem wherever it is mounted
 };
 

@@ -82,17 +82,24 @@ static int find(const CallArgs& args, const View& view, Targets* targets)
     return status;
 }
 
+// Looks around, and finds what the target names while the service runs.
+static int find_with_service(const CallArgs& args, View* view, Targets* targets)
+{
+    const int status = look(*args.setup, view);
+    if (status != EXIT_DONE)
+        return status;
+    if (!view->service_runs) {
+        (void)fputs("vyhotplugctl: the service is not running\n", stderr);
+        return EXIT_NO_SERVICE;
+    }
+    return find(args, *view, targets);
+}
+
 static int act_on_targets(const CallArgs& args, int (*act)(const CallArgs&, const Item&))
 {
     View view;
     Targets targets = {};
-    int status = look(*args.setup, &view);
-    if (status == EXIT_DONE && !view.service_runs) {
-        (void)fputs("vyhotplugctl: the service is not running\n", stderr);
-        status = EXIT_NO_SERVICE;
-    }
-    if (status == EXIT_DONE)
-        status = find(args, view, &targets);
+    int status = find_with_service(args, &view, &targets);
     if (status == EXIT_DONE)
         status = for_each(args, targets, act);
     targets_end(&targets);
@@ -247,13 +254,7 @@ int call_eject(const CallArgs& args)
 {
     View view;
     Targets targets = {};
-    int status = look(*args.setup, &view);
-    if (status == EXIT_DONE && !view.service_runs) {
-        (void)fputs("vyhotplugctl: the service is not running\n", stderr);
-        status = EXIT_NO_SERVICE;
-    }
-    if (status == EXIT_DONE)
-        status = find(args, view, &targets);
+    int status = find_with_service(args, &view, &targets);
     if (status == EXIT_DONE && targets.items[0]->name[0] == '\0')
         status = target_missing(args.words[0]);
     else if (status == EXIT_DONE)

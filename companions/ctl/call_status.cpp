@@ -2,7 +2,9 @@
 
 #include "ctl/holders.h"
 #include "ctl/item_json.h"
+#include "ctl/machine.h"
 #include "ctl/problem_text.h"
+#include "ctl/samba.h"
 #include "ctl/settings.h"
 #include "ctl/target.h"
 #include "ctl/view.h"
@@ -219,7 +221,10 @@ static void print_device(FILE* out, const Item& item)
         vendor = vendor != nullptr ? vendor : part->vendor;
         product = product != nullptr ? product : part->product;
         serial = serial != nullptr ? serial : part->serial;
+        char uuid[machine_uuid_size];
         print_line(out, "kernel's name", part->name);
+        if (machine_uuid(part->major, part->minor, uuid))
+            print_line(out, "UUID", uuid);
     }
     print_line(out, "vendor", vendor);
     print_line(out, "product", product);
@@ -240,6 +245,7 @@ static void print_item(FILE* out, const Item& item, const HolderTable& holders)
     if (item.mount != nullptr) {
         print_line(out, "node", item.mount->source);
         print_line(out, "mounted", item.mount->readonly ? "read-only" : "read and write");
+        print_line(out, "mount flags", item.mount->options);
     }
     print_sizes(out, item);
     print_device(out, item);
@@ -247,6 +253,7 @@ static void print_item(FILE* out, const Item& item, const HolderTable& holders)
     item_access(item, who, sizeof who);
     print_line(out, "who may enter", who);
     print_settings(out, item.settings);
+    samba_print_share(out, item.directory);
     if (holders.count > 0)
         fprintf(out, "%18s\n", "held by");
     holders_print(out, holders);
@@ -256,10 +263,12 @@ static void print_item(FILE* out, const Item& item, const HolderTable& holders)
 static int hold(const Item& item, HolderTable* holders)
 {
     *holders = {};
-    if (item.mount == nullptr || holders_find(*item.mount, holders) == 0)
-        return EXIT_DONE;
-    perror("vyhotplugctl");
-    return EXIT_FAILED;
+    if (item.mount != nullptr && holders_find(*item.mount, holders) != 0) {
+        perror("vyhotplugctl");
+        return EXIT_FAILED;
+    }
+    samba_name_clients(holders);
+    return EXIT_DONE;
 }
 
 static void print_one(const CallArgs& args, const Item& item, const HolderTable& holders,
@@ -277,6 +286,8 @@ static void print_one(const CallArgs& args, const Item& item, const HolderTable&
     }
     json_begin(&json, call);
     item_json(&json, "item", item, whole);
+    if (whole)
+        samba_share_json(&json, "samba", item.directory);
     holders_json(&json, "holders", holders);
     json_end(&json);
 }

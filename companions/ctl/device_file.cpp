@@ -220,7 +220,8 @@ static int write_locked(Work* work, EditStep step)
     block_signals(false);
     if (result != 0)
         return fail(work->setup->config->deviceconfigpath, result);
-    return told == 0 ? 0 : fail("the service", told);
+    // One that has just ended is seen, and told, by who waits for it.
+    return told == 0 || told == -ESRCH ? 0 : fail("the service", told);
 }
 
 // ---- what the service holds ----

@@ -188,6 +188,26 @@ void holders_end(HolderTable* table)
 
 // ---- telling ----
 
+static void print_client(FILE* out, const Holder& holder)
+{
+    if (holder.client_machine[0] == '\0')
+        return;
+    (void)fputs(", for ", out);
+    (void)text_show(out, holder.client_user, sizeof holder.client_user);
+    (void)fputs(" at ", out);
+    (void)text_show(out, holder.client_machine, sizeof holder.client_machine);
+}
+
+static void write_client(Json* json, const Holder& holder)
+{
+    if (holder.client_machine[0] == '\0')
+        return json_null(json, "client");
+    json_open(json, "client", '{');
+    json_text(json, "user", holder.client_user);
+    json_text(json, "machine", holder.client_machine);
+    json_close(json, '}');
+}
+
 void holders_print(FILE* out, const HolderTable& table)
 {
     for (size_t i = 0; i < table.count; i++) {
@@ -199,6 +219,7 @@ void holders_print(FILE* out, const HolderTable& table)
         fprintf(out, " (process %ld of %s, %s) ", static_cast<long>(holder.pid), user,
                 use_words[holder.use]);
         (void)text_show(out, holder.file != nullptr ? holder.file : "", PATH_MAX);
+        print_client(out, holder);
         (void)fputc('\n', out);
     }
 }
@@ -217,6 +238,7 @@ void holders_json(Json* json, const char* key, const HolderTable& table)
         json_text(json, "command", holder.command);
         json_text(json, "use", use_words[holder.use]);
         json_text(json, "file", holder.file);
+        write_client(json, holder);
         json_close(json, '}');
     }
     json_close(json, ']');

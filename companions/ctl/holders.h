@@ -10,12 +10,16 @@
 // How a process holds it.
 enum HolderUse : uint8_t { HOLDS_FILE, HOLDS_DIRECTORY, HOLDS_ROOT, HOLDS_PROGRAM, HOLDS_MAP };
 
+constexpr size_t holder_client_size = 64; // bytes with the NUL
+
 struct Holder {
     pid_t pid;
     uid_t uid;
     HolderUse use;
     char command[32];
-    char* file; // the path as the process sees it; owned, may be null
+    char* file;                              // the path as the process sees it; owned, may be null
+    char client_user[holder_client_size];    // whom a process of Samba's serves; empty for others
+    char client_machine[holder_client_size]; // and where
 };
 
 struct HolderTable {

@@ -1,5 +1,6 @@
 #include "ctl/item_json.h"
 
+#include "ctl/machine.h"
 #include "ctl/settings.h"
 
 #include <stdlib.h>
@@ -90,11 +91,15 @@ static void write_device(Json* json, const Item& item)
     write_size(json, "speed_mbit_per_s", speed != nullptr ? strtoull(speed, nullptr, 10) : 0,
                speed != nullptr);
     json_text(json, "kernel_name", part != nullptr ? part->name : nullptr);
+    char uuid[machine_uuid_size];
+    const bool known = part != nullptr && machine_uuid(part->major, part->minor, uuid);
+    json_text(json, "uuid", known ? uuid : nullptr);
     json_text(json, "node", item.mount != nullptr ? item.mount->source : nullptr);
     json_text(json, "mounted_as",
               item.mount == nullptr  ? nullptr
               : item.mount->readonly ? "read-only"
                                      : "read-write");
+    json_text(json, "mount_flags", item.mount != nullptr ? item.mount->options : nullptr);
     json_close(json, '}');
 }
 

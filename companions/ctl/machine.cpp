@@ -10,6 +10,8 @@
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
@@ -131,6 +133,23 @@ bool machine_ask(const char* program, const char* word, FileBytes* answer)
     int status = -1;
     return vy_wait(pid, VY_WAIT_INTERRUPT, &status, ask_limit_ms) == 0 && status == 0 &&
            result == 0;
+}
+
+// ---- devices ----
+
+bool machine_uuid(uint32_t major, uint32_t minor, char (&uuid)[machine_uuid_size])
+{
+    const DirGuard links(opendir("/dev/disk/by-uuid"));
+    while (const dirent* entry = links ? readdir(links.get()) : nullptr) {
+        struct stat status;
+        if (strlen(entry->d_name) >= sizeof uuid ||
+            fstatat(dirfd(links.get()), entry->d_name, &status, 0) != 0 ||
+            !S_ISBLK(status.st_mode) || status.st_rdev != makedev(major, minor))
+            continue;
+        (void)str_cpy(uuid, entry->d_name);
+        return true;
+    }
+    return false;
 }
 
 // ---- the kernel ----

@@ -3,6 +3,9 @@
 
 #include "lib/file.h"
 
+// What the bridge writes for Samba, and Samba includes.
+constexpr char machine_samba_include[] = "/run/vynas-samba/shares.conf";
+
 // Whether a process runs under that name.
 [[nodiscard]] bool machine_runs(const char* name);
 
@@ -18,6 +21,12 @@
 
 // Whether the kernel has the filesystem, or a module for it.
 [[nodiscard]] bool machine_has_filesystem(const char* name);
+
+constexpr size_t machine_uuid_size = 64; // bytes with the NUL
+
+// Writes the UUID, or a FAT volume's number, of the filesystem on the device with these numbers, as
+// udev has read it. Returns false where udev knows none, or there is no udev.
+[[nodiscard]] bool machine_uuid(uint32_t major, uint32_t minor, char (&uuid)[machine_uuid_size]);
 
 // Runs "program word" for up to 10 seconds. Returns whether it ended well, what it printed, up to 1
 // MiB of it, in `answer`.

@@ -21,7 +21,6 @@
 
 static constexpr char service_pid_file[] = "/var/run/vynas-fssd.pid";
 static constexpr char samba_config[] = "/etc/samba/smb.conf";
-static constexpr char include_mark[] = "/run/vynas-samba/shares.conf";
 
 namespace {
 
@@ -313,7 +312,7 @@ static void look_at_samba(Look* look)
     if (!machine_runs("smbd"))
         add(look, "samba_not_running", false, "systemctl start smbd", "Samba is not running");
     if (file_read_all(samba_config, 0, 1 << 20, &config) == 0 &&
-        strstr(config.bytes.get(), include_mark) == nullptr)
+        strstr(config.bytes.get(), machine_samba_include) == nullptr)
         add(look, "samba_not_set_up", false, "vynas-samba-setup enable",
             "%s does not include the shares", samba_config);
     if (geteuid() == 0 && machine_ask("pdbedit", "-L", &users) && users.size == 0)

@@ -3,6 +3,7 @@
 #include "common/clock.h"
 #include "ctl/holders.h"
 #include "ctl/progress.h"
+#include "ctl/samba.h"
 #include "ctl/service.h"
 #include "lib/str.h"
 #include "lib/sys.h"
@@ -90,6 +91,7 @@ static bool is_free(const Item& item, bool told)
     const bool none = holders.count == 0;
     if (told && !none) {
         fprintf(stderr, "%s is busy:\n", item.name);
+        samba_name_clients(&holders);
         holders_print(stderr, holders);
     }
     holders_end(&holders);

@@ -2,7 +2,7 @@
 
 #include "lib/str.h"
 #include "share/include_file.h"
-#include "share/include_sections.h"
+#include "common/include_sections.h"
 #include "share/text_buffer.h"
 
 #include <errno.h>

@@ -2,7 +2,7 @@
 
 #include "config/ini.h"
 #include "lib/guard.h"
-#include "share/include_sections.h"
+#include "common/include_sections.h"
 
 #include <errno.h>
 #include <string.h>

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""docs/troubleshooting.md tells every line that the programs log, and none that they do not.
+"""docs/log-lines.md tells every line that the programs log, and none that they do not.
 
 usage: log_lines.py SOURCE_DIRECTORY
 
@@ -11,7 +11,7 @@ import pathlib
 import re
 import sys
 
-PAGE = "docs/troubleshooting.md"
+PAGE = "docs/log-lines.md"
 LEVELS = {"LOG_EMERG": 0, "LOG_ALERT": 1, "LOG_CRIT": 2, "LOG_ERR": 3, "LOG_WARNING": 4,
           "LOG_NOTICE": 5, "LOG_INFO": 6, "LOG_DEBUG": 7}
 

@@ -183,7 +183,7 @@ static void sweep_functions(Strikes* strikes, const std::map<std::string, int>& 
                     return;
                 strikes->fail(
                     call + " " + std::to_string(nth) + " fails with errno " + std::to_string(error),
-                    [&] { plan(call, nth, error); }, struck);
+                    [&, failing = call] { plan(failing, nth, error); }, struck);
             }
         }
         strikes->expect_of(call);

@@ -1,4 +1,4 @@
-"""What docs/administration.md and docs/security.md tell administrators to do works as it is told."""
+"""What docs/administration.md, docs/hook.md and docs/security.md tell administrators to do works as it is told."""
 
 import os
 import re
@@ -54,7 +54,7 @@ class Administration(SystemTest):
     # ---- every text ----
 
     def test_every_shell_text_can_be_read(self):
-        texts = [text for page in ("administration.md", "security.md", "troubleshooting.md")
+        texts = [text for page in ("administration.md", "hook.md", "security.md", "troubleshooting.md")
                  for text in blocks(page)]
         for text in texts:
             vyworld.run("sh", "-n", "-c", text)
@@ -136,7 +136,7 @@ class Administration(SystemTest):
 
     def plug_stick_with_inbox(self):
         cover("/srv")
-        self.install_hook(block("administration.md", "copy_files()"))
+        self.install_hook(block("hook.md", "copy_files()"))
         self.start_daemon()
         stick = self.make_partition("sda1")
         self.plug(stick)
@@ -171,7 +171,7 @@ class Administration(SystemTest):
     def test_a_hook_lights_a_lamp(self):
         cover("/sys/class")
         os.makedirs("/sys/class/leds/storage")
-        self.install_hook(block("administration.md", "Lights a lamp"))
+        self.install_hook(block("hook.md", "Lights a lamp"))
         self.start_daemon()
         first, second = self.make_partition("sda1"), self.make_partition("sdb1")
         seen = []
@@ -183,7 +183,7 @@ class Administration(SystemTest):
         self.assertEqual(read("/sys/class/leds/storage/trigger"), "none\n")
 
     def test_a_hook_tells_of_events(self):
-        hook = block("administration.md", "sendmail")
+        hook = block("hook.md", "sendmail")
         self.install_hook(hook.replace("/usr/sbin/sendmail", "sendmail"))
         self.install("sendmail", "cat > /tmp/mail.part\nmv /tmp/mail.part /tmp/mail\n")
         self.start_daemon()

@@ -2,6 +2,7 @@
 
 import contextlib
 import hashlib
+import json
 import os
 import re
 import shutil
@@ -262,3 +263,34 @@ class Restart(Together):
         vyworld.libc.umount2(self.stick.directory.encode(), vyworld.MNT_DETACH)
         self.wait_until("it is withdrawn", lambda: self.exported() == [])
         self.wait_for_log("samba_control(#)close share Drive(A1)")
+
+
+class Command(Together):
+    """What vyhotplugctl tells of Samba's clients and of what Samba shares."""
+
+    def setUp(self):
+        super().setUp()
+        shutil.copy(os.path.join(os.environ["VY_BIN"], "vyhotplugctl"), vyworld.PROGRAMS)
+
+    def ctl(self, *arguments):
+        return self.tool("vyhotplugctl", "-f", vyworld.CONFIG, *arguments)
+
+    def test_whom_samba_serves(self):
+        self.start_all("sda1")
+        path = self.sticks[0].directory + "/who"
+        with self.held_open("Drive(A1)", path, "anna"):
+            held = json.loads(self.ctl("who", "sda1", "--json").out)["holders"]
+            self.assertIn((path, {"user": "anna", "machine": "127.0.0.1"}),
+                          [(holder["file"], holder["client"]) for holder in held])
+            done = self.ctl("unmount", "sda1", "--wait", "1")
+            self.assertEqual(done.status, 4, done.err)
+            self.assertRegex(done.err, rf"(?m)^  smbd \(process .*, file\) {re.escape(path)}, for anna at 127\.0\.0\.1$")
+
+    def test_what_samba_shares(self):
+        self.start_all("sda1", "sda2")
+        section = vyworld.read(samba_world.INCLUDE).split("[Drive(A1)]\n")[1].split("[")[0]
+        told = json.loads(self.ctl("show", "sda1", "--json").out)["samba"]
+        self.assertEqual(told, {"name": "Drive(A1)", "parameters": dict(re.findall(r"\t(.*?) = (.*)\n", section))})
+        self.assertEqual(told["parameters"]["path"], self.sticks[0].directory)
+        self.assertIn("          in Samba  Drive(A1)\n" + " " * 20 + f"path = {self.sticks[0].directory}\n",
+                      self.ctl("show", "sda1").out)

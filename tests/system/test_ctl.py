@@ -439,6 +439,19 @@ class Settings(CtlTest):
         self.assertIn(other.identifier, held)
         self.assertIn(f"Path={other.directory}\n", read(vyworld.SHARE_FILE))
 
+    def test_a_service_that_ends_before_it_is_told(self):
+        self.require_strace()
+        self.plug_one()
+        command = ["strace", "-qq", "-o", "/dev/null", "-e", "inject=renameat2:delay_exit=4000000:when=1",
+                   vyworld.PROGRAMS + "/vyhotplugctl", "-f", vyworld.CONFIG, "--sysfs", SYSFS, "set", "sda1", "share=Music"]
+        with subprocess.Popen(command, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
+                              env=vyworld.environment(traced=True)) as ctl:
+            self.wait_until("it is written", lambda: "Music" in read(vyworld.DEVICE_FILE))
+            self.daemon.signal(signal.SIGKILL)
+            self.daemon.process.wait()
+            self.assertIn(b"counts from its next start", ctl.stderr.read())
+            self.assertEqual(ctl.wait(vyworld.LIMIT), NO_SERVICE)
+
     def test_a_service_that_ends_meanwhile(self):
         self.plug_one()
         self.daemon.signal(signal.SIGSTOP)

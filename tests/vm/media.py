@@ -13,7 +13,8 @@ PATH = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
 KINDS = {"fat32": (40, "c"), "fat16": (16, "e"), "ext2": (8, "83"), "ext3": (8, "83"), "ext4": (8, "83"),
          "ntfs": (8, "7"), "corrupt": (8, "83"), "empty": (8, "83"), "broken-ext4": (8, "83"),
          "broken-fat": (40, "c"), "signature-exfat": (8, "7"), "exfat": (8, "7"), "f2fs": (64, "83"),
-         "btrfs": (128, "83"), "xfs": (320, "83"), "udf": (8, "7"), "iso9660": (2, "cd"), "swap": (8, "82"),
+         "btrfs": (128, "83"), "xfs": (320, "83"), "udf": (8, "7"), "iso9660": (2, "cd"),
+         "journaled-hfsplus": (8, "af"), "locked-hfsplus": (8, "af"), "swap": (8, "82"),
          "luks": (20, "83"), "raid": (8, "fd"), "lvm": (8, "8e"), "bitlocker": (8, "7"), "romfs": (8, "83"),
          "several": (64, "83"), "hibernated": (8, "7")}
 
@@ -125,6 +126,26 @@ class Filesystem:
         shutil.rmtree(folder)
         run("dd", f"if={path}.iso", f"of={path}", "bs=1M", "conv=notrunc")
         os.unlink(path + ".iso")
+
+    # Bits of a volume header's attributes, as TN1150 ("HFS Plus Volume Format") has them.
+    HFSPLUS_BITS = {"journaled": 1 << 13, "locked": 1 << 15}
+
+    def _hfsplus(self, path):
+        """A volume as it lies in a CD image for Macs, with a copy of its last header where the partition ends."""
+        folder = self._content(path)
+        run("xorriso", "-as", "mkisofs", "-quiet", "-hfsplus", *self._label("-V"), "-o", path + ".iso", folder)
+        shutil.rmtree(folder)
+        with open(path + ".iso", "rb") as file:
+            image = file.read()
+        os.unlink(path + ".iso")
+        entry = next(at for at in range(512, 32768, 512) if image[at + 48:at + 58] == b"Apple_HFS\0")
+        start, size = (512 * sectors for sectors in struct.unpack_from(">II", image, entry + 8))
+        volume = bytearray(image[start:start + size])
+        for at in (1024, size - 1024):
+            bits, = struct.unpack_from(">I", volume, at + 4)
+            bits = bits & ~self.HFSPLUS_BITS["locked"] | self.HFSPLUS_BITS[self.kind.split("-")[0]]
+            struct.pack_into(">I", volume, at + 4, bits)
+        self._write(path, (0, volume), (self.size * MIB - 1024, volume[size - 1024:size - 512]))
 
     # ---- what is no filesystem ----
 

@@ -150,6 +150,25 @@ class Large(OtherTest):
         self.wait_for_mounts()
         self.assert_same(before, self.wait_for_idle())
 
+    def test_disks_of_macs(self):
+        """Those with a journal, and those that are locked, are for reading; the agent says so."""
+        before = self.wait_for_idle()
+        self.plug("mac", Filesystem("journaled-hfsplus", "JOURNAL"), Filesystem("locked-hfsplus", "LOCKED"), serial="MAC")
+        self.wait_for_mounts("sda1", "sda2")
+        lines = self.wait_for_lines("sda1", "sda2")
+        state = self.wait_for_idle()
+        for name, label in (("sda1", "JOURNAL"), ("sda2", "LOCKED")):
+            self.assertEqual(lines[name][1:], ["read-only", "hfsplus", f"{name} holds hfsplus with a journal, or locked: "
+                                               "mounted read-only", f"fsck.hfsplus /dev/{name}"])
+            self.assert_file(name, f"this is {label}\n")
+            self.assertEqual(state.share(name)[""], f"{label}(A{name[-1]})")
+            self.assertEqual(state.share(name).get("Read Only"), "Enable")
+        self.assertEqual({mount.name: mount.type for mount in state.mounts}, {"sda1": "hfsplus", "sda2": "hfsplus"})
+        self.vm.pull("mac")
+        self.wait_for_mounts()
+        self.wait_for_lines()
+        self.assert_same(before, self.wait_for_idle())
+
     @long_on("x86")
     def test_a_file_larger_than_four_gibibytes_on_exfat(self):
         self.plug("card", Filesystem("exfat", "VIDEO", size=6000), table=None, serial="CARD")

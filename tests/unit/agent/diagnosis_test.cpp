@@ -188,7 +188,7 @@ TEST_F(DiagnosisTest, OfWhatIsMountedReadOnly)
     } rows[] = {
         {"fuseblk", true, "", "sda1 holds NTFS: hibernated, mounted read-only", ""},
         {"ntfs3", false, "", "sda1 holds NTFS: dirty, mounted read-only", "ntfsfix /dev/sda1"},
-        {"hfsplus", false, "", "sda1 holds hfsplus with a journal, mounted read-only",
+        {"hfsplus", false, "", "sda1 holds hfsplus with a journal, or locked: mounted read-only",
          "fsck.hfsplus /dev/sda1"},
         {"udf", false, "", "sda1 holds udf, mounted read-only", ""},
         {"vfat", false, "FAT-fs (sda1): x", "sda1 holds vfat, mounted read-only: FAT-fs (sda1): x",

@@ -414,8 +414,9 @@ TEST_F(LookoutTest, TellsOfWhatIsMountedReadOnly)
 {
     plug();
     mount("8:1 /media/vyhotplug/sda1 /dev/vyhotplug/sda1 hfsplus ro");
-    EXPECT_EQ(kept(), "sda1\t8:1\tread-only\thfsplus\tsda1 holds hfsplus with a journal, mounted "
-                      "read-only\tfsck.hfsplus /dev/sda1\n");
+    EXPECT_EQ(kept(),
+              "sda1\t8:1\tread-only\thfsplus\tsda1 holds hfsplus with a journal, or locked: "
+              "mounted read-only\tfsck.hfsplus /dev/sda1\n");
     mount("9:9 /x /y");
     EXPECT_EQ(kept(), "");
 }

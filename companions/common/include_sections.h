@@ -1,4 +1,4 @@
-// The sections of an include file's text, which may be anything. [global], which ends the file, is
+// The sections of the text that Samba includes, which may be anything. [global], which ends the file, is
 // no share and passed over. Touches no world; everything is lent from the text.
 #pragma once
 

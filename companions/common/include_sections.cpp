@@ -1,4 +1,4 @@
-#include "share/include_sections.h"
+#include "common/include_sections.h"
 
 #include <string.h>
 

@@ -1,0 +1,163 @@
+#include "ctl/samba.h"
+
+#include "common/include_sections.h"
+#include "ctl/json_read.h"
+#include "ctl/machine.h"
+#include "ctl/terminal.h"
+#include "lib/str.h"
+
+#include <string.h>
+
+static constexpr char server[] = "smbd"; // the name of its processes
+
+// ---- clients ----
+
+namespace {
+
+// A session of smbstatus, while its lines come: who it is of is told before or behind its process.
+struct Session {
+    HolderTable* table;
+    char id[json_key_size];
+    int32_t pid;
+    char user[holder_client_size];
+    char machine[holder_client_size];
+};
+
+} // namespace
+
+static bool is_samba(const Holder& holder)
+{
+    return strcmp(holder.command, server) == 0;
+}
+
+static void give(const Session& session)
+{
+    for (size_t i = 0; i < session.table->count; i++) {
+        Holder* holder = &session.table->holders[i];
+        if (!is_samba(*holder) || holder->pid != session.pid)
+            continue;
+        str_ncpy(holder->client_user, session.user, sizeof holder->client_user);
+        str_ncpy(holder->client_machine, session.machine, sizeof holder->client_machine);
+    }
+}
+
+// sessions.<id>.username, .remote_machine, .server_id.pid
+static void take_session(void* context, const JsonPath& path, const char* value)
+{
+    auto* session = static_cast<Session*>(context);
+    if (path.count < 3 || strcmp(path.keys[0], "sessions") != 0)
+        return;
+    if (strcmp(session->id, path.keys[1]) != 0) {
+        session->pid = 0;
+        session->user[0] = '\0';
+        session->machine[0] = '\0';
+        (void)str_cpy(session->id, path.keys[1]);
+    }
+    if (strcmp(path.keys[2], "username") == 0)
+        str_ncpy(session->user, value, sizeof session->user);
+    else if (strcmp(path.keys[2], "remote_machine") == 0)
+        str_ncpy(session->machine, value, sizeof session->machine);
+    else if (path.count == 4 && strcmp(path.keys[2], "server_id") == 0 &&
+             strcmp(path.keys[3], "pid") == 0 && str_to_long(value, &session->pid, 10) != 0)
+        session->pid = 0;
+    if (session->pid > 0)
+        give(*session);
+}
+
+void samba_read_clients(const char* answer, size_t size, HolderTable* table)
+{
+    Session session = {.table = table, .id = "", .pid = 0, .user = "", .machine = ""};
+    // What stood before a fault is true all the same.
+    (void)json_read(answer, size, take_session, &session);
+}
+
+void samba_name_clients(HolderTable* table)
+{
+    FileBytes answer;
+    bool any = false;
+    for (size_t i = 0; i < table->count; i++)
+        any |= is_samba(table->holders[i]);
+    if (any && machine_ask("smbstatus", "--json", &answer))
+        samba_read_clients(answer.bytes.get(), answer.size, table);
+}
+
+// ---- shares ----
+
+// Finds the share with that directory. Lends it from the text, without its header.
+static bool find_share(const char* directory, FileBytes* text, IncludeSection* share)
+{
+    if (directory == nullptr || file_read_all(machine_samba_include, 0, FILE_ANY_SIZE, text) != 0)
+        return false;
+    const Span wanted = {.begin = directory, .size = strlen(directory)};
+    const char* at = text->bytes.get();
+    while (include_section_next(&at, share)) {
+        Span path;
+        if (include_section_value(share, "path", &path) && span_is(path, wanted)) {
+            Span header;
+            (void)span_next_line(&share->text, &header); // each section has one
+            return true;
+        }
+    }
+    return false;
+}
+
+// Takes the next line "<tab>key = value" apart; what is longer than there is room for is cut.
+static bool next_parameter(IncludeSection* share, char (&key)[64], char (&value)[2048])
+{
+    static constexpr char between[] = " = ";
+    Span line;
+    while (span_next_line(&share->text, &line)) {
+        const auto* equals =
+            static_cast<const char*>(memmem(line.begin, line.size, between, sizeof between - 1));
+        if (!span_begins(line, "\t") || equals == nullptr)
+            continue;
+        const char* begin = equals + sizeof between - 1;
+        (void)snprintf(key, sizeof key, "%.*s", static_cast<int>(equals - line.begin - 1),
+                       line.begin + 1);
+        (void)snprintf(value, sizeof value, "%.*s",
+                       static_cast<int>(line.begin + line.size - begin), begin);
+        return true;
+    }
+    return false;
+}
+
+void samba_print_share(FILE* out, const char* directory)
+{
+    FileBytes text;
+    IncludeSection share;
+    char key[64];
+    char value[2048];
+    if (!find_share(directory, &text, &share))
+        return;
+    (void)snprintf(value, sizeof value, "%.*s", static_cast<int>(share.name.size),
+                   share.name.begin);
+    fprintf(out, "%18s  ", "in Samba");
+    (void)text_show(out, value, sizeof value);
+    (void)fputc('\n', out);
+    while (next_parameter(&share, key, value)) {
+        fprintf(out, "%20s", "");
+        (void)text_show(out, key, sizeof key);
+        (void)fputs(" = ", out);
+        (void)text_show(out, value, sizeof value);
+        (void)fputc('\n', out);
+    }
+}
+
+void samba_share_json(Json* json, const char* key, const char* directory)
+{
+    FileBytes text;
+    IncludeSection share;
+    char name[64];
+    char value[2048];
+    if (!find_share(directory, &text, &share))
+        return json_null(json, key);
+    (void)snprintf(value, sizeof value, "%.*s", static_cast<int>(share.name.size),
+                   share.name.begin);
+    json_open(json, key, '{');
+    json_text(json, "name", value);
+    json_open(json, "parameters", '{');
+    while (next_parameter(&share, name, value))
+        json_text(json, name, value);
+    json_close(json, '}');
+    json_close(json, '}');
+}
