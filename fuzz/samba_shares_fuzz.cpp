@@ -45,6 +45,7 @@ static bool user_name(int32_t id, char (&name)[user_name_size])
 static const RightsSettings settings = {.administrator = "root",
                                         .guest = "nobody",
                                         .forceuser = "",
+                                        .own = nullptr,
                                         .user_name = user_name,
                                         .user_fits = include_user_fits};
 

@@ -1,5 +1,5 @@
-// The sections of the text that Samba includes, which may be anything. [global], which ends the file, is
-// no share and passed over. Touches no world; everything is lent from the text.
+// The sections of the text that Samba includes, which may be anything. [global], which ends the
+// file, is no share and passed over. Touches no world; everything is lent from the text.
 #pragma once
 
 #include <stddef.h>

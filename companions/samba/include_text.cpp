@@ -2,6 +2,7 @@
 
 #include "common/text.h"
 #include "lib/str.h"
+#include "samba/macs.h"
 #include "share/path_fault.h"
 #include "share/share_lines.h"
 
@@ -96,7 +97,6 @@ static void write_access(TextBuffer* text, const Rights* rights, const RightsSet
 int include_text_share(TextBuffer* text, const ExportedShare* exported, const Rights* rights,
                        const RightsSettings* settings, Notes* notes)
 {
-    (void)notes; // all that a share can be, Samba can
     const Share* share = exported->share;
     MemGuard<char> comment(strdup(share->comment != nullptr ? share->comment : ""));
     if (!comment)
@@ -107,5 +107,6 @@ int include_text_share(TextBuffer* text, const ExportedShare* exported, const Ri
     share_line_switch(text, "strict sync", share->sync);
     share_line_switch(text, "sync always", share->sync);
     write_access(text, rights, settings);
+    macs_write(text, exported, rights, settings->own, notes);
     return 0;
 }

@@ -2,6 +2,7 @@
 
 #include "lib/process.h"
 #include "samba/include_text.h"
+#include "samba/macs.h"
 #include "share/include_file.h"
 
 static constexpr char help[] =
@@ -60,7 +61,9 @@ const ShareServer samba_server = {
     .keys = {.includepath = {"includepath", "/run/vynas-samba/shares.conf", bridge_config_is_path},
              .control = {"smbcontrol", "smbcontrol", bridge_config_is_given},
              .user_fits = include_user_fits,
-             .own = {}},
+             .own = {{"macs", "disable", macs_is_switch},
+                     {"timemachine", "", macs_is_list},
+                     {"timemachinesize", "", macs_is_size}}},
     .names = {.forbidden = "%<>*?|/\\+=;:\",[]", .size = share_name_size, .accepts = nullptr},
     .harmless_lines = harmless_lines,
     .path_fault = include_path_fault,

@@ -127,6 +127,15 @@ static bool is_present(const ShareServer* server, const Share* share, const Worl
     return false;
 }
 
+static const char* filesystem_of(const Share* share, const World* world)
+{
+    const Mountinfo* mounts = world->mounts.get();
+    const MountinfoEntry* mount = share_mount_is_wanted(&world->root, share->path)
+                                      ? share_mount_find(&world->root, share->path, mounts)
+                                      : mountinfo_find(mounts, share->path);
+    return mount != nullptr ? mount->type : "";
+}
+
 // Fills `present` with the shares that can be exported. Returns their number.
 static size_t select_present(const ShareServer* server, const World* world, Notes* notes,
                              ExportedShare* present)
@@ -142,7 +151,10 @@ static size_t select_present(const ShareServer* server, const World* world, Note
         if (readonly && !share->readonly)
             notes_add(notes, LOG_INFO, "share %s is read-only: %s is mounted so", share->name,
                       share->path);
-        present[count++] = {.share = share, .name = nullptr, .readonly_mount = readonly};
+        present[count++] = {.share = share,
+                            .name = nullptr,
+                            .readonly_mount = readonly,
+                            .filesystem = filesystem_of(share, world)};
     }
     return count;
 }
@@ -164,6 +176,7 @@ static int write_text(const Bridge* bridge, ExportedShare* shares, size_t count,
     const RightsSettings settings = {.administrator = bridge->config->administrator,
                                      .guest = bridge->config->guest,
                                      .forceuser = bridge->config->forceuser,
+                                     .own = bridge->config->own,
                                      .user_name = user_name,
                                      .user_fits = bridge->server->keys.user_fits};
     return share_list_make(bridge->server, shares, count, &settings, notes, text);

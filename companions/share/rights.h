@@ -19,12 +19,15 @@ struct ExportedShare {
     const Share* share;
     const char* name;
     bool readonly_mount = false; // its directory is mounted read-only
+    const char* filesystem = ""; // as the kernel calls it; borrowed
 };
 
 struct RightsSettings {
     const char* administrator; // user names, borrowed; user_fits holds for each
     const char* guest;
     const char* forceuser; // everybody works as this user; null or empty for none
+
+    const char* const* own; // values of the server's own keys, borrowed; null for none of them
 
     // Writes the name of a user id; false when no user has it.
     bool (*user_name)(int32_t id, char (&name)[user_name_size]);

@@ -1,8 +1,8 @@
 #include "share/shares_to_close.h"
 
+#include "common/include_sections.h"
 #include "config/ini.h"
 #include "lib/guard.h"
-#include "common/include_sections.h"
 
 #include <errno.h>
 #include <string.h>

@@ -1,7 +1,7 @@
 #include "share/standing_shares.h"
 
-#include "common/text.h"
 #include "common/include_sections.h"
+#include "common/text.h"
 #include "share/share_name.h"
 #include "share/share_server.h"
 #include "share/text_buffer.h"

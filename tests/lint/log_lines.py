@@ -18,6 +18,7 @@ LEVELS = {"LOG_EMERG": 0, "LOG_ALERT": 1, "LOG_CRIT": 2, "LOG_ERR": 3, "LOG_WARN
 # Folders where texts are handed on: the function, and the place of the level among its arguments. The module
 # is that of the file where the VY_LOG is.
 HANDED_ON = {"companions/prepare": ("tell", 0), "companions/ksmbd": ("notes_add", 1, "bridge"),
+              "companions/samba": ("notes_add", 1, "bridge"),
               "companions/share": ("notes_add", 1)}
 
 STRING = r'"(?:[^"\\]|\\.)*"'

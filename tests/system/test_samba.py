@@ -548,6 +548,19 @@ class Testparm(SambaTest):
         vyworld.write(INCLUDE, done.out)
         return done.out
 
+    def test_what_macs_get_is_accepted(self):
+        vyworld.write(OWN_CONFIG, "macs = enable\ntimemachine = On ext4\ntimemachinesize = 500G\n")
+        shares = {"On ext4": self.mount_disk("sda1"), "Elsewhere": FIXED}
+        self.make_include("".join(share(name, path) for name, path in shares.items()))
+        found = samba_world.testparm(SMB_CONF)
+        self.assertEqual(found["On ext4"]["vfs objects"], "catia fruit streams_xattr")
+        self.assertEqual(found["On ext4"]["fruit:time machine"], "yes")
+        self.assertEqual(found["On ext4"]["fruit:time machine max size"], "500G")
+        self.assertEqual(found["Elsewhere"]["vfs objects"], "catia fruit")
+        self.start_samba()
+        for name in shares:
+            self.assertTrue(self.may_write(name, "anna"), name)
+
     def test_every_file_is_accepted_and_means_what_it_should(self):
         seed = random.randrange(1 << 32)
         vyworld.log(f"seed {seed}")

@@ -34,6 +34,7 @@ bool user_name(int32_t id, char (&name)[user_name_size])
 const RightsSettings usual = {.administrator = "root",
                               .guest = "nobody",
                               .forceuser = "",
+                              .own = nullptr,
                               .user_name = user_name,
                               .user_fits = ksmbd_user_fits};
 

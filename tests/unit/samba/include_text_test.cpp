@@ -39,6 +39,7 @@ bool user_name(int32_t id, char (&name)[user_name_size])
 const RightsSettings usual = {.administrator = "root",
                               .guest = "nobody",
                               .forceuser = "",
+                              .own = nullptr,
                               .user_name = user_name,
                               .user_fits = include_user_fits};
 
@@ -273,6 +274,7 @@ TEST(IncludeText, OtherNamesForAdministratorAndGuest)
     const RightsSettings other = {.administrator = "carl",
                                   .guest = "dora",
                                   .forceuser = "anna",
+                                  .own = nullptr,
                                   .user_name = user_name,
                                   .user_fits = include_user_fits};
     EXPECT_EQ(access("Administrator=ReadOnly\nGuest Access=Enable\nFull Access Users=0,\n", other),
