@@ -1,8 +1,8 @@
 #include "ksmbd/ksmbd_file.h"
 
+#include "common/include_sections.h"
 #include "lib/str.h"
 #include "share/include_file.h"
-#include "common/include_sections.h"
 #include "share/text_buffer.h"
 
 #include <errno.h>
