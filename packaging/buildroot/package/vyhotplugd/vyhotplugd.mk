@@ -52,7 +52,7 @@ ifeq ($(BR2_PACKAGE_VYHOTPLUGD_SAMBA),y)
 VYHOTPLUGD_DEPENDENCIES += samba4
 define VYHOTPLUGD_INSTALL_INIT_SERVER
 	$(INSTALL) -D -m 0755 $(VYHOTPLUGD_APPLIANCE)/vynas-samba.init \
-		$(TARGET_DIR)/etc/init.d/S92vynas-samba
+		$(TARGET_DIR)/etc/init.d/S93vynas-samba
 endef
 else
 VYHOTPLUGD_POST_INSTALL_TARGET_HOOKS += VYHOTPLUGD_REMOVE_SAMBA
@@ -62,11 +62,11 @@ ifeq ($(BR2_PACKAGE_VYHOTPLUGD_KSMBD),y)
 define VYHOTPLUGD_INSTALL_INIT_SERVER
 	sed 's/vynas-samba/vynas-ksmbd/g; s/Samba/ksmbd/g' \
 		$(VYHOTPLUGD_APPLIANCE)/vynas-samba.init \
-		> $(TARGET_DIR)/etc/init.d/S92vynas-ksmbd
-	chmod 0755 $(TARGET_DIR)/etc/init.d/S92vynas-ksmbd
+		> $(TARGET_DIR)/etc/init.d/S93vynas-ksmbd
+	chmod 0755 $(TARGET_DIR)/etc/init.d/S93vynas-ksmbd
 	$(INSTALL) -D -m 0755 \
-		$(BR2_EXTERNAL_VYHOTPLUGD_PATH)/package/vyhotplugd/S93ksmbd \
-		$(TARGET_DIR)/etc/init.d/S93ksmbd
+		$(BR2_EXTERNAL_VYHOTPLUGD_PATH)/package/vyhotplugd/S92ksmbd \
+		$(TARGET_DIR)/etc/init.d/S92ksmbd
 endef
 else
 VYHOTPLUGD_POST_INSTALL_TARGET_HOOKS += VYHOTPLUGD_REMOVE_KSMBD
