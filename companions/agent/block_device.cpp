@@ -190,19 +190,29 @@ static bool read_numbers(const char* directory, BlockDevice* device)
            str_to_long(colon + 1, &device->minor, 10) == 0;
 }
 
+// The number of a directory of sysfs, which is another one whenever the kernel makes the device
+// anew; 0 where it is not there.
+static uint64_t read_incarnation(const char* directory)
+{
+    struct stat status;
+    return stat(directory, &status) == 0 ? status.st_ino : 0;
+}
+
 // Reads what is the device's own, and puts it into the list if it is there. Returns 0; -ENOMEM.
 static int read_own(const char* directory, const char* sequence, BlockDevice* device,
                     BlockList* list)
 {
+    const uint64_t incarnation = read_incarnation(directory);
     read_text(directory, "ro", device->readonly, sizeof device->readonly, device);
     read_holder(directory, device);
-    struct stat status;
-    const uint64_t inode = stat(directory, &status) == 0 ? status.st_ino : 0;
     // Last, as the kernel takes "dev" away before it sends the remove event: with its numbers still
     // there, all of the above was its own.
     if (!read_numbers(directory, device))
         return 0;
-    device->identity = make_identity(*device, inode, sequence);
+    // What was made anew meanwhile has an event to come, and is read then.
+    if (read_incarnation(directory) != incarnation)
+        return 0;
+    device->identity = make_identity(*device, incarnation, sequence);
     BlockDevice* held = list->devices.take();
     auto* grown = static_cast<BlockDevice*>(realloc(held, (list->count + 1) * sizeof *held));
     if (grown == nullptr) {

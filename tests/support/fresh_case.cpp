@@ -75,7 +75,7 @@ static std::string content_of(const std::string& path, const struct stat& status
 static void walk(const std::string& folder, dev_t device, std::map<std::string, Kept>* found)
 {
     for (const std::string& name : names_in(folder)) {
-        const std::string path = (folder == "/" ? "" : folder) + "/" + name;
+        const std::string path = folder + "/" + name;
         Kept kept = {};
         if (lstat(path.c_str(), &kept.status) != 0 || kept.status.st_dev != device)
             continue;
@@ -85,13 +85,17 @@ static void walk(const std::string& folder, dev_t device, std::map<std::string, 
     }
 }
 
+// The root directory, under a name that an emulator with a root of its own for libraries does not
+// lead elsewhere.
+constexpr char root[] = "/proc/self/root";
+
 // The world's own files: its root directory's, and the empty /sys/block.
 static std::map<std::string, Kept> own_files()
 {
     std::map<std::string, Kept> found;
-    for (const char* folder : {"/", "/sys/block"}) {
+    for (const char* folder : {root, "/sys/block"}) {
         struct stat status;
-        if (lstat(folder, &status) == 0)
+        if (stat(folder, &status) == 0)
             walk(folder, status.st_dev, &found);
     }
     return found;
@@ -244,8 +248,8 @@ static size_t count_threads()
     return names_in("/proc/self/task").size();
 }
 
-// A thread that was joined is seen for a moment longer. The thread sanitizer has threads of its own:
-// one more behind a fork, and one more with the first that the program begins.
+// A thread that was joined is seen for a moment longer. The thread sanitizer has threads of its
+// own: one more behind a fork, and one more with the first that the program begins.
 static bool has_more_threads()
 {
 #ifdef __SANITIZE_THREAD__

@@ -1,7 +1,10 @@
 """The hotplug agent: what it tells the daemon, of which devices, and how often."""
 
+import contextlib
+import glob
 import os
 import re
+import shutil
 import signal
 import socket
 import struct
@@ -20,6 +23,15 @@ def add_event(devpath, major, minor):
     items = ["ACTION=add", f"DEVPATH={devpath}", "SUBSYSTEM=block", f"MAJOR={major}",
              f"MINOR={minor}", "DEVNAME=" + devpath.rsplit("/", 1)[1], "SEQNUM=1"]
     return "".join(item + "\0" for item in [f"add@{devpath}", *items]).encode()
+
+
+def held_files():
+    """Of all processes."""
+    found = set()
+    for path in glob.glob("/proc/[0-9]*/fd/*"):
+        with contextlib.suppress(OSError):
+            found.add(os.readlink(path))
+    return found
 
 
 class ColdPlug(AgentTest):
@@ -210,6 +222,22 @@ class MachinesDisks(AgentTest):
                 self.assertEqual(opens.count(path), 1, path)
         if not os.environ.get("VY_SANITIZE"):  # whose libraries open files of their own
             self.assertLess(len(opens), 150)
+
+    def test_a_partition_that_is_made_anew_while_it_is_read_is_not_listed(self):
+        """Half of it would be the old one's, and the next look would take it for a third."""
+        self.require_strace()
+        self.set_mounts()
+        directory = os.path.realpath(SYSFS + "/block/sda/sda2")
+        with subprocess.Popen(["strace", "-qq", "-o", AGENT_TRACE, "-P", SYSFS + "/block/sda/sda2/ro", "-e",
+                               "inject=/^open:delay_exit=4000000", "-e", "signal=none", *self.command("--list")],
+                              stdout=subprocess.PIPE, env=vyworld.environment(True)) as agent:
+            self.wait_until("it reads", lambda: directory + "/ro" in held_files())
+            os.rename(directory, directory + "-before")
+            shutil.copytree(directory + "-before", directory)
+            listed = agent.stdout.read().decode()
+        self.assertIn("ACTION=add,MAJOR=8,MINOR=1,", listed)
+        self.assertNotIn("MINOR=2,", listed)
+        self.assertIn("ACTION=add,MAJOR=8,MINOR=2,", "\n".join(self.list()))
 
     def test_this_machines_own_disks_are_safe(self):
         # Whatever runs the tests: its root is on none of the devices that would be told of.

@@ -13,6 +13,7 @@ endmacro()
 
 if(VY_C_LIBRARY)
   vy_leave_out("mntent(3) of uClibc and musl knows no octal codes"
+    MountLineTest.NamesWithBlanksAreRead
     MountTest.ABlankInThePathIsNotedAsItsOctalCode
     MtabRemove.FindsAndKeepsPathsWithBlanks)
 endif()

@@ -137,9 +137,9 @@ TEST_F(DiagnosisTest, OfWhatWasRefused)
         {"vfat", CONF_DEV_FS_UNKNOWN, "FAT-fs (sda1): bogus number of FATs",
          "refused sda1 holds vfat, but the kernel refused it: FAT-fs (sda1): bogus number of FATs "
          "[fsck.vfat /dev/sda1]"},
-        {"xfs", CONF_DEV_FS_XFS, "XFS (sda1): SB validate failed with error -117.",
-         "refused sda1 holds xfs, but the kernel refused it: Structure needs cleaning (XFS (sda1): "
-         "SB validate failed with error -117.) [xfs_repair /dev/sda1]"},
+        {"xfs", CONF_DEV_FS_XFS, "XFS (sda1): SB validate failed with error -5.",
+         "refused sda1 holds xfs, but the kernel refused it: Input/output error (XFS (sda1): "
+         "SB validate failed with error -5.) [xfs_repair /dev/sda1]"},
         {"exfat", CONF_DEV_FS_EXFAT, "exFAT-fs (sda1): x",
          "refused sda1 holds exfat, but the kernel refused it: exFAT-fs (sda1): x "
          "[fsck.exfat /dev/sda1]"},

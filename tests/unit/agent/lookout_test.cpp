@@ -316,15 +316,14 @@ TEST_F(LookoutTest, IsNotPatientWhereTheKernelHasSpoken)
     kernel_says("XFS (sda1): of an earlier stick -5");
     plug();
     kernel_says("FAT-fs (sda1): bogus number of FATs");
-    kernel_says("XFS (sda1): SB validate failed with error -117.");
+    kernel_says("XFS (sda1): SB validate failed with error -5.");
     advance(1);
     blkid_says("xfs");
     wait_for_answer();
     ASSERT_EQ(logged().size(), 1U);
-    EXPECT_EQ(logged()[0],
-              "sda1 holds xfs, but the kernel refused it: Structure needs cleaning (XFS "
-              "(sda1): SB validate failed with error -117.); to check it: xfs_repair "
-              "/dev/sda1");
+    EXPECT_EQ(logged()[0], "sda1 holds xfs, but the kernel refused it: Input/output error (XFS "
+                           "(sda1): SB validate failed with error -5.); to check it: xfs_repair "
+                           "/dev/sda1");
 }
 
 TEST_F(LookoutTest, WhatIsMountedWhileItWaitsIsNotTold)
