@@ -1,12 +1,10 @@
 #include "ksmbd/ksmbd_file.h"
 
 #include "common/include_sections.h"
-#include "lib/str.h"
 #include "share/include_file.h"
 #include "share/text_buffer.h"
 
 #include <errno.h>
-#include <stdlib.h>
 #include <string.h>
 #include <strings.h>
 
@@ -96,14 +94,13 @@ int ksmbd_file_read(const char* path, const char* base, char** text)
     const size_t before = static_cast<size_t>(list - content.get());
     const bool same =
         strlen(global.get()) == before && memcmp(content.get(), global.get(), before) == 0;
-    const size_t size = strlen(list) + 2;
-    MemGuard<char> copy(static_cast<char*>(malloc(size)));
-    if (!copy)
+    TextBuffer copy = {};
+    const TextBufferGuard held(&copy);
+    text_buffer_add(&copy, "%s%s", list, same ? "" : "\n");
+    if (copy.failed)
         return -ENOMEM;
-    const size_t length = strlen(list);
-    memcpy(copy.get(), list, length);
-    str_cpy(copy.get() + length, same ? "" : "\n");
-    *text = copy.take();
+    *text = copy.text;
+    copy.text = nullptr; // handed on
     return 0;
 }
 

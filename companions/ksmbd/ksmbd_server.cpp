@@ -67,13 +67,14 @@ static pid_t reload(const BridgeConfig* config)
 
 static void tell_ended(int ended)
 {
-    if (ended == -EOPNOTSUPP)
+    if (ended == -EOPNOTSUPP) {
         VY_LOG(LOG_ERR, "this kernel cannot end connections (CONFIG_INET_DIAG_DESTROY): shares stay"
                         " in use while clients are connected");
-    else if (ended < 0)
+    } else if (ended < 0) {
         VY_LOG(LOG_ERR, "cannot end the clients' connections (%d)", -ended);
-    else if (ended > 0)
+    } else if (ended > 0) {
         VY_LOG(LOG_INFO, "%d connections are ended", ended);
+    }
 }
 
 // Without the kernel's server the port is somebody else's.
