@@ -4,9 +4,11 @@
 //
 // Input: the share file.
 #include "samba/include_text.h"
-#include "samba/share.h"
-#include "samba/share_name.h"
-#include "samba/shares_to_close.h"
+#include "samba/samba_server.h"
+#include "share/share.h"
+#include "share/share_list.h"
+#include "share/share_name.h"
+#include "share/shares_to_close.h"
 
 #include "common/text.h"
 #include "support/check.h"
@@ -40,8 +42,12 @@ static bool user_name(int32_t id, char (&name)[user_name_size])
     return true;
 }
 
-static const IncludeSettings settings = {
-    .administrator = "root", .guest = "nobody", .forceuser = "", .user_name = user_name};
+static const RightsSettings settings = {.administrator = "root",
+                                        .guest = "nobody",
+                                        .forceuser = "",
+                                        .own = nullptr,
+                                        .user_name = user_name,
+                                        .user_fits = include_user_fits};
 
 // Every line ends where it should, and holds printable text.
 static void check_text(const std::string& text)
@@ -131,7 +137,8 @@ static void check_names(const std::vector<ExportedShare>& shares)
 static size_t count_closed(const char* old_text, const char* new_text)
 {
     SectionListGuard names;
-    check_equal(shares_to_close(old_text, new_text, names.out()), 0, "the texts are compared");
+    check_equal(shares_to_close(old_text, new_text, samba_server.harmless_lines, names.out()), 0,
+                "the texts are compared");
     return names->count;
 }
 
@@ -159,14 +166,15 @@ void fuzz(Input& input)
     std::vector<ShareName> names(shares.size());
     for (size_t i = 0; i < shares.size(); i++)
         names[i].original = shares[i].share->name;
-    share_names_map(names.data(), names.size(), &notes);
+    share_names_map(&samba_server.names, names.data(), names.size(), &notes);
     for (size_t i = 0; i < shares.size(); i++)
         shares[i].name = names[i].exported;
     check_names(shares);
 
     MemGuard<char> text;
-    check_equal(include_text_make(shares.data(), shares.size(), &settings, &notes, text.out()), 0,
-                "the text is made");
+    check_equal(
+        share_list_make(&samba_server, shares.data(), shares.size(), &settings, &notes, text.out()),
+        0, "the text is made");
     check_text(text.get());
     const std::vector<Section> sections = read_sections(text.get());
     check_equal(static_cast<int64_t>(sections.size()), static_cast<int64_t>(shares.size()) + 1,

@@ -1,5 +1,4 @@
-// The text of the include file: a section of smb.conf(5) for each exported share. Touches no world;
-// user names come from a callback.
+// A share in the include file: a section of smb.conf(5). Touches no world.
 //
 // Parameters that widen access are written in every section, so that no default of smb.conf's
 // [global] applies: "read only", "guest ok", "guest only", "write list", "admin users" (always
@@ -27,38 +26,13 @@
 // not see it either.
 #pragma once
 
-#include "samba/notes.h"
-#include "samba/share.h"
+#include "share/rights.h"
+#include "share/text_buffer.h"
 
-#include <stddef.h>
-#include <stdint.h>
-
-// The text's last line: else the lines behind smb.conf's include line would belong to the last
-// share.
-constexpr char include_text_foot[] = "[global]\n";
-
-constexpr size_t user_name_size = 256; // bytes with the NUL
-
-// A share whose lists are right (share_wrong_user) and the name it is exported under, both
-// borrowed.
-struct ExportedShare {
-    const Share* share;
-    const char* name;
-    bool readonly_mount = false; // its directory is mounted read-only
-};
-
-struct IncludeSettings {
-    const char* administrator; // user names, borrowed; include_user_fits holds for each
-    const char* guest;
-    const char* forceuser; // everybody works as this user; null or empty for none
-
-    // Writes the name of a user id; false when no user has it.
-    bool (*user_name)(int32_t id, char (&name)[user_name_size]);
-};
-
-// Makes the text. Returns 0 and an owned text; -ENOMEM, `text` untouched.
-[[nodiscard]] int include_text_make(const ExportedShare* shares, size_t count,
-                                    const IncludeSettings* settings, Notes* notes, char** text);
+// Adds a share's section. Returns 0 or -ENOMEM; a text that could not grow is marked as failed.
+[[nodiscard]] int include_text_share(TextBuffer* text, const ExportedShare* exported,
+                                     const Rights* rights, const RightsSettings* settings,
+                                     Notes* notes);
 
 // Returns null for a path that smb.conf can hold exactly; else what it cannot hold: "a control
 // character", ...

@@ -22,9 +22,11 @@ COMPANIONS_MAY_INCLUDE = {
     "common": set(),
     "agent": {"common"},
     "ctl": {"common", "records"},
+    "ksmbd": {"common", "share"},
     "label": {"common"},
     "prepare": {"common"},
-    "samba": {"common"},
+    "samba": {"common", "share"},
+    "share": {"common"},
 }
 COMPANIONS_SEE = {"lib", "config"}
 # Of these folders, only these headers may be seen from there.

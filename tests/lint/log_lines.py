@@ -17,7 +17,9 @@ LEVELS = {"LOG_EMERG": 0, "LOG_ALERT": 1, "LOG_CRIT": 2, "LOG_ERR": 3, "LOG_WARN
 
 # Folders where texts are handed on: the function, and the place of the level among its arguments. The module
 # is that of the file where the VY_LOG is.
-HANDED_ON = {"companions/prepare": ("tell", 0), "companions/samba": ("notes_add", 1)}
+HANDED_ON = {"companions/prepare": ("tell", 0), "companions/ksmbd": ("notes_add", 1, "bridge"),
+              "companions/samba": ("notes_add", 1, "bridge"),
+              "companions/share": ("notes_add", 1)}
 
 STRING = r'"(?:[^"\\]|\\.)*"'
 COMMENT_OR_STRING = re.compile(rf"//[^\n]*|/\*.*?\*/|({STRING}|'(?:[^'\\]|\\.)*')", re.DOTALL)
@@ -80,8 +82,8 @@ def lines_of(module, level, text):
 def logged_in(folder, paths):
     """Every line of the files of a folder, as (line, path); (None, fault) for what cannot be read."""
     texts = {path: without_comments(path.read_text()) for path in paths}
-    function, place = HANDED_ON.get(folder, (None, 0))
-    hander = None
+    function, place, hander = (*HANDED_ON.get(folder, (None, 0)), None)[:3]
+
     for path, text in texts.items():
         tag = TAG.search(text)
         module = tag and tag.group(1)[1:-1]

@@ -8,6 +8,7 @@ import signal
 import stat
 import subprocess
 import time
+import xml.etree.ElementTree
 
 import samba_world
 import vyworld
@@ -548,6 +549,19 @@ class Testparm(SambaTest):
         vyworld.write(INCLUDE, done.out)
         return done.out
 
+    def test_what_macs_get_is_accepted(self):
+        vyworld.write(OWN_CONFIG, "macs = enable\ntimemachine = On ext4\ntimemachinesize = 500G\n")
+        shares = {"On ext4": self.mount_disk("sda1"), "Elsewhere": FIXED}
+        self.make_include("".join(share(name, path) for name, path in shares.items()))
+        found = samba_world.testparm(SMB_CONF)
+        self.assertEqual(found["On ext4"]["vfs objects"], "catia fruit streams_xattr")
+        self.assertEqual(found["On ext4"]["fruit:time machine"], "yes")
+        self.assertEqual(found["On ext4"]["fruit:time machine max size"], "500G")
+        self.assertEqual(found["Elsewhere"]["vfs objects"], "catia fruit")
+        self.start_samba()
+        for name in shares:
+            self.assertTrue(self.may_write(name, "anna"), name)
+
     def test_every_file_is_accepted_and_means_what_it_should(self):
         seed = random.randrange(1 << 32)
         vyworld.log(f"seed {seed}")
@@ -617,6 +631,28 @@ class Setup(BridgeTest):
         self.assertEqual(self.check_both_ways("[global]\nworkgroup = X\n"),
                          "[global]\nworkgroup = X\n# vynas-samba: begin\n[global]\n"
                          f"\tinclude = {INCLUDE}\n# vynas-samba: end\n")
+
+    def test_the_network_is_told_where_avahi_is(self):
+        service = "/etc/avahi/services/vynas-samba.service"
+        os.makedirs(os.path.dirname(service))
+        config = "/etc/vynas-samba/vynas-samba.conf"
+        os.makedirs(os.path.dirname(config))
+        vyworld.write(config, "timemachine = other\nTime Machine =  Backup & <more>,, Second \n[x]\ntimemachine = no\n")
+        vyworld.write(SMB_CONF, "[global]\n")
+        self.assertEqual(self.setup("enable").status, 0)
+        self.assertIn(f"\tinclude = {INCLUDE}\n\tmulticast dns register = no\n", vyworld.read(SMB_CONF))
+        told = {entry.find("type").text: [record.text for record in entry.findall("txt-record")]
+                for entry in xml.etree.ElementTree.parse(service).findall("service")}
+        self.assertEqual(told, {"_smb._tcp": [], "_device-info._tcp": ["model=MacSamba"],
+                                "_adisk._tcp": ["sys=waMa=0,adVF=0x100", "dk0=adVN=Backup & <more>,adVF=0x82",
+                                                "dk1=adVN=Second,adVF=0x82"]})
+        self.assertEqual(stat.S_IMODE(os.stat(service).st_mode), 0o644)
+        self.assertEqual(self.setup("disable").status, 0)
+        self.assertEqual(os.listdir(os.path.dirname(service)), [])
+        vyworld.write(service, "mine")
+        for task in ("enable", "disable"):
+            self.assertEqual(self.setup(task).status, 0)
+            self.assertEqual(vyworld.read(service), "mine")
 
     def test_files_of_every_kind(self):
         for text in ("", "\n", "\n\n\n", "[global]", "[global]\nworkgroup = X",

@@ -27,6 +27,9 @@ CACHE = os.path.join(PROJECT, "build", "cache", "vm")
 MODULES = ("usb-storage uas xhci-pci ehci-pci ohci-pci uhci-hcd sd_mod sdhci-pci mmc_block vfat nls_cp437 nls_ascii"
            " nls_iso8859-1 nls_utf8 ext4 crc32c_generic fuse").split()
 
+# The kernel's file server and a card to reach it by, loaded by the tests that need them: "sh /vm/load server".
+SERVER = "e1000 ecb cmac ccm gcm ctr sha512_generic ksmbd tcp_diag".split()
+
 # Filesystems besides the service's five, loaded by the tests that need them: "sh /vm/load others".
 OTHERS = "crc32_generic exfat f2fs btrfs xfs hfsplus udf isofs".split()
 
@@ -36,6 +39,7 @@ GUEST_FILES = {"init": "init", "vm/load": "load", "etc/vyhotplugd/evhook": "hook
 # Where the service and its companions are installed, where their build puts them, and other names of theirs.
 PROGRAMS = {"usr/bin/vyhotplugctl": "vyhotplugctl",
             "usr/sbin/vyhotplugd": "vyhotplugd", "usr/sbin/vyhotplug-agent": "vyhotplug-agent",
+            "usr/sbin/vynas-ksmbd": "vynas-ksmbd",
             "usr/libexec/vyhotplugd/mlabel": "libexec/mlabel",
             "usr/libexec/vyhotplugd/vyhotplug-prepare": "vyhotplug-prepare"}
 LINKS = {"usr/sbin/vymount": "vyhotplugd", "usr/sbin/vyunmount": "vyhotplugd", "usr/sbin/vyhotpluginfo": "vyhotplugd",
@@ -57,6 +61,8 @@ class Kind:
     preset: str = "release"
     append: str = ""  # words for the kernel
     needed: tuple = ("@vm",)  # packages on this machine, for tests/support/install-packages
+    server: bool = False  # with ksmbd's programs
+    suite: str = ""  # Debian's, for the kernel; this machine's unless named
     sysroot: str = ""  # the script of cmake/ that makes the service's C library, where it is not Debian's
 
     @property
@@ -81,12 +87,23 @@ class Kind:
         return os.path.join(self.build, "initramfs")
 
 
+# ksmbd's programs, of Debian's next release and with its libraries: those of this one answer the kernel's questions in a
+# form that its kernel has stopped to accept, and every share is unknown then.
+SERVER_SUITE = "trixie"
+SERVER_PACKAGES = ("ksmbd-tools", "libc6", "libglib2.0-0t64", "libatomic1", "libpcre2-8-0", "libnl-3-200",
+                   "libnl-genl-3-200")
+SERVER_PROGRAMS = ("adduser", "control", "mountd")
+
 PACKAGES = ("busybox-static", "ntfs-3g", "libntfs-3g89", "libc6", "libblkid1", "util-linux")
 KINDS = {
     "x86": Kind("x86", "amd64", "linux-image-amd64", PACKAGES, ("qemu-system-x86_64", "-M", "pc"),
                 ("dummy_hcd", "usb_f_mass_storage"), ("lib/x86_64-linux-gnu", "usr/lib/x86_64-linux-gnu"),
                 # On a busy machine the kernel finds its timer late, and gives up.
                 append="no_timer_check"),
+    # For ksmbd, of Debian's next release: in this one's kernel (6.1.170 to 6.1.192 were tried) it dereferences a null
+    # pointer when a client opens a directory.
+    "server": Kind("server", "amd64", "linux-image-amd64", PACKAGES, ("qemu-system-x86_64", "-M", "pc"), (),
+                   ("lib/x86_64-linux-gnu", "usr/lib/x86_64-linux-gnu"), append="no_timer_check", server=True, suite=SERVER_SUITE),
     "mips": Kind("mips", "mipsel", "linux-image-4kc-malta", PACKAGES, ("qemu-system-mipsel", "-M", "malta"),
                  (), ("lib/mipsel-linux-gnu", "usr/lib/mipsel-linux-gnu"), preset="mips-uclibc",
                  needed=("@vm", "@vm-mips"), sysroot="build-uclibc-sysroot"),
@@ -110,19 +127,29 @@ def run(*command, quiet=True, **options):
 # ---- foreign packages ----
 
 
-def apt(*arguments, **options):
-    """apt with its state and its downloads in the cache, and both architectures."""
-    folder = os.path.join(CACHE, "apt")
+def archive():
+    """Where this machine gets Debian's packages from."""
+    return run("apt-get", "indextargets", "--format", "$(REPO_URI)", "Created-By: Packages", "Label: Debian").split()[0]
+
+
+def apt(*arguments, suite="", **options):
+    """apt with its state and its downloads in the cache, and both architectures; of another suite, if one is named."""
+    folder = os.path.join(CACHE, "apt" + suite)
     for name in ("state/lists/partial", "cache/archives/partial"):
         os.makedirs(os.path.join(folder, name), exist_ok=True)
     with open(os.path.join(folder, "status"), "a", encoding="ascii"):
         pass
     config = os.path.join(folder, "apt.conf")
-    names = "".join(f' "{kind.architecture}";' for kind in KINDS.values())
+    names = "".join(f' "{name}";' for name in sorted({kind.architecture for kind in KINDS.values()}))
     with open(config, "w", encoding="ascii") as file:
         file.write(f'APT::Architectures {{{names} }};\nAPT::Sandbox::User "root";\n'
                    f'Dir::State "{folder}/state";\nDir::State::status "{folder}/status";\n'
                    f'Dir::Cache "{folder}/cache";\n')
+        if suite:
+            file.write(f'Dir::Etc::sourcelist "{folder}/sources.list";\nDir::Etc::sourceparts "{folder}";\n')
+    if suite:
+        with open(os.path.join(folder, "sources.list"), "w", encoding="ascii") as file:
+            file.write(f"deb [signed-by=/usr/share/keyrings/debian-archive-keyring.gpg] {archive()} {suite} main\n")
     return run(*arguments, env={**os.environ, "APT_CONFIG": config, "LC_ALL": "C"}, **options)
 
 
@@ -134,18 +161,42 @@ def fetch(kind):
     shutil.rmtree(kind.folder, ignore_errors=True)
     packages = os.path.join(kind.folder, "packages")
     os.makedirs(packages)
-    apt("apt-get", "update", "-q")
-    depends = apt("apt-cache", "depends", f"{kind.kernel}:{kind.architecture}")
-    kernel = re.search(r"Depends: (linux-image-\d[^\s:]*)", depends)[1]
-    names = [f"{name}:{kind.architecture}" for name in (kernel, *kind.packages)]
+    for suite in {"", kind.suite}:
+        apt("apt-get", "update", "-q", suite=suite)
+    depends = apt("apt-cache", "depends", f"{kind.kernel}:{kind.architecture}", suite=kind.suite)
+    kernel = re.search(r"Depends: (linux-image-\d[^\s:]*)", depends)[1] + f":{kind.architecture}"
+    names = [f"{name}:{kind.architecture}" for name in kind.packages]
+    apt("apt-get", "download", "-qq", kernel, suite=kind.suite, cwd=packages)
     apt("apt-get", "download", "-qq", *names, cwd=packages)
+    names.insert(0, kernel)
     for package in glob.glob(packages + "/*.deb"):
         run("dpkg-deb", "-x", package, kind.root)
     shutil.rmtree(packages)
+    for module in glob.glob(kind.root + "/**/*.ko.xz", recursive=True):
+        run("xz", "-d", module)
     image, = glob.glob(kind.root + "/boot/vmlinu*")
     unpack_kernel(image, kind.kernel_image)
     with open(os.path.join(kind.folder, "fetched"), "w", encoding="ascii") as file:
         file.write("\n".join(names) + "\n")
+
+
+def fetch_server(kind):
+    """The kernel's file server's programs, once; returns where they are."""
+    root = os.path.join(kind.folder, "server")
+    if os.path.exists(root):
+        return root
+    say(f"{kind.name}: downloading ksmbd's programs")
+    packages = os.path.join(kind.folder, "server-packages")
+    shutil.rmtree(packages, ignore_errors=True)
+    os.makedirs(packages)
+    apt("apt-get", "update", "-q", suite=SERVER_SUITE)
+    names = [f"{name}:{kind.architecture}" for name in SERVER_PACKAGES]
+    apt("apt-get", "download", "-qq", *names, suite=SERVER_SUITE, cwd=packages)
+    for package in glob.glob(packages + "/*.deb"):
+        run("dpkg-deb", "-x", package, packages + "/root")
+    os.rename(packages + "/root", root)
+    shutil.rmtree(packages)
+    return root
 
 
 def unpack_kernel(image, out):
@@ -161,7 +212,10 @@ def unpack_kernel(image, out):
         except lzma.LZMAError:
             at = wrapped.find(magic, at + 1)
     else:
-        sys.exit(f"{image}: no kernel in it")
+        kernel = None
+    if kernel is None:  # packed in another way: the machine unpacks it itself
+        shutil.copy(image, out)
+        return
     with open(out, "wb") as file:
         file.write(kernel if kernel.startswith(b"\x7fELF") else malta_elf(wrapped, kernel))
 
@@ -256,9 +310,33 @@ def add_needed(archive, program, known, folders):
         add_needed(archive, found[0], known, folders)
 
 
+def add_server(archive, kind):
+    """ksmbd's programs with libraries and a loader of their own, below /ksmbd."""
+    root = fetch_server(kind)
+    folders = [os.path.join(root, path) for path in kind.libraries]
+    tools = os.path.join(root, "usr/libexec/ksmbd.tools")
+    archive.copy("ksmbd/ksmbd.tools", tools)
+    found = {}
+
+    def visit(program):
+        libraries, loader = needed_by(program)
+        for name in libraries + ([os.path.basename(loader)] if loader else []):
+            if name not in found:
+                found[name] = next(path for path in (f"{folder}/{name}" for folder in folders) if os.path.exists(path))
+                visit(found[name])
+
+    visit(tools)
+    for name, path in found.items():
+        archive.copy(f"ksmbd/{name}", path)
+    loader = os.path.basename(needed_by(tools)[1])
+    for name in SERVER_PROGRAMS:
+        archive.content(f"usr/sbin/ksmbd.{name}", f"#!/bin/sh\nexec /ksmbd/{loader} --argv0 ksmbd.{name} "
+                        f"--library-path /ksmbd /ksmbd/ksmbd.tools \"$@\"\n".encode())
+
+
 def module_files(kind):
     """The kernel's modules: name to path, and the names of those that are built in."""
-    folder, = glob.glob(kind.root + "/lib/modules/*")
+    folder, = glob.glob(kind.root + "/lib/modules/*") + glob.glob(kind.root + "/usr/lib/modules/*")
     files = {}
     for place, _, names in os.walk(folder):
         for name in names:
@@ -307,7 +385,7 @@ def build_sysroot(kind):
 
 
 def build_guest_program(kind):
-    compiler = {"x86": "g++", "mips": "mipsel-linux-gnu-g++"}[kind.name]
+    compiler = {"amd64": "g++", "mipsel": "mipsel-linux-gnu-g++"}[kind.architecture]
     source = os.path.join(FOLDER, "guest", "guest.cpp")
     program = os.path.join(kind.build, "guest")
     if not os.path.exists(program) or os.path.getmtime(program) < os.path.getmtime(source):
@@ -331,11 +409,13 @@ def make_initramfs(kind, programs, sysroot):
     folders = [os.path.join(kind.root, path) for path in kind.libraries]
     for name in ("bin/ntfs-3g", "sbin/blkid"):
         add_program(archive, name, os.path.join(kind.root, name), known, folders)
+    if kind.server:
+        add_server(archive, kind)
     if sysroot:
         folders = [os.path.join(sysroot, "lib")]
     for name, program in PROGRAMS.items():
         add_program(archive, name, os.path.join(programs, program), known, folders)
-    for list_name, names in (("order", MODULES), ("more", kind.modules), ("others", OTHERS)):
+    for list_name, names in (("order", MODULES), ("more", kind.modules), ("others", OTHERS), ("server", SERVER)):
         order = modules_in_order(kind, names)
         for name, path in order.items():
             archive.copy(f"modules/{name}.ko", path)

@@ -1,4 +1,6 @@
-#include "samba/bridge_config.h"
+#include "share/bridge_config.h"
+
+#include "samba/samba_server.h"
 
 #include "fake/fake_log.h"
 #include "support/failing_memory.h"
@@ -16,7 +18,7 @@ const std::string path = "/tmp/vynas-samba.conf";
 BridgeConfig* load(const std::string& text)
 {
     write_file(path, text);
-    BridgeConfig* config = bridge_config_load(path.c_str());
+    BridgeConfig* config = bridge_config_load(path.c_str(), &samba_server.keys);
     EXPECT_NE(config, nullptr);
     return config;
 }
@@ -27,14 +29,14 @@ void expect_defaults(const BridgeConfig* config)
     EXPECT_STREQ(config->administrator, "root");
     EXPECT_STREQ(config->guest, "nobody");
     EXPECT_STREQ(config->forceuser, "");
-    EXPECT_STREQ(config->smbcontrol, "smbcontrol");
+    EXPECT_STREQ(config->control, "smbcontrol");
 }
 
 } // namespace
 
 TEST(BridgeConfig, WithoutAFileTheDefaultsCount)
 {
-    const BridgeConfigGuard config(bridge_config_load("/tmp/none"));
+    const BridgeConfigGuard config(bridge_config_load("/tmp/none", &samba_server.keys));
     ASSERT_TRUE(config);
     expect_defaults(config.get());
     EXPECT_EQ(fake_log_texts(), std::vector<std::string>{});
@@ -49,7 +51,7 @@ TEST(BridgeConfig, EveryKey)
     EXPECT_STREQ(config->administrator, "anna");
     EXPECT_STREQ(config->guest, "ftp");
     EXPECT_STREQ(config->forceuser, "bert");
-    EXPECT_STREQ(config->smbcontrol, "/opt/bin/smbcontrol");
+    EXPECT_STREQ(config->control, "/opt/bin/smbcontrol");
     EXPECT_EQ(fake_log_texts(), std::vector<std::string>{});
 }
 
@@ -73,10 +75,10 @@ TEST(BridgeConfig, WithoutMemoryThereIsNone)
 {
     const long before = memory_blocks();
     memory_fail(1);
-    EXPECT_EQ(bridge_config_load("/tmp/none"), nullptr);
+    EXPECT_EQ(bridge_config_load("/tmp/none", &samba_server.keys), nullptr);
     EXPECT_TRUE(memory_failed());
     memory_fail(4);
-    EXPECT_EQ(bridge_config_load("/tmp/none"), nullptr);
+    EXPECT_EQ(bridge_config_load("/tmp/none", &samba_server.keys), nullptr);
     EXPECT_TRUE(memory_failed());
     EXPECT_EQ(memory_blocks(), before);
 }

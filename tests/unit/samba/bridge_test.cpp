@@ -1,7 +1,8 @@
-#include "samba/bridge.h"
+#include "share/bridge.h"
 
 #include "fake/fake_log.h"
 #include "fake/fake_world.h"
+#include "samba/samba_server.h"
 #include "support/failing_memory.h"
 #include "support/files.h"
 
@@ -55,8 +56,9 @@ class BridgeTest : public testing::Test {
     {
         bridge_clear(&bridge);
         write_file("/tmp/bridge.conf", "includepath = " + include_path + "\n" + more);
-        config.reset(bridge_config_load("/tmp/bridge.conf"));
-        bridge_init(&bridge, config.get(), share_file.c_str(), place.c_str(), adopting);
+        config.reset(bridge_config_load("/tmp/bridge.conf", &samba_server.keys));
+        bridge_init(&bridge, &samba_server, config.get(), share_file.c_str(), place.c_str(),
+                    adopting);
         fake_log_clear();
     }
 

@@ -1,5 +1,8 @@
 #include "samba/include_text.h"
 
+#include "samba/samba_server.h"
+#include "share/share_list.h"
+
 #include "lib/str.h"
 #include "shares_of.h"
 #include "support/failing_memory.h"
@@ -33,10 +36,14 @@ bool user_name(int32_t id, char (&name)[user_name_size])
     return true;
 }
 
-const IncludeSettings usual = {
-    .administrator = "root", .guest = "nobody", .forceuser = "", .user_name = user_name};
+const RightsSettings usual = {.administrator = "root",
+                              .guest = "nobody",
+                              .forceuser = "",
+                              .own = nullptr,
+                              .user_name = user_name,
+                              .user_fits = include_user_fits};
 
-std::string make(const std::string& share_file, const IncludeSettings& settings, Texts* said)
+std::string make(const std::string& share_file, const RightsSettings& settings, Texts* said)
 {
     Notes notes = {};
     const NotesGuard held(&notes);
@@ -45,7 +52,8 @@ std::string make(const std::string& share_file, const IncludeSettings& settings,
     for (size_t i = 0; i < table->count; i++)
         shares.push_back({.share = &table->shares[i], .name = table->shares[i].name});
     char* text = nullptr;
-    EXPECT_EQ(include_text_make(shares.data(), shares.size(), &settings, &notes, &text), 0);
+    EXPECT_EQ(
+        share_list_make(&samba_server, shares.data(), shares.size(), &settings, &notes, &text), 0);
     const std::string made = text;
     free(text);
     if (said != nullptr)
@@ -54,7 +62,7 @@ std::string make(const std::string& share_file, const IncludeSettings& settings,
 }
 
 // The lines of one share with these settings and the path /mnt, without their tabs.
-Texts lines(const std::string& settings, Texts* said = nullptr, const IncludeSettings& with = usual)
+Texts lines(const std::string& settings, Texts* said = nullptr, const RightsSettings& with = usual)
 {
     const std::string text = make("[A]\nPath=/mnt\n" + settings, with, said);
     Texts found;
@@ -102,7 +110,7 @@ std::ostream& operator<<(std::ostream& stream, const Access& access)
                   << ", invalid users = " << access.invalid << ", enum = " << access.hides;
 }
 
-Access access(const std::string& settings, const IncludeSettings& with = usual)
+Access access(const std::string& settings, const RightsSettings& with = usual)
 {
     const Texts found = lines(settings, nullptr, with);
     return {.valid = value(found, "valid users"),
@@ -263,8 +271,12 @@ TEST(IncludeText, UsersWhoseNamesMeanSomethingElseAreLeftOutAndToldOf)
 
 TEST(IncludeText, OtherNamesForAdministratorAndGuest)
 {
-    const IncludeSettings other = {
-        .administrator = "carl", .guest = "dora", .forceuser = "anna", .user_name = user_name};
+    const RightsSettings other = {.administrator = "carl",
+                                  .guest = "dora",
+                                  .forceuser = "anna",
+                                  .own = nullptr,
+                                  .user_name = user_name,
+                                  .user_fits = include_user_fits};
     EXPECT_EQ(access("Administrator=ReadOnly\nGuest Access=Enable\nFull Access Users=0,\n", other),
               (Access{"root, carl, dora", "carl", none, none}));
     EXPECT_EQ(value(lines("", nullptr, other), "force user"), "anna");
@@ -303,7 +315,7 @@ TEST(IncludeText, WithoutMemoryThereIsNoText)
         Notes lost = {};
         char* text = nullptr;
         memory_fail(nth);
-        const int result = include_text_make(&share, 1, &usual, &lost, &text);
+        const int result = share_list_make(&samba_server, &share, 1, &usual, &lost, &text);
         const bool struck = memory_failed();
         notes_clear(&lost);
         free(text);

@@ -1,4 +1,6 @@
-#include "samba/samba_control.h"
+#include "share/server_control.h"
+
+#include "samba/samba_server.h"
 
 #include "config/ini.h"
 #include "fake/fake_log.h"
@@ -21,7 +23,15 @@ namespace {
 const std::string program = "/tmp/smbcontrol";
 const std::string record = "/tmp/record";
 
-class SambaControlTest : public testing::Test {
+std::string control_program = program;
+const BridgeConfig config = {.includepath = nullptr,
+                             .administrator = nullptr,
+                             .guest = nullptr,
+                             .forceuser = nullptr,
+                             .control = control_program.data(),
+                             .own = {}};
+
+class ServerControlTest : public testing::Test {
   protected:
     void SetUp() override
     {
@@ -38,16 +48,17 @@ class SambaControlTest : public testing::Test {
         ASSERT_EQ(chmod(program.c_str(), 0755), 0);
     }
 
-    static void tell(const std::vector<std::string>& names, int64_t limit_ms = samba_limit_ms)
+    static void tell(const std::vector<std::string>& names, int64_t limit_ms = server_limit_ms)
     {
         const SectionListGuard list(vylist_create());
         for (const std::string& name : names)
             vylist_insert(list.get(), vylist_end(list.get()), strdup(name.c_str()));
-        SambaTask* tasks = nullptr;
-        ASSERT_EQ(samba_tasks_make(list.get(), &tasks), 0);
-        SambaControl control = {.program = program.c_str(), .limit_ms = limit_ms, .tasks = nullptr};
-        samba_control_add(&control, tasks);
-        samba_control_finish(&control);
+        ServerTask* tasks = nullptr;
+        ASSERT_EQ(server_tasks_make(&samba_server, list.get(), &tasks), 0);
+        ServerControl control = {
+            .server = &samba_server, .config = &config, .limit_ms = limit_ms, .tasks = nullptr};
+        server_control_add(&control, tasks);
+        server_control_finish(&control);
         EXPECT_EQ(control.tasks, nullptr);
     }
 };
@@ -62,7 +73,7 @@ size_t lines_of(const std::string& text)
 
 } // namespace
 
-TEST_F(SambaControlTest, ReloadsAndCloses)
+TEST_F(ServerControlTest, ReloadsAndCloses)
 {
     install("[ $2 = reload-config ] || sleep 0.3");
     tell({"A", "two  words"});
@@ -73,7 +84,7 @@ TEST_F(SambaControlTest, ReloadsAndCloses)
 }
 
 // What came back before the reload is closed by this.
-TEST_F(SambaControlTest, WhatIsClosedBeforeTheReloadHasEndedIsClosedOnceMore)
+TEST_F(ServerControlTest, WhatIsClosedBeforeTheReloadHasEndedIsClosedOnceMore)
 {
     install("[ $2 = close-share ] || sleep 0.5; echo \"$2 ends\" >>" + record);
     tell({"A"});
@@ -85,17 +96,18 @@ TEST_F(SambaControlTest, WhatIsClosedBeforeTheReloadHasEndedIsClosedOnceMore)
     EXPECT_EQ(fake_log_texts(), (std::vector<std::string>{"samba_control(#)close share A"}));
 }
 
-TEST_F(SambaControlTest, NothingWaitsForAReloadThatHangs)
+TEST_F(ServerControlTest, NothingWaitsForAReloadThatHangs)
 {
     install("[ $2 = close-share ] || exec sleep 1000");
     const SectionListGuard none(vylist_create());
     const SectionListGuard one(vylist_create());
     vylist_insert(one.get(), vylist_end(one.get()), strdup("A"));
-    SambaControl control = {.program = program.c_str(), .limit_ms = 1500, .tasks = nullptr};
+    ServerControl control = {
+        .server = &samba_server, .config = &config, .limit_ms = 1500, .tasks = nullptr};
     for (const vylist* closed : {none.get(), one.get()}) {
-        SambaTask* tasks = nullptr;
-        ASSERT_EQ(samba_tasks_make(closed, &tasks), 0);
-        samba_control_add(&control, tasks);
+        ServerTask* tasks = nullptr;
+        ASSERT_EQ(server_tasks_make(&samba_server, closed, &tasks), 0);
+        server_control_add(&control, tasks);
     }
     const auto closes = "4:smbd close-share -- A\n";
     for (int tries = 0; tries < 1000 && read_file(record).find(closes) == std::string::npos;
@@ -103,24 +115,24 @@ TEST_F(SambaControlTest, NothingWaitsForAReloadThatHangs)
         usleep(1000);
     EXPECT_NE(control.tasks, nullptr) << "the reloads still run";
     EXPECT_NE(read_file(record).find(closes), std::string::npos);
-    samba_control_finish(&control);
+    server_control_finish(&control);
 }
 
-TEST_F(SambaControlTest, ClosesAnyNumberOfShares)
+TEST_F(ServerControlTest, ClosesAnyNumberOfShares)
 {
     install("[ $2 = reload-config ] || sleep 0.3");
     tell(std::vector<std::string>(30, "A"));
     EXPECT_EQ(lines_of(read_file(record)), 31U);
 }
 
-TEST_F(SambaControlTest, AllIsDoneWhenItReturns)
+TEST_F(ServerControlTest, AllIsDoneWhenItReturns)
 {
     install("[ $2 = reload-config ] || sleep 0.3; echo done >>" + record);
     tell({"A", "B", "C"});
     EXPECT_EQ(lines_of(read_file(record)), 8U);
 }
 
-TEST_F(SambaControlTest, AFailureEndsNothing)
+TEST_F(ServerControlTest, AFailureEndsNothing)
 {
     install("[ $2 = reload-config ] || sleep 0.3; exit 3");
     tell({"A"});
@@ -131,14 +143,14 @@ TEST_F(SambaControlTest, AFailureEndsNothing)
                                         "samba_control(#)smbcontrol failed (3)"}));
 }
 
-TEST_F(SambaControlTest, AProgramThatIsMissingIsAFailureOfTheSameKind)
+TEST_F(ServerControlTest, AProgramThatIsMissingIsAFailureOfTheSameKind)
 {
     tell({});
     EXPECT_EQ(fake_log_texts(),
               (std::vector<std::string>{"samba_control(#)smbcontrol failed (1)"}));
 }
 
-TEST_F(SambaControlTest, WhatHangsIsKilled)
+TEST_F(ServerControlTest, WhatHangsIsKilled)
 {
     install("exec sleep 1000");
     const auto start = std::chrono::steady_clock::now();
@@ -154,7 +166,7 @@ TEST_F(SambaControlTest, WhatHangsIsKilled)
 }
 
 // Each has its own: on a slow processor they take seconds, and eight run at a time.
-TEST_F(SambaControlTest, ManySharesHaveMoreTime)
+TEST_F(ServerControlTest, ManySharesHaveMoreTime)
 {
     install("[ $2 = reload-config ] || sleep 1.5");
     tell(std::vector<std::string>(20, "A"), 4000);

@@ -1,4 +1,6 @@
-#include "samba/shares_to_close.h"
+#include "share/shares_to_close.h"
+
+#include "samba/samba_server.h"
 
 #include "config/ini.h"
 #include "support/failing_memory.h"
@@ -17,7 +19,9 @@ using Texts = std::vector<std::string>;
 Texts closed(const std::string& old_text, const std::string& new_text)
 {
     SectionListGuard names;
-    EXPECT_EQ(shares_to_close(old_text.c_str(), new_text.c_str(), names.out()), 0);
+    EXPECT_EQ(shares_to_close(old_text.c_str(), new_text.c_str(), samba_server.harmless_lines,
+                              names.out()),
+              0);
     Texts found;
     for (const vylist_node* node = names->next; node != vylist_end(names.get()); node = node->next)
         found.push_back(static_cast<const char*>(node->data));
@@ -82,7 +86,8 @@ TEST(SharesToClose, WithoutMemoryThereIsNoList)
     for (int nth = 1; nth <= 6; nth++) { // the list, its nodes and its names
         vylist* names = nullptr;
         memory_fail(nth);
-        const int result = shares_to_close(old_text.c_str(), "", &names);
+        const int result =
+            shares_to_close(old_text.c_str(), "", samba_server.harmless_lines, &names);
         if (!memory_failed()) {
             EXPECT_EQ(nth, 6);
             EXPECT_EQ(result, 0);
