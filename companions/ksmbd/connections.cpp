@@ -93,7 +93,7 @@ static int take_message(const nlmsghdr* message, Connections* connections)
         return 0;
     if (message->nlmsg_type == NLMSG_ERROR)
         return error_in(message);
-    if (message->nlmsg_len < NLMSG_LENGTH(sizeof(inet_diag_msg)))
+    if (connections == nullptr || message->nlmsg_len < NLMSG_LENGTH(sizeof(inet_diag_msg)))
         return -EPROTO;
     inet_diag_msg found;
     memcpy(&found, NLMSG_DATA(message), sizeof found);
@@ -101,7 +101,8 @@ static int take_message(const nlmsghdr* message, Connections* connections)
     return result == 0 ? 1 : result;
 }
 
-// Reads answers up to their end. Returns 0 or a negated errno.
+// Reads answers up to their end; null where none but an acknowledgement is due. Returns 0 or a
+// negated errno.
 static int take_answer(int fd, Connections* connections)
 {
     alignas(nlmsghdr) char answer[answer_size];
@@ -113,7 +114,8 @@ static int take_answer(int fd, Connections* connections)
         size_t left = static_cast<size_t>(size);
         const char* at = answer;
         while (more == 1 && left >= sizeof(nlmsghdr)) {
-            const auto* message = reinterpret_cast<const nlmsghdr*>(at);
+            const void* aligned = at; // as the buffer is, and each step
+            const auto* message = static_cast<const nlmsghdr*>(aligned);
             if (message->nlmsg_len < sizeof(nlmsghdr) || message->nlmsg_len > left)
                 return -EPROTO;
             more = take_message(message, connections);
