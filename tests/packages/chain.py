@@ -36,10 +36,10 @@ class Order:
         self.installed = self.folder + "/installed"
         self.exchange = self.folder + "/exchange"
         shutil.rmtree(self.folder, ignore_errors=True)
-        os.makedirs(self.exchange)
+        os.makedirs(self.exchange + "/other")
         for path in pathlib.Path(packages).glob("*.deb"):
-            if "dbgsym" not in path.name:
-                shutil.copy(path, self.exchange)
+            if "dbgsym" not in path.name:  # one bridge at a time: the second lies beside
+                shutil.copy(path, self.exchange + ("/other" if "ksmbd" in path.name else ""))
 
     def start(self, scenario):
         first = scenario is Install

@@ -36,6 +36,15 @@ class Install(Scenario):
         self.assertNotRegex(said, r"(?im)^(W|E|warning|error|dpkg: warning):")
         self.assertEqual(self.run_ok("dpkg", "--audit"), "")
 
+    def test_the_other_bridge_is_packed_and_not_beside_this_one(self):
+        package, = (str(path) for path in pathlib.Path(EXCHANGE, "other").glob("*.deb"))
+        self.assertEqual(self.run_ok("dpkg-deb", "--field", package, "Package", "Conflicts"),
+                         "Package: vynas-ksmbd\nConflicts: vynas-samba\n")
+        packed = self.run_ok("dpkg-deb", "--contents", package)
+        for path in ("/usr/sbin/vynas-ksmbd", "/lib/systemd/system/vynas-ksmbd.service",
+                     "/usr/share/man/man8/vynas-ksmbd.8.gz", "/etc/vynas-ksmbd/vynas-ksmbd.conf"):
+            self.assertIn(f".{path}\n", packed)
+
     def test_files_are_as_packed(self):
         for package in PACKAGES:
             self.assertEqual(self.run_ok("dpkg", "--verify", package), "")
