@@ -77,12 +77,18 @@ static int append(Connections* connections, const inet_diag_sockid* id)
     return 0;
 }
 
+// Lends what stands behind the header.
+static const void* content_of(const nlmsghdr* message)
+{
+    return reinterpret_cast<const char*>(message) + NLMSG_HDRLEN;
+}
+
 static int error_in(const nlmsghdr* message)
 {
     if (message->nlmsg_len < NLMSG_LENGTH(sizeof(nlmsgerr)))
         return -EPROTO;
     nlmsgerr error;
-    memcpy(&error, NLMSG_DATA(message), sizeof error);
+    memcpy(&error, content_of(message), sizeof error);
     return error.error;
 }
 
@@ -96,7 +102,7 @@ static int take_message(const nlmsghdr* message, Connections* connections)
     if (connections == nullptr || message->nlmsg_len < NLMSG_LENGTH(sizeof(inet_diag_msg)))
         return -EPROTO;
     inet_diag_msg found;
-    memcpy(&found, NLMSG_DATA(message), sizeof found);
+    memcpy(&found, content_of(message), sizeof found);
     const int result = append(connections, &found.id);
     return result == 0 ? 1 : result;
 }
