@@ -102,6 +102,12 @@ void fake_world_reset()
     state = State();
 }
 
+void fake_world_lose_patience()
+{
+    const Lock lock(mutex);
+    state.world.impatient = true;
+}
+
 void FakeWorld::fail(const std::string& call, int nth, int error)
 {
     const Lock lock(mutex);

@@ -88,3 +88,6 @@ struct FakeWorld {
 // The world that lib/sys.h stands on, and a fresh one in its place.
 FakeWorld& fake_world();
 void fake_world_reset();
+
+// Ends all waiting for descriptors, while other threads wait for some.
+void fake_world_lose_patience();

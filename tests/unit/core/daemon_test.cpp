@@ -76,7 +76,7 @@ class DaemonTest : public testing::Test {
             steps[next_step++]();
         else {
             flag_set(&ctx.running, 0);
-            fake_world().impatient = true;
+            fake_world_lose_patience();
         }
     }
 

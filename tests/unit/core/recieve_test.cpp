@@ -57,7 +57,7 @@ class ReceiveTest : public testing::Test {
     {
         void* result = nullptr;
         flag_set(&running, 0);
-        fake_world().impatient = true;
+        fake_world_lose_patience();
         if (started)
             pthread_join(arg.thread, &result);
         started = false;
