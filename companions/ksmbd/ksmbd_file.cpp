@@ -12,9 +12,11 @@ const char ksmbd_file_head[] = "# Made by vynas-ksmbd from the share file of the
                                "and made anew whenever that\n"
                                "# changes: what is written here by hand is lost.\n";
 
-// ksmbd takes a key for any that it begins with, so these beginnings are enough.
+// ksmbd takes a key for any that it begins with, so these beginnings are enough. Those with another
+// word for what a share says itself are among them: which of two words counts is not told.
 static constexpr const char* widening_keys[] = {
-    "write list", "admin users", "force user", "force group", "root directory",
+    "write list",  "writeable",  "writable",    "write ok",       "public",
+    "admin users", "force user", "force group", "root directory",
 };
 
 static Span without_blanks(Span line)

@@ -51,7 +51,8 @@ TEST(KsmbdGlobal, OnlyItsLinesAreTakenOver)
 TEST(KsmbdGlobal, WhatGivesMoreThanAShareSaysIsLeftOut)
 {
     EXPECT_EQ(
-        global_of("[global]\nWrite List = anna\n\tadmin users=bert\nforce user = root\n"
+        global_of("[global]\nWrite List = anna\nwriteable = yes\nWritable = yes\nwrite ok = "
+                  "yes\npublic = yes\n\tadmin users=bert\nforce user = root\n"
                   "force group = root\nwrite listed = x\nroot directory = /\nguest ok = yes\n"),
         "[global]\nguest ok = yes\n")
         << "each share says itself whether guests enter";
