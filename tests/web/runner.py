@@ -60,6 +60,7 @@ def run_in_browser(test, pictures):
 
 def main():
     parser = argparse.ArgumentParser()
+    parser.add_argument("--core", action="store_true")
     parser.add_argument("--pictures", action="store_true")
     parser.add_argument("--results", default=os.path.join(BUILD, "results"))
     parser.add_argument("test", nargs="*")
@@ -67,7 +68,9 @@ def main():
     shutil.rmtree(LOGS, ignore_errors=True)
     for folder in (LOGS, options.results, PICTURES):
         os.makedirs(folder, exist_ok=True)
-    results = [run(name, command) for name, command in CHECKS.items()]
+    results = [run(name, command) for name, command in CHECKS.items() if name == "unit" or not options.core]
+    if options.core:
+        options.test = ["test_story"]
     tests = [case.id() for case in vyworld.testkit.cases_in(FOLDER)]
     tests = [test for test in tests if not options.test or any(part in test for part in options.test)]
     with concurrent.futures.ThreadPoolExecutor(AT_ONCE) as pool:
