@@ -6,6 +6,7 @@ usage: count.py [--may-skip] RESULT_DIRECTORY
 Reads its *.xml and the file "failed", a line for each lane or part of one that failed. A test unit.* or sweep.* of
 NAME.xml is a program: its cases, in a file of its own in the folder NAME.cases, are counted in its place.
 A test that was skipped has failed, unless its reason is one that no package could mend or --may-skip is given.
+NAME.again.xml has tests that failed in NAME.xml and were run once more: what passed then has passed, and is named.
 
 Exits with 0 when something passed and nothing failed. What failed without a failed test (it did not build, say)
 counts as one failure.
@@ -19,6 +20,7 @@ import xml.etree.ElementTree as ElementTree
 
 SKIPPED_IN_PYTHON = re.compile(r"skipped (?:'([^']*)'|\"([^\"]*)\")")
 PROGRAMS = ("unit.", "sweep.")
+AGAIN = ".again.xml"
 CANNOT_BE_MENDED = ("this kernel", "this system", "a test before it failed", "the scenario ended before")
 
 Case = collections.namedtuple("Case", "name status reason")
@@ -52,9 +54,21 @@ def cases_of(program, folder):
     return cases
 
 
+def read_with_second_try(path):
+    """The tests of one file, each as it was when it was run last; None when the file was cut off."""
+    cases = read_cases(path)
+    again = {case.name: case for case in read_cases(path.with_suffix(AGAIN)) or []}
+    for case in cases or []:
+        if case.status == "fail" and case.name in again and again[case.name].status == "run":
+            print(f"passed at the second try: {path.stem}: {case.name}")
+    return cases and [again.get(case.name, case) if case.status == "fail" else case for case in cases]
+
+
 def all_cases(results, broken):
     for path in sorted(results.glob("*.xml")):
-        cases = read_cases(path)
+        if path.name.endswith(AGAIN):
+            continue
+        cases = read_with_second_try(path)
         if cases is None:
             broken.append(path.stem)
         for case in cases or []:

@@ -11,7 +11,9 @@ import xml.etree.ElementTree as ElementTree
 WANTED = {"A_ChangesEverything": "run", "B_FindsNothingOfIt": "run", "C_Fails": "fail", "D_Crashes": "fail",
           "E_Ends": "fail", "F_LeavesADescriptor": "fail", "G_MayLeaveAStream": "run", "H_IsSkipped": "notrun",
           "I_Hangs": "fail", "J_ReturnsTwice": "run", "K_Passes": "run", "L_LeavesAThread": "fail"}
-COUNTED = "5 passed, 6 failed, 1 skipped"
+COUNTED = "6 passed, 7 failed, 1 skipped"
+SUITE = "<testsuite>{}</testsuite>".format
+FAILED, PASSED = ('<testcase name="system.{}" status="%s"/>' % status for status in ("fail", "run"))
 
 
 def main():
@@ -23,12 +25,16 @@ def main():
                           f"--results={cases}/unit.bad.xml", "--limit=2"], check=False, cwd="/")
     found = {case.get("name").split(".")[1]: case.get("status")
              for case in ElementTree.parse(cases / "unit.bad.xml").iter("testcase")}
-    (results / "self.xml").write_text('<testsuite><testcase name="unit.bad" status="fail"/></testsuite>')
+    (results / "self.xml").write_text(SUITE('<testcase name="unit.bad" status="fail"/>'))
+    (results / "load.xml").write_text(SUITE(FAILED.format("late") + FAILED.format("wrong")))
+    (results / "load.again.xml").write_text(SUITE(PASSED.format("late") + FAILED.format("wrong")))
     count = subprocess.run([sys.executable, "-B", source / "tests/support/count.py", results], check=False,
                            stdout=subprocess.PIPE, text=True)
     print(count.stdout)
     faults = [f"{name}: {found.get(name)} instead of {status}" for name, status in WANTED.items()
               if found.get(name) != status]
+    if "passed at the second try: load: system.late\n" not in count.stdout:
+        faults.append("the second try is not told")
     if run.returncode != 1 or count.returncode != 1 or not count.stdout.endswith(f": {COUNTED}\n"):
         faults.append(f"status {run.returncode}, counted with status {count.returncode}")
     print("\n".join(faults))
