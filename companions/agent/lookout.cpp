@@ -239,7 +239,7 @@ static bool finish_range(const Announcer& announcer, Look* look)
     const BlockDevice* device = shown_as(announcer, *look);
     Diagnosis diagnosis;
     diagnosis_make_range(look->name, look->major, look->minor,
-                         device != nullptr ? device->range : "", &diagnosis);
+                         device != nullptr ? device->hardware->range : "", &diagnosis);
     if (diagnosis.trouble == TROUBLE_NONE)
         return false;
     look->state = look_next(look_next(look->state, LOOK_ANSWER), LOOK_ANSWER);
