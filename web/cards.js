@@ -4,9 +4,10 @@
 import { h } from "./dom.js";
 import { isMounted } from "./model.js";
 import { eject, forceEject, mount, unmount, waitAndEject, waitAndUnmount } from "./actions.js";
-import { button, room, taskView } from "./parts.js";
+import { button, room, taskView, toldView } from "./parts.js";
 import { idOf, isSet, settingsView } from "./settings.js";
-import { _, diskTitle, format, itemTitle, reason, size, speed, state } from "./texts.js";
+import { _, diskTitle, format, itemTitle, size, speed, state } from "./texts.js";
+import { reason } from "./told.js";
 
 /** @typedef {import("./types.js").Item} Item */
 /** @typedef {import("./types.js").Model} Model */
@@ -39,7 +40,7 @@ function explanation(item) {
     if (!item.reason)
         return null;
     const { why, remedy } = reason(item.reason);
-    return h("p", { class: "why" }, why, remedy ? h("span", {}, ` ${_("Type:")} `, h("code", {}, remedy)) : null);
+    return h("p", { class: "why" }, toldView(why), remedy ? h("span", {}, ` ${_("Type:")} `, h("code", {}, remedy)) : null);
 }
 
 /**

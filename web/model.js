@@ -191,15 +191,20 @@ export function isMounted(item) {
     return ["shared", "mounted", "busy"].includes(item.state);
 }
 
+/** Problems that `status` tells of, too. */
+export const QUICK = [
+    "service_not_running", "service_replaced", "agent_not_running", "agent_replaced", "bridge_not_running", "bridge_replaced",
+    "open_to_others", "configuration", "directory_missing", "other_filesystem", "tmp_read_only", "tmp_full", "settings", "no_such_user", "name_twice", "not_mounted", "directory_gone",
+];
+
 /**
  * The problems: those that are seen at once, as they are now, and what only a thorough look finds.
  *
  * @param {Model} model
- * @param {(id: string) => boolean} isQuick - whether a problem of that id is seen at once
  * @returns {Problem[]}
  */
-export function problems(model, isQuick) {
-    const all = [...model.seen, ...model.found.filter(problem => !isQuick(problem.id))];
+export function problems(model) {
+    const all = [...model.seen, ...model.found.filter(problem => !QUICK.includes(problem.id))];
     return [...all.filter(problem => problem.severity !== "note"), ...all.filter(problem => problem.severity === "note")];
 }
 

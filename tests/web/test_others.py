@@ -200,6 +200,33 @@ class Visitor(WebTest):
         page.wait_for("Music", "turn on administrative access", gone=("Eject", "Name and comment"))
 
 
+class German(WebTest):
+    def test_all_that_is_said_is_german(self):
+        self.plug("sda", {1: "ext4", 2: "empty"})
+        self.write_config(mountfs="ext", mountpth="/x")
+        page = self.open_page(language="de")
+
+        def english():
+            return page.driver.execute_script("return [...document.querySelectorAll('[lang=en]')].map(one => one.innerText)")
+
+        page.wait_for("Drive(A1)", "Freigegeben", f"{vyworld.CONFIG}:6: mountpth ist kein Schlüssel, zu schreiben: mountpath; das wird übergangen",
+                      "berichtigen, dann: systemctl restart vyhotplugd", "sda2 ist nicht eingehängt: Es hat kein bekanntes Dateisystem.",
+                      "Samba läuft nicht")
+        self.assertEqual(english(), [])
+        self.daemon.signal(signal.SIGKILL)
+        self.daemon.process.wait()
+        page.wait_for("Der Dienst läuft nicht: Nichts wird eingehängt oder freigegeben")
+        page.field("Nur lesen").click()
+        page.wait_for("Nichts wurde geändert. Der Dienst läuft nicht.")
+        self.assertEqual(english(), [])
+        self.agent.terminate()  # what a newer agent may say
+        self.agent.wait()
+        vyworld.write("/run/vyhotplugd/not-mounted", "sda2\t8:2\tnew\t-\tsda2 is up to something new\t-\n")
+        page.click("Erneut suchen")
+        page.wait_for("sda2 ist nicht eingehängt: is up to something new", "5 Hinweise")
+        self.assertEqual(set(english()), {"is up to something new"})
+
+
 HOSTILE = "<img src=x onerror=alert(1)><b>\u202e$0'\"&amp;"
 
 
