@@ -76,6 +76,17 @@ class Changes(WebTest):
             self.page.wait_for("may be pulled now")
         self.assertEqual(vyworld.mounts(), [])
 
+    def test_what_can_be_switched_off_is(self):
+        self.plug("sdb", port=True)
+        self.wait_for_mount("sdb1")
+        self.page.wait_for("Drive(B1)")
+        switches = [self.switch_of("sdb", name) for name in ("delete", "remove")]
+        self.page.click("Eject: Acme FlashKey (sdb)")
+        self.page.wait_for("Acme FlashKey (sdb) may be pulled now. It is switched off.")
+        self.assertEqual([vyworld.read(switch) for switch in switches], ["1", "1"])
+        self.page.click("Eject: Acme FlashKey (sda)")
+        self.page.wait_for("Acme FlashKey (sda) may be pulled now. It is unmounted; its port stays on.")
+
     def test_waiting_is_given_up(self):
         with open(self.disk.directory + "/who", encoding="utf-8"):
             self.page.click("Eject: ")
