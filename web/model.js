@@ -98,7 +98,7 @@ function forgetGone(model) {
     /** @type {(key: string) => boolean} */
     const isThere = key => keys.has(key.replace(/^\w+ /, ""));
     const tasks = Object.entries(model.tasks).filter(
-        ([key, task]) => isThere(key) || task.phase === "running" || task.phase === "waiting");
+        ([key, task]) => isThere(key) || isUnderWay(task));
     return {
         ...model, tasks: Object.fromEntries(tasks),
         open: Object.fromEntries(Object.entries(model.open).filter(([key]) => isThere(key))),
@@ -132,16 +132,20 @@ function takeLine(model, { line }) {
 }
 
 /**
+ * @param {any} line - of `watch`
+ * @returns {import("./types.js").Happening}
+ */
+export function happeningOf({ time_s, event, item }) {
+    return { time_s, event, name: item?.name ?? item?.identity ?? "", share: item?.share ?? null };
+}
+
+/**
  * @param {Model} model
  * @param {any} line
  * @returns {Model}
  */
 function note(model, line) {
-    const happening = {
-        time_s: line.time_s, event: line.event, name: line.item?.name ?? line.item?.identity ?? "",
-        share: line.item?.share ?? null,
-    };
-    return { ...model, happenings: [happening, ...model.happenings].slice(0, HAPPENINGS) };
+    return { ...model, happenings: [happeningOf(line), ...model.happenings].slice(0, HAPPENINGS) };
 }
 
 // ---- what follows from it ----
@@ -182,6 +186,13 @@ export function disks(model) {
  */
 export function directories(model) {
     return model.items.filter(item => item.name === null);
+}
+
+/**
+ * @param {import("./types.js").Task | undefined} task
+ */
+export function isUnderWay(task) {
+    return task?.phase === "running" || task?.phase === "waiting";
 }
 
 /**
@@ -236,8 +247,8 @@ export function roles(item) {
  */
 export function choices(model, item) {
     const users = model.users ?? [];
-    const set = ROLES.flatMap(role => item.settings?.[LISTS[role]] ?? []);
-    const others = set.filter(one => !users.some(user => user.uid === one.uid));
+    const set = new Map(ROLES.flatMap(role => item.settings?.[LISTS[role]] ?? []).map(one => [one.uid, one]));
+    const others = [...set.values()].filter(one => !users.some(user => user.uid === one.uid));
     return [...users, ...others.map(one => ({ ...one, full_name: null, samba_password: null }))];
 }
 

@@ -4,6 +4,7 @@
 import { h } from "./dom.js";
 import { _, format, isRunning, plural, size, use } from "./texts.js";
 import { failure } from "./told.js";
+import { isUnderWay } from "./model.js";
 import { dismissTask, stop } from "./actions.js";
 
 /** @typedef {import("./types.js").Item} Item */
@@ -71,7 +72,7 @@ function holderLine(holder) {
 export function taskView(send, key, task, more = {}) {
     if (!task)
         return null;
-    if (task.phase === "running" || task.phase === "waiting") {
+    if (isUnderWay(task)) {
         const text = task.phase === "waiting" ? _("Waiting until nobody uses it ...") : isRunning(task.verb);
         const [done, all] = more.progress ?? [0, 0];
         return h("div", { key: `task ${key}`, class: "task", role: "status" },

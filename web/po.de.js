@@ -12,6 +12,7 @@ cockpit.locale({
     "$0 for $1": [null, "$0 für $1"],
     "$0 has no settings any more.": [null, "$0 hat keine Einstellungen mehr."],
     "$0 has no settings before the service shares it": [null, "$0 hat keine Einstellungen, bevor der Dienst es freigibt."],
+    "$0 event": [null, "$0 Ereignis", "$0 Ereignisse"],
     "$0 is busy and stays mounted.": [null, "$0 wird benutzt und bleibt eingehängt."],
     "$0 is mounted.": [null, "$0 ist eingehängt."],
     "$0 is not mounted: $1": [null, "$0 ist nicht eingehängt: $1"],

@@ -319,8 +319,11 @@ class Looks(WebTest):
                     return
             self.fail(f"tab does not lead to {words}")
 
-        go_to("Name and comment")
-        focused().send_keys("\ue007")
+        def press(words):
+            go_to(words)
+            focused().send_keys("\ue007")
+
+        press("Name and comment")
         page.wait_until("the field has the focus", lambda: focused().tag_name == "input")
         focused().send_keys("Music\ue007")
         page.wait_for("Music", gone=("Save",))
@@ -331,6 +334,20 @@ class Looks(WebTest):
         focused().send_keys("\ue00c")  # escape
         page.wait_for("Music", gone=("Save",))
         page.wait_until("the focus is back", lambda: focused().get_attribute("id").startswith("names-"))
+        press("Unmount: ")  # a button that is disabled meanwhile, and another one after that
+        page.wait_for("Unmounted")
+        press("Forget: ")
+        page.wait_until("the question has the focus", lambda: focused().text == "Forget all settings")
+        press("Keep them")
+        page.wait_until("the heading of the place has the focus", lambda: (focused().tag_name, focused().text) == ("h3", "Music"))
+        press("Eject: ")
+        page.wait_for("may be pulled now")
+        page.wait_until("the focus is back", lambda: focused().get_attribute("aria-label").startswith("Eject: "))
+        page.wait_until("it is told aloud", lambda: "Acme FlashKey (sda) may be pulled now." in
+                        page.driver.find_element("id", "told").get_attribute("textContent"))
+        self.pull("sda")
+        page.wait_for("Nothing is plugged")
+        page.wait_until("the heading of the page has the focus", lambda: focused().tag_name == "h1")
 
 
 class Frame(WebTest):
@@ -371,12 +388,20 @@ class Many(WebTest):
         letters = [f"sd{chr(ord('a') + at)}" for at in range(26)] + ["sdaa"]
         page = self.open_page()
         page.driver.execute_cdp_cmd("Emulation.setCPUThrottlingRate", {"rate": 10})
+        page.driver.execute_script("""
+            window.tellings = [];
+            const told = document.getElementById("told");
+            new MutationObserver(changes => changes.forEach(() => window.tellings.push(told.textContent)))
+                .observe(told, {childList: true});""")
         begin = time.monotonic()
         self.write_shares(letters)
         page.wait_until("all cards", lambda: page.driver.execute_script(
             "return [document.querySelectorAll('.cards .card').length, document.querySelectorAll('.cards .part').length]") == [27, 108],
             limit=LIMIT * 2)
         print(f"108 partitions after {time.monotonic() - begin:.1f} s")
+        tellings = page.wait_until("it is told aloud", lambda: page.driver.execute_script("return window.tellings"))
+        print(f"told aloud: {tellings}")
+        self.assertLess(len(tellings), 10, tellings)  # and not 108
         self.write_shares(letters[1:])
         page.wait_until("one card less", lambda: page.driver.execute_script(
             "return document.querySelectorAll('.cards .card').length") == 26, limit=LIMIT * 2)

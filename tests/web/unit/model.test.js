@@ -125,6 +125,8 @@ test("roles of users and back", () => {
     assert.deepEqual(model.roleWords({ 7: "full", 8: "hidden", 9: "", 10: "full" }), ["full=7,10", "readers=", "blocked=", "hidden=8"]);
     const known = after({ type: "users", users: [{ uid: 7, name: "a", full_name: "A", samba_password: true }] });
     assert.deepEqual(model.choices(known, of).map(one => one.name), ["a", "b"]);
+    const twice = item("sda1", { settings: { ...SETTINGS, full_users: [{ uid: 8, name: "b" }], hidden_users: [{ uid: 8, name: "b" }] } });
+    assert.deepEqual(model.choices(known, twice).map(one => one.name), ["a", "b"]);
 });
 
 test("what a share cannot be called", () => {
