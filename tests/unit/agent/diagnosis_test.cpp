@@ -122,7 +122,7 @@ TEST_F(DiagnosisTest, OfWhatTheMachineCannotDo)
     lacks("ntfs");
     EXPECT_EQ(told(), "no-driver sda1 holds ntfs, whose driver ntfs-3g is not installed");
     config_.otherfs[1] = CONF_DEV_FS_NTFS3;
-    EXPECT_EQ(told(), "?refused sda1 holds ntfs, but the kernel refused it [ntfsfix /dev/sda1]");
+    EXPECT_EQ(told(), "?refused sda1 holds ntfs, but the kernel refused it [ntfsfix -d /dev/sda1]");
     lacks("ntfs3");
     config_.mountntfs = 0;
     EXPECT_EQ(told(), "no-module sda1 holds ntfs, which this kernel has no module for");
@@ -159,6 +159,8 @@ TEST_F(DiagnosisTest, OfWhatWasRefused)
         EXPECT_EQ(told(), row.told) << row.type;
         EXPECT_STREQ(diagnosis_.type, row.type);
     }
+    EXPECT_STREQ(diagnosis_kernel_prefix("ntfs"), "ntfs3") << "older ones say ntfs3: sda1:, newer "
+                                                              "ones ntfs3(sda1):";
     findings_.config = nullptr; // then everything may be wanted
     findings_.kernel = "";
     holds("udf");
