@@ -31,6 +31,7 @@ class KsmbdTest(VmTest):
 
     machines = ("server",)
     patience = LIMIT  # seconds for a client's commands
+    answer = 20  # seconds in which the server has to answer
 
     def setUp(self):
         self.port = free_port()
@@ -77,7 +78,8 @@ class KsmbdTest(VmTest):
     def client(self, name, commands, user="anna"):
         """What a client prints."""
         login = ["-N"] if user is None else ["-U", f"{user}%{PASSWORD}"]
-        done = subprocess.run(["smbclient", f"//127.0.0.1/{name}", "-p", str(self.port), *login, "-c", commands],
+        done = subprocess.run(["smbclient", f"//127.0.0.1/{name}", "-p", str(self.port), *login, "-t", str(self.answer),
+                               "-c", commands],
                               stdin=subprocess.DEVNULL, capture_output=True, check=False, timeout=self.patience,
                               cwd=self.folder)
         return (done.stdout + done.stderr).decode("utf-8", "replace")

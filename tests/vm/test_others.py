@@ -408,12 +408,14 @@ class Mutants(OtherTest):
         return image
 
     def programs(self, state):
-        return {(process["pid"], program) for program in ("vyhotplugd", "vyhotplug-agent")
-                for process in state.of(program)}
+        """Service and agent, without what they have just forked."""
+        found = {process["pid"]: process["parent"] for program in ("vyhotplugd", "vyhotplug-agent")
+                 for process in state.of(program)}
+        return {pid for pid, parent in found.items() if parent not in found}
 
     def go(self, draw, *disks):
         """These disks at once, each a list of kinds; returns how many were mounted and what was said of the others."""
-        running = self.programs(self.vm.state())
+        running = self.programs(self.wait_until("both run", lambda state: len(self.programs(state)) == 2))
         names = set()
         for letter, kinds in zip(self.DISKS, disks):
             image = self.disk(kinds, draw)
