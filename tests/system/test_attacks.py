@@ -84,8 +84,8 @@ class Crowd(StrictTest):
         seconds, load = time.monotonic() - began, os.getloadavg()[0]
         crowd.stdin.close()
         count, fewest = (int(word) for word in crowd.stdout.readline().split())
-        vyworld.log(f"unmounted alone: {told(alone)}; beside a thousand, who connected {count} times in {seconds:.0f} s: "
-                    f"{told(beside)}; load {load:.0f}")
+        vyworld.log(f"unmounted alone: {told(alone)}; beside a thousand, who connected {count} times in "
+                    f"{seconds:.0f} s: {told(beside)}; load {load:.0f}")
         self.assertGreater(fewest, 0, "each of them was there")
         self.assertLessEqual(len(self.log.matching(r"recieve\(#\)Refused .*")), 2 + seconds // 60,
                              "they do not fill the log")

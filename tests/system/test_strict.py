@@ -379,29 +379,27 @@ class Adoption(SystemTest):
         self.unplug(stick)
         self.assert_no_trace(stick)
 
-    def test_it_gets_the_flags_of_the_configuration_as_it_is_now(self):
+    def options_when_taken_over(self, **config):
+        """Of what was mounted without that configuration."""
         self.write_config(adopt="enable")
         self.start_daemon()
         stick = self.make_partition("sda1")
         self.plug(stick)
-        self.write_config(adopt="enable", mountflags="nosuid,noexec")
+        self.write_config(adopt="enable", **config)
         self.restart()
         self.announce(stick)
         mount, = vyworld.mounts()
-        self.assertLessEqual({"nosuid", "noexec", "nodev", "rw"}, set(mount.options))
+        return set(mount.options)
+
+    def test_it_gets_the_flags_of_the_configuration_as_it_is_now(self):
+        self.assertLessEqual({"nosuid", "noexec", "nodev", "rw"},
+                             self.options_when_taken_over(mountflags="nosuid,noexec"))
 
     def test_what_belongs_to_the_filesystem_stays_as_it_was(self):
         """Others than the service may have it mounted, too."""
-        self.write_config(adopt="enable")
-        self.start_daemon()
-        stick = self.make_partition("sda1")
-        self.plug(stick)
-        self.write_config(adopt="enable", mountflags="nosuid,sync")
-        self.restart()
-        self.announce(stick)
-        mount, = vyworld.mounts()
-        self.assertIn("nosuid", mount.options)
-        self.assertNotIn("sync", mount.options)
+        options = self.options_when_taken_over(mountflags="nosuid,sync")
+        self.assertIn("nosuid", options)
+        self.assertNotIn("sync", options)
 
     def test_a_read_only_one_stays_read_only(self):
         self.write_config(adopt="enable", mountflags="nosuid")
