@@ -1,4 +1,3 @@
-// @ts-check
 // A card for each disk.
 
 import { h } from "./dom.js";
@@ -19,9 +18,7 @@ const COLOURS = {
     not_mounted: "bad", gone: "bad", absent: "dim",
 };
 
-/**
- * @param {Item} item
- */
+/** @param {Item} item */
 function badges(item) {
     return [
         h("span", { class: `badge ${COLOURS[item.state] ?? "dim"}` }, state(item.state)),
@@ -43,11 +40,7 @@ function explanation(item) {
     return h("p", { class: "why" }, toldView(why), remedy ? h("span", {}, ` ${_("Type:")} `, h("code", {}, remedy)) : null);
 }
 
-/**
- * @param {Model} model
- * @param {Send} send
- * @param {Item} item
- */
+/** @param {Model} model @param {Send} send @param {Item} item */
 function mountButtons(model, send, item) {
     if (!model.access || item.name === null)
         return null;
@@ -60,11 +53,7 @@ function mountButtons(model, send, item) {
     return null;
 }
 
-/**
- * @param {Model} model
- * @param {Send} send
- * @param {Item} item
- */
+/** @param {Model} model @param {Send} send @param {Item} item */
 export function partView(model, send, item) {
     const key = `part ${item.name}`;
     const title = itemTitle(item);
@@ -86,11 +75,7 @@ export function partView(model, send, item) {
         item.state !== "not_mounted" || isSet(item) ? settingsView(model, send, item) : null);
 }
 
-/**
- * @param {Model} model
- * @param {Send} send
- * @param {import("./model.js").Disk} disk
- */
+/** @param {Model} model @param {Send} send @param {import("./model.js").Disk} disk */
 export function diskCard(model, send, { name, parts }) {
     const key = `disk ${name}`;
     const device = parts.find(part => part.device)?.device;

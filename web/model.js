@@ -1,4 +1,3 @@
-// @ts-check
 // What the page knows: a function of what it knew and of what happened. Touches no world.
 
 /** @typedef {import("./types.js").Model} Model */
@@ -60,10 +59,7 @@ function without(table, key, value) {
     return value === undefined ? rest : { ...rest, [key]: value };
 }
 
-/**
- * @param {Item} a
- * @param {Item} b
- */
+/** @param {Item} a @param {Item} b */
 function isSame(a, b) {
     if (a.name !== b.name)
         return false;
@@ -71,10 +67,7 @@ function isSame(a, b) {
     return unknown || a.identity === b.identity;
 }
 
-/**
- * @param {Model} model
- * @param {{status: any}} event
- */
+/** @param {Model} model @param {{status: any}} event */
 function takeStatus(model, { status }) {
     /** @type {Item[]} */
     const all = status.items;
@@ -131,19 +124,12 @@ function takeLine(model, { line }) {
     return { ...noted, items, known: noted.known.filter(other => other.identity !== item.identity) };
 }
 
-/**
- * @param {any} line - of `watch`
- * @returns {import("./types.js").Happening}
- */
+/** @param {any} line - of `watch` @returns {import("./types.js").Happening} */
 export function happeningOf({ time_s, event, item }) {
     return { time_s, event, name: item?.name ?? item?.identity ?? "", share: item?.share ?? null };
 }
 
-/**
- * @param {Model} model
- * @param {any} line
- * @returns {Model}
- */
+/** @param {Model} model @param {any} line @returns {Model} */
 function note(model, line) {
     return { ...model, happenings: [happeningOf(line), ...model.happenings].slice(0, HAPPENINGS) };
 }
@@ -188,16 +174,12 @@ export function directories(model) {
     return model.items.filter(item => item.name === null);
 }
 
-/**
- * @param {import("./types.js").Task | undefined} task
- */
+/** @param {import("./types.js").Task | undefined} task */
 export function isUnderWay(task) {
     return task?.phase === "running" || task?.phase === "waiting";
 }
 
-/**
- * @param {Item} item
- */
+/** @param {Item} item */
 export function isMounted(item) {
     return ["shared", "mounted", "busy"].includes(item.state);
 }

@@ -1,4 +1,3 @@
-// @ts-check
 // Small things that cards and lists are made of.
 
 import { h } from "./dom.js";
@@ -12,11 +11,7 @@ import { dismissTask, stop } from "./actions.js";
 /** @typedef {import("./types.js").Holder} Holder */
 /** @typedef {import("./actions.js").Send} Send */
 
-/**
- * @param {string} text
- * @param {() => void} onclick
- * @param {Record<string, any>} attributes
- */
+/** @param {string} text @param {() => void} onclick @param {Record<string, any>} attributes */
 export function button(text, onclick, attributes = {}) {
     return h("button", { type: "button", class: "button", onclick, ...attributes }, text);
 }
@@ -51,9 +46,7 @@ export function room(item, title) {
         h("span", {}, text));
 }
 
-/**
- * @param {Holder} holder
- */
+/** @param {Holder} holder */
 function holderLine(holder) {
     return h("li", {},
         h("strong", {}, holder.command), ` (${holder.pid}, ${holder.user}) `, use(holder),

@@ -1,4 +1,3 @@
-// @ts-check
 // The settings of a partition, of a shared directory, or of a disk that is not plugged.
 
 import { h } from "./dom.js";
@@ -78,12 +77,7 @@ function formView({ model, send, item, name, busy, wrong = false, read }, ...con
         button(_("Cancel"), cancel, { disabled: busy })));
 }
 
-/**
- * @param {Model} model
- * @param {Send} send
- * @param {Item} item
- * @param {boolean} busy
- */
+/** @param {Model} model @param {Send} send @param {Item} item @param {boolean} busy */
 function namesForm(model, send, item, busy) {
     const key = item.identity ?? "";
     const draft = { share: "", comment: "", ...model.drafts[key] };
@@ -115,12 +109,7 @@ function chosenIn(form) {
     return Object.fromEntries([...form.querySelectorAll("select")].map(select => [select.name, select.value]));
 }
 
-/**
- * @param {Model} model
- * @param {Send} send
- * @param {Item} item
- * @param {boolean} busy
- */
+/** @param {Model} model @param {Send} send @param {Item} item @param {boolean} busy */
 function usersForm(model, send, item, busy) {
     const key = item.identity ?? "";
     const chosen = model.drafts[key]?.users ?? roles(item);
@@ -141,20 +130,14 @@ function usersForm(model, send, item, busy) {
         users.length > 0 ? users.map(row) : h("p", {}, _("This machine has no users.")));
 }
 
-/**
- * @param {Item} item
- */
+/** @param {Item} item */
 export function isSet(item) {
     const settings = item.settings;
     return settings !== null && Object.values(settings).some(value =>
         Array.isArray(value) ? value.length > 0 : value !== null && value !== false && value !== "full");
 }
 
-/**
- * @param {Model} model
- * @param {Send} send
- * @param {Item} item
- */
+/** @param {Model} model @param {Send} send @param {Item} item */
 function controls(model, send, item) {
     const key = item.identity ?? "";
     const title = itemTitle(item);
