@@ -4,11 +4,6 @@ import { ask, order } from "./ctl.js";
 import { diskOf, isMounted } from "./model.js";
 import { _, diskTitle, format } from "./texts.js";
 
-/** @typedef {import("./types.js").Item} Item */
-/** @typedef {import("./types.js").Model} Model */
-/** @typedef {import("./types.js").Task} Task */
-/** @typedef {(event: {type: string, [detail: string]: any}) => void} Send */
-
 const WAIT_S = 86400; // of "wait until it is free"; vyhotplugctl takes no more
 
 /** What can be stopped, by key. @type {Map<string, () => void>} */

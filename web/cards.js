@@ -8,10 +8,6 @@ import { idOf, isSet, settingsView } from "./settings.js";
 import { _, diskTitle, format, itemTitle, size, speed, state } from "./texts.js";
 import { reason } from "./told.js";
 
-/** @typedef {import("./types.js").Item} Item */
-/** @typedef {import("./types.js").Model} Model */
-/** @typedef {import("./actions.js").Send} Send */
-
 /** @type {Record<string, string>} */
 const COLOURS = {
     shared: "good", directory: "good", mounted: "note", waiting: "note", busy: "warning", unmounted: "dim",
@@ -75,7 +71,7 @@ export function partView(model, send, item) {
         item.state !== "not_mounted" || isSet(item) ? settingsView(model, send, item) : null);
 }
 
-/** @param {Model} model @param {Send} send @param {import("./model.js").Disk} disk */
+/** @param {Model} model @param {Send} send @param {Disk} disk */
 export function diskCard(model, send, { name, parts }) {
     const key = `disk ${name}`;
     const device = parts.find(part => part.device)?.device;

@@ -4,8 +4,6 @@ import { jsonLines, parse } from "./json_lines.js";
 
 const PROGRAM = "vyhotplugctl";
 
-/** @typedef {{status: number | null, out: string, message: string, problem: string | null}} Answer */
-
 /** @param {string[]} words @param {object} options */
 function spawn(words, options) {
     return cockpit.spawn([PROGRAM, ...words], { err: "message", environ: ["LC_ALL=C.UTF-8"], ...options });

@@ -1,15 +1,12 @@
 // The page as it is to be, and the few changes that make it so: what has the focus keeps it. Texts become text nodes
 // and attributes, never markup.
 
-/** @typedef {{tag: string, key: string | undefined, attributes: Record<string, any>, children: Wanted[]}} Element_ */
-/** @typedef {Element_ | string} Wanted */
-
 /**
  * @param {string} tag
  * @param {Record<string, any>} attributes - "on..." are handlers; true and false for those without a value; "key"
  *     tells siblings apart; "focus" takes the focus when the element comes
  * @param {...(Wanted | null | false | undefined | (Wanted | null | false | undefined)[])} children
- * @returns {Element_}
+ * @returns {WantedElement}
  */
 export function h(tag, attributes, ...children) {
     const { key, ...rest } = attributes;
@@ -17,7 +14,7 @@ export function h(tag, attributes, ...children) {
     return { tag, key, attributes: rest, children: wanted };
 }
 
-/** @type {WeakMap<Node, Element_>} */
+/** @type {WeakMap<Node, WantedElement>} */
 const before = new WeakMap();
 
 const PROPERTIES = ["checked", "value", "disabled", "open", "selected", "hidden"];

@@ -7,9 +7,6 @@ import { idOf, settingsView } from "./settings.js";
 import { _, clock, happening, itemTitle, plural } from "./texts.js";
 import { problem, remedyOf } from "./told.js";
 
-/** @typedef {import("./types.js").Model} Model */
-/** @typedef {import("./actions.js").Send} Send */
-
 /** @param {Model} model @param {Send} send */
 export function knownView(model, send) {
     return h("section", { key: "known", class: "list", "aria-labelledby": "known" },
@@ -22,7 +19,7 @@ export function knownView(model, send) {
             settingsView(model, send, item))));
 }
 
-/** @param {import("./types.js").Problem} one @param {string} kind */
+/** @param {Problem} one @param {string} kind */
 function problemLine(one, kind) {
     return h("li", { class: `alert ${kind}` },
         h("p", {}, h("strong", {}, h("bdi", {}, toldView(problem(one))))),

@@ -1,10 +1,5 @@
 // What the page knows: a function of what it knew and of what happened. Touches no world.
 
-/** @typedef {import("./types.js").Model} Model */
-/** @typedef {import("./types.js").Item} Item */
-/** @typedef {import("./types.js").Task} Task */
-/** @typedef {import("./types.js").Problem} Problem */
-
 const HAPPENINGS = 200; // that are kept
 
 /** @type {Model} */
@@ -124,7 +119,7 @@ function takeLine(model, { line }) {
     return { ...noted, items, known: noted.known.filter(other => other.identity !== item.identity) };
 }
 
-/** @param {any} line - of `watch` @returns {import("./types.js").Happening} */
+/** @param {any} line - of `watch` @returns {Happening} */
 export function happeningOf({ time_s, event, item }) {
     return { time_s, event, name: item?.name ?? item?.identity ?? "", share: item?.share ?? null };
 }
@@ -144,8 +139,6 @@ function note(model, line) {
 export function diskOf(name) {
     return name.replace(/\d+$/, "");
 }
-
-/** @typedef {{name: string, parts: Item[]}} Disk */
 
 /**
  * The disks in the order in which they came, with their partitions by number.
@@ -174,7 +167,7 @@ export function directories(model) {
     return model.items.filter(item => item.name === null);
 }
 
-/** @param {import("./types.js").Task | undefined} task */
+/** @param {Task | undefined} task */
 export function isUnderWay(task) {
     return task?.phase === "running" || task?.phase === "waiting";
 }

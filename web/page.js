@@ -8,9 +8,6 @@ import { eventsView, knownView, problemsView } from "./lists.js";
 import { _ } from "./texts.js";
 import { printed } from "./told.js";
 
-/** @typedef {import("./types.js").Model} Model */
-/** @typedef {import("./actions.js").Send} Send */
-
 /** @param {Model} model */
 function warnings(model) {
     return [

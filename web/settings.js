@@ -6,10 +6,6 @@ import { askForget, closeForm, dismissTask, forget, set, setForm, settingsKey } 
 import { button, taskView } from "./parts.js";
 import { _, access, faultText, format, itemTitle, roleTexts } from "./texts.js";
 
-/** @typedef {import("./types.js").Item} Item */
-/** @typedef {import("./types.js").Model} Model */
-/** @typedef {import("./actions.js").Send} Send */
-
 /** @type {[string, "read_only" | "guest" | "hide_from_guests", () => string][]} */
 const switches = [
     ["read-only", "read_only", () => _("Read-only")],

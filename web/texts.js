@@ -1,9 +1,5 @@
 // What is said, in the language of the session.
 
-/** @typedef {import("./types.js").Item} Item */
-/** @typedef {import("./types.js").Happening} Happening */
-/** @typedef {import("./types.js").Holder} Holder */
-
 /** @type {(text: string) => string} */
 const _ = text => cockpit.gettext(text);
 /** @type {(text: string, ...values: (string | number)[]) => string} */

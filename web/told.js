@@ -4,10 +4,6 @@
 
 import { _, format, isNotDone, language, meaning } from "./texts.js";
 
-/** @typedef {{text: string, lang: string | null}} Piece - lang: where it is not that of the page */
-/** @typedef {Piece[]} Told */
-/** @typedef {import("./types.js").Problem} Problem */
-
 /** @param {string} text @returns {Told} */
 function own(text) {
     return [{ text, lang: null }];
