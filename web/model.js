@@ -218,7 +218,7 @@ export function roles(item) {
  *
  * @param {Model} model
  * @param {Item} item
- * @returns {{uid: number, name: string, full_name: string | null, samba_password: boolean | null}[]}
+ * @returns {User[]}
  */
 export function choices(model, item) {
     const users = model.users ?? [];

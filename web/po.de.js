@@ -166,6 +166,7 @@ cockpit.locale({
     "has a partition table without a partition": [null, "Es hat eine Partitionstabelle ohne Partition."],
     "has its root there": [null, "hat dort seine Wurzel"],
     "has no Samba password": [null, "hat kein Samba-Passwort"],
+    "has no ksmbd password": [null, "hat kein ksmbd-Passwort"],
     "has no filesystem that is known": [null, "Es hat kein bekanntes Dateisystem."],
     "holds $0 with a journal, or locked: mounted read-only": [null, "Es enthält $0 mit Journal oder gesperrt und ist nur lesbar eingehängt."],
     "holds $0, but ntfs-3g refused it": [null, "Es enthält $0, aber ntfs-3g hat es abgelehnt."],

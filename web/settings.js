@@ -4,7 +4,7 @@ import { h } from "./dom.js";
 import { choices, faultOf, isUnderWay, nameWords, roles, roleWords } from "./model.js";
 import { askForget, closeForm, dismissTask, forget, set, setForm, settingsKey } from "./actions.js";
 import { button, taskView } from "./parts.js";
-import { _, access, faultText, format, itemTitle, roleTexts } from "./texts.js";
+import { _, access, faultText, format, itemTitle, roleTexts, withoutPassword } from "./texts.js";
 
 /** @type {[string, "read_only" | "guest" | "hide_from_guests", () => string][]} */
 const switches = [
@@ -112,10 +112,10 @@ function usersForm(model, send, item, busy) {
     const users = choices(model, item);
     const row = (/** @type {(typeof users)[0]} */ user, /** @type {number} */ at) => {
         const role = chosen[user.uid] ?? "";
-        const without = user.samba_password === false;
+        const without = withoutPassword(user);
         const label = user.full_name ? `${user.name} (${user.full_name})` : user.name;
         return h("label", { key: String(user.uid), class: "field user" },
-            h("span", {}, label, without ? h("em", { class: "hint" }, ` ${_("has no Samba password")}`) : null),
+            h("span", {}, label, without ? h("em", { class: "hint" }, ` ${without}`) : null),
             h("select", {
                 class: "input", name: String(user.uid), value: role, focus: at === 0, disabled: busy,
                 onchange: (/** @type {any} */ event) => send({ type: "draft", key, change: { users: chosenIn(event.target.form) } }),

@@ -212,6 +212,17 @@ export function use(holder) {
     return uses[holder.use]?.() ?? holder.use;
 }
 
+/**
+ * What keeps a user out, whatever is chosen; "" where nothing does, or nobody can tell.
+ *
+ * @param {User} user
+ */
+export function withoutPassword(user) {
+    if (user.samba_password === false)
+        return _("has no Samba password");
+    return user.ksmbd_password === false ? _("has no ksmbd password") : "";
+}
+
 /** @type {[string, () => string][]} */
 export const roleTexts = [
     ["", () => _("not chosen")],

@@ -70,6 +70,7 @@ interface User {
     name: string;
     full_name: string | null;
     samba_password: boolean | null;
+    ksmbd_password?: boolean | null;
 }
 
 /** Something that was asked for, and how far it is. */
