@@ -104,10 +104,12 @@ static void take_devices(Lookout* lookout, const Announcer& announcer, uint64_t 
                             .since = now,
                             .due = now + agent_first_answer};
         Look* known = find(lookout, fresh);
-        if (known != nullptr)
+        if (known != nullptr) {
             known->present = true;
-        else
-            add(lookout, fresh);
+            continue;
+        }
+        kernel_log_forget(&lookout->kernel, device.name);
+        add(lookout, fresh);
     }
     size_t kept = 0;
     for (Look* look = begin(lookout); look != end(lookout); look++) {
