@@ -232,6 +232,8 @@ cockpit.locale({
     "the bridge that runs is older than the one that is installed": [null, "Die Brücke, die läuft, ist älter als die, die installiert ist"],
     "the change is in the file, but the service has not taken it; is /tmp full, or read-only?": [null, "Die Änderung ist in der Datei, aber der Dienst hat sie nicht übernommen; ist /tmp voll oder nur lesbar?"],
     "the product's own server": [null, "der eigene Server des Produkts"],
+    "the change is in the file; the service: $0": [null, "Die Änderung ist in der Datei; der Dienst: $0"],
+    "the change may be in the file all the same: $0": [null, "Die Änderung kann trotzdem in der Datei sein: $0"],
     "the service does not answer": [null, "Der Dienst antwortet nicht."],
     "the service does not hold the change: others write the device file at the same moment": [null, "Der Dienst hat die Änderung nicht: Andere schreiben im selben Augenblick die Gerätedatei."],
     "the service has ended; the change is in the file, and counts from its next start": [null, "Der Dienst ist beendet; die Änderung ist in der Datei und gilt ab seinem nächsten Start."],

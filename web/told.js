@@ -164,6 +164,7 @@ export const refusals = [
     "the service is not running", "the service is not running, nothing is changed",
     "the service is not running, or what answers is not root's", "the service does not answer",
     "the service has ended; the change is in the file, and counts from its next start",
+    "the change is in the file; the service: $0", "the change may be in the file all the same: $0",
     "the service does not hold the change: others write the device file at the same moment",
     "the change is in the file, but the service has not taken it; is /tmp full, or read-only?",
     "$0 could not be mounted; what the service told: journalctl -u vyhotplugd", "$0 could not be mounted: $1",
@@ -215,7 +216,7 @@ export function printed(message) {
  * @returns {Told}
  */
 export function failure({ verb, status, message }) {
-    if (message.includes("the change is in the file"))
+    if (/the change (is|may be) in the file/.test(message))
         return printed(message);
     const why = meaning(status);
     return [...own(`${isNotDone(verb)} `), ...why ? own(why) : printed(message)];

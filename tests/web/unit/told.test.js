@@ -125,6 +125,10 @@ test("a failure says what was not done, and why", () => {
         "Nichts wurde geändert. Kommentar: Es sind 64 Bytes, und 63 werden behalten; so passt es: „a\"“");
     assert.equal(say("set", 3, "vyhotplugctl: the service has ended; the change is in the file, and counts from its next start\n"),
         "Der Dienst ist beendet; die Änderung ist in der Datei und gilt ab seinem nächsten Start.");
+    assert.equal(say("set", 1, "vyhotplugctl: the change may be in the file all the same: Input/output error\n"),
+        "Die Änderung kann trotzdem in der Datei sein: Ein-/Ausgabefehler");
+    assert.equal(say("set", 1, "vyhotplugctl: the change is in the file; the service: Permission denied\n"),
+        "Die Änderung ist in der Datei; der Dienst: Zugriff verweigert");
     assert.equal(say("eject", 1, "sda1 is busy:\n  12 root  smbd\nvyhotplugctl: sda is unmounted, but not switched off: Input/output error\n"),
         "Es wurde nicht ausgeworfen: noch nicht abziehen. sda ist ausgehängt, aber nicht ausgeschaltet: Ein-/Ausgabefehler");
     assert.equal(say("mount", 1, "vyhotplugctl: sda1 could not be mounted: is encrypted (LUKS)\n"),
