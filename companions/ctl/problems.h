@@ -1,21 +1,7 @@
 // What is wrong with the installation, each with what to type. Reads only.
 #pragma once
 
-#include "ctl/view.h"
-
-struct Problem {
-    const char* id; // for programs: "service_not_running"
-    bool note;      // worth knowing, and nothing wrong
-    char* text;     // owned
-    const char* remedy;
-};
-
-struct ProblemTable {
-    Problem* problems; // owned
-    size_t count;
-    size_t room;
-    bool failed; // memory has run out
-};
+#include "ctl/problem_look.h"
 
 enum ProblemScope : uint8_t {
     PROBLEMS_CONFIGURATION, // the configuration and the paths that it names
@@ -27,4 +13,3 @@ enum ProblemScope : uint8_t {
 // is to be ended by problems_end.
 [[nodiscard]] int problems_find(const Setup& setup, const View& view, ProblemScope scope,
                                 ProblemTable* table);
-void problems_end(ProblemTable* table);
