@@ -35,7 +35,7 @@ async function holdersOf(parts) {
 }
 
 /**
- * Has one thing done. Returns whether it was.
+ * Has one thing done. Returns the answer when it was, else null.
  *
  * @param {Send} send
  * @param {string} key
@@ -52,7 +52,7 @@ async function run(send, key, verb, words, parts = [], phase = "running") {
     stoppable.delete(key);
     if (answer.status === 0) {
         tell(send, key, undefined);
-        return true;
+        return answer;
     }
     if (answer.problem === "terminated" && phase === "waiting")
         tell(send, key, undefined);
@@ -60,7 +60,7 @@ async function run(send, key, verb, words, parts = [], phase = "running") {
         tell(send, key, { verb, phase: "busy", message: answer.message, status: 4, holders: await holdersOf(parts) });
     else
         tell(send, key, { verb, phase: "failed", message: answer.message, status: answer.status });
-    return false;
+    return null;
 }
 
 /**
@@ -170,8 +170,12 @@ export async function eject(send, parts, options = []) {
     const disk = diskOf(parts[0].name ?? "");
     const waits = options.length > 0 ? "waiting" : "running";
     const title = diskTitle(disk, parts);
-    if (await run(send, `disk ${disk}`, "eject", ["eject", ...options, "--", disk], parts, waits))
-        send({ type: "notice", text: format(_("$0 ($1) may be pulled now."), title, disk) });
+    const answer = await run(send, `disk ${disk}`, "eject", ["eject", ...options, "--", disk], parts, waits);
+    if (answer === null)
+        return;
+    const off = answer.out.includes("switched off"); // "sda is unmounted and switched off: safe to pull"
+    const how = off ? _("It is switched off.") : _("It is unmounted; its port stays on.");
+    send({ type: "notice", text: `${format(_("$0 ($1) may be pulled now."), title, disk)} ${how}` });
 }
 
 /**

@@ -2,11 +2,12 @@
 // A card for each disk.
 
 import { h } from "./dom.js";
-import { isMounted } from "./model.js";
+import { isMounted, isUnderWay } from "./model.js";
 import { eject, forceEject, mount, unmount, waitAndEject, waitAndUnmount } from "./actions.js";
-import { button, room, taskView } from "./parts.js";
+import { button, room, taskView, toldView } from "./parts.js";
 import { idOf, isSet, settingsView } from "./settings.js";
-import { _, diskTitle, format, itemTitle, reason, size, speed, state } from "./texts.js";
+import { _, diskTitle, format, itemTitle, size, speed, state } from "./texts.js";
+import { reason } from "./told.js";
 
 /** @typedef {import("./types.js").Item} Item */
 /** @typedef {import("./types.js").Model} Model */
@@ -39,7 +40,7 @@ function explanation(item) {
     if (!item.reason)
         return null;
     const { why, remedy } = reason(item.reason);
-    return h("p", { class: "why" }, why, remedy ? h("span", {}, ` ${_("Type:")} `, h("code", {}, remedy)) : null);
+    return h("p", { class: "why" }, toldView(why), remedy ? h("span", {}, ` ${_("Type:")} `, h("code", {}, remedy)) : null);
 }
 
 /**
@@ -51,7 +52,7 @@ function mountButtons(model, send, item) {
     if (!model.access || item.name === null)
         return null;
     const title = itemTitle(item);
-    const busy = ["running", "waiting"].includes(model.tasks[`part ${item.name}`]?.phase);
+    const busy = isUnderWay(model.tasks[`part ${item.name}`]);
     if (isMounted(item))
         return button(_("Unmount"), () => unmount(send, item), { disabled: busy, "aria-label": `${_("Unmount")}: ${title}` });
     if (item.state === "unmounted")
@@ -96,7 +97,7 @@ export function diskCard(model, send, { name, parts }) {
     const title = diskTitle(name, parts);
     const whole = parts.reduce((sum, part) => sum + (part.size_bytes ?? 0), 0);
     const facts = [name, speed(device?.speed_mbit_per_s), whole > 0 ? size(whole) : "", device?.serial].filter(Boolean);
-    const busy = ["running", "waiting"].includes(model.tasks[key]?.phase);
+    const busy = isUnderWay(model.tasks[key]);
     const left = parts.filter(part => !isMounted(part)).length;
     return h("article", { key, class: "card", "aria-labelledby": `disk-${name}` },
         h("header", {},

@@ -55,10 +55,10 @@ export function order(words) {
  * Watches until it ends, which it does by itself only when something is wrong.
  *
  * @param {(line: any) => void} take
- * @returns {{over: Promise<Answer>, stop: () => void}}
+ * @returns {Promise<Answer>}
  */
 export function watch(take) {
     const process = spawn(["watch", "--json"], { superuser: "try" });
     process.stream(jsonLines(take));
-    return { over: ended(process), stop: () => process.close("terminated") };
+    return ended(process);
 }

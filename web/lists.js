@@ -3,9 +3,10 @@
 
 import { h } from "./dom.js";
 import { problems } from "./model.js";
-import { button } from "./parts.js";
+import { button, toldView } from "./parts.js";
 import { idOf, settingsView } from "./settings.js";
-import { _, clock, details, happening, isQuick, itemTitle, plural, problem } from "./texts.js";
+import { _, clock, happening, itemTitle, plural } from "./texts.js";
+import { problem, remedyOf } from "./told.js";
 
 /** @typedef {import("./types.js").Model} Model */
 /** @typedef {import("./actions.js").Send} Send */
@@ -30,11 +31,9 @@ export function knownView(model, send) {
  * @param {string} kind
  */
 function problemLine(one, kind) {
-    const more = details(one);
     return h("li", { class: `alert ${kind}` },
-        h("p", {}, h("strong", {}, problem(one))),
-        more !== null && h("p", {}, h("bdi", {}, more)),
-        h("p", {}, `${_("What to do:")} `, h("code", {}, one.remedy)));
+        h("p", {}, h("strong", {}, h("bdi", {}, toldView(problem(one))))),
+        h("p", {}, `${_("What to do:")} `, h("code", {}, remedyOf(one))));
 }
 
 /**
@@ -42,7 +41,7 @@ function problemLine(one, kind) {
  * @param {() => void} check
  */
 export function problemsView(model, check) {
-    const all = problems(model, isQuick);
+    const all = problems(model);
     const notes = all.filter(one => one.severity === "note");
     return h("section", { key: "problems", class: "list", "aria-labelledby": "problems" },
         h("h2", { id: "problems" }, _("Problems")),

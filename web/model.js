@@ -98,7 +98,7 @@ function forgetGone(model) {
     /** @type {(key: string) => boolean} */
     const isThere = key => keys.has(key.replace(/^\w+ /, ""));
     const tasks = Object.entries(model.tasks).filter(
-        ([key, task]) => isThere(key) || task.phase === "running" || task.phase === "waiting");
+        ([key, task]) => isThere(key) || isUnderWay(task));
     return {
         ...model, tasks: Object.fromEntries(tasks),
         open: Object.fromEntries(Object.entries(model.open).filter(([key]) => isThere(key))),
@@ -132,16 +132,20 @@ function takeLine(model, { line }) {
 }
 
 /**
+ * @param {any} line - of `watch`
+ * @returns {import("./types.js").Happening}
+ */
+export function happeningOf({ time_s, event, item }) {
+    return { time_s, event, name: item?.name ?? item?.identity ?? "", share: item?.share ?? null };
+}
+
+/**
  * @param {Model} model
  * @param {any} line
  * @returns {Model}
  */
 function note(model, line) {
-    const happening = {
-        time_s: line.time_s, event: line.event, name: line.item?.name ?? line.item?.identity ?? "",
-        share: line.item?.share ?? null,
-    };
-    return { ...model, happenings: [happening, ...model.happenings].slice(0, HAPPENINGS) };
+    return { ...model, happenings: [happeningOf(line), ...model.happenings].slice(0, HAPPENINGS) };
 }
 
 // ---- what follows from it ----
@@ -185,21 +189,33 @@ export function directories(model) {
 }
 
 /**
+ * @param {import("./types.js").Task | undefined} task
+ */
+export function isUnderWay(task) {
+    return task?.phase === "running" || task?.phase === "waiting";
+}
+
+/**
  * @param {Item} item
  */
 export function isMounted(item) {
     return ["shared", "mounted", "busy"].includes(item.state);
 }
 
+/** Problems that `status` tells of, too. */
+export const QUICK = [
+    "service_not_running", "service_replaced", "agent_not_running", "agent_replaced", "bridge_not_running", "bridge_replaced",
+    "open_to_others", "configuration", "directory_missing", "other_filesystem", "tmp_read_only", "tmp_full", "settings", "no_such_user", "name_twice", "not_mounted", "directory_gone",
+];
+
 /**
  * The problems: those that are seen at once, as they are now, and what only a thorough look finds.
  *
  * @param {Model} model
- * @param {(id: string) => boolean} isQuick - whether a problem of that id is seen at once
  * @returns {Problem[]}
  */
-export function problems(model, isQuick) {
-    const all = [...model.seen, ...model.found.filter(problem => !isQuick(problem.id))];
+export function problems(model) {
+    const all = [...model.seen, ...model.found.filter(problem => !QUICK.includes(problem.id))];
     return [...all.filter(problem => problem.severity !== "note"), ...all.filter(problem => problem.severity === "note")];
 }
 
@@ -231,8 +247,8 @@ export function roles(item) {
  */
 export function choices(model, item) {
     const users = model.users ?? [];
-    const set = ROLES.flatMap(role => item.settings?.[LISTS[role]] ?? []);
-    const others = set.filter(one => !users.some(user => user.uid === one.uid));
+    const set = new Map(ROLES.flatMap(role => item.settings?.[LISTS[role]] ?? []).map(one => [one.uid, one]));
+    const others = [...set.values()].filter(one => !users.some(user => user.uid === one.uid));
     return [...users, ...others.map(one => ({ ...one, full_name: null, samba_password: null }))];
 }
 

@@ -3,10 +3,11 @@
 
 import { h } from "./dom.js";
 import { directories, disks } from "./model.js";
-import { button } from "./parts.js";
+import { button, toldView } from "./parts.js";
 import { diskCard, partView } from "./cards.js";
 import { eventsView, knownView, problemsView } from "./lists.js";
 import { _ } from "./texts.js";
+import { printed } from "./told.js";
 
 /** @typedef {import("./types.js").Model} Model */
 /** @typedef {import("./actions.js").Send} Send */
@@ -17,7 +18,7 @@ import { _ } from "./texts.js";
 function warnings(model) {
     return [
         model.lost !== null && h("div", { key: "lost", class: "alert danger", role: "alert" },
-            h("p", {}, _("Nothing can be told of the disks. It is tried again in a moment.")), h("p", {}, model.lost)),
+            h("p", {}, _("Nothing can be told of the disks. It is tried again in a moment.")), h("p", {}, toldView(printed(model.lost)))),
         model.loaded && model.lost === null && !model.runs && h("div", { key: "ended", class: "alert danger", role: "alert" },
             h("p", {}, _("The service is not running: nothing is mounted or shared, and nothing can be changed.")),
             h("p", {}, `${_("What to do:")} `, h("code", {}, "systemctl start vyhotplugd"))),

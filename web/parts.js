@@ -2,7 +2,9 @@
 // Small things that cards and lists are made of.
 
 import { h } from "./dom.js";
-import { _, failure, format, isRunning, plural, size, use } from "./texts.js";
+import { _, format, isRunning, plural, size, use } from "./texts.js";
+import { failure } from "./told.js";
+import { isUnderWay } from "./model.js";
 import { dismissTask, stop } from "./actions.js";
 
 /** @typedef {import("./types.js").Item} Item */
@@ -17,6 +19,15 @@ import { dismissTask, stop } from "./actions.js";
  */
 export function button(text, onclick, attributes = {}) {
     return h("button", { type: "button", class: "button", onclick, ...attributes }, text);
+}
+
+/**
+ * What others have said, each piece in its language.
+ *
+ * @param {import("./told.js").Told} told
+ */
+export function toldView(told) {
+    return told.map(({ text, lang }) => lang === null ? text : h("span", { lang }, text));
 }
 
 /**
@@ -61,7 +72,7 @@ function holderLine(holder) {
 export function taskView(send, key, task, more = {}) {
     if (!task)
         return null;
-    if (task.phase === "running" || task.phase === "waiting") {
+    if (isUnderWay(task)) {
         const text = task.phase === "waiting" ? _("Waiting until nobody uses it ...") : isRunning(task.verb);
         const [done, all] = more.progress ?? [0, 0];
         return h("div", { key: `task ${key}`, class: "task", role: "status" },
@@ -73,7 +84,7 @@ export function taskView(send, key, task, more = {}) {
         return h("div", { key: `asked ${key}`, class: "alert warning", role: "alert" }, ...(more.asked ?? []));
     const busy = task.phase === "busy";
     return h("div", { key: `failed ${key}`, class: `alert ${busy ? "warning" : "danger"}`, role: "alert" },
-        h("p", {}, failure(task)),
+        h("p", {}, toldView(failure(task))),
         busy && task.holders.length > 0 && h("p", {},
             plural("$0 process uses it:", "$0 processes use it:", new Set(task.holders.map(holder => holder.pid)).size)),
         busy && task.holders.length === 0 && h("p", {}, _("Nobody was seen to hold it; a client may have just let go.")),

@@ -2,7 +2,7 @@
 // The settings of a partition, of a shared directory, or of a disk that is not plugged.
 
 import { h } from "./dom.js";
-import { choices, faultOf, nameWords, roles, roleWords } from "./model.js";
+import { choices, faultOf, isUnderWay, nameWords, roles, roleWords } from "./model.js";
 import { askForget, closeForm, dismissTask, forget, set, setForm, settingsKey } from "./actions.js";
 import { button, taskView } from "./parts.js";
 import { _, access, faultText, format, itemTitle, roleTexts } from "./texts.js";
@@ -38,6 +38,47 @@ function focusSoon(id) {
 }
 
 /**
+ * A form that is saved or given up.
+ *
+ * @param {object} form
+ * @param {Model} form.model
+ * @param {Send} form.send
+ * @param {Item} form.item
+ * @param {string} form.name - and that of the button that it came from
+ * @param {boolean} form.busy
+ * @param {boolean} [form.wrong] - it cannot be saved so
+ * @param {(form: any) => string[] | null} form.read - what `set` is to be given, newer than what was drawn; null: not yet
+ * @param {...any} content
+ */
+function formView({ model, send, item, name, busy, wrong = false, read }, ...content) {
+    const key = item.identity ?? "";
+    const back = idOf(name, item);
+    const cancel = () => {
+        closeForm(send, item);
+        focusSoon(back);
+    };
+    return h("form", {
+        key: `${name}-form`, class: "form",
+        onsubmit: async (/** @type {Event} */ event) => {
+            event.preventDefault();
+            const words = read(event.target);
+            if (words === null)
+                return;
+            await setForm(send, item, words, model.drafts[key]?.was ?? []);
+            focusSoon(back);
+        },
+        onkeydown: (/** @type {KeyboardEvent} */ event) => {
+            if (event.key === "Escape") // nothing is returned: false would swallow the key
+                cancel();
+        },
+    },
+    ...content,
+    h("div", { class: "buttons" },
+        h("button", { type: "submit", class: "button primary", disabled: busy || wrong }, _("Save")),
+        button(_("Cancel"), cancel, { disabled: busy })));
+}
+
+/**
  * @param {Model} model
  * @param {Send} send
  * @param {Item} item
@@ -47,7 +88,6 @@ function namesForm(model, send, item, busy) {
     const key = item.identity ?? "";
     const draft = { share: "", comment: "", ...model.drafts[key] };
     const fault = faultOf(model, item, draft);
-    const back = idOf("names", item);
     const field = (/** @type {"share" | "comment"} */ name, /** @type {string} */ label, /** @type {boolean} */ first) =>
         h("label", { class: "field" }, h("span", {}, label), h("input", {
             type: "text", class: "input", name, value: draft[name], focus: first, disabled: busy, autocomplete: "off",
@@ -55,32 +95,14 @@ function namesForm(model, send, item, busy) {
             "aria-invalid": fault?.startsWith(name === "share" ? "name" : "comment") ? "true" : null,
             oninput: (/** @type {any} */ event) => send({ type: "draft", key, change: { [name]: event.target.value } }),
         }));
-    const cancel = () => {
-        closeForm(send, item);
-        focusSoon(back);
+    const read = (/** @type {any} */ { elements: { share, comment } }) => {
+        const names = { share: share.value, comment: comment.value };
+        return faultOf(model, item, names) ? null : nameWords(names);
     };
-    return h("form", {
-        key: "names-form", class: "form",
-        onsubmit: async (/** @type {Event} */ event) => {
-            event.preventDefault();
-            const { share, comment } = /** @type {any} */ (event.target).elements; // newer than what was drawn
-            const names = { share: share.value, comment: comment.value };
-            if (faultOf(model, item, names))
-                return;
-            await setForm(send, item, nameWords(names), model.drafts[key]?.was ?? []);
-            focusSoon(back);
-        },
-        onkeydown: (/** @type {KeyboardEvent} */ event) => {
-            if (event.key === "Escape") // nothing is returned: false would swallow the key
-                cancel();
-        },
-    },
-    field("share", _("Share name"), true),
-    field("comment", _("Comment"), false),
-    fault && h("p", { class: "fault", id: idOf("fault", item), role: "alert" }, faultText(fault)),
-    h("div", { class: "buttons" },
-        h("button", { type: "submit", class: "button primary", disabled: busy || Boolean(fault) }, _("Save")),
-        button(_("Cancel"), cancel, { disabled: busy })));
+    return formView({ model, send, item, name: "names", busy, wrong: Boolean(fault), read },
+        field("share", _("Share name"), true),
+        field("comment", _("Comment"), false),
+        fault && h("p", { class: "fault", id: idOf("fault", item), role: "alert" }, faultText(fault)));
 }
 
 /**
@@ -103,7 +125,6 @@ function usersForm(model, send, item, busy) {
     const key = item.identity ?? "";
     const chosen = model.drafts[key]?.users ?? roles(item);
     const users = choices(model, item);
-    const back = idOf("users", item);
     const row = (/** @type {(typeof users)[0]} */ user, /** @type {number} */ at) => {
         const role = chosen[user.uid] ?? "";
         const without = user.samba_password === false;
@@ -115,28 +136,9 @@ function usersForm(model, send, item, busy) {
                 onchange: (/** @type {any} */ event) => send({ type: "draft", key, change: { users: chosenIn(event.target.form) } }),
             }, roleTexts.map(([word, say]) => h("option", { value: word }, say()))));
     };
-    const cancel = () => {
-        closeForm(send, item);
-        focusSoon(back);
-    };
-    return h("form", {
-        key: "users-form", class: "form",
-        onsubmit: async (/** @type {Event} */ event) => {
-            event.preventDefault();
-            const words = roleWords(chosenIn(/** @type {any} */ (event.target)));
-            await setForm(send, item, words, model.drafts[key]?.was ?? []);
-            focusSoon(back);
-        },
-        onkeydown: (/** @type {KeyboardEvent} */ event) => {
-            if (event.key === "Escape") // nothing is returned: false would swallow the key
-                cancel();
-        },
-    },
-    h("p", { class: "hint" }, _("When nobody is chosen who reads or writes, everybody with a password may.")),
-    users.length > 0 ? users.map(row) : h("p", {}, _("This machine has no users.")),
-    h("div", { class: "buttons" },
-        h("button", { type: "submit", class: "button primary", disabled: busy }, _("Save")),
-        button(_("Cancel"), cancel, { disabled: busy })));
+    return formView({ model, send, item, name: "users", busy, read: form => roleWords(chosenIn(form)) },
+        h("p", { class: "hint" }, _("When nobody is chosen who reads or writes, everybody with a password may.")),
+        users.length > 0 ? users.map(row) : h("p", {}, _("This machine has no users.")));
 }
 
 /**
@@ -158,7 +160,7 @@ function controls(model, send, item) {
     const title = itemTitle(item);
     const form = model.open[key];
     const task = model.tasks[settingsKey(item)];
-    const busy = task?.phase === "running";
+    const busy = isUnderWay(task);
     const open = (/** @type {string} */ name) => {
         dismissTask(send, settingsKey(item));
         const names = { share: item.settings?.share_name ?? "", comment: item.settings?.comment ?? "" };

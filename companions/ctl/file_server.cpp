@@ -90,7 +90,7 @@ const FileServer file_servers[file_server_count] = {
                 {"ksmbd_not_in_kernel", "this kernel has no ksmbd",
                  "install a kernel that has it, or vynas-samba"},
                 {"ksmbd_not_running", "ksmbd is not running", "systemctl start ksmbd"},
-                {"ksmbd_not_set_up", "ksmbd.mountd does not read /run/vynas-ksmbd/ksmbd.conf",
+                {"ksmbd_not_set_up", "ksmbd.mountd does not read the shares",
                  "systemctl restart ksmbd"},
                 {"ksmbd_no_users", "nobody has a ksmbd password", "ksmbd.adduser -a USER"}}},
 };

@@ -16,7 +16,8 @@ enum ServerFault : uint8_t {
     SERVER_FAULTS,
 };
 
-struct ServerFaultTexts {
+// What is told of something that is wrong.
+struct FaultTexts {
     const char* id;
     const char* text;
     const char* remedy;
@@ -37,7 +38,7 @@ struct FileServer {
     bool (*tells_avahi)();  // whether it does that itself
     const char* tell_avahi; // what to type, where it does not
     bool (*read_users)(FileBytes* lines);
-    ServerFaultTexts faults[SERVER_FAULTS];
+    FaultTexts faults[SERVER_FAULTS];
 };
 
 constexpr size_t file_server_count = 2;

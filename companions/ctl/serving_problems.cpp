@@ -56,12 +56,6 @@ static ServerFault find_fault(const ProblemLook& look)
     return server.reads_list(server) ? SERVER_FAULTS : SERVER_NOT_SET_UP;
 }
 
-static void tell_fault(ProblemLook* look, ServerFault fault)
-{
-    const ServerFaultTexts& texts = look->server->faults[fault];
-    problem_add(look, texts.id, false, texts.remedy, "%s", texts.text);
-}
-
 void look_at_file_server(ProblemLook* look)
 {
     FileBytes users;
@@ -69,38 +63,32 @@ void look_at_file_server(ProblemLook* look)
         return;
     const ServerFault fault = find_fault(*look);
     if (fault != SERVER_FAULTS)
-        tell_fault(look, fault);
+        problem_add_texts(look, false, look->server->faults[fault]);
     if (file_server_read_users(*look->server, &users) && users.size == 0)
-        tell_fault(look, SERVER_NO_USERS);
+        problem_add_texts(look, false, look->server->faults[SERVER_NO_USERS]);
 }
 
 // ---- the network ----
 
 namespace {
 
-// Programs by which others find the machine; the first is the one to install.
+// Programs by which others find the machine: one of them is to run.
 struct Discovery {
     const char* programs[2];
-    const char* by_whom;
-    const char* missing; // identifiers
-    const char* stopped;
-    const char* install; // what to type
-    const char* start;
+    FaultTexts missing;
+    FaultTexts stopped;
 };
+
+constexpr char no_avahi[] = "no avahi-daemon runs: Macs and Linux do not show this machine";
+constexpr char no_wsdd[] = "no wsdd runs: Windows does not show this machine";
 
 constexpr Discovery discoveries[] = {
     {.programs = {"avahi-daemon", "umdns"},
-     .by_whom = "Macs and Linux do",
-     .missing = "avahi_missing",
-     .stopped = "avahi_not_running",
-     .install = "apt-get install avahi-daemon",
-     .start = "systemctl enable --now avahi-daemon"},
+     .missing = {"avahi_missing", no_avahi, "apt-get install avahi-daemon"},
+     .stopped = {"avahi_not_running", no_avahi, "systemctl enable --now avahi-daemon"}},
     {.programs = {"wsdd", "wsdd2"},
-     .by_whom = "Windows does",
-     .missing = "wsdd_missing",
-     .stopped = "wsdd_not_running",
-     .install = "apt-get install wsdd",
-     .start = "systemctl enable --now wsdd"},
+     .missing = {"wsdd_missing", no_wsdd, "apt-get install wsdd"},
+     .stopped = {"wsdd_not_running", no_wsdd, "systemctl enable --now wsdd"}},
 };
 
 } // namespace
@@ -113,10 +101,7 @@ static void look_for_one(ProblemLook* look, const Discovery& row)
             return;
         installed |= machine_has_program(program);
     }
-    problem_add(look, installed ? row.stopped : row.missing, !installed,
-                installed ? row.start : row.install,
-                "no %s runs: %s not show this machine in the network", row.programs[0],
-                row.by_whom);
+    problem_add_texts(look, !installed, installed ? row.stopped : row.missing);
 }
 
 // A server that does not read the shares has been told of, and what to type is the same. Whoever
@@ -128,8 +113,7 @@ static void look_at_avahi(ProblemLook* look)
         server->tells_avahi() || machine_any_file_has(avahi_folder, "_smb._tcp"))
         return;
     problem_add(look, "avahi_not_told", false, server->tell_avahi,
-                "no file in %s tells of the file server: Macs and Linux do not show this machine",
-                avahi_folder);
+                "no file tells Avahi of the file server");
 }
 
 void look_at_discovery(ProblemLook* look)
