@@ -63,8 +63,12 @@ struct RowTexts {
 
 static unsigned percent_used(const Item& item)
 {
-    const uint64_t usable = item.used_bytes + item.free_bytes;
-    return usable == 0 ? 0 : static_cast<unsigned>(item.used_bytes / (usable / 100 + 1));
+    uint64_t usable = item.used_bytes + item.free_bytes;
+    uint64_t used = item.used_bytes;
+    // As in size_format, no long division.
+    for (; usable > 1 << 24; usable >>= 1)
+        used >>= 1;
+    return usable == 0 ? 0 : static_cast<unsigned>(used) * 100 / static_cast<unsigned>(usable);
 }
 
 static void fill_row(const Terminal& out, const Item& item, RowTexts* texts, TableRow* row)

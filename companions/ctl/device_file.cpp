@@ -224,10 +224,11 @@ static int write_locked(Work* work, EditStep step)
     (void)sys_unlink(work->copy); // most often it is not there
     const int told = result == 0 ? service_reload() : 0;
     block_signals(false);
-    if (result != 0)
+    if (result != 0) {
         return fail(work->written ? "the change may be in the file all the same"
                                   : work->setup->config->deviceconfigpath,
                     result);
+    }
     work->written = true;
     // One that has just ended is seen, and told, by who waits for it.
     return told == 0 || told == -ESRCH ? 0 : fail("the change is in the file; the service", told);
