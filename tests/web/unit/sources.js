@@ -4,9 +4,9 @@
  * Words of others that stand in messages: errors of the C library, and what Cockpit says of a call that failed.
  */
 export const SYSTEM_WORDS = [
-    "No such file or directory", "Permission denied", "Operation not permitted", "Input/output error", "Read-only file system",
-    "No space left on device", "Invalid argument", "Not a directory", "Is a directory", "Cannot allocate memory",
-    "Structure needs cleaning", "No such device or address", "Device or resource busy", "Too many levels of symbolic links",
+    "No such file or directory", "Permission denied", "Input/output error", "Read-only file system",
+    "No space left on device", "Invalid argument", "Not a directory", "Cannot allocate memory",
+    "Structure needs cleaning", "Device or resource busy", 
     "blkid cannot be run", "blkid failed",
     "Not permitted to perform this action.", "Your session has been terminated.", "Internal error", "Connection has timed out.",
     "Server has closed the connection.", "not-found",

@@ -78,6 +78,14 @@ test("a place that a text has twice or that a name holds is not filled again", (
     assert.equal(texts.format("$0 and $1", "$1", "b"), "$1 and b");
 });
 
+test("who has no password", () => {
+    const user = (samba_password, ksmbd_password) => ({ uid: 1, name: "a", full_name: null, samba_password, ksmbd_password });
+    assert.equal(texts.withoutPassword(user(false, null)), "has no Samba password");
+    assert.equal(texts.withoutPassword(user(null, false)), "has no ksmbd password");
+    for (const known of [user(true), user(null, true), user(null, null), user(null)])
+        assert.equal(texts.withoutPassword(known), "");
+});
+
 test("who may", () => {
     const settings = {
         share_name: null, comment: null, path: null, read_only: false, guest: false, hide_from_guests: false, sync: false,
