@@ -4,10 +4,10 @@ import { afterEach, beforeEach, test } from "node:test";
 import { fakeCockpit, table, WEB } from "./fake_cockpit.js";
 import { QUICK } from "../../../web/model.js";
 import * as told from "../../../web/told.js";
-import { adds, quickIds, remedies, SYSTEM_WORDS, toForm } from "./sources.js";
+import { adds, PROBLEM_FILES, quickIds, remedies, SYSTEM_WORDS, toForm } from "./sources.js";
 
 const source = path => readFileSync(new URL(`../${path}`, WEB), "utf8");
-const PROBLEMS = source("companions/ctl/problems.cpp");
+const PROBLEMS = PROBLEM_FILES.map(source).join("");
 const german = table("po.de.js");
 
 beforeEach(() => fakeCockpit(german));
@@ -31,7 +31,7 @@ test("every problem that there is has its German, and so has what to do", () => 
         assert.notEqual(pieces[0].lang, "en", `${id}: ${toForm(format)}`);
     }
     const same = remedies(PROBLEMS).filter(remedy => told.remedyOf({ remedy }) === remedy);
-    const command = /^(systemctl|mount|apt-get|vyhotplug-prepare|vynas-samba-setup)( [a-z0-9,=/.-]+)*$/;
+    const command = /^(systemctl|mount|apt-get|cp|vyhotplug-prepare|vynas-samba-setup)( [a-z0-9,=/.-]+)*$/;
     assert.deepEqual(same.filter(remedy => !command.test(remedy)), []);
 });
 
@@ -107,7 +107,7 @@ test("every refusal that a call of the page can meet is known", () => {
         .map(text => text.replace(/^vyhotplugctl: /, "").replace("\\n", ""));
     assert.ok(wanted.length > 12, String(wanted.length));
     const forms = [...told.refusals, ...told.faults].map(form => form.replaceAll(/\$\d/g, "%s"));
-    const composed = ["%s: %s", "%s%s: ", "no such setting: ", "note: %s: %s has no Samba password; smbpasswd -a %s"];
+    const composed = ["%s: %s", "%s%s: ", "no such setting: ", "note: %s: %s has no %s password; %s %s"];
     for (const text of wanted.filter(one => !composed.includes(one)))
         assert.ok(forms.some(form => form.includes(text.replace(/^%s: /, "").replace(/(%s)+$/, ""))), text);
     const faults = [...source("companions/ctl/settings.cpp").matchAll(/fail\(\w+, "([^"]+)"/g)].map(match => match[1].trim());
