@@ -172,8 +172,6 @@ def fetch(kind):
     for package in glob.glob(packages + "/*.deb"):
         run("dpkg-deb", "-x", package, kind.root)
     shutil.rmtree(packages)
-    for module in glob.glob(kind.root + "/**/*.ko.xz", recursive=True):
-        run("xz", "-d", module)
     image, = glob.glob(kind.root + "/boot/vmlinu*")
     unpack_kernel(image, kind.kernel_image)
     with open(os.path.join(kind.folder, "fetched"), "w", encoding="ascii") as file:
@@ -340,15 +338,22 @@ def module_files(kind):
     files = {}
     for place, _, names in os.walk(folder):
         for name in names:
-            if name.endswith(".ko"):
-                files[name[:-3].replace("-", "_")] = os.path.join(place, name)
+            module, _, packed = name.partition(".ko")
+            if packed in (".xz", "") and module != name:
+                files[module.replace("-", "_")] = os.path.join(place, name)
     with open(folder + "/modules.builtin", encoding="ascii") as file:
         builtin = {os.path.basename(line.strip())[:-3].replace("-", "_") for line in file}
     return files, builtin
 
 
+def module_content(path):
+    """A module as it is loaded; some kernels' are packed, thousands of which nobody loads."""
+    with (lzma.open if path.endswith(".xz") else open)(path, "rb") as file:
+        return file.read()
+
+
 def modules_in_order(kind, names):
-    """These modules and what they depend on: name to path, each behind those it needs."""
+    """These modules and what they depend on: name to content, each behind those it needs."""
     files, builtin = module_files(kind)
     order = {}
 
@@ -356,11 +361,11 @@ def modules_in_order(kind, names):
         name = name.strip().replace("-", "_")
         if not name or name in order or name in builtin:
             return
-        with open(files[name], "rb") as file:
-            info = re.search(rb"\0depends=([^\0]*)\0", file.read())
+        content = module_content(files[name])
+        info = re.search(rb"\0depends=([^\0]*)\0", content)
         for other in (info[1].decode() if info else "").split(","):
             visit(other)
-        order[name] = files[name]
+        order[name] = content
 
     for name in names:
         visit(name)
@@ -371,8 +376,9 @@ def modules_in_order(kind, names):
 
 
 def build_service(kind):
-    """Builds the service and its companions as for an appliance; returns the folder they are in."""
-    tree = os.path.join(kind.build, "cmake")
+    """Builds the service and its companions as for an appliance, once for all machines of a preset; returns the folder
+    they are in."""
+    tree = os.path.join(PROJECT, "build", f"vm-{kind.preset}")
     run("cmake", "--preset", kind.preset, "-DVY_TESTS=OFF", "-B", tree, cwd=PROJECT)
     targets = sorted({os.path.basename(path) for path in PROGRAMS.values()})
     run("cmake", "--build", tree, "-j", str(os.cpu_count()), "--target", *targets)
@@ -417,8 +423,8 @@ def make_initramfs(kind, programs, sysroot):
         add_program(archive, name, os.path.join(programs, program), known, folders)
     for list_name, names in (("order", MODULES), ("more", kind.modules), ("others", OTHERS), ("server", SERVER)):
         order = modules_in_order(kind, names)
-        for name, path in order.items():
-            archive.copy(f"modules/{name}.ko", path)
+        for name, content in order.items():
+            archive.content(f"modules/{name}.ko", content)
         archive.content(f"modules/{list_name}", "".join(name + "\n" for name in order).encode(), 0o644)
     archive.close()
 
