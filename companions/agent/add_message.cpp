@@ -53,6 +53,22 @@ static bool shorten(BlockDevice* device)
     return true;
 }
 
+// Bytes that a name takes off the message's length, with its key.
+static size_t length_of_name(const char* name)
+{
+    return name[0] != '\0' ? strlen(",VNAME=") + strlen(name) : 0;
+}
+
+// Takes characters off the names until a message of `length` bytes has less than `size`, or the
+// names are empty.
+static void shorten_to(size_t size, size_t length, BlockDevice* device)
+{
+    const size_t others = length - length_of_name(device->vname) - length_of_name(device->pname);
+    while (others + length_of_name(device->vname) + length_of_name(device->pname) >= size &&
+           shorten(device)) {
+    }
+}
+
 // Returns the length.
 static size_t build(const BlockDevice& device, char (&text)[build_size])
 {
@@ -86,8 +102,11 @@ size_t add_message_format(const BlockDevice& device, char (&text)[agent_message_
     char built[build_size];
     BlockDevice fit = device;
     make_fit(&fit);
-    while (build(fit, built) >= sizeof text && shorten(&fit)) {
-    } // until it fits
+    const size_t length = build(fit, built);
+    if (length >= sizeof text) {
+        shorten_to(sizeof text, length, &fit);
+        (void)build(fit, built);
+    }
     str_ncpy(text, built, sizeof text);
     return strlen(text);
 }
