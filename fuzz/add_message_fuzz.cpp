@@ -31,9 +31,12 @@ static void put_number(char* field, size_t size, int64_t number, const std::stri
     put(field, size, text.empty() ? std::to_string(number) : text);
 }
 
-static BlockDevice read_device(Input* input)
+// A device and what it has in common with the others of its disk.
+struct Whole : BlockDevice, BlockHardware {};
+
+static Whole read_device(Input* input)
 {
-    BlockDevice device = {};
+    Whole device = {};
     device.major = static_cast<int32_t>(input->number(0, 4095));
     device.minor = static_cast<int32_t>(input->number(0, 1048575));
     const int64_t range = input->number(INT32_MIN, INT32_MAX);
@@ -111,7 +114,7 @@ static int64_t number_of(const char* text, int64_t least, int64_t most, int64_t 
     return otherwise;
 }
 
-static void check_reading(const BlockDevice& device, const char* text)
+static void check_reading(const Whole& device, const char* text)
 {
     ControlMessage message;
     check_equal(message_action(text), HOTPLUG_ACTION_ADD, "the action");
@@ -136,7 +139,8 @@ static void check_reading(const BlockDevice& device, const char* text)
 
 void fuzz(Input& input)
 {
-    const BlockDevice device = read_device(&input);
+    Whole device = read_device(&input);
+    device.hardware = &device;
     using Text = char[agent_message_size];
     const std::unique_ptr<Text[]> text(new Text[1]); // no byte longer
     const size_t length = add_message_format(device, text[0]);

@@ -1,25 +1,15 @@
-// @ts-check
 // What people have done, and how it went.
 
 import { ask, order } from "./ctl.js";
 import { diskOf, isMounted } from "./model.js";
 import { _, diskTitle, format } from "./texts.js";
 
-/** @typedef {import("./types.js").Item} Item */
-/** @typedef {import("./types.js").Model} Model */
-/** @typedef {import("./types.js").Task} Task */
-/** @typedef {(event: {type: string, [detail: string]: any}) => void} Send */
-
 const WAIT_S = 86400; // of "wait until it is free"; vyhotplugctl takes no more
 
 /** What can be stopped, by key. @type {Map<string, () => void>} */
 const stoppable = new Map();
 
-/**
- * @param {Send} send
- * @param {string} key
- * @param {Partial<Task> | undefined} task
- */
+/** @param {Send} send @param {string} key @param {Partial<Task> | undefined} task */
 function tell(send, key, task) {
     send({ type: "task", key, task: task && { verb: "", phase: "running", message: "", status: null, holders: [], ...task } });
 }
@@ -35,7 +25,7 @@ async function holdersOf(parts) {
 }
 
 /**
- * Has one thing done. Returns whether it was.
+ * Has one thing done. Returns the answer when it was, else null.
  *
  * @param {Send} send
  * @param {string} key
@@ -52,7 +42,7 @@ async function run(send, key, verb, words, parts = [], phase = "running") {
     stoppable.delete(key);
     if (answer.status === 0) {
         tell(send, key, undefined);
-        return true;
+        return answer;
     }
     if (answer.problem === "terminated" && phase === "waiting")
         tell(send, key, undefined);
@@ -60,20 +50,15 @@ async function run(send, key, verb, words, parts = [], phase = "running") {
         tell(send, key, { verb, phase: "busy", message: answer.message, status: 4, holders: await holdersOf(parts) });
     else
         tell(send, key, { verb, phase: "failed", message: answer.message, status: answer.status });
-    return false;
+    return null;
 }
 
-/**
- * @param {string} key
- */
+/** @param {string} key */
 export function stop(key) {
     stoppable.get(key)?.();
 }
 
-/**
- * @param {Send} send
- * @param {string} key
- */
+/** @param {Send} send @param {string} key */
 export function dismissTask(send, key) {
     tell(send, key, undefined);
 }
@@ -87,11 +72,7 @@ export function settingsKey(item) {
     return `set ${item.identity ?? item.name}`;
 }
 
-/**
- * @param {Send} send
- * @param {Item} item
- * @param {string[]} words - "guest=yes"
- */
+/** @param {Send} send @param {Item} item @param {string[]} words - "guest=yes" */
 export function set(send, item, words) {
     return run(send, settingsKey(item), "set", ["set", "--", item.identity ?? "", ...words]);
 }
@@ -110,74 +91,52 @@ export async function setForm(send, item, words, was) {
         closeForm(send, item);
 }
 
-/**
- * @param {Send} send
- * @param {Item} item
- */
+/** @param {Send} send @param {Item} item */
 export function closeForm(send, item) {
     send({ type: "open", key: item.identity ?? "", form: undefined, draft: undefined });
 }
 
-/**
- * @param {Send} send
- * @param {Item} item
- */
+/** @param {Send} send @param {Item} item */
 export function askForget(send, item) {
     tell(send, settingsKey(item), { verb: "forget", phase: "asked" });
 }
 
-/**
- * @param {Send} send
- * @param {Item} item
- */
+/** @param {Send} send @param {Item} item */
 export function forget(send, item) {
     return run(send, settingsKey(item), "forget", ["forget", "--", item.identity ?? ""]);
 }
 
-/**
- * @param {Send} send
- * @param {Item} item
- */
+/** @param {Send} send @param {Item} item */
 export function mount(send, item) {
     return run(send, `part ${item.name}`, "mount", ["mount", "--", item.name ?? ""]);
 }
 
-/**
- * @param {Send} send
- * @param {Item} item
- * @param {string[]} options
- */
+/** @param {Send} send @param {Item} item @param {string[]} options */
 export function unmount(send, item, options = []) {
     const waits = options[0] === "--wait" ? "waiting" : "running";
     const verb = options[0] === "--force" ? "force" : "unmount";
     return run(send, `part ${item.name}`, verb, ["unmount", ...options, "--", item.name ?? ""], [item], waits);
 }
 
-/**
- * @param {Send} send
- * @param {Item} item
- */
+/** @param {Send} send @param {Item} item */
 export function waitAndUnmount(send, item) {
     return unmount(send, item, ["--wait", String(WAIT_S)]);
 }
 
-/**
- * @param {Send} send
- * @param {Item[]} parts
- * @param {string[]} options
- */
+/** @param {Send} send @param {Item[]} parts @param {string[]} options */
 export async function eject(send, parts, options = []) {
     const disk = diskOf(parts[0].name ?? "");
     const waits = options.length > 0 ? "waiting" : "running";
     const title = diskTitle(disk, parts);
-    if (await run(send, `disk ${disk}`, "eject", ["eject", ...options, "--", disk], parts, waits))
-        send({ type: "notice", text: format(_("$0 ($1) may be pulled now."), title, disk) });
+    const answer = await run(send, `disk ${disk}`, "eject", ["eject", ...options, "--", disk], parts, waits);
+    if (answer === null)
+        return;
+    const off = answer.out.includes("switched off"); // "sda is unmounted and switched off: safe to pull"
+    const how = off ? _("It is switched off.") : _("It is unmounted; its port stays on.");
+    send({ type: "notice", text: `${format(_("$0 ($1) may be pulled now."), title, disk)} ${how}` });
 }
 
-/**
- * @param {Send} send
- * @param {Item[]} parts
- */
+/** @param {Send} send @param {Item[]} parts */
 export function waitAndEject(send, parts) {
     return eject(send, parts, ["--wait", String(WAIT_S)]);
 }

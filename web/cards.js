@@ -1,16 +1,12 @@
-// @ts-check
 // A card for each disk.
 
 import { h } from "./dom.js";
-import { isMounted } from "./model.js";
+import { isMounted, isUnderWay } from "./model.js";
 import { eject, forceEject, mount, unmount, waitAndEject, waitAndUnmount } from "./actions.js";
-import { button, room, taskView } from "./parts.js";
+import { button, room, taskView, toldView } from "./parts.js";
 import { idOf, isSet, settingsView } from "./settings.js";
-import { _, diskTitle, format, itemTitle, reason, size, speed, state } from "./texts.js";
-
-/** @typedef {import("./types.js").Item} Item */
-/** @typedef {import("./types.js").Model} Model */
-/** @typedef {import("./actions.js").Send} Send */
+import { _, diskTitle, format, itemTitle, size, speed, state } from "./texts.js";
+import { reason } from "./told.js";
 
 /** @type {Record<string, string>} */
 const COLOURS = {
@@ -18,9 +14,7 @@ const COLOURS = {
     not_mounted: "bad", gone: "bad", absent: "dim",
 };
 
-/**
- * @param {Item} item
- */
+/** @param {Item} item */
 function badges(item) {
     return [
         h("span", { class: `badge ${COLOURS[item.state] ?? "dim"}` }, state(item.state)),
@@ -39,19 +33,15 @@ function explanation(item) {
     if (!item.reason)
         return null;
     const { why, remedy } = reason(item.reason);
-    return h("p", { class: "why" }, why, remedy ? h("span", {}, ` ${_("Type:")} `, h("code", {}, remedy)) : null);
+    return h("p", { class: "why" }, toldView(why), remedy ? h("span", {}, ` ${_("Type:")} `, h("code", {}, remedy)) : null);
 }
 
-/**
- * @param {Model} model
- * @param {Send} send
- * @param {Item} item
- */
+/** @param {Model} model @param {Send} send @param {Item} item */
 function mountButtons(model, send, item) {
     if (!model.access || item.name === null)
         return null;
     const title = itemTitle(item);
-    const busy = ["running", "waiting"].includes(model.tasks[`part ${item.name}`]?.phase);
+    const busy = isUnderWay(model.tasks[`part ${item.name}`]);
     if (isMounted(item))
         return button(_("Unmount"), () => unmount(send, item), { disabled: busy, "aria-label": `${_("Unmount")}: ${title}` });
     if (item.state === "unmounted")
@@ -59,11 +49,7 @@ function mountButtons(model, send, item) {
     return null;
 }
 
-/**
- * @param {Model} model
- * @param {Send} send
- * @param {Item} item
- */
+/** @param {Model} model @param {Send} send @param {Item} item */
 export function partView(model, send, item) {
     const key = `part ${item.name}`;
     const title = itemTitle(item);
@@ -85,18 +71,14 @@ export function partView(model, send, item) {
         item.state !== "not_mounted" || isSet(item) ? settingsView(model, send, item) : null);
 }
 
-/**
- * @param {Model} model
- * @param {Send} send
- * @param {import("./model.js").Disk} disk
- */
+/** @param {Model} model @param {Send} send @param {Disk} disk */
 export function diskCard(model, send, { name, parts }) {
     const key = `disk ${name}`;
     const device = parts.find(part => part.device)?.device;
     const title = diskTitle(name, parts);
     const whole = parts.reduce((sum, part) => sum + (part.size_bytes ?? 0), 0);
     const facts = [name, speed(device?.speed_mbit_per_s), whole > 0 ? size(whole) : "", device?.serial].filter(Boolean);
-    const busy = ["running", "waiting"].includes(model.tasks[key]?.phase);
+    const busy = isUnderWay(model.tasks[key]);
     const left = parts.filter(part => !isMounted(part)).length;
     return h("article", { key, class: "card", "aria-labelledby": `disk-${name}` },
         h("header", {},

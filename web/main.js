@@ -1,11 +1,12 @@
-// @ts-check
 // Starts the watching, and draws the page whenever something is new. Nothing is asked for by a clock, but when the
 // watching has failed.
 
 import { ask, watch } from "./ctl.js";
 import { patch } from "./dom.js";
-import { nothing, update } from "./model.js";
+import { followFocus, keepingFocus } from "./focus.js";
+import { happeningOf, nothing, update } from "./model.js";
 import { pageView } from "./page.js";
+import { tellAloud } from "./tell.js";
 import { followTheme } from "./theme.js";
 import { _, happening, language } from "./texts.js";
 
@@ -13,15 +14,14 @@ const TOGETHER_MS = 100; // events that come so near to each other have one look
 const AGAIN_MS = 5000; // after the watching has failed
 
 const page = /** @type {HTMLElement} */ (document.getElementById("page"));
-const told = /** @type {HTMLElement} */ (document.getElementById("told"));
 let model = nothing;
 let drawing = false;
 
-/**
- * @param {{type: string, [detail: string]: any}} event
- */
+/** @param {{type: string, [detail: string]: any}} event */
 function send(event) {
     model = update(model, event);
+    if (event.type === "notice")
+        tellAloud(event.text);
     if (drawing)
         return;
     drawing = true;
@@ -31,7 +31,7 @@ function send(event) {
 
 function draw() {
     drawing = false;
-    patch(page, /** @type {any} */ (pageView(model, send, check)));
+    keepingFocus(() => patch(page, /** @type {any} */ (pageView(model, send, check))));
 }
 
 // ---- looking ----
@@ -69,24 +69,20 @@ async function check() {
     send({ type: "check", found: answer?.problems });
 }
 
-/**
- * @param {any} line
- */
+/** @param {any} line */
 function takeLine(line) {
     send({ type: "watch", line });
     look();
     if (line.event === "present")
         return;
-    told.textContent = happening({
-        time_s: 0, event: line.event, name: line.item?.name ?? line.item?.identity ?? "", share: line.item?.share ?? null,
-    });
+    tellAloud(happening(happeningOf(line)));
     if (line.event.startsWith("service_"))
         check();
 }
 
 async function watchOn() {
     for (;;) {
-        const { over } = watch(takeLine);
+        const over = watch(takeLine);
         look();
         const answer = await over;
         send({ type: "lost", reason: answer.message || String(answer.problem) });
@@ -111,6 +107,7 @@ function start() {
     document.title = _("Plugged storage");
     document.documentElement.lang = language();
     followTheme();
+    followFocus();
     permission.addEventListener("changed", followAccess);
     followAccess();
     watchOn();

@@ -1,10 +1,4 @@
-// @ts-check
 // What the page knows: a function of what it knew and of what happened. Touches no world.
-
-/** @typedef {import("./types.js").Model} Model */
-/** @typedef {import("./types.js").Item} Item */
-/** @typedef {import("./types.js").Task} Task */
-/** @typedef {import("./types.js").Problem} Problem */
 
 const HAPPENINGS = 200; // that are kept
 
@@ -60,10 +54,7 @@ function without(table, key, value) {
     return value === undefined ? rest : { ...rest, [key]: value };
 }
 
-/**
- * @param {Item} a
- * @param {Item} b
- */
+/** @param {Item} a @param {Item} b */
 function isSame(a, b) {
     if (a.name !== b.name)
         return false;
@@ -71,10 +62,7 @@ function isSame(a, b) {
     return unknown || a.identity === b.identity;
 }
 
-/**
- * @param {Model} model
- * @param {{status: any}} event
- */
+/** @param {Model} model @param {{status: any}} event */
 function takeStatus(model, { status }) {
     /** @type {Item[]} */
     const all = status.items;
@@ -98,7 +86,7 @@ function forgetGone(model) {
     /** @type {(key: string) => boolean} */
     const isThere = key => keys.has(key.replace(/^\w+ /, ""));
     const tasks = Object.entries(model.tasks).filter(
-        ([key, task]) => isThere(key) || task.phase === "running" || task.phase === "waiting");
+        ([key, task]) => isThere(key) || isUnderWay(task));
     return {
         ...model, tasks: Object.fromEntries(tasks),
         open: Object.fromEntries(Object.entries(model.open).filter(([key]) => isThere(key))),
@@ -131,17 +119,14 @@ function takeLine(model, { line }) {
     return { ...noted, items, known: noted.known.filter(other => other.identity !== item.identity) };
 }
 
-/**
- * @param {Model} model
- * @param {any} line
- * @returns {Model}
- */
+/** @param {any} line - of `watch` @returns {Happening} */
+export function happeningOf({ time_s, event, item }) {
+    return { time_s, event, name: item?.name ?? item?.identity ?? "", share: item?.share ?? null };
+}
+
+/** @param {Model} model @param {any} line @returns {Model} */
 function note(model, line) {
-    const happening = {
-        time_s: line.time_s, event: line.event, name: line.item?.name ?? line.item?.identity ?? "",
-        share: line.item?.share ?? null,
-    };
-    return { ...model, happenings: [happening, ...model.happenings].slice(0, HAPPENINGS) };
+    return { ...model, happenings: [happeningOf(line), ...model.happenings].slice(0, HAPPENINGS) };
 }
 
 // ---- what follows from it ----
@@ -154,8 +139,6 @@ function note(model, line) {
 export function diskOf(name) {
     return name.replace(/\d+$/, "");
 }
-
-/** @typedef {{name: string, parts: Item[]}} Disk */
 
 /**
  * The disks in the order in which they came, with their partitions by number.
@@ -184,22 +167,30 @@ export function directories(model) {
     return model.items.filter(item => item.name === null);
 }
 
-/**
- * @param {Item} item
- */
+/** @param {Task | undefined} task */
+export function isUnderWay(task) {
+    return task?.phase === "running" || task?.phase === "waiting";
+}
+
+/** @param {Item} item */
 export function isMounted(item) {
     return ["shared", "mounted", "busy"].includes(item.state);
 }
+
+/** Problems that `status` tells of, too. */
+export const QUICK = [
+    "service_not_running", "service_replaced", "agent_not_running", "agent_replaced", "bridge_not_running", "bridge_replaced",
+    "open_to_others", "configuration", "directory_missing", "other_filesystem", "tmp_read_only", "tmp_full", "settings", "no_such_user", "name_twice", "not_mounted", "directory_gone",
+];
 
 /**
  * The problems: those that are seen at once, as they are now, and what only a thorough look finds.
  *
  * @param {Model} model
- * @param {(id: string) => boolean} isQuick - whether a problem of that id is seen at once
  * @returns {Problem[]}
  */
-export function problems(model, isQuick) {
-    const all = [...model.seen, ...model.found.filter(problem => !isQuick(problem.id))];
+export function problems(model) {
+    const all = [...model.seen, ...model.found.filter(problem => !QUICK.includes(problem.id))];
     return [...all.filter(problem => problem.severity !== "note"), ...all.filter(problem => problem.severity === "note")];
 }
 
@@ -227,12 +218,12 @@ export function roles(item) {
  *
  * @param {Model} model
  * @param {Item} item
- * @returns {{uid: number, name: string, full_name: string | null, samba_password: boolean | null}[]}
+ * @returns {User[]}
  */
 export function choices(model, item) {
     const users = model.users ?? [];
-    const set = ROLES.flatMap(role => item.settings?.[LISTS[role]] ?? []);
-    const others = set.filter(one => !users.some(user => user.uid === one.uid));
+    const set = new Map(ROLES.flatMap(role => item.settings?.[LISTS[role]] ?? []).map(one => [one.uid, one]));
+    const others = [...set.values()].filter(one => !users.some(user => user.uid === one.uid));
     return [...users, ...others.map(one => ({ ...one, full_name: null, samba_password: null }))];
 }
 

@@ -1,23 +1,18 @@
-// @ts-check
 // The whole page, of what is known.
 
 import { h } from "./dom.js";
 import { directories, disks } from "./model.js";
-import { button } from "./parts.js";
+import { button, toldView } from "./parts.js";
 import { diskCard, partView } from "./cards.js";
 import { eventsView, knownView, problemsView } from "./lists.js";
 import { _ } from "./texts.js";
+import { printed } from "./told.js";
 
-/** @typedef {import("./types.js").Model} Model */
-/** @typedef {import("./actions.js").Send} Send */
-
-/**
- * @param {Model} model
- */
+/** @param {Model} model */
 function warnings(model) {
     return [
         model.lost !== null && h("div", { key: "lost", class: "alert danger", role: "alert" },
-            h("p", {}, _("Nothing can be told of the disks. It is tried again in a moment.")), h("p", {}, model.lost)),
+            h("p", {}, _("Nothing can be told of the disks. It is tried again in a moment.")), h("p", {}, toldView(printed(model.lost)))),
         model.loaded && model.lost === null && !model.runs && h("div", { key: "ended", class: "alert danger", role: "alert" },
             h("p", {}, _("The service is not running: nothing is mounted or shared, and nothing can be changed.")),
             h("p", {}, `${_("What to do:")} `, h("code", {}, "systemctl start vyhotplugd"))),
@@ -26,21 +21,14 @@ function warnings(model) {
     ];
 }
 
-/**
- * @param {Model} model
- * @param {Send} send
- */
+/** @param {Model} model @param {Send} send */
 function notices(model, send) {
     return model.notices.map(notice => h("div", { key: `notice ${notice.id}`, class: "alert success" },
         h("p", {}, notice.text),
         button(_("Dismiss"), () => send({ type: "dismiss", id: notice.id }))));
 }
 
-/**
- * @param {Model} model
- * @param {Send} send
- * @param {() => void} check
- */
+/** @param {Model} model @param {Send} send @param {() => void} check */
 export function pageView(model, send, check) {
     const plugged = disks(model);
     const shared = directories(model);

@@ -1,22 +1,23 @@
-// @ts-check
 // Small things that cards and lists are made of.
 
 import { h } from "./dom.js";
-import { _, failure, format, isRunning, plural, size, use } from "./texts.js";
+import { _, format, isRunning, plural, size, use } from "./texts.js";
+import { failure } from "./told.js";
+import { isUnderWay } from "./model.js";
 import { dismissTask, stop } from "./actions.js";
 
-/** @typedef {import("./types.js").Item} Item */
-/** @typedef {import("./types.js").Task} Task */
-/** @typedef {import("./types.js").Holder} Holder */
-/** @typedef {import("./actions.js").Send} Send */
-
-/**
- * @param {string} text
- * @param {() => void} onclick
- * @param {Record<string, any>} attributes
- */
+/** @param {string} text @param {() => void} onclick @param {Record<string, any>} attributes */
 export function button(text, onclick, attributes = {}) {
     return h("button", { type: "button", class: "button", onclick, ...attributes }, text);
+}
+
+/**
+ * What others have said, each piece in its language.
+ *
+ * @param {Told} told
+ */
+export function toldView(told) {
+    return told.map(({ text, lang }) => lang === null ? text : h("span", { lang }, text));
 }
 
 /**
@@ -40,9 +41,7 @@ export function room(item, title) {
         h("span", {}, text));
 }
 
-/**
- * @param {Holder} holder
- */
+/** @param {Holder} holder */
 function holderLine(holder) {
     return h("li", {},
         h("strong", {}, holder.command), ` (${holder.pid}, ${holder.user}) `, use(holder),
@@ -56,12 +55,12 @@ function holderLine(holder) {
  * @param {Send} send
  * @param {string} key
  * @param {Task | undefined} task
- * @param {{progress?: [number, number], busy?: (import("./dom.js").Wanted)[], asked?: import("./dom.js").Wanted[]}} more
+ * @param {{progress?: [number, number], busy?: (Wanted)[], asked?: Wanted[]}} more
  */
 export function taskView(send, key, task, more = {}) {
     if (!task)
         return null;
-    if (task.phase === "running" || task.phase === "waiting") {
+    if (isUnderWay(task)) {
         const text = task.phase === "waiting" ? _("Waiting until nobody uses it ...") : isRunning(task.verb);
         const [done, all] = more.progress ?? [0, 0];
         return h("div", { key: `task ${key}`, class: "task", role: "status" },
@@ -73,7 +72,7 @@ export function taskView(send, key, task, more = {}) {
         return h("div", { key: `asked ${key}`, class: "alert warning", role: "alert" }, ...(more.asked ?? []));
     const busy = task.phase === "busy";
     return h("div", { key: `failed ${key}`, class: `alert ${busy ? "warning" : "danger"}`, role: "alert" },
-        h("p", {}, failure(task)),
+        h("p", {}, toldView(failure(task))),
         busy && task.holders.length > 0 && h("p", {},
             plural("$0 process uses it:", "$0 processes use it:", new Set(task.holders.map(holder => holder.pid)).size)),
         busy && task.holders.length === 0 && h("p", {}, _("Nobody was seen to hold it; a client may have just let go.")),

@@ -1,15 +1,10 @@
-// @ts-check
 // The settings of a partition, of a shared directory, or of a disk that is not plugged.
 
 import { h } from "./dom.js";
-import { choices, faultOf, nameWords, roles, roleWords } from "./model.js";
+import { choices, faultOf, isUnderWay, nameWords, roles, roleWords } from "./model.js";
 import { askForget, closeForm, dismissTask, forget, set, setForm, settingsKey } from "./actions.js";
 import { button, taskView } from "./parts.js";
-import { _, access, faultText, format, itemTitle, roleTexts } from "./texts.js";
-
-/** @typedef {import("./types.js").Item} Item */
-/** @typedef {import("./types.js").Model} Model */
-/** @typedef {import("./actions.js").Send} Send */
+import { _, access, faultText, format, itemTitle, roleTexts, withoutPassword } from "./texts.js";
 
 /** @type {[string, "read_only" | "guest" | "hide_from_guests", () => string][]} */
 const switches = [
@@ -38,36 +33,33 @@ function focusSoon(id) {
 }
 
 /**
- * @param {Model} model
- * @param {Send} send
- * @param {Item} item
- * @param {boolean} busy
+ * A form that is saved or given up.
+ *
+ * @param {object} form
+ * @param {Model} form.model
+ * @param {Send} form.send
+ * @param {Item} form.item
+ * @param {string} form.name - and that of the button that it came from
+ * @param {boolean} form.busy
+ * @param {boolean} [form.wrong] - it cannot be saved so
+ * @param {(form: any) => string[] | null} form.read - what `set` is to be given, newer than what was drawn; null: not yet
+ * @param {...any} content
  */
-function namesForm(model, send, item, busy) {
+function formView({ model, send, item, name, busy, wrong = false, read }, ...content) {
     const key = item.identity ?? "";
-    const draft = { share: "", comment: "", ...model.drafts[key] };
-    const fault = faultOf(model, item, draft);
-    const back = idOf("names", item);
-    const field = (/** @type {"share" | "comment"} */ name, /** @type {string} */ label, /** @type {boolean} */ first) =>
-        h("label", { class: "field" }, h("span", {}, label), h("input", {
-            type: "text", class: "input", name, value: draft[name], focus: first, disabled: busy, autocomplete: "off",
-            "aria-describedby": fault ? idOf("fault", item) : null,
-            "aria-invalid": fault?.startsWith(name === "share" ? "name" : "comment") ? "true" : null,
-            oninput: (/** @type {any} */ event) => send({ type: "draft", key, change: { [name]: event.target.value } }),
-        }));
+    const back = idOf(name, item);
     const cancel = () => {
         closeForm(send, item);
         focusSoon(back);
     };
     return h("form", {
-        key: "names-form", class: "form",
+        key: `${name}-form`, class: "form",
         onsubmit: async (/** @type {Event} */ event) => {
             event.preventDefault();
-            const { share, comment } = /** @type {any} */ (event.target).elements; // newer than what was drawn
-            const names = { share: share.value, comment: comment.value };
-            if (faultOf(model, item, names))
+            const words = read(event.target);
+            if (words === null)
                 return;
-            await setForm(send, item, nameWords(names), model.drafts[key]?.was ?? []);
+            await setForm(send, item, words, model.drafts[key]?.was ?? []);
             focusSoon(back);
         },
         onkeydown: (/** @type {KeyboardEvent} */ event) => {
@@ -75,12 +67,32 @@ function namesForm(model, send, item, busy) {
                 cancel();
         },
     },
-    field("share", _("Share name"), true),
-    field("comment", _("Comment"), false),
-    fault && h("p", { class: "fault", id: idOf("fault", item), role: "alert" }, faultText(fault)),
+    ...content,
     h("div", { class: "buttons" },
-        h("button", { type: "submit", class: "button primary", disabled: busy || Boolean(fault) }, _("Save")),
+        h("button", { type: "submit", class: "button primary", disabled: busy || wrong }, _("Save")),
         button(_("Cancel"), cancel, { disabled: busy })));
+}
+
+/** @param {Model} model @param {Send} send @param {Item} item @param {boolean} busy */
+function namesForm(model, send, item, busy) {
+    const key = item.identity ?? "";
+    const draft = { share: "", comment: "", ...model.drafts[key] };
+    const fault = faultOf(model, item, draft);
+    const field = (/** @type {"share" | "comment"} */ name, /** @type {string} */ label, /** @type {boolean} */ first) =>
+        h("label", { class: "field" }, h("span", {}, label), h("input", {
+            type: "text", class: "input", name, value: draft[name], focus: first, disabled: busy, autocomplete: "off",
+            "aria-describedby": fault ? idOf("fault", item) : null,
+            "aria-invalid": fault?.startsWith(name === "share" ? "name" : "comment") ? "true" : null,
+            oninput: (/** @type {any} */ event) => send({ type: "draft", key, change: { [name]: event.target.value } }),
+        }));
+    const read = (/** @type {any} */ { elements: { share, comment } }) => {
+        const names = { share: share.value, comment: comment.value };
+        return faultOf(model, item, names) ? null : nameWords(names);
+    };
+    return formView({ model, send, item, name: "names", busy, wrong: Boolean(fault), read },
+        field("share", _("Share name"), true),
+        field("comment", _("Comment"), false),
+        fault && h("p", { class: "fault", id: idOf("fault", item), role: "alert" }, faultText(fault)));
 }
 
 /**
@@ -93,72 +105,41 @@ function chosenIn(form) {
     return Object.fromEntries([...form.querySelectorAll("select")].map(select => [select.name, select.value]));
 }
 
-/**
- * @param {Model} model
- * @param {Send} send
- * @param {Item} item
- * @param {boolean} busy
- */
+/** @param {Model} model @param {Send} send @param {Item} item @param {boolean} busy */
 function usersForm(model, send, item, busy) {
     const key = item.identity ?? "";
     const chosen = model.drafts[key]?.users ?? roles(item);
     const users = choices(model, item);
-    const back = idOf("users", item);
     const row = (/** @type {(typeof users)[0]} */ user, /** @type {number} */ at) => {
         const role = chosen[user.uid] ?? "";
-        const without = user.samba_password === false;
+        const without = withoutPassword(user);
         const label = user.full_name ? `${user.name} (${user.full_name})` : user.name;
         return h("label", { key: String(user.uid), class: "field user" },
-            h("span", {}, label, without ? h("em", { class: "hint" }, ` ${_("has no Samba password")}`) : null),
+            h("span", {}, label, without ? h("em", { class: "hint" }, ` ${without}`) : null),
             h("select", {
                 class: "input", name: String(user.uid), value: role, focus: at === 0, disabled: busy,
                 onchange: (/** @type {any} */ event) => send({ type: "draft", key, change: { users: chosenIn(event.target.form) } }),
             }, roleTexts.map(([word, say]) => h("option", { value: word }, say()))));
     };
-    const cancel = () => {
-        closeForm(send, item);
-        focusSoon(back);
-    };
-    return h("form", {
-        key: "users-form", class: "form",
-        onsubmit: async (/** @type {Event} */ event) => {
-            event.preventDefault();
-            const words = roleWords(chosenIn(/** @type {any} */ (event.target)));
-            await setForm(send, item, words, model.drafts[key]?.was ?? []);
-            focusSoon(back);
-        },
-        onkeydown: (/** @type {KeyboardEvent} */ event) => {
-            if (event.key === "Escape") // nothing is returned: false would swallow the key
-                cancel();
-        },
-    },
-    h("p", { class: "hint" }, _("When nobody is chosen who reads or writes, everybody with a password may.")),
-    users.length > 0 ? users.map(row) : h("p", {}, _("This machine has no users.")),
-    h("div", { class: "buttons" },
-        h("button", { type: "submit", class: "button primary", disabled: busy }, _("Save")),
-        button(_("Cancel"), cancel, { disabled: busy })));
+    return formView({ model, send, item, name: "users", busy, read: form => roleWords(chosenIn(form)) },
+        h("p", { class: "hint" }, _("When nobody is chosen who reads or writes, everybody with a password may.")),
+        users.length > 0 ? users.map(row) : h("p", {}, _("This machine has no users.")));
 }
 
-/**
- * @param {Item} item
- */
+/** @param {Item} item */
 export function isSet(item) {
     const settings = item.settings;
     return settings !== null && Object.values(settings).some(value =>
         Array.isArray(value) ? value.length > 0 : value !== null && value !== false && value !== "full");
 }
 
-/**
- * @param {Model} model
- * @param {Send} send
- * @param {Item} item
- */
+/** @param {Model} model @param {Send} send @param {Item} item */
 function controls(model, send, item) {
     const key = item.identity ?? "";
     const title = itemTitle(item);
     const form = model.open[key];
     const task = model.tasks[settingsKey(item)];
-    const busy = task?.phase === "running";
+    const busy = isUnderWay(task);
     const open = (/** @type {string} */ name) => {
         dismissTask(send, settingsKey(item));
         const names = { share: item.settings?.share_name ?? "", comment: item.settings?.comment ?? "" };

@@ -1,10 +1,4 @@
-// @ts-check
 // What is said, in the language of the session.
-
-/** @typedef {import("./types.js").Item} Item */
-/** @typedef {import("./types.js").Happening} Happening */
-/** @typedef {import("./types.js").Problem} Problem */
-/** @typedef {import("./types.js").Holder} Holder */
 
 /** @type {(text: string) => string} */
 const _ = text => cockpit.gettext(text);
@@ -13,18 +7,12 @@ const format = (text, ...values) => text.replace(/\$(\d)/g, (_all, at) => String
 
 export { _, format };
 
-/**
- * @param {string} one
- * @param {string} many
- * @param {number} count
- */
+/** @param {string} one @param {string} many @param {number} count */
 export function plural(one, many, count) {
     return format(cockpit.ngettext(one, many, count), count);
 }
 
-/**
- * @param {number} bytes
- */
+/** @param {number} bytes */
 export function size(bytes) {
     const units = ["B", "kB", "MB", "GB", "TB", "PB"];
     let step = 0;
@@ -40,9 +28,7 @@ export function language() {
     return (cockpit.language || "en").replace("_", "-");
 }
 
-/**
- * @param {number} time_s
- */
+/** @param {number} time_s */
 export function clock(time_s) {
     return new Date(time_s * 1000).toLocaleTimeString(language());
 }
@@ -60,9 +46,7 @@ const states = {
     absent: () => _("Not plugged"),
 };
 
-/**
- * @param {string} word
- */
+/** @param {string} word */
 export function state(word) {
     return states[word]?.() ?? word;
 }
@@ -81,9 +65,7 @@ export function diskTitle(disk, parts) {
     return disk.startsWith("mmcblk") ? _("Memory card") : _("Disk");
 }
 
-/**
- * @param {number | null | undefined} mbit
- */
+/** @param {number | null | undefined} mbit */
 export function speed(mbit) {
     if (!mbit)
         return "";
@@ -127,53 +109,6 @@ export function access(item) {
     return words.join(" ");
 }
 
-// ---- why something is not mounted ----
-
-/** @type {[RegExp, (...words: string[]) => string][]} */
-const reasons = [
-    [/^is encrypted(?: \((.*)\))?$/, how => how ? format(_("It is encrypted ($0)."), how) : _("It is encrypted.")],
-    [/^is a member of (.+)$/, what => format(_("It is a member of $0."), what)],
-    [/^is a swap area, with a suspended system in it$/, () => _("It is a swap area, with a suspended system in it.")],
-    [/^is a swap area$/, () => _("It is a swap area.")],
-    [/^has a partition table without a partition$/, () => _("It has a partition table without a partition.")],
-    [/^has no filesystem that is known$/, () => _("It has no filesystem that is known.")],
-    [/^looks like several filesystems(?: \((.*)\))?$/, what => format(_("It looks like several filesystems: $0"), what ?? "?")],
-    [/^does not answer: it cannot be read in time$/, () => _("It does not answer: it cannot be read in time.")],
-    [/^cannot be read: (.+)$/, why => format(_("It cannot be read: $0"), why)],
-    [/^is empty: no medium$/, () => _("There is no medium in the reader.")],
-    [/^holds (.+), which (?:mountfs|otherfs) does not name$/, what =>
-        format(_("It holds $0, which the configuration does not name."), what)],
-    [/^holds (.+), which this kernel has no module for$/, what => format(_("It holds $0, which this kernel has no module for."), what)],
-    [/^holds (.+), whose driver ntfs-3g is not installed$/, what =>
-        format(_("It holds $0, whose driver ntfs-3g is not installed."), what)],
-    [/^holds (.+), which the service cannot mount$/, what => format(_("It holds $0, which the service cannot mount."), what)],
-    [/^holds (.+), but (the kernel|ntfs-3g) refused it(?:: (.*))?$/, (what, who, why) =>
-        format(_("It holds $0, but $1 refused it."), what, who === "the kernel" ? _("the kernel") : who) + (why ? ` (${why})` : "")],
-    [/^holds (.+): hibernated, mounted read-only$/, what =>
-        format(_("It holds $0 of a machine that sleeps: mounted read-only."), what)],
-    [/^holds (.+): dirty, mounted read-only$/, what =>
-        format(_("It holds $0 that was not closed well: mounted read-only."), what)],
-    [/^holds (.+) with a journal, mounted read-only$/, what => format(_("It holds $0 with a journal: mounted read-only."), what)],
-    [/^holds (.+), mounted read-only(?:: (.*))?$/, (what, why) =>
-        format(_("It holds $0: mounted read-only."), what) + (why ? ` (${why})` : "")],
-];
-
-/**
- * A reason as the agent tells it, and what to type against it.
- *
- * @param {string | null} text
- * @returns {{why: string, remedy: string}}
- */
-export function reason(text) {
-    const [why, remedy = ""] = (text ?? "").split("; type: ");
-    for (const [pattern, say] of reasons) {
-        const match = pattern.exec(why);
-        if (match)
-            return { why: say(...match.slice(1)), remedy };
-    }
-    return { why, remedy };
-}
-
 // ---- events ----
 
 /** @type {Record<string, () => string>} */
@@ -191,72 +126,9 @@ const happenings = {
     service_ended: () => _("The service has ended."),
 };
 
-/**
- * @param {Happening} happening
- */
+/** @param {Happening} happening */
 export function happening({ event, name, share }) {
     return format(happenings[event]?.() ?? event, name, share ?? "");
-}
-
-// ---- problems ----
-
-/**
- * quick: seen without a thorough look; whole: there is no more to it
- *
- * @type {Record<string, {quick?: boolean, whole?: boolean, say: () => string}>}
- */
-const known = {
-    service_not_running: { quick: true, whole: true, say: () => _("The service is not running.") },
-    service_replaced: { quick: true, whole: true, say: () => _("A newer service is installed than the one that runs.") },
-    agent_not_running: { quick: true, say: () => _("No agent tells the service of disks.") },
-    agent_replaced: { quick: true, whole: true, say: () => _("A newer agent is installed than the one that runs.") },
-    bridge_not_running: { quick: true, whole: true, say: () => _("No file-sharing service reads the shares.") },
-    bridge_replaced: { quick: true, whole: true, say: () => _("A newer bridge to Samba is installed than the one that runs.") },
-    tmp_read_only: { quick: true, whole: true, say: () => _("The temporary folder is read-only.") },
-    tmp_full: { quick: true, whole: true, say: () => _("The temporary folder is full.") },
-    settings: { quick: true, say: () => _("A line of the settings is wrong.") },
-    no_such_user: { quick: true, say: () => _("A setting names a user whom there is not.") },
-    name_twice: { quick: true, say: () => _("Two shares have one name.") },
-    not_mounted: { quick: true, say: () => _("A disk is not mounted.") },
-    directory_gone: { quick: true, say: () => _("A shared directory is missing.") },
-    configuration: { say: () => _("A line of the configuration is wrong.") },
-    directory_missing: { say: () => _("A directory that the configuration names is missing.") },
-    other_filesystem: { say: () => _("A file lies where the service cannot replace it.") },
-    open_to_others: { say: () => _("A file may be changed by others than the administrator.") },
-    other_version: { say: () => _("The packages are of different versions.") },
-    label_tool_missing: { say: () => _("A tool that reads labels is missing.") },
-    filesystem_missing: { say: () => _("The kernel lacks a filesystem.") },
-    driver_missing: { whole: true, say: () => _("The driver for NTFS is missing.") },
-    samba_missing: { whole: true, say: () => _("Samba is not installed.") },
-    samba_not_running: { whole: true, say: () => _("Samba is not running.") },
-    samba_not_set_up: { say: () => _("Samba does not know of the shares.") },
-    samba_no_users: { whole: true, say: () => _("Nobody has a Samba password.") },
-    protection_off: { say: () => _("A protection of the kernel is off.") },
-};
-
-/**
- * Whether a problem is seen without a thorough look.
- *
- * @param {string} id
- */
-export function isQuick(id) {
-    return known[id]?.quick ?? false;
-}
-
-/**
- * @param {Problem} one
- */
-export function problem(one) {
-    return known[one.id]?.say() ?? one.text;
-}
-
-/**
- * What vyhotplugctl says besides: names and places. Null where the sentence tells all.
- *
- * @param {Problem} one
- */
-export function details(one) {
-    return known[one.id]?.whole || !known[one.id] ? null : one.text;
 }
 
 // ---- what was asked for ----
@@ -281,6 +153,20 @@ const running = {
     eject: () => _("Ejecting ..."),
 };
 
+/** @param {string} verb */
+export function isRunning(verb) {
+    return running[verb]?.() ?? verb;
+}
+
+/**
+ * What has not happened.
+ *
+ * @param {string} verb
+ */
+export function isNotDone(verb) {
+    return attempts[verb]?.() ?? "";
+}
+
 /** @type {Record<number, () => string>} */
 const statuses = {
     3: () => _("The service is not running."),
@@ -289,21 +175,12 @@ const statuses = {
 };
 
 /**
- * @param {string} verb
- */
-export function isRunning(verb) {
-    return running[verb]?.() ?? verb;
-}
-
-/**
- * A sentence or two on what failed.
+ * What the exit status of vyhotplugctl means; "" where that is not one thing.
  *
- * @param {{verb: string, status: number | null, message: string}} task
+ * @param {number | null} status
  */
-export function failure({ verb, status, message }) {
-    const said = message.replace(/^vyhotplugctl: /gm, "").trim();
-    const why = status !== null && statuses[status] ? statuses[status]() : said;
-    return [attempts[verb]?.() ?? "", why].filter(Boolean).join(" ");
+export function meaning(status) {
+    return statuses[status ?? -1]?.() ?? "";
 }
 
 /** @type {Record<string, () => string>} */
@@ -316,9 +193,7 @@ const faults = {
     comment_sign: () => _("The comment holds a control character."),
 };
 
-/**
- * @param {string} fault
- */
+/** @param {string} fault */
 export function faultText(fault) {
     return faults[fault]?.() ?? fault;
 }
@@ -332,11 +207,20 @@ const uses = {
     map: () => _("has a file in memory"),
 };
 
-/**
- * @param {Holder} holder
- */
+/** @param {Holder} holder */
 export function use(holder) {
     return uses[holder.use]?.() ?? holder.use;
+}
+
+/**
+ * What keeps a user out, whatever is chosen; "" where nothing does, or nobody can tell.
+ *
+ * @param {User} user
+ */
+export function withoutPassword(user) {
+    if (user.samba_password === false)
+        return _("has no Samba password");
+    return user.ksmbd_password === false ? _("has no ksmbd password") : "";
 }
 
 /** @type {[string, () => string][]} */

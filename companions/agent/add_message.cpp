@@ -23,29 +23,30 @@ static void clean(char* text)
         text[0] = '_';
 }
 
-static void make_fit(BlockDevice* device)
+static void make_fit(BlockDevice* device, BlockHardware* hardware)
 {
     static constexpr char hexadecimal[] = "0123456789abcdefABCDEF";
-    drop_unfit(device->range, "0123456789", 3);
-    if (device->range[0] == '0' || (strlen(device->range) == 3 && strcmp(device->range, "255") > 0))
-        device->range[0] = '\0'; // what the item may say ends there
-    drop_unfit(device->removable, "01", 1);
+    drop_unfit(hardware->range, "0123456789", 3);
+    if (hardware->range[0] == '0' ||
+        (strlen(hardware->range) == 3 && strcmp(hardware->range, "255") > 0))
+        hardware->range[0] = '\0'; // what the item may say ends there
+    drop_unfit(hardware->removable, "01", 1);
     drop_unfit(device->readonly, "01", 1);
-    drop_unfit(device->vid, hexadecimal, 4);
-    drop_unfit(device->pid, hexadecimal, 4);
-    drop_unfit(device->speed, "0123456789.", 7);
-    if (device->speed[0] == '.')
-        device->speed[0] = '\0';
-    clean(device->serial);
-    clean(device->vname);
-    clean(device->pname);
+    drop_unfit(hardware->vid, hexadecimal, 4);
+    drop_unfit(hardware->pid, hexadecimal, 4);
+    drop_unfit(hardware->speed, "0123456789.", 7);
+    if (hardware->speed[0] == '.')
+        hardware->speed[0] = '\0';
+    clean(hardware->serial);
+    clean(hardware->vname);
+    clean(hardware->pname);
 }
 
 // Takes a character off the longer name. Returns whether there was any.
-static bool shorten(BlockDevice* device)
+static bool shorten(BlockHardware* hardware)
 {
-    const bool vendor_longer = strlen(device->vname) > strlen(device->pname);
-    char* name = vendor_longer ? device->vname : device->pname;
+    const bool vendor_longer = strlen(hardware->vname) > strlen(hardware->pname);
+    char* name = vendor_longer ? hardware->vname : hardware->pname;
     if (name[0] == '\0')
         return false; // and then it fits, see the header
     text_shorten(name, strlen(name) - 1);
@@ -61,31 +62,33 @@ static size_t length_of_name(const char* name)
 
 // Takes characters off the names until a message of `length` bytes has less than `size`, or the
 // names are empty.
-static void shorten_to(size_t size, size_t length, BlockDevice* device)
+static void shorten_to(size_t size, size_t length, BlockHardware* hardware)
 {
-    const size_t others = length - length_of_name(device->vname) - length_of_name(device->pname);
-    while (others + length_of_name(device->vname) + length_of_name(device->pname) >= size &&
-           shorten(device)) {
+    const size_t others =
+        length - length_of_name(hardware->vname) - length_of_name(hardware->pname);
+    while (others + length_of_name(hardware->vname) + length_of_name(hardware->pname) >= size &&
+           shorten(hardware)) {
     }
 }
 
 // Returns the length.
-static size_t build(const BlockDevice& device, char (&text)[build_size])
+static size_t build(const BlockDevice& device, const BlockHardware& hardware,
+                    char (&text)[build_size])
 {
     const struct {
         const char* key;
         const char* value; // left out where it is empty
     } items[] = {
         {"DEVTYPE", device.name.partition > 0 ? "partition" : "disk"},
-        {"RANGE", device.range},
-        {"RM", device.removable},
+        {"RANGE", hardware.range},
+        {"RM", hardware.removable},
         {"RO", device.readonly},
-        {"VID", device.vid},
-        {"PID", device.pid},
-        {"SID", device.serial},
-        {"VNAME", device.vname},
-        {"PNAME", device.pname},
-        {"SPEED", device.speed},
+        {"VID", hardware.vid},
+        {"PID", hardware.pid},
+        {"SID", hardware.serial},
+        {"VNAME", hardware.vname},
+        {"PNAME", hardware.pname},
+        {"SPEED", hardware.speed},
     };
     int length =
         snprintf(text, sizeof text, "ACTION=add,MAJOR=%d,MINOR=%d", device.major, device.minor);
@@ -101,11 +104,12 @@ size_t add_message_format(const BlockDevice& device, char (&text)[agent_message_
 {
     char built[build_size];
     BlockDevice fit = device;
-    make_fit(&fit);
-    const size_t length = build(fit, built);
+    BlockHardware hardware = *device.hardware;
+    make_fit(&fit, &hardware);
+    const size_t length = build(fit, hardware, built);
     if (length >= sizeof text) {
-        shorten_to(sizeof text, length, &fit);
-        (void)build(fit, built);
+        shorten_to(sizeof text, length, &hardware);
+        (void)build(fit, hardware, built);
     }
     str_ncpy(text, built, sizeof text);
     return strlen(text);

@@ -208,8 +208,7 @@ static void walk(Announcer* announcer, uint64_t now)
         else if (device.verdict != 0)
             refuse(announcer, device);
     }
-    announcer->shown.devices.reset(list.devices.take());
-    announcer->shown.count = list.count;
+    block_list_move(&list, &announcer->shown);
     if (announcer->walk_due)
         return retry_later(&announcer->walk, now);
     announcer->walk = {};

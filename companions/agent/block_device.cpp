@@ -5,7 +5,6 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <limits.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -77,6 +76,22 @@ static void dir_release(DIR* stream)
 
 using DirGuard = Guard<DIR, dir_release>;
 
+// Returns owned: a descriptor; -1 with an errno.
+static int open_directory(int above, const char* name)
+{
+    return openat(above, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+}
+
+// Returns owned; null with an errno.
+static DIR* open_stream(int above, const char* name)
+{
+    FdGuard fd(open_directory(above, name));
+    DIR* stream = fd.get() >= 0 ? fdopendir(fd.get()) : nullptr;
+    if (stream != nullptr)
+        (void)fd.take();
+    return stream;
+}
+
 // Notes that something could not be looked at. What is not there is just none.
 static void note_failure(BlockDevice* device, int error)
 {
@@ -87,13 +102,10 @@ static void note_failure(BlockDevice* device, int error)
 
 // Reads a file of a directory, up to its first zero byte, without the line feed at its end; "" for
 // none. Some drivers fail the reading of what they do not have, so that is none either.
-static void read_text(const char* directory, const char* file, char* text, size_t size,
-                      BlockDevice* device)
+static void read_text(int directory, const char* file, char* text, size_t size, BlockDevice* device)
 {
-    char path[PATH_MAX + 32];
-    (void)snprintf(path, sizeof path, "%s/%s", directory, file);
     text[0] = '\0';
-    const FdGuard fd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    const FdGuard fd(openat(directory, file, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (fd.get() < 0)
         return note_failure(device, errno);
     const ssize_t length = read(fd.get(), text, size - 1);
@@ -102,40 +114,50 @@ static void read_text(const char* directory, const char* file, char* text, size_
         text[strlen(text) - 1] = '\0';
 }
 
-// What the disk's "device" link leads to.
-static void read_hardware(const char* sysfs, const char* disk, BlockDevice* device)
+// Reads the vendor of the disk's USB device: the first directory from there upwards, but below
+// sysfs itself, with an idVendor. Returns owned: that directory; -1 where there is none.
+static int find_usb(int sysfs, int from, BlockHardware* hardware, BlockDevice* disk)
 {
-    char link[agent_path_size];
-    char directory[PATH_MAX];
-    char root[PATH_MAX];
-    (void)snprintf(link, sizeof link, "%s/device", disk);
-    if (realpath(link, directory) == nullptr || realpath(sysfs, root) == nullptr)
-        return note_failure(device, errno);
-    if (device->name.text[0] == 'm') { // a card
-        read_text(directory, "serial", device->serial, sizeof device->serial, device);
-        read_text(directory, "name", device->pname, sizeof device->pname, device);
+    struct stat top;
+    struct stat here;
+    FdGuard at(open_directory(from, "."));
+    while (at.get() >= 0 && fstat(sysfs, &top) == 0 && fstat(at.get(), &here) == 0) {
+        if (here.st_dev != top.st_dev || here.st_ino == top.st_ino)
+            return -1;
+        read_text(at.get(), "idVendor", hardware->vid, sizeof hardware->vid, disk);
+        if (hardware->vid[0] != '\0')
+            return at.take();
+        at.reset(open_directory(at.get(), ".."));
+    }
+    note_failure(disk, errno);
+    return -1;
+}
+
+// What the "device" link of the disk's directory leads to.
+static void read_hardware(int sysfs, int directory, BlockHardware* hardware, BlockDevice* disk)
+{
+    const FdGuard link(open_directory(directory, "device"));
+    const int own = link.get();
+    if (own < 0)
+        return note_failure(disk, errno);
+    if (disk->name.text[0] == 'm') { // a card
+        read_text(own, "serial", hardware->serial, sizeof hardware->serial, disk);
+        read_text(own, "name", hardware->pname, sizeof hardware->pname, disk);
         return;
     }
-    // Its USB device is the first directory from there upwards, but in sysfs, with an idVendor.
-    char usb[PATH_MAX];
-    str_cpy(usb, directory);
-    const size_t length = strlen(root);
-    while (device->vid[0] == '\0' && strncmp(usb, root, length) == 0 && strlen(usb) > length) {
-        read_text(usb, "idVendor", device->vid, sizeof device->vid, device);
-        if (device->vid[0] == '\0')
-            *strrchr(usb, '/') = '\0';
+    const FdGuard found(find_usb(sysfs, own, hardware, disk));
+    const int usb = found.get();
+    if (usb >= 0) {
+        read_text(usb, "idProduct", hardware->pid, sizeof hardware->pid, disk);
+        read_text(usb, "serial", hardware->serial, sizeof hardware->serial, disk);
+        read_text(usb, "manufacturer", hardware->vname, sizeof hardware->vname, disk);
+        read_text(usb, "product", hardware->pname, sizeof hardware->pname, disk);
+        read_text(usb, "speed", hardware->speed, sizeof hardware->speed, disk);
     }
-    if (device->vid[0] != '\0') {
-        read_text(usb, "idProduct", device->pid, sizeof device->pid, device);
-        read_text(usb, "serial", device->serial, sizeof device->serial, device);
-        read_text(usb, "manufacturer", device->vname, sizeof device->vname, device);
-        read_text(usb, "product", device->pname, sizeof device->pname, device);
-        read_text(usb, "speed", device->speed, sizeof device->speed, device);
-    }
-    if (device->vname[0] == '\0') // the disk's own names
-        read_text(directory, "vendor", device->vname, sizeof device->vname, device);
-    if (device->pname[0] == '\0')
-        read_text(directory, "model", device->pname, sizeof device->pname, device);
+    if (hardware->vname[0] == '\0') // the disk's own names
+        read_text(own, "vendor", hardware->vname, sizeof hardware->vname, disk);
+    if (hardware->pname[0] == '\0')
+        read_text(own, "model", hardware->pname, sizeof hardware->pname, disk);
 }
 
 // FNV-1a
@@ -157,17 +179,17 @@ static uint64_t make_identity(const BlockDevice& device, uint64_t incarnation, c
     mix(&hash, &device.major, sizeof device.major);
     mix(&hash, &device.minor, sizeof device.minor);
     mix(&hash, &incarnation, sizeof incarnation);
-    const char* const texts[] = {device.vid, device.pid, device.serial, device.vname, device.pname};
+    const BlockHardware& hardware = *device.hardware;
+    const char* const texts[] = {hardware.vid, hardware.pid, hardware.serial, hardware.vname,
+                                 hardware.pname};
     for (const char* text : texts)
         mix(&hash, text, strlen(text) + 1);
     return hash;
 }
 
-static void read_holder(const char* directory, BlockDevice* device)
+static void read_holder(int directory, BlockDevice* device)
 {
-    char path[agent_path_size];
-    (void)snprintf(path, sizeof path, "%s/holders", directory);
-    const DirGuard holders(opendir(path));
+    const DirGuard holders(open_stream(directory, "holders"));
     if (!holders)
         return note_failure(device, errno != ENOTDIR ? errno : EIO); // an old kernel has none
     while (const dirent* entry = readdir(holders.get())) {
@@ -177,7 +199,7 @@ static void read_holder(const char* directory, BlockDevice* device)
 }
 
 // Reads "8:1". Returns whether the device is there.
-static bool read_numbers(const char* directory, BlockDevice* device)
+static bool read_numbers(int directory, BlockDevice* device)
 {
     char text[number_size];
     read_text(directory, "dev", text, sizeof text, device);
@@ -190,29 +212,8 @@ static bool read_numbers(const char* directory, BlockDevice* device)
            str_to_long(colon + 1, &device->minor, 10) == 0;
 }
 
-// The number of a directory of sysfs, which is another one whenever the kernel makes the device
-// anew; 0 where it is not there.
-static uint64_t read_incarnation(const char* directory)
+static int append(const BlockDevice& device, BlockList* list)
 {
-    struct stat status;
-    return stat(directory, &status) == 0 ? status.st_ino : 0;
-}
-
-// Reads what is the device's own, and puts it into the list if it is there. Returns 0; -ENOMEM.
-static int read_own(const char* directory, const char* sequence, BlockDevice* device,
-                    BlockList* list)
-{
-    const uint64_t incarnation = read_incarnation(directory);
-    read_text(directory, "ro", device->readonly, sizeof device->readonly, device);
-    read_holder(directory, device);
-    // Last, as the kernel takes "dev" away before it sends the remove event: with its numbers still
-    // there, all of the above was its own.
-    if (!read_numbers(directory, device))
-        return 0;
-    // What was made anew meanwhile has an event to come, and is read then.
-    if (read_incarnation(directory) != incarnation)
-        return 0;
-    device->identity = make_identity(*device, incarnation, sequence);
     BlockDevice* held = list->devices.take();
     auto* grown = static_cast<BlockDevice*>(realloc(held, (list->count + 1) * sizeof *held));
     if (grown == nullptr) {
@@ -220,79 +221,172 @@ static int read_own(const char* directory, const char* sequence, BlockDevice* de
         return -ENOMEM;
     }
     list->devices.reset(grown);
-    grown[list->count++] = *device;
+    grown[list->count++] = device;
     return 0;
+}
+
+// Reads what is the device's own, and puts it into the list if it is there. Returns 0; -ENOMEM.
+static int read_own(int directory, const char* sequence, BlockDevice* device, BlockList* list)
+{
+    struct stat status = {}; // its number is another one whenever the kernel makes the device anew
+    if (fstat(directory, &status) != 0)
+        note_failure(device, errno);
+    read_text(directory, "ro", device->readonly, sizeof device->readonly, device);
+    read_holder(directory, device);
+    // Last, as the kernel takes "dev" away before it sends the remove event: with its numbers still
+    // there, all of the above was its own. What was made anew meanwhile lies in another directory,
+    // has an event to come, and is read then.
+    if (!read_numbers(directory, device))
+        return 0;
+    device->identity = make_identity(*device, status.st_ino, sequence);
+    return append(*device, list);
 }
 
 // ---- lists ----
 
-static bool next_name(DIR* directory, BlockName* name)
+void block_hardware_free(BlockHardware* first)
 {
-    while (const dirent* entry = readdir(directory)) {
-        if (block_name_parse(entry->d_name, name))
-            return true;
+    while (first != nullptr) {
+        BlockHardware* next = first->next;
+        free(first);
+        first = next;
     }
-    return false;
 }
 
-// Reads the disk, and what partitions its directory holds.
-static int read_disk(const char* sysfs, const BlockName& name, BlockList* list)
+void block_list_move(BlockList* from, BlockList* to)
 {
-    char path[agent_path_size];
-    char text[number_size];
-    BlockDevice shared = {}; // what they have in common
-    shared.name = name;
-    (void)snprintf(path, sizeof path, "%s/kernel", sysfs);
-    read_text(path, "uevent_seqnum", text, sizeof text, &shared);
-    shared.seen = strtoull(text, nullptr, 10); // 0 for what is no number
-    (void)snprintf(path, sizeof path, "%s/block/%s", sysfs, name.text);
-    const DirGuard directory(opendir(path));
-    if (!directory)
-        return errno == ENOENT ? 0 : -errno; // it has just gone
-    read_text(path, "range", shared.range, sizeof shared.range, &shared);
-    read_text(path, "removable", shared.removable, sizeof shared.removable, &shared);
-    read_hardware(sysfs, path, &shared);
-    BlockDevice device = shared;
-    read_text(path, "size", text, sizeof text, &device);
-    device.empty = strcmp(text, "0") == 0;
-    read_text(path, "diskseq", text, sizeof text, &device);
-    int result = read_own(path, text, &device, list);
-    const size_t length = strlen(path);
-    for (BlockName part; result == 0 && next_name(directory.get(), &part);) {
-        if (part.partition == 0 || !block_name_same_disk(part, name))
-            continue;
-        device = shared;
-        device.name = part;
-        (void)snprintf(path + length, sizeof path - length, "/%s", part.text);
-        result = read_own(path, text, &device, list);
+    to->hardware.reset(from->hardware.take());
+    to->devices.reset(from->devices.take());
+    to->count = from->count;
+    from->count = 0;
+}
+
+namespace {
+
+struct NameList {
+    MemGuard<BlockName> names;
+    size_t count = 0;
+
+    BlockName* begin() const { return names.get(); }
+    BlockName* end() const { return names.get() + count; }
+};
+
+} // namespace
+
+static int append(const BlockName& name, NameList* list)
+{
+    BlockName* held = list->names.take();
+    auto* grown = static_cast<BlockName*>(realloc(held, (list->count + 1) * sizeof *held));
+    if (grown == nullptr) {
+        list->names.reset(held);
+        return -ENOMEM;
     }
-    return result;
+    list->names.reset(grown);
+    grown[list->count++] = name;
+    return 0;
 }
 
 static int compare(const void* a, const void* b)
 {
-    return block_name_compare(static_cast<const BlockDevice*>(a)->name,
-                              static_cast<const BlockDevice*>(b)->name);
+    return block_name_compare(*static_cast<const BlockName*>(a), *static_cast<const BlockName*>(b));
+}
+
+// Reads the names of the partitions of `disk` that the directory holds, or of disks where that is
+// null, in their order. All before any of them is looked at: a stream takes 32 kB, and several at a
+// time would stay the heap's. Returns 0; a negated errno.
+static int read_names(int directory, const BlockName* disk, NameList* list)
+{
+    const DirGuard stream(open_stream(directory, "."));
+    if (!stream)
+        return -errno;
+    while (const dirent* entry = readdir(stream.get())) {
+        BlockName name;
+        if (!block_name_parse(entry->d_name, &name) || (name.partition == 0) != (disk == nullptr) ||
+            (disk != nullptr && !block_name_same_disk(name, *disk)))
+            continue;
+        if (append(name, list) != 0)
+            return -ENOMEM;
+    }
+    if (list->count > 1)
+        qsort(list->names.get(), list->count, sizeof(BlockName), compare);
+    return 0;
+}
+
+// Reads a partition of the disk; `device` is what they have in common.
+static int read_partition(int disk, const BlockName& name, const char* sequence, BlockDevice device,
+                          BlockList* list)
+{
+    device.name = name;
+    const FdGuard directory(open_directory(disk, name.text));
+    if (directory.get() >= 0)
+        return read_own(directory.get(), sequence, &device, list);
+    note_failure(&device, errno);
+    return device.failure != 0 ? append(device, list) : 0; // it has just gone
+}
+
+// Lends one that is all zero; null when there is no memory.
+static BlockHardware* add_hardware(BlockList* list)
+{
+    auto* hardware = static_cast<BlockHardware*>(calloc(1, sizeof(BlockHardware)));
+    if (hardware == nullptr)
+        return nullptr;
+    hardware->next = list->hardware.take();
+    list->hardware.reset(hardware);
+    return hardware;
+}
+
+// Reads the disk, and what partitions its directory holds. `block` is the directory of disks.
+static int read_disk(int sysfs, int block, const BlockName& name, BlockList* list)
+{
+    char text[number_size];
+    BlockDevice shared = {}; // what they have in common
+    BlockHardware* hardware = add_hardware(list);
+    if (hardware == nullptr)
+        return -ENOMEM;
+    shared.name = name;
+    shared.hardware = hardware;
+    read_text(sysfs, "kernel/uevent_seqnum", text, sizeof text, &shared);
+    shared.seen = strtoull(text, nullptr, 10); // 0 for what is no number
+    const FdGuard directory(open_directory(block, name.text));
+    const int disk = directory.get();
+    if (disk < 0)
+        return errno == ENOENT ? 0 : -errno; // it has just gone
+    read_text(disk, "range", hardware->range, sizeof hardware->range, &shared);
+    read_text(disk, "removable", hardware->removable, sizeof hardware->removable, &shared);
+    read_hardware(sysfs, disk, hardware, &shared);
+    BlockDevice device = shared;
+    read_text(disk, "size", text, sizeof text, &device);
+    device.empty = strcmp(text, "0") == 0;
+    read_text(disk, "diskseq", text, sizeof text, &device);
+    int result = read_own(disk, text, &device, list);
+    NameList partitions;
+    if (result == 0)
+        result = read_names(disk, &name, &partitions);
+    for (const BlockName& partition : partitions) {
+        if (result == 0)
+            result = read_partition(disk, partition, text, shared, list);
+    }
+    return result;
 }
 
 int block_list_read(const char* sysfs, BlockList* list)
 {
-    char path[agent_path_size];
-    (void)snprintf(path, sizeof path, "%s/block", sysfs);
-    const DirGuard directory(opendir(path));
-    if (!directory)
+    const FdGuard root(open_directory(AT_FDCWD, sysfs));
+    if (root.get() < 0)
         return -errno;
-    int result = 0;
-    for (BlockName name; result == 0 && next_name(directory.get(), &name);) {
-        if (name.partition == 0)
-            result = read_disk(sysfs, name, list);
+    const FdGuard block(open_directory(root.get(), "block"));
+    if (block.get() < 0)
+        return -errno;
+    NameList disks;
+    int result = read_names(block.get(), nullptr, &disks);
+    for (const BlockName& name : disks) {
+        if (result == 0)
+            result = read_disk(root.get(), block.get(), name, list);
     }
-    if (list->count > 1)
-        qsort(list->devices.get(), list->count, sizeof(BlockDevice), compare);
     return result;
 }
 
-static uint64_t read_sectors(const char* directory, const char* file)
+static uint64_t read_sectors(int directory, const char* file)
 {
     char text[number_size];
     BlockDevice ignored = {};
@@ -305,7 +399,8 @@ BlockExtent block_extent_read(const char* sysfs, const BlockName& name)
     char path[agent_path_size];
     (void)snprintf(path, sizeof path, "%s/block/%.*s/%s", sysfs, name.disk_length, name.text,
                    name.text);
-    return {read_sectors(path, "start"), read_sectors(path, "size")};
+    const FdGuard directory(open_directory(AT_FDCWD, path));
+    return {read_sectors(directory.get(), "start"), read_sectors(directory.get(), "size")};
 }
 
 const BlockDevice* block_list_find(const BlockList& list, const BlockName& name)

@@ -29,19 +29,28 @@ bool block_name_same_disk(const BlockName& a, const BlockName& b);
 // ..., sdz, sdaa, ..., mmcblk0, mmcblk0p1.
 int block_name_compare(const BlockName& a, const BlockName& b);
 
-struct BlockDevice {
-    BlockName name;
-    int32_t major;
-    int32_t minor;
-    char range[16];    // texts as sysfs has them, "" where it has none: minors of its disk,
-    char removable[8]; // whether the disk is, and whether the device itself is read-only,
-    char readonly[8];
-    char vid[8]; // USB ids and speed
+// What a disk and its partitions have in common. The texts are as sysfs has them, "" where it has
+// none.
+struct BlockHardware {
+    BlockHardware* next;
+    char range[16];    // minors of the disk
+    char removable[8]; // whether it is
+    char vid[8];       // USB ids and speed
     char pid[8];
     char speed[16];
     char serial[agent_text_size];
     char vname[agent_text_size];
     char pname[agent_text_size];
+};
+
+void block_hardware_free(BlockHardware* first);
+
+struct BlockDevice {
+    BlockName name;
+    const BlockHardware* hardware; // the list's; borrowed
+    int32_t major;
+    int32_t minor;
+    char readonly[8];             // as sysfs has it; whether the device itself is
     char holder[block_name_size]; // another device that holds it (LVM, RAID, encryption)
     bool empty;                   // a whole disk of size 0: a drive without a medium
     uint64_t identity; // another one when the device, or its medium, has been another meanwhile
@@ -57,6 +66,7 @@ struct BlockDevice {
 
 // Devices in the order of their names. Owns them.
 struct BlockList {
+    Guard<BlockHardware, block_hardware_free> hardware;
     MemGuard<BlockDevice> devices;
     size_t count = 0;
 
@@ -68,6 +78,9 @@ struct BlockList {
 // shorter than agent_folder_size. Returns 0; a negated errno when there is no looking into sysfs,
 // or no memory.
 [[nodiscard]] int block_list_read(const char* sysfs, BlockList* list);
+
+// Puts what a list holds in the place of what another does. The first is empty then.
+void block_list_move(BlockList* from, BlockList* to);
 
 // Where a partition lies on its disk, in sectors of 512 bytes.
 struct BlockExtent {

@@ -47,6 +47,10 @@ static constexpr OtherVolume other_volumes[] = {
     {"LVM1_member", nullptr, TROUBLE_MEMBER, "is a member of LVM"},
     {"zfs_member", nullptr, TROUBLE_MEMBER, "is a member of ZFS"},
     {"bcache", nullptr, TROUBLE_MEMBER, "is a member of bcache"},
+    {"ceph_bluestore", nullptr, TROUBLE_MEMBER, "is a member of Ceph"},
+    {"drbd", nullptr, TROUBLE_MEMBER, "is a member of DRBD"},
+    {"stratis", nullptr, TROUBLE_MEMBER, "is a member of Stratis"},
+    {"VMFS_volume_member", nullptr, TROUBLE_MEMBER, "is a member of VMFS"},
     {nullptr, "raid", TROUBLE_MEMBER, "is a member of RAID"},
     {"swap", nullptr, TROUBLE_SWAP, "is a swap area"},
     {"swsuspend", nullptr, TROUBLE_SWAP, "is a swap area, with a suspended system in it"},
@@ -55,7 +59,7 @@ static constexpr OtherVolume other_volumes[] = {
 static constexpr KnownFilesystem known_filesystems[] = {
     {"vfat", "FAT-fs (", "fsck.vfat"},     {"ext2", "EXT", "e2fsck -f"},
     {"ext3", "EXT", "e2fsck -f"},          {"ext4", "EXT", "e2fsck -f"},
-    {"ntfs", "ntfs3: ", "ntfsfix"},        {"ntfs3", "ntfs3: ", "ntfsfix"},
+    {"ntfs", "ntfs3", "ntfsfix"},          {"ntfs3", "ntfs3", "ntfsfix -d"},
     {"exfat", "exFAT-fs (", "fsck.exfat"}, {"f2fs", "F2FS-fs (", "fsck.f2fs"},
     {"btrfs", "BTRFS ", "btrfs check"},    {"xfs", "XFS (", "xfs_repair"},
     {"hfsplus", nullptr, "fsck.hfsplus"},  {"udf", "UDF-fs", nullptr},
@@ -93,9 +97,9 @@ static void say_holds(Diagnosis* diagnosis, Trouble trouble, const BlockName& na
                    diagnosis->type, words);
 }
 
-static void advise(Diagnosis* diagnosis, const BlockName& name)
+static void advise(Diagnosis* diagnosis, const BlockName& name, const char* type)
 {
-    const KnownFilesystem* known = known_of(diagnosis->type);
+    const KnownFilesystem* known = known_of(type);
     if (known != nullptr && known->command != nullptr)
         (void)snprintf(diagnosis->command, sizeof diagnosis->command, "%s /dev/%s", known->command,
                        name.text);
@@ -115,9 +119,11 @@ static bool is_wanted(const Filesystem& row, const ConfHotplug* config)
     return config == nullptr || filesystem_is_wanted(row, config);
 }
 
-// The kernel's words, and its errno's text where there is one in them.
-static void say_refused(const Findings& findings, Diagnosis* diagnosis, const char* who)
+// The kernel's words, and its errno's text where there is one in them. Of two that could mount it
+// `able` is the first.
+static void say_refused(const Findings& findings, Diagnosis* diagnosis, const Filesystem& able)
 {
+    const char* who = able.driver != nullptr ? able.driver : "the kernel";
     const int error = kernel_line_errno(findings.kernel);
     char words[diagnosis_words_size];
     (void)snprintf(words, sizeof words, ", but %s refused it%s%s%s%s%s", who,
@@ -127,7 +133,7 @@ static void say_refused(const Findings& findings, Diagnosis* diagnosis, const ch
                    error != 0 && findings.kernel[0] != '\0' ? ")" : "");
     say_holds(diagnosis, TROUBLE_REFUSED, *findings.name, words);
     diagnosis->may_change = findings.kernel[0] == '\0';
-    advise(diagnosis, *findings.name);
+    advise(diagnosis, *findings.name, able.type);
 }
 
 static void judge_filesystem(const Findings& findings, Diagnosis* diagnosis)
@@ -147,8 +153,7 @@ static void judge_filesystem(const Findings& findings, Diagnosis* diagnosis)
     }
     const BlockName& name = *findings.name;
     if (able != nullptr)
-        return say_refused(findings, diagnosis,
-                           able->driver != nullptr ? able->driver : "the kernel");
+        return say_refused(findings, diagnosis, *able);
     if (lacking != nullptr && lacking->driver == nullptr)
         return say_holds(diagnosis, TROUBLE_NO_MODULE, name,
                          ", which this kernel has no module for");
@@ -228,7 +233,7 @@ void diagnosis_make_readonly(const BlockName& name, const char* type, bool hiber
         say_holds(diagnosis, TROUBLE_READ_ONLY, name, words);
     }
     if (!hibernated)
-        advise(diagnosis, name);
+        advise(diagnosis, name, diagnosis->type);
 }
 
 void diagnosis_make_empty(const BlockName& name, Diagnosis* diagnosis)

@@ -77,14 +77,47 @@ void kernel_log_open(KernelLog* log, const char* path)
         (void)lseek(log->fd.get(), 0, SEEK_END);
 }
 
+static KernelLine* begin(const KernelLog* log)
+{
+    return log->lines.get();
+}
+
+static KernelLine* end(const KernelLog* log)
+{
+    return log->lines.get() + log->count;
+}
+
+// A mount that fails is tried again, and the kernel says all of it again.
+static bool repeats(const KernelLog* log, const KernelLine& line)
+{
+    for (KernelLine* kept = begin(log); kept != end(log); kept++) {
+        if (strcmp(kept->text, line.text) != 0) // the name is in it
+            continue;
+        kept->time = line.time;
+        return true;
+    }
+    return false;
+}
+
 static void keep(KernelLog* log, const KernelLine& line)
 {
     if (!log->lines)
         log->lines.reset(static_cast<KernelLine*>(calloc(kernel_line_limit, sizeof(KernelLine))));
-    if (!log->lines)
-        return; // the next one may find memory
-    log->lines.get()[log->next] = line;
-    log->next = (log->next + 1) % kernel_line_limit;
+    if (!log->lines || repeats(log, line))
+        return; // without memory the next one may find some
+    if (log->count == kernel_line_limit)
+        memmove(begin(log), begin(log) + 1, --log->count * sizeof line);
+    begin(log)[log->count++] = line;
+}
+
+void kernel_log_forget(KernelLog* log, const BlockName& name)
+{
+    size_t kept = 0;
+    for (const KernelLine* line = begin(log); line != end(log); line++) {
+        if (block_name_compare(line->name, name) != 0)
+            begin(log)[kept++] = *line;
+    }
+    log->count = kept;
 }
 
 void kernel_log_take(KernelLog* log, uint64_t now)
@@ -107,15 +140,13 @@ const KernelLine* kernel_log_find(const KernelLog* log, const BlockName& name, c
                                   const char* part, uint64_t since)
 {
     const KernelLine* first = nullptr;
-    for (size_t i = 0; log->lines && i < kernel_line_limit; i++) {
-        const KernelLine& line = log->lines.get()[(log->next + i) % kernel_line_limit];
-        if (line.text[0] == '\0' || line.time <= since ||
-            block_name_compare(line.name, name) != 0 ||
-            strncmp(line.text, prefix, strlen(prefix)) != 0 || strstr(line.text, part) == nullptr)
+    for (const KernelLine* line = begin(log); line != end(log); line++) {
+        if (line->time <= since || block_name_compare(line->name, name) != 0 ||
+            strncmp(line->text, prefix, strlen(prefix)) != 0 || strstr(line->text, part) == nullptr)
             continue;
-        if (kernel_line_errno(line.text) != 0)
-            return &line;
-        first = first == nullptr ? &line : first;
+        if (kernel_line_errno(line->text) != 0)
+            return line;
+        first = first == nullptr ? line : first;
     }
     return first;
 }

@@ -1,4 +1,5 @@
-// The kernel's own words on block devices, from /dev/kmsg: the last of them are kept.
+// The kernel's own words on block devices, from /dev/kmsg: the last of them are kept, each once. A
+// device that is tried with many filesystems is good for a dozen, and there may be many at once.
 #pragma once
 
 #include "agent/block_device.h"
@@ -7,12 +8,12 @@
 #include <stddef.h>
 #include <stdint.h>
 
-constexpr size_t kernel_line_size = 160; // bytes with the NUL; what is longer is cut
-constexpr size_t kernel_line_limit = 48; // lines that are kept
+constexpr size_t kernel_line_size = 160;  // bytes with the NUL; what is longer is cut
+constexpr size_t kernel_line_limit = 384; // lines that are kept: of some 30 devices
 
 struct KernelLine {
     BlockName name; // of the device that it names first
-    uint64_t time;  // when it was read
+    uint64_t time;  // when it was read last
     char text[kernel_line_size];
 };
 
@@ -27,8 +28,8 @@ int kernel_line_errno(const char* text);
 
 struct KernelLog {
     FdGuard fd; // -1: the kernel's words cannot be had
-    size_t next = 0;
-    MemGuard<KernelLine> lines; // a ring; null before the first
+    size_t count = 0;
+    MemGuard<KernelLine> lines; // the oldest first; null before the first
 };
 
 // Opens the log behind what it holds.
@@ -36,6 +37,9 @@ void kernel_log_open(KernelLog* log, const char* path);
 
 // Reads what has come since. Never blocks.
 void kernel_log_take(KernelLog* log, uint64_t now);
+
+// Drops what was said about a device; its name is another's now.
+void kernel_log_forget(KernelLog* log, const BlockName& name);
 
 // Lends a line about the device that begins with `prefix` and holds `part`, read later than
 // `since`: the first that tells an errno, else the first; null when there is none.

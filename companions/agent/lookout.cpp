@@ -20,6 +20,7 @@
 static constexpr char log_tag[] = "lookout";
 static constexpr char kernel_log_path[] = "/dev/kmsg";
 static constexpr size_t line_size = 640;         // of the file, with its line feed
+static constexpr size_t empty_size = 128;        // of an empty drive's
 static constexpr uint64_t container_sectors = 8; // an extended partition shows no more than that
 
 LookState look_next(LookState state, LookEvent event)
@@ -103,10 +104,12 @@ static void take_devices(Lookout* lookout, const Announcer& announcer, uint64_t 
                             .since = now,
                             .due = now + agent_first_answer};
         Look* known = find(lookout, fresh);
-        if (known != nullptr)
+        if (known != nullptr) {
             known->present = true;
-        else
-            add(lookout, fresh);
+            continue;
+        }
+        kernel_log_forget(&lookout->kernel, device.name);
+        add(lookout, fresh);
     }
     size_t kept = 0;
     for (Look* look = begin(lookout); look != end(lookout); look++) {
@@ -239,7 +242,7 @@ static bool finish_range(const Announcer& announcer, Look* look)
     const BlockDevice* device = shown_as(announcer, *look);
     Diagnosis diagnosis;
     diagnosis_make_range(look->name, look->major, look->minor,
-                         device != nullptr ? device->range : "", &diagnosis);
+                         device != nullptr ? device->hardware->range : "", &diagnosis);
     if (diagnosis.trouble == TROUBLE_NONE)
         return false;
     look->state = look_next(look_next(look->state, LOOK_ANSWER), LOOK_ANSWER);
@@ -440,6 +443,17 @@ static bool is_empty_drive(const BlockDevice& device)
     return device.empty && device.failure == 0;
 }
 
+// How many lines there can be.
+static size_t count_lines(const Lookout* lookout, const Announcer& announcer)
+{
+    size_t count = 0;
+    for (const Look* look = begin(lookout); look != end(lookout); look++)
+        count += look->line != nullptr ? 1 : 0;
+    for (const BlockDevice& device : announcer.shown)
+        count += is_empty_drive(device) ? 1 : 0;
+    return count;
+}
+
 static size_t collect(const Lookout* lookout, Line* lines)
 {
     size_t count = 0;
@@ -450,14 +464,31 @@ static size_t collect(const Lookout* lookout, Line* lines)
     return count;
 }
 
+// Returns owned: the lines one after the other; null when there is no memory.
+static char* join(const Line* lines, size_t count)
+{
+    size_t size = 1;
+    for (size_t i = 0; i < count; i++)
+        size += strlen(lines[i].text) + 1;
+    auto* text = static_cast<char*>(malloc(size));
+    if (text == nullptr)
+        return nullptr;
+    char* end = text;
+    *end = '\0';
+    for (size_t i = 0; i < count; i++)
+        end = str_cpy(str_cpy(end, lines[i].text), "\n");
+    return text;
+}
+
 // Returns owned: what the file is to hold; null when there is no memory.
 static char* make_text(const Lookout* lookout, const Announcer& announcer)
 {
-    const size_t most = lookout->count + announcer.shown.count;
-    const MemGuard<Line> lines(static_cast<Line*>(calloc(most + 1, sizeof(Line))));
-    const MemGuard<char> empties(static_cast<char*>(malloc((announcer.shown.count + 1) * 128)));
-    MemGuard<char> made(static_cast<char*>(malloc((most + 1) * line_size)));
-    if (!lines || !empties || !made)
+    const size_t most = count_lines(lookout, announcer);
+    if (most == 0) // as a rule
+        return strdup("");
+    const MemGuard<Line> lines(static_cast<Line*>(calloc(most, sizeof(Line))));
+    const MemGuard<char> empties(static_cast<char*>(malloc(most * empty_size)));
+    if (!lines || !empties)
         return nullptr;
     size_t count = collect(lookout, lines.get());
     char* empty = empties.get();
@@ -466,17 +497,13 @@ static char* make_text(const Lookout* lookout, const Announcer& announcer)
             continue;
         Diagnosis diagnosis;
         diagnosis_make_empty(device.name, &diagnosis);
-        (void)snprintf(empty, 128, "%s\t%d:%d\t%s\t-\t%s\t-", device.name.text, device.major,
+        (void)snprintf(empty, empty_size, "%s\t%d:%d\t%s\t-\t%s\t-", device.name.text, device.major,
                        device.minor, trouble_word(diagnosis.trouble), diagnosis.words);
         lines.get()[count++] = {device.name, empty};
-        empty += 128;
+        empty += empty_size;
     }
     qsort(lines.get(), count, sizeof(Line), compare);
-    char* end = made.get();
-    *end = '\0';
-    for (size_t i = 0; i < count; i++)
-        end += snprintf(end, line_size, "%s\n", lines.get()[i].text);
-    return made.take();
+    return join(lines.get(), count);
 }
 
 // Writes the file if it is to be another. What could not be written is tried again later; that

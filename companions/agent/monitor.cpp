@@ -6,6 +6,7 @@
 #include "agent/state_file.h"
 #include "common/clock.h"
 #include "lib/log.h"
+#include "lib/platform.h"
 
 #include <errno.h>
 #include <poll.h>
@@ -260,6 +261,7 @@ int monitor_run(const AgentSettings& settings)
     by_share_watch(&monitor.by_share, &settings);
     work(&monitor);
     while (!monitor.ends || courier_descriptor(&monitor.courier) >= 0) {
+        memory_give_back();
         wait_for_news(&monitor);
         work(&monitor);
     }

@@ -12,17 +12,35 @@ static constexpr char heading[] = "vyhotplug-agent 1";
 static constexpr size_t line_size = 80;     // a device's needs 60
 static constexpr size_t most_size = 262144; // of a file that is read
 
+// Whether the daemon has it.
+static bool is_known(const Device& device)
+{
+    return device.state == DEVICE_TOLD || device.state == DEVICE_LEAVING;
+}
+
+static size_t count_known(const Announcer& announcer)
+{
+    size_t count = 0;
+    for (const Device& device : announcer.devices)
+        count += is_known(device) ? 1 : 0;
+    return count;
+}
+
 int state_save(const char* path, const DaemonIdentity& daemon, const Announcer& announcer)
 {
     if (path[0] == '\0')
         return 0;
-    char text[(agent_table_limit + 3) * line_size];
-    int length = snprintf(text, sizeof text, "%s\ndaemon %ld %" PRIu64 " %s\n", heading,
+    const size_t room = (2 + count_known(announcer)) * line_size;
+    const MemGuard<char> made(static_cast<char*>(malloc(room)));
+    if (!made)
+        return -ENOMEM;
+    char* text = made.get();
+    int length = snprintf(text, room, "%s\ndaemon %ld %" PRIu64 " %s\n", heading,
                           static_cast<long>(daemon.pid), daemon.start,
                           daemon.boot[0] != '\0' ? daemon.boot : "-");
     for (const Device& device : announcer.devices) {
-        if (device.state != DEVICE_TOLD && device.state != DEVICE_LEAVING)
-            continue; // the daemon does not have it
+        if (!is_known(device))
+            continue;
         // What is leaving is another than sysfs shows, whatever that is.
         const uint64_t identity = device.state == DEVICE_TOLD ? device.identity : 0;
         length += snprintf(text + length, line_size, "%d %d %s %016" PRIx64 "\n", device.major,

@@ -1,6 +1,9 @@
 #include "ctl/problem_text.h"
 
+#include "lib/str.h"
+
 #include <stdint.h>
+#include <string.h>
 
 void problems_print(const Terminal& out, const ProblemTable& table)
 {
@@ -12,6 +15,37 @@ void problems_print(const Terminal& out, const ProblemTable& table)
     }
 }
 
+// The text with $0, $1 ... where the arguments stand.
+static void write_form(Json* json, const Problem& problem)
+{
+    char form[problem_text_size + 2 * problem_arguments];
+    size_t length = 0;
+    size_t at = 0;
+    for (size_t i = 0; i < problem.argument_count; i++) {
+        const TextPart& part = problem.arguments[i];
+        memcpy(form + length, problem.text + at, part.begin - at);
+        length += part.begin - at;
+        form[length++] = '$';
+        form[length++] = static_cast<char>('0' + i);
+        at = part.end;
+    }
+    str_cpy(form + length, problem.text + at);
+    json_text(json, "form", form);
+}
+
+static void write_arguments(Json* json, const Problem& problem)
+{
+    json_open(json, "arguments", '[');
+    for (size_t i = 0; i < problem.argument_count; i++) {
+        const TextPart& part = problem.arguments[i];
+        char argument[problem_text_size];
+        str_ncpy(argument, problem.text + part.begin,
+                 static_cast<int32_t>(part.end - part.begin) + 1);
+        json_text(json, nullptr, argument);
+    }
+    json_close(json, ']');
+}
+
 void problems_json(Json* json, const char* key, const ProblemTable& table)
 {
     json_open(json, key, '[');
@@ -21,6 +55,8 @@ void problems_json(Json* json, const char* key, const ProblemTable& table)
         json_text(json, "id", problem.id);
         json_text(json, "severity", problem.note ? "note" : "problem");
         json_text(json, "text", problem.text);
+        write_form(json, problem);
+        write_arguments(json, problem);
         json_text(json, "remedy", problem.remedy);
         json_close(json, '}');
     }

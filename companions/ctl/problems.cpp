@@ -35,14 +35,52 @@ struct Look {
 
 // ---- telling ----
 
+// Writes what a conversion of a format stands for: %s, %d or %zu, and there are no others here.
+// Returns how many bytes of the format it takes.
+static size_t write_argument(const char* conversion, char* text, size_t room, va_list* arguments)
+{
+    if (conversion[1] == 's')
+        str_ncpy(text, va_arg(*arguments, const char*), static_cast<int32_t>(room));
+    else if (conversion[1] == 'd')
+        (void)snprintf(text, room, "%d", va_arg(*arguments, int));
+    else
+        (void)snprintf(text, room, "%zu", va_arg(*arguments, size_t));
+    return conversion[1] == 'z' ? 3 : 2;
+}
+
+// Writes a sentence as vsnprintf does, and notes where in it the arguments stand.
+static void write_text(const char* format, va_list* arguments, char (&text)[problem_text_size],
+                       Problem* problem)
+{
+    size_t length = 0;
+    while (*format != '\0' && length + 1 < sizeof text) {
+        if (*format != '%') {
+            text[length++] = *format++;
+            continue;
+        }
+        const size_t begin = length;
+        format += write_argument(format, text + begin, sizeof text - begin, arguments);
+        length += strlen(text + begin);
+        if (problem->argument_count < problem_arguments)
+            problem->arguments[problem->argument_count++] = {.begin = begin, .end = length};
+    }
+    text[length] = '\0';
+}
+
 __attribute__((format(printf, 5, 6))) static void add(Look* look, const char* id, bool note,
                                                       const char* remedy, const char* format, ...)
 {
     ProblemTable* table = look->table;
-    char text[768];
+    char text[problem_text_size];
+    Problem problem = {.id = id,
+                       .note = note,
+                       .text = nullptr,
+                       .remedy = remedy,
+                       .arguments = {},
+                       .argument_count = 0};
     va_list arguments;
     va_start(arguments, format);
-    (void)vsnprintf(text, sizeof text, format, arguments);
+    write_text(format, &arguments, text, &problem);
     va_end(arguments);
     if (table->count == table->room) {
         const size_t room = table->room * 2 + 8;
@@ -53,10 +91,10 @@ __attribute__((format(printf, 5, 6))) static void add(Look* look, const char* id
         table->problems = grown;
         table->room = room;
     }
-    char* copy = strdup(text);
-    table->failed |= copy == nullptr;
-    if (copy != nullptr)
-        table->problems[table->count++] = {.id = id, .note = note, .text = copy, .remedy = remedy};
+    problem.text = strdup(text);
+    table->failed |= problem.text == nullptr;
+    if (problem.text != nullptr)
+        table->problems[table->count++] = problem;
 }
 
 // ---- the configuration ----

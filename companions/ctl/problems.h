@@ -3,11 +3,22 @@
 
 #include "ctl/view.h"
 
+constexpr size_t problem_text_size = 768; // bytes with the NUL
+constexpr size_t problem_arguments = 3;   // at most
+
+// Where something that is named stands in a text.
+struct TextPart {
+    size_t begin;
+    size_t end;
+};
+
 struct Problem {
     const char* id; // for programs: "service_not_running"
     bool note;      // worth knowing, and nothing wrong
     char* text;     // owned
     const char* remedy;
+    TextPart arguments[problem_arguments]; // of `text`, in its order
+    size_t argument_count;
 };
 
 struct ProblemTable {

@@ -13,7 +13,6 @@
 #include "share/standing_shares.h"
 
 #include <errno.h>
-#include <limits.h>
 #include <pwd.h>
 #include <stdlib.h>
 #include <string.h>
@@ -41,7 +40,7 @@ namespace {
 struct World {
     ShareTableGuard table;
     MountinfoGuard mounts;
-    char resolved[PATH_MAX] = "";
+    MemGuard<char> resolved; // null where there is no such directory
     MountRoot root = {};
 };
 
@@ -189,9 +188,11 @@ static int look_at_mounts(const Bridge* bridge, World* world)
     if (result != 0)
         return result;
     // A mount root that does not exist has no mounts below it.
-    const bool found = realpath(bridge->mountpath, world->resolved) != nullptr;
+    world->resolved.reset(realpath(bridge->mountpath, nullptr));
+    if (!world->resolved && errno == ENOMEM)
+        return -ENOMEM;
     world->root = {.configured = bridge->mountpath,
-                   .resolved = found ? world->resolved : bridge->mountpath};
+                   .resolved = world->resolved ? world->resolved.get() : bridge->mountpath};
     return 0;
 }
 
@@ -297,10 +298,12 @@ static int replace(Bridge* bridge, const char* old_text, const char* new_text)
         return -1;
     }
     const int result = bridge->server->write(bridge->config, new_text);
-    if (result != 0) {
+    if (result == -ENOMEM)
+        (void)out_of_memory();
+    else if (result != 0)
         VY_LOG(LOG_ERR, "cannot write %s (%d)", bridge->config->includepath, -result);
+    if (result != 0)
         return -1;
-    }
     VY_LOG(LOG_INFO, "%s is written", bridge->config->includepath);
     server_control_add(&bridge->control, tasks.take());
     return 0;

@@ -4,7 +4,6 @@
 #include "lib/sys.h"
 
 #include <errno.h>
-#include <limits.h>
 #include <string.h>
 
 static constexpr mode_t file_mode = 0644; // smbd reads it under any user id
@@ -22,14 +21,13 @@ int include_file_read(const char* path, char** text)
 
 static int make_directory_of(const char* path)
 {
-    char directory[PATH_MAX];
     const char* slash = strrchr(path, '/');
-    const size_t length = slash != nullptr ? static_cast<size_t>(slash - path) : 0;
-    if (length == 0 || length >= sizeof directory)
+    if (slash == nullptr || slash == path)
         return 0; // the root directory exists
-    memcpy(directory, path, length);
-    directory[length] = '\0';
-    const int result = sys_mkdir(directory, directory_mode);
+    const MemGuard<char> directory(strndup(path, static_cast<size_t>(slash - path)));
+    if (!directory)
+        return -ENOMEM;
+    const int result = sys_mkdir(directory.get(), directory_mode);
     return result == -EEXIST ? 0 : result;
 }
 

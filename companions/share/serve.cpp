@@ -3,6 +3,7 @@
 #include "common/mountinfo.h"
 #include "lib/guard.h"
 #include "lib/log.h"
+#include "lib/platform.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -114,7 +115,9 @@ int serve_until_told(Bridge* bridge)
             (void)bridge_refresh(bridge);
         else if (news.mounts)
             (void)bridge_mounts_changed(bridge);
-        news = wait_for_news(&sources, bridge_advance(bridge));
+        const int64_t limit_ms = bridge_advance(bridge);
+        memory_give_back();
+        news = wait_for_news(&sources, limit_ms);
     }
     bridge_finish(bridge);
     VY_LOG(LOG_INFO, "end");

@@ -8,6 +8,7 @@
 #include "device/crtsec.h"
 #include "lib/guard.h"
 #include "lib/log.h"
+#include "lib/platform.h"
 #include "lib/sys.h"
 #include "lib/trust.h"
 #include "lib/vytime.h"
@@ -124,6 +125,7 @@ static void refresh(RunLoop* loop)
     }
     loop->state = TableState::clean;
     loop->dirty = 0;
+    memory_give_back();
 }
 
 // Lets a burst of commands end before the files are written for all of them.
@@ -218,6 +220,7 @@ static int run_with_receiver(DaemonCtx* ctx)
 
 int daemon_run(DaemonCtx* ctx)
 {
+    memory_share_heap();
     if (crtsec_init() != 0) {
         flag_set(&ctx->running, 0);
         return -1;

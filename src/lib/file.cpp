@@ -5,11 +5,10 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <limits.h>
 #include <string.h>
 #include <sys/stat.h>
 
-static constexpr size_t least_room = 4096; // bytes, for files that do not tell their size
+static constexpr size_t usual_room = 4096; // bytes, for files that do not tell their size
 
 // ---- reading ----
 
@@ -19,10 +18,9 @@ static size_t first_room(int fd, size_t most)
 {
     struct stat status;
     if (fstat(fd, &status) != 0 || status.st_size <= 0)
-        return least_room;
+        return usual_room;
     const auto told = static_cast<uint64_t>(status.st_size);
-    const size_t room = (told < most ? static_cast<size_t>(told) : most) + 2;
-    return room > least_room ? room : least_room;
+    return (told < most ? static_cast<size_t>(told) : most) + 2;
 }
 
 // Gives the content room for `room` bytes. Returns 0 or -ENOMEM.
@@ -121,23 +119,23 @@ static int fill(FdGuard* fd, const void* bytes, size_t size, mode_t mode, unsign
 // power cut.
 static int write_directory_down(const char* path)
 {
-    char directory[PATH_MAX];
     const char* slash = strrchr(path, '/');
-    const size_t length = slash == nullptr ? 0 : static_cast<size_t>(slash - path);
-    if (slash == nullptr)
-        str_cpy(directory, ".");
-    else
-        str_ncpy(directory, path, static_cast<int32_t>(length == 0 ? 1 : length) + 1);
-    const FdGuard fd(open(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const MemGuard<char> directory(
+        slash == nullptr ? strdup(".")
+                         : strndup(path, slash == path ? 1 : static_cast<size_t>(slash - path)));
+    if (!directory)
+        return -ENOMEM;
+    const FdGuard fd(open(directory.get(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     return fd.get() < 0 ? -errno : sys_fsync(fd.get());
 }
 
 int file_replace(const char* path, const void* bytes, size_t size, mode_t mode, unsigned flags)
 {
     static constexpr char ending[] = ".new-XXXXXX";
-    char beside[PATH_MAX];
-    if (strlen(path) + sizeof ending > sizeof beside)
-        return -ENAMETOOLONG;
+    const MemGuard<char> name(static_cast<char*>(malloc(strlen(path) + sizeof ending)));
+    if (!name)
+        return -ENOMEM;
+    char* beside = name.get();
     str_cpy(str_cpy(beside, path), ending);
     FdGuard fd(mkostemp(beside, O_CLOEXEC));
     if (fd.get() < 0)

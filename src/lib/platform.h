@@ -4,6 +4,7 @@
 
 #include <features.h>
 #include <linux/audit.h>
+#include <malloc.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -14,6 +15,25 @@
 [[nodiscard]] inline int stream_flush(FILE* stream)
 {
     return fflush(stream) == 0 && ferror(stream) == 0 ? 0 : -1;
+}
+
+// Hands the memory that was freed back to the machine, for a program that is about to wait: most of
+// what it takes is for one event, and the next one may be days away. glibc keeps it otherwise; what
+// the others do is left to them.
+inline void memory_give_back()
+{
+#if defined(__GLIBC__) && !defined(__UCLIBC__)
+    (void)malloc_trim(0);
+#endif
+}
+
+// Has all threads share one heap, which glibc would give each of them. To be called before the
+// first is made.
+inline void memory_share_heap()
+{
+#if defined(__GLIBC__) && !defined(__UCLIBC__)
+    (void)mallopt(M_ARENA_MAX, 1);
+#endif
 }
 
 // Stack of the receive thread, in bytes.

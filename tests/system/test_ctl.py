@@ -49,6 +49,8 @@ class CtlTest(SystemTest):
         self.assertTrue(text.endswith("\n") and text.count("\n") == 1, text)
         told = json.loads(text)
         jsonschema.validate(told, SCHEMA)
+        for problem in told.get("problems", []):
+            self.assertEqual(re.sub(r"\$(\d)", lambda place: problem["arguments"][int(place[1])], problem["form"]), problem["text"])
         return told
 
     def assert_ctl(self, *arguments, status=DONE, out=None, err="", **options):
@@ -757,6 +759,16 @@ class Check(CtlTest):
             "directory_missing": f"devicepath {vyworld.CONFIG} is no directory",
             "other_filesystem": "/tmp/other/shares is not on the filesystem of /tmp, the service cannot replace it",
             "open_to_others": f"{vyworld.CONFIG} may be changed by others than root"})
+
+    def test_what_a_translation_is_made_of(self):
+        hostile = "/tmp/$0 %s\u202e"
+        self.write_config(mountpath=hostile)
+        problem, = self.ask("check", "--configuration", status=FAILED)["problems"]
+        self.assertEqual((problem["form"], problem["arguments"]),
+                         ("$0 $1: $2", ["mountpath", hostile, "No such file or directory"]))
+        self.write_config(mountpath=hostile, naswrok="1")
+        problem = self.ask("check", "--configuration", status=FAILED)["problems"][0]
+        self.assertEqual((problem["form"], problem["arguments"][:2]), ("$0:$1: $2", [vyworld.CONFIG, "5"]))
 
     def test_what_runs(self):
         told = self.problems()

@@ -62,6 +62,7 @@ class Kind:
     append: str = ""  # words for the kernel
     needed: tuple = ("@vm",)  # packages on this machine, for tests/support/install-packages
     server: bool = False  # with ksmbd's programs
+    others: tuple = ()  # besides OTHERS
     suite: str = ""  # Debian's, for the kernel; this machine's unless named
     sysroot: str = ""  # the script of cmake/ that makes the service's C library, where it is not Debian's
 
@@ -103,7 +104,8 @@ KINDS = {
     # For ksmbd, of Debian's next release: in this one's kernel (6.1.170 to 6.1.192 were tried) it dereferences a null
     # pointer when a client opens a directory.
     "server": Kind("server", "amd64", "linux-image-amd64", PACKAGES, ("qemu-system-x86_64", "-M", "pc"), (),
-                   ("lib/x86_64-linux-gnu", "usr/lib/x86_64-linux-gnu"), append="no_timer_check", server=True, suite=SERVER_SUITE),
+                   ("lib/x86_64-linux-gnu", "usr/lib/x86_64-linux-gnu"), append="no_timer_check", server=True, others=("ntfs3",),
+                   suite=SERVER_SUITE),
     "mips": Kind("mips", "mipsel", "linux-image-4kc-malta", PACKAGES, ("qemu-system-mipsel", "-M", "malta"),
                  (), ("lib/mipsel-linux-gnu", "usr/lib/mipsel-linux-gnu"), preset="mips-uclibc",
                  needed=("@vm", "@vm-mips"), sysroot="build-uclibc-sysroot"),
@@ -421,7 +423,7 @@ def make_initramfs(kind, programs, sysroot):
         folders = [os.path.join(sysroot, "lib")]
     for name, program in PROGRAMS.items():
         add_program(archive, name, os.path.join(programs, program), known, folders)
-    for list_name, names in (("order", MODULES), ("more", kind.modules), ("others", OTHERS), ("server", SERVER)):
+    for list_name, names in (("order", MODULES), ("more", kind.modules), ("others", (*OTHERS, *kind.others)), ("server", SERVER)):
         order = modules_in_order(kind, names)
         for name, content in order.items():
             archive.content(f"modules/{name}.ko", content)

@@ -5,7 +5,11 @@ import shutil
 import struct
 import subprocess
 
-MIB = 1 << 20
+import kit  # noqa: F401  (it says where the next one is)
+import odd_media  # noqa: E402
+from odd_media import MIB  # noqa: E402
+
+SECTOR = 512
 FIRST = 1  # MiB before the first partition
 PATH = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
 
@@ -15,8 +19,7 @@ KINDS = {"fat32": (40, "c"), "fat16": (16, "e"), "ext2": (8, "83"), "ext3": (8, 
          "broken-fat": (40, "c"), "signature-exfat": (8, "7"), "exfat": (8, "7"), "f2fs": (64, "83"),
          "btrfs": (128, "83"), "xfs": (320, "83"), "udf": (8, "7"), "iso9660": (2, "cd"),
          "journaled-hfsplus": (8, "af"), "locked-hfsplus": (8, "af"), "swap": (8, "82"),
-         "luks": (20, "83"), "raid": (8, "fd"), "lvm": (8, "8e"), "bitlocker": (8, "7"), "romfs": (8, "83"),
-         "several": (64, "83"), "hibernated": (8, "7")}
+         "luks": (20, "83"), "several": (64, "83"), "hibernated": (8, "7")}
 
 RAW_LABEL = "LABELTOWRITE"[:11]
 
@@ -32,11 +35,13 @@ def run(*command, **options):
 class Filesystem:
     """What a partition holds: its kind, a label, and `files`, name to text.
 
-    `raw_label` is a FAT label of 11 bytes that no tool would write.
+    `raw_label` is a FAT label of 11 bytes that no tool would write. `zeros` is a file of nothing but zeros on exFAT,
+    name and size: it takes no room on the machine that the tests run on.
     """
 
-    def __init__(self, kind, label=None, files=None, size=None, raw_label=None):
+    def __init__(self, kind, label=None, files=None, size=None, raw_label=None, zeros=None):
         self.kind = kind
+        self.zeros = zeros
         self.raw_label = raw_label
         self.label = RAW_LABEL if raw_label else label
         self.files = {"readme.txt": f"this is {label or kind}\n"} if files is None else files
@@ -104,9 +109,12 @@ class Filesystem:
     # ---- others than the service's five; a file in them is none of `files` but those of an image ----
 
     def _exfat(self, path):
-        if self.kind == "exfat":
-            return run("mkfs.exfat", *self._label("-L"), path)
-        return self._write(path, (0, b"\xeb\x76\x90EXFAT   "), (510, b"\x55\xaa"))  # nothing behind it
+        if self.kind != "exfat":
+            return self._write(path, (0, b"\xeb\x76\x90EXFAT   "), (510, b"\x55\xaa"))  # nothing behind it
+        run("mkfs.exfat", *self._label("-L"), path)
+        if self.zeros:
+            with open(path, "r+b") as file:
+                exfat_add_zeros(file, *self.zeros)
 
     def _f2fs(self, path):
         run("mkfs.f2fs", "-q", "-f", *self._label("-l"), path)
@@ -163,45 +171,6 @@ class Filesystem:
         run("cryptsetup", "-q", "luksFormat", "--type", "luks2", "--pbkdf", "pbkdf2", "--pbkdf-force-iterations",
             "1000", "--key-file", "/etc/hostname", path)
 
-    def _raid(self, path):
-        """A superblock of Linux's RAID, version 1.2."""
-        block = bytearray(256)
-        struct.pack_into("<II", block, 0, 0xa92b4efc, 1)
-        block[16:32] = bytes(range(16))
-        struct.pack_into("<QIIQI", block, 64, 0, 1, 0, 16384, 0)  # created, level, layout, sectors, chunk
-        struct.pack_into("<I", block, 92, 2)  # disks
-        struct.pack_into("<QQQ", block, 128, 2048, 14336, 8)  # data, its size, this block
-        struct.pack_into("<I", block, 220, 0)
-        words = struct.unpack("<64I", block)
-        total = sum(words)
-        struct.pack_into("<I", block, 216, (total & 0xffffffff) + (total >> 32))
-        self._write(path, (4096, bytes(block)))
-
-    def _lvm(self, path):
-        """A label of LVM's in the second sector, with its checksum."""
-        label = bytearray(512)
-        label[0:8] = b"LABELONE"
-        struct.pack_into("<Q", label, 8, 1)
-        struct.pack_into("<I", label, 20, 32)
-        label[24:32] = b"LVM2 001"
-        label[32:64] = b"ABCDEFGHIJKLMNOPQRSTUVWXYZ012345"
-        crc = 0xf597a6cf
-        for byte in label[20:]:
-            crc ^= byte
-            for _ in range(8):
-                crc = crc >> 1 ^ (0xedb88320 if crc & 1 else 0)
-        struct.pack_into("<I", label, 16, crc)
-        self._write(path, (512, bytes(label)))
-
-    def _bitlocker(self, path):
-        self._write(path, (0, b"\xeb\x58\x90-FVE-FS-"), (0xa0, bytes.fromhex("3bd66749292ed84a8399f6a339e3d001")),
-                    (0xb0, struct.pack("<QQQ", 0x10000, 0x20000, 0x30000)), (510, b"\x55\xaa"),
-                    (0x10000, b"-FVE-FS-" + struct.pack("<HH", 0x100, 2)))
-
-    def _romfs(self, path):
-        """A filesystem that the service does not know."""
-        self._write(path, (0, b"-rom1fs-" + struct.pack(">II", 1024, 0) + b"empty\0"))
-
     def _several(self, path):
         """F2FS, with a superblock of XFS in the place in front of its own."""
         Filesystem("xfs").make(path + ".xfs")
@@ -225,6 +194,81 @@ class Filesystem:
             else:
                 file.seek(11)  # bytes in a sector, sectors in a cluster, reserved sectors, ...
                 file.write(b"\xa5" * 16)
+
+
+class Odd:
+    """A partition that holds what is no filesystem of the service's: the first fields of a row of odd_media."""
+
+    type = "83"
+
+    def __init__(self, what, places, *_):
+        self.what, self.places = what, places
+        self.size = odd_media.size_of(what) // MIB
+
+    def make(self, path):
+        odd_media.write(path, self.what, self.places)
+
+
+# ---- exFAT, in the terms of its published specification ----
+
+
+def rotated_sum(content, total=0):
+    """Its checksum of 16 bits."""
+    for byte in content:
+        total = ((total & 1) << 15) + (total >> 1) + byte & 0xffff
+    return total
+
+
+def exfat_entries(name, cluster, size):
+    """The directory entries of a file in one piece, all of it written; `name` has up to 15 characters of ASCII."""
+    stream = struct.pack("<BBBBHHQIIQ", 0xc0, 3, 0, len(name), rotated_sum(name.upper().encode("utf-16-le")), 0, size, 0,
+                         cluster, size)
+    names = b"\xc1\0" + name.encode("utf-16-le").ljust(30, b"\0")
+    date = 46 << 25 | 1 << 21 | 1 << 16  # the 1st of January 2026
+    file = struct.pack("<BBHHHIII", 0x85, 2, 0, 0x20, 0, date, date, date).ljust(32, b"\0")
+    total = rotated_sum(stream + names, rotated_sum(file[4:], rotated_sum(file[:2])))
+    return file[:2] + struct.pack("<H", total) + file[4:] + stream + names
+
+
+def exfat_add_zeros(image, name, size):
+    """Adds a file to the root directory of a volume that has just been made."""
+    image.seek(0)
+    boot = image.read(512)
+    heap, _, root = struct.unpack_from("<III", boot, 88)
+    sector, cluster = 1 << boot[108], 1 << boot[108] + boot[109]
+
+    def place(number):
+        return heap * sector + (number - 2) * cluster
+
+    image.seek(place(root))
+    entries = image.read(cluster)
+    free = next(at for at in range(0, cluster, 32) if entries[at] == 0)
+    bitmap, = (place(struct.unpack_from("<I", entries, at + 20)[0]) for at in range(0, free, 32) if entries[at] == 0x81)
+    image.seek(bitmap)
+    bits = int.from_bytes(image.read(cluster), "little")
+    first = bits.bit_length()  # everything in front of it is taken
+    count = -(-size // cluster)
+    bits |= ((1 << count) - 1) << first
+    image.seek(bitmap)
+    image.write(bits.to_bytes((bits.bit_length() + 7) // 8, "little"))
+    image.seek(place(root) + free)
+    image.write(exfat_entries(name, first + 2, size))
+
+
+def written_sectors(file, start, size):
+    """Where in this part of an image sectors begin that are not all zero."""
+    found = []
+    end = start + size
+    at = start
+    while at < end:
+        try:
+            at = max(at, os.lseek(file.fileno(), at, os.SEEK_DATA))
+        except OSError:  # a hole up to the end
+            break
+        block = os.pread(file.fileno(), max(0, min(MIB, end - at)), at)
+        found += [at + offset for offset in range(0, len(block), SECTOR) if any(block[offset:offset + SECTOR])]
+        at += MIB
+    return found
 
 
 def make_disk(path, *filesystems, table="dos", size=None, numbers=None, logical=0):

@@ -30,6 +30,8 @@ class KsmbdTest(VmTest):
     """The bridge, and ksmbd with the users of the matrix; a port of this machine leads to it."""
 
     machines = ("server",)
+    patience = LIMIT  # seconds for a client's commands
+    answer = 20  # seconds in which the server has to answer
 
     def setUp(self):
         self.port = free_port()
@@ -71,18 +73,14 @@ class KsmbdTest(VmTest):
             self.assertLess(time.monotonic(), end, "ksmbd does not answer")
             time.sleep(0.2)
 
-    def note(self, text):
-        """For whoever wants to know: the folder of a test that has passed is thrown away."""
-        with open(os.environ.get("VY_VM_NOTES", os.devnull), "a", encoding="ascii") as notes:
-            notes.write(f"{self.id()}: {text}\n")
-
     # ---- clients ----
 
     def client(self, name, commands, user="anna"):
         """What a client prints."""
         login = ["-N"] if user is None else ["-U", f"{user}%{PASSWORD}"]
-        done = subprocess.run(["smbclient", f"//127.0.0.1/{name}", "-p", str(self.port), *login, "-c", commands],
-                              stdin=subprocess.DEVNULL, capture_output=True, check=False, timeout=LIMIT,
+        done = subprocess.run(["smbclient", f"//127.0.0.1/{name}", "-p", str(self.port), *login, "-t", str(self.answer),
+                               "-c", commands],
+                              stdin=subprocess.DEVNULL, capture_output=True, check=False, timeout=self.patience,
                               cwd=self.folder)
         return (done.stdout + done.stderr).decode("utf-8", "replace")
 

@@ -121,6 +121,11 @@ class VmTest(unittest.TestCase):
         self.vm.run(f"kill {process['pid']}")
         return self.wait_until(f"{program} has ended", lambda state: not state.of(program))
 
+    def note(self, text):
+        """For whoever wants to know: the folder of a test that has passed is thrown away."""
+        with open(os.environ.get("VY_VM_NOTES", os.devnull), "a", encoding="ascii") as notes:
+            notes.write(f"{self.id()}: {text}\n")
+
     # ---- waiting ----
 
     def wait_until(self, what, condition, limit=LIMIT):

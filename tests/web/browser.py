@@ -23,6 +23,7 @@ class Page:
 
     def __init__(self, test, width=1200, height=900, language="en", dark=False):
         self.test = test
+        self.actions = 0  # of the hand: clicks, and fields that are written
         options = webdriver.ChromeOptions()
         options.binary_location = PROGRAM
         for argument in ("--headless=new", "--no-sandbox", "--disable-gpu", f"--window-size={width},{height}",
@@ -86,6 +87,7 @@ class Page:
         element = self.wait_until(f"a button {names}", lambda: self._ready(self.find(*names, **where)))
         self.driver.execute_script("arguments[0].scrollIntoView({block: 'center'})", element)
         element.click()
+        self.actions += 1
 
     @staticmethod
     def _ready(element):
@@ -101,11 +103,13 @@ class Page:
         element = self.field(label)
         element.clear()
         element.send_keys(text)
+        self.actions += 1
 
     def choose(self, label, word):
         for option in self.field(label).find_elements(By.TAG_NAME, "option"):
             if option.text == word:
                 option.click()
+                self.actions += 2  # the list is opened, too
 
     def said(self):
         """What the browser complained of: errors and breaches of the content security policy."""

@@ -15,7 +15,7 @@ const rules = Object.fromEntries([
     "prefer-promise-reject-errors", "prefer-template", "use-isnan", "valid-typeof",
 ].map(name => [name, "error"]));
 
-const browser = ["cockpit", "document", "window", "localStorage", "setTimeout", "Node", "TextEncoder"];
+const browser = ["cockpit", "document", "window", "localStorage", "clearTimeout", "setTimeout", "Node", "TextEncoder"];
 const node = ["URL", "globalThis", "structuredClone"];
 
 const globals = names => Object.fromEntries(names.map(name => [name, "readonly"]));

@@ -76,6 +76,17 @@ class Changes(WebTest):
             self.page.wait_for("may be pulled now")
         self.assertEqual(vyworld.mounts(), [])
 
+    def test_what_can_be_switched_off_is(self):
+        self.plug("sdb", port=True)
+        self.wait_for_mount("sdb1")
+        self.page.wait_for("Drive(B1)")
+        switches = [self.switch_of("sdb", name) for name in ("delete", "remove")]
+        self.page.click("Eject: Acme FlashKey (sdb)")
+        self.page.wait_for("Acme FlashKey (sdb) may be pulled now. It is switched off.")
+        self.assertEqual([vyworld.read(switch) for switch in switches], ["1", "1"])
+        self.page.click("Eject: Acme FlashKey (sda)")
+        self.page.wait_for("Acme FlashKey (sda) may be pulled now. It is unmounted; its port stays on.")
+
     def test_waiting_is_given_up(self):
         with open(self.disk.directory + "/who", encoding="utf-8"):
             self.page.click("Eject: ")
@@ -200,6 +211,33 @@ class Visitor(WebTest):
         page.wait_for("Music", "turn on administrative access", gone=("Eject", "Name and comment"))
 
 
+class German(WebTest):
+    def test_all_that_is_said_is_german(self):
+        self.plug("sda", {1: "ext4", 2: "empty"})
+        self.write_config(mountfs="ext", mountpth="/x")
+        page = self.open_page(language="de")
+
+        def english():
+            return page.driver.execute_script("return [...document.querySelectorAll('[lang=en]')].map(one => one.innerText)")
+
+        page.wait_for("Drive(A1)", "Freigegeben", f"{vyworld.CONFIG}:6: mountpth ist kein Schlüssel, zu schreiben: mountpath; das wird übergangen",
+                      "berichtigen, dann: systemctl restart vyhotplugd", "sda2 ist nicht eingehängt: Es hat kein bekanntes Dateisystem.",
+                      "Samba läuft nicht")
+        self.assertEqual(english(), [])
+        self.daemon.signal(signal.SIGKILL)
+        self.daemon.process.wait()
+        page.wait_for("Der Dienst läuft nicht: Nichts wird eingehängt oder freigegeben")
+        page.field("Nur lesen").click()
+        page.wait_for("Nichts wurde geändert. Der Dienst läuft nicht.")
+        self.assertEqual(english(), [])
+        self.agent.terminate()  # what a newer agent may say
+        self.agent.wait()
+        vyworld.write("/run/vyhotplugd/not-mounted", "sda2\t8:2\tnew\t-\tsda2 is up to something new\t-\n")
+        page.click("Erneut suchen")
+        page.wait_for("sda2 ist nicht eingehängt: is up to something new", "5 Hinweise")
+        self.assertEqual(set(english()), {"is up to something new"})
+
+
 HOSTILE = "<img src=x onerror=alert(1)><b>\u202e$0'\"&amp;"
 
 
@@ -281,8 +319,11 @@ class Looks(WebTest):
                     return
             self.fail(f"tab does not lead to {words}")
 
-        go_to("Name and comment")
-        focused().send_keys("\ue007")
+        def press(words):
+            go_to(words)
+            focused().send_keys("\ue007")
+
+        press("Name and comment")
         page.wait_until("the field has the focus", lambda: focused().tag_name == "input")
         focused().send_keys("Music\ue007")
         page.wait_for("Music", gone=("Save",))
@@ -293,6 +334,20 @@ class Looks(WebTest):
         focused().send_keys("\ue00c")  # escape
         page.wait_for("Music", gone=("Save",))
         page.wait_until("the focus is back", lambda: focused().get_attribute("id").startswith("names-"))
+        press("Unmount: ")  # a button that is disabled meanwhile, and another one after that
+        page.wait_for("Unmounted")
+        press("Forget: ")
+        page.wait_until("the question has the focus", lambda: focused().text == "Forget all settings")
+        press("Keep them")
+        page.wait_until("the heading of the place has the focus", lambda: (focused().tag_name, focused().text) == ("h3", "Music"))
+        press("Eject: ")
+        page.wait_for("may be pulled now")
+        page.wait_until("the focus is back", lambda: focused().get_attribute("aria-label").startswith("Eject: "))
+        page.wait_until("it is told aloud", lambda: "Acme FlashKey (sda) may be pulled now." in
+                        page.driver.find_element("id", "told").get_attribute("textContent"))
+        self.pull("sda")
+        page.wait_for("Nothing is plugged")
+        page.wait_until("the heading of the page has the focus", lambda: focused().tag_name == "h1")
 
 
 class Frame(WebTest):
@@ -333,12 +388,20 @@ class Many(WebTest):
         letters = [f"sd{chr(ord('a') + at)}" for at in range(26)] + ["sdaa"]
         page = self.open_page()
         page.driver.execute_cdp_cmd("Emulation.setCPUThrottlingRate", {"rate": 10})
+        page.driver.execute_script("""
+            window.tellings = [];
+            const told = document.getElementById("told");
+            new MutationObserver(changes => changes.forEach(() => window.tellings.push(told.textContent)))
+                .observe(told, {childList: true});""")
         begin = time.monotonic()
         self.write_shares(letters)
         page.wait_until("all cards", lambda: page.driver.execute_script(
             "return [document.querySelectorAll('.cards .card').length, document.querySelectorAll('.cards .part').length]") == [27, 108],
             limit=LIMIT * 2)
         print(f"108 partitions after {time.monotonic() - begin:.1f} s")
+        tellings = page.wait_until("it is told aloud", lambda: page.driver.execute_script("return window.tellings"))
+        print(f"told aloud: {tellings}")
+        self.assertLess(len(tellings), 10, tellings)  # and not 108
         self.write_shares(letters[1:])
         page.wait_until("one card less", lambda: page.driver.execute_script(
             "return document.querySelectorAll('.cards .card').length") == 26, limit=LIMIT * 2)

@@ -51,7 +51,7 @@ class Story(WebTest):
             self.assertEqual(vyworld.mounted_names(), ["sda1"])
             page.click("Eject it when it is free")
             page.wait_for("Waiting until nobody uses it")
-        page.wait_for("Acme FlashKey (sda) may be pulled now.", "Unmounted")
+        page.wait_for("Acme FlashKey (sda) may be pulled now. It is unmounted; its port stays on.", "Unmounted")
         self.assertEqual(vyworld.mounts(), [])
         self.pull("sda")
         page.wait_for("Nothing is plugged", "Known disks", "Music")

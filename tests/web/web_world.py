@@ -95,8 +95,9 @@ class WebTest(samba_world.SambaTest):
         blocked = int(status.split("SigBlk:")[1].split()[0], 16)
         return "vyhotplug-agent" in status and blocked >> (signal.SIGTERM - 1) & 1
 
-    def plug(self, disk, parts=None, usb=None, files=None):
-        """Plugs a disk: its partitions' filesystems by number."""
+    def plug(self, disk, parts=None, usb=None, files=None, port=False):
+        """Plugs a disk: its partitions' filesystems by number. Port: it can be switched off, which leaves its traces in
+        files."""
         parts = {1: "ext4"} if parts is None else parts
         usb = {**STICK, "serial": disk.upper(), **(usb or {})}
         made = []
@@ -114,8 +115,19 @@ class WebTest(samba_world.SambaTest):
             os.mknod(f"/dev/{partition.name}", stat.S_IFBLK | 0o600, partition.loop.device)  # where the agent looks
         self.disks[disk] = made
         self.sysfs.add_stick(disk, parts=tuple(parts), usb=usb)
+        # What is ejected is flushed and stopped by its numbers: never this machine's own disk.
+        self.sysfs.set(f"{disk}/dev", f"{os.major(made[0].loop.device)}:{os.minor(made[0].loop.device)}")
+        if port:
+            vyworld.write(self.switch_of(disk, "delete"), "")
+            vyworld.write(self.switch_of(disk, "remove"), "")
         os.kill(self.agent.pid, signal.SIGHUP)
         return made
+
+    @staticmethod
+    def switch_of(disk, name):
+        """The file that takes the disk from the kernel (delete), or its port from the bus (remove)."""
+        device = os.path.realpath(f"/sys/block/{disk}/device")
+        return os.path.normpath(f"{device}/{'' if name == 'delete' else '../../../..'}/{name}")
 
     def pull(self, disk):
         for partition in self.disks.pop(disk):

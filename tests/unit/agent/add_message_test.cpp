@@ -15,9 +15,12 @@ static void put(char* field, size_t size, const std::string& text)
 
 #define PUT(field, text) put((field), sizeof(field), (text))
 
-static BlockDevice stick()
+// A device and what it has in common with the others of its disk.
+struct Whole : BlockDevice, BlockHardware {};
+
+static Whole stick()
 {
-    BlockDevice device = {};
+    Whole device = {};
     EXPECT_TRUE(block_name_parse("sda1", &device.name));
     device.major = 8;
     device.minor = 1;
@@ -33,9 +36,11 @@ static BlockDevice stick()
     return device;
 }
 
-static std::string message(const BlockDevice& device)
+static std::string message(const Whole& whole)
 {
     char text[agent_message_size];
+    BlockDevice device = whole;
+    device.hardware = &whole;
     const size_t length = add_message_format(device, text);
     EXPECT_EQ(strlen(text), length);
     EXPECT_LE(length, most);
@@ -43,7 +48,7 @@ static std::string message(const BlockDevice& device)
 }
 
 // The value of an item; "(none)" without one.
-static std::string item(const BlockDevice& device, const std::string& key)
+static std::string item(const Whole& device, const std::string& key)
 {
     const std::string text = message(device) + ",";
     const size_t at = text.find("," + key + "=");
@@ -61,7 +66,7 @@ TEST(AddMessage, TellsAllOfAStick)
 
 TEST(AddMessage, CallsAWholeDiskOne)
 {
-    BlockDevice device = stick();
+    Whole device = stick();
     device.name.partition = 0;
     device.minor = 0;
     EXPECT_EQ(item(device, "DEVTYPE"), "disk");
@@ -69,7 +74,7 @@ TEST(AddMessage, CallsAWholeDiskOne)
 
 TEST(AddMessage, LeavesOutWhatTheDeviceDoesNotHave)
 {
-    BlockDevice device = {};
+    Whole device = {};
     ASSERT_TRUE(block_name_parse("mmcblk0", &device.name));
     device.major = 179;
     EXPECT_EQ(message(device), "ACTION=add,MAJOR=179,MINOR=0,DEVTYPE=disk");
@@ -90,7 +95,7 @@ TEST(AddMessage, LeavesOutARangeThatIsNone)
                 {"-1", "(none)"},  {"+16", "(none)"}, {"16x", "(none)"}, {"1048576", "(none)"},
                 {"x", "(none)"},   {"", "(none)"},    {"1,2", "(none)"}};
     for (const auto& row : rows) {
-        BlockDevice device = stick();
+        Whole device = stick();
         PUT(device.range, row.range);
         EXPECT_EQ(item(device, "RANGE"), row.item) << row.range;
     }
@@ -104,7 +109,7 @@ TEST(AddMessage, LeavesOutWhatIsNeitherYesNorNo)
     } rows[] = {{"0", "0"},      {"1", "1"},       {"2", "(none)"}, {"", "(none)"},
                 {"y", "(none)"}, {"10", "(none)"}, {"-1", "(none)"}};
     for (const auto& row : rows) {
-        BlockDevice device = stick();
+        Whole device = stick();
         PUT(device.removable, row.text);
         PUT(device.readonly, row.text);
         EXPECT_EQ(item(device, "RM"), row.item) << row.text;
@@ -122,7 +127,7 @@ TEST(AddMessage, LeavesOutIdsThatAreNotHexadecimal)
                 {"12g4", "(none)"}, {"0x12", "(none)"}, {"-123", "(none)"},
                 {"1,2", "(none)"},  {"12 4", "(none)"}, {"\xc3\xa4", "(none)"}};
     for (const auto& row : rows) {
-        BlockDevice device = stick();
+        Whole device = stick();
         PUT(device.vid, row.id);
         PUT(device.pid, row.id);
         EXPECT_EQ(item(device, "VID"), row.item) << row.id;
@@ -140,7 +145,7 @@ TEST(AddMessage, LeavesOutASpeedThatIsNone)
                 {"480Mbit", "(none)"}, {".5", "(none)"},   {"12345678", "(none)"},
                 {"-12", "(none)"},     {"1,2", "(none)"}};
     for (const auto& row : rows) {
-        BlockDevice device = stick();
+        Whole device = stick();
         PUT(device.speed, row.speed);
         EXPECT_EQ(item(device, "SPEED"), row.item) << row.speed;
     }
@@ -174,7 +179,7 @@ TEST(AddMessage, CleansTextsOfTheDevice)
         {"", "(none)"},
     };
     for (const auto& row : rows) {
-        BlockDevice device = stick();
+        Whole device = stick();
         PUT(device.serial, row.text);
         PUT(device.vname, row.text);
         PUT(device.pname, row.text);
@@ -185,7 +190,7 @@ TEST(AddMessage, CleansTextsOfTheDevice)
 
 TEST(AddMessage, KeepsOneItemForEachItem)
 {
-    BlockDevice device = stick();
+    Whole device = stick();
     PUT(device.serial, "a,b,c,=,d\n,");
     PUT(device.vname, ",,,,");
     PUT(device.pname, "MAJOR=9,MINOR=9");
@@ -197,7 +202,7 @@ TEST(AddMessage, KeepsOneItemForEachItem)
 // The length that all but the two names takes.
 static size_t length_without_names()
 {
-    BlockDevice device = stick();
+    Whole device = stick();
     PUT(device.vname, "v");
     PUT(device.pname, "p");
     return message(device).size() - 2;
@@ -206,7 +211,7 @@ static size_t length_without_names()
 TEST(AddMessage, TakesNamesThatFitExactly)
 {
     const size_t room = most - length_without_names();
-    BlockDevice device = stick();
+    Whole device = stick();
     PUT(device.vname, std::string(room - 300, 'v'));
     PUT(device.pname, std::string(300, 'p'));
     EXPECT_EQ(message(device).size(), most);
@@ -217,7 +222,7 @@ TEST(AddMessage, TakesNamesThatFitExactly)
 TEST(AddMessage, ShortensTheLongerNameFirst)
 {
     const size_t room = most - length_without_names();
-    BlockDevice device = stick();
+    Whole device = stick();
     PUT(device.vname, std::string(100, 'v'));
     PUT(device.pname, std::string(room - 100 + 1, 'p'));
     EXPECT_EQ(message(device).size(), most);
@@ -228,7 +233,7 @@ TEST(AddMessage, ShortensTheLongerNameFirst)
 TEST(AddMessage, ShortensBothNamesWhereBothAreLong)
 {
     const size_t room = most - length_without_names();
-    BlockDevice device = stick();
+    Whole device = stick();
     PUT(device.vname, std::string(378, 'v'));
     PUT(device.pname, std::string(378, 'p'));
     EXPECT_EQ(message(device).size(), most);
@@ -242,7 +247,7 @@ TEST(AddMessage, ShortensAtWholeCharacters)
 {
     for (const char* character : {"\xc3\xa4", "\xe2\x82\xac", "\xf0\x9f\x92\xbe"}) {
         for (size_t offset = 0; offset < 4; offset++) {
-            BlockDevice device = stick();
+            Whole device = stick();
             std::string name(offset, 'x');
             while (name.size() + strlen(character) < agent_text_size - 1)
                 name += character;
@@ -258,7 +263,7 @@ TEST(AddMessage, ShortensAtWholeCharacters)
 
 TEST(AddMessage, LeavesNoBlankWhereItCuts)
 {
-    BlockDevice device = stick();
+    Whole device = stick();
     std::string name;
     while (name.size() < 370)
         name += "a ";
@@ -273,7 +278,7 @@ TEST(AddMessage, KeepsTheLongestSerialWhole)
     std::string serial;
     for (int i = 0; i < 126; i++)
         serial += "\xe2\x82\xac";
-    BlockDevice device = stick();
+    Whole device = stick();
     device.minor = 1048575;
     PUT(device.serial, serial);
     PUT(device.vname, std::string(378, 'v'));
@@ -289,7 +294,7 @@ TEST(AddMessage, KeepsTheLongestSerialWhole)
 
 TEST(AddMessage, HasRoomForTheLongestSerialThatItCanBeGiven)
 {
-    BlockDevice device = stick();
+    Whole device = stick();
     device.minor = 1048575;
     device.major = 4095;
     PUT(device.range, "255");

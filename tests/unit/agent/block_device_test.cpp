@@ -23,14 +23,17 @@ static std::vector<std::string> names_of(const BlockList& list)
     return names;
 }
 
+// A device and what it has in common with the others of its disk.
+struct Whole : BlockDevice, BlockHardware {};
+
 class BlockDeviceTest : public testing::Test {
   protected:
     // Reads everything anew.
     const BlockList& list()
     {
-        list_.count = 0;
-        list_.devices.reset(nullptr);
-        EXPECT_EQ(block_list_read(FakeSysfs::root, &list_), 0);
+        BlockList fresh;
+        EXPECT_EQ(block_list_read(FakeSysfs::root, &fresh), 0);
+        block_list_move(&fresh, &list_);
         return list_;
     }
 
@@ -39,11 +42,11 @@ class BlockDeviceTest : public testing::Test {
         return block_list_find(list(), name_of(name)) != nullptr;
     }
 
-    BlockDevice device_of(const std::string& name)
+    Whole device_of(const std::string& name)
     {
         const BlockDevice* device = block_list_find(list(), name_of(name));
         EXPECT_NE(device, nullptr) << name;
-        return device != nullptr ? *device : BlockDevice{};
+        return device != nullptr ? Whole{*device, *device->hardware} : Whole{};
     }
 
     FakeSysfs sysfs_;
@@ -55,7 +58,7 @@ TEST_F(BlockDeviceTest, ReadsAStick)
     sysfs_.add_stick("sda", "8:0");
     sysfs_.add_partition("sda", "sda1", "8:1");
     sysfs_.set("sda/sda1/ro", "1");
-    const BlockDevice device = device_of("sda1");
+    const Whole device = device_of("sda1");
     EXPECT_EQ(device.major, 8);
     EXPECT_EQ(device.minor, 1);
     EXPECT_STREQ(device.range, "16");
@@ -75,7 +78,7 @@ TEST_F(BlockDeviceTest, ReadsAStick)
 TEST_F(BlockDeviceTest, TakesTheDisksOwnNamesWhereTheUsbDeviceHasNone)
 {
     sysfs_.add_stick("sda", "8:0", {{"manufacturer", "-"}, {"product", "-"}, {"serial", "-"}});
-    const BlockDevice device = device_of("sda");
+    const Whole device = device_of("sda");
     EXPECT_STREQ(device.vname, "SCSIVEND");
     EXPECT_STREQ(device.pname, "ScsiModel       ");
     EXPECT_STREQ(device.serial, "");
@@ -85,7 +88,7 @@ TEST_F(BlockDeviceTest, TakesTheDisksOwnNamesWhereTheUsbDeviceHasNone)
 TEST_F(BlockDeviceTest, ReadsADiskThatIsNoUsbDevice)
 {
     sysfs_.add_stick("sda", "8:0", {{"idVendor", "-"}});
-    const BlockDevice device = device_of("sda");
+    const Whole device = device_of("sda");
     EXPECT_STREQ(device.vid, "");
     EXPECT_STREQ(device.serial, "");
     EXPECT_STREQ(device.speed, "");
@@ -107,7 +110,7 @@ TEST_F(BlockDeviceTest, ReadsACard)
 {
     sysfs_.add_card("mmcblk0", "179:0");
     sysfs_.add_partition("mmcblk0", "mmcblk0p1", "179:1");
-    const BlockDevice device = device_of("mmcblk0p1");
+    const Whole device = device_of("mmcblk0p1");
     EXPECT_EQ(device.major, 179);
     EXPECT_EQ(device.minor, 1);
     EXPECT_STREQ(device.range, "8");
@@ -131,7 +134,7 @@ TEST_F(BlockDeviceTest, SeesAnEmptyDrive)
 TEST_F(BlockDeviceTest, TakesWhatIsMissingAsUnknown)
 {
     sysfs_.add_stick("sda", "8:0", {}, {{"range", "-"}, {"removable", "-"}, {"ro", "-"}});
-    const BlockDevice device = device_of("sda");
+    const Whole device = device_of("sda");
     EXPECT_STREQ(device.range, "");
     EXPECT_STREQ(device.removable, "");
     EXPECT_STREQ(device.readonly, "");
@@ -149,7 +152,7 @@ TEST_F(BlockDeviceTest, CutsLongTextsToItsFields)
 {
     sysfs_.add_stick("sda", "8:0",
                      {{"serial", std::string(5000, 's')}, {"speed", std::string(5000, '4')}});
-    const BlockDevice device = device_of("sda");
+    const Whole device = device_of("sda");
     EXPECT_EQ(strlen(device.serial), agent_text_size - 1);
     EXPECT_EQ(strlen(device.speed), sizeof device.speed - 1);
 }
@@ -157,7 +160,7 @@ TEST_F(BlockDeviceTest, CutsLongTextsToItsFields)
 TEST_F(BlockDeviceTest, KeepsALineFeedWithinAText)
 {
     sysfs_.add_stick("sda", "8:0", {{"serial", "a\nb"}, {"product", ""}, {"manufacturer", "\n"}});
-    const BlockDevice device = device_of("sda");
+    const Whole device = device_of("sda");
     EXPECT_STREQ(device.serial, "a\nb");
     EXPECT_STREQ(device.pname, "ScsiModel       "); // empty counts as absent
     EXPECT_STREQ(device.vname, "\n");
@@ -201,6 +204,27 @@ TEST_F(BlockDeviceTest, TellsOfADisksFailureForItsPartitions)
     symlink("removable", (std::string(FakeSysfs::root) + "/block/sda/removable").c_str());
     EXPECT_EQ(device_of("sda1").failure, -ELOOP);
     EXPECT_EQ(device_of("sda1").minor, 1);
+}
+
+TEST_F(BlockDeviceTest, ShowsAPartitionThatCannotBeOpened)
+{
+    const std::string disk = std::string(FakeSysfs::root) + "/block/sda/";
+    sysfs_.add_stick("sda", "8:0");
+    ASSERT_EQ(symlink("sda1", (disk + "sda1").c_str()), 0); // leads nowhere
+    EXPECT_EQ(device_of("sda1").failure, -ELOOP);
+    EXPECT_EQ(device_of("sda").failure, 0);
+    ASSERT_EQ(symlink("nothing", (disk + "sda2").c_str()), 0); // it has just gone
+    EXPECT_FALSE(is_there("sda2"));
+}
+
+TEST_F(BlockDeviceTest, ShowsADiskWhoseHardwareCannotBeOpened)
+{
+    sysfs_.add_stick("sda", "8:0");
+    sysfs_.drop("sda/device");
+    EXPECT_EQ(device_of("sda").failure, 0); // it has none
+    ASSERT_EQ(symlink("device", (std::string(FakeSysfs::root) + "/block/sda/device").c_str()), 0);
+    EXPECT_EQ(device_of("sda").failure, -ELOOP);
+    EXPECT_STREQ(device_of("sda").vid, "");
 }
 
 TEST_F(BlockDeviceTest, HasAnotherIdentityWhenMadeAnew)

@@ -75,6 +75,10 @@ TEST_F(DiagnosisTest, OfWhatIsNoFilesystem)
         {"isw_raid_member", "raid", "member sda1 is a member of RAID"},
         {"zfs_member", "filesystem", "member sda1 is a member of ZFS"},
         {"bcache", "other", "member sda1 is a member of bcache"},
+        {"ceph_bluestore", "other", "member sda1 is a member of Ceph"},
+        {"drbd", "raid", "member sda1 is a member of DRBD"},
+        {"stratis", "raid", "member sda1 is a member of Stratis"},
+        {"VMFS_volume_member", "raid", "member sda1 is a member of VMFS"},
         {"swap", "other", "swap sda1 is a swap area"},
         {"swsuspend", "other", "swap sda1 is a swap area, with a suspended system in it"},
         {"", "", "nothing sda1 has no filesystem that is known"},
@@ -118,7 +122,7 @@ TEST_F(DiagnosisTest, OfWhatTheMachineCannotDo)
     lacks("ntfs");
     EXPECT_EQ(told(), "no-driver sda1 holds ntfs, whose driver ntfs-3g is not installed");
     config_.otherfs[1] = CONF_DEV_FS_NTFS3;
-    EXPECT_EQ(told(), "?refused sda1 holds ntfs, but the kernel refused it [ntfsfix /dev/sda1]");
+    EXPECT_EQ(told(), "?refused sda1 holds ntfs, but the kernel refused it [ntfsfix -d /dev/sda1]");
     lacks("ntfs3");
     config_.mountntfs = 0;
     EXPECT_EQ(told(), "no-module sda1 holds ntfs, which this kernel has no module for");
@@ -155,6 +159,8 @@ TEST_F(DiagnosisTest, OfWhatWasRefused)
         EXPECT_EQ(told(), row.told) << row.type;
         EXPECT_STREQ(diagnosis_.type, row.type);
     }
+    EXPECT_STREQ(diagnosis_kernel_prefix("ntfs"), "ntfs3") << "older ones say ntfs3: sda1:, newer "
+                                                              "ones ntfs3(sda1):";
     findings_.config = nullptr; // then everything may be wanted
     findings_.kernel = "";
     holds("udf");

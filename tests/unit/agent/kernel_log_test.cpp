@@ -145,6 +145,48 @@ TEST_F(KernelLogTest, PrefersTheLineThatTellsAnErrno)
     EXPECT_EQ(find("sda1", "XFS ("), "XFS (sda1): two -117");
 }
 
+TEST_F(KernelLogTest, KeepsWhatIsSaidAgainOnce)
+{
+    say("XFS (sda1): one", 10);
+    for (int i = 0; i < 1000; i++) {
+        say("XFS (sdb1): again", 20);
+        say("XFS (sdb1): and again", 20);
+    }
+    EXPECT_EQ(find("sda1", "XFS ("), "XFS (sda1): one");
+    EXPECT_EQ(find("sdb1", "XFS ("), "XFS (sdb1): again");
+    say("XFS (sda1): one", 30);
+    EXPECT_EQ(find("sda1", "XFS (", 29), "XFS (sda1): one") << "it was said again, later";
+}
+
+TEST_F(KernelLogTest, HasRoomForAHandfulOfDisksThatAreDivided)
+{
+    constexpr int devices = 30; // two of them with all their partitions
+    constexpr int words = 12;   // of filesystems that it does not hold
+    for (int device = 0; device < devices; device++) {
+        const std::string name = "sda" + std::to_string(device + 1);
+        for (int word = 0; word < words; word++)
+            say("FS" + std::to_string(word) + " (" + name + "): no", 10);
+    }
+    for (int device = 0; device < devices; device++) {
+        const std::string name = "sda" + std::to_string(device + 1);
+        EXPECT_EQ(find(name, "FS0"), "FS0 (" + name + "): no");
+    }
+}
+
+TEST_F(KernelLogTest, ForgetsADevice)
+{
+    kernel_log_forget(&log_, name_of("sda1"));
+    say("XFS (sda1): one", 10);
+    say("XFS (sdb1): other", 10);
+    say("XFS (sda1): two", 10);
+    kernel_log_forget(&log_, name_of("sda1"));
+    EXPECT_EQ(find("sda1", ""), "");
+    EXPECT_EQ(find("sdb1", ""), "XFS (sdb1): other");
+    say("XFS (sda1): two", 20);
+    say("XFS (sda1): one", 20);
+    EXPECT_EQ(find("sda1", ""), "XFS (sda1): two");
+}
+
 TEST_F(KernelLogTest, KeepsTheLastLines)
 {
     for (int i = 0; i <= static_cast<int>(kernel_line_limit); i++)

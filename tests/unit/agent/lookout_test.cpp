@@ -398,6 +398,23 @@ TEST_F(LookoutTest, TellsThatTheKernelCannotReadIt)
     EXPECT_EQ(logged(), Texts{"sda1 cannot be read: Input/output error"});
 }
 
+TEST_F(LookoutTest, TakesNoWordsForThoseOfAStickThatHadTheNameBefore)
+{
+    plug();
+    kernel_says("EXT4-fs (sda1): the first of one");
+    kernel_says("EXT4-fs (sda1): the first of both");
+    sysfs_.remove_disk("sda");
+    tell_all();
+    plug();
+    kernel_says("EXT4-fs (sda1): the first of both");
+    kernel_says("EXT4-fs (sda1): the first of one");
+    blkid_says("ext4");
+    wait_for_answer();
+    EXPECT_EQ(logged(),
+              Texts{"sda1 holds ext4, but the kernel refused it: EXT4-fs (sda1): the first "
+                    "of both; to check it: e2fsck -f /dev/sda1"});
+}
+
 TEST_F(LookoutTest, WithoutTheServicesConfigurationEverythingMayBeWanted)
 {
     unlink(config);

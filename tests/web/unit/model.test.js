@@ -114,9 +114,9 @@ test("a form that is open outlives a look", () => {
 
 test("what can be seen at once is told as it is now", () => {
     const problem = (id, severity = "problem") => ({ id, severity, text: "", remedy: "" });
-    const known = after(status([], { problems: [problem("now")] }),
-        { type: "check", found: [problem("gone"), problem("deep", "note"), problem("deeper")] });
-    assert.deepEqual(model.problems(known, id => id !== "deep" && id !== "deeper").map(one => one.id), ["now", "deeper", "deep"]);
+    const known = after(status([], { problems: [problem("tmp_full")] }),
+        { type: "check", found: [problem("tmp_full"), problem("name_twice"), problem("deep", "note"), problem("deeper")] });
+    assert.deepEqual(model.problems(known).map(one => one.id), ["tmp_full", "deeper", "deep"]);
 });
 
 test("roles of users and back", () => {
@@ -125,6 +125,8 @@ test("roles of users and back", () => {
     assert.deepEqual(model.roleWords({ 7: "full", 8: "hidden", 9: "", 10: "full" }), ["full=7,10", "readers=", "blocked=", "hidden=8"]);
     const known = after({ type: "users", users: [{ uid: 7, name: "a", full_name: "A", samba_password: true }] });
     assert.deepEqual(model.choices(known, of).map(one => one.name), ["a", "b"]);
+    const twice = item("sda1", { settings: { ...SETTINGS, full_users: [{ uid: 8, name: "b" }], hidden_users: [{ uid: 8, name: "b" }] } });
+    assert.deepEqual(model.choices(known, twice).map(one => one.name), ["a", "b"]);
 });
 
 test("what a share cannot be called", () => {

@@ -2,7 +2,9 @@ import assert from "node:assert/strict";
 import { readdirSync, readFileSync, statSync } from "node:fs";
 import { test } from "node:test";
 import { fakeCockpit, table, WEB } from "./fake_cockpit.js";
+import { adds, remedies, SYSTEM_WORDS, toForm } from "./sources.js";
 import * as texts from "../../../web/texts.js";
+import * as told from "../../../web/told.js";
 
 fakeCockpit();
 
@@ -16,8 +18,12 @@ const said = new Set([
 test("every text has its German, and no German is left over", () => {
     const german = table("po.de.js");
     const keys = Object.keys(german).filter(key => key !== "");
-    assert.deepEqual([...said].filter(text => !keys.includes(text)), []);
-    assert.deepEqual(keys.filter(key => !said.has(key)), []);
+    const problems = readFileSync(new URL("../companions/ctl/problems.cpp", WEB), "utf8");
+    const { reasons, mistakes, endings, advice, values, refusals, faults } = told;
+    const forms = [...reasons, ...mistakes, ...endings, ...advice, ...values, ...refusals, ...faults];
+    const others = new Set([...adds(problems).map(one => toForm(one.format)), ...remedies(problems), ...SYSTEM_WORDS]);
+    assert.deepEqual([...said, ...forms].filter(text => !keys.includes(text)), []);
+    assert.deepEqual(keys.filter(key => !said.has(key) && !forms.includes(key) && !others.has(key)), []);
     assert.ok(said.size > 100);
 });
 
@@ -42,8 +48,11 @@ test("nothing is made of markup, and no program is started by a shell", () => {
     assert.doesNotMatch(page, /\sstyle=|\son\w+=|<style|<script>/);
 });
 
-test("the whole page is smaller than 100 kB", () => {
-    const bytes = readdirSync(WEB).reduce((sum, name) => sum + statSync(new URL(name, WEB)).size, 0);
+test("all that is installed is smaller than 100 kB", () => {
+    const endings = [...readFileSync(new URL("../packaging/debian/cockpit-vyhotplug.install", WEB), "utf8").matchAll(/^web\/\*?(\S+)/gm)];
+    const files = readdirSync(WEB).filter(name => endings.some(([, ending]) => name.endsWith(ending)));
+    assert.ok(files.includes("manifest.json") && files.includes("main.js"), files.join());
+    const bytes = files.reduce((sum, name) => sum + statSync(new URL(name, WEB)).size, 0);
     assert.ok(bytes < 100_000, String(bytes));
 });
 
@@ -65,24 +74,16 @@ test("numbers and texts of a language", () => {
     fakeCockpit();
 });
 
-test("a reason is split from what to type", () => {
-    assert.deepEqual(texts.reason("holds exfat, but the kernel refused it: Invalid argument; type: fsck.exfat /dev/sdc1"),
-        { why: "It holds exfat, but the kernel refused it. (Invalid argument)", remedy: "fsck.exfat /dev/sdc1" });
-    assert.deepEqual(texts.reason("does something new"), { why: "does something new", remedy: "" });
-    assert.equal(texts.reason("is encrypted (LUKS)").why, "It is encrypted (LUKS).");
-    assert.equal(texts.reason("is encrypted").why, "It is encrypted.");
-});
-
-test("the words of every reason that the agent has are known", () => {
-    const source = readFileSync(new URL("../companions/agent/diagnosis.cpp", WEB), "utf8");
-    const words = [...source.matchAll(/TROUBLE_\w+, (?:name, )?"(is [^"]+|has [^"]+|does [^"]+)"/g)].map(match => match[1]);
-    assert.ok(words.length > 10, String(words.length));
-    for (const word of words)
-        assert.notEqual(texts.reason(word).why, word, word);
-});
-
 test("a place that a text has twice or that a name holds is not filled again", () => {
     assert.equal(texts.format("$0 and $1", "$1", "b"), "$1 and b");
+});
+
+test("who has no password", () => {
+    const user = (samba_password, ksmbd_password) => ({ uid: 1, name: "a", full_name: null, samba_password, ksmbd_password });
+    assert.equal(texts.withoutPassword(user(false, null)), "has no Samba password");
+    assert.equal(texts.withoutPassword(user(null, false)), "has no ksmbd password");
+    for (const known of [user(true), user(null, true), user(null, null), user(null)])
+        assert.equal(texts.withoutPassword(known), "");
 });
 
 test("who may", () => {
@@ -95,13 +96,4 @@ test("who may", () => {
         "May read and write: anna. Guests may enter.");
     assert.equal(texts.access({ settings: { ...settings, blocked_users: [{ uid: 1, name: "a" }, { uid: 2, name: "b" }] } }),
         "Everybody with a password may read and write. May not enter: a, b.");
-});
-
-test("a failure says what was not done, and why", () => {
-    assert.equal(texts.failure({ verb: "eject", status: 4, message: "sda1 is busy:" }),
-        "It was not ejected: do not pull it yet. It is busy.");
-    assert.equal(texts.failure({ verb: "set", status: 1, message: "vyhotplugctl: full: no such user: x\n" }),
-        "Nothing was changed. full: no such user: x");
-    assert.equal(texts.failure({ verb: "mount", status: null, message: "Not permitted to perform this action." }),
-        "It was not mounted. Not permitted to perform this action.");
 });
