@@ -59,10 +59,13 @@ static Whole read_device(Input* input)
 
 static void check_bytes(const char* text)
 {
-    for (const char* at = text; *at != '\0'; at += text_sequence(at)) {
-        check(text_sequence(at) > 0, "it is UTF-8");
-        check(static_cast<unsigned char>(*at) >= ' ' && *at != 0x7f, "no control character");
-        check(strchr("[]", *at) == nullptr, "no bracket");
+    size_t length = 0;
+    for (const char* at = text; *at != '\0'; at += length) {
+        const auto byte = static_cast<unsigned char>(*at);
+        length = byte < 0x80 ? 1 : text_sequence(at);
+        check(length > 0, "it is UTF-8");
+        check(byte >= ' ' && byte != 0x7f, "no control character");
+        check(byte != '[' && byte != ']', "no bracket");
     }
 }
 

@@ -54,6 +54,23 @@ static bool shorten(BlockHardware* hardware)
     return true;
 }
 
+// Bytes that a name takes off the message's length, with its key.
+static size_t length_of_name(const char* name)
+{
+    return name[0] != '\0' ? strlen(",VNAME=") + strlen(name) : 0;
+}
+
+// Takes characters off the names until a message of `length` bytes has less than `size`, or the
+// names are empty.
+static void shorten_to(size_t size, size_t length, BlockHardware* hardware)
+{
+    const size_t others =
+        length - length_of_name(hardware->vname) - length_of_name(hardware->pname);
+    while (others + length_of_name(hardware->vname) + length_of_name(hardware->pname) >= size &&
+           shorten(hardware)) {
+    }
+}
+
 // Returns the length.
 static size_t build(const BlockDevice& device, const BlockHardware& hardware,
                     char (&text)[build_size])
@@ -89,8 +106,11 @@ size_t add_message_format(const BlockDevice& device, char (&text)[agent_message_
     BlockDevice fit = device;
     BlockHardware hardware = *device.hardware;
     make_fit(&fit, &hardware);
-    while (build(fit, hardware, built) >= sizeof text && shorten(&hardware)) {
-    } // until it fits
+    const size_t length = build(fit, hardware, built);
+    if (length >= sizeof text) {
+        shorten_to(sizeof text, length, &hardware);
+        (void)build(fit, hardware, built);
+    }
     str_ncpy(text, built, sizeof text);
     return strlen(text);
 }

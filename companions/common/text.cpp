@@ -74,7 +74,8 @@ size_t text_clean(char* text, const char* forbidden)
             replaced++;
             continue;
         }
-        memmove(to, from, length);
+        if (to != from) // seldom: behind what took more than one byte
+            memmove(to, from, length);
         to += length;
         from += length;
     }

@@ -37,11 +37,11 @@ struct FoldRange {
 
 constexpr uint32_t rare_letter = 0xfffd;
 
-// Letters with two cases: the simple case mappings of the Unicode Character Database.
+// Letters with two cases, but for those of ASCII: the simple case mappings of the Unicode Character
+// Database.
 constexpr FoldRange fold_ranges[] = {
-    {0x41, 0x5a, FOLD_BY, 0x20},       {0xb5, 0xb5, FOLD_TO, 0x3bc},
-    {0xc0, 0xd6, FOLD_BY, 0x20},       {0xd8, 0xde, FOLD_BY, 0x20},
-    {0xdf, 0xdf, FOLD_RARE, 0}, // its capital is one of them
+    {0xb5, 0xb5, FOLD_TO, 0x3bc},      {0xc0, 0xd6, FOLD_BY, 0x20},
+    {0xd8, 0xde, FOLD_BY, 0x20},       {0xdf, 0xdf, FOLD_RARE, 0}, // its capital is one of them
     {0x100, 0x12f, FOLD_EVEN, 0},      {0x130, 0x131, FOLD_TO, 'i'},
     {0x132, 0x137, FOLD_EVEN, 0},      {0x139, 0x148, FOLD_ODD, 0},
     {0x14a, 0x177, FOLD_EVEN, 0},      {0x178, 0x178, FOLD_TO, 0xff},
@@ -102,6 +102,8 @@ static uint32_t fold_as(uint32_t character, const FoldRange& range)
 
 uint32_t share_name_fold(uint32_t character)
 {
+    if (character < 0x80) // nearly all there are
+        return character >= 'A' && character <= 'Z' ? character + ('a' - 'A') : character;
     for (const FoldRange& range : fold_ranges) { // the first that fits
         if (character >= range.first && character <= range.last)
             return fold_as(character, range);

@@ -7,6 +7,7 @@
 
 #include <mutex>
 #include <regex>
+#include <utility>
 
 static std::mutex mutex;
 static std::vector<FakeLogLine> lines;
@@ -26,6 +27,12 @@ std::vector<FakeLogLine> fake_log_lines()
 {
     const std::lock_guard<std::mutex> lock(mutex);
     return lines;
+}
+
+std::vector<FakeLogLine> fake_log_take()
+{
+    const std::lock_guard<std::mutex> lock(mutex);
+    return std::exchange(lines, {});
 }
 
 void fake_log_clear()

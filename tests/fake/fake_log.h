@@ -9,9 +9,10 @@ struct FakeLogLine {
     std::string text; // "daemon(123)mount /dev/sda1 /mnt/sda1"
 };
 
-// The lines so far, and forgetting them. Safe from any thread.
+// The lines so far, forgetting them, and both. Safe from any thread.
 std::vector<FakeLogLine> fake_log_lines();
 void fake_log_clear();
+std::vector<FakeLogLine> fake_log_take();
 
 // The lines' texts with the line number replaced by "#": "daemon(#)mount /dev/sda1 /mnt/sda1".
 std::vector<std::string> fake_log_texts();

@@ -69,7 +69,7 @@ class Kind:
     others: tuple = ()  # besides OTHERS
     suite: str = ""  # Debian's, for the kernel; this machine's unless named
     sysroot: str = ""  # the script of cmake/ that makes the service's C library, where it is not Debian's
-    like: str = ""  # the machine that it shares kernel, foreign programs and the service's build with
+    like: str = ""  # the machine that it shares kernel and foreign programs with
     image: str = ""  # the script that makes its first filesystem, in which nothing is the tests' own
     guest: str = "/vm/guest"  # where the program that looks at everything is
 
@@ -92,8 +92,8 @@ class Kind:
 
     @property
     def tree(self):
-        """Where the service is built."""
-        return os.path.join(PROJECT, "build", f"vm-{self.like or self.name}", "cmake")
+        """Where the service is built, once for all machines of a preset."""
+        return os.path.join(PROJECT, "build", f"vm-{self.preset}")
 
     @property
     def initramfs(self):
@@ -188,8 +188,6 @@ def fetch(kind):
     for package in glob.glob(packages + "/*.deb"):
         run("dpkg-deb", "-x", package, kind.root)
     shutil.rmtree(packages)
-    for module in glob.glob(kind.root + "/**/*.ko.xz", recursive=True):
-        run("xz", "-d", module)
     image, = glob.glob(kind.root + "/boot/vmlinu*")
     unpack_kernel(image, kind.kernel_image)
     with open(os.path.join(kind.folder, "fetched"), "w", encoding="ascii") as file:
@@ -356,15 +354,22 @@ def module_files(kind):
     files = {}
     for place, _, names in os.walk(folder):
         for name in names:
-            if name.endswith(".ko"):
-                files[name[:-3].replace("-", "_")] = os.path.join(place, name)
+            module, _, packed = name.partition(".ko")
+            if packed in (".xz", "") and module != name:
+                files[module.replace("-", "_")] = os.path.join(place, name)
     with open(folder + "/modules.builtin", encoding="ascii") as file:
         builtin = {os.path.basename(line.strip())[:-3].replace("-", "_") for line in file}
     return files, builtin
 
 
+def module_content(path):
+    """A module as it is loaded; some kernels' are packed, thousands of which nobody loads."""
+    with (lzma.open if path.endswith(".xz") else open)(path, "rb") as file:
+        return file.read()
+
+
 def modules_in_order(kind, names):
-    """These modules and what they depend on: name to path, each behind those it needs."""
+    """These modules and what they depend on: name to content, each behind those it needs."""
     files, builtin = module_files(kind)
     order = {}
 
@@ -372,11 +377,11 @@ def modules_in_order(kind, names):
         name = name.strip().replace("-", "_")
         if not name or name in order or name in builtin:
             return
-        with open(files[name], "rb") as file:
-            info = re.search(rb"\0depends=([^\0]*)\0", file.read())
+        content = module_content(files[name])
+        info = re.search(rb"\0depends=([^\0]*)\0", content)
         for other in (info[1].decode() if info else "").split(","):
             visit(other)
-        order[name] = files[name]
+        order[name] = content
 
     for name in names:
         visit(name)
@@ -440,7 +445,7 @@ def add_modules(archive, kind, **lists):
     for list_name, names in lists.items():
         order = modules_in_order(kind, names)
         for name in order.keys() - added:
-            archive.copy(f"modules/{name}.ko", order[name])
+            archive.content(f"modules/{name}.ko", order[name])
         added.update(order)
         archive.content(f"modules/{list_name}", "".join(name + "\n" for name in order).encode(), 0o644)
 
