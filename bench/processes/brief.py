@@ -7,6 +7,7 @@ import time
 import burst
 import functions
 import measure
+import mounts
 import refresh
 import resident
 import sizes
@@ -66,6 +67,7 @@ def brief(results, stack):
     partitions = burst.make_partitions(stack, PARTITIONS)
     burst.burst(partitions, results, True)
     vyworld.write(vyworld.SHARE_FILE, "")
+    mounts.count_calls(results)
     look_at_idle(results, stack)
     stack.callback(burst.remove_new_loops, before)
     print(f"   brief run: {time.monotonic() - began:.0f} s", file=sys.stderr)

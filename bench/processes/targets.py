@@ -117,7 +117,8 @@ ROWS = [
         [below("plug.total", 0.1, "< 100 ms")]),
     Row("mount request, ext4, less the fixed waits", ["mount.vyhotplugd"],
         ["mount.delivered", "mount.bare", "mount.mount8", "mount.udisksctl"],
-        [within("mount.vyhotplugd", "mount.bare", 0.001, "within 1 ms of mount(2)")]),
+        [within("mount.vyhotplugd", "mount.bare", 0.001, "within 1 ms of mount(2)"),
+         below("mount.keys", 0.03, "the keys cost less than 3 %")]),
     Row("the client `vymount` by itself", ["mount.client"], [], []),
     Row("burst: each mount, less the fixed waits", ["burst.each"], ["burst.mount8_each"], []),
     Row("burst: partitions lost", ["burst.lost"], [], [exactly("burst.lost", 0, "none")]),
@@ -178,5 +179,6 @@ BRIEF = [
     below("per_byte.ini_one.small.vyhotplugd", 15, "a lookup takes less than 15 instructions a byte"),
     exactly("burst.lost", 0, "of partitions announced at once none is lost"),
     exactly("burst.refreshes", 1, "a burst is followed by one refresh"),
+    at_most("mount.calls.more", 13, "the packages' keys cost a mount request 13 system calls at most"),
     exactly("idle.other_calls.vyhotplugd", 0, "an idle daemon makes no call but its two polls"),
 ]
