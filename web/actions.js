@@ -1,25 +1,15 @@
-// @ts-check
 // What people have done, and how it went.
 
 import { ask, order } from "./ctl.js";
 import { diskOf, isMounted } from "./model.js";
 import { _, diskTitle, format } from "./texts.js";
 
-/** @typedef {import("./types.js").Item} Item */
-/** @typedef {import("./types.js").Model} Model */
-/** @typedef {import("./types.js").Task} Task */
-/** @typedef {(event: {type: string, [detail: string]: any}) => void} Send */
-
 const WAIT_S = 86400; // of "wait until it is free"; vyhotplugctl takes no more
 
 /** What can be stopped, by key. @type {Map<string, () => void>} */
 const stoppable = new Map();
 
-/**
- * @param {Send} send
- * @param {string} key
- * @param {Partial<Task> | undefined} task
- */
+/** @param {Send} send @param {string} key @param {Partial<Task> | undefined} task */
 function tell(send, key, task) {
     send({ type: "task", key, task: task && { verb: "", phase: "running", message: "", status: null, holders: [], ...task } });
 }
@@ -63,17 +53,12 @@ async function run(send, key, verb, words, parts = [], phase = "running") {
     return null;
 }
 
-/**
- * @param {string} key
- */
+/** @param {string} key */
 export function stop(key) {
     stoppable.get(key)?.();
 }
 
-/**
- * @param {Send} send
- * @param {string} key
- */
+/** @param {Send} send @param {string} key */
 export function dismissTask(send, key) {
     tell(send, key, undefined);
 }
@@ -87,11 +72,7 @@ export function settingsKey(item) {
     return `set ${item.identity ?? item.name}`;
 }
 
-/**
- * @param {Send} send
- * @param {Item} item
- * @param {string[]} words - "guest=yes"
- */
+/** @param {Send} send @param {Item} item @param {string[]} words - "guest=yes" */
 export function set(send, item, words) {
     return run(send, settingsKey(item), "set", ["set", "--", item.identity ?? "", ...words]);
 }
@@ -110,62 +91,39 @@ export async function setForm(send, item, words, was) {
         closeForm(send, item);
 }
 
-/**
- * @param {Send} send
- * @param {Item} item
- */
+/** @param {Send} send @param {Item} item */
 export function closeForm(send, item) {
     send({ type: "open", key: item.identity ?? "", form: undefined, draft: undefined });
 }
 
-/**
- * @param {Send} send
- * @param {Item} item
- */
+/** @param {Send} send @param {Item} item */
 export function askForget(send, item) {
     tell(send, settingsKey(item), { verb: "forget", phase: "asked" });
 }
 
-/**
- * @param {Send} send
- * @param {Item} item
- */
+/** @param {Send} send @param {Item} item */
 export function forget(send, item) {
     return run(send, settingsKey(item), "forget", ["forget", "--", item.identity ?? ""]);
 }
 
-/**
- * @param {Send} send
- * @param {Item} item
- */
+/** @param {Send} send @param {Item} item */
 export function mount(send, item) {
     return run(send, `part ${item.name}`, "mount", ["mount", "--", item.name ?? ""]);
 }
 
-/**
- * @param {Send} send
- * @param {Item} item
- * @param {string[]} options
- */
+/** @param {Send} send @param {Item} item @param {string[]} options */
 export function unmount(send, item, options = []) {
     const waits = options[0] === "--wait" ? "waiting" : "running";
     const verb = options[0] === "--force" ? "force" : "unmount";
     return run(send, `part ${item.name}`, verb, ["unmount", ...options, "--", item.name ?? ""], [item], waits);
 }
 
-/**
- * @param {Send} send
- * @param {Item} item
- */
+/** @param {Send} send @param {Item} item */
 export function waitAndUnmount(send, item) {
     return unmount(send, item, ["--wait", String(WAIT_S)]);
 }
 
-/**
- * @param {Send} send
- * @param {Item[]} parts
- * @param {string[]} options
- */
+/** @param {Send} send @param {Item[]} parts @param {string[]} options */
 export async function eject(send, parts, options = []) {
     const disk = diskOf(parts[0].name ?? "");
     const waits = options.length > 0 ? "waiting" : "running";
@@ -178,10 +136,7 @@ export async function eject(send, parts, options = []) {
     send({ type: "notice", text: `${format(_("$0 ($1) may be pulled now."), title, disk)} ${how}` });
 }
 
-/**
- * @param {Send} send
- * @param {Item[]} parts
- */
+/** @param {Send} send @param {Item[]} parts */
 export function waitAndEject(send, parts) {
     return eject(send, parts, ["--wait", String(WAIT_S)]);
 }

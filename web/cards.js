@@ -1,4 +1,3 @@
-// @ts-check
 // A card for each disk.
 
 import { h } from "./dom.js";
@@ -9,19 +8,13 @@ import { idOf, isSet, settingsView } from "./settings.js";
 import { _, diskTitle, format, itemTitle, size, speed, state } from "./texts.js";
 import { reason } from "./told.js";
 
-/** @typedef {import("./types.js").Item} Item */
-/** @typedef {import("./types.js").Model} Model */
-/** @typedef {import("./actions.js").Send} Send */
-
 /** @type {Record<string, string>} */
 const COLOURS = {
     shared: "good", directory: "good", mounted: "note", waiting: "note", busy: "warning", unmounted: "dim",
     not_mounted: "bad", gone: "bad", absent: "dim",
 };
 
-/**
- * @param {Item} item
- */
+/** @param {Item} item */
 function badges(item) {
     return [
         h("span", { class: `badge ${COLOURS[item.state] ?? "dim"}` }, state(item.state)),
@@ -43,11 +36,7 @@ function explanation(item) {
     return h("p", { class: "why" }, toldView(why), remedy ? h("span", {}, ` ${_("Type:")} `, h("code", {}, remedy)) : null);
 }
 
-/**
- * @param {Model} model
- * @param {Send} send
- * @param {Item} item
- */
+/** @param {Model} model @param {Send} send @param {Item} item */
 function mountButtons(model, send, item) {
     if (!model.access || item.name === null)
         return null;
@@ -60,11 +49,7 @@ function mountButtons(model, send, item) {
     return null;
 }
 
-/**
- * @param {Model} model
- * @param {Send} send
- * @param {Item} item
- */
+/** @param {Model} model @param {Send} send @param {Item} item */
 export function partView(model, send, item) {
     const key = `part ${item.name}`;
     const title = itemTitle(item);
@@ -86,11 +71,7 @@ export function partView(model, send, item) {
         item.state !== "not_mounted" || isSet(item) ? settingsView(model, send, item) : null);
 }
 
-/**
- * @param {Model} model
- * @param {Send} send
- * @param {import("./model.js").Disk} disk
- */
+/** @param {Model} model @param {Send} send @param {Disk} disk */
 export function diskCard(model, send, { name, parts }) {
     const key = `disk ${name}`;
     const device = parts.find(part => part.device)?.device;

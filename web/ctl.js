@@ -1,24 +1,15 @@
-// @ts-check
 // The one way to the world: vyhotplugctl, by lists of arguments.
 
 import { jsonLines, parse } from "./json_lines.js";
 
 const PROGRAM = "vyhotplugctl";
 
-/** @typedef {{status: number | null, out: string, message: string, problem: string | null}} Answer */
-
-/**
- * @param {string[]} words
- * @param {object} options
- */
+/** @param {string[]} words @param {object} options */
 function spawn(words, options) {
     return cockpit.spawn([PROGRAM, ...words], { err: "message", environ: ["LC_ALL=C.UTF-8"], ...options });
 }
 
-/**
- * @param {any} process
- * @returns {Promise<Answer>} never fails
- */
+/** @param {any} process @returns {Promise<Answer>} never fails */
 function ended(process) {
     return new Promise(resolve => {
         process

@@ -1,16 +1,12 @@
-// @ts-check
 // The page as it is to be, and the few changes that make it so: what has the focus keeps it. Texts become text nodes
 // and attributes, never markup.
-
-/** @typedef {{tag: string, key: string | undefined, attributes: Record<string, any>, children: Wanted[]}} Element_ */
-/** @typedef {Element_ | string} Wanted */
 
 /**
  * @param {string} tag
  * @param {Record<string, any>} attributes - "on..." are handlers; true and false for those without a value; "key"
  *     tells siblings apart; "focus" takes the focus when the element comes
  * @param {...(Wanted | null | false | undefined | (Wanted | null | false | undefined)[])} children
- * @returns {Element_}
+ * @returns {WantedElement}
  */
 export function h(tag, attributes, ...children) {
     const { key, ...rest } = attributes;
@@ -18,16 +14,12 @@ export function h(tag, attributes, ...children) {
     return { tag, key, attributes: rest, children: wanted };
 }
 
-/** @type {WeakMap<Node, Element_>} */
+/** @type {WeakMap<Node, WantedElement>} */
 const before = new WeakMap();
 
 const PROPERTIES = ["checked", "value", "disabled", "open", "selected", "hidden"];
 
-/**
- * @param {any} node
- * @param {Record<string, any>} old
- * @param {Record<string, any>} next
- */
+/** @param {any} node @param {Record<string, any>} old @param {Record<string, any>} next */
 function setAttributes(node, old, next) {
     for (const name of Object.keys(old).filter(one => !(one in next))) {
         if (name.startsWith("on"))
@@ -98,28 +90,19 @@ export function patch(parent, wanted) {
         at = remove(parent, at);
 }
 
-/**
- * @param {Node} parent
- * @param {ChildNode} node
- * @returns {ChildNode | null} the next one
- */
+/** @param {Node} parent @param {ChildNode} node @returns {ChildNode | null} the next one */
 function remove(parent, node) {
     const next = node.nextSibling;
     parent.removeChild(node);
     return next;
 }
 
-/**
- * @param {Wanted} want
- */
+/** @param {Wanted} want */
 function create(want) {
     return typeof want === "string" ? document.createTextNode(want) : document.createElement(want.tag);
 }
 
-/**
- * @param {Node} node
- * @param {Wanted} want
- */
+/** @param {Node} node @param {Wanted} want */
 function change(node, want) {
     if (typeof want === "string") {
         if (node.nodeValue !== want)

@@ -1,13 +1,9 @@
-// @ts-check
 // Where the focus goes when what had it goes: who cannot see the page would be at its top, and not told so.
 
 /** @type {HTMLElement | null} what had the focus when it was disabled */
 let resting = null;
 
-/**
- * @param {Element | null} element
- * @returns {Element[]} it and all that it is in, from within
- */
+/** @param {Element | null} element @returns {Element[]} it and all that it is in, from within */
 function lineOf(element) {
     return element === null || element === document.body ? [] : [element, ...lineOf(element.parentElement)];
 }
@@ -32,9 +28,7 @@ export function keepingFocus(change) {
         resting = null;
 }
 
-/**
- * @param {Element | undefined} place
- */
+/** @param {Element | undefined} place */
 function focusHeading(place) {
     const heading = /** @type {HTMLElement | null | undefined} */ (place?.closest(".part, .card, .list, main")?.querySelector("h1, h2, h3"));
     heading?.setAttribute("tabindex", "-1");

@@ -1,4 +1,3 @@
-// @ts-check
 // What stands below the cards: known disks, problems, events.
 
 import { h } from "./dom.js";
@@ -8,13 +7,7 @@ import { idOf, settingsView } from "./settings.js";
 import { _, clock, happening, itemTitle, plural } from "./texts.js";
 import { problem, remedyOf } from "./told.js";
 
-/** @typedef {import("./types.js").Model} Model */
-/** @typedef {import("./actions.js").Send} Send */
-
-/**
- * @param {Model} model
- * @param {Send} send
- */
+/** @param {Model} model @param {Send} send */
 export function knownView(model, send) {
     return h("section", { key: "known", class: "list", "aria-labelledby": "known" },
         h("h2", { id: "known" }, _("Known disks that are not plugged")),
@@ -26,20 +19,14 @@ export function knownView(model, send) {
             settingsView(model, send, item))));
 }
 
-/**
- * @param {import("./types.js").Problem} one
- * @param {string} kind
- */
+/** @param {Problem} one @param {string} kind */
 function problemLine(one, kind) {
     return h("li", { class: `alert ${kind}` },
         h("p", {}, h("strong", {}, h("bdi", {}, toldView(problem(one))))),
         h("p", {}, `${_("What to do:")} `, h("code", {}, remedyOf(one))));
 }
 
-/**
- * @param {Model} model
- * @param {() => void} check
- */
+/** @param {Model} model @param {() => void} check */
 export function problemsView(model, check) {
     const all = problems(model);
     const notes = all.filter(one => one.severity === "note");
@@ -53,9 +40,7 @@ export function problemsView(model, check) {
         button(_("Look again"), check, { disabled: model.checking }));
 }
 
-/**
- * @param {Model} model
- */
+/** @param {Model} model */
 export function eventsView(model) {
     return h("section", { key: "events", class: "list", "aria-labelledby": "events" },
         h("h2", { id: "events" }, _("Events of this session")),

@@ -1,4 +1,3 @@
-// @ts-check
 // Starts the watching, and draws the page whenever something is new. Nothing is asked for by a clock, but when the
 // watching has failed.
 
@@ -18,9 +17,7 @@ const page = /** @type {HTMLElement} */ (document.getElementById("page"));
 let model = nothing;
 let drawing = false;
 
-/**
- * @param {{type: string, [detail: string]: any}} event
- */
+/** @param {{type: string, [detail: string]: any}} event */
 function send(event) {
     model = update(model, event);
     if (event.type === "notice")
@@ -72,9 +69,7 @@ async function check() {
     send({ type: "check", found: answer?.problems });
 }
 
-/**
- * @param {any} line
- */
+/** @param {any} line */
 function takeLine(line) {
     send({ type: "watch", line });
     look();

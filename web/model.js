@@ -1,10 +1,4 @@
-// @ts-check
 // What the page knows: a function of what it knew and of what happened. Touches no world.
-
-/** @typedef {import("./types.js").Model} Model */
-/** @typedef {import("./types.js").Item} Item */
-/** @typedef {import("./types.js").Task} Task */
-/** @typedef {import("./types.js").Problem} Problem */
 
 const HAPPENINGS = 200; // that are kept
 
@@ -60,10 +54,7 @@ function without(table, key, value) {
     return value === undefined ? rest : { ...rest, [key]: value };
 }
 
-/**
- * @param {Item} a
- * @param {Item} b
- */
+/** @param {Item} a @param {Item} b */
 function isSame(a, b) {
     if (a.name !== b.name)
         return false;
@@ -71,10 +62,7 @@ function isSame(a, b) {
     return unknown || a.identity === b.identity;
 }
 
-/**
- * @param {Model} model
- * @param {{status: any}} event
- */
+/** @param {Model} model @param {{status: any}} event */
 function takeStatus(model, { status }) {
     /** @type {Item[]} */
     const all = status.items;
@@ -131,19 +119,12 @@ function takeLine(model, { line }) {
     return { ...noted, items, known: noted.known.filter(other => other.identity !== item.identity) };
 }
 
-/**
- * @param {any} line - of `watch`
- * @returns {import("./types.js").Happening}
- */
+/** @param {any} line - of `watch` @returns {Happening} */
 export function happeningOf({ time_s, event, item }) {
     return { time_s, event, name: item?.name ?? item?.identity ?? "", share: item?.share ?? null };
 }
 
-/**
- * @param {Model} model
- * @param {any} line
- * @returns {Model}
- */
+/** @param {Model} model @param {any} line @returns {Model} */
 function note(model, line) {
     return { ...model, happenings: [happeningOf(line), ...model.happenings].slice(0, HAPPENINGS) };
 }
@@ -158,8 +139,6 @@ function note(model, line) {
 export function diskOf(name) {
     return name.replace(/\d+$/, "");
 }
-
-/** @typedef {{name: string, parts: Item[]}} Disk */
 
 /**
  * The disks in the order in which they came, with their partitions by number.
@@ -188,16 +167,12 @@ export function directories(model) {
     return model.items.filter(item => item.name === null);
 }
 
-/**
- * @param {import("./types.js").Task | undefined} task
- */
+/** @param {Task | undefined} task */
 export function isUnderWay(task) {
     return task?.phase === "running" || task?.phase === "waiting";
 }
 
-/**
- * @param {Item} item
- */
+/** @param {Item} item */
 export function isMounted(item) {
     return ["shared", "mounted", "busy"].includes(item.state);
 }
@@ -243,7 +218,7 @@ export function roles(item) {
  *
  * @param {Model} model
  * @param {Item} item
- * @returns {{uid: number, name: string, full_name: string | null, samba_password: boolean | null}[]}
+ * @returns {User[]}
  */
 export function choices(model, item) {
     const users = model.users ?? [];

@@ -1,4 +1,3 @@
-// @ts-check
 // The whole page, of what is known.
 
 import { h } from "./dom.js";
@@ -9,12 +8,7 @@ import { eventsView, knownView, problemsView } from "./lists.js";
 import { _ } from "./texts.js";
 import { printed } from "./told.js";
 
-/** @typedef {import("./types.js").Model} Model */
-/** @typedef {import("./actions.js").Send} Send */
-
-/**
- * @param {Model} model
- */
+/** @param {Model} model */
 function warnings(model) {
     return [
         model.lost !== null && h("div", { key: "lost", class: "alert danger", role: "alert" },
@@ -27,21 +21,14 @@ function warnings(model) {
     ];
 }
 
-/**
- * @param {Model} model
- * @param {Send} send
- */
+/** @param {Model} model @param {Send} send */
 function notices(model, send) {
     return model.notices.map(notice => h("div", { key: `notice ${notice.id}`, class: "alert success" },
         h("p", {}, notice.text),
         button(_("Dismiss"), () => send({ type: "dismiss", id: notice.id }))));
 }
 
-/**
- * @param {Model} model
- * @param {Send} send
- * @param {() => void} check
- */
+/** @param {Model} model @param {Send} send @param {() => void} check */
 export function pageView(model, send, check) {
     const plugged = disks(model);
     const shared = directories(model);

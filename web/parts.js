@@ -1,4 +1,3 @@
-// @ts-check
 // Small things that cards and lists are made of.
 
 import { h } from "./dom.js";
@@ -7,16 +6,7 @@ import { failure } from "./told.js";
 import { isUnderWay } from "./model.js";
 import { dismissTask, stop } from "./actions.js";
 
-/** @typedef {import("./types.js").Item} Item */
-/** @typedef {import("./types.js").Task} Task */
-/** @typedef {import("./types.js").Holder} Holder */
-/** @typedef {import("./actions.js").Send} Send */
-
-/**
- * @param {string} text
- * @param {() => void} onclick
- * @param {Record<string, any>} attributes
- */
+/** @param {string} text @param {() => void} onclick @param {Record<string, any>} attributes */
 export function button(text, onclick, attributes = {}) {
     return h("button", { type: "button", class: "button", onclick, ...attributes }, text);
 }
@@ -24,7 +14,7 @@ export function button(text, onclick, attributes = {}) {
 /**
  * What others have said, each piece in its language.
  *
- * @param {import("./told.js").Told} told
+ * @param {Told} told
  */
 export function toldView(told) {
     return told.map(({ text, lang }) => lang === null ? text : h("span", { lang }, text));
@@ -51,9 +41,7 @@ export function room(item, title) {
         h("span", {}, text));
 }
 
-/**
- * @param {Holder} holder
- */
+/** @param {Holder} holder */
 function holderLine(holder) {
     return h("li", {},
         h("strong", {}, holder.command), ` (${holder.pid}, ${holder.user}) `, use(holder),
@@ -67,7 +55,7 @@ function holderLine(holder) {
  * @param {Send} send
  * @param {string} key
  * @param {Task | undefined} task
- * @param {{progress?: [number, number], busy?: (import("./dom.js").Wanted)[], asked?: import("./dom.js").Wanted[]}} more
+ * @param {{progress?: [number, number], busy?: (Wanted)[], asked?: Wanted[]}} more
  */
 export function taskView(send, key, task, more = {}) {
     if (!task)

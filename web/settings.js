@@ -1,15 +1,10 @@
-// @ts-check
 // The settings of a partition, of a shared directory, or of a disk that is not plugged.
 
 import { h } from "./dom.js";
 import { choices, faultOf, isUnderWay, nameWords, roles, roleWords } from "./model.js";
 import { askForget, closeForm, dismissTask, forget, set, setForm, settingsKey } from "./actions.js";
 import { button, taskView } from "./parts.js";
-import { _, access, faultText, format, itemTitle, roleTexts } from "./texts.js";
-
-/** @typedef {import("./types.js").Item} Item */
-/** @typedef {import("./types.js").Model} Model */
-/** @typedef {import("./actions.js").Send} Send */
+import { _, access, faultText, format, itemTitle, roleTexts, withoutPassword } from "./texts.js";
 
 /** @type {[string, "read_only" | "guest" | "hide_from_guests", () => string][]} */
 const switches = [
@@ -78,12 +73,7 @@ function formView({ model, send, item, name, busy, wrong = false, read }, ...con
         button(_("Cancel"), cancel, { disabled: busy })));
 }
 
-/**
- * @param {Model} model
- * @param {Send} send
- * @param {Item} item
- * @param {boolean} busy
- */
+/** @param {Model} model @param {Send} send @param {Item} item @param {boolean} busy */
 function namesForm(model, send, item, busy) {
     const key = item.identity ?? "";
     const draft = { share: "", comment: "", ...model.drafts[key] };
@@ -115,22 +105,17 @@ function chosenIn(form) {
     return Object.fromEntries([...form.querySelectorAll("select")].map(select => [select.name, select.value]));
 }
 
-/**
- * @param {Model} model
- * @param {Send} send
- * @param {Item} item
- * @param {boolean} busy
- */
+/** @param {Model} model @param {Send} send @param {Item} item @param {boolean} busy */
 function usersForm(model, send, item, busy) {
     const key = item.identity ?? "";
     const chosen = model.drafts[key]?.users ?? roles(item);
     const users = choices(model, item);
     const row = (/** @type {(typeof users)[0]} */ user, /** @type {number} */ at) => {
         const role = chosen[user.uid] ?? "";
-        const without = user.samba_password === false;
+        const without = withoutPassword(user);
         const label = user.full_name ? `${user.name} (${user.full_name})` : user.name;
         return h("label", { key: String(user.uid), class: "field user" },
-            h("span", {}, label, without ? h("em", { class: "hint" }, ` ${_("has no Samba password")}`) : null),
+            h("span", {}, label, without ? h("em", { class: "hint" }, ` ${without}`) : null),
             h("select", {
                 class: "input", name: String(user.uid), value: role, focus: at === 0, disabled: busy,
                 onchange: (/** @type {any} */ event) => send({ type: "draft", key, change: { users: chosenIn(event.target.form) } }),
@@ -141,20 +126,14 @@ function usersForm(model, send, item, busy) {
         users.length > 0 ? users.map(row) : h("p", {}, _("This machine has no users.")));
 }
 
-/**
- * @param {Item} item
- */
+/** @param {Item} item */
 export function isSet(item) {
     const settings = item.settings;
     return settings !== null && Object.values(settings).some(value =>
         Array.isArray(value) ? value.length > 0 : value !== null && value !== false && value !== "full");
 }
 
-/**
- * @param {Model} model
- * @param {Send} send
- * @param {Item} item
- */
+/** @param {Model} model @param {Send} send @param {Item} item */
 function controls(model, send, item) {
     const key = item.identity ?? "";
     const title = itemTitle(item);

@@ -1,4 +1,3 @@
-// @ts-check
 // What a screen reader is told. Of many things at once only how many they are.
 
 import { plural } from "./texts.js";
@@ -10,9 +9,7 @@ const MOST = 3; // sentences
 let sentences = [];
 let timer = 0;
 
-/**
- * @param {string} sentence
- */
+/** @param {string} sentence */
 export function tellAloud(sentence) {
     sentences.push(sentence);
     clearTimeout(timer);

@@ -1,9 +1,4 @@
-// @ts-check
 // What is said, in the language of the session.
-
-/** @typedef {import("./types.js").Item} Item */
-/** @typedef {import("./types.js").Happening} Happening */
-/** @typedef {import("./types.js").Holder} Holder */
 
 /** @type {(text: string) => string} */
 const _ = text => cockpit.gettext(text);
@@ -12,18 +7,12 @@ const format = (text, ...values) => text.replace(/\$(\d)/g, (_all, at) => String
 
 export { _, format };
 
-/**
- * @param {string} one
- * @param {string} many
- * @param {number} count
- */
+/** @param {string} one @param {string} many @param {number} count */
 export function plural(one, many, count) {
     return format(cockpit.ngettext(one, many, count), count);
 }
 
-/**
- * @param {number} bytes
- */
+/** @param {number} bytes */
 export function size(bytes) {
     const units = ["B", "kB", "MB", "GB", "TB", "PB"];
     let step = 0;
@@ -39,9 +28,7 @@ export function language() {
     return (cockpit.language || "en").replace("_", "-");
 }
 
-/**
- * @param {number} time_s
- */
+/** @param {number} time_s */
 export function clock(time_s) {
     return new Date(time_s * 1000).toLocaleTimeString(language());
 }
@@ -59,9 +46,7 @@ const states = {
     absent: () => _("Not plugged"),
 };
 
-/**
- * @param {string} word
- */
+/** @param {string} word */
 export function state(word) {
     return states[word]?.() ?? word;
 }
@@ -80,9 +65,7 @@ export function diskTitle(disk, parts) {
     return disk.startsWith("mmcblk") ? _("Memory card") : _("Disk");
 }
 
-/**
- * @param {number | null | undefined} mbit
- */
+/** @param {number | null | undefined} mbit */
 export function speed(mbit) {
     if (!mbit)
         return "";
@@ -143,9 +126,7 @@ const happenings = {
     service_ended: () => _("The service has ended."),
 };
 
-/**
- * @param {Happening} happening
- */
+/** @param {Happening} happening */
 export function happening({ event, name, share }) {
     return format(happenings[event]?.() ?? event, name, share ?? "");
 }
@@ -172,9 +153,7 @@ const running = {
     eject: () => _("Ejecting ..."),
 };
 
-/**
- * @param {string} verb
- */
+/** @param {string} verb */
 export function isRunning(verb) {
     return running[verb]?.() ?? verb;
 }
@@ -214,9 +193,7 @@ const faults = {
     comment_sign: () => _("The comment holds a control character."),
 };
 
-/**
- * @param {string} fault
- */
+/** @param {string} fault */
 export function faultText(fault) {
     return faults[fault]?.() ?? fault;
 }
@@ -230,11 +207,20 @@ const uses = {
     map: () => _("has a file in memory"),
 };
 
-/**
- * @param {Holder} holder
- */
+/** @param {Holder} holder */
 export function use(holder) {
     return uses[holder.use]?.() ?? holder.use;
+}
+
+/**
+ * What keeps a user out, whatever is chosen; "" where nothing does, or nobody can tell.
+ *
+ * @param {User} user
+ */
+export function withoutPassword(user) {
+    if (user.samba_password === false)
+        return _("has no Samba password");
+    return user.ksmbd_password === false ? _("has no ksmbd password") : "";
 }
 
 /** @type {[string, () => string][]} */

@@ -1,4 +1,3 @@
-// @ts-check
 // Light or dark, as it is chosen in Cockpit's frame.
 
 const dark = window.matchMedia("(prefers-color-scheme: dark)");

@@ -1,26 +1,15 @@
-// @ts-check
 // What vyhotplugctl and the agent say, in the language of the session. Their words are English: a sentence is
 // recognised by its form, of which there is a translation, and what is not recognised stays as it is and is marked
 // as English.
 
 import { _, format, isNotDone, language, meaning } from "./texts.js";
 
-/** @typedef {{text: string, lang: string | null}} Piece - lang: where it is not that of the page */
-/** @typedef {Piece[]} Told */
-/** @typedef {import("./types.js").Problem} Problem */
-
-/**
- * @param {string} text
- * @returns {Told}
- */
+/** @param {string} text @returns {Told} */
 function own(text) {
     return [{ text, lang: null }];
 }
 
-/**
- * @param {string} text
- * @returns {Told}
- */
+/** @param {string} text @returns {Told} */
 function foreign(text) {
     return [{ text, lang: language().startsWith("en") ? null : "en" }];
 }
@@ -36,10 +25,7 @@ function fill(form, values) {
     return form.split(/(\$\d)/).filter(Boolean).flatMap(piece => /^\$\d$/.test(piece) ? values[Number(piece[1])] ?? [] : own(piece));
 }
 
-/**
- * @param {string} form
- * @returns {RegExp} what it matches; a group for each place
- */
+/** @param {string} form @returns {RegExp} what it matches; a group for each place */
 function patternOf(form) {
     return new RegExp(`^${form.replace(/[.*+?^(){}|[\]\\]/g, "\\$&").replace(/\$\d/g, "(.+?)")}$`, "su");
 }
@@ -132,10 +118,7 @@ export const values = [
 
 const finding = new RegExp(`^(.+?) (${mistakes.join("|")})(, (?:write|accepted:) .+)?(; (?:it is passed over|.+ is taken))$`, "su");
 
-/**
- * @param {string} text - "mountfs: ntsf is no word for it, write ntfs; it is passed over"
- * @returns {Told | null}
- */
+/** @param {string} text - "mountfs: ntsf is no word for it, write ntfs; it is passed over" @returns {Told | null} */
 function mistake(text) {
     const [, about, what, hint = "", ending] = finding.exec(text) ?? [];
     if (about === undefined)
@@ -162,10 +145,7 @@ function reported(text) {
     return told ? [...told.why, ...type] : mistake(text) ?? words(text);
 }
 
-/**
- * @param {Problem} one
- * @returns {Told}
- */
+/** @param {Problem} one @returns {Told} */
 export function problem({ text, form, arguments: named }) {
     const translated = _(form);
     if (translated === form && /[a-z]/.test(form))
@@ -173,9 +153,7 @@ export function problem({ text, form, arguments: named }) {
     return fill(translated, named.map(sayerOf(form)));
 }
 
-/**
- * @param {Problem} one
- */
+/** @param {Problem} one */
 export function remedyOf(one) {
     return _(one.remedy);
 }
@@ -186,6 +164,7 @@ export const refusals = [
     "the service is not running", "the service is not running, nothing is changed",
     "the service is not running, or what answers is not root's", "the service does not answer",
     "the service has ended; the change is in the file, and counts from its next start",
+    "the change is in the file; the service: $0", "the change may be in the file all the same: $0",
     "the service does not hold the change: others write the device file at the same moment",
     "the change is in the file, but the service has not taken it; is /tmp full, or read-only?",
     "$0 could not be mounted; what the service told: journalctl -u vyhotplugd", "$0 could not be mounted: $1",
@@ -206,10 +185,7 @@ const settings = {
     blocked: () => _("Who may"), hidden: () => _("Who may"),
 };
 
-/**
- * @param {string} line
- * @returns {Told}
- */
+/** @param {string} line @returns {Told} */
 function refusal(line) {
     const told = recognise(refusals, line);
     if (told)
@@ -240,7 +216,7 @@ export function printed(message) {
  * @returns {Told}
  */
 export function failure({ verb, status, message }) {
-    if (message.includes("the change is in the file"))
+    if (/the change (is|may be) in the file/.test(message))
         return printed(message);
     const why = meaning(status);
     return [...own(`${isNotDone(verb)} `), ...why ? own(why) : printed(message)];

@@ -1,11 +1,11 @@
 // What docs/json.md tells of, and what the page keeps. For TypeScript's checker alone: no browser loads it.
 
-export interface Named {
+interface Named {
     uid: number;
     name: string;
 }
 
-export interface Settings {
+interface Settings {
     share_name: string | null;
     comment: string | null;
     path: string | null;
@@ -20,7 +20,7 @@ export interface Settings {
     hidden_users: Named[];
 }
 
-export interface Device {
+interface Device {
     vendor: string | null;
     product: string | null;
     serial: string | null;
@@ -30,7 +30,7 @@ export interface Device {
     mounted_as: string | null;
 }
 
-export interface Item {
+interface Item {
     name: string | null;
     identity: string | null;
     state: string;
@@ -47,7 +47,7 @@ export interface Item {
     device?: Device;
 }
 
-export interface Holder {
+interface Holder {
     pid: number;
     user: string;
     command: string;
@@ -56,7 +56,7 @@ export interface Holder {
     client: { user: string, machine: string } | null; // whom a process of Samba serves
 }
 
-export interface Problem {
+interface Problem {
     id: string;
     severity: string;
     text: string;
@@ -65,15 +65,16 @@ export interface Problem {
     remedy: string;
 }
 
-export interface User {
+interface User {
     uid: number;
     name: string;
     full_name: string | null;
     samba_password: boolean | null;
+    ksmbd_password?: boolean | null;
 }
 
 /** Something that was asked for, and how far it is. */
-export interface Task {
+interface Task {
     verb: string;
     phase: "running" | "waiting" | "busy" | "failed" | "asked";
     message: string; // what vyhotplugctl said; "" if nothing
@@ -81,7 +82,7 @@ export interface Task {
     holders: Holder[];
 }
 
-export interface Happening {
+interface Happening {
     time_s: number;
     event: string;
     name: string;
@@ -89,14 +90,14 @@ export interface Happening {
 }
 
 /** What is being typed, and what was held when that began: only what differs is set, for others may change the rest. */
-export interface Draft {
+interface Draft {
     share?: string;
     comment?: string;
     users?: Record<string, string>; // roles by number
     was?: string[]; // as `set` would be given it
 }
 
-export interface Model {
+interface Model {
     loaded: boolean; // the first answer is there
     lost: string | null; // why nothing can be told; null when all is well
     runs: boolean; // the service does
@@ -112,4 +113,33 @@ export interface Model {
     drafts: Record<string, Draft>; // by identity
     open: Record<string, string>; // which form, by identity
     notices: { id: number, text: string }[];
+}
+
+/** What happened, for the model. */
+type Send = (event: { type: string, [detail: string]: any }) => void;
+
+/** What a call of vyhotplugctl came to. */
+interface Answer {
+    status: number | null;
+    out: string;
+    message: string;
+    problem: string | null; // Cockpit's word for why it could not even be called
+}
+
+interface Disk {
+    name: string;
+    parts: Item[];
+}
+
+/** A text in pieces; lang: the language of one that is not in that of the page. */
+type Told = { text: string, lang: string | null }[];
+
+/** An element that is to be there, or a text. */
+type Wanted = WantedElement | string;
+
+interface WantedElement {
+    tag: string;
+    key: string | undefined;
+    attributes: Record<string, any>;
+    children: Wanted[];
 }

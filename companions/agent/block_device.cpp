@@ -216,9 +216,11 @@ static int append(const BlockDevice& device, BlockList* list)
 {
     BlockDevice* held = list->devices.take();
     auto* grown = static_cast<BlockDevice*>(realloc(held, (list->count + 1) * sizeof *held));
-    list->devices.reset(grown != nullptr ? grown : held);
-    if (grown == nullptr)
+    if (grown == nullptr) {
+        list->devices.reset(held);
         return -ENOMEM;
+    }
+    list->devices.reset(grown);
     grown[list->count++] = device;
     return 0;
 }
@@ -275,9 +277,11 @@ static int append(const BlockName& name, NameList* list)
 {
     BlockName* held = list->names.take();
     auto* grown = static_cast<BlockName*>(realloc(held, (list->count + 1) * sizeof *held));
-    list->names.reset(grown != nullptr ? grown : held);
-    if (grown == nullptr)
+    if (grown == nullptr) {
+        list->names.reset(held);
         return -ENOMEM;
+    }
+    list->names.reset(grown);
     grown[list->count++] = name;
     return 0;
 }

@@ -58,6 +58,21 @@ struct Case {
 
 } // namespace
 
+// Whether it is mounted as the service would do it: a node of that name at a place of that name.
+static bool is_placed(const AgentSettings& settings, const MountinfoEntry& mount)
+{
+    const char* name = mountinfo_rest(mount.directory, settings.mounts);
+    const char* node = strrchr(mount.source, '/');
+    return name != nullptr && name[0] != '\0' && node != nullptr && strcmp(node + 1, name) == 0;
+}
+
+// Whether the service takes over what stands mounted.
+static bool is_taken_over(const AgentSettings& settings)
+{
+    const ServiceConfig config(service_config_load(settings.config));
+    return config && config->adopt != 0;
+}
+
 // Lends a mount of a part of the disk that is not the service's; null when there is none.
 static const MountinfoEntry* find_mount(const Case& about, const BlockDevice& part, bool itself)
 {
@@ -69,8 +84,12 @@ static const MountinfoEntry* find_mount(const Case& about, const BlockDevice& pa
                                mountinfo_is_below(mount.directory, about.settings->mounts);
         // The kernel names another device than the partition for filesystems that have several
         // (btrfs), so the source's name counts as well.
-        if (is_of(part, mount.major, mount.minor, mount.source) && !placed_so)
-            return &mount;
+        if (!is_of(part, mount.major, mount.minor, mount.source) || placed_so)
+            continue;
+        if (itself && about.told != nullptr && is_placed(*about.settings, mount) &&
+            is_taken_over(*about.settings))
+            continue;
+        return &mount;
     }
     return nullptr;
 }

@@ -15,7 +15,8 @@
 //   - has a filesystem mounted that is not the service's. The service's are those of devices that
 //     the daemon was told of (`told`, a table; null: nothing is known), and, on other partitions of
 //     the disk than the one in question, those below the service's mount directory; on that one too
-//     when they are about to be taken off (`leaving`);
+//     when they are about to be taken off (`leaving`), and, with a table, when the service takes
+//     over what an earlier one has mounted ("adopt" in its configuration);
 //   - is used as swap; or
 //   - is held by another device (LVM, RAID, encryption).
 //

@@ -10,5 +10,5 @@ inline uint64_t clock_now()
 {
     timespec now = {};
     (void)sys_clock_gettime(CLOCK_MONOTONIC, &now); // cannot fail
-    return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1000000;
+    return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec / 1000000);
 }

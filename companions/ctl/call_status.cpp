@@ -1,5 +1,6 @@
 #include "ctl/call_status.h"
 
+#include "ctl/file_server.h"
 #include "ctl/holders.h"
 #include "ctl/item_json.h"
 #include "ctl/machine.h"
@@ -62,8 +63,12 @@ struct RowTexts {
 
 static unsigned percent_used(const Item& item)
 {
-    const uint64_t usable = item.used_bytes + item.free_bytes;
-    return usable == 0 ? 0 : static_cast<unsigned>(item.used_bytes / (usable / 100 + 1));
+    uint64_t usable = item.used_bytes + item.free_bytes;
+    uint64_t used = item.used_bytes;
+    // As in size_format, no long division.
+    for (; usable > 1 << 24; usable >>= 1)
+        used >>= 1;
+    return usable == 0 ? 0 : static_cast<unsigned>(used) * 100 / static_cast<unsigned>(usable);
 }
 
 static void fill_row(const Terminal& out, const Item& item, RowTexts* texts, TableRow* row)
@@ -253,7 +258,8 @@ static void print_item(FILE* out, const Item& item, const HolderTable& holders)
     item_access(item, who, sizeof who);
     print_line(out, "who may enter", who);
     print_settings(out, item.settings);
-    samba_print_share(out, item.directory);
+    for (const FileServer& server : file_servers)
+        file_server_print_share(out, server, item.directory);
     if (holders.count > 0)
         fprintf(out, "%18s\n", "held by");
     holders_print(out, holders);
@@ -286,8 +292,8 @@ static void print_one(const CallArgs& args, const Item& item, const HolderTable&
     }
     json_begin(&json, call);
     item_json(&json, "item", item, whole);
-    if (whole)
-        samba_share_json(&json, "samba", item.directory);
+    for (size_t i = 0; i < file_server_count && whole; i++)
+        file_server_share_json(&json, file_servers[i], item.directory);
     holders_json(&json, "holders", holders);
     json_end(&json);
 }

@@ -1,12 +1,11 @@
 #include "ctl/call_users.h"
 
+#include "ctl/file_server.h"
 #include "ctl/item_json.h"
-#include "ctl/samba_users.h"
 #include "lib/str.h"
 
 #include <pwd.h>
 #include <string.h>
-#include <unistd.h>
 
 // How distributions number people; who is below serves a program, who is above is nobody.
 static constexpr uid_t least_uid = 1000;
@@ -14,12 +13,33 @@ static constexpr uid_t most_uid = 59999;
 
 namespace {
 
-// What Samba tells of a user.
-enum SambaPassword : uint8_t { PASSWORD_UNKNOWN, PASSWORD_MISSING, PASSWORD_SET };
+enum Password : uint8_t { PASSWORD_UNKNOWN, PASSWORD_MISSING, PASSWORD_SET };
+
+// What each file server tells of its users.
+struct Told {
+    FileBytes lines[file_server_count];
+    bool known[file_server_count] = {};
+};
 
 } // namespace
 
-static void tell_json(Json* json, const passwd& user, SambaPassword password)
+static Password password_of(const Told& told, size_t server, const passwd& user)
+{
+    if (!told.known[server])
+        return PASSWORD_UNKNOWN;
+    return file_server_has_user(told.lines[server].bytes.get(), user.pw_name) ? PASSWORD_SET
+                                                                              : PASSWORD_MISSING;
+}
+
+static bool has_any(const Told& told, const passwd& user)
+{
+    bool any = false;
+    for (size_t i = 0; i < file_server_count; i++)
+        any |= password_of(told, i, user) == PASSWORD_SET;
+    return any;
+}
+
+static void tell_json(Json* json, const passwd& user, const Told& told)
 {
     char full_name[256];
     str_ncpy(full_name, user.pw_gecos != nullptr ? user.pw_gecos : "", sizeof full_name);
@@ -28,52 +48,58 @@ static void tell_json(Json* json, const passwd& user, SambaPassword password)
     json_number(json, "uid", user.pw_uid);
     json_text(json, "name", user.pw_name);
     json_text(json, "full_name", full_name[0] != '\0' ? full_name : nullptr);
-    if (password == PASSWORD_UNKNOWN)
-        json_null(json, "samba_password");
-    else
-        json_flag(json, "samba_password", password == PASSWORD_SET);
+    for (size_t i = 0; i < file_server_count; i++) {
+        const Password password = password_of(told, i, user);
+        if (password == PASSWORD_UNKNOWN)
+            json_null(json, file_servers[i].password_key);
+        else
+            json_flag(json, file_servers[i].password_key, password == PASSWORD_SET);
+    }
     json_close(json, '}');
 }
 
-static void tell_line(FILE* out, const passwd& user, SambaPassword password)
+static void tell_line(FILE* out, const passwd& user, const Told& told)
 {
-    static constexpr const char* words[] = {"", "  no Samba password", "  Samba password"};
     (void)text_show(out, user.pw_name, 64);
-    fprintf(out, "  %u%s\n", static_cast<unsigned>(user.pw_uid), words[password]);
+    fprintf(out, "  %u", static_cast<unsigned>(user.pw_uid));
+    for (size_t i = 0; i < file_server_count; i++) {
+        const Password password = password_of(told, i, user);
+        if (password != PASSWORD_UNKNOWN)
+            fprintf(out, "  %s%s password", password == PASSWORD_SET ? "" : "no ",
+                    file_servers[i].name);
+    }
+    (void)fputc('\n', out);
 }
 
-// Calls tell_json or tell_line for people, and for whoever has a Samba password. `lines` is null
-// where they are not known.
-static void tell_all(const CallArgs& args, Json* json, const char* lines)
+// Calls tell_json or tell_line for people, and for whoever has a password.
+static void tell_all(const CallArgs& args, Json* json, const Told& told)
 {
     setpwent();
     while (const passwd* user = getpwent()) {
-        SambaPassword password = PASSWORD_UNKNOWN;
-        if (lines != nullptr)
-            password = samba_users_have(lines, user->pw_name) ? PASSWORD_SET : PASSWORD_MISSING;
         const bool person = user->pw_uid >= least_uid && user->pw_uid <= most_uid;
-        if (!person && password != PASSWORD_SET)
+        if (!person && !has_any(told, *user))
             continue;
         if (args.json)
-            tell_json(json, *user, password);
+            tell_json(json, *user, told);
         else
-            tell_line(args.out.out, *user, password);
+            tell_line(args.out.out, *user, told);
     }
     endpwent();
 }
 
 int call_users(const CallArgs& args)
 {
-    FileBytes lines;
+    Told told;
     Json json = {.out = args.out.out, .more = false};
-    const char* known = geteuid() == 0 && samba_users_read(&lines) ? lines.bytes.get() : nullptr;
+    for (size_t i = 0; i < file_server_count; i++)
+        told.known[i] = file_server_read_users(file_servers[i], &told.lines[i]);
     if (!args.json) {
-        tell_all(args, &json, known);
+        tell_all(args, &json, told);
         return EXIT_DONE;
     }
     json_begin(&json, "users");
     json_open(&json, "users", '[');
-    tell_all(args, &json, known);
+    tell_all(args, &json, told);
     json_close(&json, ']');
     json_end(&json);
     return EXIT_DONE;

@@ -36,6 +36,7 @@ struct Work {
     char copy[PATH_MAX];      // the file's name beside it
     char mark[mark_size];     // what this program's line says
     ConfDevTableGuard wanted; // what the service will read
+    bool written;             // the change has been in the file
 };
 
 } // namespace
@@ -156,7 +157,8 @@ static int write_edits(Work* work, EditStep step)
     const char* path = work->setup->config->deviceconfigpath;
     FileBytes base;
     int result = read_text(path, &base);
-    FileBytes before; // what is to be found in the file
+    FileBytes before;            // what is to be found in the file
+    work->wanted.reset(nullptr); // one that memory ran out for would be wanted in vain
     for (int round = 0; round < rounds && result == 0; round++) {
         FileBytes text;
         result = copy_text(base, &text);
@@ -176,7 +178,11 @@ static int write_edits(Work* work, EditStep step)
         if (result != 1 && result != -EAGAIN)
             return result;
         FileBytes found;
-        const int read = read_text(result == 1 ? work->copy : path, &found);
+        const int read = result == 1 ? file_read_all(work->copy, 0, FILE_ANY_SIZE, &found)
+                                     : read_text(path, &found);
+        if (read != 0 && result == 1)
+            (void)sys_exchange(work->copy,
+                               path); // what was there, and nobody has seen, is put back
         if (read != 0)
             return read;
         if (result == 1 && is_same(found, expected))
@@ -218,10 +224,14 @@ static int write_locked(Work* work, EditStep step)
     (void)sys_unlink(work->copy); // most often it is not there
     const int told = result == 0 ? service_reload() : 0;
     block_signals(false);
-    if (result != 0)
-        return fail(work->setup->config->deviceconfigpath, result);
+    if (result != 0) {
+        return fail(work->written ? "the change may be in the file all the same"
+                                  : work->setup->config->deviceconfigpath,
+                    result);
+    }
+    work->written = true;
     // One that has just ended is seen, and told, by who waits for it.
-    return told == 0 || told == -ESRCH ? 0 : fail("the service", told);
+    return told == 0 || told == -ESRCH ? 0 : fail("the change is in the file; the service", told);
 }
 
 // ---- what the service holds ----
@@ -279,7 +289,10 @@ static Held look_at_file(const Work& work)
     const char* path = work.setup->config->deviceconfigpath;
     FileBytes text;
     SectionTableGuard table;
-    if (read_text(path, &text) != 0 || sections_cut(text.bytes.get(), text.size, table.out()) != 0)
+    const int read = file_read_all(path, 0, FILE_ANY_SIZE, &text);
+    if (read == -ENOENT)
+        return Held::no; // taken away since it was written
+    if (read != 0 || sections_cut(text.bytes.get(), text.size, table.out()) != 0)
         return Held::unknown;
     for (size_t i = 0; i < work.count; i++) {
         if (is_marked(text, *table.get(), work.edits[i]))
@@ -353,7 +366,8 @@ ExitStatus device_file_apply(const Setup& setup, const DeviceEdit* edits, size_t
                  .count = count,
                  .copy = {},
                  .mark = {},
-                 .wanted = ConfDevTableGuard()};
+                 .wanted = ConfDevTableGuard(),
+                 .written = false};
     const uint64_t now = clock_now();
     const uint64_t end = now + static_cast<uint64_t>(limit_s) * 1000;
     (void)snprintf(work.copy, sizeof work.copy, "%s.ctl-%ld", setup.config->deviceconfigpath,

@@ -19,7 +19,7 @@ static constexpr char program_path[] =
     "/usr/libexec/vyhotplugd:/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
 static constexpr int ask_limit_ms = 10000;
 static constexpr size_t ask_most = 1 << 20;
-static constexpr size_t comm_size = 16; // of a process's name in /proc, with the NUL
+static constexpr size_t command_line_most = 4096;
 
 static void release_directory(DIR* directory)
 {
@@ -29,7 +29,7 @@ using DirGuard = Guard<DIR, release_directory>;
 
 // ---- processes ----
 
-static bool is_called(const char* pid, const char* name)
+static bool read_name(const char* pid, char (&name)[machine_name_size])
 {
     char path[PATH_MAX];
     FileBytes comm;
@@ -37,11 +37,56 @@ static bool is_called(const char* pid, const char* name)
     if (file_read_all(path, 0, 64, &comm) != 0)
         return false;
     comm.bytes.get()[strcspn(comm.bytes.get(), "\n")] = '\0';
-    return strncmp(comm.bytes.get(), name, comm_size - 1) == 0;
+    str_ncpy(name, comm.bytes.get(), sizeof name);
+    return true;
 }
 
-static bool is_replaced(const char* pid)
+static bool is_called(const char* pid, const char* wanted)
 {
+    char name[machine_name_size];
+    return read_name(pid, name) && strncmp(name, wanted, sizeof name - 1) == 0;
+}
+
+// The words of its command line, a NUL behind each.
+static bool read_command_line(const char* pid, FileBytes* words)
+{
+    char path[PATH_MAX];
+    (void)snprintf(path, sizeof path, "/proc/%s/cmdline", pid);
+    return file_read_all(path, 0, command_line_most, words) == 0;
+}
+
+// What a look at a process is for.
+using ProcessFits = bool (*)(const char* pid, const char* word);
+
+static bool any_fits(const char* pid, const char* word)
+{
+    (void)pid;
+    (void)word;
+    return true;
+}
+
+static bool has_word_on_line(const char* pid, const char* word)
+{
+    FileBytes words;
+    return read_command_line(pid, &words) &&
+           memmem(words.bytes.get(), words.size, word, strlen(word)) != nullptr;
+}
+
+// The interpreter is the first word, the script the second.
+static bool runs_script(const char* pid, const char* script)
+{
+    FileBytes words;
+    if (!read_command_line(pid, &words))
+        return false;
+    const size_t interpreter = strlen(words.bytes.get()) + 1;
+    const char* second = interpreter < words.size ? words.bytes.get() + interpreter : "";
+    const char* slash = strrchr(second, '/');
+    return strcmp(slash != nullptr ? slash + 1 : second, script) == 0;
+}
+
+static bool is_replaced(const char* pid, const char* word)
+{
+    (void)word;
     static constexpr char mark[] = " (deleted)";
     char path[PATH_MAX];
     char file[PATH_MAX];
@@ -53,12 +98,12 @@ static bool is_replaced(const char* pid)
     return strcmp(file + length - (sizeof mark - 1), mark) == 0;
 }
 
-static pid_t find_process(const char* name, bool (*fits)(const char* pid))
+static pid_t find_process(const char* name, ProcessFits fits, const char* word)
 {
     const DirGuard processes(opendir("/proc"));
     while (const dirent* entry = processes ? readdir(processes.get()) : nullptr) {
         if (entry->d_name[0] >= '1' && entry->d_name[0] <= '9' && is_called(entry->d_name, name) &&
-            (fits == nullptr || fits(entry->d_name)))
+            fits(entry->d_name, word))
             return static_cast<pid_t>(strtol(entry->d_name, nullptr, 10));
     }
     return 0;
@@ -66,24 +111,35 @@ static pid_t find_process(const char* name, bool (*fits)(const char* pid))
 
 pid_t machine_find(const char* name)
 {
-    return find_process(name, nullptr);
+    return find_process(name, any_fits, nullptr);
 }
 
 bool machine_runs(const char* name)
 {
-    return find_process(name, nullptr) != 0;
+    return find_process(name, any_fits, nullptr) != 0;
 }
 
 bool machine_was_replaced(const char* name)
 {
-    return find_process(name, is_replaced) != 0;
+    return find_process(name, is_replaced, nullptr) != 0;
 }
 
-bool machine_pid_file_is_alive(const char* path)
+bool machine_was_started_with(const char* name, const char* word)
+{
+    return find_process(name, has_word_on_line, word) != 0;
+}
+
+bool machine_runs_script(const char* name)
+{
+    return find_process("python3", runs_script, name) != 0;
+}
+
+bool machine_pid_file_is_alive(const char* path, char (&name)[machine_name_size])
 {
     char process[64];
     FileBytes text;
     int32_t pid = 0;
+    name[0] = '\0';
     if (access(path, R_OK) != 0)
         return access(path, F_OK) == 0; // there is one; who may not read it has to believe it
     if (file_read_all(path, 0, 64, &text) != 0)
@@ -91,8 +147,8 @@ bool machine_pid_file_is_alive(const char* path)
     text.bytes.get()[strcspn(text.bytes.get(), "\n")] = '\0';
     if (str_to_long(text.bytes.get(), &pid, 10) != 0 || pid <= 0)
         return false;
-    (void)snprintf(process, sizeof process, "/proc/%d", pid);
-    return access(process, F_OK) == 0;
+    (void)snprintf(process, sizeof process, "%d", pid);
+    return read_name(process, name);
 }
 
 // ---- programs ----
@@ -140,6 +196,22 @@ bool machine_ask(const char* program, const char* word, FileBytes* answer)
            result == 0;
 }
 
+// ---- files ----
+
+bool machine_any_file_has(const char* folder, const char* text)
+{
+    const DirGuard files(opendir(folder));
+    while (const dirent* entry = files ? readdir(files.get()) : nullptr) {
+        char path[PATH_MAX];
+        FileBytes content;
+        (void)snprintf(path, sizeof path, "%s/%s", folder, entry->d_name);
+        if (file_read_all(path, 0, 1 << 20, &content) == 0 &&
+            strstr(content.bytes.get(), text) != nullptr)
+            return true;
+    }
+    return false;
+}
+
 // ---- devices ----
 
 bool machine_uuid(uint32_t major, uint32_t minor, char (&uuid)[machine_uuid_size])
@@ -172,11 +244,9 @@ static bool has_word(const char* path, const char* before, const char* name, con
     return false;
 }
 
-bool machine_has_filesystem(const char* name)
+bool machine_has_module(const char* name)
 {
     utsname system = {};
-    if (has_word("/proc/filesystems", "\t", name, "\n"))
-        return true;
     if (uname(&system) != 0)
         return false;
     static constexpr const char* tables[] = {"modules.dep", "modules.builtin"};
@@ -187,4 +257,9 @@ bool machine_has_filesystem(const char* name)
             return true;
     }
     return false;
+}
+
+bool machine_has_filesystem(const char* name)
+{
+    return has_word("/proc/filesystems", "\t", name, "\n") || machine_has_module(name);
 }

@@ -5,9 +5,6 @@
 
 #include <sys/types.h>
 
-// What the bridge writes for Samba, and Samba includes.
-constexpr char machine_samba_include[] = "/run/vynas-samba/shares.conf";
-
 // Returns the number of a process that runs under that name, 0 without one.
 [[nodiscard]] pid_t machine_find(const char* name);
 
@@ -18,14 +15,29 @@ constexpr char machine_samba_include[] = "/run/vynas-samba/shares.conf";
 // Only root is told of others' processes; for the rest the answer is no.
 [[nodiscard]] bool machine_was_replaced(const char* name);
 
-// Whether the file holds the number of a process that there is.
-[[nodiscard]] bool machine_pid_file_is_alive(const char* path);
+// Whether a process of that name was started with that word, in whatever option.
+[[nodiscard]] bool machine_was_started_with(const char* name, const char* word);
+
+// Whether a process runs a script of that name, as "python3 /usr/sbin/wsdd".
+[[nodiscard]] bool machine_runs_script(const char* name);
+
+constexpr size_t machine_name_size = 16; // of a process, in bytes with the NUL
+
+// Whether the file holds the number of a process that there is. Writes its name, "" where that is
+// not told.
+[[nodiscard]] bool machine_pid_file_is_alive(const char* path, char (&name)[machine_name_size]);
 
 // Whether a program is installed where the service looks for it.
 [[nodiscard]] bool machine_has_program(const char* name);
 
+// Whether the kernel has the module, loaded or not, or was built with it.
+[[nodiscard]] bool machine_has_module(const char* name);
+
 // Whether the kernel has the filesystem, or a module for it.
 [[nodiscard]] bool machine_has_filesystem(const char* name);
+
+// Whether a file in the folder holds the text; looks at 1 MiB of each.
+[[nodiscard]] bool machine_any_file_has(const char* folder, const char* text);
 
 constexpr size_t machine_uuid_size = 64; // bytes with the NUL
 

@@ -4,102 +4,22 @@
 #include "common/settings_check.h"
 #include "config/filesystems.h"
 #include "ctl/machine.h"
-#include "ctl/rules.h"
+#include "ctl/serving_problems.h"
+#include "ctl/settings.h"
 #include "lib/file.h"
 #include "lib/str.h"
-#include "lib/version.h"
 
 #include <errno.h>
 #include <pwd.h>
-#include <stdarg.h>
-#include <stdlib.h>
 #include <string.h>
 #include <strings.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
-static constexpr char service_pid_file[] = "/var/run/vynas-fssd.pid";
-static constexpr char samba_config[] = "/etc/samba/smb.conf";
-
-namespace {
-
-// One look, and where it is told.
-struct Look {
-    const Setup* setup;
-    const View* view;
-    ProblemTable* table;
-};
-
-} // namespace
-
-// ---- telling ----
-
-// Writes what a conversion of a format stands for: %s, %d or %zu, and there are no others here.
-// Returns how many bytes of the format it takes.
-static size_t write_argument(const char* conversion, char* text, size_t room, va_list* arguments)
-{
-    if (conversion[1] == 's')
-        str_ncpy(text, va_arg(*arguments, const char*), static_cast<int32_t>(room));
-    else if (conversion[1] == 'd')
-        (void)snprintf(text, room, "%d", va_arg(*arguments, int));
-    else
-        (void)snprintf(text, room, "%zu", va_arg(*arguments, size_t));
-    return conversion[1] == 'z' ? 3 : 2;
-}
-
-// Writes a sentence as vsnprintf does, and notes where in it the arguments stand.
-static void write_text(const char* format, va_list* arguments, char (&text)[problem_text_size],
-                       Problem* problem)
-{
-    size_t length = 0;
-    while (*format != '\0' && length + 1 < sizeof text) {
-        if (*format != '%') {
-            text[length++] = *format++;
-            continue;
-        }
-        const size_t begin = length;
-        format += write_argument(format, text + begin, sizeof text - begin, arguments);
-        length += strlen(text + begin);
-        if (problem->argument_count < problem_arguments)
-            problem->arguments[problem->argument_count++] = {.begin = begin, .end = length};
-    }
-    text[length] = '\0';
-}
-
-__attribute__((format(printf, 5, 6))) static void add(Look* look, const char* id, bool note,
-                                                      const char* remedy, const char* format, ...)
-{
-    ProblemTable* table = look->table;
-    char text[problem_text_size];
-    Problem problem = {.id = id,
-                       .note = note,
-                       .text = nullptr,
-                       .remedy = remedy,
-                       .arguments = {},
-                       .argument_count = 0};
-    va_list arguments;
-    va_start(arguments, format);
-    write_text(format, &arguments, text, &problem);
-    va_end(arguments);
-    if (table->count == table->room) {
-        const size_t room = table->room * 2 + 8;
-        auto* grown = static_cast<Problem*>(realloc(table->problems, room * sizeof(Problem)));
-        table->failed |= grown == nullptr;
-        if (grown == nullptr)
-            return;
-        table->problems = grown;
-        table->room = room;
-    }
-    problem.text = strdup(text);
-    table->failed |= problem.text == nullptr;
-    if (problem.text != nullptr)
-        table->problems[table->count++] = problem;
-}
-
 // ---- the configuration ----
 
-static void look_at_directories(Look* look)
+static void look_at_directories(ProblemLook* look)
 {
     const ConfHotplug* config = look->setup->config;
     const struct {
@@ -109,11 +29,11 @@ static void look_at_directories(Look* look)
     for (const auto& row : directories) {
         struct stat status;
         if (stat(row.path, &status) != 0) {
-            add(look, "directory_missing", false, "vyhotplug-prepare", "%s %s: %s", row.key,
-                row.path, strerror(errno));
+            problem_add(look, "directory_missing", false, "vyhotplug-prepare", "%s %s: %s", row.key,
+                        row.path, strerror(errno));
         } else if (!S_ISDIR(status.st_mode)) {
-            add(look, "directory_missing", false, "correct the configuration",
-                "%s %s is no directory", row.key, row.path);
+            problem_add(look, "directory_missing", false, "correct the configuration",
+                        "%s %s is no directory", row.key, row.path);
         }
     }
 }
@@ -130,7 +50,7 @@ static bool stat_directory_of(const char* path, struct stat* status)
 }
 
 // The service makes its files in /tmp and moves them, which only works on one filesystem.
-static void look_at_files(Look* look)
+static void look_at_files(ProblemLook* look)
 {
     const ConfHotplug* config = look->setup->config;
     struct stat tmp = {};
@@ -139,37 +59,37 @@ static void look_at_files(Look* look)
     for (const char* path : files) {
         struct stat status;
         if (!stat_directory_of(path, &status)) {
-            add(look, "directory_missing", false, "vyhotplug-prepare",
-                "%s: its directory is not there", path);
+            problem_add(look, "directory_missing", false, "vyhotplug-prepare",
+                        "%s: its directory is not there", path);
         } else if (known && status.st_dev != tmp.st_dev) {
-            add(look, "other_filesystem", false,
-                "put it on the filesystem of /tmp; vyhotplug-prepare makes a link there",
-                "%s is not on the filesystem of /tmp, the service cannot replace it", path);
+            problem_add(look, "other_filesystem", false,
+                        "put it on the filesystem of /tmp; vyhotplug-prepare makes a link there",
+                        "%s is not on the filesystem of /tmp, the service cannot replace it", path);
         }
         if (stat(path, &status) == 0 && (status.st_uid != 0 || (status.st_mode & 022) != 0))
-            add(look, "open_to_others", false, "chown root and chmod 644 it",
-                "%s may be changed by others than root", path);
+            problem_add(look, "open_to_others", false, "chown root and chmod 644 it",
+                        "%s may be changed by others than root", path);
     }
 }
 
-static void look_at_own_file(Look* look)
+static void look_at_own_file(ProblemLook* look)
 {
     struct stat status;
     const char* path = look->setup->paths.config;
     if (stat(path, &status) == 0 && (status.st_uid != 0 || (status.st_mode & 022) != 0))
-        add(look, "open_to_others", false, "chown root and chmod 644 it",
-            "%s may be changed by others than root", path);
+        problem_add(look, "open_to_others", false, "chown root and chmod 644 it",
+                    "%s may be changed by others than root", path);
 }
 
-static void look_at_tmp(Look* look)
+static void look_at_tmp(ProblemLook* look)
 {
     struct statvfs status;
     if (statvfs("/tmp", &status) != 0)
         return;
     if ((status.f_flag & ST_RDONLY) != 0)
-        add(look, "tmp_read_only", false, "mount -o remount,rw /tmp", "/tmp is read-only");
+        problem_add(look, "tmp_read_only", false, "mount -o remount,rw /tmp", "/tmp is read-only");
     else if (status.f_bavail == 0)
-        add(look, "tmp_full", false, "make room in /tmp", "/tmp is full");
+        problem_add(look, "tmp_full", false, "make room in /tmp", "/tmp is full");
 }
 
 // ---- mistakes in the files ----
@@ -178,7 +98,7 @@ namespace {
 
 // Whose mistakes are told.
 struct About {
-    Look* look;
+    ProblemLook* look;
     const char* path;
     const char* id;
     const char* remedy;
@@ -191,8 +111,8 @@ static void tell_finding(void* context, const Finding& finding)
     const auto* about = static_cast<const About*>(context);
     char text[finding_text_size];
     finding_format(finding, text);
-    add(about->look, about->id, false, about->remedy, "%s:%zu: %s", about->path, finding.line,
-        text);
+    problem_add(about->look, about->id, false, about->remedy, "%s:%zu: %s", about->path,
+                finding.line, text);
 }
 
 static bool find_user(const char* name, uint32_t* id)
@@ -203,7 +123,7 @@ static bool find_user(const char* name, uint32_t* id)
     return user != nullptr;
 }
 
-static void look_at_keys(Look* look)
+static void look_at_keys(ProblemLook* look)
 {
     About about = {.look = look,
                    .path = look->setup->paths.config,
@@ -214,7 +134,7 @@ static void look_at_keys(Look* look)
         (void)config_check(text.bytes.get(), text.size, tell_finding, &about);
 }
 
-static void look_at_lines(Look* look)
+static void look_at_lines(ProblemLook* look)
 {
     About about = {.look = look,
                    .path = look->setup->config->deviceconfigpath,
@@ -225,17 +145,19 @@ static void look_at_lines(Look* look)
         (void)settings_check(text.bytes.get(), text.size, find_user, tell_finding, &about);
 }
 
-static void check_ids(Look* look, const Item& item, const vylist* users)
+static void check_ids(ProblemLook* look, const Item& item, const vylist* users)
 {
     for (const vylist_node* node = users->next; node != vylist_end(users); node = node->next) {
         const int32_t uid = *static_cast<const int32_t*>(node->data);
-        if (getpwuid(static_cast<uid_t>(uid)) == nullptr)
-            add(look, "no_such_user", false, "vyhotplugctl set, or edit",
-                "%s: nobody has the user number %d", item_name(item), static_cast<int>(uid));
+        if (getpwuid(static_cast<uid_t>(uid)) == nullptr) {
+            problem_add(look, "no_such_user", false, "vyhotplugctl set, or edit",
+                        "%s: nobody has the user number %d", item_name(item),
+                        static_cast<int>(uid));
+        }
     }
 }
 
-static void look_at_users(Look* look)
+static void look_at_users(ProblemLook* look)
 {
     for (size_t i = 0; i < look->view->count; i++) {
         const Item& item = look->view->items[i];
@@ -247,16 +169,16 @@ static void look_at_users(Look* look)
 }
 
 // Each pair is told once, at the later one.
-static void look_at_names(Look* look)
+static void look_at_names(ProblemLook* look)
 {
     for (size_t i = 1; i < look->view->count; i++) {
         const Item& item = look->view->items[i];
         for (size_t j = 0; j < i && item.share != nullptr; j++) {
             const Item& other = look->view->items[j];
             if (other.share != nullptr && strcasecmp(other.share, item.share) == 0) {
-                add(look, "name_twice", false, "vyhotplugctl set TARGET share=NAME",
-                    "%s and %s are both called %s: only one is shared", item_name(other),
-                    item_name(item), item.share);
+                problem_add(look, "name_twice", false, "vyhotplugctl set TARGET share=NAME",
+                            "%s and %s are both called %s: only one is shared", item_name(other),
+                            item_name(item), item.share);
             }
         }
     }
@@ -264,67 +186,42 @@ static void look_at_names(Look* look)
 
 // ---- what runs ----
 
-static void look_at_service(Look* look)
+static void look_at_service(ProblemLook* look)
 {
     if (!look->view->service_runs) {
-        add(look, "service_not_running", false, "systemctl start vyhotplugd",
-            "the service is not running");
+        problem_add(look, "service_not_running", false, "systemctl start vyhotplugd",
+                    "the service is not running");
     } else if (machine_was_replaced("vyhotplugd")) {
-        add(look, "service_replaced", false, "systemctl restart vyhotplugd",
-            "the service that runs is older than the one that is installed");
+        problem_add(look, "service_replaced", false, "systemctl restart vyhotplugd",
+                    "the service that runs is older than the one that is installed");
     }
 }
 
-static void look_at_agent(Look* look)
+static void look_at_agent(ProblemLook* look)
 {
     if (!machine_runs("vyhotplug-agent")) {
-        add(look, "agent_not_running", access("/run/systemd/system", F_OK) != 0,
-            "systemctl start vyhotplug-agent",
-            "no agent runs that tells the service of disks (mdev may do that, too)");
+        problem_add(look, "agent_not_running", access("/run/systemd/system", F_OK) != 0,
+                    "systemctl start vyhotplug-agent",
+                    "no agent runs that tells the service of disks (mdev may do that, too)");
     } else if (machine_was_replaced("vyhotplug-agent")) {
-        add(look, "agent_replaced", false, "systemctl restart vyhotplug-agent",
-            "the agent that runs is older than the one that is installed");
-    }
-}
-
-static void look_at_bridge(Look* look)
-{
-    if (!machine_pid_file_is_alive(service_pid_file)) {
-        add(look, "bridge_not_running", false, "systemctl start vynas-samba",
-            "no file-sharing service reads the shares");
-    } else if (machine_was_replaced("vynas-samba")) {
-        add(look, "bridge_replaced", false, "systemctl restart vynas-samba",
-            "the bridge that runs is older than the one that is installed");
-    }
-}
-
-static void look_at_versions(Look* look)
-{
-    static constexpr const char* programs[] = {"vyhotplug-agent", "vynas-samba"};
-    for (const char* program : programs) {
-        FileBytes told;
-        char expected[256];
-        (void)snprintf(expected, sizeof expected, "%s %s\n", program, vy_build);
-        if (machine_ask(program, "--version", &told) && strcmp(told.bytes.get(), expected) != 0) {
-            add(look, "other_version", false, "install all packages of one version",
-                "this is vyhotplugctl %s, and %s is another", vy_build, program);
-        }
+        problem_add(look, "agent_replaced", false, "systemctl restart vyhotplug-agent",
+                    "the agent that runs is older than the one that is installed");
     }
 }
 
 // ---- what is needed ----
 
-static void look_at_label_tools(Look* look)
+static void look_at_label_tools(ProblemLook* look)
 {
     static constexpr const char* tools[] = {"mlabel", "ntfsvlabel"};
     for (const char* tool : tools) {
         if (!machine_has_program(tool))
-            add(look, "label_tool_missing", true, "install the package again",
-                "there is no %s: shares are not called after labels", tool);
+            problem_add(look, "label_tool_missing", true, "install the package again",
+                        "there is no %s: shares are not called after labels", tool);
     }
 }
 
-static void look_at_filesystems(Look* look)
+static void look_at_filesystems(ProblemLook* look)
 {
     for (const Filesystem& row : filesystems) {
         if (!filesystem_is_wanted(row, look->setup->config))
@@ -332,32 +229,17 @@ static void look_at_filesystems(Look* look)
         const bool driver = row.code == CONF_DEV_FS_NTFS;
         const char* needed = driver ? "fuse" : row.type;
         if (!machine_has_filesystem(needed)) {
-            add(look, "filesystem_missing", filesystem_is_other(row),
-                "install a kernel that has it, or leave it out of the configuration",
-                "this kernel has no %s", needed);
+            problem_add(look, "filesystem_missing", filesystem_is_other(row),
+                        "install a kernel that has it, or leave it out of the configuration",
+                        "this kernel has no %s", needed);
         }
         if (driver && !machine_has_program("ntfs-3g"))
-            add(look, "driver_missing", false, "apt-get install ntfs-3g", "there is no ntfs-3g");
+            problem_add(look, "driver_missing", false, "apt-get install ntfs-3g",
+                        "there is no ntfs-3g");
     }
 }
 
-static void look_at_samba(Look* look)
-{
-    FileBytes users;
-    FileBytes config;
-    if (!machine_has_program("smbd"))
-        return add(look, "samba_missing", true, "apt-get install samba", "Samba is not installed");
-    if (!machine_runs("smbd"))
-        add(look, "samba_not_running", false, "systemctl start smbd", "Samba is not running");
-    if (file_read_all(samba_config, 0, 1 << 20, &config) == 0 &&
-        strstr(config.bytes.get(), machine_samba_include) == nullptr)
-        add(look, "samba_not_set_up", false, "vynas-samba-setup enable",
-            "%s does not include the shares", samba_config);
-    if (geteuid() == 0 && machine_ask("pdbedit", "-L", &users) && users.size == 0)
-        add(look, "samba_no_users", false, "smbpasswd -a USER", "nobody has a Samba password");
-}
-
-static void look_at_protections(Look* look)
+static void look_at_protections(ProblemLook* look)
 {
     static constexpr const char* switches[] = {"protected_symlinks", "protected_hardlinks",
                                                "protected_fifos", "protected_regular"};
@@ -367,26 +249,27 @@ static void look_at_protections(Look* look)
         (void)snprintf(path, sizeof path, "/proc/sys/fs/%s", name);
         // A file of /proc that tells no size.
         if (file_read_all(path, 0, 64, &value) == 0 && value.bytes.get()[0] == '0')
-            add(look, "protection_off", true, "sysctl -w, and a line in /etc/sysctl.d",
-                "fs.%s is 0: others may lay traps in /tmp", name);
+            problem_add(look, "protection_off", true, "sysctl -w, and a line in /etc/sysctl.d",
+                        "fs.%s is 0: others may lay traps in /tmp", name);
     }
 }
 
 // ---- disks ----
 
-static void look_at_disks(Look* look)
+static void look_at_disks(ProblemLook* look)
 {
     for (size_t i = 0; i < look->view->count; i++) {
         const Item& item = look->view->items[i];
         if (item.state == ITEM_NOT_MOUNTED) {
-            add(look, "not_mounted", false, "docs/troubleshooting.md has a section for each reason",
-                "%s is not mounted: %s", item_name(item),
-                item.reason != nullptr ? item.reason : "");
+            problem_add(look, "not_mounted", false,
+                        "docs/troubleshooting.md has a section for each reason",
+                        "%s is not mounted: %s", item_name(item),
+                        item.reason != nullptr ? item.reason : "");
         }
         if (item.state == ITEM_GONE) {
-            add(look, "directory_gone", false, "make it, or: vyhotplugctl forget TARGET",
-                "%s is to be shared, and is not there",
-                item.directory != nullptr ? item.directory : item_name(item));
+            problem_add(look, "directory_gone", false, "make it, or: vyhotplugctl forget TARGET",
+                        "%s is to be shared, and is not there",
+                        item.directory != nullptr ? item.directory : item_name(item));
         }
     }
 }
@@ -395,7 +278,7 @@ namespace {
 
 struct Check {
     ProblemScope scope; // the least in which it is looked at
-    void (*look)(Look* look);
+    void (*look)(ProblemLook* look);
 };
 
 constexpr Check checks[] = {
@@ -413,7 +296,8 @@ constexpr Check checks[] = {
     {PROBLEMS_QUICK, look_at_names},
     {PROBLEMS_ALL, look_at_label_tools},
     {PROBLEMS_ALL, look_at_filesystems},
-    {PROBLEMS_ALL, look_at_samba},
+    {PROBLEMS_ALL, look_at_file_server},
+    {PROBLEMS_ALL, look_at_discovery},
     {PROBLEMS_ALL, look_at_protections},
     {PROBLEMS_QUICK, look_at_disks},
 };
@@ -423,7 +307,8 @@ constexpr Check checks[] = {
 int problems_find(const Setup& setup, const View& view, ProblemScope scope, ProblemTable* table)
 {
     *table = {};
-    Look look = {.setup = &setup, .view = &view, .table = table};
+    ProblemLook look = {
+        .setup = &setup, .view = &view, .table = table, .server = file_server_find()};
     for (const Check& check : checks) {
         if (check.scope <= scope)
             check.look(&look);
@@ -432,12 +317,4 @@ int problems_find(const Setup& setup, const View& view, ProblemScope scope, Prob
     for (size_t i = 0; i < table->count; i++)
         wrong += table->problems[i].note ? 0 : 1;
     return table->failed ? -ENOMEM : wrong;
-}
-
-void problems_end(ProblemTable* table)
-{
-    for (size_t i = 0; i < table->count; i++)
-        free(table->problems[i].text);
-    free(table->problems);
-    *table = {};
 }

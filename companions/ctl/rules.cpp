@@ -1,6 +1,6 @@
 #include "ctl/rules.h"
 
-#include "ctl/samba_users.h"
+#include "ctl/file_server.h"
 #include "ctl/terminal.h"
 
 #include <pwd.h>
@@ -22,18 +22,20 @@ const Item* rules_find_namesake(const View& view, const char* identity, const ch
     return nullptr;
 }
 
-// Who has no Samba password cannot enter whatever is set; that may still come.
+// Who has no password there cannot enter whatever is set; that may still come.
 static void tell_without_password(const SettingRow& row, const char* uids)
 {
     FileBytes lines;
-    if (!samba_users_read(&lines))
+    const FileServer* found = file_server_find();
+    const FileServer& server = found != nullptr ? *found : file_servers[0];
+    if (!file_server_read_users(server, &lines))
         return;
     for (const char* at = uids; *at != '\0'; at++) {
         char* end = nullptr;
         const passwd* user = getpwuid(static_cast<uid_t>(strtoul(at, &end, 10)));
-        if (user != nullptr && !samba_users_have(lines.bytes.get(), user->pw_name))
-            fprintf(stderr, "vyhotplugctl: note: %s: %s has no Samba password; smbpasswd -a %s\n",
-                    row.word, user->pw_name, user->pw_name);
+        if (user != nullptr && !file_server_has_user(lines.bytes.get(), user->pw_name))
+            fprintf(stderr, "vyhotplugctl: note: %s: %s has no %s password; %s %s\n", row.word,
+                    user->pw_name, server.name, server.add_user, user->pw_name);
         at = end;
     }
 }

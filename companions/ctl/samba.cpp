@@ -1,16 +1,12 @@
 #include "ctl/samba.h"
 
-#include "common/include_sections.h"
 #include "ctl/json_read.h"
 #include "ctl/machine.h"
-#include "ctl/terminal.h"
 #include "lib/str.h"
 
 #include <string.h>
 
 static constexpr char server[] = "smbd"; // the name of its processes
-
-// ---- clients ----
 
 namespace {
 
@@ -79,85 +75,4 @@ void samba_name_clients(HolderTable* table)
         any |= is_samba(table->holders[i]);
     if (any && machine_ask("smbstatus", "--json", &answer))
         samba_read_clients(answer.bytes.get(), answer.size, table);
-}
-
-// ---- shares ----
-
-// Finds the share with that directory. Lends it from the text, without its header.
-static bool find_share(const char* directory, FileBytes* text, IncludeSection* share)
-{
-    if (directory == nullptr || file_read_all(machine_samba_include, 0, FILE_ANY_SIZE, text) != 0)
-        return false;
-    const Span wanted = {.begin = directory, .size = strlen(directory)};
-    const char* at = text->bytes.get();
-    while (include_section_next(&at, share)) {
-        Span path;
-        if (include_section_value(share, "path", &path) && span_is(path, wanted)) {
-            Span header;
-            (void)span_next_line(&share->text, &header); // each section has one
-            return true;
-        }
-    }
-    return false;
-}
-
-// Takes the next line "<tab>key = value" apart; what is longer than there is room for is cut.
-static bool next_parameter(IncludeSection* share, char (&key)[64], char (&value)[2048])
-{
-    static constexpr char between[] = " = ";
-    Span line;
-    while (span_next_line(&share->text, &line)) {
-        const auto* equals =
-            static_cast<const char*>(memmem(line.begin, line.size, between, sizeof between - 1));
-        if (!span_begins(line, "\t") || equals == nullptr)
-            continue;
-        const char* begin = equals + sizeof between - 1;
-        (void)snprintf(key, sizeof key, "%.*s", static_cast<int>(equals - line.begin - 1),
-                       line.begin + 1);
-        (void)snprintf(value, sizeof value, "%.*s",
-                       static_cast<int>(line.begin + line.size - begin), begin);
-        return true;
-    }
-    return false;
-}
-
-void samba_print_share(FILE* out, const char* directory)
-{
-    FileBytes text;
-    IncludeSection share;
-    char key[64];
-    char value[2048];
-    if (!find_share(directory, &text, &share))
-        return;
-    (void)snprintf(value, sizeof value, "%.*s", static_cast<int>(share.name.size),
-                   share.name.begin);
-    fprintf(out, "%18s  ", "in Samba");
-    (void)text_show(out, value, sizeof value);
-    (void)fputc('\n', out);
-    while (next_parameter(&share, key, value)) {
-        fprintf(out, "%20s", "");
-        (void)text_show(out, key, sizeof key);
-        (void)fputs(" = ", out);
-        (void)text_show(out, value, sizeof value);
-        (void)fputc('\n', out);
-    }
-}
-
-void samba_share_json(Json* json, const char* key, const char* directory)
-{
-    FileBytes text;
-    IncludeSection share;
-    char name[64];
-    char value[2048];
-    if (!find_share(directory, &text, &share))
-        return json_null(json, key);
-    (void)snprintf(value, sizeof value, "%.*s", static_cast<int>(share.name.size),
-                   share.name.begin);
-    json_open(json, key, '{');
-    json_text(json, "name", value);
-    json_open(json, "parameters", '{');
-    while (next_parameter(&share, name, value))
-        json_text(json, name, value);
-    json_close(json, '}');
-    json_close(json, '}');
 }

@@ -1,6 +1,7 @@
 #include "core/request.h"
 
 #include "core/evhook.h"
+#include "core/refresh.h"
 #include "core/share_service.h"
 #include "device/crtsec.h"
 #include "device/kinds.h"
@@ -101,10 +102,19 @@ static int mount_entry(DaemonCtx* ctx, MountEntry* entry, const ConfHotplug* opt
     return 0;
 }
 
+// What was taken over has no name before the refresh that follows, and the share service may export
+// it still under its old one: without a name it could not be told to let go.
+static void name_what_was_adopted(DaemonCtx* ctx, const MountEntry* entry)
+{
+    if (ctx->config->adopt != 0 && entry->mounted != 0 && entry->sharename == nullptr)
+        (void)refresh_tables(ctx, DIRTY_ADDED); // the one that follows is due as ever
+}
+
 // Returns -1 when the entry is still mounted afterwards.
 static int unmount_entry(DaemonCtx* ctx, MountEntry* entry, int32_t force)
 {
     daemon_call_evhook(HOTPLUG_EVENT_UNMOUNT, entry->mountpoint, ctx);
+    name_what_was_adopted(ctx, entry);
     conf_dir_set_unmount_flg(ctx->config->smbconfigpath, entry->sharename, is_strict(ctx));
     share_service_reload();
     (void)vytime_msleep(share_withdrawal_ms);

@@ -25,9 +25,23 @@ static bool copy_text(char (&copy)[N], const char* text)
     return true;
 }
 
+// Whether the options, separated by commas, hold that word. hasmntopt(3) of uClibc finds it within
+// others as well: "ro" in "errors=remount-ro".
+static bool has_option(const char* options, const char* option)
+{
+    const size_t length = strlen(option);
+    for (const char* word = options; word[0] != '\0';) {
+        const size_t size = strcspn(word, ",");
+        if (size == length && strncmp(word, option, length) == 0)
+            return true;
+        word += size + (word[size] != '\0' ? 1 : 0);
+    }
+    return false;
+}
+
 static int take_line(const mntent& found, MountLine* line)
 {
-    line->readonly = hasmntopt(&found, "ro") != nullptr;
+    line->readonly = has_option(found.mnt_opts, "ro");
     return copy_text(line->source, found.mnt_fsname) && copy_text(line->type, found.mnt_type) ? 0
                                                                                               : -1;
 }

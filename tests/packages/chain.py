@@ -19,11 +19,12 @@ from test_busybox import BusyboxInit, BusyboxScript
 from test_chain import Chain, Names
 from test_completion import Completion
 from test_install import Install, Removal, RemovalElsewhere
+from test_other_bridge import OtherBridge
 from test_units import Systemd, UnitLines
 
 # The first one alone, for the others begin with what it leaves; of the others those first that take longest.
 SCENARIOS = (Install, Systemd, Chain, Names, Removal, BusyboxScript, UnitLines, BusyboxInit, Completion,
-             RemovalElsewhere)
+             RemovalElsewhere, OtherBridge)
 AT_ONCE = 4  # they wait most of the time
 
 

@@ -6,7 +6,7 @@
 # later in its archive, so that these need no network. They come from where this machine gets its own.
 set -eu
 suite=bookworm
-wanted="samba smbclient ntfs-3g e2fsprogs util-linux busybox bash-completion systemd systemd-sysv dbus cockpit-bridge
+wanted="samba smbclient ksmbd-tools ntfs-3g e2fsprogs util-linux busybox bash-completion systemd systemd-sysv dbus cockpit-bridge
     build-essential debhelper cmake fakeroot lintian git"
 
 sources() {

@@ -363,17 +363,32 @@ class Systemd(Machine):
         self.assertEqual(os.stat("/media/vyhotplug/sda2/b.txt").st_gid, 60)
         self.wait_for_shares("Cinema", "Films(A2)", who=ANNA)
 
+    def unmount_and_mount(self, *names):
+        """Each by request; all are shared again in the end."""
+        for name in names:
+            self.assertEqual(self.run_ok("vyunmount", name), f"unmount {name} - success.\n")
+            self.wait_for_mounts(*(other for other in names if other != name))
+            self.assertEqual(self.run_ok("vymount", name), f"mount {name} - success.\n")
+            self.wait_for_mounts(*names)
+        self.wait_for_shares("Cinema", "Films(A2)", who=ANNA)
+
     def test_the_service_starts_with_fewer_rights(self):
         """The drop-in of the documentation."""
         folder = "/etc/systemd/system/vyhotplugd.service.d"
         os.makedirs(folder)
         shutil.copy("/usr/share/doc/vyhotplugd/docs/examples/hardened.conf", folder)
         self.run_ok("systemctl", "daemon-reload")
-        self.run_ok("systemctl", "restart", "vyhotplugd")
+        self.run_ok("systemctl", "stop", "vyhotplugd")
+        began = time.time()
+        self.run_ok("systemctl", "start", "vyhotplugd", "vyhotplug-agent")
         self.wait_until("the service", lambda: self.pids_of("vyhotplugd"))
         pid = self.pids_of("vyhotplugd")[0]
         self.wait_until("it is restricted", lambda: "\nSeccomp:\t2\n" in self.read(f"/proc/{pid}/status"))
         self.wait_for_shares("Cinema", "Films(A2)", who=ANNA)
+        # What was shared before is shared still; requests are for what the new service knows.
+        self.wait_until("it has taken over", lambda: os.stat(SHARE_FILE).st_mtime > began
+                        and self.read(SHARE_FILE).count("Path=/media/vyhotplug/") == 2)
+        self.unmount_and_mount("sda1", "sda2")
         shutil.rmtree(folder)
         self.run_ok("systemctl", "daemon-reload")
         self.run_ok("systemctl", "restart", "vyhotplugd")

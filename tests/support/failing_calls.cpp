@@ -25,6 +25,7 @@ struct State {
     int left = 0;         // calls until it strikes
     int error = 0;
     bool struck = false;
+    std::function<void()> act; // instead of the failure
     size_t read_most = 0;
     std::map<std::string, int> calls;
     std::set<FILE*> streams;
@@ -37,7 +38,7 @@ State state;
 
 using Lock = std::lock_guard<std::recursive_mutex>;
 
-// Counts a call; whether it is the one to fail, with errno set.
+// Counts a call; whether it is the one to fail, with errno set. Acts where that is planned instead.
 bool call_fails(const char* function)
 {
     if (!watched || overlooked)
@@ -47,8 +48,14 @@ bool call_fails(const char* function)
     if (state.function != function || state.left == 0 || --state.left != 0)
         return false;
     state.struck = true;
-    errno = state.error;
-    return true;
+    if (!state.act) {
+        errno = state.error;
+        return true;
+    }
+    overlooked = true;
+    state.act();
+    overlooked = false;
+    return false;
 }
 
 size_t cut(size_t size)
@@ -80,8 +87,16 @@ void call_fail(const std::string& function, int nth, int error)
     state.function = function;
     state.left = nth;
     state.error = error;
+    state.act = nullptr;
     state.struck = false;
     watched = true;
+}
+
+void call_before(const std::string& function, int nth, std::function<void()> act)
+{
+    const Lock lock(mutex);
+    call_fail(function, nth, 0);
+    state.act = std::move(act);
 }
 
 bool call_failed()
@@ -256,6 +271,17 @@ int __wrap_open64(const char* path, int flags, ...)
     const auto mode = static_cast<mode_t>((flags & O_CREAT) != 0 ? va_arg(arguments, int) : 0);
     va_end(arguments);
     return call_fails("open") ? -1 : __real_open64(path, flags, mode);
+}
+
+int __real_openat64(int directory, const char* path, int flags, mode_t mode);
+int __wrap_openat64(int directory, const char* path, int flags, ...);
+int __wrap_openat64(int directory, const char* path, int flags, ...)
+{
+    va_list arguments;
+    va_start(arguments, flags);
+    const auto mode = static_cast<mode_t>((flags & O_CREAT) != 0 ? va_arg(arguments, int) : 0);
+    va_end(arguments);
+    return call_fails("openat") ? -1 : __real_openat64(directory, path, flags, mode);
 }
 
 int __real_fcntl(int fd, int command, long argument);

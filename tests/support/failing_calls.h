@@ -6,6 +6,7 @@
 
 #include <stddef.h>
 
+#include <functional>
 #include <map>
 #include <string>
 
@@ -13,7 +14,11 @@
 // fclose is done before it fails.
 void call_fail(const std::string& function, int nth, int error);
 
-// Whether the planned failure has struck. Takes the plan back.
+// Does something just before the nth call of a function from now on, once: what another process
+// does between two calls. Its own calls are overlooked.
+void call_before(const std::string& function, int nth, std::function<void()> act);
+
+// Whether the planned failure, or act, has struck. Takes the plan back.
 bool call_failed();
 
 // From now on a read gives so many bytes at most, though there are more; 0: as many as are asked

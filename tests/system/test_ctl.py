@@ -167,8 +167,8 @@ class Users(CtlTest):
 
     def test_people_by_their_numbers(self):
         self.assertEqual(self.ask("users")["users"], [
-            {"uid": 1000, "name": "anna", "full_name": "Anna \u00c4", "samba_password": None},
-            {"uid": 59999, "name": "ben", "full_name": None, "samba_password": None}])
+            {"uid": 1000, "name": "anna", "full_name": "Anna \u00c4", "samba_password": None, "ksmbd_password": None},
+            {"uid": 59999, "name": "ben", "full_name": None, "samba_password": None, "ksmbd_password": None}])
         self.assert_ctl("users", out="anna  1000\nben  59999\n")
 
     def test_who_has_a_samba_password(self):
@@ -181,6 +181,14 @@ class Users(CtlTest):
         self.samba_tells("anna:1000:Anna")
         self.assertEqual([(user["name"], user["samba_password"]) for user in self.ask("users", user=1000)["users"]],
                          [("anna", None), ("ben", None)])
+
+    def test_who_has_a_ksmbd_password(self):
+        os.mkdir("/etc/ksmbd")
+        write("/etc/ksmbd/ksmbdpwd.db", "daemon:aGFzaA==\nanna:aGFzaA==\n", 0o600)
+        self.assertEqual([(user["name"], user["samba_password"], user["ksmbd_password"]) for user in self.ask("users")["users"]],
+                         [("daemon", None, True), ("anna", None, True), ("ben", None, False)])
+        self.assert_ctl("users", out="daemon  1  ksmbd password\nanna  1000  ksmbd password\nben  59999  no ksmbd password\n")
+        self.assertEqual({user["ksmbd_password"] for user in self.ask("users", user=1000)["users"]}, {None})
 
 
 class Terminal(CtlTest):
@@ -816,3 +824,164 @@ class Check(CtlTest):
         self.assertEqual(told["not_mounted"], "sdc1 is not mounted: holds exfat, but the kernel refused it; type: fsck.exfat /dev/sdc1")
         self.assertEqual(told["name_twice"], "sda1 and sdb1 are both called ONE: only one is shared")
         self.assertIn("not mounted: holds exfat, but the kernel refused it; type: fsck.exfat /dev/sdc1", self.ctl("status").out)
+
+
+class Serving(CtlTest):
+    """What check tells of the bridge, its file server and the network."""
+
+    FOLDER = "/usr/local/sbin"  # programs of the tests' own
+    NEIGHBOURS = ("vynas-samba", "vynas-ksmbd", "smbd", "ksmbd.mountd", "avahi-daemon", "umdns", "wsdd", "wsdd2")
+    WAITS = "#!/bin/sh\nread line\n"
+    KSMBD_LIST = "/run/vynas-ksmbd/ksmbd.conf"
+
+    def setUp(self):
+        super().setUp()
+        vyworld.run("mount", "-t", "tmpfs", "none", self.FOLDER)
+        for name in self.NEIGHBOURS:
+            found = shutil.which(name, path=vyworld.PATH)
+            if found is not None:
+                vyworld.run("mount", "--bind", "/dev/null", found)
+        if os.path.isdir("/lib/modules"):
+            vyworld.run("mount", "-t", "tmpfs", "none", "/lib/modules")
+        os.makedirs("/etc/samba")
+        os.makedirs("/etc/avahi/services")
+        write("/etc/samba/smb.conf", "[global]\n")
+
+    def install(self, name, text=WAITS):
+        write(f"{self.FOLDER}/{name}", text, 0o755)
+
+    def start(self, name, *words, text=WAITS):
+        """Installs it, and starts it; it waits for its end."""
+        self.install(name, text)
+        process = subprocess.Popen([f"{self.FOLDER}/{name}", *words], stdin=subprocess.PIPE)
+        self.addCleanup(self.end, process)
+        return process
+
+    @staticmethod
+    def end(process):
+        if process.poll() is None:
+            process.stdin.close()
+            process.wait(vyworld.LIMIT)
+
+    def bridge(self, name, **options):
+        """Puts it in the place of the file-sharing service."""
+        self._end_service()
+        process = self.start(name, **options)
+        write(vyworld.SERVICE_PID_FILE, f"{process.pid}\n")
+        return process
+
+    def told(self):
+        """Problems of serving: what to type by identifier; notes are marked."""
+        words = ("bridge_", "other_version", "samba_", "ksmbd_", "avahi_", "wsdd_")
+        return {problem["id"]: ("note: " if problem["severity"] == "note" else "") + problem["remedy"]
+                for problem in self.ask("check", status=FAILED)["problems"] if problem["id"].startswith(words)}
+
+    def setup_samba(self):
+        vyworld.run(os.path.join(os.environ["VY_BIN"], "vynas-samba-setup"), "enable")
+
+    def test_another_file_sharing_service_is_nobody_that_is_known(self):
+        self.install("vynas-samba")
+        self.assertEqual(self.told(), {})
+
+    def test_no_bridge_runs(self):
+        self._end_service()
+        os.unlink(vyworld.SERVICE_PID_FILE)
+        self.assertEqual(self.told(), {"bridge_not_running": "install vynas-samba or vynas-ksmbd"})
+        self.install("vynas-ksmbd", "#!/bin/sh\necho vynas-ksmbd 0\n")
+        self.assertEqual(self.told(), {"bridge_not_running": "systemctl start vynas-ksmbd",
+                                       "other_version": "install all packages of one version",
+                                       "ksmbd_missing": "apt-get install ksmbd-tools"})
+
+    def test_a_bridge_that_was_replaced(self):
+        self._end_service()
+        for name in ("vynas-samba", "vynas-ksmbd"):
+            shutil.copy("/bin/sleep", f"{self.FOLDER}/{name}")
+            process = subprocess.Popen([f"{self.FOLDER}/{name}", "infinity"])
+            self.addCleanup(process.wait)
+            self.addCleanup(process.kill)
+            write(vyworld.SERVICE_PID_FILE, f"{process.pid}\n")
+            self.assertNotIn("bridge_replaced", self.told())
+            os.unlink(f"{self.FOLDER}/{name}")
+            self.assertEqual(self.told()["bridge_replaced"], f"systemctl restart {name}")
+
+    def test_samba(self):
+        self.bridge("vynas-samba")
+        self.assertEqual(self.told(), {"samba_missing": "apt-get install samba"})
+        self.install("smbd")
+        self.assertEqual(self.told(), {"samba_not_running": "systemctl start smbd"})
+        self.start("smbd")
+        self.assertEqual(self.told()["samba_not_set_up"], "vynas-samba-setup enable")
+        self.setup_samba()
+        self.assertEqual(self.told(), {"avahi_missing": "note: apt-get install avahi-daemon",
+                                       "wsdd_missing": "note: apt-get install wsdd"})
+        write("/tmp/empty", "#!/bin/sh\n", 0o755)
+        vyworld.run("mount", "--bind", "/tmp/empty", shutil.which("pdbedit", path=vyworld.PATH) or self.skipTest("no Samba"))
+        self.assertEqual(self.told()["samba_no_users"], "smbpasswd -a USER")
+
+    def test_samba_is_found_in_the_network(self):
+        self.bridge("vynas-samba")
+        self.start("smbd")
+        self.setup_samba()
+        self.install("avahi-daemon")
+        self.install("wsdd")
+        self.assertEqual(self.told(), {"avahi_not_running": "systemctl enable --now avahi-daemon",
+                                       "wsdd_not_running": "systemctl enable --now wsdd"})
+        avahi = self.start("avahi-daemon")
+        self.start("wsdd", text="#!/usr/bin/env python3\nimport sys\nsys.stdin.read()\n")
+        self.wait_until("both are seen", lambda: self.told() == {})
+        os.unlink("/etc/avahi/services/vynas-samba.service")
+        self.assertEqual(self.told(), {"avahi_not_told": "vynas-samba-setup enable"})
+        self.setup_samba()
+        self.assertEqual(self.told(), {})
+        # Samba tells of itself where it is not told to be silent, and then no file has to.
+        os.unlink("/etc/avahi/services/vynas-samba.service")
+        write("/etc/samba/smb.conf", read("/etc/samba/smb.conf").replace("multicast dns register = no", ""))
+        self.assertEqual(self.told(), {})
+        self.end(avahi)
+        self.start("umdns")
+        self.assertEqual(self.told(), {})
+
+    def test_ksmbd(self):
+        os.mkdir("/etc/ksmbd")
+        self.bridge("vynas-ksmbd")
+        self.assertEqual(self.told(), {"ksmbd_missing": "apt-get install ksmbd-tools"})
+        self.install("ksmbd.mountd")
+        self.assertEqual(self.told(), {"ksmbd_not_in_kernel": "install a kernel that has it, or vynas-samba"})
+        modules = f"/lib/modules/{os.uname().release}"
+        os.makedirs(modules)
+        write(modules + "/modules.dep", "kernel/fs/ksmbd/ksmbd.ko: \n")
+        self.assertEqual(self.told(), {"ksmbd_not_running": "systemctl start ksmbd"})
+        other = self.start("ksmbd.mountd", "--config=/etc/ksmbd/ksmbd.conf")
+        self.assertEqual(self.told(), {"ksmbd_not_running": "systemctl start ksmbd"})
+        os.makedirs(SYSFS + "/class/ksmbd-control")
+        self.assertEqual(self.told()["ksmbd_not_set_up"], "systemctl restart ksmbd")
+        self.end(other)
+        self.start("ksmbd.mountd", "--config=" + self.KSMBD_LIST)
+        self.start("wsdd2")
+        self.start("avahi-daemon")
+        write("/etc/ksmbd/ksmbdpwd.db", "")
+        self.assertEqual(self.told(), {
+            "ksmbd_no_users": "ksmbd.adduser -a USER",
+            "avahi_not_told": "cp /usr/share/doc/vyhotplugd/examples/avahi/smb.service /etc/avahi/services/"})
+        write("/etc/ksmbd/ksmbdpwd.db", "anna:aGFzaA==\n")
+        shutil.copy(os.path.join(vyworld.FOLDER, "../../docs/examples/avahi/smb.service"), "/etc/avahi/services")
+        self.assertEqual(self.told(), {})
+
+    def test_users_without_a_ksmbd_password_are_told_of(self):
+        self.start_daemon()
+        self.plug(self.make_partition("sda1"))
+        self.bridge("vynas-ksmbd")
+        os.mkdir("/etc/ksmbd")
+        write("/etc/ksmbd/ksmbdpwd.db", "root:aGFzaA==\n")
+        self.assert_ctl("set", "sda1", "full=root,daemon", err="vyhotplugctl: note: full: daemon has no ksmbd password; "
+                        "ksmbd.adduser -a daemon\n")
+
+    def test_what_ksmbd_is_told_of_a_share(self):
+        self.start_daemon()
+        stick = self.make_partition("sda1")
+        self.plug(stick)
+        os.makedirs(os.path.dirname(self.KSMBD_LIST))
+        write(self.KSMBD_LIST, f"[global]\n[Photos]\n\tpath = {stick.directory}\n\tread only = no\n[global]\n")
+        told = self.ask("show", "sda1")
+        self.assertEqual((told["samba"], told["ksmbd"]["name"], told["ksmbd"]["parameters"]["read only"]), (None, "Photos", "no"))
+        self.assertIn("in ksmbd  Photos\n", self.ctl("show", "sda1").out)

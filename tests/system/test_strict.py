@@ -251,14 +251,23 @@ class Files(StrictTest):
             self.assertIn("Full Access Users=anna\n", vyworld.read(SHARE_FILE))
             self.assertIn("Full Access Users=anna\n", vyworld.read(DEVICE_FILE))
 
+    def ways_to_leave(self):
+        """A plugged stick for each of them, and the way."""
+        for name, leave in (("sda1", self.unmount_by_request), ("sdb1", self.unplug)):
+            stick = self.make_partition(name)
+            self.plug(stick)
+            yield stick, leave
+
+    def unmount_by_request(self, stick):
+        self.assert_tool("vyunmount", stick.name, err=f"unmount {stick.name} - success.\n")
+
     def test_a_share_file_that_is_no_file_of_roots_is_not_written_through(self):
         self.start_strict()
-        stick = self.make_partition("sda1")
-        self.plug(stick)
-        os.unlink(SHARE_FILE)
-        self.lay("link", SHARE_FILE)
-        self.assert_tool("vyunmount", "sda1", err="unmount sda1 - success.\n")
-        self.assertEqual(vyworld.read("/tmp/victim"), "untouched\n")
+        for stick, leave in self.ways_to_leave():
+            os.unlink(SHARE_FILE)
+            self.lay("link", SHARE_FILE)
+            leave(stick)
+            self.assertEqual(vyworld.read("/tmp/victim"), "untouched\n", leave)
 
     def test_a_configuration_that_others_may_write_to_ends_the_start(self):
         self.write_config(strict="enable")
@@ -270,12 +279,11 @@ class Files(StrictTest):
 
     def test_the_mount_tables_temporary_name_is_set_aside(self):
         self.start_strict()
-        stick = self.make_partition("sda1")
-        self.plug(stick)
-        self.lay("link", "/tmp/mntent.tmp")
-        self.assert_tool("vyunmount", "sda1", err="unmount sda1 - success.\n")
-        self.assertEqual(vyworld.read("/tmp/victim"), "untouched\n")
-        self.assertNotIn(stick.node, vyworld.read_table())
+        for stick, leave in self.ways_to_leave():
+            self.lay("link", "/tmp/mntent.tmp")
+            leave(stick)
+            self.assertEqual(vyworld.read("/tmp/victim"), "untouched\n", leave)
+            self.assertNotIn(stick.node, vyworld.read_table())
 
 
 class Flags(SystemTest):
@@ -346,6 +354,20 @@ class Adoption(SystemTest):
         self.unplug(stick)
         self.assert_no_trace(stick)
 
+    def test_what_was_taken_over_is_withdrawn_by_its_name_before_the_first_refresh(self):
+        """The share service exports it still, and must let go of it."""
+        self.write_config(adopt="enable")
+        self.start_daemon()
+        stick = self.make_partition("sda1")
+        self.plug(stick)
+        self.restart()
+        vyworld.send(stick.add_message())
+        vyworld.send("ACTION=unmount,sda1")  # its turn is right behind the other
+        self.wait_for_log(f"daemon(#)unmount {stick.node} {stick.directory}")
+        texts = [signal["shares"] for signal in self.service.signals()]
+        whole = next(text for text in reversed(texts) if f"Path={stick.directory}\n" in text)
+        self.assertTrue(whole.endswith("[Drive(A1)]\n"), whole)
+
     def test_an_ext4_medium_is_taken_over_and_pulled(self):
         stick = self.check_adoption("ext4", signal.SIGTERM)
         self.unplug(stick)
@@ -357,16 +379,27 @@ class Adoption(SystemTest):
         self.unplug(stick)
         self.assert_no_trace(stick)
 
-    def test_it_gets_the_flags_of_the_configuration_as_it_is_now(self):
+    def options_when_taken_over(self, **config):
+        """Of what was mounted without that configuration."""
         self.write_config(adopt="enable")
         self.start_daemon()
         stick = self.make_partition("sda1")
         self.plug(stick)
-        self.write_config(adopt="enable", mountflags="nosuid,noexec")
+        self.write_config(adopt="enable", **config)
         self.restart()
         self.announce(stick)
         mount, = vyworld.mounts()
-        self.assertLessEqual({"nosuid", "noexec", "nodev", "rw"}, set(mount.options))
+        return set(mount.options)
+
+    def test_it_gets_the_flags_of_the_configuration_as_it_is_now(self):
+        self.assertLessEqual({"nosuid", "noexec", "nodev", "rw"},
+                             self.options_when_taken_over(mountflags="nosuid,noexec"))
+
+    def test_what_belongs_to_the_filesystem_stays_as_it_was(self):
+        """Others than the service may have it mounted, too."""
+        options = self.options_when_taken_over(mountflags="nosuid,sync")
+        self.assertIn("nosuid", options)
+        self.assertNotIn("sync", options)
 
     def test_a_read_only_one_stays_read_only(self):
         self.write_config(adopt="enable", mountflags="nosuid")
@@ -375,8 +408,8 @@ class Adoption(SystemTest):
         self.plug(stick)
         self.restart()
         self.announce(stick)
-        mount, = vyworld.mounts()
-        self.assertLessEqual({"ro", "nosuid"}, set(mount.options))
+        line, = [line.split() for line in vyworld.read_lines("/proc/self/mountinfo") if stick.directory in line]
+        self.assertLessEqual({"ro", "nosuid"}, set(line[5].split(",")), "the mount, and not the medium alone")
         self.assertIn("Read Only=Enable\n", vyworld.read(SHARE_FILE))
 
     def test_announced_twice_it_is_taken_over_once(self):
@@ -390,12 +423,18 @@ class Adoption(SystemTest):
         self.assertEqual(len(self.log.find(f"daemon(#)adopt {stick.node} {stick.directory}")), 1)
 
     def test_another_filesystem_at_the_place_is_not_taken_over(self):
+        self.check_another("ext4", "mount")
+
+    def test_another_ntfs_at_the_place_is_not_taken_over(self):
+        self.check_another("ntfs", "ntfs-3g")
+
+    def check_another(self, filesystem, program):
         self.write_config(adopt="enable")
         self.start_daemon()
-        stick = self.make_partition("sda1")
-        other = self.make_partition("sdb1")
+        stick = self.make_partition("sda1", filesystem)
+        other = self.make_partition("sdb1", filesystem)
         os.mkdir(stick.directory)
-        subprocess.run(["mount", other.node, stick.directory], check=True)
+        subprocess.run([program, other.node, stick.directory], check=True)
         vyworld.send(stick.add_message())
         time.sleep(vyworld.ADD_HOLD)
         self.let_it_idle()

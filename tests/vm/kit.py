@@ -30,11 +30,15 @@ MODULES = ("usb-storage uas xhci-pci ehci-pci ohci-pci uhci-hcd sd_mod sdhci-pci
 # The kernel's file server and a card to reach it by, loaded by the tests that need them: "sh /vm/load server".
 SERVER = "e1000 ecb cmac ccm gcm ctr sha512_generic ksmbd tcp_diag".split()
 
+# What a board's kernel has built in for an image that is its first filesystem: "sh /vm/load image".
+IMAGE = "loop squashfs".split()
+
 # Filesystems besides the service's five, loaded by the tests that need them: "sh /vm/load others".
 OTHERS = "crc32_generic exfat f2fs btrfs xfs hfsplus udf isofs".split()
 
 GUEST_FILES = {"init": "init", "vm/load": "load", "etc/vyhotplugd/evhook": "hook",
                "etc/vyhotplugd/vyhotplugd.conf": "vyhotplugd.conf"}
+IMAGE_GUEST_FILES = {"init": "init-image", "vm/load": "load"}
 
 # Where the service and its companions are installed, where their build puts them, and other names of theirs.
 PROGRAMS = {"usr/bin/vyhotplugctl": "vyhotplugctl",
@@ -49,7 +53,7 @@ LINKS = {"usr/sbin/vymount": "vyhotplugd", "usr/sbin/vyunmount": "vyhotplugd", "
 
 @dataclasses.dataclass
 class Kind:
-    """One of the two machines."""
+    """One of the machines."""
 
     name: str
     architecture: str  # Debian's name of it
@@ -65,10 +69,13 @@ class Kind:
     others: tuple = ()  # besides OTHERS
     suite: str = ""  # Debian's, for the kernel; this machine's unless named
     sysroot: str = ""  # the script of cmake/ that makes the service's C library, where it is not Debian's
+    like: str = ""  # the machine that it shares kernel, foreign programs and the service's build with
+    image: str = ""  # the script that makes its first filesystem, in which nothing is the tests' own
+    guest: str = "/vm/guest"  # where the program that looks at everything is
 
     @property
     def folder(self):
-        return os.path.join(CACHE, self.name)
+        return os.path.join(CACHE, self.like or self.name)
 
     @property
     def root(self):
@@ -82,6 +89,11 @@ class Kind:
     @property
     def build(self):
         return os.path.join(PROJECT, "build", f"vm-{self.name}")
+
+    @property
+    def tree(self):
+        """Where the service is built."""
+        return os.path.join(PROJECT, "build", f"vm-{self.like or self.name}", "cmake")
 
     @property
     def initramfs(self):
@@ -110,6 +122,8 @@ KINDS = {
                  (), ("lib/mipsel-linux-gnu", "usr/lib/mipsel-linux-gnu"), preset="mips-uclibc",
                  needed=("@vm", "@vm-mips"), sysroot="build-uclibc-sysroot"),
 }
+KINDS["box"] = dataclasses.replace(KINDS["mips"], name="box", like="mips", image="packaging/image/build",
+                                   guest="/mnt/guest", needed=("@vm", "@vm-mips", "@image"))
 
 
 def say(text):
@@ -374,11 +388,10 @@ def modules_in_order(kind, names):
 
 def build_service(kind):
     """Builds the service and its companions as for an appliance; returns the folder they are in."""
-    tree = os.path.join(kind.build, "cmake")
-    run("cmake", "--preset", kind.preset, "-DVY_TESTS=OFF", "-B", tree, cwd=PROJECT)
+    run("cmake", "--preset", kind.preset, "-DVY_TESTS=OFF", "-B", kind.tree, cwd=PROJECT)
     targets = sorted({os.path.basename(path) for path in PROGRAMS.values()})
-    run("cmake", "--build", tree, "-j", str(os.cpu_count()), "--target", *targets)
-    return os.path.join(tree, "bin")
+    run("cmake", "--build", kind.tree, "-j", str(os.cpu_count()), "--target", *targets)
+    return os.path.join(kind.tree, "bin")
 
 
 def build_sysroot(kind):
@@ -417,11 +430,33 @@ def make_initramfs(kind, programs, sysroot):
         folders = [os.path.join(sysroot, "lib")]
     for name, program in PROGRAMS.items():
         add_program(archive, name, os.path.join(programs, program), known, folders)
-    for list_name, names in (("order", MODULES), ("more", kind.modules), ("others", (*OTHERS, *kind.others)), ("server", SERVER)):
+    add_modules(archive, kind, order=MODULES, more=kind.modules, others=(*OTHERS, *kind.others), server=SERVER)
+    archive.close()
+
+
+def add_modules(archive, kind, **lists):
+    """Lists of modules for guest/load, and the modules in them."""
+    added = set()
+    for list_name, names in lists.items():
         order = modules_in_order(kind, names)
-        for name, path in order.items():
-            archive.copy(f"modules/{name}.ko", path)
+        for name in order.keys() - added:
+            archive.copy(f"modules/{name}.ko", order[name])
+        added.update(order)
         archive.content(f"modules/{list_name}", "".join(name + "\n" for name in order).encode(), 0o644)
+
+
+def make_image_initramfs(kind):
+    """What an image is booted from, with the image in it; see guest/init-image."""
+    image = run(os.path.join(PROJECT, kind.image), os.path.join(kind.build, "image"), kind.tree).splitlines()[-1]
+    archive = Archive(kind.initramfs)
+    for name in ("dev", "proc", "sys", "image", "usr/bin", "usr/sbin"):
+        archive.folder(name)
+    for name, source in IMAGE_GUEST_FILES.items():
+        archive.copy(name, os.path.join(FOLDER, "guest", source))
+    archive.copy("bin/busybox", os.path.join(kind.root, "bin", "busybox"))
+    archive.copy("vm/guest", build_guest_program(kind))
+    archive.copy("vm/image", image)
+    add_modules(archive, kind, order=MODULES, image=IMAGE)
     archive.close()
 
 
@@ -435,6 +470,9 @@ def prepare(name, build=True):
     if build or not os.path.exists(kind.initramfs):
         say(f"{name}: building the service")
         os.makedirs(kind.build, exist_ok=True)
+        if kind.image:
+            make_image_initramfs(kind)
+            return kind
         sysroot = build_sysroot(kind)
         make_initramfs(kind, build_service(kind), sysroot)
     return kind

@@ -65,7 +65,7 @@ class Wire:
 
 
 class Machine:
-    """A running machine of a kind ("x86", "mips"). `folder` keeps its logs."""
+    """A running machine of a kind ("x86", "mips", ...). `folder` keeps its logs."""
 
     def __init__(self, kind, folder, devices=(), append=""):
         self.kind = kit.KINDS[kind]
@@ -180,7 +180,7 @@ class Machine:
 
     def state(self):
         """Everything a test looks at; see state.py."""
-        raw = json.loads(self.attempt(f"/vm/guest state {self.log_offset}", record=False)[1])
+        raw = json.loads(self.attempt(f"{self.kind.guest} state {self.log_offset}", record=False)[1])
         self.log_offset += raw["log_bytes"]
         self.log += [LogLine(line) for line in raw["log"]]
         return State(raw, list(self.log))

@@ -1,5 +1,6 @@
 """Devices whose texts are made to break things."""
 
+from machine import DEVICE_FILE, SHARE_FILE
 from media import Filesystem
 from state import place_of
 from vmtest import VmTest
@@ -89,35 +90,50 @@ class Gadget(VmTest):
 
 
 class Planted(VmTest):
-    """What a user of the machine lays in the way of a strict service, with the kernel's protections on and off."""
+    """What a user of the machine lays in the way of a strict service, with the kernel's protections on and off.
 
-    TEMPORARY = ("/tmp/vyhotplug.dir.conf.tmp", "/tmp/vyhotplug.dev.conf.tmp")
-    KINDS = {"link": "ln -s /vm/victim {path}", "file": "echo '[Etc]' >{path}", "fifo": "mkfifo {path}",
-             "directory": "mkdir {path}", "second name": "ln /tmp/victim {path}"}
+    Each thing leaves a trace of its own where the service falls for it: its victim is written to, it is still there,
+    the file that took its place is not root's, or the refresh does not end.
+    """
 
-    def start_service(self):
-        self.configure("strict = enable\\n")
-        super().start_service()
+    configuration = "strict = enable\\n"
+    TEMPORARY = {"/tmp/vyhotplug.dir.conf.tmp": SHARE_FILE, "/tmp/vyhotplug.dev.conf.tmp": DEVICE_FILE}
+    # What would hold the service up comes last.
+    KINDS = {"link": "ln -s {victim} {path}", "file": "echo '[Etc]' >{path}", "directory": "mkdir {path}",
+             "second name": "ln {victim} {path}", "fifo": "mkfifo {path}"}
 
     def test_nothing_of_it_is_followed_or_holds_anything_up(self):
-        self.vm.run("chmod 1777 /tmp; echo untouched >/vm/victim; echo untouched >/tmp/victim")
+        self.vm.run("chmod 1777 /tmp")
         self.plug("stick", Filesystem("ext4", "Stick"))
         self.wait_for_mounts("sda1")
-        for protection in (0, 1):
+        for protection in (1, 0):
             for name in ("symlinks", "hardlinks", "regular", "fifos"):
                 self.vm.run(f"echo {protection} >/proc/sys/fs/protected_{name}")
-            for kind, command in self.KINDS.items():
-                for path in self.TEMPORARY:
-                    self.vm.run(command.format(path=path))
-                    if kind != "second name":
-                        self.vm.run(f"chown -h 1234 {path}")
-                state = self.refresh()
-                self.assertEqual([lines["Path"] for lines in state.sections().values()], [place_of("sda1")], kind)
-                self.assertEqual(self.vm.run("cat /vm/victim /tmp/victim"), "untouched\nuntouched\n", kind)
-                self.assertEqual(self.vm.run(f"ls -d {' '.join(self.TEMPORARY)} 2>/dev/null; true"), "", kind)
+            for kind in self.KINDS:
+                for path, target in self.TEMPORARY.items():
+                    with self.subTest(kind=kind, path=path, protection=protection):
+                        self.lay(kind, path)
+                        self.look(path, target)
+
+    def lay(self, kind, path):
+        self.vm.run("rm -f /tmp/victim; echo untouched >/tmp/victim; chmod 644 /tmp/victim")
+        self.vm.run(self.KINDS[kind].format(victim="/tmp/victim", path=path))
+        if kind != "second name":
+            self.vm.run(f"chown -h 1234 {path}")
+
+    def look(self, path, target):
+        try:
+            state = self.refresh()
+        finally:  # who waits for a reader of a FIFO goes on
+            self.vm.run(f"[ ! -p {path} ] || timeout 2 cat {path} >/dev/null; true")
+        left = self.vm.run(f"[ ! -L {path} ] && [ ! -e {path} ] || echo {path}; rm -rf {path}; cat /tmp/victim; "
+                           f"ls -n {target}").splitlines()
+        self.assertEqual(left[:-1], ["untouched"])
+        self.assertEqual(left[-1].split()[:4:2], ["-rw-r--r--", "0"], left)
+        self.assertEqual([lines["Path"] for lines in state.sections().values()], [place_of("sda1")])
 
     def refresh(self):
-        before = self.wait_for_idle()
+        before = self.vm.state()
         process, = before.of("vyhotplugd")
         self.vm.run(f"kill -HUP {process['pid']}")
         return self.wait_until("a refresh", lambda state: state.signals > before.signals)

@@ -139,6 +139,30 @@ TEST_F(Survey, KnowsTheServicesMountsByTheirDirectoryOnOtherPartitions)
     EXPECT_EQ(verdict("sda2"), "sda1 is mounted at /media/vyhotplugs/sda1");
 }
 
+TEST_F(Survey, AnnouncesWhatTheServiceTakesOver)
+{
+    static constexpr char config[] = "/tmp/vyhotplugd.conf";
+    static constexpr char place[] = "8:1 /media/vyhotplug/sda1 /dev/vyhotplug/sda1";
+    settings_.config = config;
+    sysfs_.set_mounts({place});
+    EXPECT_EQ(verdict("sda1"), "mounted at /media/vyhotplug/sda1") << "without a configuration";
+    write_file(config, "adopt = disable\n");
+    EXPECT_EQ(verdict("sda1"), "mounted at /media/vyhotplug/sda1");
+    write_file(config, "adopt = enable\n");
+    EXPECT_EQ(verdict("sda1"), "");
+    EXPECT_EQ(verdict("sda"), "");
+    for (const char* others : {"8:1 /media/vyhotplug/mine /dev/vyhotplug/sda1", "8:1 / /dev/root",
+                               "8:1 /media/vyhotplug/sda1 /dev/sdx1",
+                               "8:1 /media/vyhotplug/sda1/x /dev/vyhotplug/sda1"}) {
+        sysfs_.set_mounts({place, others});
+        EXPECT_NE(verdict("sda1"), "") << others;
+    }
+    sysfs_.set_mounts({place});
+    told_ = nullptr; // one event, by a program that does not know what the daemon was told
+    EXPECT_EQ(verdict("sda1"), "mounted at /media/vyhotplug/sda1");
+    unlink(config);
+}
+
 TEST_F(Survey, LeavesMountsOutOfAccountThatAreAboutToGo)
 {
     leaving_ = true;

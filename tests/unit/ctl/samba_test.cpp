@@ -1,11 +1,6 @@
 #include "ctl/samba.h"
 
-#include "support/files.h"
-
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-
-#include <functional>
 #include <string>
 
 namespace {
@@ -75,62 +70,4 @@ TEST_F(SambaClients, OneWithoutANameDoesNotTakeTheNameOfTheOneBefore)
     EXPECT_EQ(told(R"({"sessions": {"1": {"username": "a", "remote_machine": "b",)"
                    R"( "server_id": {"pid": "67"}}, "2": {"server_id": {"pid": "68"}}}})"),
               "a@b @ @ ");
-}
-
-namespace {
-
-constexpr char include[] = "# made\n"
-                           "[Photos]\n"
-                           "\tpath = /media/sda1\n"
-                           "\tcomment = a = b\n"
-                           "\tadmin users =\n"
-                           "\tguest ok = yes\n"
-                           "[Other]\n"
-                           "\tpath = /media/sda10\n"
-                           "[global]\n"
-                           "\tguest account = nobody\n";
-
-class SambaShare : public testing::Test {
-  protected:
-    SambaShare()
-    {
-        (void)mkdir("/run/vynas-samba", 0755);
-        write_file("/run/vynas-samba/shares.conf", include);
-    }
-    ~SambaShare() override { (void)unlink("/run/vynas-samba/shares.conf"); }
-
-    static std::string printed(const char* directory)
-    {
-        return written_by([directory](FILE* out) { samba_print_share(out, directory); });
-    }
-    static std::string json_of(const char* directory)
-    {
-        return written_by([directory](FILE* out) {
-            Json json = {.out = out, .more = false};
-            samba_share_json(&json, nullptr, directory);
-        });
-    }
-};
-
-} // namespace
-
-TEST_F(SambaShare, IsFoundByItsDirectory)
-{
-    EXPECT_EQ(printed("/media/sda1"), "          in Samba  Photos\n"
-                                      "                    path = /media/sda1\n"
-                                      "                    comment = a = b\n"
-                                      "                    guest ok = yes\n");
-    EXPECT_EQ(
-        json_of("/media/sda1"),
-        R"({"name":"Photos","parameters":{"path":"/media/sda1","comment":"a = b","guest ok":"yes"}})");
-    EXPECT_EQ(json_of("/media/sda10"), R"({"name":"Other","parameters":{"path":"/media/sda10"}})");
-}
-
-TEST_F(SambaShare, OneThatIsNotSharedHasNone)
-{
-    EXPECT_EQ(printed("/media/sda"), "");
-    EXPECT_EQ(printed(nullptr), "");
-    EXPECT_EQ(json_of("/media/sda"), "null");
-    ASSERT_EQ(unlink("/run/vynas-samba/shares.conf"), 0);
-    EXPECT_EQ(json_of("/media/sda1"), "null");
 }

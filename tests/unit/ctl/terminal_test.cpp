@@ -84,6 +84,9 @@ TEST(SizeFormat, IsOfThousands)
     EXPECT_EQ(size_of(1000), "1.0 kB");
     EXPECT_EQ(size_of(9999), "9.9 kB");
     EXPECT_EQ(size_of(31914983424), "31 GB");
+    EXPECT_EQ(size_of(4294967296), "4.2 GB");
+    EXPECT_EQ(size_of(999999999999), "999 GB");
+    EXPECT_EQ(size_of(1000000000000), "1.0 TB");
     EXPECT_EQ(size_of(~0ULL), "18 EB");
 }
 

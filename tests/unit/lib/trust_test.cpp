@@ -15,6 +15,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -223,6 +224,61 @@ TEST_F(Trust, AMountPointIsNotWhereOthersCouldHaveMounted)
         ASSERT_EQ(umount((directory + "/mounted").c_str()), 0);
 }
 
+// Between the look at an entry and its opening somebody puts something else in its place. What is
+// opened is what counts.
+TEST_F(Trust, WhatIsExchangedBehindTheLookIsSeenThrough)
+{
+    const std::string file = sticky + "/file";
+    write_file(closed + "/other", "content");
+    const std::function<void()> exchanges[] = {
+        [&] { make_link(closed + "/other", file); },
+        [&] { EXPECT_EQ(mkfifo(file.c_str(), 0600), 0); },
+        [&] {
+            write_file(file, "content");
+            give(file);
+        },
+        [&] { EXPECT_EQ(link((closed + "/other").c_str(), file.c_str()), 0); },
+    };
+    for (const auto& exchange : exchanges) {
+        call_before("openat", 3, [&] { // of "media", "sticky" and the file
+            EXPECT_EQ(unlink(file.c_str()), 0);
+            exchange();
+        });
+        alarm(60); // a FIFO is not waited for
+        EXPECT_LT(opened(file), 0);
+        alarm(0);
+        EXPECT_TRUE(call_failed());
+        ASSERT_EQ(unlink(file.c_str()), 0);
+        write_file(file, "content");
+    }
+}
+
+TEST_F(Trust, ADirectoryThatIsExchangedBehindTheLookIsSeenThrough)
+{
+    make_directory(sticky + "/sub", 0755);
+    write_file(sticky + "/sub/file", "content");
+    call_before("openat", 3, [&] {
+        EXPECT_EQ(rename((sticky + "/sub").c_str(), (sticky + "/was").c_str()), 0);
+        make_link(closed, sticky + "/sub");
+    });
+    EXPECT_LT(opened(sticky + "/sub/file"), 0);
+    EXPECT_TRUE(call_failed());
+}
+
+TEST_F(Trust, ADirectoryThatBecomesSomebodyElsesBehindTheLookIsNot)
+{
+    make_directory(sticky + "/sub", 0755);
+    write_file(sticky + "/sub/file", "content");
+    call_before("openat", 3, [&] {
+        EXPECT_EQ(rename((sticky + "/sub").c_str(), (sticky + "/was").c_str()), 0);
+        make_directory(sticky + "/sub", 0755);
+        write_file(sticky + "/sub/file", "content");
+        give(sticky + "/sub");
+    });
+    EXPECT_EQ(opened(sticky + "/sub/file"), -EACCES);
+    EXPECT_TRUE(call_failed());
+}
+
 TEST_F(Trust, NamesAndPathsThatAreTooLongAreRefused)
 {
     EXPECT_EQ(opened("/" + std::string(300, 'x')), -ENAMETOOLONG);
@@ -328,6 +384,21 @@ TEST_F(Trust, WhatHasJustComeIsSetAsideToo)
     write_file(temporary, "theirs");
     give(temporary);
     call_fail("lstat", 1, ENOENT);
+    EXPECT_EQ(written(), "new");
+    EXPECT_TRUE(call_failed());
+    EXPECT_EQ(read_file(aside(names())), "theirs");
+    expect_set_aside(names());
+}
+
+// Between the look and the opening an own file is exchanged.
+TEST_F(Trust, WhatTookAnOwnFilesPlaceIsSetAsideToo)
+{
+    write_file(temporary, "own");
+    call_before("open", 1, [] {
+        EXPECT_EQ(unlink(temporary.c_str()), 0);
+        write_file(temporary, "theirs");
+        give(temporary);
+    });
     EXPECT_EQ(written(), "new");
     EXPECT_TRUE(call_failed());
     EXPECT_EQ(read_file(aside(names())), "theirs");

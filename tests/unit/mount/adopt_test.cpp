@@ -45,6 +45,21 @@ TEST(MountLineTest, TheLastOneCounts)
     EXPECT_TRUE(line.readonly);
 }
 
+TEST(MountLineTest, OptionsAreWholeWords)
+{
+    for (const char* options :
+         {"rw", "rw,errors=remount-ro", "rw,rootcontext=x", "rw,roo,,r", "rw,"}) {
+        MountLine line = {};
+        ASSERT_EQ(find(std::string("/dev/sda1 /mnt ext4 ") + options + " 0 0", "/mnt", &line), 0);
+        EXPECT_FALSE(line.readonly) << options;
+    }
+    for (const char* options : {"ro", "ro,nodev", "nodev,ro", "nodev,errors=remount-ro,ro,x"}) {
+        MountLine line = {};
+        ASSERT_EQ(find(std::string("/dev/sda1 /mnt ext4 ") + options + " 0 0", "/mnt", &line), 0);
+        EXPECT_TRUE(line.readonly) << options;
+    }
+}
+
 TEST(MountLineTest, NamesWithBlanksAreRead)
 {
     MountLine line = {};

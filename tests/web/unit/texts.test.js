@@ -2,7 +2,7 @@ import assert from "node:assert/strict";
 import { readdirSync, readFileSync, statSync } from "node:fs";
 import { test } from "node:test";
 import { fakeCockpit, table, WEB } from "./fake_cockpit.js";
-import { adds, remedies, SYSTEM_WORDS, toForm } from "./sources.js";
+import { adds, PROBLEM_FILES, remedies, SYSTEM_WORDS, toForm } from "./sources.js";
 import * as texts from "../../../web/texts.js";
 import * as told from "../../../web/told.js";
 
@@ -18,7 +18,7 @@ const said = new Set([
 test("every text has its German, and no German is left over", () => {
     const german = table("po.de.js");
     const keys = Object.keys(german).filter(key => key !== "");
-    const problems = readFileSync(new URL("../companions/ctl/problems.cpp", WEB), "utf8");
+    const problems = PROBLEM_FILES.map(file => readFileSync(new URL(`../${file}`, WEB), "utf8")).join("");
     const { reasons, mistakes, endings, advice, values, refusals, faults } = told;
     const forms = [...reasons, ...mistakes, ...endings, ...advice, ...values, ...refusals, ...faults];
     const others = new Set([...adds(problems).map(one => toForm(one.format)), ...remedies(problems), ...SYSTEM_WORDS]);
@@ -76,6 +76,14 @@ test("numbers and texts of a language", () => {
 
 test("a place that a text has twice or that a name holds is not filled again", () => {
     assert.equal(texts.format("$0 and $1", "$1", "b"), "$1 and b");
+});
+
+test("who has no password", () => {
+    const user = (samba_password, ksmbd_password) => ({ uid: 1, name: "a", full_name: null, samba_password, ksmbd_password });
+    assert.equal(texts.withoutPassword(user(false, null)), "has no Samba password");
+    assert.equal(texts.withoutPassword(user(null, false)), "has no ksmbd password");
+    for (const known of [user(true), user(null, true), user(null, null), user(null)])
+        assert.equal(texts.withoutPassword(known), "");
 });
 
 test("who may", () => {

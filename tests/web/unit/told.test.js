@@ -4,10 +4,10 @@ import { afterEach, beforeEach, test } from "node:test";
 import { fakeCockpit, table, WEB } from "./fake_cockpit.js";
 import { QUICK } from "../../../web/model.js";
 import * as told from "../../../web/told.js";
-import { adds, quickIds, remedies, SYSTEM_WORDS, toForm } from "./sources.js";
+import { adds, PROBLEM_FILES, quickIds, remedies, SYSTEM_WORDS, toForm } from "./sources.js";
 
 const source = path => readFileSync(new URL(`../${path}`, WEB), "utf8");
-const PROBLEMS = source("companions/ctl/problems.cpp");
+const PROBLEMS = PROBLEM_FILES.map(source).join("");
 const german = table("po.de.js");
 
 beforeEach(() => fakeCockpit(german));
@@ -31,7 +31,7 @@ test("every problem that there is has its German, and so has what to do", () => 
         assert.notEqual(pieces[0].lang, "en", `${id}: ${toForm(format)}`);
     }
     const same = remedies(PROBLEMS).filter(remedy => told.remedyOf({ remedy }) === remedy);
-    const command = /^(systemctl|mount|apt-get|vyhotplug-prepare|vynas-samba-setup)( [a-z0-9,=/.-]+)*$/;
+    const command = /^(systemctl|mount|apt-get|cp|vyhotplug-prepare|vynas-samba-setup)( [a-z0-9,=/.-]+)*$/;
     assert.deepEqual(same.filter(remedy => !command.test(remedy)), []);
 });
 
@@ -107,7 +107,7 @@ test("every refusal that a call of the page can meet is known", () => {
         .map(text => text.replace(/^vyhotplugctl: /, "").replace("\\n", ""));
     assert.ok(wanted.length > 12, String(wanted.length));
     const forms = [...told.refusals, ...told.faults].map(form => form.replaceAll(/\$\d/g, "%s"));
-    const composed = ["%s: %s", "%s%s: ", "no such setting: ", "note: %s: %s has no Samba password; smbpasswd -a %s"];
+    const composed = ["%s: %s", "%s%s: ", "no such setting: ", "note: %s: %s has no %s password; %s %s"];
     for (const text of wanted.filter(one => !composed.includes(one)))
         assert.ok(forms.some(form => form.includes(text.replace(/^%s: /, "").replace(/(%s)+$/, ""))), text);
     const faults = [...source("companions/ctl/settings.cpp").matchAll(/fail\(\w+, "([^"]+)"/g)].map(match => match[1].trim());
@@ -125,6 +125,10 @@ test("a failure says what was not done, and why", () => {
         "Nichts wurde geändert. Kommentar: Es sind 64 Bytes, und 63 werden behalten; so passt es: „a\"“");
     assert.equal(say("set", 3, "vyhotplugctl: the service has ended; the change is in the file, and counts from its next start\n"),
         "Der Dienst ist beendet; die Änderung ist in der Datei und gilt ab seinem nächsten Start.");
+    assert.equal(say("set", 1, "vyhotplugctl: the change may be in the file all the same: Input/output error\n"),
+        "Die Änderung kann trotzdem in der Datei sein: Ein-/Ausgabefehler");
+    assert.equal(say("set", 1, "vyhotplugctl: the change is in the file; the service: Permission denied\n"),
+        "Die Änderung ist in der Datei; der Dienst: Zugriff verweigert");
     assert.equal(say("eject", 1, "sda1 is busy:\n  12 root  smbd\nvyhotplugctl: sda is unmounted, but not switched off: Input/output error\n"),
         "Es wurde nicht ausgeworfen: noch nicht abziehen. sda ist ausgehängt, aber nicht ausgeschaltet: Ein-/Ausgabefehler");
     assert.equal(say("mount", 1, "vyhotplugctl: sda1 could not be mounted: is encrypted (LUKS)\n"),

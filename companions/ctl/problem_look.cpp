@@ -1,0 +1,95 @@
+#include "ctl/problem_look.h"
+
+#include "lib/str.h"
+
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+// Writes what a conversion of a format stands for: %s, %d or %zu, and there are no others here.
+// Returns how many bytes of the format it takes.
+static size_t write_argument(const char* conversion, char* text, size_t room, va_list* arguments)
+{
+    if (conversion[1] == 's')
+        str_ncpy(text, va_arg(*arguments, const char*), static_cast<int32_t>(room));
+    else if (conversion[1] == 'd')
+        (void)snprintf(text, room, "%d", va_arg(*arguments, int));
+    else
+        (void)snprintf(text, room, "%zu", va_arg(*arguments, size_t));
+    return conversion[1] == 'z' ? 3 : 2;
+}
+
+// Writes a sentence as vsnprintf does, and notes where in it the arguments stand.
+static void write_text(const char* format, va_list* arguments, char (&text)[problem_text_size],
+                       Problem* problem)
+{
+    size_t length = 0;
+    while (*format != '\0' && length + 1 < sizeof text) {
+        if (*format != '%') {
+            text[length++] = *format++;
+            continue;
+        }
+        const size_t begin = length;
+        format += write_argument(format, text + begin, sizeof text - begin, arguments);
+        length += strlen(text + begin);
+        if (problem->argument_count < problem_arguments)
+            problem->arguments[problem->argument_count++] = {.begin = begin, .end = length};
+    }
+    text[length] = '\0';
+}
+
+// A problem that has no text yet.
+static Problem wordless(const char* id, bool note, const char* remedy)
+{
+    return {.id = id,
+            .note = note,
+            .text = nullptr,
+            .remedy = remedy,
+            .arguments = {},
+            .argument_count = 0};
+}
+
+// Takes a problem but for its text, which is copied.
+static void append(ProblemTable* table, Problem* problem, const char* text)
+{
+    if (table->count == table->room) {
+        const size_t room = table->room * 2 + 8;
+        auto* grown = static_cast<Problem*>(realloc(table->problems, room * sizeof(Problem)));
+        table->failed |= grown == nullptr;
+        if (grown == nullptr)
+            return;
+        table->problems = grown;
+        table->room = room;
+    }
+    problem->text = strdup(text);
+    table->failed |= problem->text == nullptr;
+    if (problem->text != nullptr)
+        table->problems[table->count++] = *problem;
+}
+
+void problem_add(ProblemLook* look, const char* id, bool note, const char* remedy,
+                 const char* format, ...)
+{
+    char text[problem_text_size];
+    Problem problem = wordless(id, note, remedy);
+    va_list arguments;
+    va_start(arguments, format);
+    write_text(format, &arguments, text, &problem);
+    va_end(arguments);
+    append(look->table, &problem, text);
+}
+
+void problem_add_texts(ProblemLook* look, bool note, const FaultTexts& texts)
+{
+    Problem problem = wordless(texts.id, note, texts.remedy);
+    append(look->table, &problem, texts.text);
+}
+
+void problems_end(ProblemTable* table)
+{
+    for (size_t i = 0; i < table->count; i++)
+        free(table->problems[i].text);
+    free(table->problems);
+    *table = {};
+}

@@ -1,0 +1,129 @@
+#include "ctl/serving_problems.h"
+
+#include "ctl/machine.h"
+#include "lib/version.h"
+
+#include <stdio.h>
+#include <string.h>
+
+static constexpr char avahi_folder[] = "/etc/avahi/services";
+
+// ---- the bridge ----
+
+void look_at_bridge(ProblemLook* look)
+{
+    const FileServer* server = look->server;
+    if (!file_server_is_told()) {
+        problem_add(look, "bridge_not_running", false,
+                    server != nullptr ? server->start_bridge : "install vynas-samba or vynas-ksmbd",
+                    "no file-sharing service reads the shares");
+    } else if (server != nullptr && machine_was_replaced(server->bridge)) {
+        problem_add(look, "bridge_replaced", false, server->restart_bridge,
+                    "the bridge that runs is older than the one that is installed");
+    }
+}
+
+static void compare_version(ProblemLook* look, const char* program)
+{
+    FileBytes told;
+    char expected[256];
+    (void)snprintf(expected, sizeof expected, "%s %s\n", program, vy_build);
+    if (machine_ask(program, "--version", &told) && strcmp(told.bytes.get(), expected) != 0) {
+        problem_add(look, "other_version", false, "install all packages of one version",
+                    "this is vyhotplugctl %s, and %s is another", vy_build, program);
+    }
+}
+
+void look_at_versions(ProblemLook* look)
+{
+    compare_version(look, "vyhotplug-agent");
+    for (const FileServer& server : file_servers)
+        compare_version(look, server.bridge);
+}
+
+// ---- the file server ----
+
+// What keeps it from sharing anything; SERVER_FAULTS: nothing.
+static ServerFault find_fault(const ProblemLook& look)
+{
+    const FileServer& server = *look.server;
+    if (!machine_has_program(server.program))
+        return SERVER_MISSING;
+    if (!file_server_in_kernel(server, *look.setup))
+        return SERVER_NOT_IN_KERNEL;
+    if (!file_server_runs(server, *look.setup))
+        return SERVER_NOT_RUNNING;
+    return server.reads_list(server) ? SERVER_FAULTS : SERVER_NOT_SET_UP;
+}
+
+void look_at_file_server(ProblemLook* look)
+{
+    FileBytes users;
+    if (look->server == nullptr)
+        return;
+    const ServerFault fault = find_fault(*look);
+    if (fault != SERVER_FAULTS)
+        problem_add_texts(look, false, look->server->faults[fault]);
+    if (file_server_read_users(*look->server, &users) && users.size == 0)
+        problem_add_texts(look, false, look->server->faults[SERVER_NO_USERS]);
+}
+
+// ---- the network ----
+
+namespace {
+
+// Programs by which others find the machine: one of them is to run.
+struct Discovery {
+    const char* programs[2];
+    FaultTexts missing;
+    FaultTexts stopped;
+};
+
+constexpr char no_avahi[] = "no avahi-daemon runs: Macs and Linux do not show this machine";
+constexpr char no_wsdd[] = "no wsdd runs: Windows does not show this machine";
+
+constexpr Discovery discoveries[] = {
+    {.programs = {"avahi-daemon", "umdns"},
+     .missing = {"avahi_missing", no_avahi, "apt-get install avahi-daemon"},
+     .stopped = {"avahi_not_running", no_avahi, "systemctl enable --now avahi-daemon"}},
+    {.programs = {"wsdd", "wsdd2"},
+     .missing = {"wsdd_missing", no_wsdd, "apt-get install wsdd"},
+     .stopped = {"wsdd_not_running", no_wsdd, "systemctl enable --now wsdd"}},
+};
+
+} // namespace
+
+static void look_for_one(ProblemLook* look, const Discovery& row)
+{
+    bool installed = false;
+    for (const char* program : row.programs) {
+        if (machine_runs(program) || machine_runs_script(program))
+            return;
+        installed |= machine_has_program(program);
+    }
+    problem_add_texts(look, !installed, installed ? row.stopped : row.missing);
+}
+
+// A server that does not read the shares has been told of, and what to type is the same. Whoever
+// wrote it, a file that names the protocol has Avahi tell of the machine.
+static void look_at_avahi(ProblemLook* look)
+{
+    const FileServer* server = look->server;
+    if (server == nullptr || !machine_runs("avahi-daemon") || find_fault(*look) != SERVER_FAULTS ||
+        server->tells_avahi() || machine_any_file_has(avahi_folder, "_smb._tcp"))
+        return;
+    problem_add(look, "avahi_not_told", false, server->tell_avahi,
+                "no file tells Avahi of the file server");
+}
+
+void look_at_discovery(ProblemLook* look)
+{
+    bool served = false;
+    for (const FileServer& server : file_servers)
+        served |= file_server_runs(server, *look->setup);
+    if (!served)
+        return;
+    for (const Discovery& row : discoveries)
+        look_for_one(look, row);
+    look_at_avahi(look);
+}
