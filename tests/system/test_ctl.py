@@ -855,7 +855,12 @@ class Serving(CtlTest):
         self.install(name, text)
         process = subprocess.Popen([f"{self.FOLDER}/{name}", *words], stdin=subprocess.PIPE)
         self.addCleanup(self.end, process)
+        self.wait_for_program(process, name)
         return process
+
+    def wait_for_program(self, process, name):
+        """Popen returns a moment before the kernel has given the process its new name."""
+        self.wait_until(f"{name} runs", lambda: f"{self.FOLDER}/{name}" in read(f"/proc/{process.pid}/cmdline").split("\0")[:2])
 
     @staticmethod
     def end(process):
@@ -899,6 +904,7 @@ class Serving(CtlTest):
             process = subprocess.Popen([f"{self.FOLDER}/{name}", "infinity"])
             self.addCleanup(process.wait)
             self.addCleanup(process.kill)
+            self.wait_for_program(process, name)
             write(vyworld.SERVICE_PID_FILE, f"{process.pid}\n")
             self.assertNotIn("bridge_replaced", self.told())
             os.unlink(f"{self.FOLDER}/{name}")
