@@ -6,8 +6,9 @@
 # later in its archive, so that these need no network. They come from where this machine gets its own.
 set -eu
 suite=bookworm
-wanted="samba smbclient ksmbd-tools ntfs-3g e2fsprogs util-linux busybox bash-completion systemd systemd-sysv dbus cockpit-bridge
+wanted="samba smbclient ntfs-3g e2fsprogs util-linux busybox bash-completion systemd systemd-sysv dbus cockpit-bridge
     build-essential debhelper cmake fakeroot lintian git"
+other_server=ksmbd-tools # cannot be installed beside samba
 
 sources() {
     apt-get indextargets --format "\$(REPO_URI) \$(RELEASE) \$(COMPONENT)" \
@@ -39,6 +40,13 @@ copy_ways() {
         >"$root/etc/apt/sources.list"
 }
 
+# download ROOT PACKAGE...: these, and what they depend on.
+download() {
+    local root=$1
+    shift
+    in_root "$root" apt-get -qy --no-install-recommends --download-only -o APT::Keep-Downloaded-Packages=true install "$@"
+}
+
 # shellcheck disable=SC2086
 make_root() {
     local folder=$1 mirror
@@ -51,8 +59,8 @@ make_root() {
         copy_ways "$folder/root" &&
         in_root "$folder/root" apt-get update -q >>"$folder/log" 2>&1 &&
         in_root "$folder/root" apt-get -qy upgrade >>"$folder/log" 2>&1 &&
-        in_root "$folder/root" apt-get -qy --no-install-recommends --download-only \
-            -o APT::Keep-Downloaded-Packages=true install $wanted >>"$folder/log" 2>&1 &&
+        download "$folder/root" $wanted >>"$folder/log" 2>&1 &&
+        download "$folder/root" $other_server >>"$folder/log" 2>&1 &&
         rm -f "$folder/root/etc/apt/apt.conf.d/01ways" && return 0
     tail -n 20 "$folder/log" >&2
     return 1
