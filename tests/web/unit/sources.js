@@ -62,7 +62,8 @@ export function remedies(source) {
  * @returns {string[]}
  */
 export function quickIds(source) {
-    const bodies = new Map([...source.matchAll(/^(?:static )?[\w ]+\b(\w+)\([^;]*?\)\n\{\n(.*?)^\}$/gms)].map(([, name, body]) => [name, body]));
+    const functions = [...source.matchAll(/^(?:static )?[\w ]+\b(\w+)\([^;]*?\)\n\{\n(.*?)^\}$/gms)];
+    const bodies = new Map(functions.map(([, name, body]) => [name, body]));
     const whole = name => [...bodies.get(name).matchAll(/\b(\w+)\(/g)].map(match => match[1])
         .filter(other => bodies.has(other) && other !== name && other !== "problem_add").map(whole).join("") + bodies.get(name);
     const rows = [...source.matchAll(/\{PROBLEMS_(\w+), (look_at_\w+)\}/g)].filter(([, scope]) => scope !== "ALL");
