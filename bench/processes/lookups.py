@@ -1,4 +1,4 @@
-"""The information tool beside those that people ask about their disks."""
+"""The information tool and the command for people beside those that others ask about their disks."""
 
 import os
 import shutil
@@ -14,14 +14,13 @@ SECTIONS = 1000
 def lookups(results, stack):
     count = measure.rounds(101, 11)
     vyworld.libc.umount2(b"/sys/block", 0)  # the world's own, empty one: the tools look there
-    os.makedirs(vyworld.CONFIG_DIR)
-    vyworld.write(vyworld.CONFIG, f"smbconfigpath = {vyworld.SHARE_FILE}\n"
-                  f"deviceconfigpath = {vyworld.DEVICE_FILE}\n")
     measure.output(measure.tool("refresh_once"), str(SECTIONS), "10")  # makes the two files
+    measure.Service(stack)
     loop = measure.make_loop(stack, "disk")
     tool = os.path.join(measure.BIN, "vyhotpluginfo")
     identity = measure.output(tool, "-l").splitlines()[SECTIONS - 1]
     commands = {"list": [tool, "-l"], "one": [tool, identity],
+                "status": [os.path.join(measure.BIN, "vyhotplugctl"), "-f", vyworld.CONFIG, "status"],
                 "lsblk": ["lsblk"], "lsblk_one": ["lsblk", loop.path],
                 "blkid_one": ["blkid", "-p", loop.path], "blkid": ["blkid"]}
     why = measure.start_bus(stack)

@@ -159,6 +159,10 @@ ROWS = [
         least_of("lookup.one", {"lsblk of one": "lookup.lsblk_one",
                                 "blkid of one": "lookup.blkid_one",
                                 "udisksctl status": "lookup.udisksctl"}, "faster than {}")),
+    Row("`vyhotplugctl status`, 1,000 sections", ["lookup.status"],
+        ["lookup.lsblk", "lookup.udisksctl"],
+        least_of("lookup.status", {"lsblk": "lookup.lsblk", "udisksctl status": "lookup.udisksctl"},
+                 "faster than {}")),
 ]
 
 # Groups that measure times, and what each must have measured: --brief runs them, and holds no more of them.
