@@ -63,7 +63,7 @@ class Install(Scenario):
     def test_cockpit_has_the_page(self):
         self.assertRegex(self.run_ok("cockpit-bridge", "--packages"), r"(?m)^vyhotplug +.*/usr/share/cockpit/vyhotplug$")
         page = pathlib.Path("/usr/share/cockpit/vyhotplug")
-        self.assertEqual({path.name for path in page.iterdir()}, PAGE - {"package.json"})
+        self.assertEqual({path.name for path in page.iterdir()}, PAGE - {"package.json", "types.d.ts"})
         self.assertLess(sum(path.stat().st_size for path in page.iterdir()), 100_000)
 
     def test_everything_tells_the_packages_version(self):
