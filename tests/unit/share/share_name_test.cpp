@@ -155,7 +155,7 @@ TEST(ShareNamesMeet, WithoutLetterCase)
 TEST(ShareNameFold, LettersOfEveryScriptMeetTheirOtherCase)
 {
     if (setlocale(LC_CTYPE, "C.UTF-8") == nullptr)
-        GTEST_SKIP() << "no locale C.UTF-8";
+        GTEST_SKIP() << "this system has no locale C.UTF-8";
     int pairs = 0;
     for (uint32_t character = 1; character < 0x110000; character++) {
         for (const wint_t other : {towlower(character), towupper(character)}) {
