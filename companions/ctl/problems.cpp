@@ -145,11 +145,44 @@ static void look_at_lines(ProblemLook* look)
         (void)settings_check(text.bytes.get(), text.size, find_user, tell_finding, &about);
 }
 
-static void check_ids(ProblemLook* look, const Item& item, const vylist* users)
+namespace {
+
+struct UserNumber {
+    int32_t uid;
+    bool exists;
+};
+
+// What was looked up already: the system reads its file of users for each question.
+struct UserNumbers {
+    MemGuard<UserNumber> list;
+    size_t count = 0;
+};
+
+} // namespace
+
+static bool user_exists(UserNumbers* known, int32_t uid)
+{
+    for (size_t i = 0; i < known->count; i++) {
+        if (known->list.get()[i].uid == uid)
+            return known->list.get()[i].exists;
+    }
+    const bool exists = getpwuid(static_cast<uid_t>(uid)) != nullptr;
+    UserNumber* held = known->list.take();
+    auto* grown = static_cast<UserNumber*>(realloc(held, (known->count + 1) * sizeof *held));
+    if (grown == nullptr) {
+        known->list.reset(held); // it is looked up again
+        return exists;
+    }
+    known->list.reset(grown);
+    grown[known->count++] = {.uid = uid, .exists = exists};
+    return exists;
+}
+
+static void check_ids(ProblemLook* look, UserNumbers* known, const Item& item, const vylist* users)
 {
     for (const vylist_node* node = users->next; node != vylist_end(users); node = node->next) {
         const int32_t uid = *static_cast<const int32_t*>(node->data);
-        if (getpwuid(static_cast<uid_t>(uid)) == nullptr) {
+        if (!user_exists(known, uid)) {
             problem_add(look, "no_such_user", false, "vyhotplugctl set, or edit",
                         "%s: nobody has the user number %d", item_name(item),
                         static_cast<int>(uid));
@@ -159,11 +192,12 @@ static void check_ids(ProblemLook* look, const Item& item, const vylist* users)
 
 static void look_at_users(ProblemLook* look)
 {
+    UserNumbers known;
     for (size_t i = 0; i < look->view->count; i++) {
         const Item& item = look->view->items[i];
         for (const SettingRow& row : setting_rows) {
             if (row.users != nullptr && item.settings != nullptr)
-                check_ids(look, item, item.settings->*row.users);
+                check_ids(look, &known, item, item.settings->*row.users);
         }
     }
 }

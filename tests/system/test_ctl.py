@@ -790,6 +790,16 @@ class Check(CtlTest):
         os.unlink(vyworld.PROGRAMS + "/vyhotplugd")
         self.assertIn("service_replaced", self.problems())
 
+    def test_each_user_is_looked_up_once(self):
+        """The system reads its file of users for each question."""
+        self.require_strace()
+        write(vyworld.DEVICE_FILE, "".join(f"[1:2:{number}:1]\nShare Name=s{number}\nFull Access Users=1,2,4294967,\n"
+                                           for number in range(200)))
+        subprocess.run(["strace", "-qq", "-o", "/tmp/calls", "-e", "trace=/^open", "-P", "/etc/passwd",
+                        vyworld.PROGRAMS + "/vyhotplugctl", "-f", vyworld.CONFIG, "status"],
+                       check=False, stdout=subprocess.DEVNULL)
+        self.assertIn(len(read_lines("/tmp/calls")), range(1, 10))
+
     def test_lines_that_would_be_lost(self):
         write(vyworld.DEVICE_FILE, "[1:2:a:3]\nShare Name=a\nSharename=b\n# no=fault\ncolour = red\nfull access users = anna\n"
                                    "Block Users=4321,\n")
