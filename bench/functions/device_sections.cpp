@@ -7,7 +7,7 @@ static std::string section_text(size_t number)
 {
     return "[" + section_identity(number) + "]\nShare Name=Share " + std::to_string(number) +
            "\nComment=Living room\nRead Only=Disable\nGuest Access=Enable\nGuest Hide=Disable\n"
-           "Full Access Users=500,501,\nRead Only Users=\nBlock Users=8,\nHide Users=\n";
+           "Full Access Users=1,2,\nRead Only Users=\nBlock Users=8,\nHide Users=\n";
 }
 
 std::string section_identity(size_t number)
