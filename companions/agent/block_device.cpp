@@ -1,5 +1,6 @@
 #include "agent/block_device.h"
 
+#include "common/array.h"
 #include "lib/str.h"
 
 #include <dirent.h>
@@ -215,7 +216,7 @@ static bool read_numbers(int directory, BlockDevice* device)
 static int append(const BlockDevice& device, BlockList* list)
 {
     BlockDevice* held = list->devices.take();
-    auto* grown = static_cast<BlockDevice*>(realloc(held, (list->count + 1) * sizeof *held));
+    auto* grown = static_cast<BlockDevice*>(array_room(held, list->count, sizeof *held));
     if (grown == nullptr) {
         list->devices.reset(held);
         return -ENOMEM;
@@ -276,7 +277,7 @@ struct NameList {
 static int append(const BlockName& name, NameList* list)
 {
     BlockName* held = list->names.take();
-    auto* grown = static_cast<BlockName*>(realloc(held, (list->count + 1) * sizeof *held));
+    auto* grown = static_cast<BlockName*>(array_room(held, list->count, sizeof *held));
     if (grown == nullptr) {
         list->names.reset(held);
         return -ENOMEM;

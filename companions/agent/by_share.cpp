@@ -2,6 +2,7 @@
 
 #include "agent/block_device.h"
 #include "agent/service_config.h"
+#include "common/array.h"
 #include "common/text.h"
 #include "config/ini.h"
 #include "lib/log.h"
@@ -132,7 +133,7 @@ static int take_share(const ByShare* links, const IniDoc* doc, const char* share
         return 0;
     (void)snprintf(link.target, sizeof link.target, "../%s", place);
     Link* held = wanted->of.take();
-    auto* grown = static_cast<Link*>(realloc(held, (wanted->count + 1) * sizeof *held));
+    auto* grown = static_cast<Link*>(array_room(held, wanted->count, sizeof *held));
     if (grown == nullptr) {
         wanted->of.reset(held);
         return -ENOMEM;

@@ -3,6 +3,7 @@
 #include "agent/available.h"
 #include "agent/btrfs.h"
 #include "agent/service_config.h"
+#include "common/array.h"
 #include "common/mountinfo.h"
 #include "common/text.h"
 #include "lib/file.h"
@@ -68,7 +69,7 @@ static void take_back(Look* look)
 static void add(Lookout* lookout, const Look& look)
 {
     Look* held = lookout->looks.take();
-    auto* grown = static_cast<Look*>(realloc(held, (lookout->count + 1) * sizeof *held));
+    auto* grown = static_cast<Look*>(array_room(held, lookout->count, sizeof *held));
     if (grown == nullptr) { // the next time
         lookout->looks.reset(held);
         return;

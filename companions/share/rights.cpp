@@ -1,5 +1,6 @@
 #include "share/rights.h"
 
+#include "common/array.h"
 #include "lib/str.h"
 
 #include <errno.h>
@@ -44,8 +45,7 @@ static int add_member(Rights* rights, const char* name, ShareAccess access)
         known->access = known->access > access ? known->access : access;
         return 0;
     }
-    const size_t bytes = (rights->count + 1) * sizeof(Member);
-    auto* larger = static_cast<Member*>(realloc(rights->members, bytes));
+    auto* larger = static_cast<Member*>(array_room(rights->members, rights->count, sizeof(Member)));
     if (larger == nullptr)
         return -ENOMEM;
     rights->members = larger;
