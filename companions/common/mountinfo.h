@@ -13,7 +13,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
-constexpr char mountinfo_path[] = "/proc/self/mountinfo";
+inline constexpr char mountinfo_path[] = "/proc/self/mountinfo";
 
 // One mount. The texts belong to the table.
 struct MountinfoEntry {

@@ -9,7 +9,7 @@
 
 // A line of this key is no mistake: vyhotplugctl leaves it in a section until the service has
 // written the section anew, without it.
-constexpr char settings_mark[] = "ctlchange";
+inline constexpr char settings_mark[] = "ctlchange";
 
 // Finds a user's id. Returns whether there is such a user.
 using UserLookup = bool (*)(const char* name, uint32_t* id);

@@ -12,7 +12,7 @@ struct SetupPaths {
     const char* run; // directory of what the agent tells
 };
 
-constexpr SetupPaths setup_defaults = {
+inline constexpr SetupPaths setup_defaults = {
     .config = nullptr, .sysfs = "/sys", .run = "/run/vyhotplugd"};
 
 struct Setup {

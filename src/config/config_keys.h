@@ -8,17 +8,17 @@
 
 // ---- words ----
 
-constexpr char smbtype_key[] = "smbtype";
-constexpr char samba_word[] = "samba";
+inline constexpr char smbtype_key[] = "smbtype";
+inline constexpr char samba_word[] = "samba";
 
 // The names by which the product's own server is meant, as by every other word.
-constexpr char own_server_names[8][12] = {
+inline constexpr char own_server_names[8][12] = {
     "vy nas mira", "vynas mira", "vynasmira", "vy nasmira",
     "vynas",       "vy nas",     "nasmira",   "nas mira",
 };
 
-constexpr char labels_key[] = "labels";
-constexpr char labels_word[] = "all";
+inline constexpr char labels_key[] = "labels";
+inline constexpr char labels_word[] = "all";
 
 // ---- switches: string_enable_disable, on for any other word ----
 
@@ -27,11 +27,11 @@ struct SwitchKey {
     uint8_t ConfHotplug::*field;
 };
 
-constexpr SwitchKey naswork_key = {"ds/naswork", &ConfHotplug::naswork};
-constexpr SwitchKey fat_label_key = {"fatvolumelabel", &ConfHotplug::fatvolumelabel};
+inline constexpr SwitchKey naswork_key = {"ds/naswork", &ConfHotplug::naswork};
+inline constexpr SwitchKey fat_label_key = {"fatvolumelabel", &ConfHotplug::fatvolumelabel};
 
 // Those that close doors.
-constexpr SwitchKey needed_switches[] = {
+inline constexpr SwitchKey needed_switches[] = {
     {"strict", &ConfHotplug::strict},
     {"adopt", &ConfHotplug::adopt},
 };
@@ -44,12 +44,12 @@ struct PathKey {
     const char* fallback; // for what does not begin with a slash
 };
 
-constexpr char default_smb_config[] = "/tmp/vynas.dir.conf";
+inline constexpr char default_smb_config[] = "/tmp/vynas.dir.conf";
 // The fallback of three keys, kept so: an installation that names no directories fails the
 // directory checks at start and says so, instead of mounting somewhere.
-constexpr char default_device_config[] = "/tmp/hotplug.dev.conf";
+inline constexpr char default_device_config[] = "/tmp/hotplug.dev.conf";
 
-constexpr PathKey path_keys[] = {
+inline constexpr PathKey path_keys[] = {
     {"smbconfigpath", &ConfHotplug::smbconfigpath, default_smb_config},
     {"deviceconfigpath", &ConfHotplug::deviceconfigpath, default_device_config},
     {"mountpath", &ConfHotplug::mountpath, default_device_config},
@@ -65,7 +65,7 @@ struct NumberKey {
     uint32_t fallback; // when the value is empty or no number
 };
 
-constexpr NumberKey owner_keys[] = {
+inline constexpr NumberKey owner_keys[] = {
     {"defaultuid", &ConfHotplug::defaultuid, 10, 0},
     {"defaultgid", &ConfHotplug::defaultgid, 10, 0},
 };
@@ -75,7 +75,7 @@ constexpr uint32_t default_file_umask = 0113; // files 0664
 constexpr uint32_t default_dir_umask = 0002;  // directories 0775
 
 // Their fields and fallbacks are masks, complements of what the file says.
-constexpr NumberKey permission_keys[] = {
+inline constexpr NumberKey permission_keys[] = {
     {"defaultfilepermission", &ConfHotplug::fileumask, 8, default_file_umask},
     {"defaultdirectorypermission", &ConfHotplug::dirumask, 8, default_dir_umask},
 };
@@ -88,18 +88,18 @@ struct OptionsKey {
     const char* fallback; // null for none
 };
 
-constexpr OptionsKey options_keys[] = {
+inline constexpr OptionsKey options_keys[] = {
     {"vfatoptions", &ConfHotplug::vfatoptions, "utf8"},
     {"ntfsoptions", &ConfHotplug::ntfsoptions, nullptr},
     {"extfsoptions", &ConfHotplug::extfsoptions, nullptr},
 };
 
 // The key of another filesystem's further mount options is its type with this behind it.
-constexpr char options_ending[] = "options";
+inline constexpr char options_ending[] = "options";
 constexpr int options_key_size = 32; // bytes with the NUL
 
 // ---- lists ----
 
-constexpr char mountfs_key[] = "mountfs";
-constexpr char otherfs_key[] = "otherfs";
-constexpr char mountflags_key[] = "mountflags";
+inline constexpr char mountfs_key[] = "mountfs";
+inline constexpr char otherfs_key[] = "otherfs";
+inline constexpr char mountflags_key[] = "mountflags";

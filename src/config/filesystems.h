@@ -20,6 +20,7 @@ enum ConfDevFs : uint8_t {
     CONF_DEV_FS_HFSPLUS = 11,
     CONF_DEV_FS_UDF = 12,
     CONF_DEV_FS_ISO9660 = 13,
+    CONF_DEV_FS_END, // behind the last
 };
 
 // The mount options that the service sets itself, from the configured owner and permissions where
@@ -58,7 +59,7 @@ struct Filesystem {
     const char* file_word = nullptr; // written in the two files; null: readers know none
 };
 
-constexpr int filesystem_count = CONF_DEV_FS_ISO9660;
+constexpr int filesystem_count = CONF_DEV_FS_END - 1;
 extern const Filesystem filesystems[filesystem_count];
 
 // The row of a code; null for CONF_DEV_FS_UNKNOWN and for codes of none.
