@@ -12,45 +12,59 @@
 
 static constexpr size_t number_size = 32;
 static constexpr uint64_t hash_prime = 1099511628211ULL;
-static constexpr char digits[] = "0123456789";
 
 // ---- names ----
 
-// Passes over letters or digits, four at the most, as the kernel writes them: with no zero before
-// others. Returns whether there were any.
+static constexpr size_t most_passed = 4;
+
+// Passes over letters or digits, not too many of them, as the kernel writes them: with no zero
+// before others. Returns whether there were any.
 static bool pass(const char** text, const char* characters)
 {
     const size_t length = strspn(*text, characters);
     const bool padded = length > 1 && (*text)[0] == '0';
     *text += length;
-    return length > 0 && length <= 4 && !padded;
+    return length > 0 && length <= most_passed && !padded;
 }
+
+static constexpr bool names_fit()
+{
+    for (const DeviceKind& kind : device_kinds) {
+        if (__builtin_strlen(kind.prefix) + __builtin_strlen(kernel_kind(kind).divider) +
+                2 * most_passed >=
+            block_name_size)
+            return false;
+    }
+    return true;
+}
+static_assert(names_fit(), "block_name_size is too small for a name");
 
 bool block_name_parse(const char* text, BlockName* name)
 {
-    // A kind of disks: a prefix and letters or digits; partitions have a divider and a number
-    // behind.
-    static constexpr struct {
-        const char* prefix;
-        const char* characters;
-        const char* divider;
-    } kinds[] = {{"sd", "abcdefghijklmnopqrstuvwxyz", ""}, {"mmcblk", digits, "p"}};
     *name = {};
-    for (const auto& kind : kinds) {
+    for (const DeviceKind& kind : device_kinds) {
         const char* rest = text + strlen(kind.prefix);
-        if (strncmp(text, kind.prefix, strlen(kind.prefix)) != 0 || !pass(&rest, kind.characters))
+        if (!device_has_prefix(kind, text) || !pass(&rest, kernel_kind(kind).disks))
             continue;
         name->disk_length = static_cast<uint8_t>(rest - text);
-        const char* number = rest + strlen(kind.divider);
+        name->kind = static_cast<uint8_t>(&kind - device_kinds);
+        const char* divider = kernel_kind(kind).divider;
+        const char* number = rest + strlen(divider);
         const char* end = number;
         const bool is_disk = *rest == '\0';
-        if (!is_disk && (strncmp(rest, kind.divider, strlen(kind.divider)) != 0 || *number == '0' ||
-                         !pass(&end, digits) || str_to_long(number, &name->partition, 10) != 0))
+        if (!is_disk &&
+            (strncmp(rest, divider, strlen(divider)) != 0 || *number == '0' ||
+             !pass(&end, device_digits) || str_to_long(number, &name->partition, 10) != 0))
             return false;
-        str_cpy(name->text, text); // 15 bytes at the most
+        str_cpy(name->text, text);
         return true;
     }
     return false;
+}
+
+const DeviceKind& block_name_kind(const BlockName& name)
+{
+    return device_kinds[name.kind];
 }
 
 bool block_name_same_disk(const BlockName& a, const BlockName& b)
@@ -60,8 +74,8 @@ bool block_name_same_disk(const BlockName& a, const BlockName& b)
 
 int block_name_compare(const BlockName& a, const BlockName& b)
 {
-    if (a.text[0] != b.text[0]) // "sd" before "mmcblk"
-        return b.text[0] - a.text[0];
+    if (a.kind != b.kind) // "sd" before "mmcblk"
+        return a.kind - b.kind;
     if (a.disk_length != b.disk_length) // "sdz" before "sdaa"
         return a.disk_length - b.disk_length;
     const int disks = memcmp(a.text, b.text, a.disk_length);
@@ -141,7 +155,7 @@ static void read_hardware(int sysfs, int directory, BlockHardware* hardware, Blo
     const int own = link.get();
     if (own < 0)
         return note_failure(disk, errno);
-    if (disk->name.text[0] == 'm') { // a card
+    if (kernel_kind(block_name_kind(disk->name)).card) {
         read_text(own, "serial", hardware->serial, sizeof hardware->serial, disk);
         read_text(own, "name", hardware->pname, sizeof hardware->pname, disk);
         return;
@@ -208,7 +222,7 @@ static bool read_numbers(int directory, BlockDevice* device)
     if (colon == nullptr)
         return device->failure != 0; // then that is what is told of it
     *colon = '\0';
-    return strspn(text, digits) > 0 && strspn(colon + 1, digits) > 0 &&
+    return strspn(text, device_digits) > 0 && strspn(colon + 1, device_digits) > 0 &&
            str_to_long(text, &device->major, 10) == 0 &&
            str_to_long(colon + 1, &device->minor, 10) == 0;
 }

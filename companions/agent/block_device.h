@@ -4,6 +4,7 @@
 #pragma once
 
 #include "agent/limits.h"
+#include "device/kinds.h"
 #include "lib/guard.h"
 
 #include <stddef.h>
@@ -15,13 +16,16 @@ constexpr size_t block_reason_size = 256;
 struct BlockName {
     char text[block_name_size];
     uint8_t disk_length; // so much of the text is the name of the disk
+    uint8_t kind;        // its row of device_kinds[]
     int32_t partition;   // 0: the whole disk
 };
 
 // Returns whether `text` is such a name, and stores what it says. Not such a name is one of another
 // kind of device, of a card's hardware partition (mmcblk0boot0), and one that the kernel does not
-// write so (sda01). Pure, as the next two.
+// write so (sda01). Pure, as the next three.
 bool block_name_parse(const char* text, BlockName* name);
+
+const DeviceKind& block_name_kind(const BlockName& name);
 
 bool block_name_same_disk(const BlockName& a, const BlockName& b);
 

@@ -252,27 +252,20 @@ static const char* ordinal(int number)
     return words[ones - 1];
 }
 
-// Which disk it is of its kind, counted from 1: sda, sdz (26), sdaa (27).
+// Which disk it is of its kind, counted from 1: sda, sdz (26), sdaa (27); mmcblk0.
 static int place_of(const BlockName& name)
 {
+    const DeviceKind& kind = block_name_kind(name);
+    const bool counted = kernel_kind(kind).disks == device_digits;
     int place = 0;
-    if (name.text[0] == 'm') {
-        char number[block_name_size];
-        str_ncpy(number, name.text + strlen("mmcblk"), sizeof number);
-        number[name.disk_length - strlen("mmcblk")] = '\0';
-        int32_t value = 0;
-        return str_to_long(number, &value, 10) == 0 ? value + 1 : 0;
-    }
-    for (size_t i = strlen("sd"); i < name.disk_length; i++)
-        place = place * 26 + (name.text[i] - 'a' + 1);
-    return place;
+    for (size_t i = strlen(kind.prefix); i < name.disk_length; i++)
+        place = counted ? place * 10 + (name.text[i] - '0') : place * 26 + (name.text[i] - 'a' + 1);
+    return counted ? place + 1 : place;
 }
 
 void diagnosis_make_range(const BlockName& name, int32_t major, int32_t minor, const char* range,
                           Diagnosis* diagnosis)
 {
-    static constexpr int32_t major_disks = 8;
-    static constexpr int32_t major_cards = 179;
     static constexpr int32_t letters = 26;
     static constexpr int32_t usual_minors = 16; // which the service takes where it is not told
     static constexpr int32_t major_further =
@@ -281,7 +274,7 @@ void diagnosis_make_range(const BlockName& name, int32_t major, int32_t minor, c
     int32_t minors = 0;
     if (str_to_long(range, &minors, 10) != 0 || minors < 1 || minors > 255)
         minors = usual_minors;
-    const bool known = major == major_disks || major == major_cards;
+    const bool known = device_kind(major) != nullptr;
     if (known && minor / minors < letters)
         return;
     const bool of_partition = !known && major == major_further && name.partition > 0;
@@ -289,8 +282,6 @@ void diagnosis_make_range(const BlockName& name, int32_t major, int32_t minor, c
     char words[diagnosis_words_size];
     (void)snprintf(words, sizeof words, "%s the %d%s %s: out of range",
                    !of_partition && name.partition > 0 ? "is on" : "is", place, ordinal(place),
-                   of_partition          ? "partition"
-                   : name.text[0] == 'm' ? "card"
-                                         : "disk");
+                   of_partition ? "partition" : kernel_kind(block_name_kind(name)).noun);
     say(diagnosis, TROUBLE_OUT_OF_RANGE, name, words);
 }

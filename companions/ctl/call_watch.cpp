@@ -4,6 +4,7 @@
 #include "ctl/events.h"
 #include "ctl/item_json.h"
 #include "ctl/machine.h"
+#include "device/kinds.h"
 #include "lib/platform.h"
 #include "lib/str.h"
 #include "lib/sys.h"
@@ -166,11 +167,35 @@ static bool take_files(const Sources& sources)
     return ours;
 }
 
+namespace {
+
+struct EventLines {
+    char of[sizeof device_kinds / sizeof *device_kinds][16];
+};
+
+} // namespace
+
+// How the line of an event begins that names a device, for each kind; made by the compiler.
+static constexpr EventLines make_event_lines()
+{
+    EventLines made = {};
+    auto* line = made.of;
+    for (const DeviceKind& kind : device_kinds) {
+        char* end = *line++;
+        const char* const parts[] = {"DEVNAME=", kind.prefix};
+        for (const char* from : parts) {
+            while (*from != '\0')
+                *end++ = *from++;
+        }
+    }
+    return made;
+}
+
 // Whether an event is of a disk or a card: other block devices come and go all the time.
 static bool is_of_disk(const char* event, size_t length)
 {
-    static constexpr const char* names[] = {"DEVNAME=sd", "DEVNAME=mmcblk"};
-    for (const char* name : names) {
+    static constexpr EventLines lines = make_event_lines();
+    for (const auto& name : lines.of) {
         if (memmem(event, length, name, strlen(name)) != nullptr)
             return true;
     }

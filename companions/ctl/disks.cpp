@@ -1,6 +1,7 @@
 #include "ctl/disks.h"
 
 #include "common/text.h"
+#include "device/kinds.h"
 #include "lib/str.h"
 
 #include <dirent.h>
@@ -15,15 +16,31 @@ static constexpr uint32_t letters = 26;       // devices of a kind that the serv
 
 namespace {
 
-// How a kind of device is called by the kernel and by the service.
+// What is needed here of a kind of device. The compiler takes it out of the tables, so that their
+// other texts are not in the program.
 struct Kind {
     uint32_t major;
     const char* prefix;
-    uint32_t range; // minors of a device, where sysfs does not tell
+    const char* disks; // characters behind it in the name of a whole device
+    uint32_t range;    // minors of a device, where sysfs does not tell
     bool card;
 };
 
-constexpr Kind kinds[] = {{8, "sd", 16, false}, {179, "mmcblk", 8, true}};
+struct Kinds {
+    Kind of[sizeof device_kinds / sizeof *device_kinds];
+};
+
+constexpr Kinds make_kinds()
+{
+    Kinds made = {};
+    Kind* next = made.of;
+    for (const DeviceKind& kind : device_kinds)
+        *next++ = {static_cast<uint32_t>(kind.major), kind.prefix, kernel_kind(kind).disks,
+                   static_cast<uint32_t>(kernel_kind(kind).minors), kernel_kind(kind).card};
+    return made;
+}
+
+constexpr Kinds kinds = make_kinds();
 
 // What is read of one device.
 struct Reader {
@@ -198,11 +215,11 @@ static int read_disk(Reader* reader, const Kind& kind, const char* disk)
 // "sda" and "mmcblk0", not "mmcblk0boot0".
 static const Kind* kind_of(const char* name)
 {
-    for (const Kind& kind : kinds) {
+    for (const Kind& kind : kinds.of) {
         const size_t length = strlen(kind.prefix);
-        const char* allowed = kind.card ? "0123456789" : "abcdefghijklmnopqrstuvwxyz";
         if (strncmp(name, kind.prefix, length) == 0 && name[length] != '\0' &&
-            name[length + strspn(name + length, allowed)] == '\0' && strlen(name) < disk_name_size)
+            name[length + strspn(name + length, kind.disks)] == '\0' &&
+            strlen(name) < disk_name_size)
             return &kind;
     }
     return nullptr;

@@ -1,6 +1,7 @@
 #include "prepare/leftovers.h"
 
 #include "config/ini.h"
+#include "device/kinds.h"
 #include "lib/guard.h"
 #include "lib/platform.h"
 #include "lib/process.h"
@@ -35,16 +36,15 @@ static const char* name_of(const char* directory, const char* mountpath)
 
 bool leftovers_is_ours(const char* directory, const char* mountpath)
 {
-    static constexpr const char* kinds[] = {"sd", "mmcblk"};
     if (!mountinfo_is_below(directory, mountpath))
         return false;
     const char* name = name_of(directory, mountpath);
-    for (const char* kind : kinds) {
-        const size_t length = strlen(kind);
-        if (strncmp(name, kind, length) != 0 || name[length] < 'a' || name[length] > 'z')
+    for (const DeviceKind& kind : device_kinds) {
+        const size_t length = strlen(kind.prefix);
+        if (!device_has_prefix(kind, name) || name[length] < 'a' || name[length] > 'z')
             continue;
         const char* number = name + length + 1;
-        const size_t digits = strspn(number, "0123456789");
+        const size_t digits = strspn(number, device_digits);
         if (digits > 0 && (number[digits] == '\0' || number[digits] == '/'))
             return true;
     }

@@ -28,9 +28,10 @@ COMPANIONS_MAY_INCLUDE = {
     "samba": {"common", "share"},
     "share": {"common"},
 }
-COMPANIONS_SEE = {"lib", "config"}
+COMPANIONS_SEE = {"lib", "config", "device"}
 # Of these folders, only these headers may be seen from there.
-ONLY = {("mount", "config"): {"config/conf_hotplug.h", "config/filesystems.h", "config/mount_flags.h"}}
+ONLY = {("mount", "config"): {"config/conf_hotplug.h", "config/filesystems.h", "config/mount_flags.h"},
+        **{(folder, "device"): {"device/kinds.h"} for folder in COMPANIONS_MAY_INCLUDE}}
 
 INCLUDE = re.compile(r'^\s*#\s*include\s*"([^"]+)"')
 

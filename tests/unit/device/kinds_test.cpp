@@ -11,9 +11,14 @@ TEST(DeviceKinds, HaveTheirNumbersAndNames)
         const char* prefix;
         const char* share_mark;
         const char* description;
+        const char* disks;
+        const char* divider;
+        int32_t minors;
+        bool card;
+        const char* noun;
     } rows[] = {
-        {8, "sd", "", "USB Storage Device"},
-        {179, "mmcblk", "MMC", "MMC Block Device"},
+        {8, "sd", "", "USB Storage Device", device_letters, "", 16, false, "disk"},
+        {179, "mmcblk", "MMC", "MMC Block Device", device_digits, "p", 8, true, "card"},
     };
     EXPECT_EQ(sizeof device_kinds / sizeof *device_kinds, sizeof rows / sizeof *rows);
     for (const auto& row : rows) {
@@ -23,6 +28,12 @@ TEST(DeviceKinds, HaveTheirNumbersAndNames)
         EXPECT_STREQ(kind->prefix, row.prefix);
         EXPECT_STREQ(kind->share_mark, row.share_mark);
         EXPECT_STREQ(kind->description, row.description);
+        const KernelKind& kernel = kernel_kind(*kind);
+        EXPECT_STREQ(kernel.disks, row.disks);
+        EXPECT_STREQ(kernel.divider, row.divider);
+        EXPECT_EQ(kernel.minors, row.minors);
+        EXPECT_EQ(kernel.card, row.card);
+        EXPECT_STREQ(kernel.noun, row.noun);
     }
 }
 
