@@ -18,19 +18,12 @@ static bool is_known(const Device& device)
     return device.state == DEVICE_TOLD || device.state == DEVICE_LEAVING;
 }
 
-static size_t count_known(const Announcer& announcer)
-{
-    size_t count = 0;
-    for (const Device& device : announcer.devices)
-        count += is_known(device) ? 1 : 0;
-    return count;
-}
-
 int state_save(const char* path, const DaemonIdentity& daemon, const Announcer& announcer)
 {
     if (path[0] == '\0')
         return 0;
-    const size_t room = (2 + count_known(announcer)) * line_size;
+    // Of one size, whatever is known: pieces of many sizes would each stay in the heap.
+    constexpr size_t room = (2 + agent_table_limit) * line_size;
     const MemGuard<char> made(static_cast<char*>(malloc(room)));
     if (!made)
         return -ENOMEM;

@@ -5,7 +5,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 
-static constexpr size_t first_room = 1024; // bytes; at least doubled as the text needs
+static constexpr size_t first_room = 2048; // bytes; at least doubled as the text needs
 
 // Makes room for `more` bytes and a NUL behind them. Returns false without memory.
 static bool make_room(TextBuffer* buffer, size_t more)

@@ -8,7 +8,9 @@
 #include <string.h>
 #include <sys/stat.h>
 
-static constexpr size_t usual_room = 4096; // bytes, for files that do not tell their size
+// Bytes, for files that do not tell their size and for smaller ones: pieces of each small file's
+// size would stay in the heap.
+static constexpr size_t usual_room = 4096;
 
 // ---- reading ----
 
@@ -20,7 +22,8 @@ static size_t first_room(int fd, size_t most)
     if (fstat(fd, &status) != 0 || status.st_size <= 0)
         return usual_room;
     const auto told = static_cast<uint64_t>(status.st_size);
-    return (told < most ? static_cast<size_t>(told) : most) + 2;
+    const size_t wanted = (told < most ? static_cast<size_t>(told) : most) + 2;
+    return wanted > usual_room ? wanted : usual_room;
 }
 
 // Gives the content room for `room` bytes. Returns 0 or -ENOMEM.

@@ -8,6 +8,8 @@
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 // Sends what a stream holds down to its file. Returns 0, or -1 with errno when a write failed: now,
 // or earlier since the stream was opened or cleared. uClibc's fflush returns 0 even then and
@@ -17,14 +19,28 @@
     return fflush(stream) == 0 && ferror(stream) == 0 ? 0 : -1;
 }
 
+// Hands the pages that deeper calls have left on the main thread's stack back to the machine; to be
+// called by that thread. Nobody else has anything there: the kernel lets a stack grow into it. Not
+// inlined, for only then its frame is the last one.
+[[gnu::noinline]] inline void stack_give_back()
+{
+    constexpr uintptr_t left = 1024;    // for the call that gives back
+    constexpr uintptr_t looked = 65536; // bytes; calls take less
+    const auto page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+    const auto here = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
+    const uintptr_t end = (here - left) & ~(page - 1);
+    (void)madvise(reinterpret_cast<void*>(end - looked), looked, MADV_DONTNEED);
+}
+
 // Hands the memory that was freed back to the machine, for a program that is about to wait: most of
 // what it takes is for one event, and the next one may be days away. glibc keeps it otherwise; what
-// the others do is left to them.
+// the others do is left to them. To be called by the main thread.
 inline void memory_give_back()
 {
 #if defined(__GLIBC__) && !defined(__UCLIBC__)
     (void)malloc_trim(0);
 #endif
+    stack_give_back();
 }
 
 // Has all threads share one heap, which glibc would give each of them. To be called before the

@@ -37,7 +37,7 @@ TEST(TextBuffer, WithoutMemoryItKeepsWhatItHasAndSaysSo)
     const TextBufferGuard held(&buffer);
     text_buffer_add(&buffer, "a");
     memory_fail(1);
-    text_buffer_add(&buffer, "%s", std::string(2000, 'x').c_str());
+    text_buffer_add(&buffer, "%s", std::string(4000, 'x').c_str());
     EXPECT_TRUE(memory_failed());
     text_buffer_add(&buffer, "b");
     EXPECT_STREQ(buffer.text, "a");
