@@ -37,74 +37,77 @@ struct Words {
     size_t count;
 };
 
+// Lends the nth word of a list; "" in the place of one that is none, null behind the last.
+using WordList = const char* (*)(size_t at);
+
 struct KeyRule {
     char key[options_key_size];
     ValueKind kind;
-    Words (*words)(); // null for kinds without
+    WordList words;   // null for kinds without
     char taken[32];   // in the place of what is wrong; "" where it is passed over
     size_t last_line; // that has the key
 };
 
 struct Check {
-    KeyRule rules[most_keys];
-    size_t rule_count;
     FindingReport report;
     void* context;
     int found;
+    size_t rule_count;
+    KeyRule rules[most_keys];
 };
 
 } // namespace
 
 // ---- words ----
 
-static void add_word(Words* words, const char* word)
+static const char* switch_word(size_t at)
 {
-    if (word != nullptr && words->count < most_words)
-        words->of[words->count++] = word;
+    static constexpr const char* words[] = {"enable", "disable", nullptr};
+    return words[at];
 }
 
-static Words switch_words()
+static const char* labels_list_word(size_t at)
 {
-    return {.of = {"enable", "disable"}, .count = 2};
+    return at == 0 ? labels_word : nullptr;
 }
 
-static Words labels_words()
+static const char* smbtype_word(size_t at)
 {
-    return {.of = {labels_word}, .count = 1};
+    if (at == 0)
+        return samba_word;
+    return at <= sizeof own_server_names / sizeof own_server_names[0] ? own_server_names[at - 1]
+                                                                      : nullptr;
 }
 
-static Words smbtype_words()
+static const char* mountfs_word(size_t at)
 {
-    Words words = {.of = {samba_word}, .count = 1};
-    for (const auto& name : own_server_names)
-        add_word(&words, name);
-    return words;
+    if (at / 3 >= filesystem_count)
+        return nullptr;
+    const Filesystem& filesystem = filesystems[at / 3];
+    const char* word = at % 3 == 2 ? filesystem.group : filesystem.words[at % 3];
+    return word != nullptr ? word : "";
 }
 
-static Words mountfs_words()
+static const char* otherfs_word(size_t at)
 {
-    Words words = {};
-    for (const Filesystem& filesystem : filesystems) {
-        add_word(&words, filesystem.words[0]);
-        add_word(&words, filesystem.words[1]);
-        add_word(&words, filesystem.group);
+    if (at >= filesystem_count)
+        return nullptr;
+    return filesystem_is_other(filesystems[at]) ? filesystems[at].type : "";
+}
+
+static const char* mountflags_word(size_t at)
+{
+    return at < mount_flag_count ? mount_flags[at].word : nullptr;
+}
+
+static Words words_of(WordList list)
+{
+    Words words;
+    words.count = 0;
+    for (size_t at = 0; const char* word = list(at); at++) {
+        if (word[0] != '\0' && words.count < most_words)
+            words.of[words.count++] = word;
     }
-    return words;
-}
-
-static Words otherfs_words()
-{
-    Words words = {};
-    for (const Filesystem& filesystem : filesystems)
-        add_word(&words, filesystem_is_other(filesystem) ? filesystem.type : nullptr);
-    return words;
-}
-
-static Words mountflags_words()
-{
-    Words words = {};
-    for (const MountFlag& row : mount_flags)
-        add_word(&words, row.word);
     return words;
 }
 
@@ -119,7 +122,7 @@ static KeyRule* add_rule(Check* check, const char* key, ValueKind kind)
     return rule;
 }
 
-static void add_word_rule(Check* check, const char* key, ValueKind kind, Words (*words)(),
+static void add_word_rule(Check* check, const char* key, ValueKind kind, WordList words,
                           const char* taken)
 {
     KeyRule* rule = add_rule(check, key, kind);
@@ -129,7 +132,7 @@ static void add_word_rule(Check* check, const char* key, ValueKind kind, Words (
 
 static void add_switch_rule(Check* check, const SwitchKey& row)
 {
-    add_word_rule(check, row.key, ValueKind::on_off, switch_words, "enable");
+    add_word_rule(check, row.key, ValueKind::on_off, switch_word, "enable");
 }
 
 static void add_number_rule(Check* check, const NumberKey& row)
@@ -153,7 +156,7 @@ static void add_other_rules(Check* check)
 static void add_rules(Check* check)
 {
     static_assert(most_keys > 12 + sizeof path_keys / sizeof path_keys[0] + filesystem_count);
-    add_word_rule(check, smbtype_key, ValueKind::word, smbtype_words, "the product's own server");
+    add_word_rule(check, smbtype_key, ValueKind::word, smbtype_word, "the product's own server");
     add_switch_rule(check, naswork_key);
     add_switch_rule(check, fat_label_key);
     for (const SwitchKey& row : needed_switches)
@@ -170,10 +173,10 @@ static void add_rules(Check* check)
         const bool driver = row.field == &ConfHotplug::ntfsoptions;
         (void)add_rule(check, row.key, driver ? ValueKind::any : ValueKind::options);
     }
-    add_word_rule(check, mountfs_key, ValueKind::words, mountfs_words, "");
-    add_word_rule(check, otherfs_key, ValueKind::trimmed, otherfs_words, "");
-    add_word_rule(check, mountflags_key, ValueKind::trimmed, mountflags_words, "");
-    add_word_rule(check, labels_key, ValueKind::word, labels_words, "");
+    add_word_rule(check, mountfs_key, ValueKind::words, mountfs_word, "");
+    add_word_rule(check, otherfs_key, ValueKind::trimmed, otherfs_word, "");
+    add_word_rule(check, mountflags_key, ValueKind::trimmed, mountflags_word, "");
+    add_word_rule(check, labels_key, ValueKind::word, labels_list_word, "");
     add_other_rules(check);
 }
 
@@ -194,12 +197,14 @@ static void tell(Check* check, const Finding& finding)
     check->report(check->context, finding);
 }
 
-static void tell_value(Check* check, const IniLine& line, const KeyRule& rule, Finding finding)
+// Tells what `finding` has of it; the rest is the line's and the rule's.
+static void tell_value(Check* check, const IniLine& line, const KeyRule& rule, Finding* finding)
 {
-    finding.line = line.number;
-    finding.key = line.key;
-    finding.taken = finding.taken == nullptr && rule.taken[0] != '\0' ? rule.taken : finding.taken;
-    tell(check, finding);
+    finding->line = line.number;
+    finding->key = line.key;
+    if (finding->taken == nullptr && rule.taken[0] != '\0')
+        finding->taken = rule.taken;
+    tell(check, *finding);
 }
 
 static bool is_one_of(const char* word, const Words& words)
@@ -227,25 +232,25 @@ static void list_words(const Words& words, char (&list)[list_size])
 // What to write in the place of a word: it may stand in the wrong one of the two lists.
 static const char* right_word(const KeyRule& rule, const Words& words, const char* word)
 {
-    if (rule.words == mountfs_words && is_one_of(word, otherfs_words()))
+    if (rule.words == mountfs_word && is_one_of(word, words_of(otherfs_word)))
         return "it into otherfs";
-    if (rule.words == otherfs_words && is_one_of(word, mountfs_words()))
+    if (rule.words == otherfs_word && is_one_of(word, words_of(mountfs_word)))
         return "it into mountfs";
     return finding_nearest(word, words.of, words.count);
 }
 
 static void check_word(Check* check, const IniLine& line, const KeyRule& rule, const char* word)
 {
-    const Words words = rule.words();
+    const Words words = words_of(rule.words);
     if (is_one_of(word, words))
         return;
     char list[list_size];
     list_words(words, list);
-    tell_value(check, line, rule,
-               {.kind = FINDING_UNKNOWN_WORD,
-                .word = word,
-                .right = right_word(rule, words, word),
-                .accepted = list});
+    Finding finding = {.kind = FINDING_UNKNOWN_WORD,
+                       .word = word,
+                       .right = right_word(rule, words, word),
+                       .accepted = list};
+    tell_value(check, line, rule, &finding);
 }
 
 // Each word as the loader takes it. In an option map what stands behind a "=" does not belong to
@@ -269,7 +274,7 @@ static void check_words(Check* check, const IniLine& line, const KeyRule& rule)
 // (Those two it takes for what mount(8) makes of them.)
 static bool is_flag_of_mount(const char* word)
 {
-    return is_one_of(word, mountflags_words()) && strcasecmp(word, "sync") != 0 &&
+    return is_one_of(word, words_of(mountflags_word)) && strcasecmp(word, "sync") != 0 &&
            strcasecmp(word, "dirsync") != 0;
 }
 
@@ -278,12 +283,12 @@ static void check_options(Check* check, const IniLine& line, const KeyRule& rule
     char item[VYOPT_ITEM_SIZE];
     const char* position = line.value;
     while ((position = vyopt_get_section(position, item, sizeof item)) != nullptr) {
-        const Finding finding = {.kind = FINDING_UNKNOWN_WORD,
-                                 .word = item,
-                                 .right = "it into mountflags",
-                                 .taken = "no mount at all"};
+        Finding finding = {.kind = FINDING_UNKNOWN_WORD,
+                           .word = item,
+                           .right = "it into mountflags",
+                           .taken = "no mount at all"};
         if (is_flag_of_mount(item))
-            tell_value(check, line, rule, finding);
+            tell_value(check, line, rule, &finding);
     }
 }
 
@@ -320,19 +325,20 @@ static void check_number(Check* check, const IniLine& line, const KeyRule& rule)
                    static_cast<uint32_t>(number) & (octal ? permission_bits : UINT32_MAX));
     char letters[8];
     const bool spelt = octal && result == -EINVAL && read_letters(line.value, letters);
-    tell_value(check, line, rule,
-               {.kind = result == -EINVAL ? FINDING_NO_NUMBER : FINDING_OUT_OF_RANGE,
-                .word = line.value,
-                .right = spelt ? letters : nullptr,
-                .accepted = octal ? "0 to 777, octal" : "0 to 2147483647",
-                .taken = result == 0 ? taken : nullptr});
+    Finding finding = {.kind = result == -EINVAL ? FINDING_NO_NUMBER : FINDING_OUT_OF_RANGE,
+                       .word = line.value,
+                       .right = spelt ? letters : nullptr,
+                       .accepted = octal ? "0 to 777, octal" : "0 to 2147483647",
+                       .taken = result == 0 ? taken : nullptr};
+    tell_value(check, line, rule, &finding);
 }
 
 static void check_path(Check* check, const IniLine& line, const KeyRule& rule)
 {
     if (line.value[0] == '/')
         return;
-    tell_value(check, line, rule, {.kind = FINDING_NO_PATH, .word = line.value});
+    Finding finding = {.kind = FINDING_NO_PATH, .word = line.value};
+    tell_value(check, line, rule, &finding);
 }
 
 static void check_value(Check* check, const IniLine& line, const KeyRule& rule)
@@ -408,7 +414,7 @@ static void find_last_lines(Check* check, const char* text, size_t size)
 
 int config_check(const char* text, size_t size, FindingReport report, void* context)
 {
-    Check check = {.rules = {}, .rule_count = 0, .report = report, .context = context, .found = 0};
+    Check check = {.report = report, .context = context, .found = 0, .rule_count = 0, .rules = {}};
     add_rules(&check);
     find_last_lines(&check, text, size);
     IniLines lines = {.at = text, .end = text + size, .feeds = 0};

@@ -10,19 +10,11 @@
 
 static constexpr size_t shown_size = 64; // bytes of a word that are shown, with the NUL
 
-namespace {
-
-struct Shown {
-    char text[shown_size];
-};
-
-} // namespace
-
-static Shown show(const char* text)
+// Lends the text as it is shown, from `shown`.
+static const char* show(const char* text, char (&shown)[shown_size])
 {
-    Shown shown = {};
-    str_ncpy_u8(shown.text, text[0] != '\0' ? text : "(nothing)", sizeof shown.text);
-    (void)text_clean(shown.text, ""); // how much it had to change does not matter
+    str_ncpy_u8(shown, text[0] != '\0' ? text : "(nothing)", sizeof shown);
+    (void)text_clean(shown, ""); // how much it had to change does not matter
     return shown;
 }
 
@@ -56,19 +48,21 @@ static bool is_about_key(FindingKind kind)
 
 void finding_format(const Finding& finding, char (&text)[finding_text_size])
 {
-    const Shown section = finding.section[0] != '\0' ? show(finding.section) : Shown{};
-    const Shown key = show(finding.key);
-    const Shown word = is_about_key(finding.kind) ? Shown{} : show(finding.word);
-    const char* between = word.text[0] != '\0' ? ": " : "";
+    char sections[shown_size];
+    char keys[shown_size];
+    char words[shown_size];
+    char rights[shown_size];
+    const char* section = finding.section[0] != '\0' ? show(finding.section, sections) : "";
+    const char* key = show(finding.key, keys);
+    const char* word = is_about_key(finding.kind) ? "" : show(finding.word, words);
     const bool near = finding.right != nullptr;
-    const Shown right = near ? show(finding.right) : Shown{};
     const bool list = !near && finding.accepted != nullptr;
-    (void)snprintf(
-        text, sizeof text, "%s%s%s%s%s%s %s%s%s%s%s; %s%s", section.text[0] != '\0' ? "[" : "",
-        section.text, section.text[0] != '\0' ? "] " : "", key.text, between, word.text,
-        says(finding.kind), near ? ", write " : "", right.text, list ? ", accepted: " : "",
-        list ? finding.accepted : "", finding.taken != nullptr ? finding.taken : "it",
-        finding.taken != nullptr ? " is taken" : " is passed over");
+    (void)snprintf(text, sizeof text, "%s%s%s%s%s%s %s%s%s%s%s; %s%s",
+                   section[0] != '\0' ? "[" : "", section, section[0] != '\0' ? "] " : "", key,
+                   word[0] != '\0' ? ": " : "", word, says(finding.kind), near ? ", write " : "",
+                   near ? show(finding.right, rights) : "", list ? ", accepted: " : "",
+                   list ? finding.accepted : "", finding.taken != nullptr ? finding.taken : "it",
+                   finding.taken != nullptr ? " is taken" : " is passed over");
 }
 
 // ---- nearest words ----
@@ -86,27 +80,36 @@ static size_t least(size_t a, size_t b)
 }
 
 // Steps from one word to the other, each at most `longest` bytes long (optimal string alignment):
-// one row for each letter of `a`, of which the last three are held.
+// one row for each letter of `a`, of which the last three are held, each in the place of the one
+// three above it.
 static size_t distance(const char* a, const char* b)
 {
-    size_t rows[3][longest + 1];
+    uint8_t rows[3][longest + 1];
+    uint8_t* two_up = rows[0];
+    uint8_t* up = rows[1];
+    uint8_t* row = rows[2];
     const size_t width = strlen(b);
     for (size_t j = 0; j <= width; j++)
-        rows[0][j] = j;
-    size_t i = 0;
-    for (; a[i] != '\0'; i++) {
-        const size_t* two_up = rows[(i + 2) % 3];
-        const size_t* up = rows[i % 3];
-        size_t* row = rows[(i + 1) % 3];
-        row[0] = i + 1;
+        row[j] = static_cast<uint8_t>(j);
+    char before = '\0';
+    for (; *a != '\0'; a++) {
+        uint8_t* oldest = two_up;
+        two_up = up;
+        up = row;
+        row = oldest;
+        const char letter = lower(*a);
+        row[0] = static_cast<uint8_t>(up[0] + 1);
         for (size_t j = 0; j < width; j++) {
-            const bool same = lower(a[i]) == lower(b[j]);
-            row[j + 1] = least(least(up[j + 1], row[j]) + 1, up[j] + (same ? 0 : 1));
-            if (i > 0 && j > 0 && lower(a[i]) == lower(b[j - 1]) && lower(a[i - 1]) == lower(b[j]))
-                row[j + 1] = least(row[j + 1], two_up[j - 1] + 1);
+            const char other = lower(b[j]);
+            size_t steps =
+                least(least(up[j + 1], row[j]) + 1U, up[j] + (letter == other ? 0U : 1U));
+            if (before != '\0' && j > 0 && letter == lower(b[j - 1]) && before == other)
+                steps = least(steps, two_up[j - 1] + 1U);
+            row[j + 1] = static_cast<uint8_t>(steps);
         }
+        before = letter;
     }
-    return rows[i % 3][width];
+    return row[width];
 }
 
 const char* finding_nearest(const char* word, const char* const* words, size_t count)

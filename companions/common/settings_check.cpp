@@ -14,51 +14,49 @@ namespace {
 
 enum class SettingKind : uint8_t { text, path, on_off, word, users };
 
-struct SettingRule {
-    const char* key;
-    SettingKind kind;
+struct WordList {
     const char* const* words;
-    size_t word_count;
-    const char* list;  // of the words
+    size_t count;
+    const char* list;  // as it is told
     const char* taken; // in the place of a word that is wrong
 };
 
+struct SettingRule {
+    const char* key;
+    SettingKind kind;
+    const WordList* words; // null for kinds without
+};
+
 struct Check {
-    char section[ini_key_size];
     UserLookup lookup;
     FindingReport report;
     void* context;
     int found;
+    char section[ini_key_size];
 };
 
 constexpr const char* switch_words[] = {"enable", "disable"};
 constexpr const char* admin_words[] = {"hide", "block", "readonly", "ro"};
 constexpr const char* fs_words[] = {"deffs", "fat", "vfat", "ntfs", "ext2", "ext3", "ext4"};
 
-constexpr SettingRule plain(const char* key, SettingKind kind)
-{
-    return {key, kind, nullptr, 0, nullptr, nullptr};
-}
-
-constexpr SettingRule on_off(const char* key)
-{
-    return {key, SettingKind::on_off, switch_words, 2, "enable, disable", "disable"};
-}
+constexpr WordList switch_list = {switch_words, 2, "enable, disable", "disable"};
+constexpr WordList admin_list = {admin_words, 4, "hide, block, readonly", "full access"};
+constexpr WordList fs_list = {fs_words, 7, "deffs, fat, ntfs, ext2, ext3, ext4", "deffs"};
 
 constexpr SettingRule rules[] = {
-    plain("sharename", SettingKind::text),
-    plain("path", SettingKind::path),
-    plain("comment", SettingKind::text),
-    {"filesystem", SettingKind::word, fs_words, 7, "deffs, fat, ntfs, ext2, ext3, ext4", "deffs"},
-    on_off("sync"),
-    on_off("readonly"),
-    on_off("guestaccess"),
-    on_off("guesthide"),
-    {"administrator", SettingKind::word, admin_words, 4, "hide, block, readonly", "full access"},
-    plain("fullaccessusers", SettingKind::users),
-    plain("readonlyusers", SettingKind::users),
-    plain("blockusers", SettingKind::users),
-    plain("hideusers", SettingKind::users),
+    {"sharename", SettingKind::text, nullptr},
+    {"path", SettingKind::path, nullptr},
+    {"comment", SettingKind::text, nullptr},
+    {"filesystem", SettingKind::word, &fs_list},
+    {"sync", SettingKind::on_off, &switch_list},
+    {"readonly", SettingKind::on_off, &switch_list},
+    {"guestaccess", SettingKind::on_off, &switch_list},
+    {"guesthide", SettingKind::on_off, &switch_list},
+    {"administrator", SettingKind::word, &admin_list},
+    {"fullaccessusers", SettingKind::users, nullptr},
+    {"readonlyusers", SettingKind::users, nullptr},
+    {"blockusers", SettingKind::users, nullptr},
+    {"hideusers", SettingKind::users, nullptr},
 };
 constexpr size_t rule_count = sizeof rules / sizeof rules[0];
 
@@ -137,12 +135,13 @@ static void check_users(Check* check, const IniLine& line)
 
 static void check_word(Check* check, const IniLine& line, const SettingRule& rule)
 {
-    for (size_t at = 0; at < rule.word_count; at++) {
-        if (line.value[0] == '\0' || strcasecmp(rule.words[at], line.value) == 0)
+    const WordList& list = *rule.words;
+    for (size_t at = 0; at < list.count; at++) {
+        if (line.value[0] == '\0' || strcasecmp(list.words[at], line.value) == 0)
             return;
     }
     tell(check, line, FINDING_UNKNOWN_WORD, line.value,
-         finding_nearest(line.value, rule.words, rule.word_count), rule.list, rule.taken);
+         finding_nearest(line.value, list.words, list.count), list.list, list.taken);
 }
 
 static void check_value(Check* check, const IniLine& line, const SettingRule& rule)
@@ -178,7 +177,7 @@ int settings_check(const char* text, size_t size, UserLookup lookup, FindingRepo
                    void* context)
 {
     Check check = {
-        .section = "", .lookup = lookup, .report = report, .context = context, .found = 0};
+        .lookup = lookup, .report = report, .context = context, .found = 0, .section = ""};
     IniLines lines = {.at = text, .end = text + size, .feeds = 0};
     IniLine line;
     bool in_section = false;

@@ -183,4 +183,8 @@ TEST(FindingNearest, IsTheOneWithTheFewestSteps)
     EXPECT_EQ(near(""), "(none)");
     EXPECT_EQ(near(std::string(64, 'x').c_str()), "(none)");
     EXPECT_EQ(near(std::string(63, 'x').c_str()), "(none)");
+    const std::string longest(63, 'x');
+    const char* const one[] = {longest.c_str()};
+    EXPECT_STREQ(finding_nearest((longest.substr(1) + "y").c_str(), one, 1), one[0]);
+    EXPECT_EQ(finding_nearest((longest + "y").c_str(), one, 1), nullptr);
 }

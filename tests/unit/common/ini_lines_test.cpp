@@ -41,6 +41,12 @@ TEST(IniLines, AreCutWhereTheReaderCuts)
     const std::string value(3000, 'v');
     EXPECT_EQ(lines_of(key + "=" + value),
               (Lines{"1:entry:" + key.substr(0, 511) + ":" + value.substr(0, 2047)}));
+    for (const size_t more : {0U, 1U, 2U}) {
+        EXPECT_EQ(lines_of(key.substr(0, 511 + more) + "=" + value.substr(0, 2047 + more)),
+                  (Lines{"1:entry:" + key.substr(0, 511) + ":" + value.substr(0, 2047)}));
+        EXPECT_EQ(lines_of("[" + key.substr(0, 511 + more) + "]\n"),
+                  (Lines{"1:header:" + key.substr(0, 511) + ":"}));
+    }
 }
 
 // The reader of the service and this one say the same of the entries before the first header.
