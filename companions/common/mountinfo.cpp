@@ -63,16 +63,26 @@ static bool next_number(char** rest, int32_t* number)
     return field != nullptr && str_to_long(field, number, 10) == 0;
 }
 
+// Reads the digits that the text begins with. Lends what is behind them; null for none, or too
+// many.
+static const char* read_digits(const char* text, uint32_t* number)
+{
+    if (*text < '0' || *text > '9') // which strtoull(3) would pass over, or take for a sign
+        return nullptr;
+    char* end = nullptr;
+    const unsigned long long value = strtoull(text, &end, 10);
+    *number = static_cast<uint32_t>(value);
+    return value <= UINT32_MAX ? end : nullptr;
+}
+
 // "major:minor"
 static bool next_device(char** rest, MountinfoEntry* entry)
 {
-    char* field = next_field(rest);
-    char* colon = field != nullptr ? strchr(field, ':') : nullptr;
-    if (colon == nullptr)
-        return false;
-    *colon = '\0';
-    return str_to_ulong(field, &entry->major, 10) == 0 &&
-           str_to_ulong(colon + 1, &entry->minor, 10) == 0;
+    const char* field = next_field(rest);
+    const char* colon = field != nullptr ? read_digits(field, &entry->major) : nullptr;
+    const char* end =
+        colon != nullptr && *colon == ':' ? read_digits(colon + 1, &entry->minor) : nullptr;
+    return end != nullptr && *end == '\0';
 }
 
 // Whether options, separated by commas, hold "ro". The kernel writes a comma within one as "\\054".
