@@ -135,16 +135,22 @@ static constexpr uint32_t refused_calls[] = {
 };
 static constexpr uint32_t refused_count = sizeof refused_calls / sizeof refused_calls[0];
 
+// From here on x86-64 has the same calls once more, for programs with short pointers (x32); the
+// numbers of others do not go that far.
+static constexpr uint32_t same_calls_again = 0x40000000;
+
 // A filter of the kernel's: passes what is not in the list. A program for another architecture
 // ends.
 static bool refuse_calls()
 {
-    static constexpr uint32_t head = 4;
+    static constexpr uint32_t head = 6;
     sock_filter filter[head + 2 * refused_count + 1] = {
         BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, arch)),
         BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, system_call_architecture, 1, 0),
         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_KILL),
         BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JGE | BPF_K, same_calls_again, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),
     };
     for (uint32_t i = 0; i < refused_count; i++) {
         filter[head + 2 * i] = BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, refused_calls[i], 0, 1);

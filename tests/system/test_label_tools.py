@@ -411,6 +411,8 @@ attempt("write", lambda: write("/tmp/volume.image"))
 attempt("unlink", lambda: os.unlink("/tmp/volume.image"))
 attempt("secret", lambda: write("/tmp/secret"))
 libc = ctypes.CDLL(None, use_errno=True)
+libc.syscall(0x40000000 + 41, socket.AF_UNIX, 1, 0)  # socket(2) of the x32 ABI, where the kernel has one
+print("x32", os.strerror(ctypes.get_errno()), end=";")
 print("mount", libc.mount(b"/tmp", b"/tmp", None, 4096, None), end=";")
 status = dict(line.split(":", 1) for line in open("/proc/self/status"))
 print(",".join(status[key].strip() for key in ("Uid", "Gid", "Groups", "CapEff", "CapBnd", "NoNewPrivs")).replace(
@@ -426,7 +428,7 @@ attempt("read", lambda: open("/tmp/secret").read())
         right = "0000000000000004"  # CAP_DAC_READ_SEARCH
         self.assertEqual(done.stdout.decode(), ";".join([
             f"fork {refused}", f"socket {refused}", f"inet {refused}", f"kill {refused}", f"own {refused}",
-            f"root {refused}", "write Permission denied", f"unlink {refused}", "secret Permission denied", "mount -1",
+            f"root {refused}", "write Permission denied", f"unlink {refused}", "secret Permission denied", f"x32 {refused}", "mount -1",
             f"65534 65534 65534 65534,65534 65534 65534 65534,,{right},{right},1", "read done", "\n"]))
         self.assertEqual(vyworld.read(IMAGE), "volume")
 
