@@ -50,6 +50,24 @@ ChildResult run_main(int (*main_function)(int argc, char* argv[]),
     return run_child([&] { return call_main(main_function, arguments); });
 }
 
+pid_t waiting_child(const std::function<bool()>& act)
+{
+    int ready[2];
+    char byte = 0;
+    EXPECT_EQ(pipe2(ready, O_CLOEXEC), 0);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        if (!act() || write(ready[1], "x", 1) != 1)
+            _exit(1);
+        for (;;)
+            pause();
+    }
+    close(ready[1]);
+    EXPECT_EQ(read(ready[0], &byte, 1), 1);
+    close(ready[0]);
+    return pid;
+}
+
 bool wait_for(const std::function<bool()>& condition, int msec)
 {
     for (int looks = 0; looks < msec; looks++) {

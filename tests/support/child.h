@@ -1,6 +1,8 @@
 // Runs a piece of the program in a process of its own, its output caught.
 #pragma once
 
+#include <sys/types.h>
+
 #include <functional>
 #include <string>
 #include <vector>
@@ -20,6 +22,9 @@ ChildResult run_main(int (*main_function)(int argc, char* argv[]),
 
 // Calls a main function in this process.
 int call_main(int (*main_function)(int argc, char* argv[]), std::vector<std::string> arguments);
+
+// Starts a process that does something and then waits to be killed. Returns once it has done it.
+pid_t waiting_child(const std::function<bool()>& act);
 
 // Waits until `condition` holds, for a minute at most unless told. Returns whether it does.
 bool wait_for(const std::function<bool()>& condition, int msec = 60000);

@@ -1,5 +1,6 @@
 #include "support/failing_calls.h"
 
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <mntent.h>
@@ -29,6 +30,7 @@ struct State {
     size_t read_most = 0;
     std::map<std::string, int> calls;
     std::set<FILE*> streams;
+    std::vector<std::string> inheritable;
 };
 
 std::recursive_mutex mutex;
@@ -71,6 +73,16 @@ FILE* keep_stream(FILE* stream)
         state.streams.insert(stream);
     }
     return stream;
+}
+
+// Notes a descriptor that is not close-on-exec. Returns it.
+int note_opened(int fd, bool closes, const std::string& what)
+{
+    if (watched && !overlooked && fd >= 0 && !closes) {
+        const Lock lock(mutex);
+        state.inheritable.push_back(what);
+    }
+    return fd;
 }
 
 void forget_stream(FILE* stream)
@@ -135,6 +147,16 @@ size_t streams_kept()
     return state.streams.size();
 }
 
+std::vector<std::string> inheritable_after(const std::function<void()>& work)
+{
+    calls_reset();
+    calls_watch(true);
+    work();
+    calls_watch(false);
+    const Lock lock(mutex);
+    return state.inheritable;
+}
+
 void calls_reset()
 {
     const Lock lock(mutex);
@@ -169,6 +191,8 @@ WRAP(char*, nullptr, getcwd, (char* buffer, size_t size), (buffer, size))
 WRAP(int, -1, listen, (int fd, int backlog), (fd, backlog))
 WRAP_AS("lstat", int, -1, lstat64, (const char* path, struct stat64* status), (path, status))
 WRAP(ssize_t, -1, read, (int fd, void* buffer, size_t size), (fd, buffer, cut(size)))
+WRAP_AS("readdir", struct dirent*, nullptr, readdir, (DIR * stream), (stream)) // musl's
+WRAP_AS("readdir", struct dirent64*, nullptr, readdir64, (DIR * stream), (stream))
 WRAP(ssize_t, -1, recv, (int fd, void* buffer, size_t size, int flags), (fd, buffer, size, flags))
 WRAP(ssize_t, -1, send, (int fd, const void* buffer, size_t size, int flags),
      (fd, buffer, size, flags))
@@ -176,7 +200,6 @@ WRAP(int, -1, setsockopt, (int fd, int level, int name, const void* value, sockl
      (fd, level, name, value, size))
 WRAP(int, -1, sigaction, (int number, const struct sigaction* action, struct sigaction* old),
      (number, action, old))
-WRAP(int, -1, socket, (int domain, int type, int protocol), (domain, type, protocol))
 WRAP_AS("stat", int, -1, stat64, (const char* path, struct stat64* status), (path, status))
 WRAP_AS("statvfs", int, -1, statvfs64, (const char* path, struct statvfs64* status), (path, status))
 WRAP(ssize_t, -1, write, (int fd, const void* buffer, size_t size), (fd, buffer, size))
@@ -241,7 +264,7 @@ int __wrap_fclose(FILE* stream)
     return fails ? EOF : result;
 }
 
-int __wrap_fprintf(FILE* stream, const char* format, ...);
+int __wrap_fprintf(FILE* stream, const char* format, ...) __attribute__((format(printf, 2, 3)));
 int __wrap_fprintf(FILE* stream, const char* format, ...)
 {
     if (call_fails("fprintf"))
@@ -260,6 +283,13 @@ size_t __wrap_fread(void* buffer, size_t size, size_t count, FILE* stream)
     return call_fails("fread") ? 0 : __real_fread(buffer, size, count, stream);
 }
 
+size_t __real_fwrite(const void* buffer, size_t size, size_t count, FILE* stream);
+size_t __wrap_fwrite(const void* buffer, size_t size, size_t count, FILE* stream);
+size_t __wrap_fwrite(const void* buffer, size_t size, size_t count, FILE* stream)
+{
+    return call_fails("fwrite") ? 0 : __real_fwrite(buffer, size, count, stream);
+}
+
 // ---- descriptors ----
 
 int __real_open64(const char* path, int flags, mode_t mode);
@@ -270,7 +300,10 @@ int __wrap_open64(const char* path, int flags, ...)
     va_start(arguments, flags);
     const auto mode = static_cast<mode_t>((flags & O_CREAT) != 0 ? va_arg(arguments, int) : 0);
     va_end(arguments);
-    return call_fails("open") ? -1 : __real_open64(path, flags, mode);
+    if (call_fails("open"))
+        return -1;
+    return note_opened(__real_open64(path, flags, mode), (flags & O_CLOEXEC) != 0,
+                       std::string("open ") + path);
 }
 
 int __real_openat64(int directory, const char* path, int flags, mode_t mode);
@@ -281,7 +314,19 @@ int __wrap_openat64(int directory, const char* path, int flags, ...)
     va_start(arguments, flags);
     const auto mode = static_cast<mode_t>((flags & O_CREAT) != 0 ? va_arg(arguments, int) : 0);
     va_end(arguments);
-    return call_fails("openat") ? -1 : __real_openat64(directory, path, flags, mode);
+    if (call_fails("openat"))
+        return -1;
+    return note_opened(__real_openat64(directory, path, flags, mode), (flags & O_CLOEXEC) != 0,
+                       std::string("openat ") + path);
+}
+
+int __real_socket(int domain, int type, int protocol);
+int __wrap_socket(int domain, int type, int protocol);
+int __wrap_socket(int domain, int type, int protocol)
+{
+    if (call_fails("socket"))
+        return -1;
+    return note_opened(__real_socket(domain, type, protocol), (type & SOCK_CLOEXEC) != 0, "socket");
 }
 
 int __real_fcntl(int fd, int command, long argument);

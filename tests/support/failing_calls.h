@@ -9,6 +9,7 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <vector>
 
 // Makes the nth call of a function from now on (1 = the next) fail with an errno, once. A close or
 // fclose is done before it fails.
@@ -34,6 +35,10 @@ void calls_overlook(bool on);
 // What was counted, and how many streams were opened and not closed, since calls_reset().
 std::map<std::string, int> calls_counted();
 size_t streams_kept();
+
+// What some work opens by open(2), openat(2) and socket(2) that every program started meanwhile
+// would have as well: "open /path", "socket"; nothing where all of it is close-on-exec. It resets.
+std::vector<std::string> inheritable_after(const std::function<void()>& work);
 
 // No plan, no watch, nothing counted, no reads cut.
 void calls_reset();

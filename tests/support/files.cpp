@@ -3,11 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <dirent.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <fstream>
 #include <sstream>
+#include <vector>
 
 void write_file(const std::string& path, std::string_view content)
 {
@@ -66,6 +69,31 @@ std::set<std::string> names_in(const std::string& directory)
     names.erase(".");
     names.erase("..");
     return names;
+}
+
+void with_few_descriptors(size_t few, const std::function<void()>& work)
+{
+    std::vector<int> lowest;
+    for (size_t i = 0; i <= few; i++)
+        lowest.push_back(dup(STDIN_FILENO));
+    for (const int fd : lowest)
+        close(fd);
+    rlimit before;
+    EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    rlimit limit = before;
+    limit.rlim_cur = static_cast<rlim_t>(lowest.back());
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    work();
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+}
+
+void with_input_closed(const std::function<void()>& work)
+{
+    const int input = dup(STDIN_FILENO);
+    close(STDIN_FILENO);
+    work();
+    dup2(input, STDIN_FILENO);
+    close(input);
 }
 
 int open_descriptors()

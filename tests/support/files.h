@@ -25,3 +25,10 @@ std::string written_by(const std::function<void(FILE*)>& write);
 
 // How many descriptors this process holds open.
 int open_descriptors();
+
+// Does some work while no more than so many descriptors can be opened besides those that are.
+void with_few_descriptors(size_t few, const std::function<void()>& work);
+
+// Does some work with the standard input closed: what is opened first is descriptor 0 then, as for
+// a program whose starter has closed it.
+void with_input_closed(const std::function<void()>& work);

@@ -31,6 +31,7 @@ const std::map<std::string, std::vector<int>> errors_of = {
     {"fprintf", {EIO, ENOSPC}},
     {"fputc", {EIO, ENOSPC}},
     {"fputs", {EIO, ENOSPC}},
+    {"fwrite", {ENOSPC}},
     {"kill", {ESRCH, EPERM}},
     {"mkdir", {ENOSPC, EROFS, EEXIST}},
     {"mknod", {ENOSPC, EROFS, EEXIST}},

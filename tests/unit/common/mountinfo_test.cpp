@@ -1,5 +1,6 @@
 #include "common/mountinfo.h"
 
+#include "support/failing_calls.h"
 #include "support/files.h"
 
 #include <gtest/gtest.h>
@@ -256,6 +257,21 @@ TEST(MountinfoLoad, TellsWhyAFileCannotBeRead)
     EXPECT_EQ(mountinfo_load("/tmp/none", &table), -ENOENT);
     EXPECT_EQ(mountinfo_load("/tmp", &table), -EISDIR);
     EXPECT_EQ(table, nullptr);
+}
+
+TEST(MountinfoLoad, OpensItForNobodyElse)
+{
+    MountinfoGuard table;
+    EXPECT_TRUE(inheritable_after([&] {
+                    EXPECT_EQ(mountinfo_load(mountinfo_path, table.out()), 0);
+                }).empty());
+}
+
+TEST(MountinfoLoad, ReadsThroughTheFirstDescriptor)
+{
+    MountinfoGuard table;
+    with_input_closed([&] { EXPECT_EQ(mountinfo_load(mountinfo_path, table.out()), 0); });
+    EXPECT_GT(table->count, 0U);
 }
 
 TEST(MountinfoFindDevice, IsTheFirstOfItsMountsBelow)

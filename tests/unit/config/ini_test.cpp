@@ -1,6 +1,7 @@
 #include "config/ini.h"
 
 #include "fake/fake_log.h"
+#include "support/failing_calls.h"
 #include "support/files.h"
 
 #include <gtest/gtest.h>
@@ -55,6 +56,18 @@ std::vector<std::string> sections_of(const std::string& content)
 using Names = std::vector<std::string>;
 
 // ---- how a lookup finds a header ----
+
+TEST(IniFile, IsOpenForNobodyElse)
+{
+    write_file(path, "[a]\nb=c\n");
+    EXPECT_TRUE(inheritable_after([] { EXPECT_EQ(lookup("a", "b"), "0 c"); }).empty());
+}
+
+TEST(IniFile, IsReadThroughTheFirstDescriptor)
+{
+    write_file(path, "[a]\nb=c\n");
+    with_input_closed([] { EXPECT_EQ(lookup("a", "b"), "0 c"); });
+}
 
 TEST(IniHeader, IsFoundWithoutRegardToCase)
 {

@@ -1,6 +1,8 @@
 #include "ksmbd/connections.h"
 
 #include "lib/guard.h"
+#include "support/failing_calls.h"
+#include "support/files.h"
 
 #include <gtest/gtest.h>
 
@@ -78,6 +80,20 @@ TEST(Connections, ThoseOfThePortEndAndNoOthers)
     EXPECT_FALSE(is_over(others.server));
     EXPECT_FALSE(is_over(ours.listener));
     EXPECT_EQ(connections_end(port), 0);
+}
+
+TEST(Connections, AreAskedForWithoutASocketForOthers)
+{
+    int ended = 0;
+    EXPECT_TRUE(inheritable_after([&] { ended = connections_end(1); }).empty());
+    if (ended < 0)
+        GTEST_SKIP() << "this kernel cannot end connections";
+}
+
+TEST(Connections, AreAskedForThroughTheFirstDescriptor)
+{
+    const int usual = connections_end(1);
+    with_input_closed([&] { EXPECT_EQ(connections_end(1), usual); });
 }
 
 TEST(Connections, AnyNumberOfThem)

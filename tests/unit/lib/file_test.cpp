@@ -1,6 +1,7 @@
 #include "lib/file.h"
 
 #include "fake/fake_world.h"
+#include "support/failing_calls.h"
 #include "support/failing_memory.h"
 #include "support/files.h"
 
@@ -54,7 +55,8 @@ std::string text_of(const FileBytes& content)
 
 TEST_F(File, IsReadWholeWhateverItsSize)
 {
-    for (const size_t size : {0, 1, 4094, 4095, 4096, 4097, 8191, 100000}) {
+    constexpr size_t sizes[] = {0, 1, 4094, 4095, 4096, 4097, 8191, 100000};
+    for (const size_t size : sizes) {
         const std::string text(size, 'x');
         write_file(path, text);
         FileBytes content;
@@ -97,6 +99,25 @@ TEST_F(File, ThatIsNoneIsRefusedWithoutWaiting)
     EXPECT_EQ(file_read_all(folder.c_str(), 0, FILE_ANY_SIZE, &content), -EINVAL);
     ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
     EXPECT_EQ(file_read_all(path.c_str(), 0, FILE_ANY_SIZE, &content), -EINVAL);
+}
+
+TEST_F(File, IsOpenForNobodyElse)
+{
+    FileBytes content;
+    EXPECT_TRUE(inheritable_after([&] {
+                    EXPECT_EQ(replace("new", FILE_DURABLE), 0);
+                    EXPECT_EQ(file_read_all(path.c_str(), 0, FILE_ANY_SIZE, &content), 0);
+                }).empty());
+}
+
+TEST_F(File, IsReadAndReplacedThroughTheFirstDescriptor)
+{
+    FileBytes content;
+    with_input_closed([&] {
+        EXPECT_EQ(replace("new", FILE_DURABLE), 0);
+        EXPECT_EQ(file_read_all(path.c_str(), 0, FILE_ANY_SIZE, &content), 0);
+    });
+    EXPECT_EQ(text_of(content), "new");
 }
 
 TEST_F(File, BehindALinkIsReadUnlessLinksAreRefused)
@@ -193,7 +214,8 @@ TEST_F(File, StaysWhenTheDiskIsFull)
     mount_small("size=64k");
     write_file(path, "old");
     write_file(folder + "/filler", std::string(60 * 1024, 'x')); // no page is left
-    for (const size_t size : {3000, 100000}) {
+    constexpr size_t sizes[] = {3000, 100000};
+    for (const size_t size : sizes) {
         EXPECT_EQ(replace(std::string(size, 'n')), -ENOSPC) << size;
         EXPECT_EQ(read_file(path), "old");
         EXPECT_EQ(names(), (std::set<std::string>{"filler", "kept.conf"}));

@@ -111,6 +111,15 @@ TEST_F(PidFile, DescriptorIsForWritingOnly)
     EXPECT_EQ(fcntl(fd, F_GETFL) & O_ACCMODE, O_WRONLY);
 }
 
+TEST_F(PidFile, DescriptorMayBeTheFirst)
+{
+    with_input_closed([this] {
+        EXPECT_EQ(create(), 0);
+        fd = fcntl(fd, F_DUPFD_CLOEXEC, 10);
+    });
+    EXPECT_EQ(read_file(path), std::to_string(getpid()) + "\n");
+}
+
 TEST_F(PidFile, DescriptorIsClosedAcrossExec)
 {
     ASSERT_GE(create(), 0);
@@ -213,7 +222,8 @@ TEST_F(PidFile, LockThatIsNotRootsKeepsNobodyFromStarting)
 {
     write_file(path, "1\n");
     for (const bool heir : {false, true}) {
-        for (const uid_t effective : {1234, 0}) { // with root's rights, as a set-user-id program
+        constexpr uid_t users[] = {1234, 0};
+        for (const uid_t effective : users) { // with root's rights, as a set-user-id program
             const Locker locker(path, 1234, effective, heir);
             ASSERT_GE(create(), 0) << effective << heir;
             EXPECT_EQ(read_file(path), own);

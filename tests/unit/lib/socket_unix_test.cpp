@@ -93,6 +93,24 @@ TEST_F(Sockets, AllAreClosedAcrossExec)
         EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC) << fd;
 }
 
+TEST_F(Sockets, EachMayBeTheFirstDescriptor)
+{
+    with_input_closed([this] {
+        const int listener = unix_create_listen_socket("first");
+        EXPECT_EQ(listener, 0);
+        const int moved = hold(fcntl(listener, F_DUPFD_CLOEXEC, 10));
+        close(listener);
+        const int client = unix_create_socket("first");
+        EXPECT_EQ(client, 0);
+        hold(fcntl(client, F_DUPFD_CLOEXEC, 10));
+        close(client);
+        const int server = unix_accept_addr(moved, nullptr, nullptr);
+        EXPECT_EQ(server, 0);
+        close(server);
+    });
+    EXPECT_EQ(fake_log_texts(), Texts{});
+}
+
 // ---- addresses ----
 
 // What the kernel was given as a listening socket's address.

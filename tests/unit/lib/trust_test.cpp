@@ -122,7 +122,8 @@ TEST_F(Trust, AFileOfSomebodyElsesIsNot)
 
 TEST_F(Trust, AFileThatOthersMayWriteToIsNot)
 {
-    for (const mode_t mode : {0666, 0664, 0646, 0602, 0620}) {
+    constexpr mode_t modes[] = {0666, 0664, 0646, 0602, 0620};
+    for (const mode_t mode : modes) {
         ASSERT_EQ(chmod((closed + "/file").c_str(), mode), 0);
         EXPECT_EQ(opened(closed + "/file"), -EPERM) << mode;
     }
@@ -405,6 +406,35 @@ TEST_F(Trust, WhatTookAnOwnFilesPlaceIsSetAsideToo)
     expect_set_aside(names());
 }
 
+TEST_F(Trust, WhatAnOwnFileWasExchangedForIsNotFollowed)
+{
+    for (const bool appends : {false, true}) {
+        write_file(temporary, "own");
+        call_before("open", 1, [] {
+            EXPECT_EQ(unlink(temporary.c_str()), 0);
+            make_link(closed + "/file", temporary);
+        });
+        const FileGuard stream((appends ? trust_append : trust_create)(temporary.c_str()));
+        EXPECT_TRUE(call_failed());
+        EXPECT_FALSE(stream);
+        EXPECT_EQ(read_file(closed + "/file"), "content");
+        ASSERT_EQ(unlink(temporary.c_str()), 0);
+    }
+}
+
+TEST_F(Trust, AFifoThatTookAnOwnFilesPlaceIsNotWaitedFor)
+{
+    write_file(temporary, "own");
+    call_before("open", 1, [] {
+        EXPECT_EQ(unlink(temporary.c_str()), 0);
+        EXPECT_EQ(mkfifo(temporary.c_str(), 0600), 0);
+    });
+    alarm(20);
+    EXPECT_EQ(trust_append(temporary.c_str()), nullptr);
+    alarm(0);
+    EXPECT_TRUE(call_failed());
+}
+
 TEST_F(Trust, AFifoIsSetAsideAndNotWaitedFor)
 {
     ASSERT_EQ(mkfifo(temporary.c_str(), 0666), 0);
@@ -481,6 +511,31 @@ TEST_F(Trust, WhatIsOpenIsNoChilds)
         EXPECT_EQ(fcntl(fileno(written.get()), F_GETFD), FD_CLOEXEC) << made;
         EXPECT_EQ(fcntl(fileno(appended.get()), F_GETFD), FD_CLOEXEC) << made;
     }
+}
+
+TEST_F(Trust, TheFirstDescriptorIsAsGoodAsAnyOther)
+{
+    with_input_closed([] {
+        const int fd = trust_open((closed + "/file").c_str());
+        EXPECT_GE(fd, 0);
+        close(fd);
+        EXPECT_EQ(written(), "new");
+        EXPECT_EQ(written(), "new");
+        EXPECT_EQ(appended(), 0);
+        ASSERT_EQ(unlink(temporary.c_str()), 0);
+        EXPECT_EQ(appended(), 0);
+    });
+    EXPECT_EQ(read_file(temporary), "+");
+}
+
+TEST_F(Trust, NorIsAnyStepOfTheWay)
+{
+    make_link("../closed/", sticky + "/up");
+    EXPECT_TRUE(inheritable_after([] {
+                    close(trust_open((sticky + "/up/file").c_str()));
+                    EXPECT_EQ(written(), "new");
+                    EXPECT_EQ(appended(), 0);
+                }).empty());
 }
 
 TEST_F(Trust, AppendingLeavesAloneWhatIsSomebodyElses)

@@ -2,6 +2,7 @@
 
 #include "fake/fake_log.h"
 #include "fake/fake_world.h"
+#include "lib/guard.h"
 #include "support/files.h"
 
 #include <gtest/gtest.h>
@@ -149,6 +150,18 @@ TEST_F(PlacesTest, LeavesAnOwnDirectoryAsItIs)
     EXPECT_EQ(before.st_ctim.tv_nsec, after.st_ctim.tv_nsec);
     EXPECT_EQ(read_file("/tmp/place/file"), "text");
     EXPECT_TRUE(fake_log_texts().empty());
+}
+
+// Whoever starts it may have closed its input.
+TEST_F(PlacesTest, OpensADirectoryThroughAnyDescriptor)
+{
+    make_directory(place, 0, 0700);
+    const FdGuard input(dup(STDIN_FILENO));
+    close(STDIN_FILENO);
+    const int result = place_own_directory(place);
+    EXPECT_EQ(dup2(input.get(), STDIN_FILENO), STDIN_FILENO);
+    EXPECT_EQ(result, 0);
+    expect_own_directory(place);
 }
 
 TEST_F(PlacesTest, OpensAnOwnDirectoryThatOthersCouldNotEnter)
