@@ -151,7 +151,14 @@ int sys_mount(const char* source, const char* target, const char* type, unsigned
                                          " " + hex(flags) + " " + text_of(options));
     if (failed != 0)
         return failed;
-    if (state.world.mounts.count(target) != 0)
+    const auto mounted = state.world.mounts.find(target);
+    if ((flags & MS_REMOUNT) != 0) {
+        if (mounted == state.world.mounts.end())
+            return -EINVAL;
+        mounted->second.flags = flags & ~static_cast<unsigned long>(MS_REMOUNT | MS_BIND);
+        return 0;
+    }
+    if (mounted != state.world.mounts.end())
         return -EBUSY;
     const auto medium = state.world.media.find(source);
     if (medium == state.world.media.end() || medium->second.type != type)

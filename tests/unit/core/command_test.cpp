@@ -2,6 +2,7 @@
 
 #include "busy_devices.h"
 #include "config/filesystems.h"
+#include "device/crtsec.h"
 #include "device/kinds.h"
 #include "fake/fake_log.h"
 #include "fake/fake_world.h"
@@ -11,6 +12,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <string.h>
+#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <syslog.h>
@@ -510,6 +512,68 @@ TEST_F(CommandTest, ARemoveTakesTheFirstEntryOfItsDevice)
     EXPECT_EQ(handle("ACTION=remove,MAJOR=8,MINOR=1"), DIRTY_REMOVED);
     EXPECT_EQ(first->gone, 1);
     EXPECT_EQ(second->gone, 0); // the first one is found again
+}
+
+// ---- what an earlier daemon left mounted ----
+
+class AdoptionTest : public CommandTest {
+  protected:
+    AdoptionTest()
+    {
+        config.adopt = 1;
+        mkdir(directory_of("sda1").c_str(), 0755);
+        write_file("/tmp/mounts", "/media/dev/sda1 /media/mnt/sda1 fuseblk rw 0 0\n");
+        // What the kernel tells of is real; only mounting is pretended.
+        EXPECT_EQ(::mount("/tmp/mounts", "/proc/self/mounts", nullptr, MS_BIND, nullptr), 0);
+    }
+
+    ~AdoptionTest() override { EXPECT_EQ(umount("/proc/self/mounts"), 0); }
+
+    const std::string message = "ACTION=add,MAJOR=8,MINOR=1,RANGE=16";
+    const Names adopted = {"daemon(#)adopt /media/dev/sda1 /media/mnt/sda1"};
+};
+
+TEST_F(AdoptionTest, IsTakenOverWithoutAMountAndWithoutTheHook)
+{
+    EXPECT_EQ(handle(message), DIRTY_ADDED);
+    EXPECT_EQ(fake_log_texts().back(), adopted.back());
+    ASSERT_EQ(entries().size(), 1U);
+    EXPECT_EQ(entries()[0]->mounted, 1);
+    EXPECT_EQ(entries()[0]->fstype, CONF_DEV_FS_NTFS);
+    EXPECT_EQ(fake_world().count("mount"), 0);
+    EXPECT_EQ(hook_calls(), Names{});
+}
+
+TEST_F(AdoptionTest, IsNotWithoutTheKey)
+{
+    config.adopt = 0;
+    EXPECT_EQ(handle(message), -1);
+    EXPECT_TRUE(entries().empty());
+}
+
+TEST_F(AdoptionTest, IsTakenOverOnce)
+{
+    EXPECT_EQ(handle(message), DIRTY_ADDED);
+    EXPECT_EQ(handle(message), -1);
+    EXPECT_EQ(entries().size(), 1U);
+}
+
+// It would not come off for its remove message, and the entry goes with the next refresh: the
+// mount is what the pulled stick left, and not the new one's.
+TEST_F(AdoptionTest, IsNotWhileTheEntryOfAPulledDeviceHoldsIt)
+{
+    MountEntry* entry = add(MAJOR_SD, 1);
+    fake_world().fail("umount", 0, EBUSY);
+    fake_world().fail("umount2", 0, EBUSY);
+    EXPECT_EQ(handle("ACTION=remove,MAJOR=8,MINOR=1"), -1);
+    EXPECT_EQ(entry->gone, 1);
+    fake_world().media.clear();
+    EXPECT_EQ(handle(message), -1);
+    EXPECT_EQ(entries(), std::vector<MountEntry*>{entry});
+    crtsec_blk_del(entry); // as that refresh does
+    mount_entry_free(entry);
+    EXPECT_EQ(handle(message), DIRTY_ADDED);
+    EXPECT_EQ(fake_log_texts().back(), adopted.back());
 }
 
 // ---- requests ----

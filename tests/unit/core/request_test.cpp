@@ -1,6 +1,7 @@
 #include "core/request.h"
 
 #include "busy_devices.h"
+#include "config/filesystems.h"
 #include "device/kinds.h"
 #include "fake/fake_log.h"
 #include "fake/fake_world.h"
@@ -340,6 +341,33 @@ TEST_F(RequestTest, WithoutAShareNothingIsFlagged)
     write_file(config.smbconfigpath, "");
     EXPECT_EQ(unmount("sda1"), 0);
     EXPECT_EQ(read_file(config.smbconfigpath), "");
+}
+
+// What an earlier daemon left mounted has no name before the first refresh.
+TEST_F(RequestTest, WhatWasAdoptedIsNamedBeforeItsShareIsFlagged)
+{
+    config.adopt = 1;
+    MountEntry* entry = add(MAJOR_SD, 1);
+    entry->fstype = CONF_DEV_FS_EXT3; // no label is looked for
+    EXPECT_EQ(unmount("sda1"), 0);
+    EXPECT_STREQ(entry->sharename, "Drive(A1)");
+    EXPECT_EQ(fake_world().calls("rename /tmp/vyhotplug.dir.conf.tmp").size(), 1U);
+    const std::string shares = read_file(config.smbconfigpath);
+    EXPECT_EQ(shares.find("[Drive(A1)]\nIdentifier="), 0U);
+    EXPECT_EQ(shares.substr(shares.size() - 13), "\n[Drive(A1)]\n");
+}
+
+TEST_F(RequestTest, NothingElseIsNamedBeforeItsShareIsFlagged)
+{
+    MountEntry* entry = add(MAJOR_SD, 1);
+    EXPECT_EQ(unmount("sda1"), 0); // without the key
+    config.adopt = 1;
+    EXPECT_EQ(unmount("sda1"), 0); // not mounted
+    EXPECT_EQ(entry->sharename, nullptr);
+    EXPECT_EQ(mount("sda1"), 0);
+    entry->sharename = strdup("Drive(A1)");
+    EXPECT_EQ(unmount("sda1"), 0); // named
+    EXPECT_TRUE(fake_world().calls("rename /tmp/vyhotplug.dir.conf.tmp").empty());
 }
 
 TEST_F(RequestTest, WithoutAServiceNobodyIsTold)

@@ -6,9 +6,12 @@
 #include "partition.h"
 #include "support/files.h"
 
+#include <errno.h>
 #include <stdio.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
 
 namespace {
 
@@ -81,16 +84,34 @@ TEST(MountLineTest, ThatIsNotThereOrTooLongIsNotFound)
         << "what is covered does not count";
 }
 
-// ---- taking over: what the kernel's own filesystems need is shown with real ones ----
+// ---- taking over: with real filesystems it is shown in the system tests ----
 
 class AdoptTest : public PartitionTest {
   protected:
     AdoptTest() { EXPECT_EQ(mkdir(mountpoint.c_str(), 0755), 0); }
     ~AdoptTest() override
     {
+        (void)umount("/proc/self/mounts");
         while (umount(mountpoint.c_str()) == 0) {
         }
         rmdir(mountpoint.c_str());
+    }
+
+    // The kernel's table with a line of the mountpoint's at its end, and the rest before it.
+    void show(const std::string& source, const std::string& rest, const std::string& before = "")
+    {
+        write_file("/tmp/mounts", before + source + " " + mountpoint + " " + rest + " 0 0\n");
+        (void)umount("/proc/self/mounts");
+        ASSERT_EQ(::mount("/tmp/mounts", "/proc/self/mounts", nullptr, MS_BIND, nullptr), 0);
+    }
+
+    // A node with the numbers that the filesystem at the mountpoint has.
+    void make_node(dev_t more = 0)
+    {
+        struct stat root = {};
+        ASSERT_EQ(stat(mountpoint.c_str(), &root), 0);
+        unlink(devnode.c_str());
+        ASSERT_EQ(mknod(devnode.c_str(), S_IFBLK | 0600, root.st_dev + more), 0);
     }
 
     void expect_refusal()
@@ -111,6 +132,102 @@ TEST_F(AdoptTest, AFilesystemOfNoneOfItsTypesIsNotTakenOver)
 {
     ASSERT_EQ(::mount("x", mountpoint.c_str(), "tmpfs", 0, nullptr), 0);
     expect_refusal();
+}
+
+TEST_F(AdoptTest, OneOfTheKernelsIsKnownByItsNumbers)
+{
+    show("/dev/root", "ext4 rw");
+    make_node();
+    EXPECT_EQ(vyadopt(&entry, &config), 0);
+    EXPECT_EQ(entry.mounted, 1);
+    EXPECT_EQ(entry.fstype, CONF_DEV_FS_EXT4);
+    EXPECT_EQ(dev.flags & HOTPLUG_FLAG_READONLY, 0);
+    EXPECT_EQ(fake_world().count("mount"), 0) << "no flags are wanted of it";
+}
+
+TEST_F(AdoptTest, OneWithOtherNumbersIsNotTakenOver)
+{
+    show(devnode, "ext4 rw");
+    make_node(1);
+    expect_refusal();
+}
+
+// The node goes with an unmount, and the next daemon makes it only when it mounts.
+TEST_F(AdoptTest, WithoutANodeTheMessagesNumbersCount)
+{
+    struct stat root = {};
+    ASSERT_EQ(stat(mountpoint.c_str(), &root), 0);
+    show("/dev/root", "ext4 rw");
+    expect_refusal();
+    write_file(devnode, "no node");
+    dev.major = static_cast<int32_t>(major(root.st_dev));
+    dev.minor = static_cast<int32_t>(minor(root.st_dev));
+    EXPECT_EQ(vyadopt(&entry, &config), 0);
+    EXPECT_EQ(entry.mounted, 1);
+}
+
+TEST_F(AdoptTest, ADriversIsKnownByItsSourceAlone)
+{
+    for (const char* type : {"fuseblk rw", "fuse rw", "fuse.ntfs-3g rw"}) {
+        show("/dev/other", type);
+        make_node();
+        expect_refusal();
+        show(devnode, type);
+        make_node(1);
+        EXPECT_EQ(vyadopt(&entry, &config), 0) << type;
+        EXPECT_EQ(entry.fstype, CONF_DEV_FS_NTFS);
+        entry.mounted = 0;
+        entry.fstype = CONF_DEV_FS_UNKNOWN;
+    }
+}
+
+TEST_F(AdoptTest, WhatIsNotEnabledIsNotTakenOver)
+{
+    config.mountext = 0;
+    show("/dev/root", "ext4 rw");
+    make_node();
+    expect_refusal();
+    show("/dev/root", "exfat rw");
+    expect_refusal();
+    config.otherfs[0] = CONF_DEV_FS_EXFAT;
+    EXPECT_EQ(vyadopt(&entry, &config), 0);
+    EXPECT_EQ(entry.fstype, CONF_DEV_FS_EXFAT);
+}
+
+TEST_F(AdoptTest, WhatIsCoveredIsNotTakenOver)
+{
+    make_node();
+    show(std::string(300, 'x'), "ext4 rw", devnode + " " + mountpoint + " ext4 rw 0 0\n");
+    expect_refusal();
+}
+
+TEST_F(AdoptTest, WhatIsReadOnlyIsSoForItsShare)
+{
+    show("/dev/root", "vfat ro,nosuid", "/dev/root / ext4 rw 0 0\n");
+    make_node();
+    EXPECT_EQ(vyadopt(&entry, &config), 0);
+    EXPECT_NE(dev.flags & HOTPLUG_FLAG_READONLY, 0);
+}
+
+TEST_F(AdoptTest, TheConfiguredFlagsAreThoseOfTheMountAlone)
+{
+    config.mountflags = MS_NOSUID;
+    show("/dev/root", "ext4 ro");
+    make_node();
+    fake_world().mounts[mountpoint] = {devnode, "ext4", 0, ""};
+    EXPECT_EQ(vyadopt(&entry, &config), 0);
+    EXPECT_EQ(fake_world().mounts[mountpoint].flags, unsigned{MS_NOSUID | MS_NODEV | MS_RDONLY});
+    EXPECT_EQ(fake_world().count("mount"), 1);
+}
+
+TEST_F(AdoptTest, WhoseFlagsCannotBeSetIsNotTakenOver)
+{
+    config.mountflags = MS_NOSUID;
+    show("/dev/root", "ext4 rw");
+    make_node();
+    fake_world().fail("mount", 1, EINVAL);
+    EXPECT_EQ(vyadopt(&entry, &config), -1);
+    EXPECT_EQ(entry.mounted, 0);
 }
 
 } // namespace

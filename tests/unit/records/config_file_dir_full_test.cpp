@@ -5,6 +5,7 @@
 #include "device/crtsec.h"
 #include "fake/fake_world.h"
 #include "record.h"
+#include "support/failing_calls.h"
 #include "support/files.h"
 #include "support/fresh_case.h"
 
@@ -199,6 +200,33 @@ TEST_F(ShareFileWriteTest, FullDiskGivesAnEmptyFile)
     EXPECT_TRUE(exists(path));
     EXPECT_EQ(read_file(path), "");
     EXPECT_STREQ(entry->sharename, "p");
+}
+
+// What was written of it before is still in the stream's buffer.
+TEST_F(ShareFileWriteTest, SectionOfWhichALineFailsIsDroppedWhole)
+{
+    add_directory("first", 10);
+    add_partition("second", 10);
+    add_directory("third", 10);
+    const std::string first = directory_section("first", 10);
+    const std::string second = partition_section("second", 10);
+    const std::string third = directory_section("third", 10);
+    int struck = 0;
+    for (const char* call : {"fprintf", "fputs", "fputc", "fflush"}) {
+        for (int nth = 1;; nth++) {
+            call_fail(call, nth, ENOMEM);
+            EXPECT_EQ(save(), 0);
+            const std::string text = read_file(path);
+            if (!call_failed()) {
+                EXPECT_EQ(text, first + third + second);
+                break;
+            }
+            struck++;
+            EXPECT_TRUE(text == third + second || text == first + second || text == first + third)
+                << call << " " << nth << ": " << text;
+        }
+    }
+    EXPECT_GE(struck, 9);
 }
 
 TEST_F(ShareFileWriteTest, DroppedUnnamedDirectoryKeepsItsNumber)

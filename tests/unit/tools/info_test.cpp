@@ -2,6 +2,7 @@
 
 #include "fake_files.h"
 #include "support/child.h"
+#include "support/failing_memory.h"
 #include "support/files.h"
 
 #include <gtest/gtest.h>
@@ -169,6 +170,28 @@ TEST(InfoDevice, WithoutTheShareFileNothingIsTold)
     EXPECT_EQ(result.status, 255);
     EXPECT_EQ(result.out, "");
     EXPECT_EQ(result.err, "");
+}
+
+// What cannot be found for want of memory is an error. A value that cannot be read by then counts
+// as none.
+TEST(InfoDevice, WithoutMemoryItFailsOrTellsSomething)
+{
+    write_file(device_file, "[1234:00ab:ABC:1]\nfilesystem=FAT\n");
+    write_file(share_file, "[Drive(A1)]\nIdentifier=1234:00ab:ABC:1\nPath=/tmp\n");
+    int failures = 0;
+    for (int nth = 1;; nth++) {
+        static constexpr int told_all = 77;
+        const ChildResult result = run_child([nth] {
+            memory_fail(nth);
+            const int status = hotplug_info_devinfo(device_file, share_file, identifier);
+            return memory_failed() ? status : told_all;
+        });
+        if (result.status == told_all)
+            break;
+        failures += result.status == 255 ? 1 : 0;
+        EXPECT_EQ(result.status, result.out.empty() ? 255 : 0) << nth;
+    }
+    EXPECT_GT(failures, 5);
 }
 
 // ---- its share ----
