@@ -5,12 +5,8 @@
 #include "common/mountinfo.h"
 #include "lib/log.h"
 
-#include <errno.h>
-#include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/ioctl.h>
-#include <sys/mount.h>
 
 static constexpr char log_tag[] = "announcer";
 
@@ -61,35 +57,55 @@ void announcer_forget(Announcer* announcer)
 
 // ---- media ----
 
-// Returns a descriptor for the disk, or -1.
-static int open_disk(const BlockName& disk, int flags)
+static bool is_free(const Drive& drive)
 {
-    char path[block_name_size + 8];
-    (void)snprintf(path, sizeof path, "/dev/%s", disk.text);
-    return open(path, O_RDONLY | O_CLOEXEC | flags);
+    return drive.disk.disk_length == 0;
 }
 
-void announcer_touch_medium(const BlockName& disk)
+// Lends the place of the name's disk among the drives; null for none.
+static Drive* find_drive(Announcer* announcer, const BlockName& name)
 {
-    const FdGuard fd(open_disk(disk, 0));
-}
-
-// Has the kernel read the disk's partitions anew. Returns whether something of it is in use, which
-// keeps it from that. Where it cannot be asked, sysfs is believed.
-static bool is_busy(const BlockName& disk)
-{
-    const FdGuard fd(open_disk(disk, O_NONBLOCK)); // without a medium too
-    return fd.get() >= 0 && ioctl(fd.get(), BLKRRPART) != 0 && errno == EBUSY;
-}
-
-// Lends the place of the name's disk among the changed ones, a free one for no name; null for none.
-static BlockName* find_changed(Announcer* announcer, const BlockName& name)
-{
-    for (BlockName& disk : announcer->changed) {
-        if (block_name_same_disk(disk, name))
-            return &disk;
+    for (Drive& drive : announcer->drives) {
+        if (!is_free(drive) && block_name_same_disk(drive.disk, name))
+            return &drive;
     }
     return nullptr;
+}
+
+// The same, or a free place.
+static Drive* find_or_take_drive(Announcer* announcer, const BlockName& name)
+{
+    Drive* place = find_drive(announcer, name);
+    for (Drive& drive : announcer->drives) {
+        if (place == nullptr && is_free(drive))
+            place = &drive;
+    }
+    return place;
+}
+
+static void forget_drive(Drive* drive)
+{
+    medium_drop(&drive->look);
+    drive->disk = {};
+    drive->unread = drive->in_use = drive->silent = false;
+}
+
+static bool is_unread(Announcer* announcer, const BlockName& name)
+{
+    const Drive* drive = find_drive(announcer, name);
+    return drive != nullptr && drive->unread;
+}
+
+// For a disk whose medium was changed, where all places are taken that of another that was not: its
+// next walk asks again.
+static Drive* take_drive_for_change(Announcer* announcer, const BlockName& name)
+{
+    Drive* place = find_or_take_drive(announcer, name);
+    for (Drive& drive : announcer->drives) {
+        if (place == nullptr && !drive.unread)
+            place = &drive;
+    }
+    return place;
 }
 
 static void change_medium(Announcer* announcer, const BlockName& disk, uint64_t now)
@@ -98,34 +114,80 @@ static void change_medium(Announcer* announcer, const BlockName& disk, uint64_t 
         if (is_announced(device) && block_name_same_disk(device.name, disk))
             take_step(&device, DEVICE_WENT);
     }
-    BlockName* place = find_changed(announcer, disk);
-    if (place == nullptr)
-        place = find_changed(announcer, {});
-    const bool busy = is_busy(disk); // an empty drive too: sysfs may show the size from before
-    if (place == nullptr)
-        return;
-    *place = busy ? disk : BlockName{};
-    if (!busy)
-        return;
-    VY_LOG(LOG_INFO, "%s not announced yet: the medium before is in use", disk.text);
-    announcer->changed_retry = {};
-    retry_later(&announcer->changed_retry, now);
+    MediumLook unattended;
+    Drive* drive = take_drive_for_change(announcer, disk);
+    if (drive == nullptr) // sysfs is believed
+        return medium_ask(&unattended, disk, MEDIUM_IN_USE);
+    forget_drive(drive); // an answer would be about another medium
+    drive->disk = disk;
+    drive->unread = true;
+    drive->since = now;
+    medium_ask(&drive->look, disk, MEDIUM_IN_USE); // an empty drive too: sysfs may show the size
+    announcer->drives_retry = {};                  // from before
+    retry_later(&announcer->drives_retry, now);
 }
 
-// Asks again for the disks that were in use.
-static void read_changed(Announcer* announcer, uint64_t now)
+// Has the kernel look whether an empty drive has a medium by now, unless it is asked already. The
+// answer is an event; its place only keeps one drive from being asked twice.
+static void touch_medium(Announcer* announcer, const BlockName& disk)
 {
-    bool any_left = false;
-    for (BlockName& disk : announcer->changed) {
-        if (disk.disk_length > 0 && !is_busy(disk)) {
-            disk = {};
+    MediumLook unattended;
+    Drive* drive = find_or_take_drive(announcer, disk);
+    if (drive == nullptr)
+        return medium_ask(&unattended, disk, MEDIUM_ANOTHER);
+    if (!is_free(*drive))
+        return;
+    drive->disk = disk;
+    medium_ask(&drive->look, disk, MEDIUM_ANOTHER);
+}
+
+static void tell_why_unread(Drive* drive, MediumAnswer answer, uint64_t now)
+{
+    const char* name = drive->disk.text;
+    if (answer == MEDIUM_BUSY && !drive->in_use)
+        VY_LOG(LOG_INFO, "%s not announced yet: the medium before is in use", name);
+    drive->in_use = drive->in_use || answer == MEDIUM_BUSY;
+    if (answer != MEDIUM_SILENT || drive->silent || now < drive->since + agent_reading)
+        return;
+    VY_LOG(LOG_NOTICE, "%s not announced yet: it does not answer", name);
+    drive->silent = true;
+}
+
+static void ask_again(Drive* drive, uint64_t now)
+{
+    drive->since = now;
+    medium_ask(&drive->look, drive->disk, MEDIUM_IN_USE);
+}
+
+// Takes answers, and asks again for the disks that were in use, or could not be asked about.
+static void look_at_drives(Announcer* announcer, uint64_t now)
+{
+    const bool again = announcer->drives_retry.due != 0 && now >= announcer->drives_retry.due;
+    bool any_unread = false;
+    for (Drive& drive : announcer->drives) {
+        if (is_free(drive))
+            continue;
+        const MediumAnswer answer = medium_answer(&drive.look);
+        if (drive.unread)
+            tell_why_unread(&drive, answer, now);
+        if (answer == MEDIUM_READ && drive.unread)
             announcer_ask_for_walk(announcer);
-        }
-        any_left = any_left || disk.disk_length > 0;
+        if (answer == MEDIUM_READ || (answer == MEDIUM_UNASKED && !drive.unread))
+            forget_drive(&drive);
+        else if (answer != MEDIUM_SILENT && again)
+            ask_again(&drive, now);
+        any_unread = any_unread || drive.unread;
     }
-    retry_later(&announcer->changed_retry, now);
-    if (!any_left)
-        announcer->changed_retry = {};
+    if (again)
+        retry_later(&announcer->drives_retry, now);
+    if (!any_unread)
+        announcer->drives_retry = {};
+}
+
+void announcer_end(Announcer* announcer)
+{
+    for (Drive& drive : announcer->drives)
+        forget_drive(&drive);
 }
 
 // ---- events ----
@@ -140,9 +202,9 @@ void announcer_event(Announcer* announcer, const Uevent& event, uint64_t now)
         return change_medium(announcer, event.name, now);
     if (event.action != UEVENT_REMOVE)
         return;
-    BlockName* kept = is_disk ? find_changed(announcer, event.name) : nullptr;
-    if (kept != nullptr)
-        *kept = {};
+    Drive* drive = is_disk ? find_drive(announcer, event.name) : nullptr;
+    if (drive != nullptr)
+        forget_drive(drive);
     // One of an unknown device is passed on too, once. One from before the device was read is about
     // what stood in its place: so it is with the partitions that the kernel reads anew when a
     // medium is changed.
@@ -175,7 +237,7 @@ static void refuse(Announcer* announcer, const BlockDevice& device)
     // The kernel tells of a new medium only once until somebody has opened the disk, and of an
     // empty drive it may have told before anybody listened.
     if (device.empty)
-        announcer_touch_medium(device.name);
+        touch_medium(announcer, device.name);
     if (before == nullptr || strcmp(before->reason, device.reason) != 0)
         VY_LOG(device.verdict < 0 ? LOG_ERR : LOG_INFO, "%s not announced: %s", device.name.text,
                device.reason);
@@ -201,7 +263,7 @@ static void walk(Announcer* announcer, uint64_t now)
     announcer->walk_due = false;
     for (BlockDevice& device : list) {
         const Device* known = device_find(announcer->devices, device.major, device.minor);
-        if (find_changed(announcer, device.name) != nullptr)
+        if (is_unread(announcer, device.name))
             device.verdict = 1; // it is not this medium's
         else if (known != nullptr && is_announced(*known) && device.verdict > 0)
             device.verdict = 0; // it has been
@@ -330,8 +392,7 @@ void announcer_advance(Announcer* announcer, bool daemon_known, uint64_t now)
 {
     if (now >= next_look(announcer))
         look_for_mounts(announcer, now);
-    if (announcer->changed_retry.due != 0 && now >= announcer->changed_retry.due)
-        read_changed(announcer, now);
+    look_at_drives(announcer, now);
     if (daemon_known && announcer->walk_due && now >= announcer->walk.due)
         walk(announcer, now);
 }
@@ -339,8 +400,8 @@ void announcer_advance(Announcer* announcer, bool daemon_known, uint64_t now)
 uint64_t announcer_due(const Announcer* announcer, bool daemon_known)
 {
     uint64_t due = next_look(announcer);
-    if (announcer->changed_retry.due != 0 && announcer->changed_retry.due < due)
-        due = announcer->changed_retry.due;
+    if (announcer->drives_retry.due != 0 && announcer->drives_retry.due < due)
+        due = announcer->drives_retry.due;
     if (daemon_known && announcer->walk_due && announcer->walk.due < due)
         due = announcer->walk.due;
     return due;

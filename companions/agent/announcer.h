@@ -10,24 +10,35 @@
 // While something of a disk is in use the kernel does not read its partitions anew when its medium
 // is changed, and sysfs shows those of the medium before. Whoever takes these for the new medium's
 // has them mounted under wrong numbers, so nothing of such a disk is announced until it could be
-// read.
+// read. Nobody waits for a drive that does not answer: the others are announced meanwhile.
 #pragma once
 
 #include "agent/block_device.h"
 #include "agent/device_table.h"
+#include "agent/medium.h"
 #include "agent/settings.h"
 #include "agent/uevent.h"
+
+// A drive whose medium the kernel is asked about.
+struct Drive {
+    BlockName disk = {}; // without a name: this place is free
+    bool unread = false; // nothing of it is announced until the kernel has read it anew
+    bool in_use = false; // which has been told, and why not
+    uint64_t since = 0;  // when it was asked about
+    bool silent = false; // it is told that there is no answer
+    MediumLook look;
+};
 
 struct Announcer {
     const AgentSettings* settings = nullptr; // borrowed
     DeviceTable devices;
-    BlockList shown;                             // what the last walk found
-    Device* out = nullptr;                       // whose message was handed out,
-    DeviceEvent end = {};                        // and what its delivery is
-    bool walk_due = false;                       // a walk is to be made,
-    Retry walk = {};                             // but not before this time
-    BlockName changed[agent_changed_limit] = {}; // disks whose medium was changed while in use,
-    Retry changed_retry = {};                    // and when the kernel is asked again; 0: not
+    BlockList shown;       // what the last walk found
+    Device* out = nullptr; // whose message was handed out,
+    DeviceEvent end = {};  // and what its delivery is
+    bool walk_due = false; // a walk is to be made,
+    Retry walk = {};       // but not before this time
+    Drive drives[agent_drive_limit];
+    Retry drives_retry = {}; // when the kernel is asked again; 0: not
 };
 
 // Takes an event of the kernel. A walk is due then.
@@ -58,6 +69,5 @@ void announcer_forget(Announcer* announcer);
 // Has a device that is announced taken back and announced again.
 void announcer_repeat(Announcer* announcer, int32_t major, int32_t minor);
 
-// Has the kernel look whether a drive's medium is another one. Whether it can be asked is of no
-// interest.
-void announcer_touch_medium(const BlockName& disk);
+// Ends it: no answer is waited for any more.
+void announcer_end(Announcer* announcer);

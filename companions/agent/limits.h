@@ -14,11 +14,11 @@ constexpr size_t agent_text_size = 400;      // a USB string: 126 characters, 37
 constexpr int agent_netlink_buffer = 1024 * 1024; // events the kernel keeps while the agent works
 
 // Numbers.
-constexpr uint32_t agent_table_limit = 512;  // devices that the daemon was told of
-constexpr uint32_t agent_changed_limit = 16; // disks whose medium was changed while in use
-constexpr uint8_t agent_looks = 6;           // looks whether a device that went is still mounted
-constexpr int agent_events_at_once = 64;     // events taken before deliveries go on
-constexpr int32_t agent_wait_default = 10;   // seconds that --once and --scan wait for the daemon
+constexpr uint32_t agent_table_limit = 512; // devices that the daemon was told of
+constexpr uint32_t agent_drive_limit = 16;  // drives whose medium is asked about at once
+constexpr uint8_t agent_looks = 6;          // looks whether a device that went is still mounted
+constexpr int agent_events_at_once = 64;    // events taken before deliveries go on
+constexpr int32_t agent_wait_default = 10;  // seconds that --once and --scan wait for the daemon
 constexpr int32_t agent_wait_most = 86400;
 
 // Times in milliseconds.
@@ -33,7 +33,7 @@ constexpr uint32_t agent_patience = 130000;   // until then, where a driver may 
 constexpr uint32_t agent_driver_pause = 2000; // until a driver's mount is read
 constexpr uint32_t agent_file_pause =
     60000;                                // until a file that could not be written is tried again
-constexpr uint32_t agent_reading = 15000; // for blkid; a sleeping disk has to spin up
+constexpr uint32_t agent_reading = 15000; // for a drive; a sleeping disk has to spin up
 constexpr uint32_t agent_farewell_wait = 1000; // at the end, for a message that is under way
 
 // When something that failed is tried again. All zero: at once.

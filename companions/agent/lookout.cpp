@@ -295,10 +295,11 @@ static void ask_for_hibernation(Lookout* lookout, const Look& look, uint64_t now
 
 static void start_next(Lookout* lookout, const Announcer& announcer, uint64_t now)
 {
+    if (lookout->tool.state == ToolState::none)
+        tool_reap(); // of drives too, whose answers nobody waits for any more
     for (Look* look = begin(lookout); look != end(lookout); look++) {
-        if (lookout->tool.state == ToolState::running)
-            return;
-        tool_reap();
+        if (lookout->tool.state != ToolState::none)
+            return; // one at a time, until its answer is taken
         if (look->hibernation && now >= look->due)
             ask_for_hibernation(lookout, *look, now);
         else if ((look->state == LOOK_ASKS || look->state == LOOK_INSISTS) &&
@@ -569,6 +570,8 @@ void lookout_advance(Lookout* lookout, Announcer* announcer, uint64_t now)
 uint64_t lookout_due(const Lookout* lookout, uint64_t now)
 {
     uint64_t due = tool_due(&lookout->tool, now);
+    if (lookout->tool.state == ToolState::not_started)
+        return now; // which is an answer
     for (const Look* look = begin(lookout); look != end(lookout); look++) {
         const bool waits = look->state == LOOK_WAITS || look->state == LOOK_PATIENT ||
                            (look->hibernation && lookout->tool.state != ToolState::running);

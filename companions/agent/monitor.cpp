@@ -180,6 +180,8 @@ static void take_signal(Monitor* monitor)
     signalfd_siginfo signal;
     if (read(monitor->signals.get(), &signal, sizeof signal) != sizeof signal)
         return;
+    if (signal.ssi_signo == SIGCHLD) // it has waked the loop, and the lookout looks who it was
+        return;
     if (signal.ssi_signo == SIGHUP)
         return ask_for_walk(monitor);
     monitor->ends = true; // a message that is under way is given a moment
@@ -239,6 +241,7 @@ static int open_signals()
     sigaddset(&numbers, SIGTERM);
     sigaddset(&numbers, SIGINT);
     sigaddset(&numbers, SIGHUP);
+    sigaddset(&numbers, SIGCHLD);
     const int fd = signalfd(-1, &numbers, SFD_CLOEXEC | SFD_NONBLOCK);
     if (fd >= 0)
         (void)sigprocmask(SIG_BLOCK, &numbers, nullptr);
@@ -267,6 +270,7 @@ int monitor_run(const AgentSettings& settings)
     }
     lookout_close(&monitor.lookout);
     by_share_close(&monitor.by_share);
+    announcer_end(&monitor.announcer);
     VY_LOG(LOG_NOTICE, "ends");
     return 0;
 }

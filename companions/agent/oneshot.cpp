@@ -1,6 +1,7 @@
 #include "agent/modes.h"
 
 #include "agent/add_message.h"
+#include "agent/medium.h"
 #include "agent/state_file.h"
 #include "agent/survey.h"
 #include "common/clock.h"
@@ -85,7 +86,7 @@ static void change_medium(Oneshot* oneshot, const Uevent& event)
     const BlockDevice* disk = block_list_find(list, event.name);
     if (disk != nullptr)
         tell_remove(oneshot, disk->major, disk->minor);
-    announcer_touch_medium(event.name);
+    medium_touch(event.name);
     tell_adds(oneshot, &event);
 }
 

@@ -41,8 +41,10 @@ static void give_up(Tool* tool, ToolState state)
     tool->state = state;
 }
 
-void tool_start(Tool* tool, char* const argv[], char* text, size_t size, uint64_t now,
-                uint32_t limit_ms)
+using Work = void(char* const argv[]);
+
+// Starts the work; where that is null, the program.
+static void start(Tool* tool, Work* work, char* const argv[], char* text, size_t size)
 {
     tool_stop(tool);
     tool->text = text;
@@ -50,7 +52,6 @@ void tool_start(Tool* tool, char* const argv[], char* text, size_t size, uint64_
     tool->used = 0;
     tool->status = 0;
     tool->state = ToolState::not_started;
-    tool->deadline = now < UINT64_MAX - limit_ms ? now + limit_ms : now;
     text[0] = '\0';
     int ends[2];
     if (sys_pipe(ends) != 0)
@@ -60,11 +61,29 @@ void tool_start(Tool* tool, char* const argv[], char* text, size_t size, uint64_
     const int flags = fcntl(ends[0], F_GETFL);
     const int stdio[3] = {-1, write_end.get(), -1};
     const bool ready = flags >= 0 && fcntl(ends[0], F_SETFL, flags | O_NONBLOCK) == 0;
-    tool->pid = ready ? sys_spawn_prepared(argv[0], argv, stdio, confine_reader) : -1;
+    if (!ready)
+        tool->pid = -1;
+    else if (work != nullptr)
+        tool->pid = sys_spawn_work(work, argv, stdio);
+    else
+        tool->pid = sys_spawn_prepared(argv[0], argv, stdio, confine_reader);
     if (tool->pid > 0)
         tool->state = ToolState::running;
     else
         tool->out.reset(-1);
+}
+
+void tool_start(Tool* tool, char* const argv[], char* text, size_t size, uint64_t now,
+                uint32_t limit_ms)
+{
+    start(tool, nullptr, argv, text, size);
+    tool->deadline = now < UINT64_MAX - limit_ms ? now + limit_ms : now;
+}
+
+void tool_start_work(Tool* tool, Work* work, char* const argv[], char* text, size_t size)
+{
+    start(tool, work, argv, text, size);
+    tool->deadline = UINT64_MAX;
 }
 
 // Reads what is there. The pipe is let go at its end.

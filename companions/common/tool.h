@@ -38,6 +38,11 @@ uint64_t tool_now();
 void tool_start(Tool* tool, char* const argv[], char* text, size_t size, uint64_t now,
                 uint32_t limit_ms);
 
+// As tool_start for a function of this program's, `work` of sys_spawn_work, which is neither
+// confined nor limited: only tool_stop ends it before its time.
+void tool_start_work(Tool* tool, void (*work)(char* const argv[]), char* const argv[], char* text,
+                     size_t size);
+
 // Takes what it has printed and looks whether it has ended. Never blocks.
 void tool_advance(Tool* tool, uint64_t now);
 
@@ -56,6 +61,6 @@ inline int tool_descriptor(const Tool* tool)
 // When it is to be advanced if its descriptor does not become readable before; UINT64_MAX: never.
 uint64_t tool_due(const Tool* tool, uint64_t now);
 
-// Forgets children that were killed before and have ended by now. For processes that live on, and
-// while no tool is running.
+// Forgets children that were killed before and have ended by now. For processes that live on. Of a
+// tool that is running then the exit status is lost: it has crashed, with all that it has printed.
 void tool_reap();

@@ -121,15 +121,20 @@ static void child_stream(int number, int source, int null_flags)
         _exit(1);
 }
 
-// In the child: only calls that are safe after fork(2) in a process with threads.
-[[noreturn]] static void child_run(const char* file, char* const argv[], const int stdio[3],
-                                   bool (*prepare)())
+// In the child, as all of these: only calls that are safe after fork(2) in a process with threads.
+static void child_begin(const int stdio[3])
 {
     child_stream(0, stdio[0], O_RDONLY);
     child_stream(1, stdio[1], O_WRONLY);
     child_stream(2, stdio[2], O_WRONLY);
     for (int fd = 3; fd <= 254; fd++)
         close(fd);
+}
+
+[[noreturn]] static void child_run(const char* file, char* const argv[], const int stdio[3],
+                                   bool (*prepare)())
+{
+    child_begin(stdio);
     if (prepare == nullptr || prepare())
         execvp(file, argv);
     _exit(1);
@@ -147,6 +152,16 @@ pid_t sys_spawn_prepared(const char* file, char* const argv[], const int stdio[3
 pid_t sys_spawn(const char* file, char* const argv[], const int stdio[3])
 {
     return sys_spawn_prepared(file, argv, stdio, nullptr);
+}
+
+pid_t sys_spawn_work(void (*work)(char* const argv[]), char* const argv[], const int stdio[3])
+{
+    const pid_t pid = fork();
+    if (pid != 0)
+        return answer(pid);
+    child_begin(stdio);
+    work(argv);
+    _exit(0);
 }
 
 int sys_clock_gettime(clockid_t clock, timespec* now)

@@ -43,6 +43,11 @@ void sys_sync();
 [[nodiscard]] pid_t sys_spawn_prepared(const char* file, char* const argv[], const int stdio[3],
                                        bool (*prepare)());
 
+// As sys_spawn, but the child runs no program: it calls `work`, which makes only calls that are
+// safe there, and ends with 0.
+[[nodiscard]] pid_t sys_spawn_work(void (*work)(char* const argv[]), char* const argv[],
+                                   const int stdio[3]);
+
 // Clocks and waiting. sys_select_one waits for one descriptor, without limit when `limit` is null,
 // and returns 1 when it is ready, 0 when the time ran out.
 [[nodiscard]] int sys_clock_gettime(clockid_t clock, timespec* now);

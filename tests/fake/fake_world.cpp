@@ -368,6 +368,12 @@ pid_t sys_spawn_prepared(const char* file, char* const argv[], const int stdio[3
     return sys_spawn(file, argv, stdio);
 }
 
+// The work is scripted like a program.
+pid_t sys_spawn_work(void (*)(char* const argv[]), char* const argv[], const int stdio[3])
+{
+    return sys_spawn(argv[0], argv, stdio);
+}
+
 // ---- clocks and waiting ----
 
 int sys_clock_gettime(clockid_t clock, timespec* now)

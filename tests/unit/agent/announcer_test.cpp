@@ -61,6 +61,13 @@ class AnnouncerTest : public testing::Test {
     void event(UeventAction action, const std::string& name, int major, int minor,
                uint64_t sequence = 0)
     {
+        event_at_once(action, name, major, minor, sequence);
+        settle();
+    }
+
+    void event_at_once(UeventAction action, const std::string& name, int major, int minor,
+                       uint64_t sequence = 0)
+    {
         Uevent event = {};
         event.action = action;
         ASSERT_TRUE(block_name_parse(name.c_str(), &event.name)) << name;
@@ -69,6 +76,23 @@ class AnnouncerTest : public testing::Test {
         event.media_change = action == UEVENT_CHANGE;
         event.sequence = sequence;
         announcer_event(&announcer_, event, now_);
+    }
+
+    // Whether a drive is asked about.
+    bool asks() const
+    {
+        return std::any_of(
+            std::begin(announcer_.drives), std::end(announcer_.drives),
+            [](const Drive& drive) { return drive.look.tool.state == ToolState::running; });
+    }
+
+    // Has the answers of all drives taken, which come from children.
+    void settle()
+    {
+        while (asks()) {
+            announcer_advance(&announcer_, false, now_);
+            usleep(500);
+        }
     }
 
     // A stick sda with a partition, and their events.
@@ -84,6 +108,7 @@ class AnnouncerTest : public testing::Test {
     {
         announcer_ask_for_walk(&announcer_);
         announcer_advance(&announcer_, true, now_);
+        settle();
     }
 
     // Does what is due at that time, but for walks.
@@ -91,6 +116,7 @@ class AnnouncerTest : public testing::Test {
     {
         now_ = now;
         announcer_advance(&announcer_, false, now_);
+        settle();
     }
 
     // When something is due; `walks`: walks too.
@@ -558,6 +584,139 @@ TEST_F(AnnouncerTest, AsksForAMediumInUseAfterPausesThatGrow)
     EXPECT_EQ(due(), now_ + 250);
 }
 
+// A drive that hangs, and another stick.
+class HangingDriveTest : public AnnouncerTest {
+  protected:
+    HangingDriveTest()
+    {
+        plug();
+        (void)told();
+        medium_.add_node("sda");
+        medium_.hold(true);
+    }
+    ~HangingDriveTest() override { announcer_end(&announcer_); }
+
+    Told told_at_once()
+    {
+        Told texts;
+        announcer_advance(&announcer_, true, now_);
+        for (std::string text = take(); text != ""; text = take()) {
+            texts.push_back(text);
+            announcer_delivered(&announcer_, now_);
+        }
+        return texts;
+    }
+
+    // Waits until the kernel has been asked so often.
+    void await_requests(int count) const
+    {
+        while (medium_.requests() < count)
+            usleep(500);
+    }
+
+    void change() { event_at_once(UEVENT_CHANGE, "sda", 8, 0); }
+};
+
+TEST_F(HangingDriveTest, KeepsNoOtherFromBeingAnnounced)
+{
+    change();
+    sysfs_.add_stick("sdb", "8:16");
+    EXPECT_EQ(told_at_once(), (Told{"-8:1", "-8:0", "+8:16"}));
+    await_requests(1);
+    for (const uint64_t pause : {250U, 1000U, 2000U, 60000U}) {
+        now_ += pause;
+        EXPECT_EQ(told_at_once(), Told{});
+    }
+    EXPECT_EQ(logged("sda not announced yet: it does not answer"), 1);
+    EXPECT_EQ(medium_.requests(), 1) << "it is asked by one at a time";
+    medium_.hold(false);
+    settle();
+    EXPECT_EQ(told_at_once(), (Told{"+8:0", "+8:1"}));
+    EXPECT_EQ(logged("sda not announced yet: it does not answer"), 1);
+}
+
+// It answers each time that it is in use; the last question is hardly put.
+TEST_F(HangingDriveTest, IsNoneThatIsInUseForLong)
+{
+    medium_.hold(false);
+    change_in_use();
+    for (int i = 0; i < 20; i++)
+        advance(now_ + agent_retry_most);
+    medium_.hold(true);
+    now_ += agent_retry_most;
+    (void)told_at_once();
+    (void)told_at_once();
+    EXPECT_TRUE(asks());
+    EXPECT_EQ(logged("sda not announced yet: it does not answer"), 0);
+    now_ += agent_reading;
+    (void)told_at_once();
+    EXPECT_EQ(logged("sda not announced yet: it does not answer"), 1);
+}
+
+// The card before may be mounted still.
+TEST_F(HangingDriveTest, IsAskedAgainWhenWhoAskedHasEndedWithoutAnAnswer)
+{
+    change();
+    await_requests(1);
+    EXPECT_EQ(kill(announcer_.drives[0].look.tool.pid, SIGKILL), 0);
+    medium_.hold(false);
+    settle();
+    EXPECT_EQ(told_at_once(), (Told{"-8:1", "-8:0"}));
+    EXPECT_EQ(medium_.requests(), 1);
+    EXPECT_EQ(due(), now_ + agent_retry_first);
+    advance(due());
+    EXPECT_EQ(medium_.requests(), 2);
+    EXPECT_EQ(told_at_once(), (Told{"+8:0", "+8:1"}));
+}
+
+TEST_F(HangingDriveTest, IsForgottenWhenItGoes)
+{
+    change();
+    await_requests(1);
+    sysfs_.remove_disk("sda");
+    event_at_once(UEVENT_REMOVE, "sda", 8, 0);
+    EXPECT_EQ(told_at_once(), (Told{"-8:1", "-8:0"}));
+    int status = 0;
+    const pid_t ended = waitpid(-1, &status, 0); // it was killed
+    EXPECT_GT(ended, 0);
+    EXPECT_EQ(WTERMSIG(status), SIGKILL);
+    plug("OTHER");
+    EXPECT_EQ(told_at_once(), (Told{"+8:0", "+8:1"}));
+}
+
+TEST_F(HangingDriveTest, IsAskedAnewWhenItsMediumChangesAgain)
+{
+    change();
+    await_requests(1);
+    change();
+    await_requests(2);
+    medium_.hold(false);
+    settle();
+    EXPECT_EQ(told_at_once(), (Told{"-8:1", "-8:0", "+8:0", "+8:1"}));
+}
+
+TEST_F(AnnouncerTest, ADriveThatWaitsForItsMediumHoldsNobody)
+{
+    sysfs_.add_stick("sda", "8:0", {}, {{"size", "0"}});
+    sysfs_.add_stick("sdb", "8:16");
+    ASSERT_EQ(mkfifo("/dev/sda", 0600), 0); // opens when somebody opens its other end
+    const ChildResult result = run_child([this] {
+        alarm(20);
+        for (int i = 0; i < 3; i++) {
+            announcer_ask_for_walk(&announcer_);
+            announcer_advance(&announcer_, true, now_);
+        }
+        const bool is_told = take() == "+8:16" && asks();
+        announcer_end(&announcer_);
+        int count = 0;
+        while (waitpid(-1, nullptr, 0) > 0)
+            count++;
+        return is_told ? count : 0;
+    });
+    EXPECT_EQ(result.status, 1) << "it is asked by one at a time";
+    unlink("/dev/sda");
+}
+
 TEST_F(AnnouncerTest, BelievesSysfsWhereTheKernelCannotBeAsked)
 {
     plug();
@@ -576,7 +735,7 @@ TEST_F(AnnouncerTest, KeepsNoMoreMediaInUseThanFit)
 {
     medium_.answer(EBUSY);
     Told all;
-    for (uint32_t i = 0; i <= agent_changed_limit; i++) {
+    for (uint32_t i = 0; i <= agent_drive_limit; i++) {
         const std::string name = std::string("sd") + static_cast<char>('a' + i);
         sysfs_.add_stick(name, "8:" + std::to_string(i));
         medium_.add_node(name);
@@ -588,6 +747,64 @@ TEST_F(AnnouncerTest, KeepsNoMoreMediaInUseThanFit)
     medium_.answer(0);
     advance(due());
     EXPECT_EQ(told(), all);
+}
+
+// Empty drives that do not answer, one more than there are places.
+class EmptyDrivesTest : public AnnouncerTest {
+  protected:
+    EmptyDrivesTest()
+    {
+        for (uint32_t i = 0; i <= agent_drive_limit; i++) {
+            const int minor = static_cast<int>(16 * i);
+            sysfs_.add_stick(name(i), "8:" + std::to_string(minor), {}, {{"size", "0"}});
+            EXPECT_EQ(mkfifo(node(i).c_str(), 0600), 0); // opens when its other end is opened
+        }
+        announcer_ask_for_walk(&announcer_);
+        announcer_advance(&announcer_, true, now_);
+    }
+    ~EmptyDrivesTest() override
+    {
+        for (uint32_t i = 0; i <= agent_drive_limit; i++) {
+            (void)close(open(node(i).c_str(), O_RDWR)); // who waits for it goes on
+            unlink(node(i).c_str());
+        }
+        announcer_end(&announcer_);
+        while (waitpid(-1, nullptr, 0) > 0) {
+        }
+    }
+
+    static std::string name(uint32_t i) { return std::string("sd") + static_cast<char>('a' + i); }
+    static std::string node(uint32_t i) { return "/dev/" + name(i); }
+};
+
+TEST_F(EmptyDrivesTest, AreAllAskedAboutOnce)
+{
+    EXPECT_TRUE(asks());
+    EXPECT_EQ(due(true), agent_never);
+    for (uint32_t i = 0; i <= agent_drive_limit; i++) {
+        int end = -1;
+        for (int look = 0; look < 10000 && end < 0; look++) {
+            end = open(node(i).c_str(), O_WRONLY | O_NONBLOCK); // ENXIO until somebody reads
+            usleep(1000);
+        }
+        EXPECT_GE(end, 0) << name(i);
+        (void)close(end);
+    }
+}
+
+TEST_F(EmptyDrivesTest, LeaveAPlaceToOneThatWasChanged)
+{
+    const std::string last = name(agent_drive_limit);
+    const int end = open(node(agent_drive_limit).c_str(), O_RDWR); // who asks about it goes on
+    unlink(node(agent_drive_limit).c_str());
+    (void)close(end);
+    medium_.add_node(last);
+    medium_.hold(true);
+    sysfs_.set(last + "/size", "2048");
+    event_at_once(UEVENT_CHANGE, last, 8, 16 * static_cast<int>(agent_drive_limit));
+    announcer_advance(&announcer_, true, now_);
+    EXPECT_EQ(take(), "") << "it is not read yet";
+    medium_.hold(false);
 }
 
 TEST_F(AnnouncerTest, ForgetsAMediumInUseOfADriveThatHasGone)

@@ -185,6 +185,21 @@ TEST_F(LookoutTest, SaysOnceWhyADeviceIsNotMounted)
     EXPECT_EQ(kept(), exfat_line);
 }
 
+// No process, or no descriptor, to be had: the answer is there at once, for one device after the
+// other, and nothing else wakes the agent for it.
+TEST_F(LookoutTest, SaysOfEachDeviceThatBlkidCannotBeRun)
+{
+    plug();
+    plug("sdb", 16);
+    fake_world().fail("spawn", 0, EAGAIN);
+    advance(agent_first_answer);
+    for (int i = 0; i < 10 && lookout_due(&lookout_, now_) <= now_; i++)
+        advance(0);
+    EXPECT_EQ(logged(), (Texts{"sda1 cannot be read: blkid cannot be run",
+                               "sdb1 cannot be read: blkid cannot be run"}));
+    EXPECT_GT(lookout_due(&lookout_, now_), now_);
+}
+
 TEST_F(LookoutTest, SaysNothingOfWhatIsMountedInTime)
 {
     plug();
@@ -597,6 +612,13 @@ TEST_F(LookoutTest, IsDueWhenThereIsSomethingToDo)
     mount();
     advance(agent_reading);
     EXPECT_EQ(lookout_due(&lookout_, now_), agent_never);
+}
+
+// Whoever asked a drive may have been given up.
+TEST_F(LookoutTest, ForgetsChildrenThatHaveEndedWhereNothingIsAnnounced)
+{
+    advance(1);
+    EXPECT_EQ(fake_world().calls("waitpid").size(), 1U);
 }
 
 TEST_F(LookoutTest, EveryAllocationMayFail)

@@ -129,6 +129,18 @@ TEST_F(ToolTest, IsNotStartedWithoutAPipeOrAProcess)
     }
 }
 
+TEST_F(ToolTest, IsKilledWhereAnotherIsStarted)
+{
+    reader("x", 0, -1);
+    reader("y");
+    start();
+    EXPECT_EQ(advance(1), ToolState::running);
+    start();
+    EXPECT_EQ(fake_world().calls("kill "), Texts{"kill 5001 9"});
+    EXPECT_EQ(advance(1), ToolState::ended);
+    EXPECT_STREQ(text_, "y");
+}
+
 TEST_F(ToolTest, StoppedItIsKilledOnce)
 {
     reader("x", 0, -1);

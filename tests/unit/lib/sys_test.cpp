@@ -1,6 +1,8 @@
 // The real world behind lib/sys.h: each call's success and its negated errno.
 #include "lib/sys.h"
 
+#include "lib/guard.h"
+
 #include "support/files.h"
 
 #include <gtest/gtest.h>
@@ -8,6 +10,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <string.h>
 #include <sys/mount.h>
 #include <sys/select.h>
 #include <sys/stat.h>
@@ -148,6 +151,33 @@ TEST(Sys, SpawnOfNoProgramEndsWithOne)
     EXPECT_EQ(sys_waitpid(pid, &status, 0), pid);
     EXPECT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 1);
+}
+
+// Prints what it was given, and that it has no descriptor but its streams.
+static void print_words(char* const argv[])
+{
+    if (fcntl(3, F_GETFD) < 0)
+        (void)!write(STDOUT_FILENO, argv[1], strlen(argv[1]));
+}
+
+TEST(Sys, SpawnOfWorkHasTheWordsAndTheStreamsAlone)
+{
+    char name[] = "print";
+    char word[] = "word";
+    char* argv[] = {name, word, nullptr};
+    int ends[2];
+    ASSERT_EQ(sys_pipe(ends), 0);
+    const FdGuard out(ends[0]);
+    const int stdio[3] = {-1, ends[1], -1};
+    const pid_t pid = sys_spawn_work(print_words, argv, stdio);
+    close(ends[1]);
+    ASSERT_GT(pid, 0);
+    char text[16] = "";
+    EXPECT_EQ(read(out.get(), text, sizeof text - 1), 4);
+    EXPECT_STREQ(text, "word");
+    int status = -1;
+    EXPECT_EQ(sys_waitpid(pid, &status, 0), pid);
+    EXPECT_EQ(status, 0);
 }
 
 TEST(Sys, WaitpidWithoutAChild)
