@@ -1,9 +1,9 @@
 #include "agent/block_device.h"
 
 #include "common/array.h"
+#include "common/directory.h"
 #include "lib/str.h"
 
-#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
@@ -84,13 +84,6 @@ int block_name_compare(const BlockName& a, const BlockName& b)
 
 // ---- one device ----
 
-static void dir_release(DIR* stream)
-{
-    (void)closedir(stream);
-}
-
-using DirGuard = Guard<DIR, dir_release>;
-
 // Returns owned: a descriptor; -1 with an errno.
 static int open_directory(int above, const char* name)
 {
@@ -107,26 +100,50 @@ static DIR* open_stream(int above, const char* name)
     return stream;
 }
 
-// Notes that something could not be looked at. What is not there is just none.
+// What is not there, or has gone while it was read, is just none.
+static bool is_absent(int error)
+{
+    return error == ENOENT || error == ENOTDIR || error == ENODEV || error == ENXIO;
+}
+
+// Notes that something could not be looked at.
 static void note_failure(BlockDevice* device, int error)
 {
-    const bool absent = error == ENOENT || error == ENOTDIR || error == ENODEV || error == ENXIO;
-    if (device->failure == 0 && !absent)
+    if (device->failure == 0 && !is_absent(error))
         device->failure = -error;
 }
 
 // Reads a file of a directory, up to its first zero byte, without the line feed at its end; "" for
-// none. Some drivers fail the reading of what they do not have, so that is none either.
-static void read_text(int directory, const char* file, char* text, size_t size, BlockDevice* device)
+// none. Returns 0; the errno of the reading.
+static int try_text(int directory, const char* file, char* text, size_t size, BlockDevice* device)
 {
     text[0] = '\0';
     const FdGuard fd(openat(directory, file, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (fd.get() < 0)
-        return note_failure(device, errno);
-    const ssize_t length = read(fd.get(), text, size - 1);
+        note_failure(device, errno);
+    const ssize_t length = fd.get() >= 0 ? read(fd.get(), text, size - 1) : 0;
+    const int error = length < 0 ? errno : 0;
     text[length > 0 ? length : 0] = '\0';
     if (text[0] != '\0' && text[strlen(text) - 1] == '\n')
         text[strlen(text) - 1] = '\0';
+    return error;
+}
+
+// The same of what the kernel itself tells, which can be read unless something is wrong.
+static void read_kernels(int directory, const char* file, char* text, size_t size,
+                         BlockDevice* device)
+{
+    const int error = try_text(directory, file, text, size, device);
+    if (error != 0)
+        note_failure(device, error);
+}
+
+// The same of what a device tells. Some drivers fail the reading of what they do not have, so that
+// is none either, but for want of memory.
+static void read_text(int directory, const char* file, char* text, size_t size, BlockDevice* device)
+{
+    if (try_text(directory, file, text, size, device) == ENOMEM)
+        note_failure(device, ENOMEM);
 }
 
 // Reads the vendor of the disk's USB device: the first directory from there upwards, but below
@@ -207,17 +224,19 @@ static void read_holder(int directory, BlockDevice* device)
     const DirGuard holders(open_stream(directory, "holders"));
     if (!holders)
         return note_failure(device, errno != ENOTDIR ? errno : EIO); // an old kernel has none
-    while (const dirent* entry = readdir(holders.get())) {
+    while (const dirent* entry = directory_next(holders.get())) {
         if (entry->d_name[0] != '.')
             str_ncpy(device->holder, entry->d_name, sizeof device->holder);
     }
+    if (errno != 0)
+        note_failure(device, errno);
 }
 
 // Reads "8:1". Returns whether the device is there.
 static bool read_numbers(int directory, BlockDevice* device)
 {
     char text[number_size];
-    read_text(directory, "dev", text, sizeof text, device);
+    read_kernels(directory, "dev", text, sizeof text, device);
     char* colon = strchr(text, ':');
     if (colon == nullptr)
         return device->failure != 0; // then that is what is told of it
@@ -314,7 +333,7 @@ static int read_names(int directory, const BlockName* disk, NameList* list)
     const DirGuard stream(open_stream(directory, "."));
     if (!stream)
         return -errno;
-    while (const dirent* entry = readdir(stream.get())) {
+    while (const dirent* entry = directory_next(stream.get())) {
         BlockName name;
         if (!block_name_parse(entry->d_name, &name) || (name.partition == 0) != (disk == nullptr) ||
             (disk != nullptr && !block_name_same_disk(name, *disk)))
@@ -322,6 +341,8 @@ static int read_names(int directory, const BlockName* disk, NameList* list)
         if (append(name, list) != 0)
             return -ENOMEM;
     }
+    if (errno != 0 && !is_absent(errno))
+        return -errno;
     if (list->count > 1)
         qsort(list->names.get(), list->count, sizeof(BlockName), compare);
     return 0;
@@ -369,17 +390,18 @@ static int read_disk(int sysfs, int block, const BlockName& name, BlockList* lis
     read_text(disk, "range", hardware->range, sizeof hardware->range, &shared);
     read_text(disk, "removable", hardware->removable, sizeof hardware->removable, &shared);
     read_hardware(sysfs, disk, hardware, &shared);
+    char sequence[number_size];
+    read_kernels(disk, "diskseq", sequence, sizeof sequence, &shared);
     BlockDevice device = shared;
-    read_text(disk, "size", text, sizeof text, &device);
+    read_kernels(disk, "size", text, sizeof text, &device);
     device.empty = strcmp(text, "0") == 0;
-    read_text(disk, "diskseq", text, sizeof text, &device);
-    int result = read_own(disk, text, &device, list);
+    int result = read_own(disk, sequence, &device, list);
     NameList partitions;
     if (result == 0)
         result = read_names(disk, &name, &partitions);
     for (const BlockName& partition : partitions) {
         if (result == 0)
-            result = read_partition(disk, partition, text, shared, list);
+            result = read_partition(disk, partition, sequence, shared, list);
     }
     return result;
 }

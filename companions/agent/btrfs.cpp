@@ -1,6 +1,7 @@
 #include "agent/btrfs.h"
 
-#include <dirent.h>
+#include "common/directory.h"
+
 #include <errno.h>
 #include <fcntl.h>
 #include <linux/btrfs.h>
@@ -21,21 +22,18 @@ int btrfs_register(const BlockName& name)
     return left == 0 ? 1 : 0;
 }
 
-static void dir_release(DIR* stream)
-{
-    (void)closedir(stream);
-}
-
-bool btrfs_is_mounted(const char* sysfs, const BlockName& name)
+int btrfs_is_mounted(const char* sysfs, const BlockName& name)
 {
     char path[agent_path_size];
     (void)snprintf(path, sizeof path, "%s/fs/btrfs", sysfs);
-    const Guard<DIR, dir_release> filesystems(opendir(path));
-    while (const dirent* entry = filesystems ? readdir(filesystems.get()) : nullptr) {
+    const DirGuard filesystems(opendir(path));
+    if (!filesystems)
+        return errno == ENOENT ? 0 : -errno; // a kernel without btrfs
+    while (const dirent* entry = directory_next(filesystems.get())) {
         (void)snprintf(path, sizeof path, "%s/fs/btrfs/%.40s/devices/%s", sysfs, entry->d_name,
                        name.text);
         if (access(path, F_OK) == 0)
-            return true;
+            return 1;
     }
-    return false;
+    return -errno;
 }

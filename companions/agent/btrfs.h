@@ -8,5 +8,6 @@
 // has no btrfs or takes the device for none.
 [[nodiscard]] int btrfs_register(const BlockName& name);
 
-// Whether the device is a member of a mounted one.
-bool btrfs_is_mounted(const char* sysfs, const BlockName& name);
+// Returns 1 when the device is a member of a mounted one; 0 when not; a negated errno when that
+// cannot be said.
+[[nodiscard]] int btrfs_is_mounted(const char* sysfs, const BlockName& name);

@@ -3,13 +3,13 @@
 #include "agent/block_device.h"
 #include "agent/service_config.h"
 #include "common/array.h"
+#include "common/directory.h"
 #include "common/text.h"
 #include "config/ini.h"
 #include "lib/log.h"
 #include "lib/str.h"
 #include "lib/sys.h"
 
-#include <dirent.h>
 #include <errno.h>
 #include <stdio.h>
 #include <string.h>
@@ -169,29 +169,32 @@ static int find_wanted(const ByShare* links, Links* wanted)
 
 // ---- the directory ----
 
-static void dir_release(DIR* stream)
+// Takes an entry of the directory away if it is a link that is not wanted. Returns whether it
+// stays.
+static bool remove_other(const ByShare* links, const Links& wanted, const char* name)
 {
-    (void)closedir(stream);
+    char path[path_size];
+    struct stat status;
+    path_of(links, name, path);
+    const bool is_link = lstat(path, &status) == 0 && S_ISLNK(status.st_mode);
+    return !is_link || find(wanted, name) != nullptr || sys_unlink(path) != 0;
 }
 
-// Takes away the links that are not wanted. Returns how many there are left, of what is no link
-// too.
-static size_t remove_others(const ByShare* links, const Links& wanted)
+// Takes away the links that are not wanted. Returns 0, with how many entries there are left; a
+// negated errno when the directory cannot be read.
+static int remove_others(const ByShare* links, const Links& wanted, size_t* left)
 {
     char path[path_size];
     path_of(links, "", path);
-    const Guard<DIR, dir_release> directory(opendir(path));
-    size_t left = 0;
-    while (const dirent* entry = directory ? readdir(directory.get()) : nullptr) {
-        if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0)
-            continue;
-        struct stat status;
-        path_of(links, entry->d_name, path);
-        const bool is_link = lstat(path, &status) == 0 && S_ISLNK(status.st_mode);
-        if (!is_link || find(wanted, entry->d_name) != nullptr || sys_unlink(path) != 0)
-            left++;
+    const DirGuard directory(opendir(path));
+    if (!directory)
+        return -errno;
+    while (const dirent* entry = directory_next(directory.get())) {
+        const char* name = entry->d_name;
+        if (strcmp(name, ".") != 0 && strcmp(name, "..") != 0)
+            *left += remove_other(links, wanted, name) ? 1 : 0;
     }
-    return left;
+    return -errno;
 }
 
 // Whether the directory is there, is one, and is root's or the own user's.
@@ -214,14 +217,14 @@ static int bring_up_to_date(const ByShare* links, const Links& wanted)
         if (made != 0)
             return made != -EEXIST ? made : -ENOTDIR;
     }
-    int result = 0;
-    const size_t left = remove_others(links, wanted);
+    size_t left = 0;
+    int result = remove_others(links, wanted, &left);
     for (size_t i = 0; i < wanted.count; i++) {
         const int made = make_link(links, wanted.of.get()[i]);
         result = result == 0 ? made : result;
     }
     if (wanted.count == 0 && left == 0)
-        (void)sys_rmdir(path);
+        (void)sys_rmdir(path); // is not empty where it could not be read
     return result;
 }
 
@@ -235,7 +238,7 @@ void by_share_watch(ByShare* links, const AgentSettings* settings)
     if (!settings->by_share)
         return;
     const ServiceConfig config(service_config_load(settings->config));
-    links->due = true;
+    by_share_mounts_changed(links);
     if (!config || config->smbconfigpath == nullptr)
         return;
     links->file.reset(strdup(config->smbconfigpath));
@@ -253,19 +256,18 @@ void by_share_take_changes(ByShare* links)
 {
     alignas(inotify_event) char events[4096];
     while (read(links->changes.get(), events, sizeof events) > 0)
-        links->due = true;
+        links->due = 0;
 }
 
 void by_share_mounts_changed(ByShare* links)
 {
-    links->due = true;
+    links->due = 0;
 }
 
-void by_share_advance(ByShare* links)
+void by_share_advance(ByShare* links, uint64_t now)
 {
-    if (!links->due || !links->file)
+    if (now < by_share_due(links))
         return;
-    links->due = false;
     Links wanted;
     int result = find_wanted(links, &wanted);
     if (result == 0)
@@ -274,12 +276,18 @@ void by_share_advance(ByShare* links)
         VY_LOG(LOG_WARNING, "%s/%s is not up to date: %s", links->settings->mounts, folder,
                strerror(-result));
     links->failed = result != 0;
+    links->due = links->failed ? now + agent_file_pause : agent_never;
+}
+
+uint64_t by_share_due(const ByShare* links)
+{
+    return links->file ? links->due : agent_never;
 }
 
 void by_share_close(ByShare* links)
 {
-    if (links->file)
-        (void)bring_up_to_date(links, Links());
+    if (links->settings != nullptr && links->settings->by_share)
+        (void)bring_up_to_date(links, Links()); // what does not go stays
     links->file.reset(nullptr);
     links->changes.reset(-1);
 }

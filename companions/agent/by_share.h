@@ -28,8 +28,8 @@ struct ByShare {
     const AgentSettings* settings = nullptr; // borrowed
     FdGuard changes;                         // of the share file's directory
     MemGuard<char> file;                     // the share file; null while it is not known
-    bool due = false;
-    bool failed = false; // has been logged
+    uint64_t due = agent_never;              // when they are to be brought up to date; 0: at once
+    bool failed = false;                     // that they were not has been logged
 };
 
 // Begins, or begins anew for another daemon, whose configuration may name another share file. Does
@@ -40,8 +40,12 @@ void by_share_watch(ByShare* links, const AgentSettings* settings);
 void by_share_take_changes(ByShare* links);
 void by_share_mounts_changed(ByShare* links);
 
-// Brings the links up to date, if something has changed.
-void by_share_advance(ByShare* links);
+// Brings the links up to date, if something has changed before the time `now`. What fails is told
+// once, and tried again at the next change or after agent_file_pause.
+void by_share_advance(ByShare* links, uint64_t now);
+
+// When it is to be advanced if nothing changes before; agent_never.
+uint64_t by_share_due(const ByShare* links);
 
 // Takes all links away, and their directory.
 void by_share_close(ByShare* links);

@@ -36,7 +36,15 @@ int daemon_parse_start(const char* text, uint64_t* start)
     return 0;
 }
 
-// Returns 0; -ESRCH when there is no such process; -ENOMEM.
+// Whether there is nothing to be read, not even later.
+static bool is_final(int result)
+{
+    return result == -ENOENT || result == -ESRCH || result == -EACCES || result == -EPERM ||
+           result == -EINVAL;
+}
+
+// Returns 0; -ESRCH when there is no such process; another negated errno when that cannot be said
+// now.
 static int identify(pid_t pid, DaemonIdentity* identity)
 {
     char path[48];
@@ -47,12 +55,12 @@ static int identify(pid_t pid, DaemonIdentity* identity)
     if (result == 0 && pid > 0)
         result = daemon_parse_start(content.bytes.get(), &identity->start);
     if (result != 0)
-        return result == -ENOMEM ? result : -ESRCH;
+        return is_final(result) ? -ESRCH : result;
     result = file_read_all(boot_id_path, 0, FILE_ANY_SIZE, &content);
     if (result == 0)
         str_ncpy(identity->boot, content.bytes.get(), sizeof identity->boot);
     identity->boot[strspn(identity->boot, "0123456789abcdef-")] = '\0';
-    return result == -ENOMEM ? result : 0;
+    return is_final(result) ? 0 : result; // an old kernel, or without sysctl
 }
 
 bool daemon_is_same(const DaemonIdentity& a, const DaemonIdentity& b)
@@ -64,7 +72,7 @@ bool daemon_runs(const DaemonIdentity& identity)
 {
     DaemonIdentity now;
     const int result = identity.pid > 0 ? identify(identity.pid, &now) : -ESRCH;
-    return result == -ENOMEM || (result == 0 && daemon_is_same(now, identity));
+    return result == 0 ? daemon_is_same(now, identity) : result != -ESRCH;
 }
 
 int daemon_watch(const DaemonIdentity& identity)

@@ -30,7 +30,8 @@ struct DaemonIdentity {
 
 bool daemon_is_same(const DaemonIdentity& a, const DaemonIdentity& b);
 
-// Whether that process still runs; false for one that cannot be seen.
+// Whether that process still runs; false for one that cannot be seen, true where it cannot be said
+// now.
 bool daemon_runs(const DaemonIdentity& identity);
 
 // Returns owned: a descriptor that becomes readable when the process ends; -ESRCH when it has

@@ -200,8 +200,7 @@ static void load_mounts(Lookout* lookout, MountinfoGuard* mounts, uint64_t now)
     char path[agent_path_size];
     (void)snprintf(path, sizeof path, "%s/self/mountinfo", lookout->settings->proc);
     if (mountinfo_load(path, mounts->out()) != 0)
-        return retry_later(&lookout->retry, now);
-    lookout->retry = {};
+        retry_later(&lookout->retry, now);
 }
 
 static bool any_due(const Lookout* lookout, uint64_t now)
@@ -222,11 +221,15 @@ static void look_at_mounts(Lookout* lookout, const Announcer& announcer, uint64_
     load_mounts(lookout, &mounts, now);
     if (!mounts)
         return;
-    lookout->mounts_changed = false;
+    bool all_known = true;
     for (Look* look = begin(lookout); look != end(lookout); look++) {
         const MountinfoEntry* mount = find_mount(lookout, mounts.get(), *look);
-        const bool is_mounted =
-            mount != nullptr || btrfs_is_mounted(lookout->settings->sysfs, look->name);
+        const int member =
+            mount == nullptr ? btrfs_is_mounted(lookout->settings->sysfs, look->name) : 0;
+        all_known = all_known && member >= 0;
+        if (member < 0)
+            continue;
+        const bool is_mounted = mount != nullptr || member > 0;
         if (is_mounted && look->state != LOOK_MOUNTED)
             note_mounted(lookout, announcer, look, mount, now);
         else if (!is_mounted && look->state == LOOK_MOUNTED)
@@ -234,6 +237,11 @@ static void look_at_mounts(Lookout* lookout, const Announcer& announcer, uint64_
         else if ((look->state == LOOK_WAITS || look->state == LOOK_PATIENT) && now >= look->due)
             look->state = look_next(look->state, LOOK_TIME);
     }
+    lookout->mounts_changed = !all_known;
+    if (all_known)
+        lookout->retry = {};
+    else
+        retry_later(&lookout->retry, now);
 }
 
 // ---- blkid ----

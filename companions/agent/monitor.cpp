@@ -126,7 +126,7 @@ static void work(Monitor* monitor)
     do {
         announcer_advance(&monitor->announcer, monitor->daemon.pid != 0, now);
         lookout_advance(&monitor->lookout, &monitor->announcer, now);
-        by_share_advance(&monitor->by_share);
+        by_share_advance(&monitor->by_share, now);
         event = courier_advance(&monitor->courier, has_business(monitor), now, &daemon);
         if (event == COURIER_MISSED) {
             lose_daemon(monitor);
@@ -194,7 +194,7 @@ static int next_wait(Monitor* monitor)
     const uint64_t now = clock_now();
     const uint64_t dues[] = {courier_due(&monitor->courier, has_business(monitor)),
                              announcer_due(&monitor->announcer, monitor->daemon.pid != 0),
-                             lookout_due(&monitor->lookout, now),
+                             lookout_due(&monitor->lookout, now), by_share_due(&monitor->by_share),
                              is_unwatched(monitor) ? now + agent_daemon_look : agent_never};
     uint64_t next = agent_never;
     for (const uint64_t due : dues)

@@ -172,33 +172,50 @@ static void drop_parts_of_images(const AgentSettings& settings, BlockList* list)
     }
 }
 
+// Reads the mounts, and marks the swap areas. Returns 0; a negated errno, with what cannot be read.
+static int read_uses(const AgentSettings& settings, BlockList* list, MountinfoGuard* mounts,
+                     char (&what)[agent_path_size])
+{
+    (void)snprintf(what, sizeof what, "%s/self/mountinfo", settings.proc);
+    const int result = mountinfo_load(what, mounts->out());
+    if (result != 0)
+        return result;
+    (void)snprintf(what, sizeof what, "%s/swaps", settings.proc);
+    return mark_swap(what, list);
+}
+
+static void judge(const Case& about, const BlockList& list, BlockDevice* device)
+{
+    const AgentSettings& settings = *about.settings;
+    if (device->failure != 0)
+        return refuse(device, device->failure, settings.sysfs);
+    if (device->empty) {
+        device->verdict = 1;
+        str_cpy(device->reason, "no medium");
+        return;
+    }
+    for (const BlockDevice& part : list) {
+        if (!settings.all && device->verdict == 0 && block_name_same_disk(part.name, device->name))
+            judge_part(about, device, part);
+    }
+}
+
 int survey_take(const AgentSettings& settings, const DeviceTable* told, bool leaving,
                 BlockList* list)
 {
-    const int result = block_list_read(settings.sysfs, list);
-    char path[agent_path_size];
+    char what[agent_path_size];
     MountinfoGuard mounts;
-    (void)snprintf(path, sizeof path, "%s/self/mountinfo", settings.proc);
-    int failure = settings.all ? 0 : mountinfo_load(path, mounts.out());
-    if (failure == 0 && !settings.all) {
-        (void)snprintf(path, sizeof path, "%s/swaps", settings.proc);
-        failure = mark_swap(path, list);
-    }
+    const int result = block_list_read(settings.sysfs, list);
+    int failure = result; // of what all verdicts rest on
+    (void)snprintf(what, sizeof what, "%s/block", settings.sysfs);
+    if (result == 0 && !settings.all)
+        failure = read_uses(settings, list, &mounts, what);
     const Case about = {&settings, told, leaving, mounts.get()};
     for (BlockDevice& device : *list) {
-        if (device.failure != 0) {
-            refuse(&device, device.failure, settings.sysfs);
-        } else if (device.empty) {
-            device.verdict = 1;
-            str_cpy(device.reason, "no medium");
-        } else if (failure != 0) {
-            refuse(&device, failure, path);
-        }
-        for (const BlockDevice& part : *list) {
-            if (!settings.all && device.verdict == 0 &&
-                block_name_same_disk(part.name, device.name))
-                judge_part(about, &device, part);
-        }
+        if (failure != 0 && device.failure == 0 && !device.empty)
+            refuse(&device, failure, what);
+        else
+            judge(about, *list, &device);
     }
     drop_parts_of_images(settings, list);
     return result;

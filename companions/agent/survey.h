@@ -23,6 +23,7 @@
 // Where the service mounts CD images, a partition within another one is not announced either: that
 // is how an image looks that was written to a disk, and it is to be mounted once.
 //
-// Returns as block_list_read.
+// Returns as block_list_read. The list may be short then, and lack what makes a disk the machine's:
+// nothing of it is to be announced.
 [[nodiscard]] int survey_take(const AgentSettings& settings, const DeviceTable* told, bool leaving,
                               BlockList* list);

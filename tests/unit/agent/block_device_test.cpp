@@ -1,6 +1,7 @@
 #include "agent/block_device.h"
 
 #include "fake_sysfs.h"
+#include "support/failing_calls.h"
 #include "support/files.h"
 
 #include <errno.h>
@@ -148,6 +149,15 @@ TEST_F(BlockDeviceTest, WaitsForNobodyToWriteAnAttribute)
     EXPECT_STREQ(device_of("sda").serial, "");
 }
 
+TEST_F(BlockDeviceTest, WaitsForNobodyToWriteWhereADirectoryIsExpected)
+{
+    sysfs_.add_stick("sda", "8:0");
+    ASSERT_EQ(mkfifo((std::string(FakeSysfs::root) + "/block/sda/sda1").c_str(), 0600), 0);
+    alarm(20);
+    EXPECT_EQ(names_of(list()), std::vector<std::string>{"sda"});
+    alarm(0);
+}
+
 TEST_F(BlockDeviceTest, CutsLongTextsToItsFields)
 {
     sysfs_.add_stick("sda", "8:0",
@@ -200,10 +210,13 @@ TEST_F(BlockDeviceTest, TellsOfADisksFailureForItsPartitions)
 {
     sysfs_.add_stick("sda", "8:0");
     sysfs_.add_partition("sda", "sda1", "8:1");
-    sysfs_.drop("sda/removable");
-    symlink("removable", (std::string(FakeSysfs::root) + "/block/sda/removable").c_str());
-    EXPECT_EQ(device_of("sda1").failure, -ELOOP);
-    EXPECT_EQ(device_of("sda1").minor, 1);
+    for (const char* file : {"removable", "diskseq"}) {
+        sysfs_.drop(std::string("sda/") + file);
+        symlink(file, (std::string(FakeSysfs::root) + "/block/sda/" + file).c_str());
+        EXPECT_EQ(device_of("sda1").failure, -ELOOP) << file;
+        EXPECT_EQ(device_of("sda1").minor, 1);
+        sysfs_.drop(std::string("sda/") + file);
+    }
 }
 
 TEST_F(BlockDeviceTest, ShowsAPartitionThatCannotBeOpened)
@@ -321,6 +334,69 @@ TEST_F(BlockDeviceTest, TellsWhenThereIsNoLookingIntoSysfs)
     ASSERT_EQ(unlink(disk.c_str()), 0);
     ASSERT_EQ(symlink("sda", disk.c_str()), 0);
     EXPECT_EQ(block_list_read(FakeSysfs::root, &list_), -ELOOP);
+}
+
+// What is missing then would be taken for gone, and its holder for none.
+TEST_F(BlockDeviceTest, TellsWhenADirectoryCannotBeReadToItsEnd)
+{
+    sysfs_.add_stick("sda", "8:0");
+    sysfs_.add_partition("sda", "sda1", "8:1");
+    sysfs_.hold("sda/sda1", "dm-0");
+    int looks = 0;
+    for (bool struck = true; struck;) {
+        BlockList list;
+        call_fail("readdir", ++looks, EIO);
+        const int result = block_list_read(FakeSysfs::root, &list);
+        struck = call_failed();
+        bool told = result == -EIO;
+        for (const BlockDevice& device : list)
+            told = told || device.failure == -EIO;
+        EXPECT_EQ(told, struck) << looks;
+    }
+    EXPECT_GT(looks, 10); // three directories with two names of their own each, and the two ends
+}
+
+// A device without its numbers is going, and would be taken back.
+TEST_F(BlockDeviceTest, LosesNoDeviceWhoseFilesCannotBeRead)
+{
+    sysfs_.add_stick("sda", "8:0");
+    sysfs_.add_partition("sda", "sda1", "8:1");
+    int looks = 0;
+    for (bool struck = true; struck;) {
+        BlockList list;
+        call_fail("read", ++looks, EIO);
+        EXPECT_EQ(block_list_read(FakeSysfs::root, &list), 0);
+        struck = call_failed();
+        EXPECT_EQ(names_of(list), (std::vector<std::string>{"sda", "sda1"})) << looks;
+    }
+    EXPECT_GT(looks, 10);
+}
+
+// What a device tells is part of its identity.
+TEST_F(BlockDeviceTest, TellsOfEachFileThatThereIsNoMemoryToRead)
+{
+    sysfs_.add_stick("sda", "8:0", {{"serial", "ABC"}});
+    sysfs_.add_partition("sda", "sda1", "8:1");
+    int looks = 0;
+    for (bool struck = true; struck;) {
+        BlockList list;
+        call_fail("read", ++looks, ENOMEM);
+        EXPECT_EQ(block_list_read(FakeSysfs::root, &list), 0);
+        struck = call_failed();
+        bool told = false;
+        for (const BlockDevice& device : list)
+            told = told || device.failure == -ENOMEM;
+        EXPECT_EQ(told, struck) << looks;
+    }
+    EXPECT_GT(looks, 10);
+}
+
+TEST_F(BlockDeviceTest, TakesADirectoryThatIsGoneMeanwhileForItsEnd)
+{
+    sysfs_.add_stick("sda", "8:0");
+    call_fail("readdir", 6, ENOENT); // of what holds the disk
+    EXPECT_EQ(device_of("sda").failure, 0);
+    EXPECT_TRUE(call_failed());
 }
 
 TEST_F(BlockDeviceTest, PassesOverADiskThatHasJustGone)

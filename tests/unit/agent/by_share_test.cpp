@@ -3,6 +3,7 @@
 
 #include "fake/fake_log.h"
 #include "fake_sysfs.h"
+#include "support/failing_calls.h"
 #include "support/failing_memory.h"
 #include "support/files.h"
 
@@ -117,7 +118,7 @@ class ByShareTest : public testing::Test {
         pollfd changes = {.fd = by_share_descriptor(&links_), .events = POLLIN, .revents = 0};
         if (poll(&changes, 1, 0) > 0)
             by_share_take_changes(&links_);
-        by_share_advance(&links_);
+        by_share_advance(&links_, now_);
     }
 
     void mounts_change(const std::vector<std::string>& lines)
@@ -141,6 +142,7 @@ class ByShareTest : public testing::Test {
     FakeSysfs sysfs_;
     AgentSettings settings_;
     ByShare links_;
+    uint64_t now_ = 1000;
 };
 
 TEST_F(ByShareTest, AreMadeAndRemovedWithTheShares)
@@ -156,6 +158,16 @@ TEST_F(ByShareTest, AreMadeAndRemovedWithTheShares)
     EXPECT_EQ(found(), (Links{{"b_ü", "../sdb1"}})) << "a share that is withdrawn";
     share("");
     EXPECT_EQ(found(), (Links{{"no", "folder"}}));
+}
+
+// The service appends to its file before it unmounts.
+TEST_F(ByShareTest, AreRemovedWhenTheShareIsWithdrawnInPlace)
+{
+    const std::string before = section("HOLIDAY", "sda1") + section("WORK", "sdb1");
+    share(before);
+    write_file(shares, before + "[HOLIDAY]\n");
+    update();
+    EXPECT_EQ(found(), (Links{{"WORK", "../sdb1"}}));
 }
 
 TEST_F(ByShareTest, FollowTheShareToAnotherPlace)
@@ -226,6 +238,15 @@ TEST_F(ByShareTest, GoWithTheAgent)
     EXPECT_FALSE(exists(folder));
 }
 
+TEST_F(ByShareTest, GoWithTheAgentThoughTheConfigurationHasGoneBefore)
+{
+    share(section("HOLIDAY", "sda1"));
+    fs::remove(config);
+    by_share_watch(&links_, &settings_);
+    by_share_close(&links_);
+    EXPECT_FALSE(exists(folder));
+}
+
 TEST_F(ByShareTest, AreNotThereUnlessTheyAreWanted)
 {
     settings_.by_share = false;
@@ -256,13 +277,47 @@ TEST_F(ByShareTest, StayAsTheyAreWhereTheTableOfMountsCannotBeRead)
     EXPECT_EQ(found(), (Links{{"HOLIDAY", "../sda1"}}));
 }
 
+TEST_F(ByShareTest, AreBroughtUpToDateAMinuteLaterWhereThatFailed)
+{
+    share(section("HOLIDAY", "sda1"));
+    EXPECT_EQ(by_share_due(&links_), agent_never);
+    fs::remove(std::string(FakeSysfs::proc) + "/self/mountinfo");
+    by_share_mounts_changed(&links_);
+    update();
+    sysfs_.set_mounts({});
+    EXPECT_EQ(by_share_due(&links_), now_ + agent_file_pause);
+    now_ += agent_file_pause - 1;
+    update();
+    EXPECT_EQ(found(), (Links{{"HOLIDAY", "../sda1"}}));
+    now_++;
+    update();
+    EXPECT_EQ(found(), (Links{{"no", "folder"}}));
+    EXPECT_EQ(by_share_due(&links_), agent_never);
+}
+
+TEST_F(ByShareTest, AreNotUpToDateWhereTheirDirectoryCannotBeRead)
+{
+    share(section("HOLIDAY", "sda1"));
+    by_share_mounts_changed(&links_);
+    sysfs_.set_mounts({});
+    call_fail("readdir", 1, EIO);
+    update();
+    EXPECT_TRUE(call_failed());
+    EXPECT_EQ(fake_log_texts(),
+              std::vector<std::string>{
+                  "by_share(#)/tmp/mounts/by-share is not up to date: Input/output error"});
+    now_ += agent_file_pause;
+    update();
+    EXPECT_EQ(found(), (Links{{"no", "folder"}}));
+}
+
 TEST_F(ByShareTest, EveryAllocationMayFail)
 {
     for (int nth = 1; nth < 40; nth++) {
         share(section("HOLIDAY", "sda1"));
         memory_fail(nth);
         by_share_mounts_changed(&links_);
-        by_share_advance(&links_);
+        by_share_advance(&links_, now_);
         memory_fail(0);
         EXPECT_EQ(found(), (Links{{"HOLIDAY", "../sda1"}})) << nth;
     }

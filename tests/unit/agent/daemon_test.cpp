@@ -2,6 +2,7 @@
 
 #include "lib/guard.h"
 #include "support/child.h"
+#include "support/failing_calls.h"
 #include "support/files.h"
 #include "test_daemon.h"
 
@@ -75,6 +76,28 @@ TEST(DaemonRuns, DoesNotTakeAnotherProcessForIt)
     EXPECT_FALSE(daemon_runs({-1, 0, ""}));
 }
 
+// All that it was told would be told again, and what went meanwhile never.
+TEST(DaemonIdentity, IsNotAnothersBecauseAFileCannotBeRead)
+{
+    const TestDaemon daemon;
+    const DaemonIdentity known = identify();
+    for (const char* call : {"open", "read"}) {
+        int nth = 0;
+        for (bool struck = true; struck;) {
+            Courier courier;
+            DaemonIdentity identity = {};
+            call_fail(call, ++nth, call[0] == 'o' ? EMFILE : EIO);
+            const CourierEvent event = meet(&courier, &identity);
+            struck = call_failed();
+            EXPECT_TRUE(event == COURIER_MET ? daemon_is_same(identity, known) : struck) << call;
+            call_fail(call, nth, call[0] == 'o' ? EMFILE : EIO);
+            EXPECT_TRUE(daemon_runs(known)) << call;
+            EXPECT_EQ(call_failed(), struck);
+        }
+        EXPECT_GT(nth, 2) << "the process, the boot";
+    }
+}
+
 TEST(DaemonWatch, TellsWhenItEnds)
 {
     TestDaemon daemon;
@@ -88,6 +111,17 @@ TEST(DaemonWatch, TellsWhenItEnds)
     daemon.end();
     EXPECT_EQ(poll(&news, 1, 60000), 1);
     EXPECT_EQ(daemon_watch(identity), -ESRCH);
+}
+
+TEST(DaemonWatch, MayBeTheFirstDescriptor)
+{
+    const TestDaemon daemon;
+    const DaemonIdentity identity = identify();
+    int watch = -1;
+    with_input_closed([&] { watch = daemon_watch(identity); });
+    if (watch == -ENOSYS)
+        GTEST_SKIP() << "this system has no pidfd_open";
+    EXPECT_EQ(watch, 0);
 }
 
 // Its number is used anew: the descriptor would be another process's.

@@ -511,6 +511,25 @@ TEST_F(LookoutTest, AMemberOfAMountedFilesystemIsMounted)
     EXPECT_TRUE(fake_world().spawned.empty());
 }
 
+TEST_F(LookoutTest, MembersThatCannotBeReadAreLookedAtAfterPausesThatGrow)
+{
+    const std::string members = std::string(FakeSysfs::root) + "/fs/btrfs";
+    std::filesystem::create_directories(std::string(FakeSysfs::root) + "/fs");
+    std::filesystem::create_symlink("btrfs", members); // leads nowhere
+    plug();
+    plug("sdb", 16);
+    for (const uint64_t pause : {250U, 500U, 1000U, 2000U, 2000U}) {
+        EXPECT_EQ(lookout_due(&lookout_, now_), now_ + pause);
+        advance(pause);
+    }
+    advance(agent_first_answer);
+    EXPECT_TRUE(fake_world().spawned.empty());
+    std::filesystem::remove(members);
+    blkid_says("exfat");
+    wait_for_answer(agent_retry_most);
+    EXPECT_FALSE(fake_world().spawned.empty());
+}
+
 TEST_F(LookoutTest, NamesTheMissingMember)
 {
     configure("otherfs = btrfs\n");

@@ -1,9 +1,14 @@
 // Which messages of the kernel's socket are taken. What recvmsg(2) returns comes from the test.
 #include "agent/netlink.h"
 
+#include "agent/limits.h"
 #include "fake/fake_log.h"
+#include "lib/guard.h"
+#include "support/failing_calls.h"
+#include "support/files.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/netlink.h>
 #include <string.h>
@@ -99,6 +104,59 @@ TEST_F(Netlink, PassesOverWhatIsNotTheKernels)
     const FakeLogLine line = fake_log_lines()[1];
     EXPECT_EQ(fake_log_texts()[1], "netlink(#)dropped: message of process 4711, user 0");
     EXPECT_EQ(line.priority, LOG_INFO);
+}
+
+TEST(NetlinkSocket, HearsTheKernelAndNeverWaits)
+{
+    const FdGuard fd(netlink_open());
+    ASSERT_GE(fd.get(), 0);
+    EXPECT_EQ(fcntl(fd.get(), F_GETFD), FD_CLOEXEC);
+    EXPECT_NE(fcntl(fd.get(), F_GETFL) & O_NONBLOCK, 0);
+    sockaddr_nl address = {};
+    socklen_t size = sizeof address;
+    EXPECT_EQ(getsockname(fd.get(), reinterpret_cast<sockaddr*>(&address), &size), 0);
+    EXPECT_EQ(address.nl_groups, 1U); // the kernel's own events
+    int value = 0;
+    size = sizeof value;
+    EXPECT_EQ(getsockopt(fd.get(), SOL_SOCKET, SO_PASSCRED, &value, &size), 0);
+    EXPECT_EQ(value, 1);
+    EXPECT_EQ(getsockopt(fd.get(), SOL_SOCKET, SO_RCVBUF, &value, &size), 0);
+    EXPECT_EQ(value, 2 * agent_netlink_buffer); // the kernel adds what it takes itself
+    EXPECT_EQ(getsockopt(fd.get(), SOL_SOCKET, SO_PROTOCOL, &value, &size), 0);
+    EXPECT_EQ(value, NETLINK_KOBJECT_UEVENT);
+}
+
+TEST(NetlinkSocket, IsNoneWhereAStepFails)
+{
+    const int before = open_descriptors();
+    const struct {
+        const char* call;
+        int nth;
+        int result;
+    } rows[] = {{"socket", 1, -EMFILE}, {"setsockopt", 2, -EMFILE}, {"bind", 1, -EMFILE}};
+    for (const auto& row : rows) {
+        call_fail(row.call, row.nth, EMFILE);
+        EXPECT_EQ(netlink_open(), row.result) << row.call;
+        EXPECT_TRUE(call_failed()) << row.call;
+    }
+    EXPECT_EQ(open_descriptors(), before);
+}
+
+// Without the right to ask for more than the system allows.
+TEST(NetlinkSocket, TakesTheRoomThatItIsAllowed)
+{
+    call_fail("setsockopt", 1, EPERM);
+    const FdGuard fd(netlink_open());
+    EXPECT_TRUE(call_failed());
+    const FdGuard usual(socket(AF_NETLINK, SOCK_DGRAM, NETLINK_KOBJECT_UEVENT));
+    int room = 0;
+    int most = 0;
+    socklen_t size = sizeof room;
+    const int much = 1 << 30; // cut to what is allowed
+    EXPECT_EQ(setsockopt(usual.get(), SOL_SOCKET, SO_RCVBUF, &much, sizeof much), 0);
+    EXPECT_EQ(getsockopt(fd.get(), SOL_SOCKET, SO_RCVBUF, &room, &size), 0);
+    EXPECT_EQ(getsockopt(usual.get(), SOL_SOCKET, SO_RCVBUF, &most, &size), 0);
+    EXPECT_EQ(room, std::min(most, 2 * agent_netlink_buffer));
 }
 
 TEST_F(Netlink, PassesOverWhatTellsNoSender)

@@ -2,6 +2,7 @@
 
 #include "agent/announcer.h"
 #include "fake_sysfs.h"
+#include "support/failing_calls.h"
 #include "support/files.h"
 
 #include <errno.h>
@@ -271,6 +272,25 @@ TEST_F(Survey, SeesAMountAmongAnyNumberOfPartitions)
     EXPECT_EQ(verdict("sda1"), "");
     sysfs_.set_mounts({"8:2100 / /dev/root"});
     EXPECT_EQ(verdict("sda1"), "sda1100 is mounted at /");
+}
+
+// The partition that makes the disk the machine's may be among those that are missing.
+TEST_F(Survey, AnnouncesNothingOfAListThatBreaksOff)
+{
+    sysfs_.set_mounts({"8:2 / /dev/root"});
+    int looks = 0;
+    for (bool struck = true; struck;) {
+        BlockList list;
+        call_fail("readdir", ++looks, EIO);
+        const int result = survey_take(settings_, nullptr, false, &list);
+        struck = call_failed();
+        for (const BlockDevice& device : list) {
+            const bool of_other_disk = device.name.text[2] == 'b';
+            EXPECT_TRUE(device.verdict != 0 || (of_other_disk && result == 0))
+                << device.name.text << " " << looks;
+        }
+    }
+    EXPECT_GT(looks, 20);
 }
 
 TEST_F(Survey, TellsWhenThereIsNoLookingIntoSysfs)
