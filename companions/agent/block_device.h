@@ -49,6 +49,12 @@ struct BlockHardware {
 
 void block_hardware_free(BlockHardware* first);
 
+// Where a partition lies on its disk, in sectors of 512 bytes.
+struct BlockExtent {
+    uint64_t start;
+    uint64_t sectors; // 0 where sysfs does not say
+};
+
 struct BlockDevice {
     BlockName name;
     const BlockHardware* hardware; // the list's; borrowed
@@ -64,6 +70,7 @@ struct BlockDevice {
 
     // For the survey to say, see there.
     bool swap;
+    BlockExtent extent; // of a partition, where it matters
     int verdict;
     char reason[block_reason_size];
 };
@@ -85,12 +92,6 @@ struct BlockList {
 
 // Puts what a list holds in the place of what another does. The first is empty then.
 void block_list_move(BlockList* from, BlockList* to);
-
-// Where a partition lies on its disk, in sectors of 512 bytes.
-struct BlockExtent {
-    uint64_t start;
-    uint64_t sectors; // 0 where sysfs does not say
-};
 
 // Reads a partition's.
 BlockExtent block_extent_read(const char* sysfs, const BlockName& name);

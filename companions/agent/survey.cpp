@@ -122,17 +122,14 @@ static void judge_part(const Case& about, BlockDevice* device, const BlockDevice
 }
 
 // Lends a partition of the same disk that the device lies within; null for none.
-static const BlockDevice* find_outer(const char* sysfs, const BlockList& list,
-                                     const BlockDevice& device)
+static const BlockDevice* find_outer(const BlockList& list, const BlockDevice& device)
 {
-    const BlockExtent own = block_extent_read(sysfs, device.name);
+    const BlockExtent& own = device.extent;
     for (const BlockDevice& other : list) {
-        if (other.name.partition == 0 || own.sectors == 0 ||
-            !block_name_same_disk(other.name, device.name))
-            continue;
-        const BlockExtent outer = block_extent_read(sysfs, other.name);
-        if (outer.sectors > own.sectors && outer.start <= own.start &&
-            own.start + own.sectors <= outer.start + outer.sectors)
+        const BlockExtent& outer = other.extent;
+        if (own.sectors > 0 && outer.sectors > own.sectors && outer.start <= own.start &&
+            own.start + own.sectors <= outer.start + outer.sectors &&
+            block_name_same_disk(other.name, device.name))
             return &other;
     }
     return nullptr;
@@ -160,11 +157,13 @@ static void drop_parts_of_images(const AgentSettings& settings, BlockList* list)
         return;
     const ServiceConfig config(service_config_load(settings.config));
     if (!config || !filesystem_is_wanted(*filesystem_of(CONF_DEV_FS_ISO9660), config.get()))
-        return; // then the image is not mounted, and its file may be
+        return;                         // then the image is not mounted, and its file may be
+    for (BlockDevice& device : *list) { // once each: a disk may have 255
+        if (device.name.partition > 0)
+            device.extent = block_extent_read(settings.sysfs, device.name);
+    }
     for (BlockDevice& device : *list) {
-        const bool is_candidate = device.verdict == 0 && device.name.partition > 0;
-        const BlockDevice* outer =
-            is_candidate ? find_outer(settings.sysfs, *list, device) : nullptr;
+        const BlockDevice* outer = device.verdict == 0 ? find_outer(*list, device) : nullptr;
         if (outer == nullptr)
             continue;
         device.verdict = 1;

@@ -341,6 +341,24 @@ TEST_F(ImageSurvey, AnnouncesBothWhereTheServiceMountsNoImages)
     EXPECT_EQ(verdict("sda2"), "") << "without a configuration";
 }
 
+// A disk has 255 partitions at the most, which somebody may have laid there to keep the agent busy.
+TEST_F(ImageSurvey, ReadsOnceWhereEachPartitionLies)
+{
+    write_file(config, "otherfs = iso9660\n");
+    for (int i = 1; i <= 255; i++) {
+        if (i > 2)
+            sysfs_.add_partition("sda", "sda" + std::to_string(i), "259:" + std::to_string(i));
+        place("sda" + std::to_string(i), i * 100, 100);
+    }
+    BlockList list;
+    calls_reset();
+    calls_watch(true);
+    EXPECT_EQ(survey_take(settings_, nullptr, false, &list), 0);
+    calls_watch(false);
+    EXPECT_EQ(list.count, 258U);
+    EXPECT_LT(calls_counted()["read"], 258 * 8);
+}
+
 TEST_F(ImageSurvey, AnnouncesPartitionsThatOnlyOverlapOrAdjoin)
 {
     write_file(config, "otherfs = iso9660\n");
