@@ -119,6 +119,13 @@ static bool is_wanted(const Filesystem& row, const ConfHotplug* config)
     return config == nullptr || filesystem_is_wanted(row, config);
 }
 
+// A copy of what is mounted: XFS and btrfs tell it by its UUID, and no check finds anything wrong.
+static bool is_copy(const char* kernel)
+{
+    return strstr(kernel, "duplicate UUID") != nullptr ||
+           strstr(kernel, "duplicate device") != nullptr;
+}
+
 // The kernel's words, and its errno's text where there is one in them. Of two that could mount it
 // `able` is the first.
 static void say_refused(const Findings& findings, Diagnosis* diagnosis, const Filesystem& able)
@@ -133,7 +140,8 @@ static void say_refused(const Findings& findings, Diagnosis* diagnosis, const Fi
                    error != 0 && findings.kernel[0] != '\0' ? ")" : "");
     say_holds(diagnosis, TROUBLE_REFUSED, *findings.name, words);
     diagnosis->may_change = findings.kernel[0] == '\0';
-    advise(diagnosis, *findings.name, able.type);
+    if (!is_copy(findings.kernel))
+        advise(diagnosis, *findings.name, able.type);
 }
 
 static void judge_filesystem(const Findings& findings, Diagnosis* diagnosis)

@@ -281,8 +281,11 @@ static void ask_blkid(Lookout* lookout, const Look& look, uint64_t now)
 {
     char node[block_name_size + 8];
     (void)snprintf(node, sizeof node, "/dev/%s", look.name.text);
-    // Low-level probing without the cache (-p).
-    char* const argv[] = {text("blkid"), text("-p"), text("-o"), text("udev"), node, nullptr};
+    // Low-level probing without the cache (-p), and what is read of it alone (-s): the words of a
+    // volume can be as long as it likes.
+    char* const argv[] = {text("blkid"), text("-p"),    text("-s"), text("TYPE"),
+                          text("-s"),    text("USAGE"), text("-s"), text("PTTYPE"),
+                          text("-o"),    text("udev"),  node,       nullptr};
     lookout->asked = look;
     tool_start(&lookout->tool, argv, lookout->printed, sizeof lookout->printed, now, agent_reading);
 }

@@ -63,6 +63,22 @@ class NotMounted(AgentTest):
         self.assertEqual(self.stop_agent(), 0)
         self.assertFalse(os.path.exists(NOT_MOUNTED))
 
+    def test_words_of_a_volume_do_not_keep_it_from_being_told(self):
+        """All that an image of a CD says of itself: blkid writes each odd character as four."""
+        self.sysfs.add_stick("sda", parts=())
+        self.volume("sda")
+        descriptor = bytearray(2048)
+        descriptor[0:7] = b"\x01CD001\x01"
+        descriptor[8:72] = b"/" * 64  # what it is made for, and its name
+        descriptor[190:702] = b"/" * 512  # its set, and who has published, prepared and written it
+        with open(f"{IMAGES}/sda", "r+b") as image:
+            image.seek(32768)
+            image.write(descriptor + b"\xffCD001\x01")
+        self.start()
+        self.wait_until("it is told", self.lines)
+        self.assertEqual(self.lines()[0][2:5],
+                         ["not-named", "iso9660", "sda holds iso9660, which otherfs does not name"])
+
     def test_a_module_that_the_kernel_lacks_is_named(self):
         if shutil.which("mkfs.xfs", path=vyworld.PATH) is None:
             self.skipTest("mkfs.xfs is not installed")

@@ -147,6 +147,12 @@ TEST_F(DiagnosisTest, OfWhatWasRefused)
         {"exfat", CONF_DEV_FS_EXFAT, "exFAT-fs (sda1): x",
          "refused sda1 holds exfat, but the kernel refused it: exFAT-fs (sda1): x "
          "[fsck.exfat /dev/sda1]"},
+        {"xfs", CONF_DEV_FS_XFS, "XFS (sda1): Filesystem has duplicate UUID 1-2 - can't mount",
+         "refused sda1 holds xfs, but the kernel refused it: XFS (sda1): Filesystem has duplicate "
+         "UUID 1-2 - can't mount"}, // nothing is wrong with a copy
+        {"btrfs", CONF_DEV_FS_BTRFS, "BTRFS warning: duplicate device /dev/vyhotplug/sda1 devid 1",
+         "refused sda1 holds btrfs, but the kernel refused it: BTRFS warning: duplicate device "
+         "/dev/vyhotplug/sda1 devid 1"},
         {"iso9660", CONF_DEV_FS_ISO9660, "",
          "?refused sda1 holds iso9660, but the kernel refused it"},
         {"ntfs", CONF_DEV_FS_UNKNOWN, "",
@@ -165,6 +171,18 @@ TEST_F(DiagnosisTest, OfWhatWasRefused)
     findings_.kernel = "";
     holds("udf");
     EXPECT_EQ(made().trouble, TROUBLE_REFUSED);
+}
+
+// How the kernel's lines about it begin, or what checks it: each filesystem has one of the two.
+TEST_F(DiagnosisTest, KnowsEveryFilesystemOfTheService)
+{
+    findings_.config = nullptr;
+    for (const Filesystem& filesystem : filesystems) {
+        holds(filesystem.type);
+        EXPECT_TRUE(diagnosis_kernel_prefix(filesystem.type) != nullptr ||
+                    made().command[0] != '\0')
+            << filesystem.type;
+    }
 }
 
 TEST_F(DiagnosisTest, OfWhatBlkidCannotTell)

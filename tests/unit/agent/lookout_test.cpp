@@ -176,7 +176,8 @@ TEST_F(LookoutTest, SaysOnceWhyADeviceIsNotMounted)
     blkid_says("exfat");
     wait_for_answer(1);
     EXPECT_EQ(fake_world().spawned,
-              (std::vector<Texts>{{"blkid", "-p", "-o", "udev", "/dev/sda1"}}));
+              (std::vector<Texts>{{"blkid", "-p", "-s", "TYPE", "-s", "USAGE", "-s", "PTTYPE", "-o",
+                                   "udev", "/dev/sda1"}}));
     EXPECT_EQ(logged(), Texts{"sda1 holds exfat, which otherfs does not name"});
     EXPECT_EQ(kept(), exfat_line);
     wait_for_answer(10 * agent_patience);

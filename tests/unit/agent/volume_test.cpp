@@ -54,6 +54,7 @@ TEST(Volume, NamesAllThatItCouldBe)
     for (const char* none : {"", "::", "x", "a::b", " ", "a: b:"})
         EXPECT_STREQ(parsed(std::string("ID_FS_AMBIVALENT=") + none).several, "") << none;
     EXPECT_STREQ(parsed("ID_FS_AMBIVALENT=a:\x1b[:1 b:c d\n").several, "__, c");
+    EXPECT_STREQ(parsed("ID_FS_AMBIVALENT=a:b a:c a:d").several, "b, c, d");
 }
 
 TEST(Volume, ListsWholeWordsOnly)
@@ -66,4 +67,10 @@ TEST(Volume, ListsWholeWordsOnly)
     EXPECT_EQ(list.rfind("type0, type1, ", 0), 0U);
     EXPECT_NE(list.back(), ' ');
     EXPECT_STREQ(parsed("ID_FS_AMBIVALENT=a:" + std::string(200, 'x') + ": b:y:").several, "y");
+    // The room of what separates two is asked for the first one, too.
+    const std::string fits(volume_list_size - 3, 'x');
+    EXPECT_EQ(parsed("ID_FS_AMBIVALENT=a:" + fits).several, fits);
+    EXPECT_STREQ(parsed("ID_FS_AMBIVALENT=a:x" + fits).several, "");
+    EXPECT_EQ(parsed("ID_FS_AMBIVALENT=a:y a:" + fits.substr(1)).several, "y, " + fits.substr(1));
+    EXPECT_STREQ(parsed("ID_FS_AMBIVALENT=a:y a:" + fits).several, "y");
 }
