@@ -53,6 +53,7 @@ void settings_print_help()
         "  --not-mounted FILE\n"
         "                   where it is kept what is not mounted and why, \"\" for nowhere\n"
         "                   (default /run/vyhotplugd/not-mounted)\n"
+        "  --proc DIR       where procfs is mounted (default /proc)\n"
         "  --state FILE     where it is kept what the service was told, \"\" for nowhere\n"
         "                   (default /run/vyhotplug-agent.state)\n"
         "  --sysfs DIR      where sysfs is mounted (default /sys)\n"

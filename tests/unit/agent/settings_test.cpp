@@ -99,6 +99,6 @@ TEST(Settings, HelpNamesEveryOption)
     });
     for (const char* option :
          {"--monitor", "--once", "--scan", "--list", "--help", "--version", "--all", "--by-share",
-          "--config", "--mounts", "--not-mounted", "--state", "--sysfs", "--wait"})
+          "--config", "--mounts", "--not-mounted", "--proc", "--state", "--sysfs", "--wait"})
         EXPECT_NE(result.out.find(option), std::string::npos) << option;
 }
