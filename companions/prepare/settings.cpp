@@ -130,7 +130,7 @@ static int read_copy(FileBytes* copy)
     return 0;
 }
 
-int settings_save(const char* device_file, SettingsCheck check)
+static int save(const char* device_file, SettingsCheck check)
 {
     FileBytes settings;
     FileBytes copy;
@@ -149,4 +149,29 @@ int settings_save(const char* device_file, SettingsCheck check)
         settings_lost(copy.bytes.get(), copy.size, settings.bytes.get(), settings.size))
         result = keep_copy(copy);
     return result == 0 ? make_copy(settings) : result;
+}
+
+static struct stat look_at(const char* path)
+{
+    struct stat status = {}; // of none
+    (void)lstat(path, &status);
+    return status;
+}
+
+static bool is_same_file(const struct stat& a, const struct stat& b)
+{
+    return a.st_ino == b.st_ino && a.st_size == b.st_size && a.st_mtim.tv_sec == b.st_mtim.tv_sec &&
+           a.st_mtim.tv_nsec == b.st_mtim.tv_nsec;
+}
+
+int settings_save(const char* device_file, SettingsCheck check)
+{
+    int result = 0;
+    for (int pass = 0; pass < settings_passes; pass++) {
+        const struct stat before = look_at(device_file);
+        result = save(device_file, check);
+        if (result != 0 || is_same_file(before, look_at(device_file)))
+            break;
+    }
+    return result;
 }

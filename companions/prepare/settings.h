@@ -17,7 +17,11 @@ constexpr char settings_copy[] = "/var/lib/vyhotplugd/hotplug.dev.conf";
 // a negated errno, which the caller tells, the copy untouched: -ELOOP for a device file that is a
 // link, -EINVAL for one that is no regular file, -EFBIG for one above 4 MiB.
 //
+// A device file that is another one by then is copied anew, settings_passes times at the most: who
+// starts this for each change may not see one that is made while it runs, as on flash for a second.
+//
 // `check` is called with the content before it is copied, if it differs; it may be null.
 constexpr int settings_generations = 5;
+constexpr int settings_passes = 8;
 using SettingsCheck = void (*)(const char* device_file, const char* text, size_t size);
 [[nodiscard]] int settings_save(const char* device_file, SettingsCheck check);

@@ -279,7 +279,8 @@ TEST_F(SettingsTest, OnAFullDiskTheOldCopyStays)
     ASSERT_EQ(mount("full", copy_folder, "tmpfs", 0, "size=64k"), 0);
     write_file(settings_copy, "old");
     write_file(std::string(copy_folder) + "/filler", std::string(60 * 1024, 'x'));
-    for (const size_t size : {3000, 100000}) {
+    constexpr size_t sizes[] = {3000, 100000};
+    for (const size_t size : sizes) {
         write_file(device_file, std::string(size, 'n'));
         EXPECT_EQ(settings_save(device_file, nullptr), -ENOSPC) << size;
         EXPECT_EQ(read_file(settings_copy), "old");
@@ -434,4 +435,37 @@ TEST_F(SettingsTest, WhatIsSavedIsLookedThroughBefore)
     EXPECT_EQ(settings_save(device_file, check), 0);
     EXPECT_EQ(settings_save(device_file, check), 0) << "the copy is the same now";
     EXPECT_EQ(seen, std::vector<std::string>{settings});
+}
+
+// ---- changes meanwhile ----
+
+namespace {
+
+int changes = 0; // that are still to come while it is saved
+
+void change_it(const char* path, const char*, size_t)
+{
+    if (changes-- <= 0)
+        return;
+    write_file("/tmp/changed", settings + "Comment=" + std::to_string(changes) + "\n");
+    EXPECT_EQ(rename("/tmp/changed", path), 0);
+}
+
+} // namespace
+
+TEST_F(SettingsTest, SavesWhatIsChangedWhileItSaves)
+{
+    write_file(device_file, settings);
+    changes = 3;
+    EXPECT_EQ(settings_save(device_file, change_it), 0);
+    EXPECT_EQ(read_file(settings_copy), settings + "Comment=0\n");
+    expect_nothing_beside();
+}
+
+TEST_F(SettingsTest, EndsThoughItIsChangedAgainAndAgain)
+{
+    write_file(device_file, settings);
+    changes = 1000;
+    EXPECT_EQ(settings_save(device_file, change_it), 0);
+    EXPECT_EQ(changes, 1000 - settings_passes);
 }
