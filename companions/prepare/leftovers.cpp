@@ -264,8 +264,13 @@ int leftovers_take_off(const ConfHotplug* config, const Mountinfo* table, Leftov
 {
     // The paths in the kernel's table hold no symbolic links.
     const MemGuard<char> mountpath(realpath(config->mountpath, nullptr));
-    if (!mountpath)
+    if (!mountpath && errno == ENOENT)
         return 0;
+    if (!mountpath) {
+        tell(LOG_ERR, "what is left mounted below %s cannot be found: %s", config->mountpath,
+             strerror(errno));
+        return -1;
+    }
     Leftovers leftovers = {
         .config = config,
         .table = table,

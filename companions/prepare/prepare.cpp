@@ -3,6 +3,7 @@
 #include "common/mountinfo.h"
 #include "config/config_file.h"
 #include "lib/guard.h"
+#include "lib/platform.h"
 #include "lib/str.h"
 #include "lib/version.h"
 #include "prepare/adoption.h"
@@ -295,6 +296,15 @@ static void print_help(FILE* stream)
             program_name, default_config);
 }
 
+// Returns the exit status of a run that only prints.
+static int end_of_printing()
+{
+    if (stream_flush(stdout) == 0)
+        return 0;
+    fprintf(stderr, "%s: cannot write to standard output\n", program_name);
+    return 1;
+}
+
 // Makes the configuration's path absolute: the service works in another directory. Returns -1,
 // told.
 static int make_absolute(const char* path, char (&absolute)[service_path_size])
@@ -341,10 +351,10 @@ int prepare_main(int argc, char* argv[])
             break;
         case 'h':
             print_help(stdout);
-            return 0;
+            return end_of_printing();
         case 'v':
             printf("%s %s\n", program_name, vy_build);
-            return 0;
+            return end_of_printing();
         default:
             print_help(stderr);
             return 2;

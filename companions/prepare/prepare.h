@@ -2,9 +2,9 @@
 // an earlier service left mounted.
 #pragma once
 
-// The program. Returns 0; 1 when something failed that the service cannot work without, or the
-// settings could not be saved; 2 for a wrong command line. Errors go to standard error and the
-// system log.
+// The program. Returns 0; 1 when something failed that the service cannot work without, the
+// settings could not be saved, or nobody takes what it prints; 2 for a wrong command line. Errors
+// go to standard error and the system log.
 [[nodiscard]] int prepare_main(int argc, char* argv[]);
 
 // Prepares everything that the configuration asks for; a failure does not end it. Returns 0, also

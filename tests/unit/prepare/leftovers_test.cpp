@@ -3,6 +3,7 @@
 #include "fake/fake_log.h"
 #include "fake/fake_world.h"
 #include "lib/guard.h"
+#include "support/failing_calls.h"
 #include "support/files.h"
 
 #include <gtest/gtest.h>
@@ -252,14 +253,35 @@ TEST_F(LeftoversTest, FindsThemBehindALink)
     EXPECT_FALSE(exists("/tmp/hotdev/sda1"));
 }
 
+TEST_F(LeftoversTest, TellsWhenItCannotFindWhereTheyAre)
+{
+    char loop[] = "/tmp/loop";
+    ASSERT_EQ(symlink("loop", loop), 0);
+    add("sda1");
+    config.mountpath = loop;
+    EXPECT_EQ(take_off(), -1);
+    EXPECT_EQ(fake_log_texts(),
+              std::vector<std::string>{"prepare(#)what is left mounted below /tmp/loop cannot be "
+                                       "found: Too many levels of symbolic links"});
+    EXPECT_TRUE(fake_world().calls("umount").empty());
+    unlink(loop);
+}
+
 TEST_F(LeftoversTest, ADevicePathThatIsTooLongCostsTheNodeOnly)
 {
     add("sda1");
-    std::string longest(4095, 'd');
-    config.devicepath = longest.data();
-    EXPECT_EQ(take_off(), 0);
+    for (const size_t length : {4095U, 4091U}) { // the latter has room for all but the zero byte
+        std::string longest(length, 'd');
+        config.devicepath = longest.data();
+        EXPECT_EQ(take_off(), 0);
+    }
     EXPECT_FALSE(exists("/tmp/hotplug/sda1"));
     EXPECT_TRUE(exists("/tmp/hotdev/sda1"));
+    EXPECT_EQ(fake_world().count("unlink"), 0);
+    std::string fits(4090, 'd');
+    config.devicepath = fits.data();
+    EXPECT_EQ(take_off(), 0);
+    EXPECT_EQ(fake_world().count("unlink"), 1);
 }
 
 // ---- the share file ----
@@ -301,6 +323,15 @@ TEST_F(LeftoversTest, EmptiesNothingButRootsOwnFile)
     EXPECT_EQ(read_file(share_file), "theirs");
 }
 
+TEST_F(LeftoversTest, TheFileIsOpenForNobodyElse)
+{
+    add("sda1");
+    EXPECT_EQ(inheritable_after([&] { EXPECT_EQ(take_off(), 0); }), Texts{});
+    judge = by_refusals;
+    refusals["/tmp/hotplug/sda1"] = "it was pulled";
+    EXPECT_EQ(inheritable_after([&] { EXPECT_EQ(take_off(), 0); }), Texts{});
+}
+
 // ---- what stays ----
 
 TEST_F(LeftoversTest, WhereEverythingStaysNothingIsTouched)
@@ -332,6 +363,17 @@ TEST_F(LeftoversTest, WhatDoesNotStayIsWithdrawnByNameAndTakenOff)
                              "prepare(#)/tmp/hotplug/sdb1 is unmounted"}));
     EXPECT_TRUE(exists("/tmp/hotdev/sda1"));
     EXPECT_FALSE(exists("/tmp/hotdev/sdb1"));
+}
+
+TEST_F(LeftoversTest, WhatDoesNotStayIsWithdrawnThroughTheFirstDescriptor)
+{
+    judge = by_refusals;
+    const std::string shares = "[Music]\nPath=/tmp/hotplug/sda1\n";
+    write_file(share_file, shares);
+    add("sda1");
+    refusals["/tmp/hotplug/sda1"] = "it was pulled";
+    with_input_closed([this] { EXPECT_EQ(take_off(), 0); });
+    EXPECT_EQ(read_file(share_file), shares + "[Music]\n");
 }
 
 TEST_F(LeftoversTest, WhereNothingStaysSharesAreWithdrawnByNameAsWell)

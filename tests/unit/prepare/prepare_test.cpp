@@ -3,6 +3,7 @@
 #include "fake/fake_world.h"
 #include "lib/version.h"
 #include "support/child.h"
+#include "support/failing_calls.h"
 #include "support/files.h"
 
 #include <gtest/gtest.h>
@@ -149,6 +150,60 @@ TEST_F(PrepareTest, MakesTheSurroundings)
     EXPECT_EQ(link_target("/tmp/vynasmira/vyhotplugd.conf"), config_file);
     EXPECT_EQ(link_target(hook_link), "/etc/vyhotplugd/evhook");
     EXPECT_EQ(told, Texts{});
+}
+
+TEST_F(PrepareTest, WorksThroughTheFirstDescriptor)
+{
+    static constexpr char share_service[] = "/var/run/vynas-fssd.pid";
+    write_file(share_service, "4711\n");
+    int result = -1;
+    with_input_closed([&] { result = surroundings(); });
+    EXPECT_EQ(result, 0);
+    struct stat status = {};
+    EXPECT_EQ(stat(share_service, &status), 0);
+    EXPECT_EQ(status.st_mode & 07777U, 0600U);
+    for (const char* path : {"/tmp/vyhotplugd", "/run/vyhotplugd"})
+        expect_directory(path);
+    EXPECT_EQ(told, Texts{});
+}
+
+// Whoever got there before the file-sharing service may have laid anything there.
+TEST_F(PrepareTest, LeavesAloneWhatIsNoPidFileOfTheFileSharingService)
+{
+    static constexpr char share_service[] = "/var/run/vynas-fssd.pid";
+    write_file("/var/victim", "");
+    ASSERT_EQ(chmod("/var/victim", 0644), 0);
+    ASSERT_EQ(symlink("/var/victim", share_service), 0);
+    EXPECT_EQ(surroundings(), 0);
+    struct stat status = {};
+    EXPECT_EQ(stat("/var/victim", &status), 0);
+    EXPECT_EQ(status.st_mode & 07777U, 0644U);
+    ASSERT_EQ(unlink(share_service), 0);
+    ASSERT_EQ(mkfifo(share_service, 0644), 0);
+    const ChildResult result = run_child([] {
+        alarm(20); // it is not waited for
+        return prepare_surroundings(config_file) == 0 ? 0 : 1;
+    });
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(stat(share_service, &status), 0);
+    EXPECT_EQ(status.st_mode & 07777U, 0644U);
+}
+
+TEST_F(PrepareTest, OpensNothingForAnotherProgram)
+{
+    write_file(copy_file, "[x]\n");
+    write_file("/var/run/vynas-fssd.pid", "4711\n");
+    for (int run = 0; run < 2; run++) {
+        const ChildResult result = run_child([] {
+            for (const std::string& opened : inheritable_after([] {
+                     (void)prepare_surroundings(config_file);
+                     (void)prepare_save(config_file);
+                 }))
+                puts(opened.c_str());
+            return 0;
+        });
+        EXPECT_EQ(result.out, "");
+    }
 }
 
 TEST_F(PrepareTest, ASecondRunChangesNothing)
@@ -528,6 +583,18 @@ TEST_F(PrepareTest, TellsItsVersionAndItsOptions)
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.out.find("usage: vyhotplug-prepare [-f FILE] [--save]\n"), 0U);
     EXPECT_FALSE(exists(hook_link));
+}
+
+TEST_F(PrepareTest, FailsWhereNobodyTakesWhatItPrints)
+{
+    for (const char* option : {"--version", "--help"}) {
+        const ChildResult result = run_child([option] {
+            EXPECT_NE(freopen("/dev/full", "w", stdout), nullptr);
+            return call_main(prepare_main, {"vyhotplug-prepare", option});
+        });
+        EXPECT_EQ(result.status, 1) << option;
+        EXPECT_EQ(result.err, "vyhotplug-prepare: cannot write to standard output\n");
+    }
 }
 
 TEST_F(PrepareTest, RefusesEveryOtherCommandLine)
