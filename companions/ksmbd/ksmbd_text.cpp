@@ -87,16 +87,6 @@ static const char* find_obstacle(const Rights* rights, const RightsSettings* set
     return nullptr;
 }
 
-// Of nobody's list ksmbd makes everybody's. The administrator, whom it names, is among the invalid
-// users then.
-static void write_users(TextBuffer* text, const Rights* rights, const RightsSettings* settings)
-{
-    if (rights->selective && share_line_users(text, "valid users", rights, member_may_enter) == 0)
-        text_buffer_add(text, "\tvalid users = %s\n", settings->administrator);
-    (void)share_line_users(text, "read list", rights, member_reads_only);
-    (void)share_line_users(text, "invalid users", rights, member_may_not_enter);
-}
-
 int ksmbd_text_share(TextBuffer* text, const ExportedShare* exported, const Rights* rights,
                      const RightsSettings* settings, Notes* notes)
 {
@@ -109,17 +99,12 @@ int ksmbd_text_share(TextBuffer* text, const ExportedShare* exported, const Righ
     }
     if (share->sync)
         notes_add(notes, LOG_NOTICE, "share %s: ksmbd has no Sync, clients decide", share->name);
-    MemGuard<char> comment(strdup(share->comment != nullptr ? share->comment : ""));
-    if (!comment)
+    if (share_lines_begin(text, exported, fit_comment) != 0)
         return -ENOMEM;
-    fit_comment(comment.get());
-    text_buffer_add(text, "[%s]\n\tpath = %s\n\tcomment = %s\n", exported->name, share->path,
-                    comment.get());
     share_line_switch(text, "read only", rights->readonly);
     share_line_switch(text, "guest ok", rights->guests);
     share_line_switch(text, "browseable", true);
-    write_users(text, rights, settings);
-    if (settings->forceuser != nullptr && settings->forceuser[0] != '\0')
-        text_buffer_add(text, "\tforce user = %s\n", settings->forceuser);
+    share_lines_access(text, rights, settings);
+    share_lines_forced(text, settings);
     return 0;
 }

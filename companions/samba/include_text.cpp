@@ -70,13 +70,6 @@ static void fit_comment(char* comment)
 
 // ---- lines ----
 
-// Lets nobody enter. An empty list would let everybody enter, so it names the administrator, who is
-// among the invalid users then.
-static void write_nobody(TextBuffer* text, const RightsSettings* settings)
-{
-    text_buffer_add(text, "\tvalid users = %s\n", settings->administrator);
-}
-
 static void write_access(TextBuffer* text, const Rights* rights, const RightsSettings* settings)
 {
     share_line_switch(text, "read only", rights->readonly);
@@ -84,26 +77,18 @@ static void write_access(TextBuffer* text, const Rights* rights, const RightsSet
     share_line_switch(text, "guest only", false);
     share_line_switch(text, "wide links", false);
     text_buffer_add(text, "\tadmin users =\n\twrite list =\n");
-    if (rights->selective && share_line_users(text, "valid users", rights, member_may_enter) == 0)
-        write_nobody(text, settings);
-    (void)share_line_users(text, "read list", rights, member_reads_only);
-    (void)share_line_users(text, "invalid users", rights, member_may_not_enter);
+    share_lines_access(text, rights, settings);
     if (rights_hide_from_any(rights))
         share_line_switch(text, "access based share enum", true);
-    if (settings->forceuser != nullptr && settings->forceuser[0] != '\0')
-        text_buffer_add(text, "\tforce user = %s\n", settings->forceuser);
+    share_lines_forced(text, settings);
 }
 
 int include_text_share(TextBuffer* text, const ExportedShare* exported, const Rights* rights,
                        const RightsSettings* settings, Notes* notes)
 {
-    const Share* share = exported->share;
-    MemGuard<char> comment(strdup(share->comment != nullptr ? share->comment : ""));
-    if (!comment)
+    if (share_lines_begin(text, exported, fit_comment) != 0)
         return -ENOMEM;
-    fit_comment(comment.get());
-    text_buffer_add(text, "[%s]\n\tpath = %s\n\tcomment = %s\n", exported->name, share->path,
-                    comment.get());
+    const Share* share = exported->share;
     share_line_switch(text, "strict sync", share->sync);
     share_line_switch(text, "sync always", share->sync);
     write_access(text, rights, settings);
