@@ -93,6 +93,17 @@ static bool look_up_mount(const MountRoot* root, const char* path, const Mountin
     return true;
 }
 
+// Whether all of the share could be read. Behind the end of a list somebody may stand who must not
+// enter, and the number at its end may be the beginning of another's.
+static bool is_whole(const Share* share, Notes* notes)
+{
+    if (share->cut == nullptr)
+        return true;
+    notes_add(notes, LOG_ERR, "share %s (%s) is withheld: %s is longer than what is read of it",
+              share->name, share->identifier != nullptr ? share->identifier : "", share->cut);
+    return false;
+}
+
 // Whether the share's users are right. The service leaves out what is no user id, and an empty list
 // lets everybody in: so the share waits until somebody has mended it.
 static bool is_for_known_users(const Share* share, Notes* notes)
@@ -144,7 +155,7 @@ static size_t select_present(const ShareServer* server, const World* world, Note
     for (size_t i = 0; i < table->count; i++) {
         const Share* share = &table->shares[i];
         bool readonly = false;
-        if (!is_for_known_users(share, notes) ||
+        if (!is_whole(share, notes) || !is_for_known_users(share, notes) ||
             !is_present(server, share, world, notes, &readonly))
             continue;
         if (readonly && !share->readonly)

@@ -87,6 +87,16 @@ static int read_administrator(const IniSection* section, Share* share, Notes* no
     return 0;
 }
 
+// Lends the key of a value of which something is missing that matters; null without one.
+static const char* find_cut(const IniSection* section)
+{
+    for (const char* key : users_keys) {
+        if (ini_section_is_cut(section, key))
+            return key;
+    }
+    return ini_section_is_cut(section, "Path") ? "Path" : nullptr;
+}
+
 // Fills all but the name. Returns 0 or -ENOMEM.
 static int read_settings(const IniSection* section, Share* share, Notes* notes)
 {
@@ -102,6 +112,7 @@ static int read_settings(const IniSection* section, Share* share, Notes* notes)
         if (read_text(section, users_keys[access], &share->users[access]) != 0)
             return -ENOMEM;
     }
+    share->cut = find_cut(section);
     return read_administrator(section, share, notes);
 }
 

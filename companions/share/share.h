@@ -33,6 +33,7 @@ struct Share {
     bool guesthide;
     ShareAccess administrator;
     char* users[SHARE_ACCESS_KINDS]; // lists of user ids as written, by access; may be null
+    const char* cut; // the key of a path or list that is longer than what was read of it; or null
 };
 
 struct ShareTable {

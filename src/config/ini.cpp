@@ -488,6 +488,15 @@ int ini_section_get_string(const IniSection* section, const char* key, char** va
     return 0;
 }
 
+bool ini_section_is_cut(const IniSection* section, const char* key)
+{
+    if (section == nullptr || key == nullptr)
+        return false;
+    const Entry* found = find_entry(section, key, INI_LAST);
+    return found != nullptr &&
+           trim({.begin = found->equals + 1, .end = found->end}).size() > value_max;
+}
+
 int ini_doc_get_string(const IniDoc* doc, const char* section, const char* key, char** value,
                        int32_t occurrence)
 {

@@ -61,6 +61,9 @@ using IniSectionGuard = Guard<IniSection, ini_section_free>;
 [[nodiscard]] int ini_doc_get_string(const IniDoc* doc, const char* section, const char* key,
                                      char** value, int32_t occurrence);
 
+// Whether the key's last value is longer than what is told of it; false without a section or key.
+[[nodiscard]] bool ini_section_is_cut(const IniSection* section, const char* key);
+
 // As config_get_section_list, without the file.
 [[nodiscard]] int ini_doc_get_section_list(const IniDoc* doc, vylist** sections);
 

@@ -335,6 +335,21 @@ TEST(IniValue, IsCutTo2047Bytes)
               "0 " + std::string(2047, 'a'));
 }
 
+TEST(IniValue, IsSaidToBeCut)
+{
+    const std::string whole(2047, 'a');
+    const std::string text = "a=" + whole + "x\na = " + whole + " \nB b=1\nbb=" + whole + "x\n";
+    IniDocGuard doc;
+    IniSectionGuard section;
+    ASSERT_EQ(ini_doc_parse(text.data(), text.size(), doc.out()), 0);
+    ASSERT_EQ(ini_section_open(doc.get(), nullptr, section.out()), 0);
+    EXPECT_FALSE(ini_section_is_cut(section.get(), "a")) << "the last one counts";
+    EXPECT_TRUE(ini_section_is_cut(section.get(), "bB"));
+    EXPECT_FALSE(ini_section_is_cut(section.get(), "c"));
+    EXPECT_FALSE(ini_section_is_cut(section.get(), nullptr));
+    EXPECT_FALSE(ini_section_is_cut(nullptr, "a"));
+}
+
 TEST(IniValue, LosesItsLeadingBlanksBeforeItIsCut)
 {
     EXPECT_EQ(lookup_in("k=" + std::string(3000, ' ') + "v\n", "", "k"), "0 v");

@@ -381,6 +381,21 @@ TEST_F(BridgeTest, AShareForWhomNobodyKnowsIsWithheldUntilTheListIsRight)
     EXPECT_EQ(exported(), (Texts{"Fixed", "Stick"}));
 }
 
+// A thousand who must not enter: the last of them stand where nothing is read.
+TEST_F(BridgeTest, AShareWithAListThatIsCutIsWithheld)
+{
+    std::string ids;
+    for (int id = 1000; id < 2000; id++)
+        ids += std::to_string(id) + ",";
+    refresh(fixed + stick);
+    EXPECT_EQ(refresh(fixed + stick + "Block Users=" + ids + "\n"),
+              (Runs{reload, close_of("Stick")}));
+    EXPECT_EQ(exported(), (Texts{"Fixed"}));
+    EXPECT_EQ(said(), (Texts{"share Stick (1234:00ab:A:1) is withheld: Block Users is longer than "
+                             "what is read of it",
+                             "close share Stick"}));
+}
+
 TEST_F(BridgeTest, WithoutTheUserInWhoseNameAllWorkNothingIsShared)
 {
     refresh(fixed);

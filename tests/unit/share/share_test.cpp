@@ -230,6 +230,19 @@ std::string wrong(const std::string& lines)
 
 } // namespace
 
+TEST(ShareCut, WhatIsLongerThanWhatIsReadOfIt)
+{
+    const std::string list(2046, '5');
+    for (const std::string key :
+         {"Full Access Users", "Read Only Users", "Block Users", "Hide Users", "Path"}) {
+        const std::string entry = key + "=" + (key == "Path" ? "/" : "") + list;
+        const std::string begin = "[A]\n" + (key == "Path" ? "" : plain) + entry;
+        EXPECT_EQ(Reading(begin + (key == "Path" ? "" : ",") + "  \n").first().cut, nullptr) << key;
+        EXPECT_STREQ(Reading(begin + "5,\n").first().cut, key.c_str());
+    }
+    EXPECT_EQ(Reading("[A]\nComment=" + list + "xxx\n" + plain).first().cut, nullptr);
+}
+
 TEST(ShareWrongUser, ListsAsTheServiceWritesThemAreRight)
 {
     for (const std::string list :
