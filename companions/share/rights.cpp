@@ -71,6 +71,7 @@ static int add_id(const Gathering* gathering, const char* text, ShareAccess acce
     if (!gathering->settings->user_fits(name)) {
         notes_add(gathering->notes, LOG_WARNING, "share %s: user %s (%d) is left out for the name",
                   gathering->share->name, name, static_cast<int>(id));
+        gathering->rights->unnamed |= access >= SHARE_BLOCK;
         return 0;
     }
     return add_member(gathering->rights, name, access);
@@ -121,6 +122,11 @@ int rights_make(const ExportedShare* exported, const RightsSettings* settings, N
     rights->selective =
         share_lists_users(share, SHARE_FULL) || share_lists_users(share, SHARE_READ_ONLY);
     return 0;
+}
+
+bool rights_let_in_unnamed(const Rights* rights)
+{
+    return rights->unnamed && !rights->selective;
 }
 
 bool member_may_enter(const Member* member)

@@ -2,7 +2,9 @@
 // Touches no world; user names come from a callback.
 //
 // Of several entries of one user the strictest counts: Hide, Block, Read Only, Full. An entry that
-// no user has, or whose name the server cannot hold, is left out and noted.
+// no user has, or whose name the server cannot hold, is left out and noted. Where everybody else
+// may enter, somebody of Hide or Block who is left out for the name could, too: such a share is to
+// be withheld (rights_let_in_unnamed).
 #pragma once
 
 #include "share/notes.h"
@@ -47,6 +49,7 @@ struct Rights {
     bool readonly;  // nobody writes
     bool guests;    // guests may enter
     bool selective; // of the others only members may enter; else everybody with an account
+    bool unnamed;   // somebody who may not enter is not among the members: the name does not fit
 };
 
 // Fills the record. Returns 0 or -ENOMEM; in both cases it is to be cleared.
@@ -55,6 +58,9 @@ struct Rights {
 
 // Lends the member of that name; null when there is none.
 [[nodiscard]] const Member* rights_find(const Rights* rights, const char* name);
+
+// Whether somebody who may not enter would, for the server cannot be told whom to keep out.
+[[nodiscard]] bool rights_let_in_unnamed(const Rights* rights);
 
 [[nodiscard]] bool rights_hide_from_any(const Rights* rights);
 

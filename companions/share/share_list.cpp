@@ -1,6 +1,7 @@
 #include "share/share_list.h"
 
 #include <errno.h>
+#include <syslog.h>
 
 static int add_share(const ShareServer* server, const ExportedShare* exported,
                      const RightsSettings* settings, Notes* notes, TextBuffer* text)
@@ -9,6 +10,12 @@ static int add_share(const ShareServer* server, const ExportedShare* exported,
     const RightsGuard held(&rights);
     if (rights_make(exported, settings, notes, &rights) != 0)
         return -ENOMEM;
+    if (rights_let_in_unnamed(&rights)) {
+        notes_add(notes, LOG_ERR,
+                  "share %s is withheld: somebody who may not enter cannot be kept out by name",
+                  exported->share->name);
+        return 0;
+    }
     return server->write_share(text, exported, &rights, settings, notes);
 }
 

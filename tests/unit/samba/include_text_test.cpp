@@ -269,6 +269,21 @@ TEST(IncludeText, UsersWhoseNamesMeanSomethingElseAreLeftOutAndToldOf)
     EXPECT_EQ(access("Full Access Users=611,\n").valid, "\xc3\xa9va, root");
 }
 
+TEST(IncludeText, WhoCannotBeKeptOutByNameKeepsTheShareFromAll)
+{
+    for (const std::string list : {"Block Users=500,601,\n", "Hide Users=601,\n"}) {
+        Texts said;
+        EXPECT_EQ(make("[A]\nPath=/mnt\n" + list + "[B]\nPath=/srv\n", usual, &said).find("[A]"),
+                  std::string::npos);
+        EXPECT_EQ(said, (Texts{"share A: user a b (601) is left out for the name",
+                               "share A is withheld: somebody who may not enter cannot be kept out "
+                               "by name"}));
+        // Where the others are named nobody else enters anyway.
+        EXPECT_EQ(access(list + "Full Access Users=501,\n").valid, "bert, root");
+    }
+    EXPECT_EQ(access("Block Users=999,\n").valid, none); // nobody, who cannot enter
+}
+
 TEST(IncludeText, OtherNamesForAdministratorAndGuest)
 {
     const RightsSettings other = {.administrator = "carl",
