@@ -18,6 +18,7 @@ import vyworld
 from vyworld import CONFIG, LIMIT, PATH, SERVICE_PID_FILE, SHARE_FILE, SystemTest
 
 BRIDGE = os.path.join(os.environ.get("VY_BIN", ""), "vynas-samba")
+KSMBD_BRIDGE = os.path.join(os.environ.get("VY_BIN", ""), "vynas-ksmbd")
 SETUP = os.path.join(os.environ.get("VY_BIN", ""), "vynas-samba-setup")
 OWN_CONFIG = "/tmp/vynas-samba.conf"
 INCLUDE = "/run/vynas-samba/shares.conf"

@@ -12,7 +12,7 @@ import xml.etree.ElementTree
 
 import samba_world
 import vyworld
-from samba_world import (BRIDGE, FIXED, INCLUDE, OWN_CONFIG, SETUP, SMB_CONF, BridgeTest, SambaTest,
+from samba_world import (BRIDGE, FIXED, INCLUDE, KSMBD_BRIDGE, OWN_CONFIG, SETUP, SMB_CONF, BridgeTest, SambaTest,
                          can_unmount, share)
 from vyworld import CONFIG, INFO, SERVICE_PID_FILE, SHARE_FILE
 
@@ -37,6 +37,22 @@ class Program(BridgeTest):
         self.assertEqual(second.returncode, 1)
         self.wait_for_log("main(#)cannot lock /var/run/vynas-fssd.pid, another copy may be running")
         self.assertEqual(int(vyworld.read(SERVICE_PID_FILE)), self.bridge.pid)
+
+    def test_the_bridge_to_another_server_refuses(self):
+        vyworld.write(SHARE_FILE, share("A", FIXED))
+        self.start_bridge()
+        os.makedirs("/run/vynas-ksmbd")
+        before = vyworld.read(INCLUDE), vyworld.read(SERVICE_PID_FILE)
+        times = [os.stat(path).st_mtime_ns for path in (INCLUDE, SERVICE_PID_FILE)]
+        other = subprocess.run([KSMBD_BRIDGE, "-f", CONFIG, "-c", OWN_CONFIG], stdin=subprocess.DEVNULL, check=False,
+                               timeout=vyworld.LIMIT, env=vyworld.environment())
+        self.assertEqual(other.returncode, 1)
+        self.wait_for_log("main(#)cannot lock /var/run/vynas-fssd.pid, another copy may be running")
+        self.assertEqual((vyworld.read(INCLUDE), vyworld.read(SERVICE_PID_FILE)), before)
+        self.assertEqual([os.stat(path).st_mtime_ns for path in (INCLUDE, SERVICE_PID_FILE)], times)
+        self.assertEqual(os.listdir("/run/vynas-ksmbd"), [])
+        self.set_shares(share("A", FIXED) + share("B", FIXED))
+        self.assertEqual(self.exported(), ["A", "B"])
 
     def test_sigterm_and_sigint_end_it_and_leave_the_file(self):
         vyworld.write(SHARE_FILE, share("A", FIXED))
@@ -579,6 +595,21 @@ class Testparm(SambaTest):
             exported += len(found)
         self.assertGreater(exported, 500)
 
+    def test_a_thousand_shares_and_as_many_users_as_are_read(self):
+        """Those of a longer list would not be all of them: the share is withheld."""
+        ids = range(10000, 11000)
+        with open("/etc/passwd", "a", encoding="ascii") as file:
+            file.write("".join(f"user{uid}:x:{uid}:100::/tmp:/bin/false\n" for uid in ids))
+        listed = {count: "".join(f"{uid}," for uid in ids[:count]) for count in (341, 342, 1000)}  # 2046 bytes are 341
+        text = "".join(share(f"n{number}", FIXED) for number in range(1000)) + share("whole", FIXED, Full_Access_Users=listed[341])
+        text += share("longer", FIXED, Block_Users=listed[342]) + share("longest", FIXED, Full_Access_Users=listed[1000])
+        self.make_include(text)
+        found = samba_world.testparm(SMB_CONF)
+        self.assertEqual(list(found), [*(f"n{number}" for number in range(1000)), "whole"])
+        self.assertEqual(found["whole"]["valid users"].split(" "), [*(f"user{uid}" for uid in ids[:341]), "root"])
+        for name, key in (("longer", "Block Users"), ("longest", "Full Access Users")):
+            self.wait_for_log(f"bridge(#)share {name} () is withheld: {key} is longer than what is read of it")
+
     def test_names_that_samba_takes_for_one_are_told_apart(self):
         text = ""
         for code in [*range(0x41, 0xd800), *range(0xe000, 0xfffe), *range(0x10400, 0x10450)]:
@@ -653,6 +684,45 @@ class Setup(BridgeTest):
         for task in ("enable", "disable"):
             self.assertEqual(self.setup(task).status, 0)
             self.assertEqual(vyworld.read(service), "mine")
+
+    def fake(self, name, *, status=0):
+        """A program that notes its words and ends so."""
+        vyworld.write(f"{vyworld.PROGRAMS}/{name}", f"#!/bin/sh\necho \"$0 $*\" >>/tmp/called\nexit {status}\n", 0o755)
+
+    @staticmethod
+    def hide(name):
+        """As if it were not installed."""
+        found = shutil.which(name, path=vyworld.PATH)
+        if found is not None:
+            vyworld.run("mount", "--bind", "/dev/null", found)
+
+    @staticmethod
+    def called():
+        """What was run since the last question."""
+        lines = vyworld.read_lines("/tmp/called")
+        vyworld.write("/tmp/called", "")
+        return [line.removeprefix(f"{vyworld.PROGRAMS}/") for line in lines]
+
+    def test_wsdd_is_started_where_it_is(self):
+        vyworld.write(SMB_CONF, "[global]\n")
+        self.hide("systemctl")
+        self.hide("wsdd")
+        self.fake("wsdd")
+        self.assertNotIn("wsdd", self.setup("enable").err)
+        self.fake("systemctl")
+        os.unlink(f"{vyworld.PROGRAMS}/wsdd")
+        self.assertNotIn("wsdd", self.setup("enable").err)
+        self.assertEqual(self.called(), [])
+        self.fake("wsdd")
+        self.assertNotIn("wsdd", self.setup("enable").err)
+        self.assertEqual(self.called(), ["systemctl enable --now --quiet wsdd.service"])
+        for task in ("status", "disable"):
+            self.setup(task)
+        self.assertEqual(self.called(), [])  # others may need it
+        self.fake("systemctl", status=1)
+        done = self.setup("enable")
+        self.assertEqual(done.status, 0)
+        self.assertIn("vynas-samba-setup: wsdd could not be started, Windows may not show this machine\n", done.err)
 
     def test_files_of_every_kind(self):
         for text in ("", "\n", "\n\n\n", "[global]", "[global]\nworkgroup = X",

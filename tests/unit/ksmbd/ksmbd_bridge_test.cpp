@@ -98,6 +98,7 @@ TEST_F(KsmbdBridgeTest, AllThatGoesIsClosedAtOnce)
     (void)refresh(share("sda1") + share("sdb1") + share("sdc1"));
     EXPECT_EQ(refresh(share("sdb1")), Runs{reload});
     EXPECT_TRUE(was_said("close share sda1 and 1 more"));
+    EXPECT_FALSE(was_said("cannot start")) << "no program is needed for it";
 }
 
 TEST_F(KsmbdBridgeTest, WhatCannotBeHiddenIsClosed)
@@ -123,6 +124,19 @@ TEST_F(KsmbdBridgeTest, AServerThatDoesNotRunIsNoFailure)
     fake_world().programs["ksmbd.control"] = {FakeRun{1 << 8, 0, ""}};
     EXPECT_EQ(refresh(share("sda1")), Runs{reload});
     EXPECT_TRUE(was_said("ksmbd.control failed (1)"));
+}
+
+// What it was told is in force a moment later only.
+TEST_F(KsmbdBridgeTest, AReloadHasItsTimeToSettle)
+{
+    server.settle_ms = 100;
+    write_file(share_file, share("sda1"));
+    EXPECT_EQ(bridge_refresh(&bridge), 0);
+    EXPECT_EQ(server_control_advance(&bridge.control), 100) << "the program has ended";
+    fake_world().pass(99000, 0);
+    EXPECT_EQ(server_control_advance(&bridge.control), 1);
+    fake_world().pass(1000, 0);
+    EXPECT_EQ(server_control_advance(&bridge.control), -1);
 }
 
 TEST_F(KsmbdBridgeTest, AThousandShares)

@@ -165,6 +165,14 @@ TEST_F(ServerControlTest, WhatHangsIsKilled)
     EXPECT_EQ(killed, 3);
 }
 
+// A time that is over while it is looked at is waited for no longer, and nothing is left behind.
+TEST_F(ServerControlTest, WhatHasNoTimeAtAllIsKilledAtOnce)
+{
+    install("exec sleep 1000");
+    tell(std::vector<std::string>(20, "A"), 0);
+    EXPECT_GE(fake_log_texts().size(), 21U);
+}
+
 // Each has its own: on a slow processor they take seconds, and eight run at a time.
 TEST_F(ServerControlTest, ManySharesHaveMoreTime)
 {

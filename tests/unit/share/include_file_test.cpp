@@ -42,10 +42,12 @@ std::string read_back()
 
 TEST(IncludeFile, IsWrittenWithItsDirectoryAndReadBack)
 {
+    umask(0);
     ASSERT_EQ(include_file_write(path.c_str(), "[A]\n"), 0);
     EXPECT_EQ(read_file(path), "[A]\n");
     EXPECT_EQ(read_back(), "[A]\n");
     EXPECT_EQ(names_in(folder), Names{"shares.conf"});
+    EXPECT_EQ(mode_of(folder), 0755U);
 }
 
 TEST(IncludeFile, EverybodyMayReadItWhateverTheUmask)
@@ -93,7 +95,8 @@ TEST(IncludeFile, WhenTheDiskIsFullTheOldOneStays)
     ASSERT_EQ(mount("full", folder.c_str(), "tmpfs", 0, "size=64k"), 0);
     write_file(path, "old");
     write_file(folder + "/filler", std::string(60 * 1024, 'x')); // no page is left
-    for (const size_t size : {3000, 100000}) {
+    constexpr size_t sizes[] = {3000, 100000};
+    for (const size_t size : sizes) {
         EXPECT_EQ(include_file_write(path.c_str(), std::string(size, 'n').c_str()), -ENOSPC);
         EXPECT_EQ(read_file(path), "old");
         EXPECT_EQ(names_in(folder), (Names{"filler", "shares.conf"}));
