@@ -14,7 +14,6 @@
 #include <getopt.h>
 #include <limits.h>
 #include <string.h>
-#include <syslog.h>
 #include <unistd.h>
 
 static constexpr char program[] = "vyhotplugctl";
@@ -244,7 +243,6 @@ int ctl_main(int argc, char* argv[])
     const int status = parse(argc, argv, &line);
     if (status != EXIT_DONE)
         return status;
-    (void)setlogmask(LOG_MASK(LOG_EMERG)); // what is wrong is told here, not in the system's log
     if (line.version) {
         printf("%s %s\n", program, vy_build);
         return end_printing(EXIT_DONE);

@@ -7,7 +7,8 @@
 
 #include <syslog.h>
 
-// Sends one line to syslog; what is below the process's log mask is dropped before formatting.
+// Sends one line to syslog; what is below the process's log mask is dropped before formatting. Does
+// nothing in a program that is linked with vy_log_off.
 void log_write(int priority, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 #define VY_LOG(priority, format, ...) VY_LOG_AT(priority, __LINE__, format, ##__VA_ARGS__)

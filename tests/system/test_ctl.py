@@ -76,6 +76,12 @@ class Status(CtlTest):
                          [["sda1", "Drive(A1)", "shared"], ["sdb2", "Drive(B2)", "shared"]])
         self.assertEqual(self.ctl().out.splitlines(), lines)
 
+    def test_it_writes_nothing_to_the_systems_log(self):
+        self.write_config(mountflags="nodev,nothing")
+        self.assert_ctl(status=NO_SERVICE)
+        self.start_daemon()  # reads the same file, and logs that a word is none
+        self.assertEqual(len(self.log.find("config_file(#)Error - Unknown Mount Flag(nothing)")), 1)
+
     def test_json_of_what_is_plugged(self):
         self.start_daemon()
         stick = self.make_partition("sda1")
