@@ -5,6 +5,8 @@
 #include "ctl/status.h"
 #include "ctl/terminal.h"
 
+#include <stdint.h>
+
 // Borrowed from the command line.
 struct CallArgs {
     const Setup* setup;
@@ -18,7 +20,7 @@ struct CallArgs {
     int wait_s;   // -1: not said
 };
 
-enum CallOption : unsigned {
+enum CallOption : uint8_t {
     TAKES_JSON = 1,
     TAKES_ALL = 2,
     TAKES_FORCE = 4,
@@ -30,9 +32,9 @@ struct CallRow {
     const char* name;
     const char* synopsis; // what stands behind the name
     const char* help;
-    unsigned options; // CallOption
-    int least;        // words
-    int most;
+    uint8_t options; // CallOption
+    uint8_t least;   // words
+    uint8_t most;
     bool root;
     int (*run)(const CallArgs& args); // returns the exit status
 };

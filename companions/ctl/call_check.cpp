@@ -4,15 +4,13 @@
 #include "ctl/item_json.h"
 #include "ctl/problem_text.h"
 
-#include <string.h>
-
 static int tell(const CallArgs& args, const ProblemTable& table, int wrong)
 {
     Json json = {.out = args.out.out, .more = false};
     if (!args.json) {
         problems_print(args.out, table);
         if (wrong == 0)
-            (void)fputs("All is well.\n", args.out.out);
+            text_print(args.out.out, "All is well.\n");
     } else {
         json_begin(&json, "check");
         problems_json(&json, "problems", table);
@@ -29,9 +27,7 @@ int call_check(const CallArgs& args)
     if (status == EXIT_DONE) {
         const int wrong = problems_find(
             *args.setup, view, args.offline ? PROBLEMS_CONFIGURATION : PROBLEMS_ALL, &table);
-        if (wrong < 0)
-            fprintf(stderr, "vyhotplugctl: %s\n", strerror(-wrong));
-        status = wrong < 0 ? static_cast<int>(EXIT_FAILED) : tell(args, table, wrong);
+        status = wrong < 0 ? complain_errno(nullptr, wrong) : tell(args, table, wrong);
     }
     problems_end(&table);
     view_end(&view);

@@ -6,6 +6,7 @@
 #include "ctl/target.h"
 #include "lib/str.h"
 
+#include <errno.h>
 #include <string.h>
 
 static constexpr int default_wait_s = 90; // a refresh may wait for a hook, a driver and labels
@@ -14,9 +15,9 @@ namespace {
 
 // What is to be set.
 struct Assignments {
+    size_t count;
     SectionChange changes[setting_count];
     char values[setting_count][setting_value_size];
-    size_t count;
 };
 
 } // namespace
@@ -27,6 +28,12 @@ static int wait_of(const CallArgs& args)
 }
 
 // ---- the target ----
+
+// Whether it can stand in brackets, on a line of its own.
+static bool fits_header(const char* word)
+{
+    return word[strcspn(word, "[]\r\n")] == '\0';
+}
 
 // Four lower-case hexadecimal digits and a colon.
 static bool is_id(const char* word)
@@ -41,7 +48,7 @@ static bool is_identity(const char* word)
         return false;
     const char* last = strrchr(word, ':');
     return last >= word + 10 && last[1] != '\0' &&
-           last[1 + strspn(last + 1, "0123456789")] == '\0' && strpbrk(word, "[]\r\n") == nullptr;
+           last[1 + strspn(last + 1, "0123456789")] == '\0' && fits_header(word);
 }
 
 // A new directory of the machine may have any name.
@@ -49,7 +56,7 @@ static bool names_directory(const CallArgs& args)
 {
     for (int i = 1; i < args.count; i++) {
         if (strncmp(args.words[i], "path=/", 6) == 0)
-            return args.words[0][0] != '\0' && strpbrk(args.words[0], "[]\r\n") == nullptr;
+            return args.words[0][0] != '\0' && fits_header(args.words[0]);
     }
     return false;
 }
@@ -60,8 +67,7 @@ static const char* find_identity(const CallArgs& args, const View& view, bool* p
     const char* word = args.words[0];
     Targets targets;
     if (targets_find(view, word, &targets) != 0) {
-        perror("vyhotplugctl");
-        *status = EXIT_FAILED;
+        *status = complain_errno(nullptr, ENOMEM);
         return nullptr;
     }
     const bool unknown = targets.count == 0;
@@ -74,8 +80,7 @@ static const char* find_identity(const CallArgs& args, const View& view, bool* p
         return nullptr;
     *plugged = item->state != ITEM_ABSENT && item->name[0] != '\0';
     if (item->identity == nullptr) {
-        fprintf(stderr, "vyhotplugctl: %s has no settings before the service shares it\n",
-                item_name(*item));
+        complain("%s has no settings before the service shares it", item_name(*item));
         *status = EXIT_FAILED;
     }
     return item->identity;
@@ -85,11 +90,9 @@ static const char* find_identity(const CallArgs& args, const View& view, bool* p
 
 static int tell_keys(const char* word)
 {
-    (void)fputs("vyhotplugctl: no such setting: ", stderr);
-    (void)text_show(stderr, word, 100);
-    (void)fputs("\nThere are:\n", stderr);
+    complain("no such setting: %.100s\nThere are:", word);
     for (const SettingRow& row : setting_rows)
-        fprintf(stderr, "  %-16s  %s\n", row.word, row.help);
+        text_print(stderr, "  %-16s  %s\n", row.word, row.help);
     return EXIT_WRONG_CALL;
 }
 
@@ -111,8 +114,8 @@ static int take_word(const View& view, const char* identity, const char* word, b
     if (row == nullptr || made->count == setting_count)
         return tell_keys(word);
     if (unset != (word[length] == '\0')) {
-        fprintf(stderr, "vyhotplugctl: %s: %s\n", row->word,
-                unset ? "unset takes the name alone" : "give a value: KEY=VALUE");
+        complain("%s: %s", row->word,
+                 unset ? "unset takes the name alone" : "give a value: KEY=VALUE");
         return EXIT_WRONG_CALL;
     }
     SectionChange* change = &made->changes[made->count];
@@ -138,10 +141,8 @@ static int apply(const CallArgs& args, const char* identity, const Assignments& 
                              .forget = false,
                              .dropped = false};
     const int status = device_file_apply(*args.setup, &edit, 1, wait_of(args));
-    if (status == EXIT_DONE) {
-        (void)text_show(args.out.out, identity, 600);
-        (void)fputs(" is set\n", args.out.out);
-    }
+    if (status == EXIT_DONE)
+        text_print(args.out.out, "%.600s is set\n", identity);
     return status;
 }
 
@@ -150,10 +151,8 @@ static int assign(const CallArgs& args, bool unset)
     View view;
     const MemGuard<Assignments> made(static_cast<Assignments*>(calloc(1, sizeof(Assignments))));
     int status = look(*args.setup, &view);
-    if (!made) {
-        perror("vyhotplugctl");
-        status = EXIT_FAILED;
-    }
+    if (!made)
+        status = complain_errno(nullptr, ENOMEM);
     bool plugged = false;
     const char* identity =
         status == EXIT_DONE ? find_identity(args, view, &plugged, &status) : nullptr;
@@ -190,10 +189,8 @@ int call_forget(const CallArgs& args)
                                  .dropped = !plugged};
         status = device_file_apply(*args.setup, &edit, 1, wait_of(args));
     }
-    if (identity != nullptr && status == EXIT_DONE) {
-        (void)text_show(args.out.out, identity, 600);
-        (void)fputs(" is forgotten\n", args.out.out);
-    }
+    if (identity != nullptr && status == EXIT_DONE)
+        text_print(args.out.out, "%.600s is forgotten\n", identity);
     view_end(&view);
     return status;
 }

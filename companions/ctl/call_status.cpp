@@ -18,9 +18,7 @@
 int look(const Setup& setup, View* view)
 {
     const int result = view_begin(setup, view);
-    if (result != 0)
-        fprintf(stderr, "vyhotplugctl: %s\n", strerror(-result));
-    return result == 0 ? EXIT_DONE : EXIT_FAILED;
+    return result == 0 ? EXIT_DONE : complain_errno(nullptr, result);
 }
 
 // ---- status ----
@@ -99,10 +97,8 @@ static int print_table(const CallArgs& args, const View& view)
     const MemGuard<RowTexts> texts(
         static_cast<RowTexts*>(calloc(view.count + 1, sizeof(RowTexts))));
     const MemGuard<TableRow> rows(static_cast<TableRow*>(calloc(view.count + 1, sizeof(TableRow))));
-    if (!texts || !rows) {
-        perror("vyhotplugctl");
-        return EXIT_FAILED;
-    }
+    if (!texts || !rows)
+        return complain_errno(nullptr, ENOMEM);
     size_t count = 0;
     for (size_t i = 0; i < view.count; i++) {
         if (!args.all && !item_is_present(view.items[i]))
@@ -113,7 +109,7 @@ static int print_table(const CallArgs& args, const View& view)
     if (count > 0)
         table_print(args.out, columns, COLUMNS, rows.get(), count);
     else
-        (void)fputs("Nothing is plugged.\n", args.out.out);
+        text_print(args.out.out, "Nothing is plugged.\n");
     return EXIT_DONE;
 }
 
@@ -138,10 +134,10 @@ static void print_problems(const CallArgs& args, const ProblemTable& problems)
     for (size_t i = 0; i < problems.count; i++) {
         if (problems.problems[i].note)
             continue;
-        (void)fputs("! ", args.out.out);
+        text_print(args.out.out, "! ");
         (void)text_show(args.out.out, problems.problems[i].text,
                         args.out.width > 2 ? args.out.width - 2 : SIZE_MAX);
-        (void)fputs("\n", args.out.out);
+        text_print(args.out.out, "\n");
     }
 }
 
@@ -163,10 +159,8 @@ int call_status(const CallArgs& args)
     View view;
     ProblemTable problems = {};
     int status = look(*args.setup, &view);
-    if (status == EXIT_DONE && problems_find(*args.setup, view, PROBLEMS_QUICK, &problems) < 0) {
-        perror("vyhotplugctl");
-        status = EXIT_FAILED;
-    }
+    if (status == EXIT_DONE && problems_find(*args.setup, view, PROBLEMS_QUICK, &problems) < 0)
+        status = complain_errno(nullptr, ENOMEM);
     if (status == EXIT_DONE)
         status = print_status(args, view, problems);
     problems_end(&problems);
@@ -178,11 +172,8 @@ int call_status(const CallArgs& args)
 
 static void print_line(FILE* out, const char* name, const char* text)
 {
-    if (text == nullptr || text[0] == '\0')
-        return;
-    fprintf(out, "%18s  ", name);
-    (void)text_show(out, text, PATH_MAX);
-    (void)fputc('\n', out);
+    if (text != nullptr && text[0] != '\0')
+        text_print(out, "%18s  %.4096s\n", name, text);
 }
 
 static void print_settings(FILE* out, const ConfDev* settings)
@@ -211,7 +202,7 @@ static void print_sizes(FILE* out, const Item& item)
     size_format(item.used_bytes, used);
     size_format(item.free_bytes, left);
     if (item.mount != nullptr)
-        fprintf(out, "%18s  %s, %s used, %s free\n", "size", size, used, left);
+        text_print(out, "%18s  %s, %s used, %s free\n", "size", size, used, left);
     else if (item.size_bytes > 0)
         print_line(out, "size", size);
 }
@@ -261,7 +252,7 @@ static void print_item(FILE* out, const Item& item, const HolderTable& holders)
     for (const FileServer& server : file_servers)
         file_server_print_share(out, server, item.directory);
     if (holders.count > 0)
-        fprintf(out, "%18s\n", "held by");
+        text_print(out, "%18s\n", "held by");
     holders_print(out, holders);
 }
 
@@ -287,7 +278,7 @@ static void print_one(const CallArgs& args, const Item& item, const HolderTable&
         else if (holders.count > 0)
             holders_print(args.out.out, holders);
         else
-            fprintf(args.out.out, "Nobody holds %s.\n", item_name(item));
+            text_print(args.out.out, "Nobody holds %s.\n", item_name(item));
         return;
     }
     json_begin(&json, call);
@@ -324,6 +315,6 @@ int call_show(const CallArgs& args)
 int call_who(const CallArgs& args)
 {
     if (geteuid() != 0)
-        (void)fputs("vyhotplugctl: only root sees who else holds files\n", stderr);
+        complain("only root sees who else holds files");
     return tell_of_one(args, "who", false);
 }

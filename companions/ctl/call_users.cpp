@@ -60,21 +60,19 @@ static void tell_json(Json* json, const passwd& user, const Told& told)
 
 static void tell_line(FILE* out, const passwd& user, const Told& told)
 {
-    (void)text_show(out, user.pw_name, 64);
-    fprintf(out, "  %u", static_cast<unsigned>(user.pw_uid));
+    text_print(out, "%.64s  %u", user.pw_name, static_cast<unsigned>(user.pw_uid));
     for (size_t i = 0; i < file_server_count; i++) {
         const Password password = password_of(told, i, user);
         if (password != PASSWORD_UNKNOWN)
-            fprintf(out, "  %s%s password", password == PASSWORD_SET ? "" : "no ",
-                    file_servers[i].name);
+            text_print(out, "  %s%s password", password == PASSWORD_SET ? "" : "no ",
+                       file_servers[i].name);
     }
-    (void)fputc('\n', out);
+    text_print(out, "\n");
 }
 
 // Calls tell_json or tell_line for people, and for whoever has a password.
 static void tell_all(const CallArgs& args, Json* json, const Told& told)
 {
-    setpwent();
     while (const passwd* user = getpwent()) {
         const bool person = user->pw_uid >= least_uid && user->pw_uid <= most_uid;
         if (!person && !has_any(told, *user))

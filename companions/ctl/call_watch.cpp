@@ -37,37 +37,37 @@ struct Sources {
 
 // ---- telling ----
 
-static void tell_line(const CallArgs& args, EventKind kind, const Item& item)
+static void tell_time(FILE* out)
 {
-    FILE* out = args.out.out;
     time_t now = 0;
     struct tm local = {};
     (void)sys_time(&now);
     (void)localtime_r(&now, &local);
     fprintf(out, "%02d:%02d:%02d  ", local.tm_hour, local.tm_min, local.tm_sec);
-    (void)text_show(out, item_name(item), 200);
-    const char* word = kind == EVENT_PRESENT ? item_state_word(item.state) : event_word(kind);
-    fprintf(out, "  %s", kind == EVENT_NOT_MOUNTED ? "not mounted" : word);
-    if (item.reason != nullptr) {
-        (void)fputs(": ", out);
-        (void)text_show(out, item.reason, 500);
-    }
-    if (item.share != nullptr) {
-        (void)fputs("  ", out);
-        (void)text_show(out, item.share, 80);
-    }
-    (void)fputc('\n', out);
 }
 
-static void tell_json(const CallArgs& args, EventKind kind, const Item& item)
+static void tell_line(const CallArgs& args, EventKind kind, const Item& item)
+{
+    const char* word = kind == EVENT_PRESENT ? item_state_word(item.state) : event_word(kind);
+    tell_time(args.out.out);
+    text_print(args.out.out, "%.200s  %s%s%.500s%s%.80s\n", item_name(item),
+               kind == EVENT_NOT_MOUNTED ? "not mounted" : word, item.reason != nullptr ? ": " : "",
+               item.reason, item.share != nullptr ? "  " : "", item.share);
+}
+
+// Without an item it is null.
+static void tell_json(const CallArgs& args, const char* event, const Item* item)
 {
     Json json = {.out = args.out.out, .more = false};
     time_t now = 0;
     (void)sys_time(&now);
     json_begin(&json, "watch");
     json_number(&json, "time_s", now);
-    json_text(&json, "event", event_word(kind));
-    item_json(&json, "item", item, true);
+    json_text(&json, "event", event);
+    if (item != nullptr)
+        item_json(&json, "item", *item, true);
+    else
+        json_null(&json, "item");
     json_end(&json);
 }
 
@@ -75,28 +75,17 @@ static void tell(void* context, EventKind kind, const Item& item)
 {
     const auto* args = static_cast<const CallArgs*>(context);
     if (args->json)
-        tell_json(*args, kind, item);
+        tell_json(*args, event_word(kind), &item);
     else
         tell_line(*args, kind, item);
 }
 
 static void tell_service(const CallArgs& args, bool runs)
 {
-    Json json = {.out = args.out.out, .more = false};
-    time_t now = 0;
-    struct tm local = {};
-    (void)sys_time(&now);
-    (void)localtime_r(&now, &local);
-    if (!args.json) {
-        fprintf(args.out.out, "%02d:%02d:%02d  the service has %s\n", local.tm_hour, local.tm_min,
-                local.tm_sec, runs ? "started" : "ended");
-        return;
-    }
-    json_begin(&json, "watch");
-    json_number(&json, "time_s", now);
-    json_text(&json, "event", runs ? "service_started" : "service_ended");
-    json_null(&json, "item");
-    json_end(&json);
+    if (args.json)
+        return tell_json(args, runs ? "service_started" : "service_ended", nullptr);
+    tell_time(args.out.out);
+    text_print(args.out.out, "the service has %s\n", runs ? "started" : "ended");
 }
 
 // ---- waking ----
@@ -253,12 +242,6 @@ static int wait_for_news(Sources* held)
 
 // ---- the call ----
 
-static int fail(int error)
-{
-    fprintf(stderr, "vyhotplugctl: %s\n", strerror(-error));
-    return EXIT_FAILED;
-}
-
 // Tells the differences to the view before, and puts the new one in its place.
 static int look_again(const CallArgs& args, View* view, bool first)
 {
@@ -273,7 +256,7 @@ static int look_again(const CallArgs& args, View* view, bool first)
         return stream_flush(args.out.out) == 0 ? EXIT_DONE : EXIT_FAILED;
     }
     view_end(&next);
-    return fail(result);
+    return complain_errno(nullptr, result);
 }
 
 int call_watch(const CallArgs& args)
@@ -282,13 +265,13 @@ int call_watch(const CallArgs& args)
     View view = {};
     const int result = open_sources(*args.setup, &sources);
     if (result != 0)
-        return fail(result);
+        return complain_errno(nullptr, result);
     watch_service(&sources); // before each look, so that no end is missed
     int status = look_again(args, &view, true);
     while (status == EXIT_DONE) {
         const int news = wait_for_news(&sources);
         watch_service(&sources);
-        status = news == 0 ? look_again(args, &view, false) : fail(news);
+        status = news == 0 ? look_again(args, &view, false) : complain_errno(nullptr, news);
     }
     view_end(&view);
     return status;

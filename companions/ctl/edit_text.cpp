@@ -26,14 +26,10 @@ static void write_value(FILE* out, const SettingRow& row, const ConfDev* setting
 
 static void write_item(FILE* out, const Item& item)
 {
-    fprintf(out, "\n# %s", item_state_word(item.state));
-    if (item.name[0] != '\0')
-        fprintf(out, ", %s", item.name);
-    if (item.share != nullptr) {
-        (void)fputs(", ", out);
-        (void)text_show(out, item.share, 80);
-    }
-    fprintf(out, "\n[%s]\n", item.identity);
+    text_print(out, "\n# %s%s%s%s%.80s\n", item_state_word(item.state),
+               item.name[0] != '\0' ? ", " : "", item.name, item.share != nullptr ? ", " : "",
+               item.share);
+    fprintf(out, "[%s]\n", item.identity);
     for (const SettingRow& row : setting_rows) {
         const bool directory = item.settings != nullptr && item.settings->path != nullptr;
         if (row.kind != SETTING_PATH || directory)
@@ -43,12 +39,12 @@ static void write_item(FILE* out, const Item& item)
 
 int edit_text_write(FILE* out, const View& view, const char* identity)
 {
-    (void)fputs("# Settings of shares. What you change and save is checked, and then set.\n"
-                "# A section that is taken out is forgotten. Lines like this one explain.\n#\n",
-                out);
+    text_print(out,
+               "# Settings of shares. What you change and save is checked, and then set.\n"
+               "# A section that is taken out is forgotten. Lines like this one explain.\n#\n");
     for (const SettingRow& row : setting_rows)
-        fprintf(out, "#   %-16s  %s\n", row.word, row.help);
-    (void)fputs("#\n# Users are separated by commas; @music is everybody in that group.\n", out);
+        text_print(out, "#   %-16s  %s\n", row.word, row.help);
+    text_print(out, "#\n# Users are separated by commas; @music is everybody in that group.\n");
     for (size_t i = 0; i < view.count; i++) {
         const Item& item = view.items[i];
         if (item.identity != nullptr &&
@@ -86,9 +82,7 @@ static unsigned number_of(const char* text, size_t at)
 
 static void tell(Reader* reader, size_t at, const char* what, const char* about)
 {
-    fprintf(stderr, "line %u: %s", number_of(reader->text, at), what);
-    (void)text_show(stderr, about, 100);
-    (void)fputc('\n', stderr);
+    text_print(stderr, "line %u: %s%.100s\n", number_of(reader->text, at), what, about);
     reader->edited->faults++;
 }
 

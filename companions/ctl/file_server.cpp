@@ -221,16 +221,10 @@ void file_server_print_share(FILE* out, const FileServer& server, const char* di
         return;
     (void)snprintf(value, sizeof value, "%.*s", static_cast<int>(share.name.size),
                    share.name.begin);
-    fprintf(out, "%*sin %s  ", 15 - static_cast<int>(strlen(server.name)), "", server.name);
-    (void)text_show(out, value, sizeof value);
-    (void)fputc('\n', out);
-    while (next_parameter(&share, key, value)) {
-        fprintf(out, "%20s", "");
-        (void)text_show(out, key, sizeof key);
-        (void)fputs(" = ", out);
-        (void)text_show(out, value, sizeof value);
-        (void)fputc('\n', out);
-    }
+    (void)snprintf(key, sizeof key, "in %s", server.name);
+    text_print(out, "%18s  %.2048s\n", key, value);
+    while (next_parameter(&share, key, value))
+        text_print(out, "%20s%.64s = %.2048s\n", "", key, value);
 }
 
 void file_server_share_json(Json* json, const FileServer& server, const char* directory)

@@ -7,7 +7,8 @@
 
 static void put(const Json* json, const char* text)
 {
-    (void)fputs(text, json->out); // whoever has the stream flushes it, and sees a failure there
+    // Whoever has the stream flushes it, and sees a failure there.
+    (void)fwrite(text, 1, strlen(text), json->out);
 }
 
 static void put_character(const Json* json, const char* text, size_t length)
@@ -51,13 +52,13 @@ static void begin(Json* json, const char* key)
 void json_open(Json* json, const char* key, char bracket)
 {
     begin(json, key);
-    (void)fputc(bracket, json->out);
+    (void)fwrite(&bracket, 1, 1, json->out);
     json->more = false;
 }
 
 void json_close(Json* json, char bracket)
 {
-    (void)fputc(bracket, json->out);
+    (void)fwrite(&bracket, 1, 1, json->out);
     json->more = true;
 }
 

@@ -11,8 +11,8 @@ struct Reader {
     const char* end;
     JsonVisit visit;
     void* context;
-    JsonPath path;
     char closing[json_depth]; // what ends each of those that are open
+    JsonPath path;
 };
 
 } // namespace
@@ -53,7 +53,7 @@ static char take_escape(Reader* reader)
     if (strspn(digits, "0123456789abcdefABCDEF") != 4)
         return '\0';
     reader->at += 4;
-    const unsigned long code = strtoul(digits, nullptr, 16);
+    const auto code = static_cast<unsigned>(strtoull(digits, nullptr, 16));
     return code > 0 && code < 0x80 ? static_cast<char>(code) : '?';
 }
 

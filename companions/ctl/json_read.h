@@ -10,8 +10,8 @@ constexpr size_t json_value_size = 256; // likewise: the rest of a longer text i
 
 // The keys from the outermost object to the value; empty for what stands in an array.
 struct JsonPath {
-    char keys[json_depth][json_key_size];
     size_t count;
+    char keys[json_depth][json_key_size];
 };
 
 // Takes a value that is no object and no array: a text decoded, any other word as it stands. A

@@ -11,13 +11,12 @@
 #include "lib/str.h"
 #include "lib/version.h"
 
+#include <errno.h>
 #include <getopt.h>
-#include <limits.h>
 #include <string.h>
 #include <unistd.h>
 
-static constexpr char program[] = "vyhotplugctl";
-static constexpr int no_most = INT_MAX;
+static constexpr uint8_t no_most = UINT8_MAX;
 
 static int call_help(const CallArgs& args);
 
@@ -51,22 +50,21 @@ static constexpr CallRow call_rows[] = {
 static int call_help(const CallArgs& args)
 {
     FILE* out = args.out.out;
-    fprintf(out, "usage: %s [CALL] [OPTION]... [TARGET]...\n\n", program);
+    text_print(out, "usage: vyhotplugctl [CALL] [OPTION]... [TARGET]...\n\n");
     for (const CallRow& row : call_rows)
-        fprintf(out, "  %s %s%s\n        %s\n", row.name, row.synopsis,
-                (row.options & TAKES_JSON) != 0 ? " [--json]" : "", row.help);
-    (void)fputs("\n"
-                "TARGET: sda, sda1, an identity, a share's name, a label or a directory\n"
-                "\n"
-                "  -f, --file FILE  the service's configuration\n"
-                "      --json       for programs, see docs/json.md\n"
-                "      --sysfs DIR  where sysfs is mounted (/sys)\n"
-                "      --run DIR    what the agent tells (/run/vyhotplugd)\n"
-                "      --version    print the version\n"
-                "\n"
-                "Ends with 0 done, 1 refused or failed, 2 wrong call, 3 the service is not\n"
-                "running, 4 busy, 5 nothing fits the target.\n",
-                out);
+        text_print(out, "  %s %s%s\n        %s\n", row.name, row.synopsis,
+                   (row.options & TAKES_JSON) != 0 ? " [--json]" : "", row.help);
+    text_print(out, "\n"
+                    "TARGET: sda, sda1, an identity, a share's name, a label or a directory\n"
+                    "\n"
+                    "  -f, --file FILE  the service's configuration\n"
+                    "      --json       for programs, see docs/json.md\n"
+                    "      --sysfs DIR  where sysfs is mounted (/sys)\n"
+                    "      --run DIR    what the agent tells (/run/vyhotplugd)\n"
+                    "      --version    print the version\n"
+                    "\n"
+                    "Ends with 0 done, 1 refused or failed, 2 wrong call, 3 the service is not\n"
+                    "running, 4 busy, 5 nothing fits the target.\n");
     return EXIT_DONE;
 }
 
@@ -74,24 +72,20 @@ static int call_help(const CallArgs& args)
 
 namespace {
 
+// What is not for some calls only. The codes of the others are theirs: CallOption.
 enum OptionCode : int {
-    CODE_JSON = 256,
-    CODE_ALL,
-    CODE_FORCE,
-    CODE_WAIT,
-    CODE_CONFIG,
-    CODE_SYSFS,
+    CODE_SYSFS = 256,
     CODE_RUN,
     CODE_HELP,
     CODE_VERSION,
 };
 
 constexpr option long_options[] = {
-    {"json", no_argument, nullptr, CODE_JSON},
-    {"all", no_argument, nullptr, CODE_ALL},
-    {"force", no_argument, nullptr, CODE_FORCE},
-    {"wait", required_argument, nullptr, CODE_WAIT},
-    {"configuration", no_argument, nullptr, CODE_CONFIG},
+    {"json", no_argument, nullptr, TAKES_JSON},
+    {"all", no_argument, nullptr, TAKES_ALL},
+    {"force", no_argument, nullptr, TAKES_FORCE},
+    {"wait", required_argument, nullptr, TAKES_WAIT},
+    {"configuration", no_argument, nullptr, TAKES_CONFIG},
     {"file", required_argument, nullptr, 'f'},
     {"sysfs", required_argument, nullptr, CODE_SYSFS},
     {"run", required_argument, nullptr, CODE_RUN},
@@ -110,42 +104,30 @@ struct CommandLine {
 
 } // namespace
 
-static int complain(const char* what, const char* about)
+static int refuse(const char* what, const char* about)
 {
-    fprintf(stderr, "%s: %s%s\nTry: %s help\n", program, what, about, program);
+    complain("%s%s\nTry: vyhotplugctl help", what, about);
     return EXIT_WRONG_CALL;
 }
 
 static int take_wait(CommandLine* line)
 {
-    line->options |= TAKES_WAIT;
     if (optarg[0] >= '0' && optarg[0] <= '9' && str_to_long(optarg, &line->args.wait_s, 10) == 0 &&
         line->args.wait_s <= 86400)
         return EXIT_DONE;
-    return complain("not a number of seconds up to a day: ", optarg);
+    return refuse("not a number of seconds up to a day: ", optarg);
 }
 
 static int take_option(CommandLine* line, int code)
 {
     switch (code) {
-    case CODE_JSON:
-        line->options |= TAKES_JSON;
-        line->args.json = true;
-        return EXIT_DONE;
-    case CODE_ALL:
-        line->options |= TAKES_ALL;
-        line->args.all = true;
-        return EXIT_DONE;
-    case CODE_FORCE:
-        line->options |= TAKES_FORCE;
-        line->args.force = true;
-        return EXIT_DONE;
-    case CODE_CONFIG:
-        line->options |= TAKES_CONFIG;
-        line->args.offline = true;
-        return EXIT_DONE;
-    case CODE_WAIT:
-        return take_wait(line);
+    case TAKES_JSON:
+    case TAKES_ALL:
+    case TAKES_FORCE:
+    case TAKES_CONFIG:
+    case TAKES_WAIT:
+        line->options |= static_cast<unsigned>(code);
+        return code == TAKES_WAIT ? take_wait(line) : EXIT_DONE;
     case 'f':
         line->paths.config = optarg;
         return EXIT_DONE;
@@ -162,7 +144,7 @@ static int take_option(CommandLine* line, int code)
         line->version = true;
         return EXIT_DONE;
     default:
-        return complain("wrong option", ""); // getopt_long has told which
+        return refuse("wrong option", ""); // getopt_long has told which
     }
 }
 
@@ -180,6 +162,10 @@ static int parse(int argc, char* argv[], CommandLine* line)
     while (status == EXIT_DONE &&
            (code = getopt_long(argc, argv, "f:", long_options, nullptr)) != -1)
         status = take_option(line, code);
+    line->args.json = (line->options & TAKES_JSON) != 0;
+    line->args.all = (line->options & TAKES_ALL) != 0;
+    line->args.force = (line->options & TAKES_FORCE) != 0;
+    line->args.offline = (line->options & TAKES_CONFIG) != 0;
     line->args.words = argv + optind;
     line->args.count = argc - optind;
     return status;
@@ -200,30 +186,28 @@ static const CallRow* find_call(const char* name)
 static int check(const CallRow& row, const CommandLine& line)
 {
     if (line.args.count < row.least)
-        return complain("something is missing; ", row.synopsis);
-    if (line.args.count > row.most)
-        return complain("unexpected: ", line.args.words[row.most]);
+        return refuse("something is missing; ", row.synopsis);
+    if (line.args.count > row.most && row.most != no_most)
+        return refuse("unexpected: ", line.args.words[row.most]);
     if ((line.options & ~row.options) != 0)
-        return complain("an option that is not for ", row.name);
+        return refuse("an option that is not for ", row.name);
     if (row.root && geteuid() != 0) {
-        fprintf(stderr, "%s: only root can %s; try: sudo %s %s ...\n", program, row.name, program,
-                row.name);
+        complain("only root can %s; try: sudo vyhotplugctl %s ...", row.name, row.name);
         return EXIT_FAILED;
     }
     return EXIT_DONE;
 }
 
-static int run(const CallRow& row, CommandLine* line)
+static int run(const CallRow& row, CommandLine* line, Setup* setup)
 {
-    Setup setup;
     int status = check(row, *line);
     if (status != EXIT_DONE)
         return status;
     if (row.run == call_help)
         return call_help(line->args);
-    line->args.setup = &setup;
-    status = setup_begin(line->paths, &setup) == 0 ? row.run(line->args) : EXIT_FAILED;
-    setup_end(&setup);
+    line->args.setup = setup;
+    status = setup_begin(line->paths, setup) == 0 ? row.run(line->args) : EXIT_FAILED;
+    setup_end(setup);
     line->args.setup = nullptr;
     return status;
 }
@@ -233,18 +217,22 @@ static int end_printing(int status)
 {
     if (stream_flush(stdout) == 0)
         return status;
-    perror(program);
-    return status == EXIT_DONE ? EXIT_FAILED : status;
+    const ExitStatus failed = complain_errno(nullptr, errno);
+    return status == EXIT_DONE ? failed : status;
 }
 
 int ctl_main(int argc, char* argv[])
 {
     CommandLine line;
+    Setup setup;
+    static char buffer[512]; // to the end of the process
+    // A complaint is written as a line, and not a piece at a time between those of others.
+    (void)setvbuf(stderr, buffer, _IOLBF, sizeof buffer);
     const int status = parse(argc, argv, &line);
     if (status != EXIT_DONE)
         return status;
     if (line.version) {
-        printf("%s %s\n", program, vy_build);
+        text_print(line.args.out.out, "vyhotplugctl %s\n", vy_build);
         return end_printing(EXIT_DONE);
     }
     if (line.help)
@@ -252,10 +240,10 @@ int ctl_main(int argc, char* argv[])
     const char* name = line.args.count > 0 ? line.args.words[0] : "status";
     const CallRow* row = find_call(name);
     if (row == nullptr)
-        return complain("no such call: ", name);
+        return refuse("no such call: ", name);
     if (line.args.count > 0) {
         line.args.words++;
         line.args.count--;
     }
-    return end_printing(run(*row, &line));
+    return end_printing(run(*row, &line, &setup));
 }

@@ -1,6 +1,8 @@
 #include "ctl/progress.h"
 
-#include <stdio.h>
+#include "ctl/terminal.h"
+#include "lib/platform.h"
+
 #include <unistd.h>
 
 static constexpr int quiet_s = 2;
@@ -15,13 +17,15 @@ void progress_tick(Progress* progress, int waited_ms)
     const int seconds = waited_ms / 1000;
     if (!progress->terminal || seconds < quiet_s || seconds == progress->told_s)
         return;
-    fprintf(stderr, "\r%s, %d s ", progress->what, seconds);
+    text_print(stderr, "\r%s, %d s ", progress->what, seconds);
+    (void)stream_flush(stderr); // there is no line feed
     progress->told_s = seconds;
 }
 
 void progress_end(Progress* progress)
 {
     if (progress->told_s > 0)
-        (void)fputs("\r\033[K", stderr);
+        text_print(stderr, "\r\033[K");
+    (void)stream_flush(stderr);
     progress->told_s = 0;
 }

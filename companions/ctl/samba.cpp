@@ -13,8 +13,8 @@ namespace {
 // A session of smbstatus, while its lines come: who it is of is told before or behind its process.
 struct Session {
     HolderTable* table;
-    char id[json_key_size];
     int32_t pid;
+    char id[json_key_size];
     char user[holder_client_size];
     char machine[holder_client_size];
 };
@@ -62,7 +62,7 @@ static void take_session(void* context, const JsonPath& path, const char* value)
 
 void samba_read_clients(const char* answer, size_t size, HolderTable* table)
 {
-    Session session = {.table = table, .id = "", .pid = 0, .user = "", .machine = ""};
+    Session session = {.table = table, .pid = 0, .id = "", .user = "", .machine = ""};
     // What stood before a fault is true all the same.
     (void)json_read(answer, size, take_session, &session);
 }

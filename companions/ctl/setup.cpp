@@ -1,6 +1,7 @@
 #include "ctl/setup.h"
 
 #include "config/config_file.h"
+#include "ctl/terminal.h"
 #include "lib/str.h"
 
 #include <errno.h>
@@ -14,7 +15,7 @@ static constexpr char default_config[] = "/tmp/vynasmira/vyhotplugd.conf";
 
 static int fail(const char* what, int error)
 {
-    fprintf(stderr, "vyhotplugctl: %s: %s\n", what, strerror(error));
+    (void)complain_errno(what, error);
     return -error;
 }
 

@@ -3,7 +3,6 @@
 #include "ctl/status.h"
 #include "ctl/terminal.h"
 
-#include <ctype.h>
 #include <errno.h>
 #include <string.h>
 #include <strings.h>
@@ -33,13 +32,17 @@ static bool is_partition(const Item& item, const char* word)
            (item.part != nullptr && equals_in_any_case(item.part->name, name));
 }
 
+static bool is_letter(char c)
+{
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+}
+
 bool item_is_on_disk(const Item& item, const char* disk)
 {
     const size_t length = strlen(disk);
     if (item.part != nullptr && strcasecmp(item.part->disk, disk) == 0)
         return true;
-    if (length == 0 || strncasecmp(item.name, disk, length) != 0 ||
-        !isalpha(static_cast<unsigned char>(disk[length - 1])))
+    if (length == 0 || strncasecmp(item.name, disk, length) != 0 || !is_letter(disk[length - 1]))
         return false;
     const char* number = item.name + length;
     return number[0] != '\0' && number[strspn(number, "0123456789")] == '\0';
@@ -135,24 +138,16 @@ void targets_end(Targets* targets)
 
 int target_missing(const char* word)
 {
-    (void)fputs("vyhotplugctl: nothing here is called ", stderr);
-    (void)text_show(stderr, word, 200);
-    (void)fputs("; see: vyhotplugctl status --all\n", stderr);
+    complain("nothing here is called %.200s; see: vyhotplugctl status --all", word);
     return EXIT_NO_DISK;
 }
 
 static int tell_ambiguous(const char* word, const Targets& targets)
 {
-    (void)text_show(stderr, word, 200);
-    fprintf(stderr, " fits %zu:\n", targets.count);
-    for (size_t i = 0; i < targets.count; i++) {
-        const Item& item = *targets.items[i];
-        (void)fputs("  ", stderr);
-        (void)text_show(stderr, item_name(item), 200);
-        (void)fputs("  ", stderr);
-        (void)text_show(stderr, item.share != nullptr ? item.share : "", 80);
-        (void)fputs("\n", stderr);
-    }
+    text_print(stderr, "%.200s fits %u:\n", word, static_cast<unsigned>(targets.count));
+    for (size_t i = 0; i < targets.count; i++)
+        text_print(stderr, "  %.200s  %.80s\n", item_name(*targets.items[i]),
+                   targets.items[i]->share);
     return EXIT_WRONG_CALL;
 }
 
@@ -161,8 +156,7 @@ const Item* target_find_one(const View& view, const char* word, int* status)
     Targets targets;
     const Item* found = nullptr;
     if (targets_find(view, word, &targets) != 0) {
-        perror("vyhotplugctl");
-        *status = EXIT_FAILED;
+        *status = complain_errno(nullptr, ENOMEM);
     } else if (targets.count == 0) {
         *status = target_missing(word);
     } else if (targets.count > 1) {

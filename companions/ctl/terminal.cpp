@@ -2,6 +2,7 @@
 
 #include "common/text.h"
 
+#include <stdarg.h>
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
@@ -32,9 +33,9 @@ static bool is_utf8()
 
 static size_t width_of(int fd)
 {
-    const unsigned long told = strtoul(environment("COLUMNS"), nullptr, 10);
+    const unsigned long long told = strtoull(environment("COLUMNS"), nullptr, 10);
     if (told > 0 && told < widest)
-        return told;
+        return static_cast<size_t>(told);
     winsize size = {};
     if (ioctl(fd, TIOCGWINSZ, &size) == 0 && size.ws_col > 0)
         return size.ws_col;
@@ -44,9 +45,10 @@ static size_t width_of(int fd)
 Terminal terminal_open(FILE* out)
 {
     Terminal terminal = {.out = out, .width = 0, .colour = false, .utf8 = is_utf8()};
-    if (isatty(fileno(out)) == 0)
+    const int fd = fileno(out);
+    if (isatty(fd) == 0)
         return terminal;
-    terminal.width = width_of(fileno(out));
+    terminal.width = width_of(fd);
     terminal.colour =
         environment("NO_COLOR")[0] == '\0' && strcmp(environment("TERM"), "dumb") != 0;
     return terminal;
@@ -135,6 +137,17 @@ size_t text_columns(const char* text)
     return columns;
 }
 
+bool text_is_fit(const char* text)
+{
+    Shown shown;
+    while (*text != '\0') {
+        text += next_shown(text, &shown);
+        if (shown.bytes == shown.escape)
+            return false;
+    }
+    return true;
+}
+
 size_t text_show(FILE* out, const char* text, size_t columns)
 {
     const bool whole = text_columns(text) <= columns;
@@ -151,10 +164,68 @@ size_t text_show(FILE* out, const char* text, size_t columns)
         taken += shown.columns;
     }
     if (!whole) {
-        (void)fputc('~', out);
+        text_print(out, "~");
         taken++;
     }
     return taken;
+}
+
+// ---- sentences ----
+
+// Prints what a conversion stands for. `at` is behind its "%". Returns what is behind the
+// conversion.
+static const char* print_argument(FILE* out, const char* at, va_list* arguments)
+{
+    char* kind = nullptr;
+    const int width = static_cast<int>(strtoull(at, &kind, 10)); // of "-16" it is the negative
+    const size_t columns =
+        *kind == '.' ? static_cast<size_t>(strtoull(kind + 1, &kind, 10)) : SIZE_MAX;
+    if (*kind != 's') {
+        fprintf(out, *kind == 'd' ? "%*d" : "%*u", width, va_arg(*arguments, unsigned));
+        return kind + 1;
+    }
+    const char* text = va_arg(*arguments, const char*);
+    if (width != 0)
+        fprintf(out, "%*s", width, text);
+    else if (text != nullptr)
+        (void)text_show(out, text, columns);
+    return kind + 1;
+}
+
+static void print_list(FILE* out, const char* format, va_list* arguments)
+{
+    for (;;) {
+        const size_t plain = strcspn(format, "%");
+        (void)fwrite(format, 1, plain, out);
+        format += plain;
+        if (*format == '\0')
+            return;
+        format = print_argument(out, format + 1, arguments);
+    }
+}
+
+void text_print(FILE* out, const char* format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    print_list(out, format, &arguments);
+    va_end(arguments);
+}
+
+void complain(const char* format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    text_print(stderr, "vyhotplugctl: ");
+    print_list(stderr, format, &arguments);
+    text_print(stderr, "\n");
+    va_end(arguments);
+}
+
+ExitStatus complain_errno(const char* what, int error)
+{
+    complain("%s%s%s", what, what != nullptr ? ": " : "", strerror(error < 0 ? -error : error));
+    return EXIT_FAILED;
 }
 
 // ---- tables ----
@@ -219,6 +290,11 @@ static void fit(size_t width, const TableColumn* columns, size_t count, size_t* 
     }
 }
 
+static void print_blanks(FILE* out, size_t count)
+{
+    fprintf(out, "%*s", static_cast<int>(count), "");
+}
+
 static void print_cell(const Terminal& terminal, const TableCell& cell, size_t width, bool right,
                        bool last)
 {
@@ -227,14 +303,14 @@ static void print_cell(const Terminal& terminal, const TableCell& cell, size_t w
     const size_t padding = needed < width ? width - needed : 0;
     const bool coloured = terminal.colour && cell.colour != COLOUR_NONE && text[0] != '\0';
     if (right)
-        fprintf(terminal.out, "%*s", static_cast<int>(padding), "");
+        print_blanks(terminal.out, padding);
     if (coloured)
-        (void)fputs(colour_codes[cell.colour], terminal.out);
+        (void)fwrite(colour_codes[cell.colour], 1, strlen(colour_codes[cell.colour]), terminal.out);
     (void)text_show(terminal.out, text, width);
     if (coloured)
-        (void)fputs("\033[0m", terminal.out);
+        text_print(terminal.out, "\033[0m");
     if (!last)
-        fprintf(terminal.out, "%*s", static_cast<int>((right ? 0 : padding) + gap), "");
+        print_blanks(terminal.out, (right ? 0 : padding) + gap);
 }
 
 static void print_row(const Terminal& terminal, const TableColumn* columns, const size_t* widths,
@@ -247,7 +323,7 @@ static void print_row(const Terminal& terminal, const TableColumn* columns, cons
         if (widths[i] > 0)
             print_cell(terminal, row.cells[i], widths[i], columns[i].right, i == last);
     }
-    (void)fputc('\n', terminal.out);
+    text_print(terminal.out, "\n");
 }
 
 void table_print(const Terminal& terminal, const TableColumn* columns, size_t column_count,
@@ -271,19 +347,17 @@ void table_print(const Terminal& terminal, const TableColumn* columns, size_t co
 
 // ---- numbers ----
 
-// Divides by 1000 and returns the rest. By 16 bits at a time: a 32-bit processor divides what is
-// longer by 2 kB of code.
-static unsigned take_thousandth(unsigned long long* number)
+// Divides by 1000 and returns the rest. By hand, in pieces of 32 bits: a 32-bit processor divides
+// what is longer by 2 kB of code.
+static uint32_t take_thousandth(unsigned long long* number)
 {
-    unsigned long long quotient = 0;
-    unsigned rest = 0;
-    for (int shift = 48; shift >= 0; shift -= 16) {
-        rest = rest << 16 | static_cast<unsigned>(*number >> shift & 0xffff);
-        quotient |= static_cast<unsigned long long>(rest / 1000) << shift;
-        rest %= 1000;
-    }
-    *number = quotient;
-    return rest;
+    const auto high = static_cast<uint32_t>(*number >> 32);
+    const auto low = static_cast<uint32_t>(*number);
+    const uint32_t middle = high % 1000 << 16 | low >> 16;
+    const uint32_t last = middle % 1000 << 16 | (low & 0xffff);
+    *number =
+        static_cast<unsigned long long>(high / 1000) << 32 | (middle / 1000 << 16 | last / 1000);
+    return last % 1000;
 }
 
 void size_format(unsigned long long bytes, char (&text)[16])

@@ -1,7 +1,10 @@
 // What people read: texts from media made fit for a terminal, and tables.
 #pragma once
 
+#include "ctl/status.h"
+
 #include <stddef.h>
+#include <stdint.h>
 #include <stdio.h>
 
 // What the stream is written for.
@@ -33,6 +36,22 @@ enum Colour : unsigned char {
 // as "\x1b". Returns the columns taken.
 size_t text_show(FILE* out, const char* text, size_t columns);
 
+// Whether it is shown as it is, nothing of it as "\x1b".
+[[nodiscard]] bool text_is_fit(const char* text);
+
+// Prints as fprintf(3) does, but each %s as text_show does, %.80s no more columns of it than that;
+// a null text is an empty one. A text with a width, as %18s, is printed as it is. Besides there are
+// %d and %u, and no others.
+__attribute__((format(printf, 2, 3))) void text_print(FILE* out, const char* format, ...);
+
+// Tells on standard error what is wrong: the program's name, what text_print makes of the rest, and
+// a line feed.
+__attribute__((format(printf, 1, 2))) void complain(const char* format, ...);
+
+// The same of an errno, negated or not, and what it happened to; null for nothing. Returns the exit
+// status.
+ExitStatus complain_errno(const char* what, int error);
+
 // ---- tables ----
 
 constexpr size_t table_columns = 9; // at most
@@ -49,8 +68,8 @@ struct TableRow {
 struct TableColumn {
     const char* heading;
     bool right;    // numbers
-    size_t least;  // columns that are left when the table is too wide; 0: it is left out as a whole
-    unsigned rank; // the highest is cut first
+    uint8_t least; // columns that are left when the table is too wide; 0: it is left out as a whole
+    uint8_t rank;  // the highest is cut first
 };
 
 // Prints the table, no wider than the terminal as far as the columns can be cut.

@@ -411,6 +411,20 @@ class Settings(CtlTest):
             self.assertIn(words, done.err)
         for change in ("colour=red", "share"):
             self.assertEqual(self.ctl("set", "sda1", change).status, WRONG_CALL)
+        self.assertIn(": " + 99 * "c" + "~\n", self.ctl("set", "sda1", 101 * "c" + "=red").err)
+        self.assertEqual(read(vyworld.DEVICE_FILE), before)
+
+    def test_a_list_that_would_come_out_empty_is_refused(self):
+        """It would let everybody in."""
+        self.plug_one()
+        write("/etc/group", read("/etc/group") + "choir:x:7001:nobody-of-this-name\n")
+        write("/etc/passwd", read("/etc/passwd") + "far:x:3000000000:100::/:/bin/sh\n")
+        before = read(vyworld.DEVICE_FILE)
+        for change, words in (("full=@choir", "full: nobody is in the group: choir\n"),
+                              ("readers=@choir", "readers: nobody is in the group: choir\n"),
+                              ("full=far", "full: has a number beyond 2147483647, which the service does not take: 3000000000\n"),
+                              ("full=3000000000", "full: no such user: 3000000000\n")):
+            self.assert_ctl("set", "sda1", change, status=FAILED, out="", err="vyhotplugctl: " + words)
         self.assertEqual(read(vyworld.DEVICE_FILE), before)
 
     def test_no_name_is_used_twice(self):

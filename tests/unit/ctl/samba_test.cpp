@@ -1,6 +1,13 @@
 #include "ctl/samba.h"
 
+#include "fake/fake_world.h"
+#include "support/files.h"
+
 #include <gtest/gtest.h>
+
+#include <sys/mount.h>
+#include <sys/stat.h>
+
 #include <string>
 
 namespace {
@@ -70,4 +77,22 @@ TEST_F(SambaClients, OneWithoutANameDoesNotTakeTheNameOfTheOneBefore)
     EXPECT_EQ(told(R"({"sessions": {"1": {"username": "a", "remote_machine": "b",)"
                    R"( "server_id": {"pid": "67"}}, "2": {"server_id": {"pid": "68"}}}})"),
               "a@b @ @ ");
+}
+
+TEST_F(SambaClients, SambaIsAskedWhereItHoldsSomething)
+{
+    ASSERT_EQ(mount("x", "/usr/local/sbin", "tmpfs", 0, nullptr), 0);
+    write_file("/usr/local/sbin/smbstatus", "");
+    ASSERT_EQ(chmod("/usr/local/sbin/smbstatus", 0755), 0);
+    fake_world().programs["/usr/local/sbin/smbstatus"] = {{1 << 8, 0, sessions}, {0, 0, sessions}};
+    samba_name_clients(&table);
+    EXPECT_STREQ(holders[1].client_user, "") << "it has failed";
+    samba_name_clients(&table);
+    EXPECT_STREQ(holders[1].client_user, "ben");
+    EXPECT_STREQ(holders[1].client_machine, "box");
+    EXPECT_EQ(fake_world().spawned[1][1], "--json");
+    for (Holder& holder : holders)
+        strcpy(holder.command, "sh");
+    samba_name_clients(&table);
+    EXPECT_EQ(fake_world().count("spawn"), 2);
 }
