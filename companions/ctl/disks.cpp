@@ -1,6 +1,7 @@
 #include "ctl/disks.h"
 
 #include "common/text.h"
+#include "ctl/array.h"
 #include "device/kinds.h"
 #include "lib/str.h"
 
@@ -46,7 +47,6 @@ constexpr Kinds kinds = make_kinds();
 struct Reader {
     const char* sysfs;
     DiskTable* table;
-    size_t room;
 };
 
 } // namespace
@@ -74,11 +74,11 @@ static void read_line(const char* directory, const char* file, char* text, size_
     text_trim(text);
 }
 
-static uint64_t read_number(const char* directory, const char* file)
+static uint64_t read_number(const char* directory, const char* file, int base)
 {
     char text[32];
     read_line(directory, file, text, sizeof text);
-    return strtoull(text, nullptr, 10);
+    return strtoull(text, nullptr, base);
 }
 
 static bool has_entries(const char* directory, const char* folder)
@@ -121,31 +121,26 @@ static void clean(char* text)
         text[0] = '_';
 }
 
+// A card has no numbers and no maker there.
 static void read_hardware(const char* sysfs, bool card, DiskPart* part)
 {
     char directory[PATH_MAX];
-    unsigned long vendor = 0;
-    unsigned long product = 0;
-    char id[8];
-    part->pluggable = card;
-    if (card) {
+    unsigned vendor = 0;
+    unsigned product = 0;
+    if (card)
         (void)snprintf(directory, sizeof directory, "%s/block/%s/device", sysfs, part->disk);
-        read_line(directory, "serial", part->serial, sizeof part->serial);
-        read_line(directory, "name", part->product, sizeof part->product);
-    } else if (disk_usb_directory(sysfs, part->disk, directory)) {
-        part->pluggable = true;
-        read_line(directory, "idVendor", id, sizeof id);
-        vendor = strtoul(id, nullptr, 16);
-        read_line(directory, "idProduct", id, sizeof id);
-        product = strtoul(id, nullptr, 16);
+    part->pluggable = card || disk_usb_directory(sysfs, part->disk, directory);
+    if (part->pluggable) {
+        vendor = static_cast<uint16_t>(read_number(directory, "idVendor", 16));
+        product = static_cast<uint16_t>(read_number(directory, "idProduct", 16));
         read_line(directory, "serial", part->serial, sizeof part->serial);
         read_line(directory, "manufacturer", part->vendor, sizeof part->vendor);
-        read_line(directory, "product", part->product, sizeof part->product);
+        read_line(directory, card ? "name" : "product", part->product, sizeof part->product);
         read_line(directory, "speed", part->speed, sizeof part->speed);
     }
     clean(part->serial);
-    (void)snprintf(part->identity, sizeof part->identity, "%04lx:%04lx:%s:%d", vendor & 0xffff,
-                   product & 0xffff, part->serial, part->partition);
+    (void)snprintf(part->identity, sizeof part->identity, "%04x:%04x:%s:%d", vendor, product,
+                   part->serial, part->partition);
 }
 
 static void name_for_service(const Kind& kind, uint32_t range, DiskPart* part)
@@ -156,42 +151,46 @@ static void name_for_service(const Kind& kind, uint32_t range, DiskPart* part)
                    'a' + static_cast<int>(part->minor / range), part->minor % range);
 }
 
+// An empty one at the end; null without memory.
+static DiskPart* add_part(Reader* reader)
+{
+    DiskTable* table = reader->table;
+    void* grown = array_grow(table->parts, table->count, sizeof(DiskPart));
+    if (grown == nullptr)
+        return nullptr;
+    table->parts = static_cast<DiskPart*>(grown);
+    return &table->parts[table->count++];
+}
+
 // Adds one device. Returns -ENOMEM.
 static int read_part(Reader* reader, const Kind& kind, const char* disk, const char* name)
 {
     char directory[PATH_MAX];
     char numbers[32];
-    DiskPart part = {};
     const bool whole = strcmp(disk, name) == 0;
     (void)snprintf(directory, sizeof directory, "%s/block/%s", reader->sysfs, disk);
-    const uint64_t told = read_number(directory, "range");
+    const uint64_t told = read_number(directory, "range", 10);
     const uint32_t range = told > 0 && told < 256 ? static_cast<uint32_t>(told) : kind.range;
     if (!whole)
         (void)snprintf(directory, sizeof directory, "%s/block/%s/%s", reader->sysfs, disk, name);
     read_line(directory, "dev", numbers, sizeof numbers);
-    char* colon = strchr(numbers, ':');
-    if (colon == nullptr)
+    char* colon = nullptr;
+    const auto major = static_cast<uint32_t>(strtoull(numbers, &colon, 10));
+    if (*colon != ':')
         return 0; // it is going
-    part.major = static_cast<uint32_t>(strtoul(numbers, nullptr, 10));
-    part.minor = static_cast<uint32_t>(strtoul(colon + 1, nullptr, 10));
-    str_ncpy(part.name, name, sizeof part.name);
-    str_ncpy(part.disk, disk, sizeof part.disk);
-    part.partition = whole ? 0 : static_cast<int32_t>(part.minor % range);
-    part.size_bytes = read_number(directory, "size") * sector_bytes;
-    part.readonly = read_number(directory, "ro") != 0;
-    part.held = has_entries(directory, "holders");
-    read_hardware(reader->sysfs, kind.card, &part);
-    name_for_service(kind, range, &part);
-    DiskTable* table = reader->table;
-    if (table->count == reader->room) {
-        reader->room = reader->room * 2 + 8;
-        auto* grown =
-            static_cast<DiskPart*>(realloc(table->parts, reader->room * sizeof(DiskPart)));
-        if (grown == nullptr)
-            return -ENOMEM;
-        table->parts = grown;
-    }
-    table->parts[table->count++] = part;
+    DiskPart* part = add_part(reader);
+    if (part == nullptr)
+        return -ENOMEM;
+    part->major = major;
+    part->minor = static_cast<uint32_t>(strtoull(colon + 1, nullptr, 10));
+    str_ncpy(part->name, name, sizeof part->name);
+    str_ncpy(part->disk, disk, sizeof part->disk);
+    part->partition = whole ? 0 : static_cast<int32_t>(part->minor % range);
+    part->size_bytes = read_number(directory, "size", 10) * sector_bytes;
+    part->readonly = read_number(directory, "ro", 10) != 0;
+    part->held = has_entries(directory, "holders");
+    read_hardware(reader->sysfs, kind.card, part);
+    name_for_service(kind, range, part);
     return 0;
 }
 
@@ -239,7 +238,7 @@ int disks_read(const char* sysfs, DiskTable** table)
     DiskTableGuard made(static_cast<DiskTable*>(calloc(1, sizeof(DiskTable))));
     if (!made)
         return -ENOMEM;
-    Reader reader = {.sysfs = sysfs, .table = made.get(), .room = 0};
+    Reader reader = {.sysfs = sysfs, .table = made.get()};
     char path[PATH_MAX];
     (void)snprintf(path, sizeof path, "%s/block", sysfs);
     const DirGuard directory(opendir(path));

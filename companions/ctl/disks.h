@@ -12,18 +12,18 @@ constexpr size_t disk_name_size = 32;  // bytes with the NUL
 constexpr size_t disk_text_size = 400; // a USB string: 126 characters, 378 bytes in UTF-8
 
 struct DiskPart {
-    char name[disk_name_size];    // the kernel's: "mmcblk0p1"
-    char disk[disk_name_size];    // of the whole device: "mmcblk0"
-    char service[disk_name_size]; // the service's: "mmcblka1"; empty for what it does not mount
+    bool readonly;
+    bool pluggable; // on USB, or a card
+    bool held;      // by another device (LVM, RAID, encryption)
+    bool parted;    // a whole device with partitions
     uint32_t major;
     uint32_t minor;
     int32_t partition; // 0: the whole device
     uint64_t size_bytes;
-    bool readonly;
-    bool pluggable;              // on USB, or a card
-    bool held;                   // by another device (LVM, RAID, encryption)
-    bool parted;                 // a whole device with partitions
-    char vendor[disk_text_size]; // empty where there is none
+    char name[disk_name_size];    // the kernel's: "mmcblk0p1"
+    char disk[disk_name_size];    // of the whole device: "mmcblk0"
+    char service[disk_name_size]; // the service's: "mmcblka1"; empty for what it does not mount
+    char vendor[disk_text_size];  // empty where there is none
     char product[disk_text_size];
     char serial[disk_text_size];
     char identity[disk_text_size + 32]; // as the agent tells the service

@@ -1,6 +1,7 @@
 #include "ctl/edit_text.h"
 
 #include "common/text.h"
+#include "ctl/array.h"
 #include "ctl/rules.h"
 #include "ctl/terminal.h"
 #include "lib/platform.h"
@@ -134,18 +135,11 @@ static bool find_value(const FileBytes& text, const Section* section, const Sett
 
 static EditedSection* append(EditedText* edited)
 {
-    if (edited->count == edited->room) {
-        const size_t room = edited->room * 2 + 8;
-        auto* grown =
-            static_cast<EditedSection*>(realloc(edited->sections, room * sizeof(EditedSection)));
-        if (grown == nullptr)
-            return nullptr;
-        edited->sections = grown;
-        edited->room = room;
-    }
-    EditedSection* section = &edited->sections[edited->count++];
-    *section = {};
-    return section;
+    void* grown = array_grow(edited->sections, edited->count, sizeof(EditedSection));
+    if (grown == nullptr)
+        return nullptr;
+    edited->sections = static_cast<EditedSection*>(grown);
+    return &edited->sections[edited->count++];
 }
 
 // Adds a change; `value` null for a setting that goes. Returns -ENOMEM.

@@ -23,7 +23,6 @@ struct EditedSection {
 struct EditedText {
     EditedSection* sections; // those with changes; owned
     size_t count;
-    size_t room;
     unsigned faults; // lines that cannot be taken
 };
 

@@ -1,5 +1,6 @@
 #include "ctl/problem_look.h"
 
+#include "ctl/array.h"
 #include "lib/str.h"
 
 #include <stdarg.h>
@@ -53,16 +54,10 @@ static Problem wordless(const char* id, bool note, const char* remedy)
 // Takes a problem but for its text, which is copied.
 static void append(ProblemTable* table, Problem* problem, const char* text)
 {
-    if (table->count == table->room) {
-        const size_t room = table->room * 2 + 8;
-        auto* grown = static_cast<Problem*>(realloc(table->problems, room * sizeof(Problem)));
-        table->failed |= grown == nullptr;
-        if (grown == nullptr)
-            return;
-        table->problems = grown;
-        table->room = room;
-    }
-    problem->text = strdup(text);
+    void* grown = array_grow(table->problems, table->count, sizeof(Problem));
+    if (grown != nullptr)
+        table->problems = static_cast<Problem*>(grown);
+    problem->text = grown != nullptr ? strdup(text) : nullptr;
     table->failed |= problem->text == nullptr;
     if (problem->text != nullptr)
         table->problems[table->count++] = *problem;

@@ -25,7 +25,6 @@ struct Problem {
 struct ProblemTable {
     Problem* problems; // owned
     size_t count;
-    size_t room;
     bool failed; // memory has run out
 };
 

@@ -3,6 +3,7 @@
 #include "common/config_check.h"
 #include "common/settings_check.h"
 #include "config/filesystems.h"
+#include "ctl/array.h"
 #include "ctl/machine.h"
 #include "ctl/serving_problems.h"
 #include "ctl/settings.h"
@@ -11,6 +12,7 @@
 
 #include <errno.h>
 #include <pwd.h>
+#include <stdlib.h>
 #include <string.h>
 #include <strings.h>
 #include <sys/stat.h>
@@ -154,8 +156,8 @@ struct UserNumber {
 
 // What was looked up already: the system reads its file of users for each question.
 struct UserNumbers {
-    MemGuard<UserNumber> list;
-    size_t count = 0;
+    UserNumber* list; // owned
+    size_t count;
 };
 
 } // namespace
@@ -163,18 +165,15 @@ struct UserNumbers {
 static bool user_exists(UserNumbers* known, int32_t uid)
 {
     for (size_t i = 0; i < known->count; i++) {
-        if (known->list.get()[i].uid == uid)
-            return known->list.get()[i].exists;
+        if (known->list[i].uid == uid)
+            return known->list[i].exists;
     }
     const bool exists = getpwuid(static_cast<uid_t>(uid)) != nullptr;
-    UserNumber* held = known->list.take();
-    auto* grown = static_cast<UserNumber*>(realloc(held, (known->count + 1) * sizeof *held));
-    if (grown == nullptr) {
-        known->list.reset(held); // it is looked up again
-        return exists;
-    }
-    known->list.reset(grown);
-    grown[known->count++] = {.uid = uid, .exists = exists};
+    void* grown = array_grow(known->list, known->count, sizeof(UserNumber));
+    if (grown == nullptr)
+        return exists; // it is looked up again
+    known->list = static_cast<UserNumber*>(grown);
+    known->list[known->count++] = {.uid = uid, .exists = exists};
     return exists;
 }
 
@@ -192,7 +191,7 @@ static void check_ids(ProblemLook* look, UserNumbers* known, const Item& item, c
 
 static void look_at_users(ProblemLook* look)
 {
-    UserNumbers known;
+    UserNumbers known = {};
     for (size_t i = 0; i < look->view->count; i++) {
         const Item& item = look->view->items[i];
         for (const SettingRow& row : setting_rows) {
@@ -200,6 +199,7 @@ static void look_at_users(ProblemLook* look)
                 check_ids(look, &known, item, item.settings->*row.users);
         }
     }
+    free(known.list);
 }
 
 // Each pair is told once, at the later one.

@@ -1,6 +1,6 @@
 #include "ctl/sections.h"
 
-#include <ctype.h>
+#include "ctl/array.h"
 #include <errno.h>
 #include <stdint.h>
 #include <stdlib.h>
@@ -60,25 +60,19 @@ static bool is_header(const char* text, const Line& line, Section* section)
     return true;
 }
 
-static Section* append(SectionTable* table, size_t* room)
+static Section* append(SectionTable* table)
 {
-    if (table->count == *room) {
-        *room = *room != 0 ? *room * 2 : 16;
-        auto* grown = static_cast<Section*>(realloc(table->sections, *room * sizeof(Section)));
-        if (grown == nullptr)
-            return nullptr;
-        table->sections = grown;
-    }
-    Section* section = &table->sections[table->count++];
-    *section = {};
-    return section;
+    void* grown = array_grow(table->sections, table->count, sizeof(Section));
+    if (grown == nullptr)
+        return nullptr;
+    table->sections = static_cast<Section*>(grown);
+    return &table->sections[table->count++];
 }
 
 int sections_cut(const char* text, size_t size, SectionTable** table)
 {
     SectionTableGuard made(static_cast<SectionTable*>(calloc(1, sizeof(SectionTable))));
-    size_t room = 0;
-    Section* current = made ? append(made.get(), &room) : nullptr;
+    Section* current = made ? append(made.get()) : nullptr;
     if (current == nullptr)
         return -ENOMEM;
     for (size_t at = 0; at < size;) {
@@ -86,7 +80,7 @@ int sections_cut(const char* text, size_t size, SectionTable** table)
         Section header = {};
         if (is_header(text, line, &header)) {
             current->end = line.begin;
-            current = append(made.get(), &room);
+            current = append(made.get());
             if (current == nullptr)
                 return -ENOMEM;
             *current = header;
@@ -133,8 +127,7 @@ static bool is_entry(const char* text, const Line& line, const char* key)
             return *key == '\0';
         if (is_blank(text[i]))
             continue;
-        if (tolower(static_cast<unsigned char>(text[i])) !=
-            tolower(static_cast<unsigned char>(*key)))
+        if (strncasecmp(text + i, key, 1) != 0)
             return false;
         key++;
     }

@@ -1,5 +1,6 @@
 #include "ctl/view.h"
 
+#include "ctl/array.h"
 #include "ctl/sections.h"
 #include "ctl/service.h"
 #include "ctl/settings.h"
@@ -32,17 +33,11 @@ static constexpr const char* state_words[ITEM_STATES] = {
 // Appends an empty item; null without memory.
 static Item* add_item(View* view)
 {
-    if (view->count == view->room) {
-        const size_t room = view->room * 2 + 8;
-        auto* grown = static_cast<Item*>(realloc(view->items, room * sizeof(Item)));
-        if (grown == nullptr)
-            return nullptr;
-        view->items = grown;
-        view->room = room;
-    }
-    Item* item = &view->items[view->count++];
-    *item = {};
-    return item;
+    void* grown = array_grow(view->items, view->count, sizeof(Item));
+    if (grown == nullptr)
+        return nullptr;
+    view->items = static_cast<Item*>(grown);
+    return &view->items[view->count++];
 }
 
 static void clear_item(Item* item)

@@ -55,7 +55,6 @@ struct Item {
 struct View {
     Item* items; // as they were plugged, then those that are not; owned
     size_t count;
-    size_t room;
     ConfDevTable* table; // owned, like the next two
     Mountinfo* mounts;
     DiskTable* disks;

@@ -1,5 +1,6 @@
 #include "ctl/disks.h"
 
+#include "support/child.h"
 #include "support/failing_memory.h"
 #include "support/files.h"
 #include "unit/ctl/ctl_world.h"
@@ -43,12 +44,18 @@ TEST(Disks, CardsAreCalledByTheServiceInAnotherWay)
     write_file(block + "/dev", "179:8\n");
     write_file(block + "/range", "8\n");
     write_file(block + "/mmcblk1p1/dev", "179:9\n");
+    std::filesystem::create_directories(block + "/device");
+    write_file(block + "/device/serial", "0x12ab\n");
+    write_file(block + "/device/name", "SC16G\n");
     DiskTableGuard table;
     ASSERT_EQ(disks_read(ctl_sysfs, table.out()), 0);
     ASSERT_EQ(table->count, 2U);
     EXPECT_STREQ(table->parts[1].name, "mmcblk1p1");
     EXPECT_STREQ(table->parts[1].service, "mmcblkb1");
     EXPECT_TRUE(table->parts[1].held);
+    EXPECT_TRUE(table->parts[1].pluggable);
+    EXPECT_STREQ(table->parts[1].identity, "0000:0000:0x12ab:1");
+    EXPECT_STREQ(table->parts[1].product, "SC16G");
 }
 
 TEST(Disks, NoSysfsIsNoDisk)
@@ -68,4 +75,44 @@ TEST(Disks, WithoutMemoryThereIsNoTable)
         EXPECT_EQ(disks_read(ctl_sysfs, table.out()), -ENOMEM);
         EXPECT_TRUE(memory_failed());
     }
+}
+
+TEST(Disks, ANameThatDoesNotFitIsNoDisk)
+{
+    const CtlWorld world;
+    const std::string fits = "sd" + std::string(disk_name_size - 3, 'a');
+    CtlWorld::add_usb_disk(fits, "8:16", "1000");
+    CtlWorld::add_usb_disk(fits + "a", "8:32", "1000");
+    DiskTableGuard table;
+    ASSERT_EQ(disks_read(ctl_sysfs, table.out()), 0);
+    ASSERT_EQ(table->count, 1U);
+    EXPECT_EQ(table->parts[0].name, fits);
+}
+
+TEST(Disks, AreReadWithoutAStandardInput)
+{
+    const CtlWorld world;
+    CtlWorld::add_usb_disk("sdb", "8:16", "1000");
+    const ChildResult child = run_child([] {
+        char usb[PATH_MAX];
+        close(STDIN_FILENO);
+        return disk_usb_directory(ctl_sysfs, "sdb", usb) ? 0 : 1;
+    });
+    EXPECT_EQ(child.status, 0);
+}
+
+TEST(Disks, OnSomethingElseAreNotPluggable)
+{
+    const CtlWorld world;
+    const std::string block = std::string(ctl_sysfs) + "/block/sdx";
+    std::filesystem::create_directories(block + "/device");
+    write_file(block + "/dev", "8:32\n");
+    DiskTableGuard table;
+    ASSERT_EQ(disks_read(ctl_sysfs, table.out()), 0);
+    ASSERT_EQ(table->count, 1U);
+    EXPECT_FALSE(table->parts[0].pluggable);
+    EXPECT_STREQ(table->parts[0].identity, "0000:0000::0");
+    EXPECT_STREQ(table->parts[0].service, "sdc0");
+    char usb[PATH_MAX];
+    EXPECT_FALSE(disk_usb_directory(ctl_sysfs, "sdx", usb));
 }
