@@ -182,13 +182,13 @@ static void print_settings(FILE* out, const ConfDev* settings)
         char value[setting_value_size] = "";
         if (settings == nullptr)
             return;
-        if (row.users == nullptr) {
+        if (row.kind != SETTING_USERS) {
             setting_format(row, *settings, value);
             print_line(out, row.word, value);
         } else if ((settings->*row.users)->count > 0) {
-            fprintf(out, "%18s  ", row.word);
-            users_show(out, settings->*row.users);
-            (void)fputc('\n', out);
+            text_print(out, "%18s  ", row.word);
+            users_show(out, settings->*row.users, false);
+            text_print(out, "\n");
         }
     }
 }

@@ -18,8 +18,8 @@ static void write_value(FILE* out, const SettingRow& row, const ConfDev* setting
 {
     char value[setting_value_size] = "";
     fprintf(out, "%s = ", row.word);
-    if (row.users != nullptr && settings != nullptr)
-        users_show(out, settings->*row.users);
+    if (row.kind == SETTING_USERS && settings != nullptr)
+        users_show(out, settings->*row.users, true);
     else if (settings != nullptr)
         setting_format(row, *settings, value);
     fprintf(out, "%s\n", value);

@@ -63,17 +63,8 @@ static bool is_known(const View& view, const char* identity)
 
 static bool has_other_settings(const ConfDev* a, const ConfDev* b)
 {
-    if (a == nullptr || b == nullptr)
-        return false; // the service makes an empty record for each, and drops it again
-    char first[setting_value_size];
-    char second[setting_value_size];
-    for (const SettingRow& row : setting_rows) {
-        setting_format(row, *a, first);
-        setting_format(row, *b, second);
-        if (strcmp(first, second) != 0)
-            return true;
-    }
-    return false;
+    // Without one: the service makes an empty record for each, and drops it again.
+    return a != nullptr && b != nullptr && !setting_is_equal(nullptr, *a, *b);
 }
 
 static bool is_mounted(ItemState state)

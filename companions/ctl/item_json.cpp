@@ -43,7 +43,7 @@ static void write_users(Json* json, const char* key, const vylist* users)
 static void write_setting(Json* json, const SettingRow& row, const ConfDev& settings)
 {
     char value[setting_value_size];
-    if (row.users != nullptr)
+    if (row.kind == SETTING_USERS)
         return write_users(json, row.json, settings.*row.users);
     if (row.kind == SETTING_SWITCH)
         return json_flag(json, row.json, settings.*row.number != 0);

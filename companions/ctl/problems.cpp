@@ -195,7 +195,7 @@ static void look_at_users(ProblemLook* look)
     for (size_t i = 0; i < look->view->count; i++) {
         const Item& item = look->view->items[i];
         for (const SettingRow& row : setting_rows) {
-            if (row.users != nullptr && item.settings != nullptr)
+            if (row.kind == SETTING_USERS && item.settings != nullptr)
                 check_ids(look, &known, item, item.settings->*row.users);
         }
     }

@@ -32,10 +32,10 @@ static void tell_without_password(const SettingRow& row, const char* uids)
         return;
     for (const char* at = uids; *at != '\0'; at++) {
         char* end = nullptr;
-        const passwd* user = getpwuid(static_cast<uid_t>(strtoul(at, &end, 10)));
+        const passwd* user = getpwuid(static_cast<uid_t>(strtoull(at, &end, 10)));
         if (user != nullptr && !file_server_has_user(lines.bytes.get(), user->pw_name))
-            fprintf(stderr, "vyhotplugctl: note: %s: %s has no %s password; %s %s\n", row.word,
-                    user->pw_name, server.name, server.add_user, user->pw_name);
+            complain("note: %s: %s has no %s password; %s %s", row.word, user->pw_name, server.name,
+                     server.add_user, user->pw_name);
         at = end;
     }
 }
@@ -45,22 +45,18 @@ int rules_parse(const View& view, const char* identity, const SettingRow& row, c
 {
     char fault[setting_fault_size];
     const int result = setting_parse(row, text, value, fault);
-    if (fault[0] != '\0') {
-        fprintf(stderr, "vyhotplugctl: %s%s: ", result == 0 ? "note: " : "", row.word);
-        (void)text_show(stderr, fault, setting_fault_size);
-        (void)fputc('\n', stderr);
-    }
-    const bool allowed =
-        row.users == &ConfDev::fullaccessusers || row.users == &ConfDev::readonlyusers;
+    if (fault[0] != '\0')
+        complain("%s%s: %.512s", result == 0 ? "note: " : "", row.word, fault);
+    const bool allowed = row.kind == SETTING_USERS && (row.users == &ConfDev::fullaccessusers ||
+                                                       row.users == &ConfDev::readonlyusers);
     if (result == 0 && allowed && value[0] != '\0')
         tell_without_password(row, value);
-    if (result != 0 || row.text != &ConfDev::sharename || value[0] == '\0')
+    if (result != 0 || !is_share_name(row) || value[0] == '\0')
         return result;
     const Item* namesake = rules_find_namesake(view, identity, value);
     if (namesake == nullptr)
         return 0;
-    fprintf(stderr, "vyhotplugctl: %s: another share has that name, of ", row.word);
-    (void)text_show(stderr, item_name(*namesake), 200);
-    (void)fputs("; of two with one name only one is shared\n", stderr);
+    complain("%s: another share has that name, of %.200s; of two with one name only one is shared",
+             row.word, item_name(*namesake));
     return -1;
 }

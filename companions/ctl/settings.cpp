@@ -1,40 +1,100 @@
 #include "ctl/settings.h"
 
 #include "common/text.h"
+#include "ctl/terminal.h"
 #include "lib/str.h"
 #include "records/conf_dev_file.h"
 
-#include <ctype.h>
 #include <grp.h>
 #include <pwd.h>
 #include <string.h>
 #include <strings.h>
 
 const SettingRow setting_rows[setting_count] = {
-    {"share", "Share Name", "share_name", "the share's name, up to 34 bytes", SETTING_TEXT, 34,
-     &ConfDev::sharename, nullptr, nullptr},
-    {"comment", "Comment", "comment", "shown beside the name, up to 63 bytes", SETTING_TEXT, 63,
-     &ConfDev::comment, nullptr, nullptr},
-    {"path", "Path", "path", "a directory of this machine that is shared", SETTING_PATH, 255,
-     &ConfDev::path, nullptr, nullptr},
-    {"read-only", "Read Only", "read_only", "yes: nobody can write", SETTING_SWITCH, 0, nullptr,
-     &ConfDev::readonly, nullptr},
-    {"guest", "Guest Access", "guest", "yes: whoever has no password may enter", SETTING_SWITCH, 0,
-     nullptr, &ConfDev::guestaccess, nullptr},
-    {"hide-from-guests", "Guest Hide", "hide_from_guests", "yes: guests do not see the share",
-     SETTING_SWITCH, 0, nullptr, &ConfDev::guesthide, nullptr},
-    {"sync", "Sync", "sync", "yes: what is written is on the disk before it is answered",
-     SETTING_SWITCH, 0, nullptr, &ConfDev::sync, nullptr},
-    {"administrator", "Administrator", "administrator", "full, read-only, block or hide",
-     SETTING_WORD, 0, nullptr, &ConfDev::administrator, nullptr},
-    {"full", "Full Access Users", "full_users", "users who may read and write", SETTING_USERS, 0,
-     nullptr, nullptr, &ConfDev::fullaccessusers},
-    {"readers", "Read Only Users", "reading_users", "users who may read", SETTING_USERS, 0, nullptr,
-     nullptr, &ConfDev::readonlyusers},
-    {"blocked", "Block Users", "blocked_users", "users who may not enter", SETTING_USERS, 0,
-     nullptr, nullptr, &ConfDev::blockusers},
-    {"hidden", "Hide Users", "hidden_users", "users who do not even see it", SETTING_USERS, 0,
-     nullptr, nullptr, &ConfDev::hideusers},
+    {"share",
+     "Share Name",
+     "share_name",
+     "the share's name, up to 34 bytes",
+     SETTING_TEXT,
+     34,
+     {.text = &ConfDev::sharename}},
+    {"comment",
+     "Comment",
+     "comment",
+     "shown beside the name, up to 63 bytes",
+     SETTING_TEXT,
+     63,
+     {.text = &ConfDev::comment}},
+    {"path",
+     "Path",
+     "path",
+     "a directory of this machine that is shared",
+     SETTING_PATH,
+     255,
+     {.text = &ConfDev::path}},
+    {"read-only",
+     "Read Only",
+     "read_only",
+     "yes: nobody can write",
+     SETTING_SWITCH,
+     0,
+     {.number = &ConfDev::readonly}},
+    {"guest",
+     "Guest Access",
+     "guest",
+     "yes: whoever has no password may enter",
+     SETTING_SWITCH,
+     0,
+     {.number = &ConfDev::guestaccess}},
+    {"hide-from-guests",
+     "Guest Hide",
+     "hide_from_guests",
+     "yes: guests do not see the share",
+     SETTING_SWITCH,
+     0,
+     {.number = &ConfDev::guesthide}},
+    {"sync",
+     "Sync",
+     "sync",
+     "yes: what is written is on the disk before it is answered",
+     SETTING_SWITCH,
+     0,
+     {.number = &ConfDev::sync}},
+    {"administrator",
+     "Administrator",
+     "administrator",
+     "full, read-only, block or hide",
+     SETTING_WORD,
+     0,
+     {.number = &ConfDev::administrator}},
+    {"full",
+     "Full Access Users",
+     "full_users",
+     "users who may read and write",
+     SETTING_USERS,
+     0,
+     {.users = &ConfDev::fullaccessusers}},
+    {"readers",
+     "Read Only Users",
+     "reading_users",
+     "users who may read",
+     SETTING_USERS,
+     0,
+     {.users = &ConfDev::readonlyusers}},
+    {"blocked",
+     "Block Users",
+     "blocked_users",
+     "users who may not enter",
+     SETTING_USERS,
+     0,
+     {.users = &ConfDev::blockusers}},
+    {"hidden",
+     "Hide Users",
+     "hidden_users",
+     "users who do not even see it",
+     SETTING_USERS,
+     0,
+     {.users = &ConfDev::hideusers}},
 };
 
 namespace {
@@ -80,7 +140,7 @@ static bool is_same_word(const char* a, const char* b)
             a++;
         while (*b == ' ' || *b == '-' || *b == '_')
             b++;
-        if (tolower(static_cast<unsigned char>(*a)) != tolower(static_cast<unsigned char>(*b)))
+        if (strncasecmp(a, b, 1) != 0)
             return false;
         if (*a == '\0')
             return true;
@@ -136,12 +196,12 @@ static int take_text(const SettingRow& row, const char* text, const Value& value
     text_trim(clean);
     if (strcmp(clean, text) != 0 && strlen(text) < sizeof clean)
         return fail(value, "begins or ends with a blank, which would be lost", "");
-    if (row.text == &ConfDev::sharename && strpbrk(text, "[]") != nullptr)
+    if (is_share_name(row) && text[strcspn(text, "[]")] != '\0')
         return fail(value, "holds a bracket, which no share's name can", "");
     if (strlen(text) > row.most) {
         text_shorten(clean, row.most);
         (void)snprintf(value.fault, setting_fault_size,
-                       "has %zu bytes, and %zu are kept; this fits: \"%s\"", strlen(text), row.most,
+                       "has %zu bytes, and %d are kept; this fits: \"%s\"", strlen(text), row.most,
                        clean);
         return -1;
     }
@@ -162,7 +222,11 @@ static int take_path(const SettingRow& row, const char* text, const Value& value
 static int append_user(unsigned uid, const Value& value)
 {
     char number[16];
-    const int length = snprintf(number, sizeof number, "%u,", uid);
+    int length = snprintf(number, sizeof number, "%u", uid);
+    if (uid > INT32_MAX) // the service passes it over, and an empty list lets everybody in
+        return fail(value,
+                    "has a number beyond 2147483647, which the service does not take: ", number);
+    str_cpy(number + length++, ",");
     const size_t held = strlen(value.text);
     for (const char* at = value.text; (at = strstr(at, number)) != nullptr; at++) {
         if (at == value.text || at[-1] == ',')
@@ -181,19 +245,23 @@ static int append_group(const char* name, const Value& value)
     if (found == nullptr)
         return fail(value, "no such group: ", name);
     const gid_t gid = found->gr_gid;
+    bool any = false;
     for (char** member = found->gr_mem; *member != nullptr; member++) {
         const passwd* user = getpwnam(*member);
         if (user != nullptr && append_user(user->pw_uid, value) != 0)
             return -1;
+        any |= user != nullptr;
     }
     int result = 0;
-    setpwent();
     for (const passwd* user = getpwent(); user != nullptr && result == 0; user = getpwent()) {
-        if (user->pw_gid == gid)
-            result = append_user(user->pw_uid, value);
+        if (user->pw_gid != gid)
+            continue;
+        result = append_user(user->pw_uid, value);
+        any = true;
     }
     endpwent();
-    return result;
+    // A list that comes out empty would let everybody in.
+    return any || result != 0 ? result : fail(value, "nobody is in the group: ", name);
 }
 
 static int append_name(const char* name, const Value& value)
@@ -263,30 +331,59 @@ static void format_users(const vylist* users, char (&value)[setting_value_size])
 void setting_format(const SettingRow& row, const ConfDev& record, char (&value)[setting_value_size])
 {
     value[0] = '\0';
-    if (row.text != nullptr && record.*row.text != nullptr)
-        str_ncpy(value, record.*row.text, sizeof value);
-    else if (row.kind == SETTING_SWITCH)
+    switch (row.kind) {
+    case SETTING_SWITCH:
         str_ncpy(value, record.*row.number != 0 ? "yes" : "no", sizeof value);
-    else if (row.kind == SETTING_WORD)
+        break;
+    case SETTING_WORD:
         str_ncpy(value, setting_administrator(record.*row.number), sizeof value);
-    else if (row.users != nullptr)
+        break;
+    case SETTING_USERS:
         format_users(record.*row.users, value);
+        break;
+    default:
+        if (record.*row.text != nullptr)
+            str_ncpy(value, record.*row.text, sizeof value);
+    }
+}
+
+bool setting_is_equal(const SettingRow* wanted, const ConfDev& a, const ConfDev& b)
+{
+    char first[setting_value_size];
+    char second[setting_value_size];
+    for (const SettingRow& row : setting_rows) {
+        if (wanted != nullptr && wanted != &row)
+            continue;
+        setting_format(row, a, first);
+        setting_format(row, b, second);
+        if (strcmp(first, second) != 0)
+            return false;
+    }
+    return true;
 }
 
 void user_format(unsigned uid, char* name, size_t size)
 {
     const passwd* user = getpwuid(uid);
     (void)snprintf(name, size, "%u", uid);
-    if (user != nullptr)
+    if (user != nullptr && strlen(user->pw_name) < size) // a part of it may be somebody else's
         str_ncpy(name, user->pw_name, static_cast<int32_t>(size));
 }
 
-void users_show(FILE* out, const vylist* users)
+// Whether take_users() finds the user of that name.
+static bool is_read_back(const char* name)
+{
+    return name[0] != '@' && name[strcspn(name, ",")] == '\0' && text_is_fit(name);
+}
+
+void users_show(FILE* out, const vylist* users, bool read_back)
 {
     for (const vylist_node* node = users->next; node != vylist_end(users); node = node->next) {
+        const auto uid = static_cast<unsigned>(*static_cast<const int32_t*>(node->data));
         char name[64];
-        user_format(static_cast<unsigned>(*static_cast<const int32_t*>(node->data)), name,
-                    sizeof name);
-        fprintf(out, "%s%s", node == users->next ? "" : ", ", name);
+        user_format(uid, name, sizeof name);
+        if (read_back && !is_read_back(name))
+            (void)snprintf(name, sizeof name, "%u", uid);
+        text_print(out, "%s%s", node == users->next ? "" : ", ", name);
     }
 }

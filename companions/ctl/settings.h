@@ -21,14 +21,22 @@ struct SettingRow {
     const char* json; // in JSON: "share_name"
     const char* help;
     SettingKind kind;
-    size_t most; // bytes of a text
-    char* ConfDev::*text;
-    uint8_t ConfDev::*number;
-    vylist* ConfDev::*users;
+    uint8_t most; // bytes of a text
+    union {       // by its kind
+        char* ConfDev::*text;
+        uint8_t ConfDev::*number; // of a switch, or a word
+        vylist* ConfDev::*users;
+    };
 };
 
 constexpr size_t setting_count = 12;
 extern const SettingRow setting_rows[setting_count];
+
+// Whether it is the one that no two shares may have the same of.
+inline bool is_share_name(const SettingRow& row)
+{
+    return &row == setting_rows;
+}
 
 // Lends the row of a word, or of a key of the file, without regard to blanks, hyphens and letter
 // case; null.
@@ -48,11 +56,15 @@ constexpr size_t setting_fault_size = 512;
 void setting_format(const SettingRow& row, const ConfDev& record,
                     char (&value)[setting_value_size]);
 
+// Whether two records hold the same of the setting that is wanted, of all where that is null.
+[[nodiscard]] bool setting_is_equal(const SettingRow* wanted, const ConfDev& a, const ConfDev& b);
+
 // The word for what the administrator may do: "full", "read-only", "block", "hide".
 [[nodiscard]] const char* setting_administrator(uint8_t code);
 
-// Writes a user's name, or the number where nobody has it.
+// Writes a user's name; the number where nobody has it, or the name is too long.
 void user_format(unsigned uid, char* name, size_t size);
 
-// Prints a list of users by name, separated by ", ".
-void users_show(FILE* out, const vylist* users);
+// Prints a list of users by name, as text_show does, separated by ", ". In one that is read back,
+// who would come back as somebody else, or nobody, stands by number.
+void users_show(FILE* out, const vylist* users, bool read_back);

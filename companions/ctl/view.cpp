@@ -492,14 +492,33 @@ constexpr AccessRow access_rows[] = {
     {&ConfDev::hideusers, "not ", ""},
 };
 
+// A list of words, as far as there is room.
+struct Words {
+    char* text;
+    size_t size;
+    size_t marked; // its length that leaves room for the mark
+    bool cut;      // and has it
+};
+
 } // namespace
 
-static void append(char* text, size_t size, const char* before, const char* word,
-                   const char* behind)
+static void append(Words* words, const char* before, const char* word, const char* behind)
 {
-    const size_t held = strlen(text);
-    (void)snprintf(text + held, size - held, "%s%s%s%s", held > 0 ? ", " : "", before, word,
-                   behind);
+    static constexpr char mark[] = ", ...";
+    if (words->cut)
+        return;
+    const size_t held = strlen(words->text);
+    const auto added =
+        static_cast<size_t>(snprintf(words->text + held, words->size - held, "%s%s%s%s",
+                                     held > 0 ? ", " : "", before, word, behind));
+    words->cut = held + added >= words->size;
+    if (words->cut) {
+        const char* behind_name = words->marked > 0 ? mark : mark + 2;
+        str_ncpy(words->text + words->marked, behind_name,
+                 static_cast<int32_t>(words->size - words->marked));
+    } else if (held + added + sizeof mark <= words->size) {
+        words->marked = held + added;
+    }
 }
 
 void item_access(const Item& item, char* text, size_t size)
@@ -510,17 +529,18 @@ void item_access(const Item& item, char* text, size_t size)
         str_ncpy(text, "everybody", static_cast<int32_t>(size));
         return;
     }
+    Words words = {.text = text, .size = size, .marked = 0, .cut = false};
     const bool chosen = settings->fullaccessusers->count > 0 || settings->readonlyusers->count > 0;
-    append(text, size, "", chosen ? "" : "everybody", "");
+    append(&words, "", chosen ? "" : "everybody", "");
     for (const AccessRow& row : access_rows) {
         const vylist* users = settings->*row.users;
         for (const vylist_node* node = users->next; node != vylist_end(users); node = node->next) {
             char name[64];
             user_format(static_cast<unsigned>(*static_cast<const int32_t*>(node->data)), name,
                         sizeof name);
-            append(text, size, row.before, name, row.behind);
+            append(&words, row.before, name, row.behind);
         }
     }
     if (settings->guestaccess != 0 && settings->guesthide == 0)
-        append(text, size, "", "guests", "");
+        append(&words, "", "guests", "");
 }

@@ -1,6 +1,11 @@
 #include "ctl/settings.h"
 
+#include "support/files.h"
+
 #include <gtest/gtest.h>
+
+#include <stdlib.h>
+#include <string.h>
 
 #include <string>
 
@@ -91,6 +96,51 @@ TEST(SettingParse, UsersByNameAndNumber)
     EXPECT_EQ(unknown.fault, "nobody has the number 4294");
 }
 
+TEST(SettingParse, UsersStandThereOnce)
+{
+    EXPECT_EQ(value_of("full", "11,1,0,1,11,0"), "11,1,0,");
+    EXPECT_EQ(value_of("full", " , root ,,"), "0,");
+}
+
+TEST(SettingParse, UsersOfAGroupByItsListAndAsTheirFirst)
+{
+    write_file("/etc/passwd", "anna:x:1000:100::/:\nben:x:1001:7::/:\ncarl:x:1002:100::/:\n"
+                              "big:x:2147483648:100::/:\nmost:x:2147483647:100::/:\n");
+    write_file("/etc/group", "music:x:7:anna,gone,ben\nempty:x:8:\nlost:x:9:gone\nbig:x:10:big\n");
+    EXPECT_EQ(value_of("full", "@music"), "1000,1001,");
+    EXPECT_EQ(value_of("full", "carl,@music"), "1002,1000,1001,");
+    EXPECT_EQ(fault_of("full", "@empty"), "nobody is in the group: empty");
+    EXPECT_EQ(fault_of("full", "@lost"), "nobody is in the group: lost");
+    EXPECT_EQ(value_of("full", "most"), "2147483647,");
+    for (const char* text : {"big", "@big"})
+        EXPECT_EQ(fault_of("full", text),
+                  "has a number beyond 2147483647, which the service does not take: 2147483648");
+}
+
+TEST(SettingParse, ALongNameNobodyHasIsRefused)
+{
+    const std::string most(255, 'u');
+    EXPECT_EQ(fault_of("full", most), "no such user: " + most);
+    EXPECT_EQ(fault_of("full", most + "u,root").substr(0, 14), "no such user: ");
+}
+
+TEST(SettingParse, AUsersNameMayBeVeryLong)
+{
+    const std::string most(255, 'u');
+    write_file("/etc/passwd", most + ":x:5:5::/:\n" + most + "u:x:6:5::/:\n");
+    EXPECT_EQ(value_of("full", most + "," + most), "5,");
+    EXPECT_NE(fault_of("full", most + "u"), "");
+}
+
+TEST(SettingParse, APathBeginsWithASlash)
+{
+    const std::string most = "/" + std::string(254, 'p');
+    EXPECT_EQ(value_of("path", most), most);
+    EXPECT_NE(fault_of("path", most + "p"), "");
+    EXPECT_EQ(fault_of("path", "srv"), "must begin with /");
+    EXPECT_EQ(value_of("path", ""), "");
+}
+
 TEST(SettingParse, NoMoreUsersThanTheServiceReads)
 {
     std::string text;
@@ -98,6 +148,41 @@ TEST(SettingParse, NoMoreUsersThanTheServiceReads)
         text += std::to_string(uid) + ",";
     EXPECT_EQ(value_of("full", text), text); // 2046 bytes
     EXPECT_NE(fault_of("full", text + "10341"), "");
+    EXPECT_EQ(value_of("full", text.substr(6) + "100000"), text.substr(6) + "100000,"); // 2047
+    EXPECT_NE(fault_of("full", text.substr(6) + "1000000"), "");
+}
+
+TEST(SettingFormat, AsManyUsersAsTheValueHolds)
+{
+    ConfDevGuard record(conf_dev_record_create());
+    conf_dev_record_defaults(record.get());
+    for (int i = 0; i < 300; i++) {
+        auto* user = static_cast<int32_t*>(malloc(sizeof(int32_t)));
+        *user = 1234567;
+        ASSERT_NE(vylist_insert(record->fullaccessusers, vylist_end(record->fullaccessusers), user),
+                  nullptr);
+    }
+    char value[setting_value_size];
+    setting_format(*setting_find("full"), *record.get(), value);
+    EXPECT_EQ(strlen(value), 2032U) << "one that may be of eleven digits has room then";
+}
+
+TEST(Users, ATerminalObeysNoName)
+{
+    const std::string longest(80, 'n'); // what is left of it may be somebody else's
+    const std::string people = read_file("/etc/passwd");
+    write_file("/etc/passwd", people + "e\x1b[2Jve:x:7001:100::/:/bin/sh\n" + longest +
+                                  ":x:7002:100::/:/bin/sh\n");
+    ConfDevGuard record(conf_dev_record_create());
+    conf_dev_record_defaults(record.get());
+    for (const int32_t uid : {7001, 7002}) {
+        auto* user = static_cast<int32_t*>(malloc(sizeof(int32_t)));
+        *user = uid;
+        ASSERT_NE(vylist_insert(record->blockusers, vylist_end(record->blockusers), user), nullptr);
+    }
+    EXPECT_EQ(written_by([&](FILE* out) { users_show(out, record->blockusers, false); }),
+              "e\\x1b[2Jve, 7002");
+    write_file("/etc/passwd", people);
 }
 
 TEST(SettingFormat, OneFormForWhatIsEqual)
@@ -115,4 +200,24 @@ TEST(SettingFormat, OneFormForWhatIsEqual)
     record->administrator = CONF_DEV_ADMIN_READONLY;
     setting_format(*setting_find("administrator"), *record.get(), value);
     EXPECT_STREQ(value, "read-only");
+}
+
+TEST(UserFormat, IsTheNameOrElseTheNumber)
+{
+    char name[8];
+    user_format(0, name, sizeof name);
+    EXPECT_STREQ(name, "root");
+    user_format(4294, name, sizeof name);
+    EXPECT_STREQ(name, "4294");
+    user_format(0, name, 3);
+    EXPECT_STREQ(name, "0") << "part of a name is none";
+}
+
+TEST(SettingAdministrator, EachCodeHasItsWord)
+{
+    EXPECT_STREQ(setting_administrator(CONF_DEV_ADMIN_FULL), "full");
+    EXPECT_STREQ(setting_administrator(CONF_DEV_ADMIN_READONLY), "read-only");
+    EXPECT_STREQ(setting_administrator(CONF_DEV_ADMIN_BLOCK), "block");
+    EXPECT_STREQ(setting_administrator(CONF_DEV_ADMIN_HIDE), "hide");
+    EXPECT_STREQ(setting_administrator(9), "full");
 }

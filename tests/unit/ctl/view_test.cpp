@@ -86,8 +86,24 @@ TEST(View, JoinsTheFiles)
     EXPECT_STREQ(who, "root, daemon, guests");
     item_access(viewed.view.items[1], who, sizeof who);
     EXPECT_STREQ(who, "everybody");
-    item_access(viewed.view.items[0], who, 8);
-    EXPECT_STREQ(who, "root, d");
+}
+
+TEST(View, AListThatIsCutSaysSo)
+{
+    const CtlWorld world;
+    write_shares();
+    const Viewed viewed(world);
+    const std::string whole = "root, daemon, guests";
+    char who[64];
+    for (size_t size = 4; size <= sizeof who; size++) {
+        memset(who, 'x', sizeof who);
+        item_access(viewed.view.items[0], who, size);
+        const std::string expected = size > whole.size()                  ? whole
+                                     : size > strlen("root, daemon, ...") ? "root, daemon, ..."
+                                     : size > strlen("root, ...")         ? "root, ..."
+                                                                          : "...";
+        EXPECT_EQ(who, expected) << size;
+    }
 }
 
 TEST(View, WithoutAnyFileThereIsNothing)
