@@ -3,7 +3,7 @@
 #include "ctl/file_server.h"
 #include "ctl/holders.h"
 #include "ctl/item_json.h"
-#include "ctl/machine.h"
+#include "ctl/item_text.h"
 #include "ctl/problem_text.h"
 #include "ctl/samba.h"
 #include "ctl/settings.h"
@@ -207,44 +207,22 @@ static void print_sizes(FILE* out, const Item& item)
         print_line(out, "size", size);
 }
 
-static void print_device(FILE* out, const Item& item)
+static void print_texts(FILE* out, const ItemTexts& texts, size_t from, size_t to)
 {
-    const DiskPart* part = item.part;
-    const char* vendor = item.texts[SHARE_VENDOR];
-    const char* product = item.texts[SHARE_PRODUCT];
-    const char* serial = item.texts[SHARE_SERIAL];
-    if (part != nullptr) {
-        vendor = vendor != nullptr ? vendor : part->vendor;
-        product = product != nullptr ? product : part->product;
-        serial = serial != nullptr ? serial : part->serial;
-        char uuid[machine_uuid_size];
-        print_line(out, "kernel's name", part->name);
-        if (machine_uuid(part->major, part->minor, uuid))
-            print_line(out, "UUID", uuid);
-    }
-    print_line(out, "vendor", vendor);
-    print_line(out, "product", product);
-    print_line(out, "serial", serial);
-    print_line(out, "Mbit/s", item.texts[SHARE_SPEED]);
+    for (size_t i = from; i < to; i++)
+        print_line(out, item_text_rows[i].word, texts.of[i]);
 }
 
 static void print_item(FILE* out, const Item& item, const HolderTable& holders)
 {
-    print_line(out, "partition", item.name);
-    print_line(out, "identity", item.identity);
-    print_line(out, "state", item_state_word(item.state));
-    print_line(out, "why", item.reason);
-    print_line(out, "share's name", item.share);
-    print_line(out, "label", item_label(item));
-    print_line(out, "directory", item.directory);
-    print_line(out, "filesystem", item_filesystem(item));
-    if (item.mount != nullptr) {
-        print_line(out, "node", item.mount->source);
-        print_line(out, "mounted", item.mount->readonly ? "read-only" : "read and write");
-        print_line(out, "mount flags", item.mount->options);
-    }
+    ItemTexts texts;
+    item_texts(item, false, true, &texts);
+    print_texts(out, texts, ITEM_TEXT_NAME, ITEM_TEXT_VENDOR);
+    print_texts(out, texts, ITEM_TEXT_NODE, ITEM_TEXTS);
     print_sizes(out, item);
-    print_device(out, item);
+    print_texts(out, texts, ITEM_TEXT_KERNEL_NAME, ITEM_TEXT_NODE);
+    print_texts(out, texts, ITEM_TEXT_VENDOR, ITEM_TEXT_KERNEL_NAME);
+    print_line(out, "Mbit/s", item.texts[SHARE_SPEED]);
     char who[512];
     item_access(item, who, sizeof who);
     print_line(out, "who may enter", who);

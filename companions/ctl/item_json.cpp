@@ -1,15 +1,11 @@
 #include "ctl/item_json.h"
 
-#include "ctl/machine.h"
+#include "ctl/item_text.h"
 #include "ctl/settings.h"
+#include "ctl/terminal.h"
 
 #include <stdlib.h>
 #include <string.h>
-
-static constexpr const char* state_names[ITEM_STATES] = {
-    "shared",  "mounted",   "busy", "unmounted", "not_mounted",
-    "waiting", "directory", "gone", "absent",
-};
 
 void json_begin(Json* json, const char* call)
 {
@@ -21,7 +17,7 @@ void json_begin(Json* json, const char* call)
 void json_end(Json* json)
 {
     json_close(json, '}');
-    (void)fputc('\n', json->out);
+    text_print(json->out, "\n");
     json->more = false;
 }
 
@@ -69,58 +65,37 @@ static void write_size(Json* json, const char* key, uint64_t bytes, bool known)
         json_null(json, key);
 }
 
-// The first that is there.
-static const char* either(const char* a, const char* b)
+static void write_texts(Json* json, const ItemTexts& texts, size_t from, size_t to)
 {
-    if (a != nullptr && a[0] != '\0')
-        return a;
-    return b != nullptr && b[0] != '\0' ? b : nullptr;
+    for (size_t i = from; i < to; i++)
+        json_text(json, item_text_rows[i].json, texts.of[i]);
 }
 
-static void write_device(Json* json, const Item& item)
+static void write_device(Json* json, const Item& item, const ItemTexts& texts)
 {
-    const DiskPart* part = item.part;
-    const char* speed = either(item.texts[SHARE_SPEED], part != nullptr ? part->speed : nullptr);
+    const char* speed =
+        item_either(item.texts[SHARE_SPEED], item.part != nullptr ? item.part->speed : nullptr);
     json_open(json, "device", '{');
-    json_text(json, "vendor",
-              either(item.texts[SHARE_VENDOR], part != nullptr ? part->vendor : nullptr));
-    json_text(json, "product",
-              either(item.texts[SHARE_PRODUCT], part != nullptr ? part->product : nullptr));
-    json_text(json, "serial",
-              either(item.texts[SHARE_SERIAL], part != nullptr ? part->serial : nullptr));
+    write_texts(json, texts, ITEM_TEXT_VENDOR, ITEM_TEXT_KERNEL_NAME);
     write_size(json, "speed_mbit_per_s", speed != nullptr ? strtoull(speed, nullptr, 10) : 0,
                speed != nullptr);
-    json_text(json, "kernel_name", part != nullptr ? part->name : nullptr);
-    char uuid[machine_uuid_size];
-    const bool known = part != nullptr && machine_uuid(part->major, part->minor, uuid);
-    json_text(json, "uuid", known ? uuid : nullptr);
-    json_text(json, "node", item.mount != nullptr ? item.mount->source : nullptr);
-    json_text(json, "mounted_as",
-              item.mount == nullptr  ? nullptr
-              : item.mount->readonly ? "read-only"
-                                     : "read-write");
-    json_text(json, "mount_flags", item.mount != nullptr ? item.mount->options : nullptr);
+    write_texts(json, texts, ITEM_TEXT_KERNEL_NAME, ITEM_TEXTS);
     json_close(json, '}');
 }
 
 void item_json(Json* json, const char* key, const Item& item, bool whole)
 {
     const bool measured = item.mount != nullptr && item.size_bytes > 0;
+    ItemTexts texts;
+    item_texts(item, true, whole, &texts);
     json_open(json, key, '{');
-    json_text(json, "name", item.name[0] != '\0' ? item.name : nullptr);
-    json_text(json, "identity", item.identity);
-    json_text(json, "state", state_names[item.state]);
-    json_text(json, "reason", item.reason);
-    json_text(json, "share", item.share);
-    json_text(json, "label", item_label(item));
-    json_text(json, "directory", item.directory);
-    json_text(json, "filesystem", item_filesystem(item));
+    write_texts(json, texts, ITEM_TEXT_NAME, ITEM_TEXT_VENDOR);
     write_size(json, "size_bytes", item.size_bytes, item.size_bytes > 0);
     write_size(json, "used_bytes", item.used_bytes, measured);
     write_size(json, "free_bytes", item.free_bytes, measured);
     json_flag(json, "read_only", item_is_readonly(item));
     write_settings(json, item.settings);
     if (whole)
-        write_device(json, item);
+        write_device(json, item, texts);
     json_close(json, '}');
 }
