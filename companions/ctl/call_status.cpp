@@ -234,14 +234,17 @@ static void print_item(FILE* out, const Item& item, const HolderTable& holders)
     holders_print(out, holders);
 }
 
-// Finds who holds the item; nobody where it is not mounted.
+// Finds who holds the item; nobody where it is not there.
 static int hold(const Item& item, HolderTable* holders)
 {
+    int result = 0;
     *holders = {};
-    if (item.mount != nullptr && holders_find(*item.mount, holders) != 0) {
-        perror("vyhotplugctl");
-        return EXIT_FAILED;
-    }
+    if (item.mount != nullptr)
+        result = holders_find(*item.mount, holders);
+    else if (item.state == ITEM_DIRECTORY)
+        result = holders_find_below(item.directory, holders);
+    if (result != 0)
+        return complain_errno(nullptr, result);
     samba_name_clients(holders);
     return EXIT_DONE;
 }

@@ -1,10 +1,12 @@
 #include "ctl/holders.h"
 
+#include "common/directory.h"
+#include "ctl/array.h"
+#include "ctl/machine.h"
 #include "ctl/settings.h"
 #include "ctl/terminal.h"
 #include "lib/str.h"
 
-#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
@@ -18,11 +20,12 @@ namespace {
 
 // What is looked for, and where it is put.
 struct Search {
-    dev_t device; // of the filesystem
+    dev_t device;      // of the filesystem
+    const char* below; // the directory; null: all of the filesystem
     HolderTable* table;
-    int process; // its directory in /proc
+    int error; // 0; a negated errno, and then some may be missing
     pid_t pid;
-    bool failed;
+    char process[32]; // the path of its directory in /proc, which no other process comes by
 };
 
 struct ProcessLink {
@@ -35,20 +38,13 @@ constexpr ProcessLink links[] = {
 
 } // namespace
 
-static void release_directory(DIR* directory)
-{
-    closedir(directory);
-}
-using DirGuard = Guard<DIR, release_directory>;
-
 // ---- one process ----
 
-static void read_command(int process, char (&command)[32])
+// What has ended, or is not shown, is no failure.
+static void note_failure(Search* search, int error)
 {
-    const FdGuard fd(openat(process, "comm", O_RDONLY | O_CLOEXEC));
-    const ssize_t length = fd.get() >= 0 ? read(fd.get(), command, sizeof command - 1) : 0;
-    command[length > 0 ? length : 0] = '\0';
-    command[strcspn(command, "\n")] = '\0';
+    if (machine_is_short(error))
+        search->error = error;
 }
 
 static bool is_known(const Search& search, const char* file)
@@ -66,49 +62,67 @@ static void add(Search* search, HolderUse use, const char* file)
 {
     HolderTable* table = search->table;
     struct stat status;
-    if (is_known(*search, file) || fstat(search->process, &status) != 0)
+    if (is_known(*search, file) || stat(search->process, &status) != 0)
         return;
-    if (table->count == table->room) {
-        const size_t room = table->room * 2 + 8;
-        auto* grown = static_cast<Holder*>(realloc(table->holders, room * sizeof(Holder)));
-        search->failed |= grown == nullptr;
-        if (grown == nullptr)
-            return;
-        table->holders = grown;
-        table->room = room;
-    }
-    Holder* holder = &table->holders[table->count++];
-    *holder = {};
+    void* grown = array_grow(table->holders, table->count, sizeof(Holder));
+    if (grown == nullptr)
+        return note_failure(search, -ENOMEM);
+    table->holders = static_cast<Holder*>(grown);
+    Holder* holder = &table->holders[table->count];
+    const int named = machine_read_name(search->process, holder->command);
+    if (named == -ENOENT || named == -ESRCH)
+        return; // it has ended
+    note_failure(search, named);
+    table->count++;
     holder->pid = search->pid;
     holder->uid = status.st_uid;
     holder->use = use;
-    read_command(search->process, holder->command);
     holder->file = strdup(file);
-    search->failed |= holder->file == nullptr;
+    if (holder->file == nullptr)
+        note_failure(search, -ENOMEM);
+}
+
+// Whether that path leads to the same file from here, too.
+static bool leads_to(const char* file, const struct stat& held)
+{
+    struct stat status;
+    return stat(file, &status) == 0 && status.st_dev == held.st_dev && status.st_ino == held.st_ino;
+}
+
+// Another root or table of mounts may have the same path.
+static bool is_below(const Search& search, const struct stat& held, const char* file)
+{
+    return search.below == nullptr || (mountinfo_rest(file, search.below) != nullptr &&
+                                       (held.st_dev == search.device || leads_to(file, held)));
 }
 
 // A link of /proc to an open file. Following it asks the file itself, not its path.
-static void look_at_link(Search* search, int directory, const char* name, HolderUse use)
+static void look_at_link(Search* search, const char* folder, const char* name, HolderUse use)
 {
     struct stat status;
+    char link[64];
     char file[PATH_MAX];
-    if (fstatat(directory, name, &status, 0) != 0 || status.st_dev != search->device)
+    (void)snprintf(link, sizeof link, "%s%s/%s", search->process, folder, name);
+    if (stat(link, &status) != 0)
+        return note_failure(search, -errno);
+    if (search->below == nullptr && status.st_dev != search->device)
         return;
-    const ssize_t length = readlinkat(directory, name, file, sizeof file - 1);
+    const ssize_t length = readlink(link, file, sizeof file - 1);
     file[length > 0 ? length : 0] = '\0';
-    add(search, use, file);
+    if (is_below(*search, status, file))
+        add(search, use, file);
 }
 
 static void look_at_files(Search* search)
 {
-    const int fd = openat(search->process, "fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    const DirGuard files(fd >= 0 ? fdopendir(fd) : nullptr);
-    if (!files && fd >= 0)
-        (void)close(fd);
-    while (const dirent* entry = files ? readdir(files.get()) : nullptr) {
+    char path[64];
+    (void)snprintf(path, sizeof path, "%s/fd", search->process);
+    const DirGuard files(opendir(path));
+    while (const dirent* entry = files ? directory_next(files.get()) : nullptr) {
         if (entry->d_name[0] != '.')
-            look_at_link(search, dirfd(files.get()), entry->d_name, HOLDS_FILE);
+            look_at_link(search, "/fd", entry->d_name, HOLDS_FILE);
     }
+    note_failure(search, -errno); // of opendir(3), or readdir(3)
 }
 
 // Lends the word behind so many others of a line, which are separated by blanks.
@@ -122,60 +136,69 @@ static const char* word_behind(const char* line, int words)
 }
 
 // "begin-end flags offset major:minor inode path"
-static void look_at_map(Search* search, char* line)
+static bool look_at_map(char* line, void* context)
 {
-    line[strcspn(line, "\n")] = '\0';
+    auto* search = static_cast<Search*>(context);
     char* colon = nullptr;
-    const unsigned long major = strtoul(word_behind(line, 3), &colon, 16);
-    const unsigned long minor = *colon == ':' ? strtoul(colon + 1, nullptr, 16) : 0;
+    const auto major = static_cast<unsigned>(strtoull(word_behind(line, 3), &colon, 16));
+    const auto minor = static_cast<unsigned>(*colon == ':' ? strtoull(colon + 1, nullptr, 16) : 0);
     const char* path = word_behind(line, 5);
-    if (path[0] != '\0' &&
-        makedev(static_cast<unsigned>(major), static_cast<unsigned>(minor)) == search->device)
+    struct stat mapped = {};
+    mapped.st_dev = makedev(major, minor);
+    if (path[0] != '\0' && mapped.st_dev == search->device && is_below(*search, mapped, path))
         add(search, HOLDS_MAP, path);
+    return false;
 }
 
-static void look_at_maps(Search* search)
+static void look_at_process(Search* search, int processes, const char* name)
 {
-    const int fd = openat(search->process, "maps", O_RDONLY | O_CLOEXEC);
-    const FileGuard maps(fd >= 0 ? fdopen(fd, "r") : nullptr);
-    if (!maps && fd >= 0)
-        (void)close(fd);
-    char line[PATH_MAX + 128];
-    while (maps && fgets(line, sizeof line, maps.get()) != nullptr)
-        look_at_map(search, line);
-}
-
-static void look_at_process(Search* search)
-{
+    char maps[64];
+    const FdGuard process(openat(processes, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (process.get() < 0)
+        return note_failure(search, -errno);
+    (void)snprintf(search->process, sizeof search->process, "/proc/self/fd/%d", process.get());
     for (const ProcessLink& link : links)
-        look_at_link(search, search->process, link.name, link.use);
+        look_at_link(search, "", link.name, link.use);
     look_at_files(search);
-    look_at_maps(search);
+    (void)snprintf(maps, sizeof maps, "%s/maps", search->process);
+    note_failure(search, machine_any_line(maps, look_at_map, search));
 }
 
 // ---- all processes ----
 
-int holders_find(const MountinfoEntry& mount, HolderTable* table)
+static int find(const char* directory, const char* below, HolderTable* table)
 {
     *table = {};
     struct stat status;
-    if (stat(mount.directory, &status) != 0)
-        return 0; // it has gone
-    Search search = {
-        .device = status.st_dev, .table = table, .process = -1, .pid = 0, .failed = false};
+    if (stat(directory, &status) != 0)
+        return errno == ENOENT ? 0 : -errno; // it has gone, or does not answer
+    Search search = {.device = status.st_dev,
+                     .below = below,
+                     .table = table,
+                     .error = 0,
+                     .pid = 0,
+                     .process = ""};
     const DirGuard processes(opendir("/proc"));
-    while (const dirent* entry = processes ? readdir(processes.get()) : nullptr) {
-        int32_t pid = 0;
-        if (str_to_long(entry->d_name, &pid, 10) != 0)
-            continue;
-        const FdGuard process(
-            openat(dirfd(processes.get()), entry->d_name, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        search.process = process.get();
-        search.pid = pid;
-        if (process.get() >= 0)
-            look_at_process(&search);
+    while (const dirent* entry = processes ? directory_next(processes.get()) : nullptr) {
+        if (str_to_long(entry->d_name, &search.pid, 10) == 0)
+            look_at_process(&search, dirfd(processes.get()), entry->d_name);
     }
-    return search.failed ? -ENOMEM : 0;
+    note_failure(&search, -errno); // of opendir(3), or readdir(3)
+    return search.error;
+}
+
+int holders_find(const MountinfoEntry& mount, HolderTable* table)
+{
+    return find(mount.directory, nullptr, table);
+}
+
+int holders_find_below(const char* directory, HolderTable* table)
+{
+    char resolved[PATH_MAX]; // as the kernel tells of it
+    *table = {};
+    if (realpath(directory, resolved) == nullptr)
+        return errno == ENOENT ? 0 : -errno;
+    return find(resolved, resolved, table);
 }
 
 void holders_end(HolderTable* table)
@@ -190,12 +213,8 @@ void holders_end(HolderTable* table)
 
 static void print_client(FILE* out, const Holder& holder)
 {
-    if (holder.client_machine[0] == '\0')
-        return;
-    (void)fputs(", for ", out);
-    (void)text_show(out, holder.client_user, sizeof holder.client_user);
-    (void)fputs(" at ", out);
-    (void)text_show(out, holder.client_machine, sizeof holder.client_machine);
+    if (holder.client_machine[0] != '\0')
+        text_print(out, ", for %.64s at %.64s", holder.client_user, holder.client_machine);
 }
 
 static void write_client(Json* json, const Holder& holder)
@@ -214,13 +233,10 @@ void holders_print(FILE* out, const HolderTable& table)
         const Holder& holder = table.holders[i];
         char user[64];
         user_format(holder.uid, user, sizeof user);
-        fprintf(out, "  ");
-        (void)text_show(out, holder.command, sizeof holder.command);
-        fprintf(out, " (process %ld of %s, %s) ", static_cast<long>(holder.pid), user,
-                use_words[holder.use]);
-        (void)text_show(out, holder.file != nullptr ? holder.file : "", PATH_MAX);
+        text_print(out, "  %.32s (process %d of %s, %s) %.4096s", holder.command,
+                   static_cast<int>(holder.pid), user, use_words[holder.use], holder.file);
         print_client(out, holder);
-        (void)fputc('\n', out);
+        text_print(out, "\n");
     }
 }
 

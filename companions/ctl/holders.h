@@ -1,8 +1,9 @@
-// Who holds a mounted filesystem: processes by their files, as /proc tells. For root, all of them;
-// for others only their own.
+// Who holds a mounted filesystem, or a directory: processes by their files, as /proc tells. For
+// root, all of them; for others only their own.
 #pragma once
 
 #include "ctl/json.h"
+#include "ctl/machine.h"
 #include "ctl/view.h"
 
 #include <sys/types.h>
@@ -16,7 +17,7 @@ struct Holder {
     pid_t pid;
     uid_t uid;
     HolderUse use;
-    char command[32];
+    char command[machine_name_size];
     char* file;                              // the path as the process sees it; owned, may be null
     char client_user[holder_client_size];    // whom a process of Samba's serves; empty for others
     char client_machine[holder_client_size]; // and where
@@ -25,12 +26,15 @@ struct Holder {
 struct HolderTable {
     Holder* holders; // in the order of process numbers; owned
     size_t count;
-    size_t room;
 };
 
 // Looks through all processes for what lies on the mount. A file that a process holds several times
-// stands there once. Returns 0 and a table, to be ended by holders_end in either case; -ENOMEM.
+// stands there once. Returns 0 and a table, to be ended by holders_end in either case; a negated
+// errno where some may be missing.
 [[nodiscard]] int holders_find(const MountinfoEntry& mount, HolderTable* table);
+
+// The same for what lies in a directory of the machine, whatever is mounted below it.
+[[nodiscard]] int holders_find_below(const char* directory, HolderTable* table);
 void holders_end(HolderTable* table);
 
 // Prints a line for each: process, command, user, file.

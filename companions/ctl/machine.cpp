@@ -1,10 +1,11 @@
 #include "ctl/machine.h"
 
+#include "common/directory.h"
 #include "lib/process.h"
 #include "lib/str.h"
 #include "lib/sys.h"
 
-#include <dirent.h>
+#include <errno.h>
 #include <limits.h>
 #include <poll.h>
 #include <signal.h>
@@ -17,66 +18,62 @@
 
 static constexpr char program_path[] =
     "/usr/libexec/vyhotplugd:/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
+static constexpr char uuid_links[] = "/dev/disk/by-uuid";
 static constexpr int ask_limit_ms = 10000;
 static constexpr size_t ask_most = 1 << 20;
 static constexpr size_t command_line_most = 4096;
 
-static void release_directory(DIR* directory)
-{
-    closedir(directory);
-}
-using DirGuard = Guard<DIR, release_directory>;
-
 // ---- processes ----
 
-static bool read_name(const char* pid, char (&name)[machine_name_size])
+bool machine_is_short(int error)
 {
-    char path[PATH_MAX];
-    FileBytes comm;
-    (void)snprintf(path, sizeof path, "/proc/%s/comm", pid);
-    if (file_read_all(path, 0, 64, &comm) != 0)
-        return false;
-    comm.bytes.get()[strcspn(comm.bytes.get(), "\n")] = '\0';
-    str_ncpy(name, comm.bytes.get(), sizeof name);
-    return true;
+    return error == -ENOMEM || error == -EMFILE || error == -ENFILE || error == -EINTR ||
+           error == -EIO;
 }
 
-static bool is_called(const char* pid, const char* wanted)
+int machine_read_name(const char* process, char (&name)[machine_name_size])
 {
-    char name[machine_name_size];
-    return read_name(pid, name) && strncmp(name, wanted, sizeof name - 1) == 0;
+    char path[64];
+    FileBytes comm;
+    (void)snprintf(path, sizeof path, "%s/comm", process);
+    const int result = file_read_all(path, 0, 64, &comm);
+    if (result != 0)
+        return result;
+    comm.bytes.get()[strcspn(comm.bytes.get(), "\n")] = '\0';
+    str_ncpy(name, comm.bytes.get(), sizeof name);
+    return 0;
 }
 
 // The words of its command line, a NUL behind each.
-static bool read_command_line(const char* pid, FileBytes* words)
+static bool read_command_line(const char* process, FileBytes* words)
 {
-    char path[PATH_MAX];
-    (void)snprintf(path, sizeof path, "/proc/%s/cmdline", pid);
+    char path[64];
+    (void)snprintf(path, sizeof path, "%s/cmdline", process);
     return file_read_all(path, 0, command_line_most, words) == 0;
 }
 
 // What a look at a process is for.
-using ProcessFits = bool (*)(const char* pid, const char* word);
+using ProcessFits = bool (*)(const char* process, const char* word);
 
-static bool any_fits(const char* pid, const char* word)
+static bool any_fits(const char* process, const char* word)
 {
-    (void)pid;
+    (void)process;
     (void)word;
     return true;
 }
 
-static bool has_word_on_line(const char* pid, const char* word)
+static bool has_word_on_line(const char* process, const char* word)
 {
     FileBytes words;
-    return read_command_line(pid, &words) &&
+    return read_command_line(process, &words) &&
            memmem(words.bytes.get(), words.size, word, strlen(word)) != nullptr;
 }
 
 // The interpreter is the first word, the script the second.
-static bool runs_script(const char* pid, const char* script)
+static bool runs_script(const char* process, const char* script)
 {
     FileBytes words;
-    if (!read_command_line(pid, &words))
+    if (!read_command_line(process, &words))
         return false;
     const size_t interpreter = strlen(words.bytes.get()) + 1;
     const char* second = interpreter < words.size ? words.bytes.get() + interpreter : "";
@@ -84,13 +81,13 @@ static bool runs_script(const char* pid, const char* script)
     return strcmp(slash != nullptr ? slash + 1 : second, script) == 0;
 }
 
-static bool is_replaced(const char* pid, const char* word)
+static bool is_replaced(const char* process, const char* word)
 {
     (void)word;
     static constexpr char mark[] = " (deleted)";
-    char path[PATH_MAX];
+    char path[64];
     char file[PATH_MAX];
-    (void)snprintf(path, sizeof path, "/proc/%s/exe", pid);
+    (void)snprintf(path, sizeof path, "%s/exe", process);
     const ssize_t length = readlink(path, file, sizeof file - 1);
     if (length < static_cast<ssize_t>(sizeof mark))
         return false;
@@ -102,9 +99,15 @@ static pid_t find_process(const char* name, ProcessFits fits, const char* word)
 {
     const DirGuard processes(opendir("/proc"));
     while (const dirent* entry = processes ? readdir(processes.get()) : nullptr) {
-        if (entry->d_name[0] >= '1' && entry->d_name[0] <= '9' && is_called(entry->d_name, name) &&
-            fits(entry->d_name, word))
-            return static_cast<pid_t>(strtol(entry->d_name, nullptr, 10));
+        int32_t pid = 0;
+        char process[32];
+        char called[machine_name_size];
+        if (str_to_long(entry->d_name, &pid, 10) != 0)
+            continue;
+        (void)snprintf(process, sizeof process, "/proc/%d", pid);
+        if (machine_read_name(process, called) == 0 &&
+            strncmp(called, name, sizeof called - 1) == 0 && fits(process, word))
+            return pid;
     }
     return 0;
 }
@@ -136,7 +139,7 @@ bool machine_runs_script(const char* name)
 
 bool machine_pid_file_is_alive(const char* path, char (&name)[machine_name_size])
 {
-    char process[64];
+    char process[32];
     FileBytes text;
     int32_t pid = 0;
     name[0] = '\0';
@@ -147,8 +150,8 @@ bool machine_pid_file_is_alive(const char* path, char (&name)[machine_name_size]
     text.bytes.get()[strcspn(text.bytes.get(), "\n")] = '\0';
     if (str_to_long(text.bytes.get(), &pid, 10) != 0 || pid <= 0)
         return false;
-    (void)snprintf(process, sizeof process, "%d", pid);
-    return read_name(process, name);
+    (void)snprintf(process, sizeof process, "/proc/%d", pid);
+    return machine_read_name(process, name) == 0;
 }
 
 // ---- programs ----
@@ -198,6 +201,30 @@ bool machine_ask(const char* program, const char* word, FileBytes* answer)
 
 // ---- files ----
 
+bool machine_file_has(const char* path, const char* text)
+{
+    FileBytes content;
+    return file_read_all(path, 0, FILE_ANY_SIZE, &content) == 0 &&
+           strstr(content.bytes.get(), text) != nullptr;
+}
+
+int machine_any_line(const char* path, bool (*fits)(char* line, void* context), void* context)
+{
+    FileBytes content;
+    const int result = file_read_all(path, 0, FILE_ANY_SIZE, &content);
+    if (result != 0)
+        return result == -ENOENT ? 0 : result;
+    for (char* line = content.bytes.get(); *line != '\0';) {
+        const size_t length = strcspn(line, "\n");
+        const size_t behind = length + (line[length] == '\n' ? 1 : 0);
+        line[length] = '\0';
+        if (fits(line, context))
+            return 1;
+        line += behind;
+    }
+    return 0;
+}
+
 bool machine_any_file_has(const char* folder, const char* text)
 {
     const DirGuard files(opendir(folder));
@@ -214,14 +241,20 @@ bool machine_any_file_has(const char* folder, const char* text)
 
 // ---- devices ----
 
+bool machine_is_node(const struct stat& status, uint32_t major, uint32_t minor)
+{
+    return S_ISBLK(status.st_mode) && status.st_rdev == makedev(major, minor);
+}
+
 bool machine_uuid(uint32_t major, uint32_t minor, char (&uuid)[machine_uuid_size])
 {
-    const DirGuard links(opendir("/dev/disk/by-uuid"));
+    const DirGuard links(opendir(uuid_links));
     while (const dirent* entry = links ? readdir(links.get()) : nullptr) {
         struct stat status;
-        if (strlen(entry->d_name) >= sizeof uuid ||
-            fstatat(dirfd(links.get()), entry->d_name, &status, 0) != 0 ||
-            !S_ISBLK(status.st_mode) || status.st_rdev != makedev(major, minor))
+        char link[PATH_MAX];
+        (void)snprintf(link, sizeof link, "%s/%s", uuid_links, entry->d_name);
+        if (strlen(entry->d_name) >= sizeof uuid || stat(link, &status) != 0 ||
+            !machine_is_node(status, major, minor))
             continue;
         (void)str_cpy(uuid, entry->d_name);
         return true;
@@ -231,35 +264,24 @@ bool machine_uuid(uint32_t major, uint32_t minor, char (&uuid)[machine_uuid_size
 
 // ---- the kernel ----
 
-static bool has_word(const char* path, const char* before, const char* name, const char* behind)
-{
-    const FileGuard file(fopen(path, "re"));
-    char wanted[128];
-    char line[1024];
-    (void)snprintf(wanted, sizeof wanted, "%s%s%s", before, name, behind);
-    while (file && fgets(line, sizeof line, file.get()) != nullptr) {
-        if (strstr(line, wanted) != nullptr)
-            return true;
-    }
-    return false;
-}
-
 bool machine_has_module(const char* name)
 {
     utsname system = {};
     if (uname(&system) != 0)
         return false;
-    static constexpr const char* tables[] = {"modules.dep", "modules.builtin"};
-    for (const char* table : tables) {
-        char path[PATH_MAX];
-        (void)snprintf(path, sizeof path, "/lib/modules/%s/%s", system.release, table);
-        if (has_word(path, "/", name, ".ko"))
-            return true;
-    }
-    return false;
+    char path[128];
+    char file[128];
+    (void)snprintf(file, sizeof file, "/%s.ko", name);
+    (void)snprintf(path, sizeof path, "/lib/modules/%s/modules.dep", system.release);
+    if (machine_file_has(path, file))
+        return true;
+    (void)snprintf(path, sizeof path, "/lib/modules/%s/modules.builtin", system.release);
+    return machine_file_has(path, file);
 }
 
 bool machine_has_filesystem(const char* name)
 {
-    return has_word("/proc/filesystems", "\t", name, "\n") || machine_has_module(name);
+    char line[128];
+    (void)snprintf(line, sizeof line, "\t%s\n", name);
+    return machine_file_has("/proc/filesystems", line) || machine_has_module(name);
 }

@@ -3,6 +3,8 @@
 
 #include "lib/file.h"
 
+#include <limits.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 
 // Returns the number of a process that runs under that name, 0 without one.
@@ -21,7 +23,16 @@
 // Whether a process runs a script of that name, as "python3 /usr/sbin/wsdd".
 [[nodiscard]] bool machine_runs_script(const char* name);
 
+// Whether a look that returned `error`, a negated errno, has failed for what the machine lacks, as
+// memory or descriptors. Else that says something of what was looked at: it has gone, or is not
+// shown.
+[[nodiscard]] bool machine_is_short(int error);
+
 constexpr size_t machine_name_size = 16; // of a process, in bytes with the NUL
+
+// Writes the name of a process, whose directory in /proc is `process`. Returns 0; a negated errno,
+// with nothing written.
+[[nodiscard]] int machine_read_name(const char* process, char (&name)[machine_name_size]);
 
 // Whether the file holds the number of a process that there is. Writes its name, "" where that is
 // not told.
@@ -36,8 +47,19 @@ constexpr size_t machine_name_size = 16; // of a process, in bytes with the NUL
 // Whether the kernel has the filesystem, or a module for it.
 [[nodiscard]] bool machine_has_filesystem(const char* name);
 
+// Whether the file holds the text.
+[[nodiscard]] bool machine_file_has(const char* path, const char* text);
+
+// Calls `fits` for each line of the file, without its line feed, until one does. Returns 1 when one
+// did; 0, also where there is no such file; a negated errno.
+[[nodiscard]] int machine_any_line(const char* path, bool (*fits)(char* line, void* context),
+                                   void* context);
+
 // Whether a file in the folder holds the text; looks at 1 MiB of each.
 [[nodiscard]] bool machine_any_file_has(const char* folder, const char* text);
+
+// Whether what was looked at is the node of the block device with these numbers.
+[[nodiscard]] bool machine_is_node(const struct stat& status, uint32_t major, uint32_t minor);
 
 constexpr size_t machine_uuid_size = 64; // bytes with the NUL
 

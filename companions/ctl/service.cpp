@@ -1,6 +1,6 @@
 #include "ctl/service.h"
 
-#include "lib/guard.h"
+#include "ctl/machine.h"
 #include "lib/socket_unix.h"
 #include "lib/sys.h"
 
@@ -31,22 +31,26 @@ bool service_line(const char* line)
 {
     const char* flags = word_of(line, 3);
     const char* name = word_of(line, 7);
-    if ((strtoul(flags, nullptr, 16) & 0x10000U) == 0 || name[0] != '@')
+    if ((strtoull(flags, nullptr, 16) & 0x10000U) == 0 || name[0] != '@')
         return false;
     const size_t length = sizeof socket_name - 1;
     return strncmp(name + 1, socket_name, length) == 0 &&
            strchr("\n", name[1 + length + strspn(name + 1 + length, "@")]) != nullptr;
 }
 
+int service_look(bool* runs)
+{
+    const int result = machine_any_line(
+        socket_table, [](char* line, void*) { return service_line(line); }, nullptr);
+    *runs = result > 0;
+    // A kernel without sockets, or one that hides them: nobody listens whom this program could ask.
+    return result < 0 && result != -EACCES ? result : 0;
+}
+
 bool service_listens()
 {
-    const FileGuard table(fopen(socket_table, "re"));
-    char line[256];
-    while (table && fgets(line, sizeof line, table.get()) != nullptr) {
-        if (service_line(line))
-            return true;
-    }
-    return false;
+    bool runs = false;
+    return service_look(&runs) == 0 && runs;
 }
 
 // Connects to the service. Returns 0; -ESRCH; -EPERM.

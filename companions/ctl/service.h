@@ -3,11 +3,16 @@
 
 #include "ctl/progress.h"
 
-// Whether somebody listens under the service's name, as the kernel's table /proc/net/unix tells
-// everybody.
+#include <limits.h>
+
+// Finds whether somebody listens under the service's name, as the kernel's table /proc/net/unix
+// tells everybody. Returns 0; a negated errno, and then it is not known.
+[[nodiscard]] int service_look(bool* runs);
+
+// The same for who takes what is not known for a no.
 [[nodiscard]] bool service_listens();
 
-// Whether a line of that table is the service's listening socket. Pure.
+// Whether a line of that table is the service's listening socket; more lines may follow. Pure.
 [[nodiscard]] bool service_line(const char* line);
 
 // Has the service read the device file: sends SIGHUP to the process that listens. Returns 0;

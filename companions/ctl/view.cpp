@@ -1,6 +1,7 @@
 #include "ctl/view.h"
 
 #include "ctl/array.h"
+#include "ctl/machine.h"
 #include "ctl/sections.h"
 #include "ctl/service.h"
 #include "ctl/settings.h"
@@ -119,7 +120,7 @@ static int read_shares(const Setup& setup, View* view)
     SectionTableGuard table;
     const int result = file_read_all(setup.config->smbconfigpath, 0, FILE_ANY_SIZE, &content);
     if (result != 0)
-        return result == -ENOMEM ? result : 0;
+        return machine_is_short(result) ? result : 0;
     if (sections_cut(content.bytes.get(), content.size, table.out()) != 0)
         return -ENOMEM;
     for (size_t i = 0; i < table->count; i++) {
@@ -200,7 +201,7 @@ static void look_up(const Setup& setup, View* view, Item* item)
     struct stat status;
     if (item->identity != nullptr)
         item->settings = record_of(*view, item->identity);
-    if (rest == nullptr) {
+    if (rest == nullptr || strchr(rest, '/') != nullptr) { // a directory on a disk is one, too
         const bool there = stat(path, &status) == 0 && S_ISDIR(status.st_mode);
         item->state = there ? ITEM_DIRECTORY : ITEM_GONE;
         return;
@@ -275,12 +276,14 @@ static char* sentence_of(const char* line, size_t name_length)
         sentence += name_length + 1;
         length -= name_length + 1;
     }
-    char* reason = nullptr;
-    const bool has_command = command_length > 0 && command[0] != '-';
-    if (asprintf(&reason, "%.*s%s%.*s", static_cast<int>(length), sentence,
-                 has_command ? "; type: " : "", has_command ? static_cast<int>(command_length) : 0,
-                 command) < 0)
-        return nullptr;
+    const char* between = command_length > 0 && command[0] != '-' ? "; type: " : "";
+    if (between[0] == '\0')
+        command_length = 0;
+    const size_t size = length + strlen(between) + command_length + 1;
+    auto* reason = static_cast<char*>(malloc(size));
+    if (reason != nullptr)
+        (void)snprintf(reason, size, "%.*s%s%.*s", static_cast<int>(length), sentence, between,
+                       static_cast<int>(command_length), command);
     return reason;
 }
 
@@ -309,7 +312,10 @@ static bool is_due(View* view, const DiskPart& part)
 static int add_unmounted(const Setup& setup, View* view)
 {
     FileBytes told;
-    if (file_read_all(setup.not_mounted, 0, not_mounted_most, &told) != 0)
+    const int result = file_read_all(setup.not_mounted, 0, not_mounted_most, &told);
+    if (machine_is_short(result))
+        return result;
+    if (result != 0)
         told.bytes.reset(nullptr);
     for (size_t i = 0; i < view->disks->count; i++) {
         const DiskPart& part = view->disks->parts[i];
@@ -398,17 +404,18 @@ static int load_settings(const Setup& setup, View* view)
     view->table = conf_dev_create();
     if (view->table == nullptr)
         return -ENOMEM;
-    view->device_file_read = access(setup.config->deviceconfigpath, R_OK) == 0 || errno == ENOENT;
-    if (access(setup.config->deviceconfigpath, F_OK) == 0 && view->device_file_read)
-        return conf_dev_load(setup.config->deviceconfigpath, view->table) == 0 ? 0 : -ENOMEM;
-    return 0;
+    view->device_file = access(setup.config->deviceconfigpath, R_OK) == 0 ? 0 : -errno;
+    if (view->device_file != 0)
+        return 0;
+    return conf_dev_load(setup.config->deviceconfigpath, view->table) == 0 ? 0 : -ENOMEM;
 }
 
 int view_begin(const Setup& setup, View* view)
 {
     *view = {};
-    view->service_runs = service_listens();
-    int result = mountinfo_load(mountinfo_path, &view->mounts);
+    int result = service_look(&view->service_runs);
+    if (result == 0)
+        result = mountinfo_load(mountinfo_path, &view->mounts);
     if (result == 0)
         result = disks_read(setup.paths.sysfs, &view->disks);
     if (result == 0)

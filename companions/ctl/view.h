@@ -59,10 +59,11 @@ struct View {
     Mountinfo* mounts;
     DiskTable* disks;
     bool service_runs;
-    bool device_file_read; // false: it cannot be read, and no settings are known
+    int device_file; // 0; a negated errno when it cannot be read, and no settings are known
 };
 
-// Looks. Returns 0; -ENOMEM, or a negated errno when the kernel's table of mounts cannot be read.
+// Looks. Returns 0; a negated errno when memory runs out, the kernel's tables cannot be read, or a
+// file that is there cannot be for want of something.
 // Either way the view is to be ended by view_end.
 [[nodiscard]] int view_begin(const Setup& setup, View* view);
 void view_end(View* view);
@@ -85,5 +86,6 @@ void view_end(View* view);
 // Lends the volume's label where the service has read it; null.
 [[nodiscard]] const char* item_label(const Item& item);
 
-// Writes who may enter, in words: "everybody, guests", "anna, 1002 (reads)".
+// Writes who may enter, in words: "everybody, guests", "anna, 1002 (reads)". Where there is not
+// room for all, the list ends in "...", behind a whole name.
 void item_access(const Item& item, char* text, size_t size);

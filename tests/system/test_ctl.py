@@ -453,6 +453,12 @@ class Settings(CtlTest):
         os.mkdir("/tmp/photos")
         self.assert_ctl("set", "disk:photos", "share=Photos", "path=/tmp/photos")
         self.wait_until("it is shared", lambda: self.item("disk:photos")["state"] == "directory")
+        self.assert_ctl("who", "Photos", out="Nobody holds disk:photos.\n")
+        with open("/tmp/photos/beach.jpg", "w", encoding="utf-8"):
+            for call in ("who", "show"):
+                held = self.ask(call, "Photos")["holders"]
+                self.assertEqual([(holder["pid"], holder["file"], holder["use"]) for holder in held],
+                                 [(os.getpid(), "/tmp/photos/beach.jpg", "file")])
         self.assert_ctl("forget", "Photos")
         self.wait_until("it is not shared", lambda: "Photos" not in read(vyworld.SHARE_FILE))
 

@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -104,6 +105,27 @@ TEST(View, AListThatIsCutSaysSo)
                                                                           : "...";
         EXPECT_EQ(who, expected) << size;
     }
+}
+
+TEST(View, ADirectoryOnADiskIsADirectory)
+{
+    const CtlWorld world;
+    std::filesystem::create_directories("/tmp/ctl/mounts/sda1/photos");
+    write_file(ctl_shares, "[Photos]\nPath=/tmp/ctl/mounts/sda1/photos\nIdentifier=disk:p\n"
+                           "[Gone]\nPath=/tmp/ctl/mounts/sda2/photos\nIdentifier=disk:g\n");
+    const Viewed viewed(world);
+    EXPECT_EQ(viewed.items(), (Names{"|disk:p|shared|Photos", "|disk:g|not there|Gone"}));
+    EXPECT_EQ(viewed.targets("/tmp/ctl/mounts/sda1/photos"), Names{"disk:p"});
+}
+
+TEST(View, AValueOfOneLetterIsAValue)
+{
+    const CtlWorld world;
+    write_file(ctl_shares, "[M]\nIdentifier=a\nPath=/tmp/ctl/mounts/s\nComment=\nProduct=p\n");
+    const Viewed viewed(world);
+    EXPECT_EQ(viewed.items(), Names{"s|a|unmounted|M"});
+    EXPECT_STREQ(viewed.view.items[0].texts[SHARE_PRODUCT], "p");
+    EXPECT_EQ(viewed.view.items[0].texts[SHARE_COMMENT], nullptr) << "one of none is none";
 }
 
 TEST(View, WithoutAnyFileThereIsNothing)
