@@ -2,13 +2,14 @@
 
 #include "ctl/call_status.h"
 #include "ctl/drive.h"
+#include "ctl/interrupt.h"
+#include "ctl/other_use.h"
 #include "ctl/requests.h"
 #include "ctl/target.h"
 #include "lib/str.h"
 
 #include <ctype.h>
 #include <errno.h>
-#include <signal.h>
 #include <string.h>
 
 // ---- mount, unmount ----
@@ -19,8 +20,8 @@ static int mount_one(const CallArgs& args, const Item& item)
     const bool before = request_is_mounted(*args.setup, item, directory);
     const ExitStatus status = before ? EXIT_DONE : request_mount(*args.setup, item);
     if (status == EXIT_DONE)
-        fprintf(args.out.out, "%s is %s%s\n", item.name,
-                before ? "mounted already: " : "mounted: ", directory);
+        text_print(args.out.out, "%s is mounted%s: %s\n", item.name, before ? " already" : "",
+                   directory);
     return status;
 }
 
@@ -29,7 +30,7 @@ static int unmount_one(const CallArgs& args, const Item& item)
 {
     char directory[PATH_MAX];
     if (!request_is_mounted(*args.setup, item, directory)) {
-        fprintf(args.out.out, "%s is not mounted\n", item.name);
+        text_print(args.out.out, "%s is not mounted\n", item.name);
         return EXIT_DONE;
     }
     if (args.force)
@@ -38,11 +39,11 @@ static int unmount_one(const CallArgs& args, const Item& item)
         return EXIT_BUSY;
     const ExitStatus status = request_unmount(*args.setup, item, args.force);
     if (status == EXIT_DONE)
-        fprintf(args.out.out, "%s is unmounted\n", item.name);
+        text_print(args.out.out, "%s is unmounted\n", item.name);
     else if (status == EXIT_BUSY && request_wait_free(item, 0, true))
-        fprintf(stderr, "%s could not be unmounted; nobody was seen to hold it\n", item.name);
+        text_print(stderr, "%s could not be unmounted; nobody was seen to hold it\n", item.name);
     else if (status == EXIT_FAILED)
-        fprintf(stderr, "vyhotplugctl: the service does not answer\n");
+        complain("the service does not answer");
     return status;
 }
 
@@ -63,17 +64,15 @@ static int for_each(const CallArgs& args, const Targets& targets,
     }
     if (done > 0)
         return status;
-    fprintf(stderr, "vyhotplugctl: %s is not plugged\n", args.words[0]);
+    complain("%s is not plugged", args.words[0]);
     return EXIT_NO_DISK;
 }
 
 // Lets the word stand for several only where it names a disk.
 static int find(const CallArgs& args, const View& view, Targets* targets)
 {
-    if (targets_find(view, args.words[0], targets) != 0) {
-        perror("vyhotplugctl");
-        return EXIT_FAILED;
-    }
+    if (targets_find(view, args.words[0], targets) != 0)
+        return complain_errno(nullptr, ENOMEM);
     if (targets->count == 0)
         return target_missing(args.words[0]);
     int status = EXIT_DONE;
@@ -89,7 +88,7 @@ static int find_with_service(const CallArgs& args, View* view, Targets* targets)
     if (status != EXIT_DONE)
         return status;
     if (!view->service_runs) {
-        (void)fputs("vyhotplugctl: the service is not running\n", stderr);
+        complain("the service is not running");
         return EXIT_NO_SERVICE;
     }
     return find(args, *view, targets);
@@ -171,22 +170,17 @@ static bool is_free(const CallArgs& args, const Drive& drive)
     return none;
 }
 
-static bool is_interrupted()
-{
-    sigset_t pending;
-    return sigpending(&pending) == 0 &&
-           (sigismember(&pending, SIGINT) == 1 || sigismember(&pending, SIGTERM) == 1);
-}
-
 // Mounts again what was unmounted, so that the disk stays whole.
 static void mount_again(const CallArgs& args, const Drive& drive, size_t count)
 {
+    bool whole = true;
     for (size_t i = 0; i < count; i++) {
         const Item* item = drive.parts.items[i];
         if (item != nullptr && item->mount != nullptr)
-            (void)request_mount(*args.setup, *item); // it is told
+            whole &= request_mount(*args.setup, *item) == EXIT_DONE; // else it is told
     }
-    fprintf(stderr, "%s stays mounted\n", drive.name);
+    if (whole)
+        text_print(stderr, "%s stays mounted\n", drive.name);
 }
 
 // Unmounts all partitions or none.
@@ -197,7 +191,7 @@ static int unmount_all(const CallArgs& args, const Drive& drive)
         ExitStatus status = EXIT_DONE;
         if (item != nullptr && item->mount != nullptr)
             status = request_unmount(*args.setup, *item, false);
-        if (status == EXIT_DONE && !is_interrupted())
+        if (status == EXIT_DONE && !interrupt_waits())
             continue;
         if (status == EXIT_BUSY)
             (void)request_wait_free(*item, 0, true);
@@ -210,40 +204,42 @@ static int unmount_all(const CallArgs& args, const Drive& drive)
 static int switch_off(const CallArgs& args, const View& view, const Drive& drive)
 {
     if (drive.disk == nullptr) {
-        fprintf(args.out.out, "%s is unmounted: safe to pull\n", drive.name);
+        text_print(args.out.out, "%s is unmounted: safe to pull\n", drive.name);
         return EXIT_DONE;
     }
+    bool port_off = false;
     int result = drive_flush(*drive.disk);
     if (result == 0)
-        result = drive_switch_off(args.setup->paths.sysfs, *view.disks, *drive.disk);
+        result = drive_switch_off(args.setup->paths.sysfs, *view.disks, *drive.disk, &port_off);
     const bool card = drive.disk->disk[0] == 'm'; // a card's slot has nothing to be switched off
     if (result == 0 || (card && result == -EACCES) || result == -ENOENT || result == -ENODEV ||
         result == -ENXIO) {
-        fprintf(args.out.out, "%s is %s: safe to pull\n", drive.name,
-                result == 0 ? "unmounted and switched off" : "unmounted");
+        text_print(args.out.out, "%s is unmounted%s: safe to pull\n", drive.name,
+                   port_off      ? " and switched off"
+                   : result == 0 ? " and gone from the machine"
+                                 : "");
         return EXIT_DONE;
     }
-    fprintf(stderr, "vyhotplugctl: %s is unmounted, but not switched off: %s\n", drive.name,
-            strerror(-result));
+    complain("%s is unmounted, but not switched off: %s", drive.name, strerror(-result));
     return EXIT_FAILED;
 }
 
 static int eject(const CallArgs& args, const View& view, const Item& item)
 {
     Drive drive = {};
-    if (find_drive(view, item, &drive) != 0) {
-        perror("vyhotplugctl");
-        return EXIT_FAILED;
-    }
-    int status = is_free(args, drive) ? EXIT_DONE : EXIT_BUSY;
+    if (find_drive(view, item, &drive) != 0)
+        return complain_errno(nullptr, ENOMEM);
+    int status = EXIT_DONE;
+    if (other_use_tell(view, drive.parts, drive.disk) || !is_free(args, drive))
+        status = EXIT_BUSY;
     // From here on an interruption is answered where the disk is whole: mounted, or off.
-    sigset_t blocked;
-    sigemptyset(&blocked);
-    sigaddset(&blocked, SIGINT);
-    sigaddset(&blocked, SIGTERM);
-    (void)sigprocmask(SIG_BLOCK, &blocked, nullptr); // cannot fail with these arguments
+    interrupt_hold();
     if (status == EXIT_DONE)
         status = unmount_all(args, drive);
+    if (status == EXIT_DONE && other_use_tell_left(drive.parts)) {
+        mount_again(args, drive, drive.parts.count);
+        status = EXIT_BUSY;
+    }
     if (status == EXIT_DONE)
         status = switch_off(args, view, drive);
     targets_end(&drive.parts);

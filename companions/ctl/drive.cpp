@@ -1,5 +1,6 @@
 #include "ctl/drive.h"
 
+#include "ctl/machine.h"
 #include "lib/sys.h"
 
 #include <errno.h>
@@ -19,8 +20,7 @@ static constexpr unsigned stop_limit_ms = 20000;
 static bool is_disk(int fd, const DiskPart& disk)
 {
     struct stat status;
-    return fstat(fd, &status) == 0 && S_ISBLK(status.st_mode) &&
-           status.st_rdev == makedev(disk.major, disk.minor);
+    return fstat(fd, &status) == 0 && machine_is_node(status, disk.major, disk.minor);
 }
 
 // Opens the disk by the kernel's node, or one of its own. Returns owned: a descriptor; a negated
@@ -32,7 +32,7 @@ static int open_disk(const DiskPart& disk)
     FdGuard fd(open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     if (fd.get() >= 0 && is_disk(fd.get(), disk))
         return fd.take();
-    (void)snprintf(path, sizeof path, "/dev/vyhotplugctl-%ld", static_cast<long>(getpid()));
+    (void)snprintf(path, sizeof path, "/dev/vyhotplugctl-%d", getpid());
     const int made = sys_mknod(path, S_IFBLK | 0600, makedev(disk.major, disk.minor));
     if (made != 0)
         return made;
@@ -95,19 +95,21 @@ static bool is_shared(const char* sysfs, const DiskTable& table, const DiskPart&
     return false;
 }
 
-int drive_switch_off(const char* sysfs, const DiskTable& table, const DiskPart& disk)
+int drive_switch_off(const char* sysfs, const DiskTable& table, const DiskPart& disk,
+                     bool* port_off)
 {
     char file[PATH_MAX];
     char usb[PATH_MAX];
     // Looked for first: what the kernel has forgotten leads nowhere.
     const bool on_usb = disk_usb_directory(sysfs, disk.disk, usb);
     const bool alone = on_usb && !is_shared(sysfs, table, disk, usb);
+    *port_off = false;
     stop(disk);
     (void)snprintf(file, sizeof file, "%s/block/%s/device/delete", sysfs, disk.disk);
     const int result = tell_kernel(file);
     if (result != 0 || !alone)
         return result;
     (void)snprintf(file, sizeof file, "%s/remove", usb);
-    (void)tell_kernel(file); // an old kernel has none; the disk is stopped and gone all the same
+    *port_off = tell_kernel(file) == 0; // an old kernel has none, and the disk is gone all the same
     return 0;
 }

@@ -7,6 +7,8 @@
 [[nodiscard]] int drive_flush(const DiskPart& disk);
 
 // Stops the drive, has the kernel forget it, and switches its USB port off where no other disk
-// hangs on it. `table` holds all disks. Returns 0; a negated errno of the step without which it
-// is not off. -ENOENT: it has been pulled.
-[[nodiscard]] int drive_switch_off(const char* sysfs, const DiskTable& table, const DiskPart& disk);
+// hangs on it. `table` holds all disks. Returns 0 when the kernel has forgotten it; a negated errno
+// of what kept it from that, -ENOENT when it has been pulled. `port_off`: its port was switched
+// off, too.
+[[nodiscard]] int drive_switch_off(const char* sysfs, const DiskTable& table, const DiskPart& disk,
+                                   bool* port_off);

@@ -8,6 +8,7 @@ import pty
 import re
 import shutil
 import signal
+import stat
 import struct
 import subprocess
 import termios
@@ -324,6 +325,133 @@ class Eject(CtlTest):
             self.assertEqual((done.status, done.out), (BUSY, ""))
             self.assertIn("sda2 is busy:\n", done.err)
         self.assertEqual(vyworld.mounted_names(), ["sda1", "sda2"])
+
+    def show_in_sysfs(self, disk, *partitions, switches=()):
+        """The disk as sysfs shows it, on a USB device of its own, which has these of "delete" and "remove". What is flushed
+        and stopped goes by the disk's numbers: those of a loop device."""
+        loop = partitions[0].loop.device
+        usb, folder = f"{SYSFS}/devices/usb-{disk}", f"{SYSFS}/block/{disk}"
+        os.makedirs(usb + "/host")
+        os.mkdir(folder)
+        write(usb + "/idVendor", "1234\n")
+        os.symlink(usb + "/host", folder + "/device")
+        for switch, path in (("delete", "/host/delete"), ("remove", "/remove")):
+            if switch in switches:
+                write(usb + path, "")
+        write(folder + "/dev", f"{os.major(loop)}:{os.minor(loop)}\n")
+        for partition in partitions:
+            part = f"{folder}/{partition.name}"
+            os.makedirs(part + "/holders")
+            write(part + "/dev", f"8:{16 * (ord(disk[-1]) - ord('a')) + int(partition.name[-1])}\n")
+
+    def test_only_what_is_known_is_told(self):
+        """The kernel may have forgotten a disk whose port stays on."""
+        self.start_daemon()
+        told = {"sda": ((), ""), "sdb": (("delete",), " and gone from the machine"),
+                "sdc": (("delete", "remove"), " and switched off")}
+        for disk, (switches, _) in told.items():
+            partition = self.make_partition(disk + "1")
+            self.plug(partition)
+            self.show_in_sysfs(disk, partition, switches=switches)
+        for disk, (switches, words) in told.items():
+            self.assert_ctl("eject", disk, out=f"{disk} is unmounted{words}: safe to pull\n")
+            for switch, path in (("delete", "/host/delete"), ("remove", "/remove")):
+                if switch in switches:
+                    self.assertEqual(read(f"{SYSFS}/devices/usb-{disk}{path}"), "1")
+
+    def test_a_disk_that_is_mounted_elsewhere_stays_whole(self):
+        self.start_daemon()
+        first, second = self.make_partition("sda1"), self.make_partition("sda2")
+        self.plug(first, second)
+        os.mkdir("/tmp/else\x1bwhere")
+        vyworld.run("mount", "--bind", second.directory, "/tmp/else\x1bwhere")
+        with self.nodes_laid(first), self.nodes_laid(second):
+            self.assert_ctl("eject", "sda", status=BUSY, out="",
+                            err="sda2 is mounted elsewhere, by somebody else: /tmp/else\\x1bwhere\nsda stays mounted\n")
+        vyworld.run("umount", "/tmp/else\x1bwhere")
+        self.assertEqual(sorted(vyworld.mounted_names()), ["sda1", "sda2"])
+        self.assert_ctl("eject", "sda", out="sda is unmounted: safe to pull\n")
+
+    def test_a_partition_that_somebody_else_has_mounted_keeps_the_disk(self):
+        self.start_daemon()
+        first, second = self.make_partition("sda1"), self.make_partition("sda2")
+        self.plug(first)
+        self.show_in_sysfs("sda", first, second)
+        write(f"{SYSFS}/block/sda/sda2/dev", f"{os.major(second.loop.device)}:{os.minor(second.loop.device)}\n")
+        os.mkdir("/tmp/by-hand")
+        os.mknod("/tmp/sda2", 0o600 | stat.S_IFBLK, second.loop.device)
+        vyworld.run("mount", "/tmp/sda2", "/tmp/by-hand")
+        self.assert_ctl("eject", "sda", status=BUSY, out="", err="sda2 is mounted elsewhere, by somebody else: /tmp/by-hand\n")
+        self.assertEqual(sorted(vyworld.mounted_names()), ["sda1"])
+        vyworld.run("umount", "/tmp/by-hand")
+
+    @contextlib.contextmanager
+    def container(self, *words):
+        """A process with mounts of its own, beside one that shares them. Gives its number."""
+        script = " && ".join([*words, "(sleep 1000 & sleep 1000 & echo ready; wait)"])
+        with subprocess.Popen(["unshare", "-m", "--propagation", "private", "sh", "-c", script], stdout=subprocess.PIPE,
+                              start_new_session=True) as process:
+            try:
+                self.assertEqual(process.stdout.readline(), b"ready\n")
+                yield process.pid
+            finally:
+                os.killpg(process.pid, signal.SIGKILL)
+
+    def test_a_disk_that_a_container_has_mounted_stays_whole(self):
+        self.start_daemon()
+        first, second = self.make_partition("sda1"), self.make_partition("sda2")
+        self.plug(first, second)
+        os.mkdir("/tmp/volume")
+        with self.container(f"mount --bind {second.directory} /tmp/volume") as pid, self.nodes_laid(first), self.nodes_laid(second):
+            self.assert_ctl("eject", "sda", status=BUSY, out="",
+                            err=f"sda2 is mounted elsewhere, by somebody else: /tmp/volume of process {pid} (sh)\nsda stays mounted\n")
+        self.assertEqual(sorted(vyworld.mounted_names()), ["sda1", "sda2"])
+        self.assert_ctl("eject", "sda", out="sda is unmounted: safe to pull\n")
+
+    def test_a_partition_that_a_container_has_mounted_keeps_the_disk(self):
+        self.start_daemon()
+        first, second = self.make_partition("sda1"), self.make_partition("sda2")
+        self.plug(first)
+        self.show_in_sysfs("sda", first, second)
+        write(f"{SYSFS}/block/sda/sda2/dev", f"{os.major(second.loop.device)}:{os.minor(second.loop.device)}\n")
+        os.mkdir("/tmp/else\x1bwhere")
+        os.mknod("/tmp/sda2", 0o600 | stat.S_IFBLK, second.loop.device)
+        with self.container(f"umount {first.directory}", "mount /tmp/sda2 /tmp/else*where") as pid:
+            self.assert_ctl("eject", "sda", status=BUSY, out="",
+                            err=f"sda2 is mounted elsewhere, by somebody else: /tmp/else\\x1bwhere of process {pid} (sh)\n")
+            self.assertEqual(sorted(vyworld.mounted_names()), ["sda1"])
+
+    def test_a_mount_that_follows_the_services_keeps_nobody(self):
+        """As in a jail that shows the service's directory."""
+        self.start_daemon()
+        stick = self.make_partition("sda1")
+        above, jail = os.path.dirname(stick.directory), "/tmp/jail"
+        os.makedirs(above, exist_ok=True)
+        os.mkdir(jail)
+        vyworld.run("mount", "--bind", above, above)
+        vyworld.run("mount", "--make-shared", above)
+        vyworld.run("mount", "--bind", above, jail)
+        self.plug(stick)
+        self.assertTrue(os.path.ismount(jail + "/sda1"))
+        self.assert_ctl("eject", "sda", out="sda is unmounted: safe to pull\n")
+        self.assertFalse(os.path.ismount(jail + "/sda1"))
+        vyworld.run("umount", jail)
+        vyworld.run("umount", above)
+
+    def test_a_disk_that_something_else_is_made_of_stays_whole(self):
+        self.start_daemon()
+        first, second = self.make_partition("sda1"), self.make_partition("sda2")
+        self.plug(first)
+        self.show_in_sysfs("sda", first, second)
+        os.mkdir(f"{SYSFS}/block/sda/sda2/holders/dm-0")
+        self.assert_ctl("eject", "sda", status=BUSY, out="",
+                        err="sda2 is part of another device: LVM, RAID or encryption\n")
+        os.rmdir(f"{SYSFS}/block/sda/sda2/holders/dm-0")
+        os.mknod("/tmp/swap area", 0o600 | stat.S_IFBLK, os.makedev(8, 2))
+        write("/tmp/swaps", "Filename Type Size Used Priority\n/tmp/swap\\040area partition 1 0 -2\n")
+        vyworld.run("mount", "--bind", "/tmp/swaps", "/proc/swaps")
+        self.assert_ctl("eject", "sda", status=BUSY, out="", err="sda2 is a swap area in use\n")
+        self.assertEqual(vyworld.mounted_names(), ["sda1"])
 
     def test_a_disk_that_only_the_kernel_holds_stays_whole(self):
         """Nobody is to be seen, and unmounting fails: the first partition is mounted again."""
