@@ -2,12 +2,13 @@
 
 #include "ctl/call_status.h"
 #include "ctl/edit_text.h"
+#include "ctl/interrupt.h"
 #include "ctl/target.h"
+#include "lib/platform.h"
 #include "lib/sys.h"
 
 #include <errno.h>
 #include <fcntl.h>
-#include <signal.h>
 #include <string.h>
 
 static constexpr int default_wait_s = 90;
@@ -19,17 +20,18 @@ struct Draft {
     char path[64] = {};
     FileBytes before;
     FileBytes after;
+    bool wanted = true; // what somebody wrote may be in the file, and nowhere else
 };
 
 } // namespace
 
-static int fail(const char* what, int error)
-{
-    fprintf(stderr, "vyhotplugctl: %s: %s\n", what, strerror(error < 0 ? -error : error));
-    return EXIT_FAILED;
-}
-
 // ---- the editor ----
+
+// A word of a command line, which nobody changes.
+static char* word(const char* constant)
+{
+    return const_cast<char*>(constant);
+}
 
 // Runs the editor on the text, with the terminal. Returns 0 when it ended well.
 static int run_editor(const char* path)
@@ -39,35 +41,34 @@ static int run_editor(const char* path)
                                      "    [ -n \"$e\" ] || ! command -v $i >/dev/null || e=$i\n"
                                      "done\n"
                                      "exec $e \"$1\"";
-    char words[5][sizeof script + 64] = {"sh", "-c", "", "sh", ""};
-    (void)snprintf(words[2], sizeof words[2], "%s", script);
-    (void)snprintf(words[4], sizeof words[4], "%s", path);
-    char* const argv[] = {words[0], words[1], words[2], words[3], words[4], nullptr};
+    char* const argv[] = {word("sh"), word("-c"), word(script), word("sh"), word(path), nullptr};
     // Under other numbers, as sys_spawn closes the first three before it copies.
     const FdGuard in(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3));
     const FdGuard out(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3));
     const FdGuard err(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3));
     const int streams[3] = {in.get(), out.get(), err.get()};
     int status = -1;
-    struct sigaction ignored = {};
-    struct sigaction before = {};
-    ignored.sa_handler = SIG_IGN;
-    const pid_t pid = sys_spawn("sh", argv, streams);
-    (void)sigaction(SIGINT, &ignored, &before); // Ctrl-C is the editor's own
+    const pid_t pid = sys_spawn_prepared("sh", argv, streams, interrupt_release);
     while (pid > 0 && sys_waitpid(pid, &status, 0) == -EINTR) {
     }
-    (void)sigaction(SIGINT, &before, nullptr);
+    interrupt_forget_int(); // Ctrl-C is the editor's own
     return status == 0 ? 0 : -1;
 }
 
-// Asks whether to edit again. Without anybody to ask the answer is no.
+// Asks whether to edit again. Without anybody to ask the answer is no, and so is an interruption.
 static bool ask_again()
 {
-    char answer[16];
-    (void)fputs("Edit again? [Y/n] ", stderr);
-    if (fgets(answer, sizeof answer, stdin) == nullptr)
+    char next = '\0';
+    char answer = '\0'; // the first character of the line; none for who is not there
+    text_print(stderr, "Edit again? [Y/n] ");
+    (void)stream_flush(stderr); // there is no line feed
+    while (next != '\n' && interrupt_wait_input(STDIN_FILENO) && read(STDIN_FILENO, &next, 1) == 1)
+        answer = answer == '\0' ? next : answer;
+    if (interrupt_waits()) {
+        text_print(stderr, "\n"); // nobody has pressed the key
         return false;
-    return answer[0] != 'n' && answer[0] != 'N' && answer[0] != 'q';
+    }
+    return answer != '\0' && answer != 'n' && answer != 'N' && answer != 'q';
 }
 
 // ---- the text ----
@@ -87,39 +88,62 @@ static int make_draft(const View& view, const char* identity, Draft* draft)
 static int apply(const CallArgs& args, const EditedText& edited)
 {
     if (edited.count == 0) {
-        (void)fputs("nothing is changed\n", args.out.out);
+        text_print(args.out.out, "nothing is changed\n");
         return EXIT_DONE;
     }
     const MemGuard<DeviceEdit> edits(
         static_cast<DeviceEdit*>(malloc(edited.count * sizeof(DeviceEdit))));
     if (!edits)
-        return fail("edit", ENOMEM);
+        return complain_errno("edit", ENOMEM);
     for (size_t i = 0; i < edited.count; i++)
         edits.get()[i] = edited.sections[i].edit;
     const ExitStatus status =
         device_file_apply(*args.setup, edits.get(), edited.count, default_wait_s);
-    for (size_t i = 0; i < edited.count && status == EXIT_DONE; i++) {
-        (void)text_show(args.out.out, edited.sections[i].identity, 600);
-        (void)fputs(edits.get()[i].forget ? " is forgotten\n" : " is set\n", args.out.out);
-    }
+    for (size_t i = 0; i < edited.count && status == EXIT_DONE; i++)
+        text_print(args.out.out, "%.600s is %s\n", edited.sections[i].identity,
+                   edits.get()[i].forget ? "forgotten" : "set");
     return status;
+}
+
+// What an editor that found no room leaves.
+static bool is_empty(const FileBytes& text)
+{
+    const char* bytes = text.bytes.get();
+    return strspn(bytes, " \t\r\n") == text.size;
+}
+
+// Whether it is what somebody wrote.
+static bool is_written(const Draft& draft)
+{
+    const FileBytes& after = draft.after;
+    return !is_empty(after) &&
+           (after.size != draft.before.size ||
+            memcmp(after.bytes.get(), draft.before.bytes.get(), after.size) != 0);
 }
 
 // One round of editor and check. Returns an exit status, or -1 to edit again.
 static int edit_once(const CallArgs& args, const View& view, Draft* draft)
 {
-    if (run_editor(draft->path) != 0) {
-        (void)fputs("vyhotplugctl: the editor failed, nothing is changed\n", stderr);
+    const int ended = run_editor(draft->path);
+    int result = file_read_all(draft->path, 0, FILE_ANY_SIZE, &draft->after);
+    draft->wanted = result != 0 ? access(draft->path, F_OK) == 0 : is_written(*draft);
+    if (ended != 0) {
+        complain("the editor failed, nothing is changed");
         return EXIT_FAILED;
     }
-    int result = file_read_all(draft->path, 0, FILE_ANY_SIZE, &draft->after);
     if (result != 0)
-        return fail(draft->path, result);
+        return complain_errno(draft->path, result);
+    if (is_empty(draft->after)) {
+        complain("the text came back empty, nothing is changed");
+        return EXIT_FAILED;
+    }
+    if (interrupt_waits())
+        return EXIT_FAILED; // by the end of the session, say
     EditedText edited;
     result = edited_read(view, draft->before, draft->after, &edited);
     int status = EXIT_FAILED;
     if (result != 0)
-        status = fail("edit", result);
+        status = complain_errno("edit", result);
     else if (edited.faults == 0)
         status = apply(args, edited);
     else if (ask_again())
@@ -134,15 +158,16 @@ static int edit(const CallArgs& args, const View& view, const char* identity)
     const int made = make_draft(view, identity, &draft);
     if (made != 0) {
         (void)sys_unlink(draft.path);
-        return fail(draft.path, made);
+        return complain_errno(draft.path, made);
     }
+    interrupt_hold();
     int status = -1;
     while (status == -1)
         status = edit_once(args, view, &draft);
-    if (status == EXIT_DONE || draft.after.size == 0)
-        (void)sys_unlink(draft.path); // nothing of it is wanted
+    if (status == EXIT_DONE || (!draft.wanted && !interrupt_waits()))
+        (void)sys_unlink(draft.path);
     else
-        fprintf(stderr, "vyhotplugctl: what you wrote is in %s\n", draft.path);
+        complain("what you wrote is in %s", draft.path);
     return status;
 }
 

@@ -2,16 +2,18 @@
 
 #include "common/clock.h"
 #include "common/settings_check.h"
+#include "config/ini.h"
+#include "ctl/interrupt.h"
 #include "ctl/progress.h"
 #include "ctl/service.h"
 #include "ctl/settings.h"
+#include "ctl/terminal.h"
 #include "lib/sys.h"
 #include "lib/vytime.h"
 #include "records/conf_dev_file.h"
 
 #include <errno.h>
 #include <fcntl.h>
-#include <inttypes.h>
 #include <signal.h>
 #include <string.h>
 #include <strings.h>
@@ -23,7 +25,10 @@ static constexpr mode_t file_mode = 0644;
 static constexpr int rounds = 20;  // of a write that the service was quicker than
 static constexpr int attempts = 8; // of a change that a refresh has overwritten
 static constexpr uint32_t look_ms = 100;
-static constexpr uint64_t remind_ms = 5000; // a service that was restarted has lost the signal
+static constexpr uint32_t lock_look_ms = 20;
+static constexpr uint32_t lock_limit_ms =
+    90000; // held for some milliseconds; then the other one has been stopped
+static constexpr uint32_t remind_ms = 5000; // a service that was restarted has lost the signal
 static constexpr size_t mark_size = 48;
 
 namespace {
@@ -33,19 +38,28 @@ struct Work {
     const Setup* setup;
     const DeviceEdit* edits;
     size_t count;
-    char copy[PATH_MAX];      // the file's name beside it
-    char mark[mark_size];     // what this program's line says
     ConfDevTableGuard wanted; // what the service will read
+    FileBytes carried;        // sections that were not in the file for a moment; empty as a rule
     bool written;             // the change has been in the file
+    uint32_t begin_ms;        // by clock_ms
+    uint32_t limit_ms;
+    char mark[mark_size]; // what this program's line says
+    char copy[PATH_MAX];  // the file's name beside it
+};
+
+struct FileStamp {
+    ino_t inode; // 0: of no file
+    timespec written;
+};
+
+// What is known of the file while it is written.
+struct Writing {
+    FileBytes base;      // what the edits are made on
+    FileBytes expected;  // what is to be found in the file
+    FileStamp ours = {}; // of what was put in the file's place
 };
 
 } // namespace
-
-static int fail(const char* what, int error)
-{
-    fprintf(stderr, "vyhotplugctl: %s: %s\n", what, strerror(-error));
-    return error;
-}
 
 // ---- the new text ----
 
@@ -93,11 +107,32 @@ static bool is_shared(const Setup& setup, const char* identity)
     return false;
 }
 
+// Whether somebody has set something there, or is about to.
+static bool has_settings(const FileBytes& text, const char* identity)
+{
+    IniDocGuard doc;
+    IniSectionGuard section;
+    if (ini_doc_parse(text.bytes.get(), text.size, doc.out()) != 0 ||
+        ini_section_open(doc.get(), identity, section.out()) != 0)
+        return true; // or memory has run out
+    IniValueGuard mark;
+    int result = ini_section_get_string(section.get(), settings_mark, mark.out(), INI_LAST);
+    bool any = result == 0 || result == -ENOMEM;
+    for (const SettingRow& row : setting_rows) {
+        IniValueGuard value;
+        result = ini_section_get_string(section.get(), row.key, value.out(), INI_LAST);
+        any |= result == -ENOMEM ||
+               (value && value.get()[0] != '\0' && strcasecmp(value.get(), "Disable") != 0);
+    }
+    return any;
+}
+
 // Drops sections that have no settings any more.
 static int drop_section(const Work& work, const DeviceEdit& edit, FileBytes* text)
 {
     FileBytes made;
-    if (!edit.dropped || is_shared(*work.setup, edit.identity))
+    if (!edit.dropped || is_shared(*work.setup, edit.identity) ||
+        has_settings(*text, edit.identity))
         return 0;
     const int result = sections_empty(text->bytes.get(), text->size, edit.identity, false, &made);
     if (result == 0)
@@ -134,12 +169,25 @@ static bool is_same(const FileBytes& a, const FileBytes& b)
     return a.size == b.size && memcmp(a.bytes.get(), b.bytes.get(), a.size) == 0;
 }
 
+// Puts the copy where no file was seen. (Where there are no links, one that came since is
+// replaced.)
+static int put_first(const Work& work)
+{
+    const char* path = work.setup->config->deviceconfigpath;
+    const int result = sys_link(work.copy, path);
+    if (result == -EEXIST)
+        return -EAGAIN;
+    return result == 0 ? 0 : sys_rename(work.copy, path);
+}
+
 // Puts the copy in the file's place, and what was there in the copy's. Returns whether the copy's
 // place holds that now; a negated errno. (On an old kernel the file is only looked at once more.)
 static int exchange(const Work& work, const FileBytes& expected)
 {
     const char* path = work.setup->config->deviceconfigpath;
-    int result = access(path, F_OK) == 0 ? sys_exchange(work.copy, path) : -ENOENT;
+    if (access(path, F_OK) != 0)
+        return put_first(work);
+    int result = sys_exchange(work.copy, path);
     if (result == 0)
         return 1;
     if (result != -ENOSYS && result != -EINVAL && result != -ENOENT)
@@ -151,87 +199,177 @@ static int exchange(const Work& work, const FileBytes& expected)
     return result == 0 ? sys_rename(work.copy, path) : result;
 }
 
-// Writes the file with every edit made, on top of whatever it holds at that moment.
-static int write_edits(Work* work, EditStep step)
+// What tells one file from another that was in its place.
+static FileStamp stamp_of(const char* path)
 {
-    const char* path = work->setup->config->deviceconfigpath;
-    FileBytes base;
-    int result = read_text(path, &base);
-    FileBytes before;            // what is to be found in the file
-    work->wanted.reset(nullptr); // one that memory ran out for would be wanted in vain
-    for (int round = 0; round < rounds && result == 0; round++) {
-        FileBytes text;
-        result = copy_text(base, &text);
-        for (size_t i = 0; i < work->count && result == 0; i++)
-            result = step(*work, work->edits[i], &text);
-        if (result == 0)
-            result = file_replace(work->copy, text.bytes.get(), text.size, file_mode, 0);
-        if (result != 0)
-            return result;
-        if (!work->wanted) {
-            work->wanted.reset(conf_dev_create());
-            if (!work->wanted || conf_dev_load(work->copy, work->wanted.get()) != 0)
-                return -ENOMEM;
-        }
-        const FileBytes& expected = round == 0 ? base : before;
-        result = exchange(*work, expected);
-        if (result != 1 && result != -EAGAIN)
-            return result;
-        FileBytes found;
-        const int read = result == 1 ? file_read_all(work->copy, 0, FILE_ANY_SIZE, &found)
-                                     : read_text(path, &found);
-        if (read != 0 && result == 1)
-            (void)sys_exchange(work->copy,
-                               path); // what was there, and nobody has seen, is put back
-        if (read != 0)
-            return read;
-        if (result == 1 && is_same(found, expected))
-            return 0;
-        // The service has written in between. What it wrote counts, and of what it had before only
-        // the sections that it did not know of.
-        FileBytes united;
-        if (sections_unite(found, base, &united) < 0)
-            return -ENOMEM;
-        hand_on(&united, &base);
-        hand_on(result == 1 ? &text : &found, &before);
-        result = 0;
-    }
-    return result == 0 ? -EBUSY : result;
+    struct stat status = {};
+    (void)stat(path, &status); // that of no file is all zero
+    return {.inode = status.st_ino, .written = status.st_mtim};
 }
 
-static void block_signals(bool blocked)
+static bool is_same(const FileStamp& a, const FileStamp& b)
 {
+    return a.inode == b.inode && a.written.tv_sec == b.written.tv_sec &&
+           a.written.tv_nsec == b.written.tv_nsec;
+}
+
+// Puts back what was taken out of the file's place and is not in what was put there, where the copy
+// is now. Needs neither memory nor room. What the service writes meanwhile is newer, and goes back
+// in its turn.
+static int put_back(const Work& work, FileStamp ours)
+{
+    for (int round = 0; round < rounds; round++) {
+        const FileStamp next = stamp_of(work.copy);
+        const int result = sys_exchange(work.copy, work.setup->config->deviceconfigpath);
+        if (result != 0 || is_same(stamp_of(work.copy), ours))
+            return result;
+        ours = next;
+    }
+    return -EBUSY;
+}
+
+// ---- a round ----
+
+// Makes the new text, and the copy of it.
+static int make_copy(Work* work, EditStep step, const FileBytes& base, FileBytes* text)
+{
+    int result = copy_text(base, text);
+    for (size_t i = 0; i < work->count && result == 0; i++)
+        result = step(*work, work->edits[i], text);
+    if (result == 0)
+        result = file_replace(work->copy, text->bytes.get(), text->size, file_mode, 0);
+    if (result != 0 || work->wanted)
+        return result;
+    work->wanted.reset(conf_dev_create());
+    return work->wanted && conf_dev_load(work->copy, work->wanted.get()) == 0 ? 0 : -ENOMEM;
+}
+
+// Notes the sections of what was found that are not in the text that took its place for a moment:
+// a refresh that has read that knows nothing of them.
+static int carry(Work* work, const FileBytes& text, const FileBytes& found)
+{
+    FileBytes both;
+    FileBytes all;
+    const int added = sections_unite(text, found, &both);
+    if (added <= 0)
+        return added;
+    both.size -= text.size;
+    memmove(both.bytes.get(), both.bytes.get() + text.size, both.size + 1);
+    const int result = sections_unite(both, work->carried, &all);
+    if (result >= 0)
+        hand_on(&all, &work->carried);
+    return result;
+}
+
+// Writes the file once. Returns 0 when nobody else has written meanwhile; -EAGAIN when the edits
+// are to be made again, on top of what somebody wrote; another negated errno.
+static int write_round(Work* work, EditStep step, Writing* writing)
+{
+    FileBytes text;
+    FileBytes found;
+    FileBytes united;
+    int result = make_copy(work, step, writing->base, &text);
+    if (result != 0)
+        return result;
+    const FileStamp ours = stamp_of(work->copy);
+    const int exchanged = exchange(*work, writing->expected);
+    if (exchanged != 1 && exchanged != -EAGAIN)
+        return exchanged;
+    const FileStamp before = writing->ours;
+    if (exchanged == 1)
+        writing->ours = ours;
+    result = exchanged == 1 ? file_read_all(work->copy, 0, FILE_ANY_SIZE, &found)
+                            : read_text(work->setup->config->deviceconfigpath, &found);
+    if (result != 0 && exchanged == 1 && before.inode != 0 && is_same(stamp_of(work->copy), before))
+        return 0; // it is this program's own text, and lacks what others wrote before it was there
+    if (result != 0 || (exchanged == 1 && is_same(found, writing->expected)))
+        return result;
+    // The service has written in between. What it wrote counts, and of what it had before only the
+    // sections that it did not know of.
+    if (carry(work, text, found) < 0 || sections_unite(found, writing->base, &united) < 0)
+        return -ENOMEM;
+    hand_on(&united, &writing->base);
+    hand_on(exchanged == 1 ? &text : &found, &writing->expected);
+    return -EAGAIN;
+}
+
+// Writes the file with every edit made, on top of whatever it holds at that moment. When that
+// fails, what others wrote is in the file, or else, and told, in the copy.
+static int write_edits(Work* work, EditStep step)
+{
+    Writing writing;
+    int result = read_text(work->setup->config->deviceconfigpath, &writing.expected);
+    if (result == 0 && sections_unite(writing.expected, work->carried, &writing.base) < 0)
+        result = -ENOMEM;
+    work->wanted.reset(nullptr); // one that memory ran out for would be wanted in vain
+    if (result == 0)
+        result = -EAGAIN;
+    for (int round = 0; round < rounds && result == -EAGAIN; round++)
+        result = write_round(work, step, &writing);
+    if (result == -EAGAIN)
+        result = -EBUSY;
+    if (result == 0 || writing.ours.inode == 0 || put_back(*work, writing.ours) == 0) {
+        (void)sys_unlink(work->copy); // most often it is not there
+        return result;
+    }
+    complain("what others wrote meanwhile is in %s, and not in the file", work->copy);
+    return result;
+}
+
+// Returns which were blocked before.
+static sigset_t block_signals()
+{
+    static constexpr int numbers[] = {SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGTSTP};
     sigset_t set;
+    sigset_t before;
     sigemptyset(&set);
-    sigaddset(&set, SIGINT);
-    sigaddset(&set, SIGTERM);
-    sigaddset(&set, SIGHUP);
-    (void)sigprocmask(blocked ? SIG_BLOCK : SIG_UNBLOCK, &set, nullptr); // cannot fail so
+    for (const int number : numbers)
+        sigaddset(&set, number);
+    (void)sigprocmask(SIG_BLOCK, &set, &before); // cannot fail so
+    return before;
+}
+
+// Waits until no other of these programs writes. Returns 0; another number, told.
+static int take_lock(const Work& work, FdGuard* lock)
+{
+    lock->reset(open(lock_path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    const uint32_t begin = clock_ms();
+    int result = lock->get() < 0 ? -errno : -EWOULDBLOCK;
+    while (result == -EWOULDBLOCK && clock_ms() - begin < lock_limit_ms && !interrupt_waits()) {
+        result = flock(lock->get(), LOCK_EX | LOCK_NB) == 0 ? 0 : -errno;
+        if (result == -EWOULDBLOCK)
+            (void)vytime_msleep(lock_look_ms);
+    }
+    if (result == 0)
+        return 0;
+    if (result != -EWOULDBLOCK)
+        return complain_errno(
+            work.written ? "the change may be in the file all the same" : lock_path, result);
+    complain("another vyhotplugctl holds %s%s", lock_path,
+             interrupt_waits() ? "" : ", and does not go on");
+    return result;
 }
 
 // Writes while no other of these programs does, and has the service read it.
 static int write_locked(Work* work, EditStep step)
 {
-    const FdGuard lock(open(lock_path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
-    if (lock.get() < 0)
-        return fail(lock_path, -errno);
-    while (flock(lock.get(), LOCK_EX) != 0) {
-        if (errno != EINTR)
-            return fail(lock_path, -errno);
-    }
-    block_signals(true); // what is begun is ended
+    FdGuard lock;
+    if (take_lock(*work, &lock) != 0)
+        return -1;
+    const sigset_t before = block_signals(); // what is begun is ended
     const int result = write_edits(work, step);
-    (void)sys_unlink(work->copy); // most often it is not there
     const int told = result == 0 ? service_reload() : 0;
-    block_signals(false);
+    (void)sigprocmask(SIG_SETMASK, &before, nullptr);
     if (result != 0) {
-        return fail(work->written ? "the change may be in the file all the same"
-                                  : work->setup->config->deviceconfigpath,
-                    result);
+        return complain_errno(work->written ? "the change may be in the file all the same"
+                                            : work->setup->config->deviceconfigpath,
+                              result);
     }
     work->written = true;
     // One that has just ended is seen, and told, by who waits for it.
-    return told == 0 || told == -ESRCH ? 0 : fail("the change is in the file; the service", told);
+    return told == 0 || told == -ESRCH
+               ? 0
+               : complain_errno("the change is in the file; the service", told);
 }
 
 // ---- what the service holds ----
@@ -256,15 +394,6 @@ static const ConfDev* record_of(const ConfDevTable* table, const char* identity)
     return nullptr;
 }
 
-static bool is_equal(const SettingRow& row, const ConfDev& a, const ConfDev& b)
-{
-    char first[setting_value_size];
-    char second[setting_value_size];
-    setting_format(row, a, first);
-    setting_format(row, b, second);
-    return strcmp(first, second) == 0;
-}
-
 // Whether what the service has written is what was wanted.
 static bool holds(const Work& work, const ConfDevTable* table, const DeviceEdit& edit)
 {
@@ -274,14 +403,17 @@ static bool holds(const Work& work, const ConfDevTable* table, const DeviceEdit&
         return edit.forget && held == wanted;
     for (size_t i = 0; i < edit.count; i++) {
         const SettingRow* row = setting_find(edit.changes[i].key);
-        if (row != nullptr && !is_equal(*row, *wanted, *held))
+        if (row != nullptr && !setting_is_equal(row, *wanted, *held))
             return false;
     }
-    for (const SettingRow& row : setting_rows) {
-        if (edit.forget && !is_equal(row, *wanted, *held))
-            return false;
-    }
-    return true;
+    return !edit.forget || setting_is_equal(nullptr, *wanted, *held);
+}
+
+// How many of the sections that were out of the file for a moment are not in it; -ENOMEM.
+static int count_missing(const Work& work, const FileBytes& text)
+{
+    FileBytes united;
+    return work.carried.size == 0 ? 0 : sections_unite(text, work.carried, &united);
 }
 
 static Held look_at_file(const Work& work)
@@ -305,19 +437,25 @@ static Held look_at_file(const Work& work)
         if (!holds(work, records.get(), work.edits[i]))
             return Held::no;
     }
-    return Held::yes;
+    const int missing = count_missing(work, text);
+    return missing == 0 ? Held::yes : missing > 0 ? Held::no : Held::unknown;
+}
+
+static bool has_time(const Work& work)
+{
+    return clock_ms() - work.begin_ms < work.limit_ms;
 }
 
 // Waits until the service has written what it read.
-static Held wait_for_service(const Work& work, uint64_t end)
+static Held wait_for_service(const Work& work)
 {
-    const uint64_t begin = clock_now();
-    uint64_t reminded = begin;
+    const uint32_t begin = clock_ms();
+    uint32_t reminded = begin;
     Progress progress = progress_begin("waiting until the service has taken it");
     Held held = look_at_file(work);
-    while (held == Held::not_written && clock_now() < end && service_listens()) {
+    while (held == Held::not_written && has_time(work) && service_listens() && !interrupt_waits()) {
         (void)vytime_msleep(look_ms);
-        const uint64_t now = clock_now();
+        const uint32_t now = clock_ms();
         progress_tick(&progress, static_cast<int>(now - begin));
         if (now - reminded >= remind_ms) {
             (void)service_reload(); // shows by what it writes
@@ -332,17 +470,19 @@ static Held wait_for_service(const Work& work, uint64_t end)
 static ExitStatus tell_unheld(Held held)
 {
     if (!service_listens()) {
-        (void)fputs("vyhotplugctl: the service has ended; the change is in the file, and counts "
-                    "from its next start\n",
-                    stderr);
+        complain(
+            "the service has ended; the change is in the file, and counts from its next start");
         return EXIT_NO_SERVICE;
     }
-    (void)fputs(held == Held::no
-                    ? "vyhotplugctl: the service does not hold the change: others write the "
-                      "device file at the same moment\n"
-                    : "vyhotplugctl: the change is in the file, but the service has not taken it; "
-                      "is /tmp full, or read-only?\n",
-                stderr);
+    if (held == Held::no) {
+        complain("the service does not hold the change: others write the device file at the same "
+                 "moment");
+    } else if (interrupt_waits()) {
+        complain("interrupted; the service has not been seen to take the change");
+    } else {
+        complain("the change is in the file, but the service has not taken it; is /tmp full, or "
+                 "read-only?");
+    }
     return EXIT_FAILED;
 }
 
@@ -358,26 +498,27 @@ static bool any_dropped(const DeviceEdit* edits, size_t count)
 ExitStatus device_file_apply(const Setup& setup, const DeviceEdit* edits, size_t count, int limit_s)
 {
     if (!service_listens()) {
-        (void)fputs("vyhotplugctl: the service is not running, nothing is changed\n", stderr);
+        complain("the service is not running, nothing is changed");
         return EXIT_NO_SERVICE;
     }
     Work work = {.setup = &setup,
                  .edits = edits,
                  .count = count,
-                 .copy = {},
-                 .mark = {},
                  .wanted = ConfDevTableGuard(),
-                 .written = false};
-    const uint64_t now = clock_now();
-    const uint64_t end = now + static_cast<uint64_t>(limit_s) * 1000;
-    (void)snprintf(work.copy, sizeof work.copy, "%s.ctl-%ld", setup.config->deviceconfigpath,
-                   static_cast<long>(getpid()));
-    (void)snprintf(work.mark, sizeof work.mark, "%ld.%" PRIu64, static_cast<long>(getpid()), now);
+                 .carried = FileBytes(),
+                 .written = false,
+                 .begin_ms = clock_ms(),
+                 .limit_ms = static_cast<uint32_t>(limit_s) * 1000,
+                 .mark = {},
+                 .copy = {}};
+    (void)snprintf(work.copy, sizeof work.copy, "%s.ctl-%d", setup.config->deviceconfigpath,
+                   getpid());
+    (void)snprintf(work.mark, sizeof work.mark, "%d.%u", getpid(), work.begin_ms);
     Held held = Held::no;
-    for (int i = 0; i < attempts && held == Held::no && (i == 0 || clock_now() < end); i++) {
+    for (int i = 0; i < attempts && held == Held::no && (i == 0 || has_time(work)); i++) {
         if (write_locked(&work, edit_section) != 0)
             return EXIT_FAILED;
-        held = wait_for_service(work, end);
+        held = wait_for_service(work);
     }
     if (held != Held::yes)
         return tell_unheld(held);

@@ -59,10 +59,14 @@ int edit_text_write(FILE* out, const View& view, const char* identity)
 
 namespace {
 
+// What is written here has room: as many users as a setting holds, 539, by names of up to 63 bytes.
+constexpr size_t edit_line_size = 36864;
+
 // A line that is an entry, or a fault.
 struct EditLine {
-    char text[setting_value_size];
     char* value; // behind the "=" in `text`; null: there is none
+    bool cut;    // it is longer
+    char text[edit_line_size];
 };
 
 struct Reader {
@@ -95,6 +99,7 @@ static size_t next_line(const char* text, size_t at, size_t end, EditLine* line)
         stop++;
     const size_t most = sizeof line->text - 1;
     const size_t length = stop - at < most ? stop - at : most;
+    line->cut = stop - at > most;
     memcpy(line->text, text + at, length);
     line->text[length] = '\0';
     line->value = strchr(line->text, '=');
@@ -163,7 +168,9 @@ static void check_lines(Reader* reader, const Section& section)
         at = next_line(reader->text, at, section.end, &line);
         if (is_explanation(reader->text, begin, section.end))
             continue;
-        if (line.value == nullptr)
+        if (line.cut)
+            tell(reader, begin, "is too long: ", line.text);
+        else if (line.value == nullptr)
             tell(reader, begin, "there is no = in: ", line.text);
         else if (setting_find(line.text) == nullptr)
             tell(reader, begin, "no such setting: ", line.text);

@@ -1,6 +1,7 @@
 #include "ctl/sections.h"
 
 #include "ctl/array.h"
+
 #include <errno.h>
 #include <stdint.h>
 #include <stdlib.h>
@@ -269,12 +270,53 @@ int sections_empty(const char* text, size_t size, const char* name, bool headers
     return 0;
 }
 
+namespace {
+
+struct Name {
+    const char* text;
+    size_t size;
+};
+
+} // namespace
+
+// For qsort and bsearch.
+static int compare(const void* a, const void* b)
+{
+    const Name& first = *static_cast<const Name*>(a);
+    const Name& second = *static_cast<const Name*>(b);
+    const bool shorter = first.size < second.size;
+    const int order = strncasecmp(first.text, second.text, shorter ? first.size : second.size);
+    if (order != 0 || first.size == second.size)
+        return order;
+    return shorter ? -1 : 1;
+}
+
+// Returns owned: the names of the sections that have one, sorted, which point into `text`; null
+// without memory.
+static Name* sort_names(const SectionTable& table, const char* text, size_t* count)
+{
+    auto* names = static_cast<Name*>(calloc(table.count, sizeof(Name)));
+    *count = 0;
+    for (size_t i = 0; names != nullptr && i < table.count; i++) {
+        const Section& section = table.sections[i];
+        if (section.name_size > 0)
+            names[(*count)++] = {text + section.name, section.name_size};
+    }
+    if (*count > 1)
+        qsort(names, *count, sizeof *names, compare);
+    return names;
+}
+
 int sections_unite(const FileBytes& text, const FileBytes& other, FileBytes* out)
 {
     SectionTableGuard table;
     SectionTableGuard others;
     if (sections_cut(text.bytes.get(), text.size, table.out()) != 0 ||
         sections_cut(other.bytes.get(), other.size, others.out()) != 0)
+        return -ENOMEM;
+    size_t count = 0;
+    const MemGuard<Name> names(sort_names(*table.get(), text.bytes.get(), &count));
+    if (!names)
         return -ENOMEM;
     out->size = 0;
     const int result = reserve(out, text.size + other.size + 1);
@@ -284,12 +326,8 @@ int sections_unite(const FileBytes& text, const FileBytes& other, FileBytes* out
     int added = 0;
     for (size_t i = 0; i < others->count; i++) {
         const Section& section = others->sections[i];
-        if (section.name_size == 0)
-            continue;
-        const MemGuard<char> name(strndup(other.bytes.get() + section.name, section.name_size));
-        if (!name)
-            return -ENOMEM;
-        if (sections_find(table.get(), text.bytes.get(), name.get()) != nullptr)
+        const Name name = {other.bytes.get() + section.name, section.name_size};
+        if (name.size == 0 || bsearch(&name, names.get(), count, sizeof name, compare) != nullptr)
             continue;
         end_line(out);
         put(out, other.bytes.get() + section.begin, section.end - section.begin);

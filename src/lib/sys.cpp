@@ -60,6 +60,11 @@ int sys_rename(const char* from, const char* to)
     return answer(rename(from, to));
 }
 
+int sys_link(const char* from, const char* to)
+{
+    return answer(link(from, to));
+}
+
 // By its number: not every C library knows renameat2(2).
 int sys_exchange(const char* a, const char* b)
 {

@@ -21,6 +21,7 @@ enum SysDirection { SYS_READABLE, SYS_WRITABLE };
 [[nodiscard]] int sys_rmdir(const char* path);
 [[nodiscard]] int sys_unlink(const char* path);
 [[nodiscard]] int sys_rename(const char* from, const char* to);
+[[nodiscard]] int sys_link(const char* from, const char* to);
 [[nodiscard]] int sys_exchange(const char* a, const char* b); // -ENOSYS, -EINVAL: not to be had
 [[nodiscard]] int sys_fsync(int fd);
 [[nodiscard]] int sys_statfs(const char* path);      // the answer itself is of no interest

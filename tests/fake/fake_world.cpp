@@ -143,6 +143,18 @@ int FakeWorld::count(const std::string& call) const
 
 // ---- filesystems and names ----
 
+// Runs what the test wants to do meanwhile, the world unlocked.
+static void step_in(std::function<void()> FakeWorld::*at)
+{
+    std::function<void()> wanted;
+    {
+        const Lock lock(mutex);
+        wanted = state.world.*at;
+    }
+    if (wanted)
+        wanted();
+}
+
 int sys_mount(const char* source, const char* target, const char* type, unsigned long flags,
               const char* options)
 {
@@ -224,14 +236,24 @@ int sys_rename(const char* from, const char* to)
     return failed != 0 ? failed : answer(rename(from, to));
 }
 
+int sys_link(const char* from, const char* to)
+{
+    step_in(&FakeWorld::on_link);
+    const Lock lock(mutex);
+    const int failed = note("link", text_of(from) + " " + text_of(to));
+    return failed != 0 ? failed : answer(link(from, to));
+}
+
 int sys_exchange(const char* a, const char* b)
 {
+    step_in(&FakeWorld::on_exchange);
     const Lock lock(mutex);
     const int failed = note("exchange", text_of(a) + " " + text_of(b));
     if (failed != 0)
         return failed;
     const std::string between = std::string(a) + ".exchanged";
-    const bool done = access(b, F_OK) == 0 && rename(a, between.c_str()) == 0 &&
+    struct stat there;
+    const bool done = lstat(b, &there) == 0 && rename(a, between.c_str()) == 0 &&
                       rename(b, a) == 0 && rename(between.c_str(), b) == 0;
     return done ? 0 : -errno;
 }
@@ -259,18 +281,6 @@ int sys_is_readonly(const char* path)
                           ((mount->second.flags & MS_RDONLY) != 0 ||
                            state.world.quietly_readonly.count(mount->second.source) != 0);
     return readonly ? 1 : 0;
-}
-
-// Runs what the test wants to do meanwhile, the world unlocked.
-static void step_in(std::function<void()> FakeWorld::*at)
-{
-    std::function<void()> wanted;
-    {
-        const Lock lock(mutex);
-        wanted = state.world.*at;
-    }
-    if (wanted)
-        wanted();
 }
 
 void sys_sync()
@@ -335,13 +345,20 @@ int sys_pipe(int ends[2])
 
 pid_t sys_spawn(const char* file, char* const argv[], const int stdio[3])
 {
-    const Lock lock(mutex);
     std::vector<std::string> arguments;
     std::string line = text_of(file);
     for (char* const* argument = argv; *argument != nullptr; argument++) {
         arguments.push_back(*argument);
         line += std::string(" ") + *argument;
     }
+    std::function<void(const std::vector<std::string>&)> wanted;
+    {
+        const Lock lock(mutex);
+        wanted = state.world.on_spawn;
+    }
+    if (wanted)
+        wanted(arguments);
+    const Lock lock(mutex);
     const int failed = note("spawn", line);
     if (failed != 0)
         return failed;

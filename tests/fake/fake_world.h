@@ -59,6 +59,13 @@ struct FakeWorld {
     // the place for a test to step in while a loop runs.
     std::function<void(uint64_t usec)> on_sleep;
 
+    // The same before two names are exchanged, and before a second name is made.
+    std::function<void()> on_exchange;
+    std::function<void()> on_link;
+
+    // The same before a program is started, with its argument vector: what it does.
+    std::function<void(const std::vector<std::string>& arguments)> on_spawn;
+
     // The same at each sync, and at each wait for a descriptor before it begins.
     std::function<void()> on_sync;
     std::function<void()> on_select;

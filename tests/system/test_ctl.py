@@ -739,7 +739,9 @@ class Edit(CtlTest):
 
     def test_what_is_changed_is_set(self):
         stick = self.plug_one()
-        done = self.edit("sed -i 's/^share =.*/share = Music/; s/^full =.*/full = daemon, bin/' $1; cp $1 /tmp/seen")
+        done = self.edit("sed -i 's/^share =.*/share = Music/; s/^full =.*/full = daemon, bin/' $1; cp $1 /tmp/seen; "
+                         "grep SigBlk /proc/$$/status >/tmp/blocked")
+        self.assertEqual(int(read("/tmp/blocked").split()[1], 16), 0, "the editor has its signals")
         self.assertEqual((done.status, done.out, done.err), (DONE, f"{stick.identifier} is set\n", ""))
         self.assertIn("Share Name=Music\n", read(vyworld.DEVICE_FILE))
         self.assertIn("Full Access Users=1,2,\n", read(vyworld.DEVICE_FILE))
@@ -755,7 +757,10 @@ class Edit(CtlTest):
         self.assertEqual((done.status, done.out, done.err), (DONE, "nothing is changed\n", ""))
         self.assertEqual(read(vyworld.DEVICE_FILE), before)
         done = self.edit("sed -i 's/^share =.*/share = Music/' $1; exit 1")
-        self.assertEqual((done.status, done.err), (FAILED, "vyhotplugctl: the editor failed, nothing is changed\n"))
+        self.assertEqual(done.status, FAILED)
+        kept = re.fullmatch("vyhotplugctl: the editor failed, nothing is changed\n"
+                            "vyhotplugctl: what you wrote is in (.*)\n", done.err)[1]
+        self.assertIn("share = Music\n", read(kept))
         self.assertEqual(read(vyworld.DEVICE_FILE), before)
 
     def test_wrong_lines_are_shown_and_edited_again(self):
@@ -779,6 +784,35 @@ fi""", answer=b"\n")
         self.assertEqual(read(vyworld.DEVICE_FILE), before)
         kept = re.search("what you wrote is in (.*)\n", done.err)[1]
         self.assertIn("share = Music\nrubbish\n", read(kept))
+
+    def test_an_interruption_at_the_question_loses_nothing(self):
+        self.plug_one()
+        before = read(vyworld.DEVICE_FILE)
+        write("/tmp/editor", "#!/bin/sh\nsed -i 's/^share =.*/share = Music\\nrubbish/' $1\n", 0o755)
+        with subprocess.Popen(
+                [vyworld.PROGRAMS + "/vyhotplugctl", "-f", vyworld.CONFIG, "--sysfs", SYSFS, "edit"],
+                stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                env={**vyworld.environment(), "EDITOR": "/tmp/editor"}) as ctl:
+            told = b""
+            while not told.endswith(b"Edit again? [Y/n] "):
+                told += ctl.stderr.read(1)
+            ctl.send_signal(signal.SIGINT)
+            kept = re.fullmatch("\nvyhotplugctl: what you wrote is in (.*)\n", ctl.stderr.read().decode())
+            self.assertEqual(ctl.wait(vyworld.LIMIT), FAILED)
+        self.assertIn("share = Music\nrubbish\n", read(kept[1]))
+        self.assertEqual(read(vyworld.DEVICE_FILE), before)
+
+    def test_a_text_that_comes_back_empty_forgets_nothing(self):
+        """As an editor leaves it that found no room."""
+        self.plug_one()
+        self.assert_ctl("set", "sda1", "share=Music")
+        before = read(vyworld.DEVICE_FILE)
+        for script in (": >$1", "printf '\\n \\n' >$1"):
+            done = self.edit(script)
+            self.assertEqual((done.status, done.out, done.err),
+                             (FAILED, "", "vyhotplugctl: the text came back empty, nothing is changed\n"))
+            self.assertEqual(read(vyworld.DEVICE_FILE), before)
+        self.assertEqual([name for name in os.listdir("/tmp") if name.startswith("vyhotplugctl-")], [])
 
     def test_two_at_once_and_a_plug(self):
         """Both changes hold, and so does the section of what came meanwhile."""

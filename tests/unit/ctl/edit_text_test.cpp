@@ -132,3 +132,120 @@ TEST_F(EditText, WithoutMemoryItFails)
         EXPECT_EQ(result, -ENOMEM) << nth;
     }
 }
+
+TEST_F(EditText, AFaultIsToldWithItsLine)
+{
+    const auto told = [this](const std::string& after) {
+        testing::internal::CaptureStderr();
+        (void)changes_of(view, text, after, 1);
+        return testing::internal::GetCapturedStderr();
+    };
+    EXPECT_EQ(told("guest = yes\n" + text), "line 1: belongs to no section: guest\n");
+    EXPECT_EQ(told("#\n#\n\033rubbish\n" + text), "line 3: there is no = in: \\x1brubbish\n");
+    EXPECT_EQ(told("# x\n[1:2:d:1]\n\ncolour = red\n" + text), "line 4: no such setting: colour\n");
+    EXPECT_EQ(told("#\n[1:2:d:1]\nguest = x\n" + text),
+              "vyhotplugctl: guest: is yes or no\nline 2: not taken: guest\n");
+    EXPECT_EQ(told(text + "[1:2:d:1]\nshare = x\n[1:2:e:1]\nshare = X\n"),
+              "line 1: two shares of the name x\n");
+}
+
+TEST_F(EditText, BlanksSayNothing)
+{
+    EXPECT_EQ(changes_of(view, text, "\r\n \t# explained\r\n" + text), Changes{});
+    EXPECT_EQ(changes_of(view, text, replaced("share = Music\n", "\tshare\t=\tSongs \n")),
+              Changes{"1:2:a:1 Share Name=Songs"});
+}
+
+TEST_F(EditText, OfSeveralLinesTheLastCounts)
+{
+    EXPECT_EQ(changes_of(view, text, replaced("share = Music\n", "share = A\nShare Name = B\n")),
+              Changes{"1:2:a:1 Share Name=B"});
+    EXPECT_EQ(changes_of(view, text, replaced("share = Music\n", "share = A\nshare = Music\n")),
+              Changes{});
+}
+
+TEST_F(EditText, ADirectoryHasAPath)
+{
+    EXPECT_EQ(text.find("\npath = "), std::string::npos);
+    view_end(&view);
+    write_file(ctl_devices, "[my]\nPath=/srv\n");
+    ASSERT_EQ(view_begin(world.setup, &view), 0);
+    text = written_by([this](FILE* stream) { EXPECT_EQ(edit_text_write(stream, view, "my"), 0); });
+    EXPECT_NE(text.find("\n# not plugged\n[my]\nshare = \ncomment = \npath = /srv\n"),
+              std::string::npos)
+        << text;
+    EXPECT_EQ(text.find("[1:2:a:1]"), std::string::npos);
+}
+
+TEST_F(EditText, OfManyUsersNoneGetsLost)
+{
+    std::string users = "root:x:0:0::/:\n";
+    std::string numbers;
+    for (int uid = 1000; uid < 1400; uid++) {
+        users +=
+            std::string(28, 'u') + std::to_string(uid) + ":x:" + std::to_string(uid) + ":5::/:\n";
+        numbers += std::to_string(uid) + ",";
+    }
+    write_file("/etc/passwd", users);
+    view_end(&view);
+    write_file(ctl_devices, "[1:2:a:1]\nBlock Users=" + numbers + "\n");
+    ASSERT_EQ(view_begin(world.setup, &view), 0);
+    text = written_by([this](FILE* out) { EXPECT_EQ(edit_text_write(out, view, nullptr), 0); });
+    EXPECT_EQ(changes_of(view, text, replaced("blocked = ", "blocked = root, ")),
+              Changes{"1:2:a:1 Block Users=0," + numbers});
+}
+
+TEST_F(EditText, TheLongestListOfUsersHasRoom)
+{
+    std::string users;
+    std::string numbers; // no longer than the service reads them
+    for (int uid = 0; numbers.size() + 4 < setting_value_size; uid++) {
+        std::string name = "u" + std::to_string(uid);
+        name.resize(63, 'u');
+        users += name + ":x:" + std::to_string(uid) + ":5::/:\n";
+        numbers += std::to_string(uid) + ",";
+    }
+    write_file("/etc/passwd", users);
+    view_end(&view);
+    write_file(ctl_devices, "[1:2:a:1]\nBlock Users=" + numbers + "\n");
+    ASSERT_EQ(view_begin(world.setup, &view), 0);
+    text = written_by([this](FILE* out) { EXPECT_EQ(edit_text_write(out, view, nullptr), 0); });
+    EXPECT_EQ(changes_of(view, text, replaced("share = ", "share = new")),
+              Changes{"1:2:a:1 Share Name=new"});
+    EXPECT_EQ(changes_of(view, text,
+                         replaced("blocked = ", "blocked = u8" + std::string(61, 'u') + ", ")),
+              Changes{"1:2:a:1 Block Users=8," + numbers.replace(numbers.find(",8,"), 3, ",")});
+}
+
+// What stands there is read back, so it must not be what a name is only shown as.
+TEST_F(EditText, AnUnusualNameStandsThereAsItsNumber)
+{
+    std::string users = "root:x:0:0::/:\nDOM\\j\xc3\xb6rg@x y:x:1:0::/:\n";
+    std::string numbers;
+    int uid = 1001;
+    for (const char* name : {"m\xfcller", "m\xc2\xadller", "m\xe2\x80\x8bller", "a,b", "@sudo"}) {
+        users += std::string(name) + ":x:" + std::to_string(uid) + ":0::/:\n";
+        numbers += std::to_string(uid++) + ",";
+    }
+    write_file("/etc/passwd", users);
+    view_end(&view);
+    write_file(ctl_devices, "[1:2:a:1]\nBlock Users=1," + numbers + "\n");
+    ASSERT_EQ(view_begin(world.setup, &view), 0);
+    text = written_by([this](FILE* out) { EXPECT_EQ(edit_text_write(out, view, nullptr), 0); });
+    EXPECT_NE(text.find("\nblocked = DOM\\j\xc3\xb6rg@x y, 1001, 1002, 1003, 1004, 1005\n"),
+              std::string::npos)
+        << text;
+    EXPECT_EQ(changes_of(view, text, replaced("blocked = ", "blocked = root, ")),
+              Changes{"1:2:a:1 Block Users=0,1," + numbers});
+}
+
+TEST_F(EditText, ALineThatIsTooLongIsAFault)
+{
+    const std::string most = "comment = " + std::string(36863 - 10, 'c');
+    testing::internal::CaptureStderr();
+    (void)changes_of(view, text, "[1:2:d:1]\n" + most + "\n" + text, 1);
+    EXPECT_EQ(testing::internal::GetCapturedStderr().find("line 2: "), std::string::npos);
+    testing::internal::CaptureStderr();
+    (void)changes_of(view, text, "[1:2:d:1]\n" + most + "c\n" + text, 2);
+    EXPECT_EQ(testing::internal::GetCapturedStderr().find("line 2: is too long: comment"), 0U);
+}

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <time.h>
+
 #include <string>
 #include <vector>
 
@@ -107,6 +109,7 @@ TEST(Sections, AChangeOfWhatIsNotThereAddsASection)
 {
     EXPECT_EQ(change("", "a", {{"x", "1"}}), "[a]\nx=1\n");
     EXPECT_EQ(change("[b]\ny", "a", {{"x", "1"}}), "[b]\ny\n[a]\nx=1\n");
+    EXPECT_EQ(change("y", "a", {{"x", "1"}}), "y\n[a]\nx=1\n");
 }
 
 TEST(Sections, AreEmptiedAndLeftOut)
@@ -124,6 +127,22 @@ TEST(Sections, AreUnitedByTheirNames)
     EXPECT_EQ(unite("[a]\nx=1\n", "[A]\nx=2\n[b]\ny\n", 1), "[a]\nx=1\n[b]\ny\n");
     EXPECT_EQ(unite("", "[a]\n", 1), "[a]\n");
     EXPECT_EQ(unite("[a]", "no\n", 0), "[a]");
+    EXPECT_EQ(unite("[ab]\n[A]\n[b]\n[]\n", "[B]\nx\n[aB]\nx\n[abc]\n[]\n[ABC]\n[a]\n", 2),
+              "[ab]\n[A]\n[b]\n[]\n[abc]\n[ABC]\n");
+}
+
+TEST(Sections, ThatAreManyAreUnitedInNoTime)
+{
+    constexpr int many = 20000;
+    std::string first;
+    std::string second;
+    for (int i = 0; i < many; i++) {
+        first += "[1234:5678:SERIAL" + std::to_string(i) + ":1]\n";
+        second += "[1234:5678:SERIAL" + std::to_string(many + i) + ":1]\n";
+    }
+    const clock_t begin = clock();
+    EXPECT_EQ(unite(first, second, many), first + second);
+    EXPECT_LT(clock() - begin, CLOCKS_PER_SEC) << "each is looked for among all";
 }
 
 TEST(Sections, WithoutMemoryNothingIsMade)
