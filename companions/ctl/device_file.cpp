@@ -495,12 +495,29 @@ static bool any_dropped(const DeviceEdit* edits, size_t count)
     return false;
 }
 
+// Whether the service is known to run with another configuration, and so to read another device
+// file, perhaps; tells it.
+static bool is_of_another(const Setup& setup)
+{
+    char config[PATH_MAX];
+    struct stat served;
+    struct stat own;
+    if (!service_config(config) || stat(config, &served) != 0 ||
+        stat(setup.paths.config, &own) != 0 ||
+        (served.st_ino == own.st_ino && served.st_dev == own.st_dev))
+        return false;
+    complain("the service runs with another configuration, nothing is changed; use -f %s", config);
+    return true;
+}
+
 ExitStatus device_file_apply(const Setup& setup, const DeviceEdit* edits, size_t count, int limit_s)
 {
     if (!service_listens()) {
         complain("the service is not running, nothing is changed");
         return EXIT_NO_SERVICE;
     }
+    if (is_of_another(setup))
+        return EXIT_FAILED;
     Work work = {.setup = &setup,
                  .edits = edits,
                  .count = count,

@@ -132,6 +132,25 @@ bool machine_was_started_with(const char* name, const char* word)
     return find_process(name, has_word_on_line, word) != 0;
 }
 
+bool machine_file_option(pid_t pid, char (&path)[PATH_MAX])
+{
+    char process[32];
+    FileBytes words;
+    (void)snprintf(process, sizeof process, "/proc/%d", static_cast<int>(pid));
+    if (!read_command_line(process, &words))
+        return false;
+    const char* file = nullptr; // the last one counts
+    const char* end = words.bytes.get() + words.size;
+    for (const char* word = words.bytes.get(); word < end; word += strlen(word) + 1) {
+        if (strcmp(word, "-f") == 0)
+            file = word + sizeof "-f"; // behind the last word stands a NUL, too
+    }
+    if (file == nullptr || file[0] != '/')
+        return false;
+    str_cpy(path, file);
+    return true;
+}
+
 bool machine_runs_script(const char* name)
 {
     return find_process("python3", runs_script, name) != 0;

@@ -20,6 +20,10 @@
 // Whether a process of that name was started with that word, in whatever option.
 [[nodiscard]] bool machine_was_started_with(const char* name, const char* word);
 
+// Writes the absolute path that a process was started with, the word behind the last -f. Returns
+// false without one.
+[[nodiscard]] bool machine_file_option(pid_t pid, char (&path)[PATH_MAX]);
+
 // Whether a process runs a script of that name, as "python3 /usr/sbin/wsdd".
 [[nodiscard]] bool machine_runs_script(const char* name);
 

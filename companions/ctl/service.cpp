@@ -74,6 +74,13 @@ int service_reload()
     return peer.pid > 0 ? sys_kill(peer.pid, SIGHUP) : -ESRCH;
 }
 
+bool service_config(char (&path)[PATH_MAX])
+{
+    FdGuard fd;
+    UnixPeer peer;
+    return connect_service(&fd, &peer) == 0 && machine_file_option(peer.pid, path);
+}
+
 ServiceAnswer service_request(const char* action, const char* target, bool force, int limit_ms,
                               Progress* progress)
 {

@@ -19,6 +19,10 @@
 // -ESRCH when none listens, or what listens is not root's; -EPERM for who is not root.
 [[nodiscard]] int service_reload();
 
+// Writes the path of the configuration that the process that listens was started with. Returns
+// false where that cannot be told.
+[[nodiscard]] bool service_config(char (&path)[PATH_MAX]);
+
 enum ServiceAnswer {
     SERVICE_DONE,
     SERVICE_REFUSED,

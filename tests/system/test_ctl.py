@@ -713,6 +713,26 @@ class Settings(CtlTest):
                 for name, body in sections(read(vyworld.DEVICE_FILE)).items()}
         self.assertEqual(held, {identity: f"Share {number}" for number, identity in enumerate(identities)})
 
+    def test_a_service_of_another_configuration(self):
+        """Nothing is changed of a device file that it does not read."""
+        stick = self.plug_one()
+        write("/tmp/other-devices", "[1:2:a:3]\nComment=old\n")
+        other = read(vyworld.CONFIG).replace(vyworld.DEVICE_FILE, "/tmp/other-devices")
+        self.assertIn("/tmp/other-devices", other)
+        write("/tmp/other.conf", other)
+        refreshes = self.service.count()
+        for arguments in (("set", "1:2:a:3", "comment=new"), ("unset", "1:2:a:3", "comment"), ("forget", "1:2:a:3")):
+            done = self.tool("vyhotplugctl", "-f", "/tmp/other.conf", "--sysfs", SYSFS, *arguments)
+            self.assertEqual((done.status, done.out, done.err), (
+                FAILED, "", "vyhotplugctl: the service runs with another configuration, nothing is changed; "
+                            f"use -f {vyworld.CONFIG}\n"))
+        self.assertEqual(read("/tmp/other-devices"), "[1:2:a:3]\nComment=old\n")
+        self.assertEqual(self.service.count(), refreshes)
+        os.symlink(vyworld.CONFIG, "/tmp/link.conf")  # another name for the same
+        done = self.tool("vyhotplugctl", "-f", "/tmp/link.conf", "--sysfs", SYSFS, "set", "sda1", "share=Music")
+        self.assertEqual((done.status, done.err), (DONE, ""))
+        self.assertEqual(self.held(stick)["share_name"], "Music")
+
     def test_without_a_service_nothing_is_changed(self):
         write(vyworld.DEVICE_FILE, "[1234:00ab:ABC:1]\n")
         self.assert_ctl("set", "1234:00ab:ABC:1", "share=Music", status=NO_SERVICE,
