@@ -5,24 +5,37 @@
 #include "ctl/progress.h"
 #include "ctl/samba.h"
 #include "ctl/service.h"
+#include "ctl/terminal.h"
 #include "lib/str.h"
 #include "lib/sys.h"
 #include "lib/vytime.h"
 
-#include <stdio.h>
+#include <errno.h>
 #include <string.h>
+#include <sys/stat.h>
 
 static constexpr int answer_limit_ms = 120000; // a hook may take 60 s, and so may the NTFS driver
 static constexpr int attempts = 5;             // of a request whose answer was lost
 static constexpr uint32_t look_ms = 200;
-static constexpr int silence_ms = 3000; // for the service to carry out what it does not answer
+static constexpr uint32_t silence_ms = 3000; // for the service to carry out what it does not answer
+
+// The same without the memory that the table takes.
+static bool is_other_filesystem(const char* directory)
+{
+    struct stat status;
+    struct stat above;
+    char parent[PATH_MAX];
+    (void)snprintf(parent, sizeof parent, "%s/..", directory);
+    return stat(directory, &status) == 0 && stat(parent, &above) == 0 &&
+           status.st_dev != above.st_dev;
+}
 
 bool request_is_mounted(const Setup& setup, const Item& item, char (&directory)[PATH_MAX])
 {
     MountinfoGuard mounts;
     (void)snprintf(directory, sizeof directory, "%s/%s", setup.mountroot, item.name);
     if (mountinfo_load(mountinfo_path, mounts.out()) != 0)
-        return item.mount != nullptr; // as far as is known
+        return is_other_filesystem(directory);
     for (size_t i = 0; i < mounts->count; i++) {
         if (strcmp(mounts->entries[i].directory, directory) == 0)
             return true;
@@ -34,9 +47,9 @@ bool request_is_mounted(const Setup& setup, const Item& item, char (&directory)[
 static bool becomes(const Setup& setup, const Item& item, bool mounted)
 {
     char directory[PATH_MAX];
-    const uint64_t end = clock_now() + silence_ms;
+    const uint32_t begin = clock_ms();
     while (request_is_mounted(setup, item, directory) != mounted) {
-        if (clock_now() >= end)
+        if (clock_ms() - begin >= silence_ms)
             return false;
         (void)vytime_msleep(look_ms);
     }
@@ -55,8 +68,7 @@ static ExitStatus ask(const Setup& setup, const Item& item, bool mounted, bool f
         if (request_is_mounted(setup, item, directory) == mounted)
             return EXIT_DONE;
         if (answer == SERVICE_GONE) {
-            (void)fputs("vyhotplugctl: the service is not running, or what answers is not root's\n",
-                        stderr);
+            complain("the service is not running, or what answers is not root's");
             return EXIT_NO_SERVICE;
         }
         if (answer != SERVICE_SILENT)
@@ -67,14 +79,30 @@ static ExitStatus ask(const Setup& setup, const Item& item, bool mounted, bool f
     return EXIT_FAILED;
 }
 
+// What was known before the request may not be the reason any more.
+static void tell_unmounted(const Setup& setup, const Item& item)
+{
+    View now;
+    const char* reason = nullptr;
+    if (view_begin(setup, &now) == 0) {
+        for (size_t i = 0; i < now.count; i++) {
+            if (strcmp(now.items[i].name, item.name) == 0)
+                reason = now.items[i].reason;
+        }
+    }
+    if (reason != nullptr)
+        complain("%s could not be mounted: %.500s", item.name, reason);
+    else
+        complain("%s could not be mounted; what the service told: journalctl -u vyhotplugd",
+                 item.name);
+    view_end(&now);
+}
+
 ExitStatus request_mount(const Setup& setup, const Item& item)
 {
     const ExitStatus status = ask(setup, item, true, false);
-    if (status == EXIT_FAILED) {
-        fprintf(stderr, "vyhotplugctl: %s could not be mounted%s%s\n", item.name,
-                item.reason != nullptr ? ": " : "; what the service told: journalctl -u vyhotplugd",
-                item.reason != nullptr ? item.reason : "");
-    }
+    if (status == EXIT_FAILED)
+        tell_unmounted(setup, item);
     return status;
 }
 
@@ -86,11 +114,12 @@ ExitStatus request_unmount(const Setup& setup, const Item& item, bool force)
 static bool is_free(const Item& item, bool told)
 {
     HolderTable holders = {};
-    if (item.mount != nullptr && holders_find(*item.mount, &holders) != 0)
-        perror("vyhotplugctl");
+    const int result = item.mount != nullptr ? holders_find(*item.mount, &holders) : 0;
+    if (result != 0)
+        (void)complain_errno(nullptr, result);
     const bool none = holders.count == 0;
     if (told && !none) {
-        fprintf(stderr, "%s is busy:\n", item.name);
+        text_print(stderr, "%s is busy:\n", item.name);
         samba_name_clients(&holders);
         holders_print(stderr, holders);
     }
@@ -100,13 +129,13 @@ static bool is_free(const Item& item, bool told)
 
 bool request_wait_free(const Item& item, int limit_s, bool told)
 {
-    const uint64_t begin = clock_now();
-    const uint64_t end = begin + static_cast<uint64_t>(limit_s) * 1000;
+    const uint32_t begin = clock_ms();
     Progress progress = progress_begin("waiting until nobody holds it");
     bool none = is_free(item, false);
-    while (!none && clock_now() < end) {
+    for (int waited = 0; !none && waited < limit_s * 1000;) {
         (void)vytime_msleep(look_ms);
-        progress_tick(&progress, static_cast<int>(clock_now() - begin));
+        waited = static_cast<int>(clock_ms() - begin);
+        progress_tick(&progress, waited);
         none = is_free(item, false);
     }
     progress_end(&progress);
