@@ -21,6 +21,7 @@ struct FaultTexts {
     const char* id;
     const char* text;
     const char* remedy;
+    bool prose = false; // the remedy is a sentence, and nothing to be typed
 };
 
 struct FileServer {
@@ -31,6 +32,7 @@ struct FileServer {
     const char* bridge;       // the program
     const char* start_bridge; // what to type, like the next
     const char* restart_bridge;
+    const char* stop;    // what to type, to have the server itself run no more
     const char* program; // that serves; a process is called so
     const char* module;  // of the kernel, that does the work; null: none
     const char* list;    // the shares, as the bridge writes them

@@ -16,6 +16,7 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
+static constexpr char own_folder[] = "/usr/libexec/vyhotplugd/";
 static constexpr char program_path[] =
     "/usr/libexec/vyhotplugd:/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
 static constexpr char uuid_links[] = "/dev/disk/by-uuid";
@@ -192,6 +193,12 @@ bool machine_has_program(const char* name)
 {
     char path[PATH_MAX];
     return find_program(name, path);
+}
+
+bool machine_has_own_program(const char* name)
+{
+    char path[PATH_MAX];
+    return find_program(name, path) && strncmp(path, own_folder, sizeof own_folder - 1) == 0;
 }
 
 bool machine_ask(const char* program, const char* word, FileBytes* answer)

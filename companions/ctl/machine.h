@@ -45,6 +45,9 @@ constexpr size_t machine_name_size = 16; // of a process, in bytes with the NUL
 // Whether a program is installed where the service looks for it.
 [[nodiscard]] bool machine_has_program(const char* name);
 
+// Whether the service's package has a program of that name, and the service finds that one first.
+[[nodiscard]] bool machine_has_own_program(const char* name);
+
 // Whether the kernel has the module, loaded or not, or was built with it.
 [[nodiscard]] bool machine_has_module(const char* name);
 

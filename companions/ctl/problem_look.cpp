@@ -3,6 +3,7 @@
 #include "ctl/array.h"
 #include "lib/str.h"
 
+#include <ctype.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -41,7 +42,7 @@ static void write_text(const char* format, va_list* arguments, char (&text)[prob
 }
 
 // A problem that has no text yet.
-static Problem wordless(const char* id, bool note, const char* remedy)
+static Problem wordless(const char* id, bool note, Remedy remedy)
 {
     return {.id = id,
             .note = note,
@@ -63,8 +64,8 @@ static void append(ProblemTable* table, Problem* problem, const char* text)
         table->problems[table->count++] = *problem;
 }
 
-void problem_add(ProblemLook* look, const char* id, bool note, const char* remedy,
-                 const char* format, ...)
+void problem_add(ProblemLook* look, const char* id, bool note, Remedy remedy, const char* format,
+                 ...)
 {
     char text[problem_text_size];
     Problem problem = wordless(id, note, remedy);
@@ -77,8 +78,43 @@ void problem_add(ProblemLook* look, const char* id, bool note, const char* remed
 
 void problem_add_texts(ProblemLook* look, bool note, const FaultTexts& texts)
 {
-    Problem problem = wordless(texts.id, note, texts.remedy);
+    Problem problem = wordless(texts.id, note, {.text = texts.remedy, .prose = texts.prose});
     append(look->table, &problem, texts.text);
+}
+
+// Lends the argument that "$0" stands for; null for any other text.
+static const TextPart* argument_of(const Problem& problem, const char* text)
+{
+    if (problem.remedy.prose || text[0] != '$')
+        return nullptr;
+    const auto nth = static_cast<size_t>(text[1] - '0');
+    return nth < problem.argument_count ? &problem.arguments[nth] : nullptr;
+}
+
+// Whether a shell takes it for what it is.
+static bool is_plain(char letter)
+{
+    return isalnum(static_cast<unsigned char>(letter)) != 0 || letter < '\0' ||
+           strchr("/.:_-+@,", letter) != nullptr;
+}
+
+void problem_remedy(const Problem& problem, char (&text)[problem_text_size])
+{
+    size_t length = 0;
+    for (const char* from = problem.remedy.text; *from != '\0' && length + 1 < sizeof text;) {
+        const TextPart* argument = argument_of(problem, from);
+        if (argument == nullptr) {
+            text[length++] = *from++;
+            continue;
+        }
+        from += 2;
+        for (size_t i = argument->begin; i < argument->end && length + 2 < sizeof text; i++) {
+            if (!is_plain(problem.text[i]))
+                text[length++] = '\\';
+            text[length++] = problem.text[i];
+        }
+    }
+    text[length] = '\0';
 }
 
 void problems_end(ProblemTable* table)

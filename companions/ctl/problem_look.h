@@ -13,11 +13,28 @@ struct TextPart {
     size_t end;
 };
 
+// What is to be done: a command to be typed, or a sentence. In a command $0, $1 ... stand for the
+// arguments of the problem's text.
+struct Remedy {
+    const char* text; // borrowed, and is to last
+    bool prose;
+};
+
+constexpr Remedy typed(const char* command)
+{
+    return {.text = command, .prose = false};
+}
+
+constexpr Remedy prose(const char* sentence)
+{
+    return {.text = sentence, .prose = true};
+}
+
 struct Problem {
     const char* id; // for programs: "service_not_running"
     bool note;      // worth knowing, and nothing wrong
     char* text;     // owned
-    const char* remedy;
+    Remedy remedy;
     TextPart arguments[problem_arguments]; // of `text`, in its order
     size_t argument_count;
 };
@@ -36,11 +53,14 @@ struct ProblemLook {
     const FileServer* server; // that the shares are made for; null without one
 };
 
-// Adds a problem, or a note. Borrows `id` and `remedy`, which are to last.
+// Adds a problem, or a note. Borrows `id`, which is to last.
 __attribute__((format(printf, 5, 6))) void problem_add(ProblemLook* look, const char* id, bool note,
-                                                       const char* remedy, const char* format, ...);
+                                                       Remedy remedy, const char* format, ...);
 
 // The same, of texts that name nothing.
 void problem_add_texts(ProblemLook* look, bool note, const FaultTexts& texts);
+
+// Writes what is to be done, with the arguments as a shell takes them; cut where it is longer.
+void problem_remedy(const Problem& problem, char (&text)[problem_text_size]);
 
 void problems_end(ProblemTable* table);

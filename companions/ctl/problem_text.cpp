@@ -9,9 +9,9 @@ void problems_print(const Terminal& out, const ProblemTable& table)
 {
     for (size_t i = 0; i < table.count; i++) {
         const Problem& problem = table.problems[i];
-        fprintf(out.out, "%s", problem.note ? "note: " : "");
-        (void)text_show(out.out, problem.text, SIZE_MAX);
-        fprintf(out.out, "\n    %s\n", problem.remedy);
+        char remedy[problem_text_size];
+        problem_remedy(problem, remedy);
+        text_print(out.out, "%s%s\n    %s\n", problem.note ? "note: " : "", problem.text, remedy);
     }
 }
 
@@ -57,7 +57,10 @@ void problems_json(Json* json, const char* key, const ProblemTable& table)
         json_text(json, "text", problem.text);
         write_form(json, problem);
         write_arguments(json, problem);
-        json_text(json, "remedy", problem.remedy);
+        char remedy[problem_text_size];
+        problem_remedy(problem, remedy);
+        json_text(json, "remedy", remedy);
+        json_text(json, "remedy_kind", problem.remedy.prose ? "prose" : "command");
         json_close(json, '}');
     }
     json_close(json, ']');

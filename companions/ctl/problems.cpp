@@ -31,10 +31,10 @@ static void look_at_directories(ProblemLook* look)
     for (const auto& row : directories) {
         struct stat status;
         if (stat(row.path, &status) != 0) {
-            problem_add(look, "directory_missing", false, "vyhotplug-prepare", "%s %s: %s", row.key,
-                        row.path, strerror(errno));
+            problem_add(look, "directory_missing", false, typed("vyhotplug-prepare"), "%s %s: %s",
+                        row.key, row.path, strerror(errno));
         } else if (!S_ISDIR(status.st_mode)) {
-            problem_add(look, "directory_missing", false, "correct the configuration",
+            problem_add(look, "directory_missing", false, prose("correct the configuration"),
                         "%s %s is no directory", row.key, row.path);
         }
     }
@@ -51,6 +51,21 @@ static bool stat_directory_of(const char* path, struct stat* status)
     return stat(directory, status) == 0;
 }
 
+static void look_at_rights(ProblemLook* look, const char* path)
+{
+    struct stat status;
+    const int result = stat(path, &status) == 0 ? 0 : errno;
+    if (result == ENOENT)
+        return;
+    if (result != 0) {
+        problem_add(look, "open_to_others", false, prose("chown root and chmod 644 it"),
+                    "%s cannot be read: %s", path, strerror(result));
+    } else if (status.st_uid != 0 || (status.st_mode & 022) != 0) {
+        problem_add(look, "open_to_others", false, typed("chown root:root $0 && chmod go-w $0"),
+                    "%s may be changed by others than root", path);
+    }
+}
+
 // The service makes its files in /tmp and moves them, which only works on one filesystem.
 static void look_at_files(ProblemLook* look)
 {
@@ -61,26 +76,21 @@ static void look_at_files(ProblemLook* look)
     for (const char* path : files) {
         struct stat status;
         if (!stat_directory_of(path, &status)) {
-            problem_add(look, "directory_missing", false, "vyhotplug-prepare",
+            problem_add(look, "directory_missing", false, typed("vyhotplug-prepare"),
                         "%s: its directory is not there", path);
         } else if (known && status.st_dev != tmp.st_dev) {
-            problem_add(look, "other_filesystem", false,
-                        "put it on the filesystem of /tmp; vyhotplug-prepare makes a link there",
-                        "%s is not on the filesystem of /tmp, the service cannot replace it", path);
+            problem_add(
+                look, "other_filesystem", false,
+                prose("put it on the filesystem of /tmp; vyhotplug-prepare makes a link there"),
+                "%s is not on the filesystem of /tmp, the service cannot replace it", path);
         }
-        if (stat(path, &status) == 0 && (status.st_uid != 0 || (status.st_mode & 022) != 0))
-            problem_add(look, "open_to_others", false, "chown root and chmod 644 it",
-                        "%s may be changed by others than root", path);
+        look_at_rights(look, path);
     }
 }
 
 static void look_at_own_file(ProblemLook* look)
 {
-    struct stat status;
-    const char* path = look->setup->paths.config;
-    if (stat(path, &status) == 0 && (status.st_uid != 0 || (status.st_mode & 022) != 0))
-        problem_add(look, "open_to_others", false, "chown root and chmod 644 it",
-                    "%s may be changed by others than root", path);
+    look_at_rights(look, look->setup->paths.config);
 }
 
 static void look_at_tmp(ProblemLook* look)
@@ -88,10 +98,12 @@ static void look_at_tmp(ProblemLook* look)
     struct statvfs status;
     if (statvfs("/tmp", &status) != 0)
         return;
-    if ((status.f_flag & ST_RDONLY) != 0)
-        problem_add(look, "tmp_read_only", false, "mount -o remount,rw /tmp", "/tmp is read-only");
-    else if (status.f_bavail == 0)
-        problem_add(look, "tmp_full", false, "make room in /tmp", "/tmp is full");
+    if ((status.f_flag & ST_RDONLY) != 0) {
+        problem_add(look, "tmp_read_only", false, typed("mount -o remount,rw /tmp"),
+                    "/tmp is read-only");
+    } else if (status.f_bavail == 0) {
+        problem_add(look, "tmp_full", false, prose("make room in /tmp"), "/tmp is full");
+    }
 }
 
 // ---- mistakes in the files ----
@@ -103,7 +115,7 @@ struct About {
     ProblemLook* look;
     const char* path;
     const char* id;
-    const char* remedy;
+    Remedy remedy;
 };
 
 } // namespace
@@ -125,15 +137,24 @@ static bool find_user(const char* name, uint32_t* id)
     return user != nullptr;
 }
 
+static void tell_unread(const About* about, int error)
+{
+    problem_add(about->look, about->id, false, prose("chown root and chmod 644 it"),
+                "%s cannot be read: %s", about->path, strerror(-error));
+}
+
 static void look_at_keys(ProblemLook* look)
 {
     About about = {.look = look,
                    .path = look->setup->paths.config,
                    .id = "configuration",
-                   .remedy = "correct it, then: systemctl restart vyhotplugd"};
+                   .remedy = prose("correct it, then: systemctl restart vyhotplugd")};
     FileBytes text;
-    if (file_read_all(about.path, 0, FILE_ANY_SIZE, &text) == 0)
+    const int result = file_read_all(about.path, 0, FILE_ANY_SIZE, &text);
+    if (result == 0)
         (void)config_check(text.bytes.get(), text.size, tell_finding, &about);
+    else
+        tell_unread(&about, result);
 }
 
 static void look_at_lines(ProblemLook* look)
@@ -141,10 +162,17 @@ static void look_at_lines(ProblemLook* look)
     About about = {.look = look,
                    .path = look->setup->config->deviceconfigpath,
                    .id = "settings",
-                   .remedy = "vyhotplugctl set, or edit"};
+                   .remedy = prose("vyhotplugctl set, or edit")};
     FileBytes text;
-    if (file_read_all(about.path, 0, FILE_ANY_SIZE, &text) == 0)
+    int result = look->view->device_file;
+    if (result == -ENOENT)
+        return; // no disk was ever plugged
+    if (result == 0)
+        result = file_read_all(about.path, 0, FILE_ANY_SIZE, &text);
+    if (result == 0)
         (void)settings_check(text.bytes.get(), text.size, find_user, tell_finding, &about);
+    else
+        tell_unread(&about, result);
 }
 
 namespace {
@@ -182,7 +210,7 @@ static void check_ids(ProblemLook* look, UserNumbers* known, const Item& item, c
     for (const vylist_node* node = users->next; node != vylist_end(users); node = node->next) {
         const int32_t uid = *static_cast<const int32_t*>(node->data);
         if (!user_exists(known, uid)) {
-            problem_add(look, "no_such_user", false, "vyhotplugctl set, or edit",
+            problem_add(look, "no_such_user", false, typed("vyhotplugctl edit $0"),
                         "%s: nobody has the user number %d", item_name(item),
                         static_cast<int>(uid));
         }
@@ -210,7 +238,7 @@ static void look_at_names(ProblemLook* look)
         for (size_t j = 0; j < i && item.share != nullptr; j++) {
             const Item& other = look->view->items[j];
             if (other.share != nullptr && strcasecmp(other.share, item.share) == 0) {
-                problem_add(look, "name_twice", false, "vyhotplugctl set TARGET share=NAME",
+                problem_add(look, "name_twice", false, typed("vyhotplugctl set $1 share=NAME"),
                             "%s and %s are both called %s: only one is shared", item_name(other),
                             item_name(item), item.share);
             }
@@ -223,10 +251,10 @@ static void look_at_names(ProblemLook* look)
 static void look_at_service(ProblemLook* look)
 {
     if (!look->view->service_runs) {
-        problem_add(look, "service_not_running", false, "systemctl start vyhotplugd",
+        problem_add(look, "service_not_running", false, typed("systemctl start vyhotplugd"),
                     "the service is not running");
     } else if (machine_was_replaced("vyhotplugd")) {
-        problem_add(look, "service_replaced", false, "systemctl restart vyhotplugd",
+        problem_add(look, "service_replaced", false, typed("systemctl restart vyhotplugd"),
                     "the service that runs is older than the one that is installed");
     }
 }
@@ -235,10 +263,10 @@ static void look_at_agent(ProblemLook* look)
 {
     if (!machine_runs("vyhotplug-agent")) {
         problem_add(look, "agent_not_running", access("/run/systemd/system", F_OK) != 0,
-                    "systemctl start vyhotplug-agent",
+                    typed("systemctl start vyhotplug-agent"),
                     "no agent runs that tells the service of disks (mdev may do that, too)");
     } else if (machine_was_replaced("vyhotplug-agent")) {
-        problem_add(look, "agent_replaced", false, "systemctl restart vyhotplug-agent",
+        problem_add(look, "agent_replaced", false, typed("systemctl restart vyhotplug-agent"),
                     "the agent that runs is older than the one that is installed");
     }
 }
@@ -247,11 +275,20 @@ static void look_at_agent(ProblemLook* look)
 
 static void look_at_label_tools(ProblemLook* look)
 {
-    static constexpr const char* tools[] = {"mlabel", "ntfsvlabel"};
-    for (const char* tool : tools) {
-        if (!machine_has_program(tool))
-            problem_add(look, "label_tool_missing", true, "install the package again",
-                        "there is no %s: shares are not called after labels", tool);
+    const ConfHotplug& config = *look->setup->config;
+    const struct {
+        const char* name;
+        bool is_run;
+    } tools[] = {{"mlabel", config.labels == 0 && config.fatvolumelabel != 0},
+                 {"ntfsvlabel", config.labels == 0},
+                 {"vylabel", config.labels != 0}};
+    for (const auto& tool : tools) {
+        if (tool.is_run && !machine_has_own_program(tool.name)) {
+            problem_add(look, "label_tool_missing", !machine_has_program(tool.name),
+                        typed("apt-get install --reinstall vyhotplugd"),
+                        "the service's own %s is missing, and another one may write to the medium",
+                        tool.name);
+        }
     }
 }
 
@@ -264,11 +301,11 @@ static void look_at_filesystems(ProblemLook* look)
         const char* needed = driver ? "fuse" : row.type;
         if (!machine_has_filesystem(needed)) {
             problem_add(look, "filesystem_missing", filesystem_is_other(row),
-                        "install a kernel that has it, or leave it out of the configuration",
+                        prose("install a kernel that has it, or leave it out of the configuration"),
                         "this kernel has no %s", needed);
         }
         if (driver && !machine_has_program("ntfs-3g"))
-            problem_add(look, "driver_missing", false, "apt-get install ntfs-3g",
+            problem_add(look, "driver_missing", false, typed("apt-get install ntfs-3g"),
                         "there is no ntfs-3g");
     }
 }
@@ -282,9 +319,10 @@ static void look_at_protections(ProblemLook* look)
         FileBytes value;
         (void)snprintf(path, sizeof path, "/proc/sys/fs/%s", name);
         // A file of /proc that tells no size.
-        if (file_read_all(path, 0, 64, &value) == 0 && value.bytes.get()[0] == '0')
-            problem_add(look, "protection_off", true, "sysctl -w, and a line in /etc/sysctl.d",
+        if (file_read_all(path, 0, 64, &value) == 0 && value.bytes.get()[0] == '0') {
+            problem_add(look, "protection_off", true, typed("sysctl -w fs.$0=1"),
                         "fs.%s is 0: others may lay traps in /tmp", name);
+        }
     }
 }
 
@@ -296,12 +334,13 @@ static void look_at_disks(ProblemLook* look)
         const Item& item = look->view->items[i];
         if (item.state == ITEM_NOT_MOUNTED) {
             problem_add(look, "not_mounted", false,
-                        "docs/troubleshooting.md has a section for each reason",
+                        typed("less /usr/share/doc/vyhotplugd/docs/troubleshooting.md"),
                         "%s is not mounted: %s", item_name(item),
                         item.reason != nullptr ? item.reason : "");
         }
         if (item.state == ITEM_GONE) {
-            problem_add(look, "directory_gone", false, "make it, or: vyhotplugctl forget TARGET",
+            problem_add(look, "directory_gone", false,
+                        prose("make it, or: vyhotplugctl forget TARGET"),
                         "%s is to be shared, and is not there",
                         item.directory != nullptr ? item.directory : item_name(item));
         }

@@ -15,10 +15,11 @@ void look_at_bridge(ProblemLook* look)
     const FileServer* server = look->server;
     if (!file_server_is_told()) {
         problem_add(look, "bridge_not_running", false,
-                    server != nullptr ? server->start_bridge : "install vynas-samba or vynas-ksmbd",
+                    server != nullptr ? typed(server->start_bridge)
+                                      : prose("install vynas-samba or vynas-ksmbd"),
                     "no file-sharing service reads the shares");
     } else if (server != nullptr && machine_was_replaced(server->bridge)) {
-        problem_add(look, "bridge_replaced", false, server->restart_bridge,
+        problem_add(look, "bridge_replaced", false, typed(server->restart_bridge),
                     "the bridge that runs is older than the one that is installed");
     }
 }
@@ -29,7 +30,7 @@ static void compare_version(ProblemLook* look, const char* program)
     char expected[256];
     (void)snprintf(expected, sizeof expected, "%s %s\n", program, vy_build);
     if (machine_ask(program, "--version", &told) && strcmp(told.bytes.get(), expected) != 0) {
-        problem_add(look, "other_version", false, "install all packages of one version",
+        problem_add(look, "other_version", false, prose("install all packages of one version"),
                     "this is vyhotplugctl %s, and %s is another", vy_build, program);
     }
 }
@@ -56,6 +57,18 @@ static ServerFault find_fault(const ProblemLook& look)
     return server.reads_list(server) ? SERVER_FAULTS : SERVER_NOT_SET_UP;
 }
 
+// One of them alone can have the port: which one clients meet is chance.
+static void look_at_other_servers(ProblemLook* look)
+{
+    if (!file_server_runs(*look->server, *look->setup))
+        return;
+    for (const FileServer& other : file_servers) {
+        if (&other != look->server && file_server_runs(other, *look->setup))
+            problem_add(look, "other_server", false, typed(other.stop), "%s runs beside %s",
+                        other.name, look->server->name);
+    }
+}
+
 void look_at_file_server(ProblemLook* look)
 {
     FileBytes users;
@@ -64,6 +77,7 @@ void look_at_file_server(ProblemLook* look)
     const ServerFault fault = find_fault(*look);
     if (fault != SERVER_FAULTS)
         problem_add_texts(look, false, look->server->faults[fault]);
+    look_at_other_servers(look);
     if (file_server_read_users(*look->server, &users) && users.size == 0)
         problem_add_texts(look, false, look->server->faults[SERVER_NO_USERS]);
 }
@@ -112,7 +126,7 @@ static void look_at_avahi(ProblemLook* look)
     if (server == nullptr || !machine_runs("avahi-daemon") || find_fault(*look) != SERVER_FAULTS ||
         server->tells_avahi() || machine_any_file_has(avahi_folder, "_smb._tcp"))
         return;
-    problem_add(look, "avahi_not_told", false, server->tell_avahi,
+    problem_add(look, "avahi_not_told", false, typed(server->tell_avahi),
                 "no file tells Avahi of the file server");
 }
 

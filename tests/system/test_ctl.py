@@ -224,11 +224,15 @@ class Terminal(CtlTest):
     def test_narrow_and_wide(self):
         self.start_daemon()
         self.plug(self.make_partition("sda1"))
+        with open(vyworld.SHARE_FILE, "a", encoding="utf-8") as file:  # a problem that is told of
+            for name, part in (("One", "sdy1"), ("ONE", "sdz1")):
+                file.write(f"[{name}]\nIdentifier=1:2:{part}:1\nPath={vyworld.MOUNT_DIR}/{part}\n")
         for columns in (20, 40, 80, 200):
             text = re.sub("\033\\[[0-9;]*m", "", self.on_terminal(columns, "status"))
             self.assertLessEqual(max(map(len, text.split("\r\n"))), columns, text)
             self.assertIn("sda1", text)
             self.assertIn("shared", text)
+            self.assertIn("\n! sdy1 and sdz1 ", text)
         self.assertIn("░", self.on_terminal(100, "status"))
         self.assertNotIn("░", self.ctl("status").out)
         self.assertIn(" .......... ", self.on_terminal(100, "status", LC_ALL="C"))
@@ -911,7 +915,8 @@ class Watch(CtlTest):
         self.assertEqual(bytes_read(), before)
         self.assertEqual(read_lines("/tmp/watched"), [])
 
-    def test_what_is_not_plugged_is_changed_and_forgotten(self):
+    def watch_what_was_unplugged(self):
+        """Of a stick that has settings, and is a share called Music when it is plugged."""
         self.start_daemon()
         stick = self.make_partition("sda1")
         self.plug(stick)
@@ -920,6 +925,9 @@ class Watch(CtlTest):
         self.start_watch("--json")
         self.wait_until("it watches", lambda: os.path.exists("/tmp/watched"))
         self.let_it_idle()
+
+    def test_what_is_not_plugged_is_changed_and_forgotten(self):
+        self.watch_what_was_unplugged()
         self.assertEqual(self.events(), [])
         self.assert_ctl("set", "Music", "comment=away")
         self.wait_for_event(None, "changed")
@@ -927,6 +935,11 @@ class Watch(CtlTest):
         self.wait_for_event(None, "forgotten")
         self.assertEqual({name for name, _ in self.events()}, {None})
         self.assertEqual([word for _, word in self.events()][-1], "forgotten")  # it may be emptied before
+
+    def test_a_device_file_that_is_moved_away(self):
+        self.watch_what_was_unplugged()
+        os.rename(vyworld.DEVICE_FILE, vyworld.DEVICE_FILE + ".away")
+        self.wait_for_event(None, "forgotten")
 
     def test_the_service_ends_and_starts(self):
         """Killed, so that it leaves everything as it is."""
@@ -975,6 +988,12 @@ class Check(CtlTest):
             "directory_missing": f"devicepath {vyworld.CONFIG} is no directory",
             "other_filesystem": "/tmp/other/shares is not on the filesystem of /tmp, the service cannot replace it",
             "open_to_others": f"{vyworld.CONFIG} may be changed by others than root"})
+
+    def test_what_is_typed_and_what_is_said(self):
+        self.write_config(mountpath="/tmp/none", devicepath=vyworld.CONFIG)
+        self.assertEqual([(problem["remedy"], problem["remedy_kind"])
+                          for problem in self.ask("check", "--configuration", status=FAILED)["problems"]],
+                         [("vyhotplug-prepare", "command"), ("correct the configuration", "prose")])
 
     def test_what_a_translation_is_made_of(self):
         hostile = "/tmp/$0 %s\u202e"
@@ -1095,7 +1114,7 @@ class Serving(CtlTest):
 
     def told(self):
         """Problems of serving: what to type by identifier; notes are marked."""
-        words = ("bridge_", "other_version", "samba_", "ksmbd_", "avahi_", "wsdd_")
+        words = ("bridge_", "other_version", "other_server", "samba_", "ksmbd_", "avahi_", "wsdd_")
         return {problem["id"]: ("note: " if problem["severity"] == "note" else "") + problem["remedy"]
                 for problem in self.ask("check", status=FAILED)["problems"] if problem["id"].startswith(words)}
 
@@ -1190,6 +1209,16 @@ class Serving(CtlTest):
         write("/etc/ksmbd/ksmbdpwd.db", "anna:aGFzaA==\n")
         shutil.copy(os.path.join(vyworld.FOLDER, "../../docs/examples/avahi/smb.service"), "/etc/avahi/services")
         self.assertEqual(self.told(), {})
+
+    def test_both_servers_at_once(self):
+        os.mkdir("/etc/ksmbd")
+        write("/etc/ksmbd/ksmbdpwd.db", "anna:aGFzaA==\n")
+        self.bridge("vynas-ksmbd")
+        os.makedirs(SYSFS + "/class/ksmbd-control")
+        self.start("ksmbd.mountd", "--config=" + self.KSMBD_LIST)
+        self.assertNotIn("other_server", self.told())
+        self.start("smbd")
+        self.assertEqual(self.told()["other_server"], "systemctl disable --now smbd")
 
     def test_users_without_a_ksmbd_password_are_told_of(self):
         self.start_daemon()
