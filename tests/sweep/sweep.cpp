@@ -165,7 +165,14 @@ void sweep_allocations(const Scenario& scenario)
         for (const bool onwards : {false, true})
             strikes.fail(
                 "allocation " + std::to_string(nth) + (onwards ? " and on" : "") + " fails",
-                [&] { memory_fail(nth, onwards); }, memory_failed);
+                [&] {
+                    memory_fail(nth, onwards);
+                    if (scenario.lasting != nullptr)
+                        *scenario.lasting = onwards;
+                    if (scenario.error != nullptr)
+                        *scenario.error = ENOMEM;
+                },
+                memory_failed);
     }
     if (!testing::Test::HasFailure())
         strikes.expect_of("allocation");
@@ -173,7 +180,8 @@ void sweep_allocations(const Scenario& scenario)
 }
 
 // Fails each call of the functions, each with each of its errors.
-static void sweep_functions(Strikes* strikes, const std::map<std::string, int>& functions,
+static void sweep_functions(const Scenario& scenario, Strikes* strikes,
+                            const std::map<std::string, int>& functions,
                             const std::function<void(const std::string&, int nth, int error)>& plan,
                             const std::function<bool()>& struck)
 {
@@ -182,6 +190,8 @@ static void sweep_functions(Strikes* strikes, const std::map<std::string, int>& 
             for (const int error : errors(call)) {
                 if (testing::Test::HasFailure())
                     return;
+                if (scenario.error != nullptr)
+                    *scenario.error = error;
                 strikes->fail(
                     call + " " + std::to_string(nth) + " fails with errno " + std::to_string(error),
                     [&, failing = call] { plan(failing, nth, error); }, struck);
@@ -195,11 +205,34 @@ void sweep_calls(const Scenario& scenario)
 {
     const Asked asked = count_what_is_asked(scenario);
     Strikes strikes(scenario);
-    sweep_functions(&strikes, asked.libc, call_fail, call_failed);
+    sweep_functions(scenario, &strikes, asked.libc, call_fail, call_failed);
     sweep_functions(
-        &strikes, asked.sys,
+        scenario, &strikes, asked.sys,
         [](const std::string& call, int nth, int error) { fake_world().fail(call, nth, error); },
         [] { return fake_world().failed > 0; });
     EXPECT_GT(strikes.total(), 0);
     printf("%d failures struck\n", strikes.total());
+}
+
+// ---- waiting ----
+
+static Polling polling;
+
+void sweep_polling(Polling stand_in)
+{
+    polling = std::move(stand_in);
+}
+
+extern "C" int __wrap_poll(pollfd* fds, nfds_t count, int timeout);
+
+int __wrap_poll(pollfd* fds, nfds_t count, int timeout)
+{
+    if (!polling)
+        return __real_poll(fds, count, timeout);
+    calls_overlook(true);
+    const int ready = polling(fds, count, timeout);
+    const int error = errno;
+    calls_overlook(false);
+    errno = error;
+    return ready;
 }
