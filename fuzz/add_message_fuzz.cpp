@@ -5,7 +5,6 @@
 // and product's name, and once more range, removable and read-only, as they may stand in sysfs, in
 // the place of the numbers.
 #include "agent/add_message.h"
-#include "common/text.h"
 #include "core/message.h"
 #include "support/check.h"
 #include "support/input.h"
@@ -57,16 +56,10 @@ static Whole read_device(Input* input)
     return device;
 }
 
-static void check_bytes(const char* text)
+static void check_bytes(std::string_view text)
 {
-    size_t length = 0;
-    for (const char* at = text; *at != '\0'; at += length) {
-        const auto byte = static_cast<unsigned char>(*at);
-        length = byte < 0x80 ? 1 : text_sequence(at);
-        check(length > 0, "it is UTF-8");
-        check(byte >= ' ' && byte != 0x7f, "no control character");
-        check(byte != '[' && byte != ']', "no bracket");
-    }
+    check(oracle_is_harmless(text), "it is UTF-8 without control characters");
+    check(text.find_first_of("[]") == std::string_view::npos, "no bracket");
 }
 
 static void check_items(const std::string& text)
@@ -91,12 +84,8 @@ static void check_prefix(const char* got, const char* given, const char* what)
 {
     if (got == nullptr)
         return;
-    std::string clean = given;
-    text_trim(clean.data());
-    clean.resize(strlen(clean.c_str()));
-    text_clean(clean.data(), ",[]");
-    clean.resize(strlen(clean.c_str()));
-    if (clean[0] == '=')
+    std::string clean = oracle_clean(oracle_trim(given), ",[]");
+    if (!clean.empty() && clean[0] == '=')
         clean[0] = '_';
     check_same(got, clean.substr(0, strlen(got)), what);
 }
@@ -105,9 +94,7 @@ static void check_prefix(const char* got, const char* given, const char* what)
 // `otherwise` for any other.
 static int64_t number_of(const char* text, int64_t least, int64_t most, int64_t otherwise)
 {
-    std::string trimmed = text;
-    text_trim(trimmed.data());
-    trimmed.resize(strlen(trimmed.c_str()));
+    const std::string trimmed = oracle_trim(text);
     const int64_t number = strtoll(trimmed.c_str(), nullptr, 10);
     if (number >= least && number <= most && trimmed == std::to_string(number))
         return number;

@@ -76,7 +76,8 @@ static void carry_out(BusyWorld* world, const HotplugCmd* cmd)
 
 void fuzz(Input& input)
 {
-    BusyWorld world;
+    static const BusyPlaces places; // of every input
+    BusyWorld world(&places);
     set_media();
     for (const std::string& bytes : input.fields(most_messages)) {
         const CmdGuard cmd(hotplug_cmd_create());

@@ -8,9 +8,9 @@
 #include "agent/diagnosis.h"
 #include "agent/kernel_log.h"
 #include "agent/volume.h"
-#include "common/text.h"
 #include "support/check.h"
 #include "support/input.h"
+#include "support/oracles.h"
 
 #include <string.h>
 
@@ -107,10 +107,7 @@ static std::string device_in(const std::string& text)
 
 static void check_text(const char* text)
 {
-    for (const char* at = text; *at != '\0'; at += text_sequence(at)) {
-        check(text_sequence(at) > 0, "it is UTF-8");
-        check(static_cast<unsigned char>(*at) >= ' ' && *at != 0x7f, "no control character");
-    }
+    check(oracle_is_harmless(text), "it is UTF-8 without control characters");
 }
 
 static std::string check_kernel(const std::string& record)
@@ -127,10 +124,7 @@ static std::string check_kernel(const std::string& record)
     if (is_plain_number && message != std::string::npos) {
         std::string text = record.substr(message + 1);
         text = text.substr(0, text.find('\n')).substr(0, kernel_line_size - 1);
-        std::string cleaned = text;
-        cleaned.resize(strlen(cleaned.c_str()));
-        (void)text_clean(cleaned.data(), "");
-        cleaned.resize(strlen(cleaned.c_str()));
+        const std::string cleaned = oracle_clean(text.c_str(), "");
         check_equal(taken, std::stoi(priority) <= 4 && !device_in(cleaned).empty(), "taken");
         if (taken)
             check_same(line.text, cleaned, "text");

@@ -174,7 +174,8 @@ void fuzz(Input& input)
     const std::string text = std::string(input.line().c_str()).substr(0, HOTPLUG_TARGET_SIZE - 1);
     const bool mounting = input.line() != "unmount";
     const bool force = input.number(0, 1) == 1;
-    BusyWorld world;
+    static const BusyPlaces places; // of every input
+    BusyWorld world(&places);
     std::vector<Entry> entries;
     std::string line;
     while (entries.size() < most_entries && !(line = input.line()).empty())

@@ -2,6 +2,7 @@
 
 #include "fake/fake_log.h"
 #include "support/input.h"
+#include "support/memory.h"
 
 #include <dirent.h>
 #include <errno.h>
@@ -48,9 +49,11 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
+    second_opinion_begins();
     Input input(data, size);
     fuzz(input);
     fake_log_clear();
+    second_opinion_ends();
     return 0;
 }
 

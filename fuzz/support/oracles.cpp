@@ -137,6 +137,83 @@ std::string oracle_copy_u8(const std::string& text, uint32_t size)
     }
 }
 
+// ---- UTF-8 ----
+
+// The character of so many bytes at a place; more than there are characters where there is none.
+static uint32_t decode(std::string_view text, size_t place, size_t length)
+{
+    static const uint32_t least[] = {0, 0, 0x80, 0x800, 0x10000};
+    if (length == 0 || place + length > text.size())
+        return UINT32_MAX;
+    const auto lead = static_cast<unsigned char>(text[place]);
+    if (length == 1)
+        return lead;
+    uint32_t character = lead & (0xFFU >> (length + 1));
+    for (size_t i = 1; i < length; i++) {
+        const auto byte = static_cast<unsigned char>(text[place + i]);
+        if (byte < 0x80 || byte > 0xBF)
+            return UINT32_MAX;
+        character = character * 64 + (byte - 0x80U);
+    }
+    const bool surrogate = character >= 0xD800 && character <= 0xDFFF;
+    return character < least[length] || surrogate ? UINT32_MAX : character;
+}
+
+size_t oracle_sequence(std::string_view text, size_t place)
+{
+    if (place >= text.size())
+        return 0;
+    const size_t length = sequence_length(static_cast<unsigned char>(text[place]));
+    return decode(text, place, length) <= 0x10FFFF ? length : 0;
+}
+
+static bool is_control(uint32_t character)
+{
+    return character < 0x20 || (character >= 0x7F && character < 0xA0);
+}
+
+static bool is_harmless_at(std::string_view text, size_t place, size_t length)
+{
+    return length > 0 && !is_control(decode(text, place, length));
+}
+
+bool oracle_is_harmless(std::string_view text)
+{
+    for (size_t place = 0; place < text.size();) {
+        const size_t length = oracle_sequence(text, place);
+        if (!is_harmless_at(text, place, length))
+            return false;
+        place += length;
+    }
+    return true;
+}
+
+std::string oracle_clean(std::string_view text, std::string_view forbidden)
+{
+    std::string clean;
+    for (size_t place = 0; place < text.size();) {
+        const size_t length = oracle_sequence(text, place);
+        if (is_harmless_at(text, place, length) &&
+            forbidden.find(text[place]) == std::string_view::npos)
+            clean += text.substr(place, length);
+        else
+            clean += '_';
+        place += length > 0 ? length : 1;
+    }
+    return clean;
+}
+
+std::string oracle_trim(std::string_view text)
+{
+    while (!text.empty() && (text.front() == ' ' || text.front() == '\t'))
+        text.remove_prefix(1);
+    while (!text.empty() && (text.back() == ' ' || text.back() == '\t'))
+        text.remove_suffix(1);
+    return std::string(text);
+}
+
+// ---- lists and maps ----
+
 std::vector<std::string> oracle_items(const std::string& text)
 {
     std::vector<std::string> items;

@@ -29,19 +29,47 @@ static void make_directory(const std::string& path)
     must(mkdir(path.c_str(), 0755) == 0 || errno == EEXIST, path);
 }
 
+// An empty file, in as few calls as can be: most often there is none yet.
 static void make_file(const std::string& path)
 {
-    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    must(fd >= 0 && close(fd) == 0, path);
+    must(mknod(path.c_str(), S_IFREG | 0644, 0) == 0 || truncate(path.c_str(), 0) == 0, path);
 }
 
-BusyWorld::BusyWorld()
+// A directory that is most often empty by then, which is cheaper to find out than to look through
+// it.
+static void remove_directory(const std::string& path)
 {
+    if (rmdir(path.c_str()) != 0)
+        std::filesystem::remove_all(path);
+}
+
+// ---- places ----
+
+static constexpr char mount_directory[] = "/media/mnt";
+static constexpr char node_directory[] = "/media/dev";
+static constexpr char mount_table[] = "/etc/mtab";
+
+BusyPlaces::BusyPlaces()
+{
+    make_directory(mount_directory);
+    make_directory(node_directory);
+    make_file(mount_table);
+}
+
+BusyPlaces::~BusyPlaces()
+{
+    remove_directory(mount_directory);
+    remove_directory(node_directory);
+}
+
+// ---- the world ----
+
+BusyWorld::BusyWorld(const BusyPlaces* places)
+{
+    if (places == nullptr)
+        own_places_.emplace();
     fake_world_reset();
     fake_log_clear();
-    make_directory(mountpath);
-    make_directory(devicepath);
-    make_file("/etc/mtab");
     config.naswork = 1;
     config.smbconfigpath = share_file.data();
     config.deviceconfigpath = device_file.data();
@@ -58,17 +86,35 @@ BusyWorld::BusyWorld()
     must(crtsec_init() == 0, "there is a busy-device set");
 }
 
+// Removes what the journal says that was made, and the files that it says were moved into place.
+void BusyWorld::take_back() const
+{
+    const FakeWorld& world = fake_world();
+    for (const std::string& call : world.calls("mknod "))
+        (void)unlink(call.substr(6, call.find(' ', 6) - 6).c_str()); // it may be gone again
+    for (const std::string& call : world.calls("mkdir "))
+        (void)rmdir(call.substr(6, call.find(' ', 6) - 6).c_str());
+    const bool renamed = world.count("rename") > 0;
+    if (renamed || world.count("mount") > 0)
+        must(truncate(mount_table, 0) == 0, mount_table);
+    for (const std::string& file : {share_file, device_file}) {
+        if (renamed || own_places_)
+            unlink(file.c_str()); // not everybody makes them
+    }
+}
+
 BusyWorld::~BusyWorld()
 {
     for (MountEntry* entry : entries()) {
         crtsec_blk_del(entry);
         mount_entry_free(entry);
     }
+    for (const std::string& name : put_) {
+        (void)rmdir(directory_of(name).c_str()); // it may be gone
+        (void)unlink(node_of(name).c_str());
+    }
     crtsec_term();
-    std::filesystem::remove_all(mountpath);
-    std::filesystem::remove_all(devicepath);
-    for (const std::string& file : {share_file, device_file})
-        unlink(file.c_str()); // not every input makes them
+    take_back();
     fake_world_reset();
     fake_log_clear();
 }
@@ -83,6 +129,7 @@ MountEntry* BusyWorld::add(const HotplugDev& dev, const std::string& name, bool 
     if (mounted) {
         entry->mounted = 1;
         entry->fstype = CONF_DEV_FS_FAT;
+        put_.push_back(name);
         make_file(entry->devnode);
         make_directory(entry->mountpoint);
         fake_world().mounts[entry->mountpoint] = {entry->devnode, "vfat", 0, ""};
@@ -102,10 +149,10 @@ std::vector<MountEntry*> BusyWorld::entries() const
 
 std::string BusyWorld::node_of(const std::string& name)
 {
-    return "/media/dev/" + name;
+    return std::string(node_directory) + "/" + name;
 }
 
 std::string BusyWorld::directory_of(const std::string& name)
 {
-    return "/media/mnt/" + name;
+    return std::string(mount_directory) + "/" + name;
 }
