@@ -215,6 +215,10 @@ static void write_results(const std::string& path, const std::vector<Note>& case
 
 static int tell_outcome(const std::vector<Note>& cases)
 {
+    if (cases.empty()) {
+        printf("no case has that name\n");
+        return 1;
+    }
     size_t failed = 0;
     for (const Note& note : cases) {
         if (note.state != "fail")

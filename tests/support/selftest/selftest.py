@@ -16,13 +16,17 @@ SUITE = "<testsuite>{}</testsuite>".format
 FAILED, PASSED = ('<testcase name="system.{}" status="%s"/>' % status for status in ("fail", "run"))
 
 
+def run_cases(build, source, *options):
+    return subprocess.run([build / "bin/world", "--keep", source, "--keep", build, "--", build / "bin/bad_cases",
+                           *options], check=False, cwd="/")
+
+
 def main():
     build, source = (pathlib.Path(argument).resolve() for argument in sys.argv[1:])
     results = build / "selftest"
     cases = results / "self.cases"
     cases.mkdir(parents=True, exist_ok=True)
-    run = subprocess.run([build / "bin/world", "--keep", source, "--keep", build, "--", build / "bin/bad_cases",
-                          f"--results={cases}/unit.bad.xml", "--limit=2"], check=False, cwd="/")
+    run = run_cases(build, source, f"--results={cases}/unit.bad.xml", "--limit=2")
     found = {case.get("name").split(".")[1]: case.get("status")
              for case in ElementTree.parse(cases / "unit.bad.xml").iter("testcase")}
     (results / "self.xml").write_text(SUITE('<testcase name="unit.bad" status="fail"/>'))
@@ -37,6 +41,8 @@ def main():
         faults.append("the second try is not told")
     if run.returncode != 1 or count.returncode != 1 or not count.stdout.endswith(f": {COUNTED}\n"):
         faults.append(f"status {run.returncode}, counted with status {count.returncode}")
+    if run_cases(build, source, "--gtest_filter=NoSuch.Case").returncode != 1:
+        faults.append("a name that no case has passes")
     print("\n".join(faults))
     return 1 if faults else 0
 
