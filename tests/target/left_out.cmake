@@ -19,6 +19,8 @@ if(VY_C_LIBRARY)
 endif()
 
 if(VY_C_LIBRARY STREQUAL uclibc)
+  vy_leave_out("getpwnam(3) there reads no line of 256 characters"
+    SettingParse.AUsersNameMayBeVeryLong)
   vy_leave_out_system("error numbers of MIPS are not this machine's"
     startup.End.the_socket_name_in_use_ends_the_daemon)
 endif()
@@ -38,9 +40,14 @@ if(CMAKE_CROSSCOMPILING_EMULATOR)
     AnnouncerTest.TellsOfADeviceOnceOthersHaveMadeRoom
     IniOracle.AgreesOnEveryValueOfGeneratedFiles)
   vy_leave_out_system("looks at /proc, which shows the emulator's command line"
+    ctl.Check.what_runs
     startup.Detached.the_configuration_in_the_working_directory_comes_first
     startup.Detached.the_daemon_starts_itself_again_with_absolute_paths
     startup.Detached.the_default_configuration_and_level_are_used_without_options)
+  vy_leave_out_system("the end of another process is not told through the emulator"
+    ctl.Watch.the_service_ends_and_starts)
+  vy_leave_out_system("the emulator leads the root directory to the sysroot, which is not root's alone for a strict service"
+    ctl.Settings.a_strict_service_takes_them)
   vy_leave_out_system("looks at /proc, which shows the emulator's signals"
     startup.End.a_second_stop_signal_kills_a_daemon_that_hangs)
 endif()

@@ -12,6 +12,7 @@ from vmtest import VmTest
 SCRIPTS = "/etc/init.d"
 MADE = "/run/vynas-ksmbd/ksmbd.conf"
 LIMIT = 3 << 20  # bytes of flash, without the kernel
+CTL_LIMIT = 80500  # bytes of vyhotplugctl
 PROGRAMS = {"vyhotplugd", "vyhotplug-agent", "vynas-ksmbd", "syslogd", "klogd", "init"}
 SHARES = {"sda1": ("HOLIDAY(A1)", "vfat"), "sda2": ("MUSIC(A2)", "ntfs"), "sda3": ("WORK(A3)", "ext4")}
 
@@ -53,6 +54,7 @@ class Box(VmTest):
     def test_it_starts_within_its_flash(self):
         image = os.path.join(self.vm.kind.build, "image")
         self.assertLess(os.path.getsize(f"{image}/root.squashfs"), LIMIT)
+        self.assertLess(os.path.getsize(f"{image}/root/usr/bin/vyhotplugctl"), CTL_LIMIT)
         root, = (mount for mount in self.vm.state().all_mounts if mount.directory == "/")
         self.assertEqual((root.type, root.flags[0]), ("squashfs", "ro"))
         self.assertEqual(self.vm.run(f"stat -c '%u %g %a %n' /etc/vyhotplugd /var/lib/vyhotplugd {SCRIPTS}/S91vyhotplugd"),
