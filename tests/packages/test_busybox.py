@@ -121,6 +121,15 @@ class BusyboxScript(Machine):
             self.assertEqual(os.readlink(f"/proc/{self.pids_of(name)[0]}/cwd"), "/", name)
         self.run_ok(self.BRIDGE_SCRIPT, "stop")
 
+    def test_an_agent_that_takes_its_time(self):
+        slow = "/usr/local/sbin/slow-agent"
+        self.write(slow, '#!/bin/sh\nsleep 2\nexec /usr/sbin/vyhotplug-agent "$@"\n')
+        os.chmod(slow, 0o755)
+        self.run_ok(self.SCRIPT, "stop")
+        self.write("/etc/default/vyhotplugd", f"agent={slow}\n")
+        self.run_ok(self.SCRIPT, "start")
+        self.run_ok(self.SCRIPT, "status")
+
     def test_options_of_the_machine(self):
         self.run_ok(self.SCRIPT, "stop")
         self.write("/etc/default/vyhotplugd", "daemon_options='-l 7'\nagent=\nshare_service=\n")

@@ -35,7 +35,9 @@ VYHOTPLUGD_POST_INSTALL_TARGET_HOOKS += VYHOTPLUGD_INSTALL_FILES
 
 ifeq ($(BR2_PACKAGE_VYHOTPLUGD_MDEV),y)
 define VYHOTPLUGD_INSTALL_MDEV
-	printf 'agent=\n' > $(TARGET_DIR)/etc/default/vyhotplugd
+	printf 'agent=\nscan=/usr/sbin/vyhotplug-agent\n' \
+		> $(TARGET_DIR)/etc/default/vyhotplugd
+	$(SED) '/^adopt *=/d' $(TARGET_DIR)/etc/vyhotplugd/vyhotplugd.conf
 	grep -qF vyhotplug-agent $(TARGET_DIR)/etc/mdev.conf || \
 		cat $(VYHOTPLUGD_APPLIANCE)/mdev.conf \
 			>> $(TARGET_DIR)/etc/mdev.conf
