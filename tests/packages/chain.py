@@ -3,7 +3,7 @@
 
 usage: chain.py DEBIAN PACKAGES RESULT [SCENARIO]...
            DEBIAN is what debian_root.sh has made, PACKAGES the folder with the packages, RESULT the file to
-           write. Without a name, all scenarios.
+           write. Without a name, all scenarios; with names those and Install, which comes before them.
        chain.py --scenario NAME ORDER     used by itself, in new namespaces
 """
 import json
@@ -17,14 +17,15 @@ import debian_world
 from debian_world import testkit
 from test_busybox import BusyboxInit, BusyboxScript
 from test_chain import Chain, Names
+from test_command import Command
 from test_completion import Completion
 from test_install import Install, Removal, RemovalElsewhere
 from test_other_bridge import OtherBridge
 from test_units import Systemd, UnitLines
 
 # The first one alone, for the others begin with what it leaves; of the others those first that take longest.
-SCENARIOS = (Install, Systemd, Chain, Names, Removal, BusyboxScript, UnitLines, BusyboxInit, Completion,
-             RemovalElsewhere, OtherBridge)
+SCENARIOS = (Install, Systemd, Chain, Names, Removal, BusyboxScript, UnitLines, BusyboxInit, Command,
+             Completion, RemovalElsewhere, OtherBridge)
 AT_ONCE = 4  # they wait most of the time
 
 
@@ -93,12 +94,21 @@ def keep_logs(order, packages, results):
         print(f"logs: {logs}")
 
 
+def choose(names):
+    """The scenarios that are named, in the table's order, each once; the first, with which the others begin, always."""
+    unknown = set(names) - {scenario.__name__ for scenario in SCENARIOS}
+    if unknown:
+        sys.exit(f"no scenario {', '.join(sorted(unknown))}")
+    return [scenario for scenario in SCENARIOS
+            if not names or scenario is SCENARIOS[0] or scenario.__name__ in names]
+
+
 def main():
     by_name = {scenario.__name__: scenario for scenario in SCENARIOS}
     if sys.argv[1] == "--scenario":
         debian_world.run_scenario(by_name[sys.argv[2]], json.loads(sys.argv[3]))
     debian, packages, path = sys.argv[1:4]
-    chosen = [Install, *map(by_name.get, sys.argv[4:])] if sys.argv[4:] else SCENARIOS
+    chosen = choose(sys.argv[4:])
     order = Order(debian, packages)
     results = run_all(order, chosen)
     told = [test for scenario in chosen for test in

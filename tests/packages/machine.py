@@ -217,19 +217,31 @@ class Machine(Scenario):
     def wait_for_mounts(self, *names):
         self.wait_until(f"mounts {names}", lambda: self.mounted() == set(names))
 
-    def set_for_device(self, identifier, **settings):
-        """As an administrator would: a new device file is moved into place."""
+    def section_of(self, identifier):
+        """The device file's text before a device's section, in it and behind it."""
         text = self.read(DEVICE_FILE)
         before, header, rest = text.partition(f"[{identifier}]\n")
         self.assertTrue(header, text)
         section, following, others = rest.partition("\n[")
-        for key, value in settings.items():
-            words = key.replace("_", " ").title()
-            section = re.sub(f"^{words}=.*$", f"{words}={value}", section, flags=re.MULTILINE)
-            self.assertIn(f"{words}={value}", section)
-        self.write(DEVICE_FILE + ".new", before + header + section + following + others)
-        os.rename(DEVICE_FILE + ".new", DEVICE_FILE)
-        os.kill(self.pids_of("vyhotplugd")[0], signal.SIGHUP)
+        return before + header, section, following + others
+
+    def set_for_device(self, identifier, **settings):
+        """As an administrator would: a new device file is moved into place; again where a refresh that had read the
+        one before writes it anew."""
+        wanted = {key.replace("_", " ").title(): value for key, value in settings.items()}
+        while True:
+            before, section, behind = self.section_of(identifier)
+            for words, value in wanted.items():
+                section = re.sub(f"^{words}=.*$", f"{words}={value}", section, flags=re.MULTILINE)
+                self.assertIn(f"{words}={value}", section)
+            self.write(DEVICE_FILE + ".new", before + section + behind)
+            moved = os.stat(DEVICE_FILE + ".new").st_ino
+            os.rename(DEVICE_FILE + ".new", DEVICE_FILE)
+            os.kill(self.pids_of("vyhotplugd")[0], signal.SIGHUP)
+            self.wait_until("a refresh", lambda moved=moved: os.stat(DEVICE_FILE).st_ino != moved)
+            section = self.section_of(identifier)[1]
+            if all(f"{words}={value}" in section for words, value in wanted.items()):
+                return
 
     def assert_testparm(self):
         """Samba's own judgement of its configuration; returns the shares' names in it."""

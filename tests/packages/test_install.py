@@ -35,6 +35,9 @@ class Install(Scenario):
         said = self.run_ok(*APT_INSTALL, *packages, env=NONINTERACTIVE, limit=600)
         self.assertNotRegex(said, r"(?im)^(W|E|warning|error|dpkg: warning):")
         self.assertEqual(self.run_ok("dpkg", "--audit"), "")
+        status, wrong = self.run_any("vyhotplugctl", "check")
+        self.assertEqual(status, 1, "nothing runs")
+        self.assertIn(wrong, said)
 
     def test_the_other_bridge_is_packed_and_not_beside_this_one(self):
         package, = (str(path) for path in pathlib.Path(EXCHANGE, "other").glob("*.deb"))
