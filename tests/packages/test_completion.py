@@ -78,3 +78,26 @@ class Completion(Scenario):
         shown = self.type_into_bash("vyunmount \t\t", "vymount mmcblka\t")
         self.assertRegex(shown, r"\nall +mmcblk +mmcblka1 +sd +sda1 +sda2 +\r\n")
         self.assertIn("\r\nvymount mmcblka1 \r\n", shown)
+
+    def test_vyhotplugctls_calls_and_options_complete(self):
+        shown = self.type_into_bash("vyhotplugctl \t\t", "vyhotplugctl status --\t\t", "vyhotplugctl st\t--a\t")
+        self.assertEqual(set(shown.split("\r\nvyhotplugctl ")[1].split()),
+                         {"status", "show", "who", "set", "unset", "edit", "forget", "mount", "unmount", "eject", "watch",
+                          "users", "check", "help"})
+        self.assertRegex(shown, r"\n--all +--json +\r\n")
+        self.assertIn("\r\nvyhotplugctl status --all \r\n", shown)
+
+    def test_vyhotplugctls_targets_and_settings_complete(self):
+        """The first word of each partition that the command shows; and no blank behind what wants a value."""
+        named = {"sda1": "1234:00ab:SER1:1", "sdb12": "$(touch /tmp/x):1"}
+        self.write("/tmp/shares", "".join(f"[Share {name}]\nIdentifier={identity}\nPath=/media/vyhotplug/{name}\n"
+                                          for name, identity in named.items()))
+        self.write("/tmp/vynasmira/vyhotplugd.conf", "deviceconfigpath = /tmp/devices\nsmbconfigpath = /tmp/shares\n"
+                                                     "mountpath = /media/vyhotplug\n")
+        os.rename("/etc/vyhotplugd/vyhotplugd.conf", "/etc/vyhotplugd/aside")  # it would count
+        shown = self.type_into_bash("vyhotplugctl unmount sda\t--f\t", "vyhotplugctl unmount \t\t\t",
+                                    "vyhotplugctl set sdb\tread-\tyes gu\tno")
+        self.assertIn("\r\nvyhotplugctl unmount sda1 --force \r\n", shown)
+        self.assertRegex(shown, r"\nsda1 +sdb12 +\r\n")
+        self.assertIn("\r\nvyhotplugctl set sdb12 read-only=yes guest=no\r\n", shown)
+        self.assertFalse(os.path.exists("/tmp/x"))
