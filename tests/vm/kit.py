@@ -5,6 +5,7 @@ only unpacked, never installed: the machine's own list of packages stays as it i
 """
 
 import dataclasses
+import fcntl
 import functools
 import glob
 import lzma
@@ -27,8 +28,13 @@ CACHE = os.path.join(PROJECT, "build", "cache", "vm")
 MODULES = ("usb-storage uas xhci-pci ehci-pci ohci-pci uhci-hcd sd_mod sdhci-pci mmc_block vfat nls_cp437 nls_ascii"
            " nls_iso8859-1 nls_utf8 ext4 crc32c_generic fuse").split()
 
-# The kernel's file server and a card to reach it by, loaded by the tests that need them: "sh /vm/load server".
-SERVER = "e1000 ecb cmac ccm gcm ctr sha512_generic ksmbd tcp_diag".split()
+# A card to reach a file server by, and where foreign programs are that the first filesystem has no room for; loaded by the
+# tests that need them: "sh /vm/load network" and so on.
+NETWORK = ["e1000"]
+DISK = "virtio_pci virtio_blk ext4".split()
+
+# The kernel's file server.
+KSMBD = "ecb cmac ccm gcm ctr sha512_generic ksmbd tcp_diag".split()
 
 # What a board's kernel has built in for an image that is its first filesystem: "sh /vm/load image".
 IMAGE = "loop squashfs".split()
@@ -43,7 +49,7 @@ IMAGE_GUEST_FILES = {"init": "init-image", "vm/load": "load"}
 # Where the service and its companions are installed, where their build puts them, and other names of theirs.
 PROGRAMS = {"usr/bin/vyhotplugctl": "vyhotplugctl",
             "usr/sbin/vyhotplugd": "vyhotplugd", "usr/sbin/vyhotplug-agent": "vyhotplug-agent",
-            "usr/sbin/vynas-ksmbd": "vynas-ksmbd",
+            "usr/sbin/vynas-ksmbd": "vynas-ksmbd", "usr/sbin/vynas-samba": "vynas-samba",
             "usr/libexec/vyhotplugd/mlabel": "libexec/mlabel",
             "usr/libexec/vyhotplugd/vyhotplug-prepare": "vyhotplug-prepare"}
 LINKS = {"usr/sbin/vymount": "vyhotplugd", "usr/sbin/vyunmount": "vyhotplugd", "usr/sbin/vyhotpluginfo": "vyhotplugd",
@@ -65,13 +71,14 @@ class Kind:
     preset: str = "release"
     append: str = ""  # words for the kernel
     needed: tuple = ("@vm",)  # packages on this machine, for tests/support/install-packages
-    server: bool = False  # with ksmbd's programs
+    server: bool = False  # with ksmbd's programs, and a disk with Samba's
     others: tuple = ()  # besides OTHERS
     suite: str = ""  # Debian's, for the kernel; this machine's unless named
     sysroot: str = ""  # the script of cmake/ that makes the service's C library, where it is not Debian's
     like: str = ""  # the machine that it shares kernel and foreign programs with
     image: str = ""  # the script that makes its first filesystem, in which nothing is the tests' own
     guest: str = "/vm/guest"  # where the program that looks at everything is
+    can_be_kept: bool = False  # whether a machine that has booted can be written to a file, for others to go on from
 
     @property
     def folder(self):
@@ -85,6 +92,11 @@ class Kind:
     @property
     def kernel_image(self):
         return os.path.join(self.folder, "kernel")
+
+    @property
+    def samba_disk(self):
+        """An image with Samba's programs, for a disk that is only read."""
+        return os.path.join(self.folder, "samba.img")
 
     @property
     def build(self):
@@ -107,17 +119,26 @@ SERVER_PACKAGES = ("ksmbd-tools", "libc6", "libglib2.0-0t64", "libatomic1", "lib
                    "libnl-genl-3-200")
 SERVER_PROGRAMS = ("adduser", "control", "mountd")
 
+# Samba's, of this release as the service's C library is. They look for each other and for their libraries where they are
+# installed: links lead from there to the disk that has them.
+SAMBA_PROGRAMS = ("usr/sbin/smbd", "usr/bin/smbcontrol", "usr/bin/smbpasswd", "usr/bin/smbstatus",
+                  "usr/libexec/samba/samba-dcerpcd", "usr/libexec/samba/rpcd_classic", "usr/libexec/samba/rpcd_lsad")
+SAMBA_DISK = "samba"  # where it is mounted
+SAMBA_LIBRARIES = ("lib/x86_64-linux-gnu", "usr/lib/x86_64-linux-gnu")
+SAMBA_PLACES = (*SAMBA_LIBRARIES, *SAMBA_PROGRAMS)
+
 PACKAGES = ("busybox-static", "ntfs-3g", "libntfs-3g89", "libc6", "libblkid1", "util-linux")
 KINDS = {
     "x86": Kind("x86", "amd64", "linux-image-amd64", PACKAGES, ("qemu-system-x86_64", "-M", "pc"),
                 ("dummy_hcd", "usb_f_mass_storage"), ("lib/x86_64-linux-gnu", "usr/lib/x86_64-linux-gnu"),
                 # On a busy machine the kernel finds its timer late, and gives up.
-                append="no_timer_check"),
+                append="no_timer_check", can_be_kept=True),
     # For ksmbd, of Debian's next release: in this one's kernel (6.1.170 to 6.1.192 were tried) it dereferences a null
     # pointer when a client opens a directory.
     "server": Kind("server", "amd64", "linux-image-amd64", PACKAGES, ("qemu-system-x86_64", "-M", "pc"), (),
                    ("lib/x86_64-linux-gnu", "usr/lib/x86_64-linux-gnu"), append="no_timer_check", server=True, others=("ntfs3",),
-                   suite=SERVER_SUITE),
+                   suite=SERVER_SUITE, can_be_kept=True),
+    # Not to be kept: where there is no MSI-X, QEMU's xHCI controller fails an assertion when its state is read.
     "mips": Kind("mips", "mipsel", "linux-image-4kc-malta", PACKAGES, ("qemu-system-mipsel", "-M", "malta"),
                  (), ("lib/mipsel-linux-gnu", "usr/lib/mipsel-linux-gnu"), preset="mips-uclibc",
                  needed=("@vm", "@vm-mips"), sysroot="build-uclibc-sysroot"),
@@ -170,9 +191,15 @@ def apt(*arguments, suite="", **options):
 
 
 def fetch(kind):
-    """Kernel and programs of a machine, once."""
-    if os.path.exists(os.path.join(kind.folder, "fetched")):
-        return
+    """Kernel and programs of a machine, once; whoever comes meanwhile waits."""
+    os.makedirs(CACHE, exist_ok=True)
+    with open(os.path.join(CACHE, "lock"), "w", encoding="ascii") as lock:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        if not os.path.exists(os.path.join(kind.folder, "fetched")):
+            download(kind)
+
+
+def download(kind):
     say(f"{kind.name}: downloading kernel and programs")
     shutil.rmtree(kind.folder, ignore_errors=True)
     packages = os.path.join(kind.folder, "packages")
@@ -211,6 +238,41 @@ def fetch_server(kind):
     os.rename(packages + "/root", root)
     shutil.rmtree(packages)
     return root
+
+
+def make_samba_disk(kind):
+    """Samba's programs and what they are linked to, as a filesystem, once."""
+    if os.path.exists(kind.samba_disk):
+        return
+    say(f"{kind.name}: downloading Samba")
+    folder = os.path.join(kind.folder, "samba")
+    shutil.rmtree(folder, ignore_errors=True)
+    packages = os.path.join(folder, "packages")
+    os.makedirs(packages + "/partial")
+    apt("apt-get", "update", "-q")
+    apt("apt-get", "install", "-qq", "--download-only", "--no-install-recommends", "-o", f"Dir::Cache::archives={packages}",
+        f"samba:{kind.architecture}")
+    for package in glob.glob(packages + "/*.deb"):
+        run("dpkg-deb", "-x", package, folder + "/root")
+    roots = (kind.root, folder + "/root")  # the C library is the one whose loader the first filesystem has
+    places = (SAMBA_LIBRARIES[1] + "/samba", *SAMBA_LIBRARIES)
+    disk = folder + "/disk"
+
+    def take(path):
+        """A file of the packages, and what it is linked to."""
+        source = next(f"{root}/{path}" for root in roots if os.path.exists(f"{root}/{path}"))
+        os.makedirs(os.path.dirname(f"{disk}/{path}"), exist_ok=True)
+        shutil.copy(source, f"{disk}/{path}")
+        for name in needed_by(source)[0]:
+            library = next(f"{place}/{name}" for root in roots for place in places if os.path.exists(f"{root}/{place}/{name}"))
+            if not os.path.exists(f"{disk}/{library}"):
+                take(library)
+
+    for program in SAMBA_PROGRAMS:
+        take(program)
+    run("mkfs.ext4", "-q", "-d", disk, "-O", "^has_journal", kind.samba_disk + ".part", "160M")
+    os.rename(kind.samba_disk + ".part", kind.samba_disk)
+    shutil.rmtree(folder)
 
 
 def unpack_kernel(image, out):
@@ -431,11 +493,16 @@ def make_initramfs(kind, programs, sysroot):
         add_program(archive, name, os.path.join(kind.root, name), known, folders)
     if kind.server:
         add_server(archive, kind)
+        make_samba_disk(kind)
+        archive.folder(SAMBA_DISK)
+        for place in SAMBA_PLACES:
+            archive.link(place, f"/{SAMBA_DISK}/{place}")
     if sysroot:
         folders = [os.path.join(sysroot, "lib")]
     for name, program in PROGRAMS.items():
         add_program(archive, name, os.path.join(programs, program), known, folders)
-    add_modules(archive, kind, order=MODULES, more=kind.modules, others=(*OTHERS, *kind.others), server=SERVER)
+    add_modules(archive, kind, order=MODULES, more=kind.modules, others=(*OTHERS, *kind.others), network=NETWORK, disk=DISK,
+                ksmbd=KSMBD)
     archive.close()
 
 

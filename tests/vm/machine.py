@@ -5,9 +5,11 @@ commands and their output over a second serial port, QEMU's control protocol.
 """
 
 import ctypes
+import hashlib
 import json
 import os
 import re
+import shlex
 import select
 import signal
 import socket
@@ -64,12 +66,40 @@ class Wire:
         return line
 
 
-class Machine:
-    """A running machine of a kind ("x86", "mips", ...). `folder` keeps its logs."""
+class Booted:
+    """Machines that have booted, in a folder, for others of the same make; without one, every machine boots."""
 
-    def __init__(self, kind, folder, devices=(), append=""):
+    def __init__(self, folder, *make):
+        self.path = folder and os.path.join(folder, hashlib.sha256(repr(make).encode()).hexdigest()[:16])
+
+    def exists(self):
+        return bool(self.path) and os.path.exists(self.path)
+
+    def is_wanted(self):
+        """At the second boot of a make: most kinds of machines are used once. One of several at a time keeps it."""
+        if not self.path:
+            return False
+        with open(self.path + ".boots", "ab", buffering=0) as boots:
+            boots.write(b"x")
+            return boots.tell() == 2
+
+
+class Machine:
+    """A running machine of a kind ("x86", "mips", ...). `folder` keeps its logs.
+
+    It starts where another of the same kind and devices, kept in the folder `booted`, was behind its boot and the
+    command `prepared` in its shell.
+    """
+
+    def __init__(self, kind, folder, devices=(), append="", booted="", prepared="true"):
         self.kind = kit.KINDS[kind]
         self.folder = folder
+        self.prepared = prepared
+        make = [re.sub(r"hostfwd=[^,]*", "", device) for device in devices]  # what leads out of a machine is no part of it
+        # A slot for cards goes on with an interrupt that nobody answers.
+        can_be_kept = self.kind.can_be_kept and not any("sdhci" in device for device in devices)
+        self.booted = Booted(booted if can_be_kept else "", kind, make, append, prepared)
+        self.goes_on = self.booted.exists()
         self.events = []
         self.commands = 0
         self.log_offset = 0
@@ -93,6 +123,8 @@ class Machine:
                    "-chardev", f"socket,id=control,fd={control}", "-mon", "chardev=control,mode=control"]
         for device in devices:
             command += device.split(" ", 1)
+        if self.goes_on:
+            command += ["-incoming", f"exec:cat {shlex.quote(self.booted.path)}"]
         with open(os.path.join(self.folder, "qemu.log"), "wb") as errors:
             process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=errors, stderr=errors,
                                        pass_fds=(control, shell), preexec_fn=die_with_parent)
@@ -101,8 +133,32 @@ class Machine:
         return process
 
     def boot(self):
-        """Waits for the guest's shell."""
+        """Waits for the guest's shell, in which the command `prepared` has been run."""
+        if self.goes_on:
+            self._wait_for_status("query-migrate", "completed")
+            self.qmp("cont")
+            return
         self._expect(rb"guest ready\n", LIMIT)
+        self.run(self.prepared)
+        if self.booted.is_wanted():
+            self._keep()
+
+    def _keep(self):
+        """For others: all of its memory, and what its devices know."""
+        self.qmp("stop")
+        self.qmp("migrate", uri=f"exec:cat >{shlex.quote(self.booted.path)}.part")
+        self._wait_for_status("query-migrate", "completed")
+        self._wait_for_status("query-status", "postmigrate")  # which comes a little later; before, it cannot go on
+        os.rename(f"{self.booted.path}.part", self.booted.path)
+        self.qmp("cont")
+
+    def _wait_for_status(self, query, wanted):
+        """Until its state is written or read."""
+        end = time.monotonic() + LIMIT
+        while (status := self.qmp(query).get("status")) != wanted:
+            if status == "failed" or time.monotonic() >= end:
+                raise GuestError(f"its state is not written or read: {status}")
+            time.sleep(0.02)
 
     def close(self):
         self.process.kill()
@@ -165,6 +221,11 @@ class Machine:
             self.record.flush()
         return int(match[1]), output.decode("utf-8", "surrogateescape")
 
+    def exchange(self, command, answer):
+        """Has another shell take the place of this one; nothing is sent to it before it answers."""
+        self.shell.near.sendall(command.encode() + b"\n")
+        self._expect(answer, LIMIT)
+
     def run(self, command, limit=LIMIT):
         """Runs a shell command that must succeed, and returns its output."""
         status, output = self.attempt(command, limit)
@@ -217,9 +278,10 @@ class Machine:
         self._attach(name, [f"{name}-0"], **options)
         self.usb[name].append(f"{name}-file")
 
-    def throttle(self, name, requests):
-        """So many requests a second; 0 for as many as there are."""
-        self.qmp("qom-set", path=f"/objects/{name}-brake", property="limits", value={"iops-total": requests})
+    def throttle(self, name, requests=0, size=0):
+        """So many requests and bytes a second; 0 for as many as there are."""
+        self.qmp("qom-set", path=f"/objects/{name}-brake", property="limits",
+                 value={"iops-total": requests, "bps-total": size})
 
     def pull(self, name):
         """Pulls a USB disk out, whatever goes on with it."""

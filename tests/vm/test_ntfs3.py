@@ -9,7 +9,7 @@ from vmtest import long_on
 
 class WithoutModule(OtherTest):
     machines = ("x86",)
-    modules = ""
+    prepared = "true"
     configuration = "mountfs = fat\notherfs = ntfs3\n"
 
     def test_it_is_said_and_the_driver_helps_where_it_is_wanted(self):
@@ -65,6 +65,7 @@ class WithModule(OtherTest):
 class ManyMutants(Mutants):
     machines = ("server",)
     configuration = "mountfs = fat\notherfs = ntfs3\n"
+    named = {"vfat", "ntfs"}
 
     def test_of_ntfs(self):
         self.go_through("ntfs")

@@ -15,6 +15,7 @@ from kit import testkit
 from machine import CONFIG, LIMIT
 from state import TABLE, as_text, node_of, place_of
 
+NOT_MOUNTED = "/run/vyhotplugd/not-mounted"
 QUIET = 2.5  # seconds in which the service would go on if it had anything left to do
 SETTINGS = ("Comment=\nRead Only=Disable\nGuest Access=Disable\nGuest Hide=Disable\nFull Access Users=\n"
             "Read Only Users=\nBlock Users=\nHide Users=\n")
@@ -44,13 +45,17 @@ class VmTest(unittest.TestCase):
     long = ()
     devices = machine.USB
     append = ""
+    prepared = "true"  # what is run in the guest's shell before anything else
+    reasons = {}  # what lines() found last
     configuration = ""  # lines behind those of guest/vyhotplugd.conf; the last line of a key counts
 
     def setUp(self):
         signal.signal(signal.SIGINT, give_up)  # an exception like others, so that the traces are kept
         self.folder = os.environ["VY_VM_FOLDER"]
         self.images = 0
-        self.vm = machine.Machine(os.environ["VY_VM_MACHINE"], self.folder, self.devices, self.append)
+        boots_alone = type(self).before_boot is not VmTest.before_boot
+        self.vm = machine.Machine(os.environ["VY_VM_MACHINE"], self.folder, self.devices, self.append,
+                                  "" if boots_alone else os.environ.get("VY_VM_BOOTED", ""), self.prepared)
         self.addCleanup(self.vm.close)
         self.addCleanup(self._keep_traces)
         self.before_boot()
@@ -65,7 +70,7 @@ class VmTest(unittest.TestCase):
             self.assertEqual(state.table[:len(TABLE)], TABLE)  # no test may cost what others noted there
 
     def before_boot(self):
-        """What is plugged when the machine starts."""
+        """What is plugged when the machine starts; whoever has something there boots a machine of his own."""
 
     def start_service(self):
         self.start_daemon()
@@ -149,11 +154,10 @@ class VmTest(unittest.TestCase):
             last = max([line.time for line in state.log] + [signal["time"] for signal in state.service] + [0])
             daemons = {process["pid"] for process in state.of("vyhotplugd")}
             children = [process for process in state.processes if process["parent"] in daemons]
-            return state.time - last > quiet and not children
-        state = self.wait_until("the service is idle", is_idle)
-        if state.service:
-            self.assertEqual(as_text(state.service[-1]["shares"]), state.shares)
-        return state
+            # Before the signal the service writes everything to the disks, and says nothing however long that takes.
+            told = not state.service or as_text(state.service[-1]["shares"]) == state.shares
+            return state.time - last > quiet and not children and told
+        return self.wait_until("the service is idle, and has told what is shared", is_idle)
 
     def wait_for_mounts(self, *names):
         """Mounted are these and no others, and all of them are shared."""
@@ -162,6 +166,19 @@ class VmTest(unittest.TestCase):
             sorted(state.names) == sorted(names) == sorted(state.places) == sorted(state.nodes)
             and sorted(lines.get("Path", "") for lines in state.sections().values())
             == sorted(place_of(name) for name in names))
+
+    def lines(self):
+        """The file of what is not mounted: name to (numbers, code, type, words, command)."""
+        text = self.vm.run(f"cat {NOT_MOUNTED} 2>/dev/null || :")
+        return {line.split("\t")[0]: line.split("\t")[1:] for line in text.splitlines()}
+
+    def wait_for_lines(self, *names, limit=LIMIT * 2):
+        """Until the file tells of these and no others."""
+        def look(_):
+            self.reasons = self.lines()
+            return sorted(self.reasons) == sorted(names)
+        self.wait_until(f"not mounted, and said why: {', '.join(names) or 'nothing'}", look, limit)
+        return self.reasons
 
     def assert_same(self, before, after, without=()):
         """Two states' footprints, without these parts."""
