@@ -18,8 +18,8 @@ KINDS = {"fat32": (40, "c"), "fat16": (16, "e"), "ext2": (8, "83"), "ext3": (8, 
          "ntfs": (8, "7"), "corrupt": (8, "83"), "empty": (8, "83"), "broken-ext4": (8, "83"),
          "broken-fat": (40, "c"), "signature-exfat": (8, "7"), "exfat": (8, "7"), "f2fs": (64, "83"),
          "btrfs": (128, "83"), "xfs": (320, "83"), "udf": (8, "7"), "iso9660": (2, "cd"),
-         "journaled-hfsplus": (8, "af"), "locked-hfsplus": (8, "af"), "swap": (8, "82"),
-         "luks": (20, "83"), "several": (64, "83"), "hibernated": (8, "7")}
+         "hfsplus": (8, "af"), "journaled-hfsplus": (8, "af"), "locked-hfsplus": (8, "af"),
+         "swap": (8, "82"), "luks": (20, "83"), "several": (64, "83"), "hibernated": (8, "7")}
 
 RAW_LABEL = "LABELTOWRITE"[:11]
 
@@ -136,10 +136,10 @@ class Filesystem:
         os.unlink(path + ".iso")
 
     # Bits of a volume header's attributes, as TN1150 ("HFS Plus Volume Format") has them.
-    HFSPLUS_BITS = {"journaled": 1 << 13, "locked": 1 << 15}
+    HFSPLUS_BITS = {"hfsplus": 0, "journaled": 1 << 13, "locked": 1 << 15}
 
     def _hfsplus(self, path):
-        """A volume as it lies in a CD image for Macs, with a copy of its last header where the partition ends."""
+        """A volume as it lies in a CD image for Macs, with a copy of its header where the partition ends."""
         folder = self._content(path)
         run("xorriso", "-as", "mkisofs", "-quiet", "-hfsplus", *self._label("-V"), "-o", path + ".iso", folder)
         shutil.rmtree(folder)
@@ -149,11 +149,12 @@ class Filesystem:
         entry = next(at for at in range(512, 32768, 512) if image[at + 48:at + 58] == b"Apple_HFS\0")
         start, size = (512 * sectors for sectors in struct.unpack_from(">II", image, entry + 8))
         volume = bytearray(image[start:start + size])
-        for at in (1024, size - 1024):
-            bits, = struct.unpack_from(">I", volume, at + 4)
-            bits = bits & ~self.HFSPLUS_BITS["locked"] | self.HFSPLUS_BITS[self.kind.split("-")[0]]
-            struct.pack_into(">I", volume, at + 4, bits)
-        self._write(path, (0, volume), (self.size * MIB - 1024, volume[size - 1024:size - 512]))
+        if self.kind == "hfsplus":
+            hfsplus_grow(volume, self.size * MIB)
+        bits, = struct.unpack_from(">I", volume, 1024 + 4)
+        bits = bits & ~self.HFSPLUS_BITS["locked"] | self.HFSPLUS_BITS[self.kind.split("-")[0]]
+        struct.pack_into(">I", volume, 1024 + 4, bits)
+        self._write(path, (0, volume), (self.size * MIB - 1024, volume[1024:1536]))
 
     # ---- what is no filesystem ----
 
@@ -209,7 +210,7 @@ class Odd:
         odd_media.write(path, self.what, self.places)
 
 
-# ---- exFAT, in the terms of its published specification ----
+# ---- exFAT, in the words of its published format ----
 
 
 def rotated_sum(content, total=0):
@@ -253,6 +254,21 @@ def exfat_add_zeros(image, name, size):
     image.write(bits.to_bytes((bits.bit_length() + 7) // 8, "little"))
     image.seek(place(root) + free)
     image.write(exfat_entries(name, first + 2, size))
+
+
+# ---- HFS+, in the words of TN1150 ----
+
+
+def hfsplus_grow(volume, size):
+    """Gives a volume of a CD, which is full, `size` bytes, the rest of which are free; its last header is not written."""
+    block, total, free = struct.unpack_from(">III", volume, 1024 + 40)
+    blocks, place = struct.unpack_from(">II", volume, 1024 + 124)  # of the allocation file, a bit for each block
+    grown = size // block
+    for number in range(total, grown):
+        volume[place * block + number // 8] &= ~(0x80 >> number % 8)
+    volume[place * block + (grown - 1) // 8] |= 0x80 >> (grown - 1) % 8  # with the last header in it
+    struct.pack_into(">III", volume, 1024 + 44, grown, free + grown - total - 1, total)
+    struct.pack_into(">Q", volume, 1024 + 112, blocks * block)
 
 
 def written_sectors(file, start, size):

@@ -1,6 +1,7 @@
 """vyhotplugctl with real USB disks: what it says was done has been done to the hardware."""
 
 from media import Filesystem
+from state import place_of
 from vmtest import VmTest
 
 CTL = "vyhotplugctl"
@@ -13,16 +14,37 @@ class Ctl(VmTest):
         self.wait_for_mounts("sda1", "sda2")
         self.wait_for_idle()
 
-    def test_eject_takes_the_disk_away(self):
+    def test_a_busy_disk_stays_whole(self):
         self.plug_stick()
-        self.assertIn("/sys/block/sda\n", self.vm.run("ls -d /sys/block/sd* || true"))
-        self.use("sda2")
+        user = self.use("sda2")
         status, shown = self.vm.attempt(f"{CTL} eject sda 2>&1")
         self.assertEqual(status, 4, shown)
-        self.assertIn("sda2 is busy:", shown)
+        self.assertRegex(shown, rf"(?m)^sda2 is busy:\n.* \(process {user} of .*, file\) {place_of('sda2')}/readme.txt$")
         self.wait_for_mounts("sda1", "sda2")
+        self.assertEqual(self.vm.run("ls -d /sys/block/sd*"), "/sys/block/sda\n")
+        self.assert_file("sda1", "this is HOLIDAY\n")
 
-    def test_a_free_disk_is_gone_behind_it(self):
+    def test_a_disk_is_pulled_while_an_eject_waits(self):
+        self.plug_stick()  # so that what is compared has its agent
+        self.vm.pull("stick")
+        self.wait_for_mounts()
+        before = self.wait_for_idle()
+        self.plug_stick()
+        user = self.use("sda2")
+        self.start("eject", f"sh -c '{CTL} eject sda --wait 600 >/vm/told 2>&1; echo $? >/vm/status'")
+        # It sleeps between its looks, and has nothing else to wait for.
+        self.vm.run("until pid=$(pidof vyhotplugctl) && "
+                    "[ $(grep ^voluntary /proc/$pid/status | cut -f 2) -gt 10 ]; do sleep 0.05; done")
+        self.assertEqual(self.vm.run("cat /vm/status 2>/dev/null || true"), "")
+        self.vm.pull("stick")
+        self.wait_for_mounts()
+        self.vm.run("until [ -s /vm/status ]; do sleep 0.05; done")
+        self.assertEqual(self.vm.run("cat /vm/status /vm/told"), "0\nsda is unmounted: safe to pull\n")
+        self.vm.run(f"kill {user}")
+        self.assert_same(before, self.wait_for_idle())
+        self.plug_stick()  # the service goes on
+
+    def test_eject_takes_the_disk_away(self):
         self.plug_stick()
         device = self.vm.run("readlink -f /sys/block/sda/device/../../../..").strip()
         status, shown = self.vm.attempt(f"{CTL} eject HOLIDAY 2>/tmp/err")

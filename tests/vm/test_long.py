@@ -146,16 +146,23 @@ class ManyDisks(Disks):
         """Only sda to sdp have major 8."""
         before = self.wait_for_idle()
         self.make_disks(28, "ext2")
-        for count, (serial, name) in enumerate(zip(self.disks, letters(26) + ["aa", "ab"]), 1):
+        names = [*letters(26), "aa", "ab"]
+        for serial, name in zip(self.disks, names):
             self.plug_disk(serial)
             self.wait_for_kernel(f"sd{name}1")
         mounted = list(self.disks)[:16]
         self.wait_for_disks(mounted)
         self.wait_for_idle()
         self.wait_for_disks(mounted)
+        words = {"sdq1": "17th", "sdz1": "26th", "sdaa1": "27th", "sdab1": "28th"}
+        lines = self.wait_for_lines(*(f"sd{name}1" for name in names[16:]), limit=self.limit)
+        self.assertEqual({name: lines[name][1:] for name in words},
+                         {name: ["out-of-range", "-", f"{name} is on the {word} disk: out of range", "-"]
+                          for name, word in words.items()})
         for serial in self.disks:
             self.vm.pull(serial)
         self.wait_for_mounts()
+        self.wait_for_lines()
         self.assert_same(before, self.wait_for_idle())
 
 
