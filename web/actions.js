@@ -14,11 +14,7 @@ function tell(send, key, task) {
     send({ type: "task", key, task: task && { verb: "", phase: "running", message: "", status: null, holders: [], ...task } });
 }
 
-/**
- * Who holds any of these.
- *
- * @param {Item[]} parts
- */
+/** Who holds any of these. @param {Item[]} parts */
 async function holdersOf(parts) {
     const answers = await Promise.all(parts.filter(isMounted).map(part => ask("who", part.name ?? "")));
     return answers.flatMap(({ told }) => told?.holders ?? []);
@@ -63,11 +59,7 @@ export function dismissTask(send, key) {
     tell(send, key, undefined);
 }
 
-/**
- * The key of an item's settings.
- *
- * @param {Item} item
- */
+/** The key of an item's settings. @param {Item} item */
 export function settingsKey(item) {
     return `set ${item.identity ?? item.name}`;
 }
@@ -123,6 +115,15 @@ export function waitAndUnmount(send, item) {
     return unmount(send, item, ["--wait", String(WAIT_S)]);
 }
 
+/** What is known of an ejected disk. @param {string} told - "sda is unmounted and switched off: safe to pull" */
+function wayOut(told) {
+    if (told.includes(" and switched off"))
+        return _("It is switched off.");
+    if (told.includes(" and gone from the machine"))
+        return _("The machine has let go of it; its port may still have power.");
+    return _("It is unmounted; its port stays on.");
+}
+
 /** @param {Send} send @param {Item[]} parts @param {string[]} options */
 export async function eject(send, parts, options = []) {
     const disk = diskOf(parts[0].name ?? "");
@@ -131,9 +132,7 @@ export async function eject(send, parts, options = []) {
     const answer = await run(send, `disk ${disk}`, "eject", ["eject", ...options, "--", disk], parts, waits);
     if (answer === null)
         return;
-    const off = answer.out.includes("switched off"); // "sda is unmounted and switched off: safe to pull"
-    const how = off ? _("It is switched off.") : _("It is unmounted; its port stays on.");
-    send({ type: "notice", text: `${format(_("$0 ($1) may be pulled now."), title, disk)} ${how}` });
+    send({ type: "notice", text: `${format(_("$0 ($1) may be pulled now."), title, disk)} ${wayOut(answer.out)}` });
 }
 
 /** @param {Send} send @param {Item[]} parts */
@@ -141,12 +140,7 @@ export function waitAndEject(send, parts) {
     return eject(send, parts, ["--wait", String(WAIT_S)]);
 }
 
-/**
- * Detaches what is mounted, whoever holds it, and ejects the disk.
- *
- * @param {Send} send
- * @param {Item[]} parts
- */
+/** Detaches what is mounted, whoever holds it, and ejects the disk. @param {Send} send @param {Item[]} parts */
 export async function forceEject(send, parts) {
     const key = `disk ${diskOf(parts[0].name ?? "")}`;
     for (const part of parts.filter(isMounted)) {

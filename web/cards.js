@@ -22,11 +22,7 @@ function badges(item) {
     ];
 }
 
-/**
- * Why an item is not mounted, and what to do.
- *
- * @param {Item} item
- */
+/** Why an item is not mounted, and what to do. @param {Item} item */
 function explanation(item) {
     if (item.state === "gone")
         return h("p", { class: "why" }, format(_("$0 is to be shared, and is not there."), item.directory ?? ""));

@@ -60,12 +60,7 @@ function find(want, at, keyed) {
     return at && old && old.tag === want.tag && old.key === undefined ? at : null;
 }
 
-/**
- * Makes the children of a node what they are to be.
- *
- * @param {Node} parent
- * @param {Wanted[]} wanted
- */
+/** Makes the children of a node what they are to be. @param {Node} parent @param {Wanted[]} wanted */
 export function patch(parent, wanted) {
     /** @type {Map<string, Node>} */
     const keyed = new Map();

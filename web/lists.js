@@ -23,7 +23,7 @@ export function knownView(model, send) {
 function problemLine(one, kind) {
     return h("li", { class: `alert ${kind}` },
         h("p", {}, h("strong", {}, h("bdi", {}, toldView(problem(one))))),
-        h("p", {}, `${_("What to do:")} `, h("code", {}, remedyOf(one))));
+        h("p", {}, `${_("What to do:")} `, one.remedy_kind === "prose" ? h("span", {}, remedyOf(one)) : h("code", {}, remedyOf(one))));
 }
 
 /** @param {Model} model @param {() => void} check */

@@ -74,11 +74,7 @@ function takeStatus(model, { status }) {
     return forgetGone(next);
 }
 
-/**
- * Tasks, forms and drafts of what is no longer there go, unless they still run.
- *
- * @param {Model} model
- */
+/** Tasks, forms and drafts of what is no longer there go, unless they still run. @param {Model} model */
 function forgetGone(model) {
     const keys = new Set([...model.items, ...model.known].flatMap(item => [
         item.identity ?? "", item.name ?? "", item.name ? diskOf(item.name) : "",
@@ -94,13 +90,7 @@ function forgetGone(model) {
     };
 }
 
-/**
- * A line of `watch`.
- *
- * @param {Model} model
- * @param {{line: any}} event
- * @returns {Model}
- */
+/** A line of `watch`. @param {Model} model @param {{line: any}} event @returns {Model} */
 function takeLine(model, { line }) {
     const noted = line.event === "present" ? model : note(model, line);
     if (line.item === null || line.item === undefined)
@@ -131,21 +121,12 @@ function note(model, line) {
 
 // ---- what follows from it ----
 
-/**
- * The disk that a partition is on, by the service's names: "sda" of "sda1".
- *
- * @param {string} name
- */
+/** The disk that a partition is on, by the service's names: "sda" of "sda1". @param {string} name */
 export function diskOf(name) {
     return name.replace(/\d+$/, "");
 }
 
-/**
- * The disks in the order in which they came, with their partitions by number.
- *
- * @param {Model} model
- * @returns {Disk[]}
- */
+/** The disks in the order in which they came, with their partitions by number. @param {Model} model @returns {Disk[]} */
 export function disks(model) {
     /** @type {Map<string, Item[]>} */
     const found = new Map();
@@ -158,11 +139,7 @@ export function disks(model) {
     return [...found].map(([name, parts]) => ({ name, parts: parts.sort((a, b) => number(a) - number(b)) }));
 }
 
-/**
- * Directories of the machine itself that are shared.
- *
- * @param {Model} model
- */
+/** Directories of the machine itself that are shared. @param {Model} model */
 export function directories(model) {
     return model.items.filter(item => item.name === null);
 }
@@ -198,12 +175,7 @@ const ROLES = ["full", "readers", "blocked", "hidden"];
 /** @type {Record<string, "full_users" | "reading_users" | "blocked_users" | "hidden_users">} */
 const LISTS = { full: "full_users", readers: "reading_users", blocked: "blocked_users", hidden: "hidden_users" };
 
-/**
- * The role of each user who has one, by number.
- *
- * @param {Item} item
- * @returns {Record<string, string>}
- */
+/** The role of each user who has one, by number. @param {Item} item @returns {Record<string, string>} */
 export function roles(item) {
     /** @type {Record<string, string>} */
     const found = {};
@@ -227,11 +199,7 @@ export function choices(model, item) {
     return [...users, ...others.map(one => ({ ...one, full_name: null, samba_password: null }))];
 }
 
-/**
- * What `set` is to be given for roles by number.
- *
- * @param {Record<string, string>} chosen
- */
+/** What `set` is to be given for roles by number. @param {Record<string, string>} chosen */
 export function roleWords(chosen) {
     return ROLES.map(role => {
         const uids = Object.keys(chosen).filter(uid => chosen[uid] === role);
@@ -239,11 +207,7 @@ export function roleWords(chosen) {
     });
 }
 
-/**
- * What `set` is to be given for a name and a comment.
- *
- * @param {{share: string, comment: string}} names
- */
+/** What `set` is to be given for a name and a comment. @param {{share: string, comment: string}} names */
 export function nameWords({ share, comment }) {
     return [`share=${share}`, `comment=${comment}`];
 }

@@ -2,7 +2,7 @@
 
 import { h } from "./dom.js";
 import { _, format, isRunning, plural, size, use } from "./texts.js";
-import { failure } from "./told.js";
+import { failure, usesIn } from "./told.js";
 import { isUnderWay } from "./model.js";
 import { dismissTask, stop } from "./actions.js";
 
@@ -11,21 +11,12 @@ export function button(text, onclick, attributes = {}) {
     return h("button", { type: "button", class: "button", onclick, ...attributes }, text);
 }
 
-/**
- * What others have said, each piece in its language.
- *
- * @param {Told} told
- */
+/** What others have said, each piece in its language. @param {Told} told */
 export function toldView(told) {
     return told.map(({ text, lang }) => lang === null ? text : h("span", { lang }, text));
 }
 
-/**
- * A bar of used and free room; null where nothing is known.
- *
- * @param {Item} item
- * @param {string} title
- */
+/** A bar of used and free room; null where nothing is known. @param {Item} item @param {string} title */
 export function room(item, title) {
     if (item.size_bytes === null)
         return null;
@@ -71,11 +62,13 @@ export function taskView(send, key, task, more = {}) {
     if (task.phase === "asked")
         return h("div", { key: `asked ${key}`, class: "alert warning", role: "alert" }, ...(more.asked ?? []));
     const busy = task.phase === "busy";
+    const uses = busy ? usesIn(task.message) : [];
     return h("div", { key: `failed ${key}`, class: `alert ${busy ? "warning" : "danger"}`, role: "alert" },
         h("p", {}, toldView(failure(task))),
         busy && task.holders.length > 0 && h("p", {},
             plural("$0 process uses it:", "$0 processes use it:", new Set(task.holders.map(holder => holder.pid)).size)),
-        busy && task.holders.length === 0 && h("p", {}, _("Nobody was seen to hold it; a client may have just let go.")),
+        uses.map(one => h("p", {}, toldView(one))),
+        busy && task.holders.length === 0 && uses.length === 0 && h("p", {}, _("Nobody was seen to hold it; a client may have just let go.")),
         busy && h("ul", { class: "holders" }, task.holders.map(holderLine)),
         h("div", { class: "buttons" }, ...(busy ? more.busy ?? [] : []),
             button(busy ? _("Leave it mounted") : _("Dismiss"), () => dismissTask(send, key))));

@@ -13,21 +13,12 @@ const switches = [
     ["hide-from-guests", "hide_from_guests", () => _("Hidden from guests")],
 ];
 
-/**
- * An id for an element of an item's.
- *
- * @param {string} kind
- * @param {Item} item
- */
+/** An id for an element of an item's. @param {string} kind @param {Item} item */
 export function idOf(kind, item) {
     return `${kind}-${item.identity ?? item.name}`.replace(/[^\w-]/g, sign => `_${sign.charCodeAt(0).toString(16)}`);
 }
 
-/**
- * Puts the focus back to the button that a form came from.
- *
- * @param {string} id
- */
+/** Puts the focus back to the button that a form came from. @param {string} id */
 function focusSoon(id) {
     setTimeout(() => document.getElementById(id)?.focus());
 }
@@ -183,13 +174,7 @@ function controls(model, send, item) {
     ];
 }
 
-/**
- * What is set, and, where it is allowed, what changes it.
- *
- * @param {Model} model
- * @param {Send} send
- * @param {Item} item
- */
+/** What is set, and, where it is allowed, what changes it. @param {Model} model @param {Send} send @param {Item} item */
 export function settingsView(model, send, item) {
     const offered = model.access && item.identity !== null;
     const words = switches.filter(([, name]) => item.settings?.[name]).map(([, , say]) => say());

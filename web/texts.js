@@ -51,12 +51,7 @@ export function state(word) {
     return states[word]?.() ?? word;
 }
 
-/**
- * What a disk is: the maker's words, or else its kind.
- *
- * @param {string} disk
- * @param {Item[]} parts
- */
+/** What a disk is: the maker's words, or else its kind. @param {string} disk @param {Item[]} parts */
 export function diskTitle(disk, parts) {
     const device = parts.find(part => part.device)?.device;
     const words = [device?.vendor, device?.product].filter(word => word?.trim()).join(" ");
@@ -73,39 +68,36 @@ export function speed(mbit) {
     return format(_("$0, $1 Mbit/s"), generation, new Intl.NumberFormat(language()).format(mbit));
 }
 
-/**
- * What an item is called.
- *
- * @param {Item} item
- */
+/** What an item is called. @param {Item} item */
 export function itemTitle(item) {
     return item.share ?? item.settings?.share_name ?? item.label ?? item.name ?? item.identity ?? "";
 }
 
-/**
- * Who may enter.
- *
- * @param {Item} item
- */
+/** Who may enter. @param {Item} item */
 export function access(item) {
+    const everybody = item.read_only ? _("Everybody with a password may read.") : _("Everybody with a password may read and write.");
     const settings = item.settings;
     if (!settings)
-        return _("Everybody with a password may read and write.");
+        return everybody;
     const names = (/** @type {{name: string}[]} */ users) => users.map(user => user.name).join(", ");
-    const { full_users: full, reading_users: readers, blocked_users: blocked, hidden_users: hidden } = settings;
+    const { full_users: full, reading_users: reading, blocked_users: blocked, hidden_users: hidden } = settings;
+    const writers = item.read_only ? [] : full;
+    const readers = item.read_only ? [...full, ...reading] : reading;
     const words = [];
-    if (full.length + readers.length === 0)
-        words.push(_("Everybody with a password may read and write."));
-    if (full.length > 0)
-        words.push(format(_("May read and write: $0."), names(full)));
+    if (writers.length + readers.length === 0)
+        words.push(everybody);
+    if (writers.length > 0)
+        words.push(format(_("May read and write: $0."), names(writers)));
     if (readers.length > 0)
         words.push(format(_("May read: $0."), names(readers)));
     if (blocked.length > 0)
         words.push(format(_("May not enter: $0."), names(blocked)));
     if (hidden.length > 0)
         words.push(format(_("Do not see it: $0."), names(hidden)));
-    if (settings.guest)
-        words.push(settings.hide_from_guests ? _("Guests may enter, and do not see it.") : _("Guests may enter."));
+    if (settings.hide_from_guests)
+        words.push(_("Guests may not enter, and do not see it."));
+    else if (settings.guest)
+        words.push(_("Guests may enter."));
     return words.join(" ");
 }
 
@@ -158,11 +150,7 @@ export function isRunning(verb) {
     return running[verb]?.() ?? verb;
 }
 
-/**
- * What has not happened.
- *
- * @param {string} verb
- */
+/** What has not happened. @param {string} verb */
 export function isNotDone(verb) {
     return attempts[verb]?.() ?? "";
 }
@@ -174,11 +162,7 @@ const statuses = {
     5: () => _("It is no longer there."),
 };
 
-/**
- * What the exit status of vyhotplugctl means; "" where that is not one thing.
- *
- * @param {number | null} status
- */
+/** What the exit status of vyhotplugctl means; "" where that is not one thing. @param {number | null} status */
 export function meaning(status) {
     return statuses[status ?? -1]?.() ?? "";
 }
@@ -212,11 +196,7 @@ export function use(holder) {
     return uses[holder.use]?.() ?? holder.use;
 }
 
-/**
- * What keeps a user out, whatever is chosen; "" where nothing does, or nobody can tell.
- *
- * @param {User} user
- */
+/** What keeps a user out, whatever is chosen; "" where nothing does, or nobody can tell. @param {User} user */
 export function withoutPassword(user) {
     if (user.samba_password === false)
         return _("has no Samba password");

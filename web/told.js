@@ -14,13 +14,7 @@ function foreign(text) {
     return [{ text, lang: language().startsWith("en") ? null : "en" }];
 }
 
-/**
- * A form with its places filled.
- *
- * @param {string} form - in the language of the session
- * @param {Told[]} values
- * @returns {Told}
- */
+/** A form with its places filled. @param {string} form - in the language of the session @param {Told[]} values @returns {Told} */
 function fill(form, values) {
     return form.split(/(\$\d)/).filter(Boolean).flatMap(piece => /^\$\d$/.test(piece) ? values[Number(piece[1])] ?? [] : own(piece));
 }
@@ -54,12 +48,7 @@ function recognise(forms, text, say) {
     return null;
 }
 
-/**
- * Words that stand by themselves: an error of the system's, a message of Cockpit's.
- *
- * @param {string} text
- * @returns {Told}
- */
+/** Words that stand by themselves: an error of the system's, a message of Cockpit's. @param {string} text @returns {Told} */
 function words(text) {
     const said = _(text);
     return said === text ? foreign(text) : own(said);
@@ -91,11 +80,7 @@ function known(text) {
     return told && { why: told, remedy };
 }
 
-/**
- * A reason as the agent tells it, and what to type against it.
- *
- * @param {string} text
- */
+/** A reason as the agent tells it, and what to type against it. @param {string} text */
 export function reason(text) {
     const [why, remedy = ""] = text.split("; type: ");
     if (language().startsWith("en"))
@@ -133,12 +118,7 @@ function mistake(text) {
 
 // ---- problems ----
 
-/**
- * What stands behind a colon at the end of a sentence.
- *
- * @param {string} text
- * @returns {Told}
- */
+/** What stands behind a colon at the end of a sentence. @param {string} text @returns {Told} */
 function reported(text) {
     const told = known(text);
     const type = told?.remedy ? own(` ${_("Type:")} ${told.remedy}`) : [];
@@ -160,23 +140,24 @@ export function remedyOf(one) {
 
 // ---- why something was not done ----
 
+// What an exit status says by itself is not read.
 export const refusals = [
-    "the service is not running", "the service is not running, nothing is changed",
     "the service is not running, or what answers is not root's", "the service does not answer",
     "the service has ended; the change is in the file, and counts from its next start",
     "the change is in the file; the service: $0", "the change may be in the file all the same: $0",
     "the service does not hold the change: others write the device file at the same moment",
     "the change is in the file, but the service has not taken it; is /tmp full, or read-only?",
+    "the service runs with another configuration, nothing is changed; use -f $0",
     "$0 could not be mounted; what the service told: journalctl -u vyhotplugd", "$0 could not be mounted: $1",
-    "$0 could not be unmounted; nobody was seen to hold it", "$0 stays mounted", "$0 is not plugged",
-    "$0 is unmounted, but not switched off: $1", "nothing here is called $0; see: vyhotplugctl status --all",
-    "$0 has no settings before the service shares it",
+    "$0 stays mounted", "$0 is unmounted, but not switched off: $1", "$0 has no settings before the service shares it",
+    "another vyhotplugctl holds $0, and does not go on", "what others wrote meanwhile is in $0, and not in the file",
 ];
 export const faults = [
     "another share has that name, of $0; of two with one name only one is shared",
     "holds a control character, or bytes that are not UTF-8", "begins or ends with a blank, which would be lost",
     "holds a bracket, which no share's name can", "has $0 bytes, and $1 are kept; this fits: \"$2\"", "no such user: $0",
     "are more users than fit; let a group own the files instead",
+    "has a number beyond 2147483647, which the service does not take: $0",
 ];
 
 /** @type {Record<string, () => string>} */
@@ -197,6 +178,11 @@ function refusal(line) {
     return about && _(what) !== what ? own(`${about}: ${_(what)}`) : words(line);
 }
 
+/** @param {string} message @returns {string[]} without who says it */
+function linesOf(message) {
+    return message.split("\n").map(line => line.replace(/^vyhotplugctl: /, "").trimEnd());
+}
+
 /**
  * What a failed call has printed, without what was worth a note only and without who holds the disk.
  *
@@ -204,17 +190,28 @@ function refusal(line) {
  * @returns {Told}
  */
 export function printed(message) {
-    const lines = message.split("\n").map(line => line.replace(/^vyhotplugctl: /, "").trimEnd());
-    const wanted = lines.filter(line => line !== "" && !/^( |note: |.* is busy:$)/.test(line));
+    const wanted = linesOf(message).filter(line => line !== "" && !/^( |note: |.* is busy:$)/.test(line));
     return wanted.flatMap((line, at) => [...at > 0 ? own(" ") : [], ...refusal(line)]);
 }
 
-/**
- * A sentence or two on what failed.
- *
- * @param {{verb: string, status: number | null, message: string}} task
- * @returns {Told}
- */
+// What a disk is in use for that is not the service's; whose that mount is; why it may not be seen.
+export const uses = [
+    "$0 is mounted elsewhere, by somebody else: $1", "$0 is part of another device: LVM, RAID or encryption",
+    "$0 is a swap area in use",
+];
+export const owners = ["$0 of process $1 ($2)"];
+export const unseen = ["what else uses it cannot be seen: $0"];
+
+/** @param {string} message @returns {Told[]} a sentence for each such use that it tells of */
+export function usesIn(message) {
+    const named = (/** @type {string} */ one) => recognise(owners, one, own) ?? own(one);
+    return linesOf(message).flatMap(line => {
+        const told = recognise(uses, line, named) ?? recognise(unseen, line);
+        return told ? [told] : [];
+    });
+}
+
+/** A sentence or two on what failed. @param {{verb: string, status: number | null, message: string}} task @returns {Told} */
 export function failure({ verb, status, message }) {
     if (/the change (is|may be) in the file/.test(message))
         return printed(message);

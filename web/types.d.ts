@@ -63,6 +63,7 @@ interface Problem {
     form: string; // the text with $0, $1 ... in the place of the arguments
     arguments: string[];
     remedy: string;
+    remedy_kind?: "command" | "prose"; // an older vyhotplugctl does not tell
 }
 
 interface User {

@@ -2,6 +2,7 @@
 
 import os
 import signal
+import subprocess
 import time
 
 from web_world import DATA, LIMIT, PORT, WebTest, pause, vyworld
@@ -28,7 +29,7 @@ class Changes(WebTest):
             box.click()
             self.page.wait_until(f"{label} is set", lambda box=box: box.is_selected() and box.is_enabled())
             self.assertIn(f"{line}=Enable\n", self.held())
-        self.page.wait_for("Guests may enter, and do not see it.")
+        self.page.wait_for("Guests may not enter, and do not see it.")
         self.page.click("Forget: ")
         self.page.wait_for("All settings of Drive(A1) go")
         self.page.click("Keep them")
@@ -236,6 +237,27 @@ class German(WebTest):
         page.click("Erneut suchen")
         page.wait_for("sda2 ist nicht eingehängt: is up to something new", "5 Hinweise")
         self.assertEqual(set(english()), {"is up to something new"})
+
+    def test_a_disk_that_a_container_has_mounted(self):
+        disk, = self.plug("sda")
+        self.wait_for_mount("sda1")
+        page = self.open_page(language="de")
+        page.wait_for("Drive(A1)", "Freigegeben")
+        os.mkdir("/tmp/volume")
+        script = f"mount --bind {disk.directory} /tmp/volume && echo ready && exec sleep 1000"
+        with subprocess.Popen(["unshare", "-m", "--propagation", "private", "sh", "-c", script], stdout=subprocess.PIPE) as process:
+            try:
+                self.assertEqual(process.stdout.readline(), b"ready\n")
+                page.click("Auswerfen: ")
+                page.wait_for("Es wurde nicht ausgeworfen: noch nicht abziehen.",
+                              f"sda1 ist noch anderswo eingehängt, von jemand anderem: /tmp/volume von Prozess {process.pid} (sleep)")
+                self.assertNotIn("Niemand war zu sehen", page.text())
+                page.click("Eingehängt lassen")
+                page.wait_for("Freigegeben", gone=("noch nicht abziehen",))
+            finally:
+                process.kill()
+        page.click("Auswerfen: ")
+        page.wait_for("kann jetzt abgezogen werden")
 
 
 HOSTILE = "<img src=x onerror=alert(1)><b>\u202e$0'\"&amp;"

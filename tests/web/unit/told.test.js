@@ -1,10 +1,10 @@
 import assert from "node:assert/strict";
-import { readFileSync } from "node:fs";
+import { readdirSync, readFileSync } from "node:fs";
 import { afterEach, beforeEach, test } from "node:test";
 import { fakeCockpit, table, WEB } from "./fake_cockpit.js";
 import { QUICK } from "../../../web/model.js";
 import * as told from "../../../web/told.js";
-import { adds, PROBLEM_FILES, quickIds, remedies, SYSTEM_WORDS, toForm } from "./sources.js";
+import { adds, complaints, PROBLEM_FILES, quickIds, remedies, sentences, settingFaults, SYSTEM_WORDS, toForm } from "./sources.js";
 
 const source = path => readFileSync(new URL(`../${path}`, WEB), "utf8");
 const PROBLEMS = PROBLEM_FILES.map(source).join("");
@@ -25,14 +25,20 @@ function problem(form, ...named) {
 test("every problem that there is has its German, and so has what to do", () => {
     const all = adds(PROBLEMS);
     assert.ok(all.length > 25 && new Set(all.map(one => one.id)).size > 20, String(all.length));
+    assert.deepEqual([...new Set(PROBLEMS.match(/\bproblem_add\w*/g))].sort(), ["problem_add", "problem_add_texts"]); // as `adds` knows them
     for (const { id, format } of all) {
         assert.match(format.replaceAll(/%s|%d|%zu/g, ""), /^[^%]*$/, `${id}: write_argument knows no other conversion`);
         const pieces = told.problem(problem(toForm(format), "A", "B", "C"));
         assert.notEqual(pieces[0].lang, "en", `${id}: ${toForm(format)}`);
     }
     const same = remedies(PROBLEMS).filter(remedy => told.remedyOf({ remedy }) === remedy);
-    const command = /^(systemctl|mount|apt-get|cp|vyhotplug-prepare|vynas-samba-setup)( [a-z0-9,=/.-]+)*$/;
+    const command = /^(systemctl|mount|apt-get|cp|vyhotplug-prepare|vynas-samba-setup|chown|sysctl|less|vyhotplugctl)( [a-z0-9,=/.:$-]+| &&| share=NAME)*$/;
     assert.deepEqual(same.filter(remedy => !command.test(remedy)), []);
+    const typed = /^[a-z0-9.-]+( [a-z0-9:=,/.$-]+| -[a-z]+| USER| share=NAME| &&)*$/;
+    const prose = new Set(sentences(PROBLEMS));
+    assert.ok(prose.size > 8, String(prose.size));
+    assert.deepEqual([...prose].filter(remedy => same.includes(remedy)), []);
+    assert.deepEqual(remedies(PROBLEMS).filter(remedy => !prose.has(remedy) && !typed.test(remedy)), []);
 });
 
 test("a problem of a kind that is not known is told as it is, and marked as English", () => {
@@ -97,24 +103,55 @@ test("reasons with what the kernel says, which stays as it is", () => {
     assert.equal(say("does something new"), "It does something new.");
 });
 
+/** A text of the page's with places as those of vyhotplugctl's sources. */
+function placed(form) {
+    return form.replaceAll(/\$\d/g, "%s");
+}
+
 test("every refusal that a call of the page can meet is known", () => {
-    const files = ["call_mount", "call_set", "device_file", "requests", "rules", "target"].map(name => source(`companions/ctl/${name}.cpp`)).join("\n");
-    const printed = [...files.matchAll(/f(?:puts|printf)\(\s*(?:stderr,\s*)?((?:"(?:[^"\\]|\\.)*"\s*)+)/g)]
-        .map(match => [...match[1].matchAll(/"((?:[^"\\]|\\.)*)"/g)].map(part => part[1]).join(""));
-    const texts = [...files.matchAll(/\? "(vyhotplugctl: [^"]*)"\s*(?:"([^"]*)")?\s*: "(vyhotplugctl: [^"]*)"\s*"([^"]*)"/g)].flatMap(match => [match[1] + (match[2] ?? ""), match[3] + match[4]]);
-    assert.equal(texts.length, 2);
-    const wanted = [...printed, ...texts].filter(text => text.startsWith("vyhotplugctl: ") || / (mounted|hold it)\\n$/.test(text))
-        .map(text => text.replace(/^vyhotplugctl: /, "").replace("\\n", ""));
-    assert.ok(wanted.length > 12, String(wanted.length));
-    const forms = [...told.refusals, ...told.faults].map(form => form.replaceAll(/\$\d/g, "%s"));
-    const composed = ["%s: %s", "%s%s: ", "no such setting: ", "note: %s: %s has no %s password; %s %s"];
-    for (const text of wanted.filter(one => !composed.includes(one)))
-        assert.ok(forms.some(form => form.includes(text.replace(/^%s: /, "").replace(/(%s)+$/, ""))), text);
-    const faults = [...source("companions/ctl/settings.cpp").matchAll(/fail\(\w+, "([^"]+)"/g)].map(match => match[1].trim());
-    const never = ["must begin with /", "no such group:", "nobody has the number", "is yes or no", "is full, read-only, block or hide"];
-    assert.ok(faults.length > 8, String(faults.length));
-    for (const fault of faults.filter(one => !never.includes(one)))
-        assert.ok(forms.some(form => form.startsWith(fault)), fault);
+    // What asks only, what the page does not call, and what prints for all.
+    const others = ["call_check", "call_edit", "call_status", "call_users", "call_watch", "edit_text", "program", "progress", "terminal"];
+    const names = readdirSync(new URL("../companions/ctl/", WEB)).filter(name => name.endsWith(".cpp"));
+    const all = names.filter(name => !others.includes(name.slice(0, -4)) && name !== "other_use.cpp")
+        .flatMap(name => complaints(source(`companions/ctl/${name}`)));
+    // What is a word and an errno, what is no sentence, and whom the page shows as a list.
+    const wanted = all.filter(({ text }) => !/^(%s|%s: %s|note: .*|  .*|%s is busy:)$/.test(text))
+        .map(one => ({ ...one, text: one.text.replace(/(?<=[a-z])%s$/, "") })); // of a null text
+    const texts = wanted.map(one => one.text);
+    assert.ok(new Set(texts).size > 20, String(texts.length));
+
+    const never = ["no such setting: %s\\nThere are:", "%s: unset takes the name alone", "%s: give a value: KEY=VALUE", "%s fits %s:",
+        "interrupted; the service has not been seen to take the change", "another vyhotplugctl holds %s"]; // of edit alone
+    const forms = [...told.refusals.map(placed), ...told.faults.map(form => `%s: ${placed(form)}`)];
+    const statuses = { EXIT_NO_SERVICE: 3, EXIT_NO_DISK: 5 };
+    const unread = "%s could not be unmounted; nobody was seen to hold it"; // the page has a sentence of its own for it
+    assert.match(source("companions/ctl/call_mount.cpp"), new RegExp(`if \\(status == EXIT_BUSY [^;{]*text_print\\(stderr, "${unread}`));
+    for (const { text, status } of wanted.filter(one => ![unread, ...never, ...forms].includes(one.text))) {
+        assert.ok(status in statuses, text); // which says as much
+        const message = `vyhotplugctl: ${text.replaceAll("%s", "sda1")}\n`;
+        assert.doesNotMatch(shown(told.failure({ verb: "mount", status: statuses[status], message })), /\[|%|sda1/, text);
+    }
+    assert.deepEqual([...told.refusals.map(placed), ...never, unread].filter(form => !texts.includes(form)), []);
+
+    const faults = settingFaults(source("companions/ctl/settings.cpp")).filter(fault => fault !== "%s%s");
+    const nobodys = ["must begin with /", "no such group: %s", "nobody is in the group: %s", "nobody has the number %s", "is yes or no",
+        "is full, read-only, block or hide"];
+    assert.ok(faults.length > 12, String(faults.length));
+    assert.deepEqual(faults.filter(fault => !nobodys.includes(fault) && !told.faults.map(placed).includes(fault)), []);
+    const used = [...faults, ...texts.map(text => text.replace(/^%s: /, ""))];
+    assert.deepEqual([...told.faults.map(placed), ...nobodys].filter(fault => !used.includes(fault)), []);
+});
+
+test("the sentences of a source are found, whatever prints them", () => {
+    const texts = words => complaints(words).map(one => one.text);
+    assert.deepEqual(complaints('    complain("one %.200s "\n             "and %u", name, count); // "none"\n    return EXIT_FAILED;\n'),
+        [{ text: "one %s and %s", status: "EXIT_FAILED" }]);
+    assert.deepEqual(texts('complain("%s%s: %s", a == A::b ? "x: " : c(d, ")") ? "" : "y: ", what, "it");'), ["x: %s: it", "%s: it", "y: %s: it"]);
+    assert.deepEqual(texts('*status = complain_errno(work->a ? "perhaps" : path, -1); (void)complain_errno(nullptr, ENOMEM);'),
+        ["perhaps: %s", "%s: %s", "%s"]);
+    assert.deepEqual(texts('text_print(stderr, "%-16s stays, \\"%d\\"\\n", name, 1); text_print(args.out.out, "is told\\n");'),
+        ['%s stays, \\"%s\\"']);
+    assert.deepEqual(settingFaults('return fail(value,\n "is odd: ", name); return fail(value, "is even", "");'), ["is odd: %s", "is even"]);
 });
 
 test("a failure says what was not done, and why", () => {
@@ -139,6 +176,32 @@ test("a failure says what was not done, and why", () => {
     fakeCockpit();
     assert.equal(say("eject", 4, "sda1 is busy:"), "It was not ejected: do not pull it yet. It is busy.");
     assert.equal(say("mount", null, "Not permitted to perform this action."), "It was not mounted. Not permitted to perform this action.");
+});
+
+test("what a disk is in use for besides is known, in the words of vyhotplugctl", () => {
+    const words = source("companions/ctl/other_use.cpp");
+    const pieces = [...[...words.matchAll(/\btell\(\w+(?:\.\w+)?,\s*"([^"]+)"/g)].map(match => ` ${match[1]}`),
+        ...complaints(words).map(one => one.text)].filter(text => /[a-z]/.test(text.replaceAll("%s", "")));
+    const forms = [...told.uses, ...told.owners, ...told.unseen].map(placed);
+    assert.equal(pieces.length, forms.length);
+    for (const piece of pieces)
+        assert.ok(forms.some(form => form.endsWith(piece)), piece);
+    const message = "sda2 is mounted elsewhere, by somebody else: /srv/it stays mounted\nsda3 is a swap area in use\nsda1 is busy:\n";
+    assert.deepEqual(told.usesIn(message).map(shown), [
+        "sda2 ist noch anderswo eingehängt, von jemand anderem: /srv/it stays mounted", "sda3 ist ein Auslagerungsbereich in Benutzung."]);
+    assert.deepEqual(told.usesIn("sda1 is busy:\n"), []);
+});
+
+test("what a container has mounted is known, and that it cannot be seen", () => {
+    const say = message => told.usesIn(message).map(shown);
+    const message = "sda2 is mounted elsewhere, by somebody else: /tmp/volume of process 12 (sh (x))\nsda stays mounted\n";
+    assert.deepEqual(say(message), ["sda2 ist noch anderswo eingehängt, von jemand anderem: /tmp/volume von Prozess 12 (sh (x))"]);
+    const unseen = "vyhotplugctl: what else uses it cannot be seen: ";
+    assert.deepEqual(say(`${unseen}Cannot allocate memory\n`), ["Was es sonst benutzt, ist nicht zu sehen: Kein Speicher mehr"]);
+    assert.deepEqual(say(`${unseen}Too many open files\n`), ["Was es sonst benutzt, ist nicht zu sehen: [en: Too many open files]"]);
+    fakeCockpit();
+    assert.deepEqual(say(message), [message.split("\n")[0]]);
+    assert.deepEqual(say(`${unseen}Cannot allocate memory\n`), ["what else uses it cannot be seen: Cannot allocate memory"]);
 });
 
 test("what `status` tells of is known to be quick", () => {
