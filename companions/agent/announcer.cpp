@@ -122,8 +122,9 @@ static void change_medium(Announcer* announcer, const BlockName& disk, uint64_t 
     drive->disk = disk;
     drive->unread = true;
     drive->since = now;
-    medium_ask(&drive->look, disk, MEDIUM_IN_USE); // an empty drive too: sysfs may show the size
-    announcer->drives_retry = {};                  // from before
+    // An empty drive too: sysfs may show the size from before.
+    medium_ask(&drive->look, disk, MEDIUM_IN_USE);
+    announcer->drives_retry = {};
     retry_later(&announcer->drives_retry, now);
 }
 

@@ -244,8 +244,8 @@ static int make_copy(Work* work, EditStep step, const FileBytes& base, FileBytes
     return work->wanted && conf_dev_load(work->copy, work->wanted.get()) == 0 ? 0 : -ENOMEM;
 }
 
-// Notes the sections of what was found that are not in the text that took its place for a moment:
-// a refresh that has read that knows nothing of them.
+// Notes the sections of what was found that are missing in the text which took its place for a
+// moment: a refresh that has read that text will not write them.
 static int carry(Work* work, const FileBytes& text, const FileBytes& found)
 {
     FileBytes both;

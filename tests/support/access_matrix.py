@@ -66,7 +66,6 @@ class Row:
         """Whether it is to be hidden from somebody."""
         return self.guest_hide or self.administrator == HIDE or bool(self.lists[HIDE])
 
-
     def guests_only_read(self):
         """Whether guests may but read what others write."""
         return not self.readonly and self.access(None) == "read"
