@@ -16,7 +16,7 @@ TOOLS = os.path.join(BUILD, "node_modules", ".bin")
 WORLD = os.path.join(ROOT, "build", "dev", "bin", "world")
 PICTURES = os.path.join(ROOT, "docs", "pictures")
 LIMIT = 600  # seconds for one test
-AT_ONCE = max(1, (os.cpu_count() or 1) // 2)  # a browser keeps more than one processor busy
+AT_ONCE = os.cpu_count() or 1  # a test waits half of the time
 
 CHECKS = {
     "lint": [TOOLS + "/eslint", "--config", "tests/web/eslint.config.js", "web", "tests/web/unit",
