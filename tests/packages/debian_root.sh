@@ -68,6 +68,8 @@ make_root() {
 
 [ "$1" != --ways ] || { copy_ways "$2" && exit; }
 mkdir -p "$1"
+exec 9>"$1/lock"
+flock 9 # somebody else may be making it
 [ -n "$(sources)" ] || apt-get update -q >&2
 folder=$1/$(key)
 if [ ! -e "$folder/made" ]; then
