@@ -152,7 +152,7 @@ static int find_usb(int sysfs, int from, BlockHardware* hardware, BlockDevice* d
 {
     struct stat top;
     struct stat here;
-    FdGuard at(open_directory(from, "."));
+    FdGuard at(fcntl(from, F_DUPFD_CLOEXEC, 0));
     while (at.get() >= 0 && fstat(sysfs, &top) == 0 && fstat(at.get(), &here) == 0) {
         if (here.st_dev != top.st_dev || here.st_ino == top.st_ino)
             return -1;
@@ -219,9 +219,9 @@ static uint64_t make_identity(const BlockDevice& device, uint64_t incarnation, c
     return hash;
 }
 
-static void read_holder(int directory, BlockDevice* device)
+static void read_holder(int disk, const char* holders_path, BlockDevice* device)
 {
-    const DirGuard holders(open_stream(directory, "holders"));
+    const DirGuard holders(open_stream(disk, holders_path));
     if (!holders)
         return note_failure(device, errno != ENOTDIR ? errno : EIO); // an old kernel has none
     while (const dirent* entry = directory_next(holders.get())) {
@@ -233,10 +233,10 @@ static void read_holder(int directory, BlockDevice* device)
 }
 
 // Reads "8:1". Returns whether the device is there.
-static bool read_numbers(int directory, BlockDevice* device)
+static bool read_numbers(int disk, const char* dev_path, BlockDevice* device)
 {
     char text[number_size];
-    read_kernels(directory, "dev", text, sizeof text, device);
+    read_kernels(disk, dev_path, text, sizeof text, device);
     char* colon = strchr(text, ':');
     if (colon == nullptr)
         return device->failure != 0; // then that is what is told of it
@@ -259,18 +259,41 @@ static int append(const BlockDevice& device, BlockList* list)
     return 0;
 }
 
-// Reads what is the device's own, and puts it into the list if it is there. Returns 0; -ENOMEM.
-static int read_own(int directory, const char* sequence, BlockDevice* device, BlockList* list)
+// Returns whether a directory of the disk's still has that number.
+static bool is_same(int disk, const char* own, ino_t number, BlockDevice* device)
 {
-    struct stat status = {}; // its number is another one whenever the kernel makes the device anew
-    if (fstat(directory, &status) != 0)
+    struct stat status;
+    if (fstatat(disk, own, &status, 0) == 0)
+        return status.st_ino == number;
+    note_failure(device, errno);
+    return device->failure != 0; // then that is what is told of it
+}
+
+// Reads what is the device's own, and puts it into the list if it is there. `own` is its directory,
+// seen from the disk's. Returns 0; -ENOMEM.
+static int read_own(int disk, const char* own, const char* sequence, BlockDevice* device,
+                    BlockList* list)
+{
+    static constexpr size_t size = block_name_size + sizeof "/holders";
+    char ro[size];
+    char holders[size];
+    char dev[size];
+    (void)snprintf(ro, size, "%s/ro", own);
+    (void)snprintf(holders, size, "%s/holders", own);
+    (void)snprintf(dev, size, "%s/dev", own);
+    struct stat status; // its number is another one whenever the kernel makes the device anew
+    if (fstatat(disk, own, &status, 0) != 0) {
         note_failure(device, errno);
-    read_text(directory, "ro", device->readonly, sizeof device->readonly, device);
-    read_holder(directory, device);
+        return device->failure != 0 ? append(*device, list) : 0; // it has just gone
+    }
+    if (!S_ISDIR(status.st_mode))
+        return 0;
+    read_text(disk, ro, device->readonly, sizeof device->readonly, device);
+    read_holder(disk, holders, device);
     // Last, as the kernel takes "dev" away before it sends the remove event: with its numbers still
-    // there, all of the above was its own. What was made anew meanwhile lies in another directory,
+    // there, and in the same directory, all of the above was its own. What was made anew meanwhile
     // has an event to come, and is read then.
-    if (!read_numbers(directory, device))
+    if (!read_numbers(disk, dev, device) || !is_same(disk, own, status.st_ino, device))
         return 0;
     device->identity = make_identity(*device, status.st_ino, sequence);
     return append(*device, list);
@@ -353,11 +376,7 @@ static int read_partition(int disk, const BlockName& name, const char* sequence,
                           BlockList* list)
 {
     device.name = name;
-    const FdGuard directory(open_directory(disk, name.text));
-    if (directory.get() >= 0)
-        return read_own(directory.get(), sequence, &device, list);
-    note_failure(&device, errno);
-    return device.failure != 0 ? append(device, list) : 0; // it has just gone
+    return read_own(disk, name.text, sequence, &device, list);
 }
 
 // Lends one that is all zero; null when there is no memory.
@@ -395,7 +414,7 @@ static int read_disk(int sysfs, int block, const BlockName& name, BlockList* lis
     BlockDevice device = shared;
     read_kernels(disk, "size", text, sizeof text, &device);
     device.empty = strcmp(text, "0") == 0;
-    int result = read_own(disk, sequence, &device, list);
+    int result = read_own(disk, ".", sequence, &device, list);
     NameList partitions;
     if (result == 0)
         result = read_names(disk, &name, &partitions);
