@@ -11,29 +11,46 @@ static void put(const Json* json, const char* text)
     (void)fwrite(text, 1, strlen(text), json->out);
 }
 
-static void put_character(const Json* json, const char* text, size_t length)
+static void put_bytes(const Json* json, const char* begin, const char* end)
+{
+    if (begin != end)
+        (void)fwrite(begin, 1, static_cast<size_t>(end - begin), json->out);
+}
+
+// Whether a character is none that a terminal or a browser could obey: C0, C1 and delete.
+static bool is_plain(const char* text, size_t length)
 {
     const auto first = static_cast<uint8_t>(text[0]);
+    const bool c1 = length == 2 && first == 0xc2 && static_cast<uint8_t>(text[1]) < 0xa0;
+    return length != 0 && first >= 0x20 && first != 0x7f && !c1 && first != '"' && first != '\\';
+}
+
+static void put_escape(const Json* json, const char* text, size_t length)
+{
     if (length == 0)
         put(json, "\\ufffd");
-    else if (first < 0x20 || first == 0x7f)
-        fprintf(json->out, "\\u%04x", static_cast<unsigned>(first));
-    else if (length == 2 && first == 0xc2 && static_cast<uint8_t>(text[1]) < 0xa0)
-        fprintf(json->out, "\\u%04x", static_cast<unsigned>(static_cast<uint8_t>(text[1])));
-    else if (first == '"' || first == '\\')
-        fprintf(json->out, "\\%c", first);
-    else
-        (void)fwrite(text, 1, length, json->out);
+    else if (text[0] == '"' || text[0] == '\\')
+        fprintf(json->out, "\\%c", text[0]);
+    else // of two bytes the second is the character's number
+        fprintf(json->out, "\\u%04x",
+                static_cast<unsigned>(static_cast<uint8_t>(text[length - 1])));
 }
 
 static void put_string(const Json* json, const char* text)
 {
     put(json, "\"");
+    const char* plain = text; // from here on as it stands
     while (*text != '\0') {
         const size_t length = text_sequence(text);
-        put_character(json, text, length);
-        text += length != 0 ? length : 1;
+        const char* next = text + (length != 0 ? length : 1);
+        if (!is_plain(text, length)) {
+            put_bytes(json, plain, text);
+            put_escape(json, text, length);
+            plain = next;
+        }
+        text = next;
     }
+    put_bytes(json, plain, text);
     put(json, "\"");
 }
 

@@ -148,6 +148,12 @@ bool text_is_fit(const char* text)
     return true;
 }
 
+static void show_bytes(FILE* out, const char* begin, const char* end)
+{
+    if (begin != end)
+        (void)fwrite(begin, 1, static_cast<size_t>(end - begin), out);
+}
+
 size_t text_show(FILE* out, const char* text, size_t columns)
 {
     const bool whole = text_columns(text) <= columns;
@@ -155,14 +161,21 @@ size_t text_show(FILE* out, const char* text, size_t columns)
         return 0;
     const size_t room = whole ? columns : columns - 1;
     size_t taken = 0;
+    const char* plain = text; // from here on as it stands
     Shown shown;
     while (*text != '\0') {
-        text += next_shown(text, &shown);
+        const char* next = text + next_shown(text, &shown);
         if (taken + shown.columns > room)
             break;
-        (void)fwrite(shown.bytes, 1, shown.length, out);
+        if (shown.bytes == shown.escape) {
+            show_bytes(out, plain, text);
+            (void)fwrite(shown.bytes, 1, shown.length, out);
+            plain = next;
+        }
         taken += shown.columns;
+        text = next;
     }
+    show_bytes(out, plain, text);
     if (!whole) {
         text_print(out, "~");
         taken++;
