@@ -159,8 +159,10 @@ int call_status(const CallArgs& args)
     View view;
     ProblemTable problems = {};
     int status = look(*args.setup, &view);
-    if (status == EXIT_DONE && problems_find(*args.setup, view, PROBLEMS_QUICK, &problems) < 0)
-        status = complain_errno(nullptr, ENOMEM);
+    const int wrong =
+        status == EXIT_DONE ? problems_find(*args.setup, view, PROBLEMS_QUICK, &problems) : 0;
+    if (wrong < 0)
+        status = complain_errno(nullptr, wrong);
     if (status == EXIT_DONE)
         status = print_status(args, view, problems);
     problems_end(&problems);

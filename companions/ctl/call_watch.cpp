@@ -3,7 +3,7 @@
 #include "ctl/call_status.h"
 #include "ctl/events.h"
 #include "ctl/item_json.h"
-#include "ctl/machine.h"
+#include "ctl/processes.h"
 #include "device/kinds.h"
 #include "lib/platform.h"
 #include "lib/str.h"
@@ -208,7 +208,10 @@ static bool take_devices(const Sources& sources)
 static void watch_service(Sources* sources)
 {
 #ifdef SYS_pidfd_open
-    const pid_t pid = sources->service.get() < 0 ? machine_find("vyhotplugd") : 0;
+    ProcessTableGuard processes;
+    if (sources->service.get() >= 0 || processes_read(processes.out()) != 0)
+        return; // the next event has it tried again
+    const pid_t pid = processes_find(processes.get(), "vyhotplugd");
     if (pid > 0)
         sources->service.reset(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
 #else

@@ -15,17 +15,18 @@ static constexpr char ksmbd_users[] = "/etc/ksmbd/ksmbdpwd.db";
 // ---- the servers ----
 
 // A configuration that cannot be read is believed to be right.
-static bool samba_reads_list(const FileServer& server)
+static bool samba_reads_list(const FileServer& server, const ProcessTable* processes)
 {
+    (void)processes;
     FileBytes config;
     return file_read_all(samba_config, 0, 1 << 20, &config) != 0 ||
            strstr(config.bytes.get(), server.list) != nullptr;
 }
 
 // Its configuration is a word of its command line.
-static bool ksmbd_reads_list(const FileServer& server)
+static bool ksmbd_reads_list(const FileServer& server, const ProcessTable* processes)
 {
-    return machine_was_started_with(server.program, server.list);
+    return processes_any_started_with(processes, server.program, server.list);
 }
 
 // As Debian builds it, and unless the administrator or vynas-samba-setup has switched that off.
@@ -150,9 +151,10 @@ bool file_server_in_kernel(const FileServer& server, const Setup& setup)
            machine_has_module(server.module);
 }
 
-bool file_server_runs(const FileServer& server, const Setup& setup)
+bool file_server_runs(const FileServer& server, const Setup& setup, const ProcessTable* processes)
 {
-    return machine_runs(server.program) && (server.module == nullptr || is_loaded(server, setup));
+    return processes_find(processes, server.program) != 0 &&
+           (server.module == nullptr || is_loaded(server, setup));
 }
 
 bool file_server_read_users(const FileServer& server, FileBytes* lines)

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "ctl/json.h"
+#include "ctl/processes.h"
 #include "ctl/setup.h"
 #include "lib/file.h"
 
@@ -36,7 +37,7 @@ struct FileServer {
     const char* program; // that serves; a process is called so
     const char* module;  // of the kernel, that does the work; null: none
     const char* list;    // the shares, as the bridge writes them
-    bool (*reads_list)(const FileServer& server);
+    bool (*reads_list)(const FileServer& server, const ProcessTable* processes);
     bool (*tells_avahi)();  // whether it does that itself
     const char* tell_avahi; // what to type, where it does not
     bool (*read_users)(FileBytes* lines);
@@ -54,7 +55,8 @@ extern const FileServer file_servers[file_server_count];
 [[nodiscard]] const FileServer* file_server_find();
 
 // Whether it runs, its part in the kernel included.
-[[nodiscard]] bool file_server_runs(const FileServer& server, const Setup& setup);
+[[nodiscard]] bool file_server_runs(const FileServer& server, const Setup& setup,
+                                    const ProcessTable* processes);
 
 // Whether its part in the kernel is there or can be; true for one without.
 [[nodiscard]] bool file_server_in_kernel(const FileServer& server, const Setup& setup);

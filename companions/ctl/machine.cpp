@@ -22,7 +22,6 @@ static constexpr char program_path[] =
 static constexpr char uuid_links[] = "/dev/disk/by-uuid";
 static constexpr int ask_limit_ms = 10000;
 static constexpr size_t ask_most = 1 << 20;
-static constexpr size_t command_line_most = 4096;
 
 // ---- processes ----
 
@@ -43,118 +42,6 @@ int machine_read_name(const char* process, char (&name)[machine_name_size])
     comm.bytes.get()[strcspn(comm.bytes.get(), "\n")] = '\0';
     str_ncpy(name, comm.bytes.get(), sizeof name);
     return 0;
-}
-
-// The words of its command line, a NUL behind each.
-static bool read_command_line(const char* process, FileBytes* words)
-{
-    char path[64];
-    (void)snprintf(path, sizeof path, "%s/cmdline", process);
-    return file_read_all(path, 0, command_line_most, words) == 0;
-}
-
-// What a look at a process is for.
-using ProcessFits = bool (*)(const char* process, const char* word);
-
-static bool any_fits(const char* process, const char* word)
-{
-    (void)process;
-    (void)word;
-    return true;
-}
-
-static bool has_word_on_line(const char* process, const char* word)
-{
-    FileBytes words;
-    return read_command_line(process, &words) &&
-           memmem(words.bytes.get(), words.size, word, strlen(word)) != nullptr;
-}
-
-// The interpreter is the first word, the script the second.
-static bool runs_script(const char* process, const char* script)
-{
-    FileBytes words;
-    if (!read_command_line(process, &words))
-        return false;
-    const size_t interpreter = strlen(words.bytes.get()) + 1;
-    const char* second = interpreter < words.size ? words.bytes.get() + interpreter : "";
-    const char* slash = strrchr(second, '/');
-    return strcmp(slash != nullptr ? slash + 1 : second, script) == 0;
-}
-
-static bool is_replaced(const char* process, const char* word)
-{
-    (void)word;
-    static constexpr char mark[] = " (deleted)";
-    char path[64];
-    char file[PATH_MAX];
-    (void)snprintf(path, sizeof path, "%s/exe", process);
-    const ssize_t length = readlink(path, file, sizeof file - 1);
-    if (length < static_cast<ssize_t>(sizeof mark))
-        return false;
-    file[length] = '\0';
-    return strcmp(file + length - (sizeof mark - 1), mark) == 0;
-}
-
-static pid_t find_process(const char* name, ProcessFits fits, const char* word)
-{
-    const DirGuard processes(opendir("/proc"));
-    while (const dirent* entry = processes ? readdir(processes.get()) : nullptr) {
-        int32_t pid = 0;
-        char process[32];
-        char called[machine_name_size];
-        if (str_to_long(entry->d_name, &pid, 10) != 0)
-            continue;
-        (void)snprintf(process, sizeof process, "/proc/%d", pid);
-        if (machine_read_name(process, called) == 0 &&
-            strncmp(called, name, sizeof called - 1) == 0 && fits(process, word))
-            return pid;
-    }
-    return 0;
-}
-
-pid_t machine_find(const char* name)
-{
-    return find_process(name, any_fits, nullptr);
-}
-
-bool machine_runs(const char* name)
-{
-    return find_process(name, any_fits, nullptr) != 0;
-}
-
-bool machine_was_replaced(const char* name)
-{
-    return find_process(name, is_replaced, nullptr) != 0;
-}
-
-bool machine_was_started_with(const char* name, const char* word)
-{
-    return find_process(name, has_word_on_line, word) != 0;
-}
-
-bool machine_file_option(pid_t pid, char (&path)[PATH_MAX])
-{
-    char process[32];
-    FileBytes words;
-    (void)snprintf(process, sizeof process, "/proc/%d", static_cast<int>(pid));
-    if (!read_command_line(process, &words))
-        return false;
-    const char* file = nullptr; // the last one counts
-    const char* end = words.bytes.get() + words.size;
-    for (const char* word = words.bytes.get(); word < end; word += strlen(word) + 1) {
-        if (strcmp(word, "-f") == 0)
-            file = word + sizeof "-f"; // behind the last word stands a NUL, too
-    }
-    if (file == nullptr || file[0] != '/')
-        return false;
-    str_cpy(path, file);
-    return true;
-}
-
-bool machine_runs_script(const char* name)
-{
-    return find_process("python3", runs_script, name) != 0;
 }
 
 bool machine_pid_file_is_alive(const char* path, char (&name)[machine_name_size])

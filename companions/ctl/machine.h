@@ -3,29 +3,7 @@
 
 #include "lib/file.h"
 
-#include <limits.h>
 #include <sys/stat.h>
-#include <sys/types.h>
-
-// Returns the number of a process that runs under that name, 0 without one.
-[[nodiscard]] pid_t machine_find(const char* name);
-
-// Whether a process runs under that name.
-[[nodiscard]] bool machine_runs(const char* name);
-
-// Whether a process of that name runs a file that is no longer there: a newer one was installed.
-// Only root is told of others' processes; for the rest the answer is no.
-[[nodiscard]] bool machine_was_replaced(const char* name);
-
-// Whether a process of that name was started with that word, in whatever option.
-[[nodiscard]] bool machine_was_started_with(const char* name, const char* word);
-
-// Writes the absolute path that a process was started with, the word behind the last -f. Returns
-// false without one.
-[[nodiscard]] bool machine_file_option(pid_t pid, char (&path)[PATH_MAX]);
-
-// Whether a process runs a script of that name, as "python3 /usr/sbin/wsdd".
-[[nodiscard]] bool machine_runs_script(const char* name);
 
 // Whether a look that returned `error`, a negated errno, has failed for what the machine lacks, as
 // memory or descriptors. Else that says something of what was looked at: it has gone, or is not

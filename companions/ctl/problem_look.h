@@ -2,6 +2,7 @@
 #pragma once
 
 #include "ctl/file_server.h"
+#include "ctl/processes.h"
 #include "ctl/view.h"
 
 constexpr size_t problem_text_size = 768; // bytes with the NUL
@@ -50,7 +51,8 @@ struct ProblemLook {
     const Setup* setup;
     const View* view;
     ProblemTable* table;
-    const FileServer* server; // that the shares are made for; null without one
+    const FileServer* server;      // that the shares are made for; null without one
+    const ProcessTable* processes; // null where only the configuration is looked at
 };
 
 // Adds a problem, or a note. Borrows `id`, which is to last.

@@ -58,8 +58,8 @@ static void look_at_rights(ProblemLook* look, const char* path)
     if (result == ENOENT)
         return;
     if (result != 0) {
-        problem_add(look, "open_to_others", false, prose("chown root and chmod 644 it"),
-                    "%s cannot be read: %s", path, strerror(result));
+        problem_add(look, "open_to_others", false, prose("chown root and chmod 644 it"), "%s cannot be read: %s",
+                    path, strerror(result));
     } else if (status.st_uid != 0 || (status.st_mode & 022) != 0) {
         problem_add(look, "open_to_others", false, typed("chown root:root $0 && chmod go-w $0"),
                     "%s may be changed by others than root", path);
@@ -139,8 +139,8 @@ static bool find_user(const char* name, uint32_t* id)
 
 static void tell_unread(const About* about, int error)
 {
-    problem_add(about->look, about->id, false, prose("chown root and chmod 644 it"),
-                "%s cannot be read: %s", about->path, strerror(-error));
+    problem_add(about->look, about->id, false, prose("chown root and chmod 644 it"), "%s cannot be read: %s",
+                about->path, strerror(-error));
 }
 
 static void look_at_keys(ProblemLook* look)
@@ -253,7 +253,7 @@ static void look_at_service(ProblemLook* look)
     if (!look->view->service_runs) {
         problem_add(look, "service_not_running", false, typed("systemctl start vyhotplugd"),
                     "the service is not running");
-    } else if (machine_was_replaced("vyhotplugd")) {
+    } else if (processes_any_replaced(look->processes, "vyhotplugd")) {
         problem_add(look, "service_replaced", false, typed("systemctl restart vyhotplugd"),
                     "the service that runs is older than the one that is installed");
     }
@@ -261,11 +261,11 @@ static void look_at_service(ProblemLook* look)
 
 static void look_at_agent(ProblemLook* look)
 {
-    if (!machine_runs("vyhotplug-agent")) {
+    if (processes_find(look->processes, "vyhotplug-agent") == 0) {
         problem_add(look, "agent_not_running", access("/run/systemd/system", F_OK) != 0,
                     typed("systemctl start vyhotplug-agent"),
                     "no agent runs that tells the service of disks (mdev may do that, too)");
-    } else if (machine_was_replaced("vyhotplug-agent")) {
+    } else if (processes_any_replaced(look->processes, "vyhotplug-agent")) {
         problem_add(look, "agent_replaced", false, typed("systemctl restart vyhotplug-agent"),
                     "the agent that runs is older than the one that is installed");
     }
@@ -367,11 +367,12 @@ constexpr Check checks[] = {
     {PROBLEMS_QUICK, look_at_lines},
     {PROBLEMS_QUICK, look_at_users},
     {PROBLEMS_QUICK, look_at_names},
-    {PROBLEMS_ALL, look_at_label_tools},
-    {PROBLEMS_ALL, look_at_filesystems},
-    {PROBLEMS_ALL, look_at_file_server},
-    {PROBLEMS_ALL, look_at_discovery},
-    {PROBLEMS_ALL, look_at_protections},
+    {PROBLEMS_QUICK, look_at_label_tools},
+    {PROBLEMS_QUICK, look_at_filesystems},
+    {PROBLEMS_QUICK, look_at_file_server},
+    {PROBLEMS_ALL, look_at_server_users},
+    {PROBLEMS_QUICK, look_at_discovery},
+    {PROBLEMS_QUICK, look_at_protections},
     {PROBLEMS_QUICK, look_at_disks},
 };
 
@@ -380,8 +381,15 @@ constexpr Check checks[] = {
 int problems_find(const Setup& setup, const View& view, ProblemScope scope, ProblemTable* table)
 {
     *table = {};
-    ProblemLook look = {
-        .setup = &setup, .view = &view, .table = table, .server = file_server_find()};
+    ProcessTableGuard processes;
+    const int result = scope > PROBLEMS_CONFIGURATION ? processes_read(processes.out()) : 0;
+    if (result != 0)
+        return result;
+    ProblemLook look = {.setup = &setup,
+                        .view = &view,
+                        .table = table,
+                        .server = file_server_find(),
+                        .processes = processes.get()};
     for (const Check& check : checks) {
         if (check.scope <= scope)
             check.look(&look);

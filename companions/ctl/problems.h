@@ -9,7 +9,8 @@ enum ProblemScope : uint8_t {
     PROBLEMS_ALL,
 };
 
-// Looks for problems. Returns how many there are that are no notes; -ENOMEM. Either way the table
-// is to be ended by problems_end.
+// Looks for problems. Returns how many there are that are no notes; -ENOMEM, or another negated
+// errno where the machine lacks what a look takes. Either way the table is to be ended by
+// problems_end.
 [[nodiscard]] int problems_find(const Setup& setup, const View& view, ProblemScope scope,
                                 ProblemTable* table);

@@ -1,6 +1,7 @@
 #include "ctl/service.h"
 
 #include "ctl/machine.h"
+#include "ctl/processes.h"
 #include "lib/socket_unix.h"
 #include "lib/sys.h"
 
@@ -78,7 +79,7 @@ bool service_config(char (&path)[PATH_MAX])
 {
     FdGuard fd;
     UnixPeer peer;
-    return connect_service(&fd, &peer) == 0 && machine_file_option(peer.pid, path);
+    return connect_service(&fd, &peer) == 0 && process_file_option(peer.pid, path);
 }
 
 ServiceAnswer service_request(const char* action, const char* target, bool force, int limit_ms,

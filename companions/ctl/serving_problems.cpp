@@ -18,7 +18,7 @@ void look_at_bridge(ProblemLook* look)
                     server != nullptr ? typed(server->start_bridge)
                                       : prose("install vynas-samba or vynas-ksmbd"),
                     "no file-sharing service reads the shares");
-    } else if (server != nullptr && machine_was_replaced(server->bridge)) {
+    } else if (server != nullptr && processes_any_replaced(look->processes, server->bridge)) {
         problem_add(look, "bridge_replaced", false, typed(server->restart_bridge),
                     "the bridge that runs is older than the one that is installed");
     }
@@ -52,18 +52,18 @@ static ServerFault find_fault(const ProblemLook& look)
         return SERVER_MISSING;
     if (!file_server_in_kernel(server, *look.setup))
         return SERVER_NOT_IN_KERNEL;
-    if (!file_server_runs(server, *look.setup))
+    if (!file_server_runs(server, *look.setup, look.processes))
         return SERVER_NOT_RUNNING;
-    return server.reads_list(server) ? SERVER_FAULTS : SERVER_NOT_SET_UP;
+    return server.reads_list(server, look.processes) ? SERVER_FAULTS : SERVER_NOT_SET_UP;
 }
 
 // One of them alone can have the port: which one clients meet is chance.
 static void look_at_other_servers(ProblemLook* look)
 {
-    if (!file_server_runs(*look->server, *look->setup))
+    if (!file_server_runs(*look->server, *look->setup, look->processes))
         return;
     for (const FileServer& other : file_servers) {
-        if (&other != look->server && file_server_runs(other, *look->setup))
+        if (&other != look->server && file_server_runs(other, *look->setup, look->processes))
             problem_add(look, "other_server", false, typed(other.stop), "%s runs beside %s",
                         other.name, look->server->name);
     }
@@ -71,14 +71,18 @@ static void look_at_other_servers(ProblemLook* look)
 
 void look_at_file_server(ProblemLook* look)
 {
-    FileBytes users;
     if (look->server == nullptr)
         return;
     const ServerFault fault = find_fault(*look);
     if (fault != SERVER_FAULTS)
         problem_add_texts(look, false, look->server->faults[fault]);
     look_at_other_servers(look);
-    if (file_server_read_users(*look->server, &users) && users.size == 0)
+}
+
+void look_at_server_users(ProblemLook* look)
+{
+    FileBytes users;
+    if (look->server != nullptr && file_server_read_users(*look->server, &users) && users.size == 0)
         problem_add_texts(look, false, look->server->faults[SERVER_NO_USERS]);
 }
 
@@ -111,7 +115,8 @@ static void look_for_one(ProblemLook* look, const Discovery& row)
 {
     bool installed = false;
     for (const char* program : row.programs) {
-        if (machine_runs(program) || machine_runs_script(program))
+        if (processes_find(look->processes, program) != 0 ||
+            processes_any_script(look->processes, program))
             return;
         installed |= machine_has_program(program);
     }
@@ -123,8 +128,9 @@ static void look_for_one(ProblemLook* look, const Discovery& row)
 static void look_at_avahi(ProblemLook* look)
 {
     const FileServer* server = look->server;
-    if (server == nullptr || !machine_runs("avahi-daemon") || find_fault(*look) != SERVER_FAULTS ||
-        server->tells_avahi() || machine_any_file_has(avahi_folder, "_smb._tcp"))
+    if (server == nullptr || processes_find(look->processes, "avahi-daemon") == 0 ||
+        find_fault(*look) != SERVER_FAULTS || server->tells_avahi() ||
+        machine_any_file_has(avahi_folder, "_smb._tcp"))
         return;
     problem_add(look, "avahi_not_told", false, typed(server->tell_avahi),
                 "no file tells Avahi of the file server");
@@ -134,7 +140,7 @@ void look_at_discovery(ProblemLook* look)
 {
     bool served = false;
     for (const FileServer& server : file_servers)
-        served |= file_server_runs(server, *look->setup);
+        served |= file_server_runs(server, *look->setup, look->processes);
     if (!served)
         return;
     for (const Discovery& row : discoveries)

@@ -100,7 +100,8 @@ class Status(CtlTest):
 
     def test_nothing_is_plugged(self):
         self.start_daemon()
-        self.assert_ctl("status", out="Nothing is plugged.\n")
+        told = self.assert_ctl("status").out.splitlines()
+        self.assertEqual([line for line in told if not line.startswith("! ")], ["Nothing is plugged."])
 
     def test_no_service(self):
         done = self.ctl("status")
@@ -1026,6 +1027,13 @@ class Check(CtlTest):
                         vyworld.PROGRAMS + "/vyhotplugctl", "-f", vyworld.CONFIG, "status"],
                        check=False, stdout=subprocess.DEVNULL)
         self.assertIn(len(read_lines("/tmp/calls")), range(1, 10))
+
+    def test_status_tells_what_can_be_told_without_asking_programs(self):
+        told = [problem for problem in self.ask("check", status=FAILED)["problems"]
+                if problem["id"] not in ("other_version", "samba_no_users")]
+        self.assertEqual(told, self.ask("status", status=NO_SERVICE)["problems"])
+        self.assertEqual([f"! {problem['text']}" for problem in told if problem["severity"] == "problem"],
+                         [line for line in self.ctl("status").out.splitlines() if line.startswith("! ")])
 
     def test_lines_that_would_be_lost(self):
         write(vyworld.DEVICE_FILE, "[1:2:a:3]\nShare Name=a\nSharename=b\n# no=fault\ncolour = red\nfull access users = anna\n"

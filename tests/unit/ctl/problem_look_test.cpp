@@ -35,7 +35,11 @@ class ProblemLookTest : public testing::Test {
     }
 
     ProblemTable table_ = {};
-    ProblemLook look_ = {.setup = nullptr, .view = nullptr, .table = &table_, .server = nullptr};
+    ProblemLook look_ = {.setup = nullptr,
+                         .view = nullptr,
+                         .table = &table_,
+                         .server = nullptr,
+                         .processes = nullptr};
 };
 
 } // namespace

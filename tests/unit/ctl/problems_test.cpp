@@ -66,8 +66,13 @@ class ProblemsTest : public testing::Test {
     std::string found_by(void (*look_at)(ProblemLook* look), const FileServer* server)
     {
         problems_end(&table_);
-        ProblemLook look = {
-            .setup = &world_.setup, .view = &view_.view, .table = &table_, .server = server};
+        ProcessTableGuard processes;
+        EXPECT_EQ(processes_read(processes.out()), 0);
+        ProblemLook look = {.setup = &world_.setup,
+                            .view = &view_.view,
+                            .table = &table_,
+                            .server = server,
+                            .processes = processes.get()};
         look_at(&look);
         return told();
     }
@@ -393,9 +398,10 @@ TEST_F(ProblemsTest, WhatKeepsSambaFromSharing)
     install("pdbedit");
     auto& asked = fake_world().programs[std::string(programs) + "/pdbedit"];
     asked = {{0, 0, ""}, {0, 0, "anna:1001:\n"}};
-    EXPECT_EQ(found_by(look_at_file_server, samba_),
+    EXPECT_EQ(found_by(look_at_server_users, samba_),
               "samba_no_users: nobody has a Samba password\n");
-    EXPECT_EQ(found_by(look_at_file_server, samba_), "");
+    EXPECT_EQ(found_by(look_at_server_users, samba_), "");
+    EXPECT_EQ(found_by(look_at_server_users, nullptr), "");
 }
 
 TEST_F(ProblemsTest, WhatKeepsKsmbdFromSharing)
@@ -414,14 +420,16 @@ TEST_F(ProblemsTest, WhatKeepsKsmbdFromSharing)
     start("ksmbd.mountd");
     EXPECT_EQ(found_by(look_at_file_server, ksmbd_),
               "ksmbd_not_set_up: ksmbd.mountd does not read the shares\n");
-    EXPECT_TRUE(file_server_runs(*ksmbd_, world_.setup));
+    ProcessTableGuard processes;
+    ASSERT_EQ(processes_read(processes.out()), 0);
+    EXPECT_TRUE(file_server_runs(*ksmbd_, world_.setup, processes.get()));
     fs::remove(std::string(ctl_sysfs) + "/class/ksmbd-control");
-    EXPECT_FALSE(file_server_runs(*ksmbd_, world_.setup)) << "its part in the kernel does the work";
+    EXPECT_FALSE(file_server_runs(*ksmbd_, world_.setup, processes.get()))
+        << "its part in the kernel does the work";
     fs::create_directories("/etc/ksmbd");
     write_file("/etc/ksmbd/ksmbdpwd.db", "");
-    EXPECT_NE(
-        found_by(look_at_file_server, ksmbd_).find("ksmbd_no_users: nobody has a ksmbd password\n"),
-        std::string::npos);
+    EXPECT_EQ(found_by(look_at_server_users, ksmbd_),
+              "ksmbd_no_users: nobody has a ksmbd password\n");
 }
 
 TEST_F(ProblemsTest, AKsmbdThatReadsTheSharesIsStartedWithTheirList)
