@@ -152,6 +152,27 @@ bool processes_any_script(const ProcessTable* table, const char* name)
 
 // ---- the service's command line ----
 
+// Returns which of the service's options with an argument the word holds: 'f' or 'l'; NUL for
+// none. Lends the argument; null when it is the next word.
+static char option_of(const char* word, const char** argument)
+{
+    *argument = nullptr;
+    if (word[0] != '-')
+        return '\0';
+    if (word[1] != '-') { // others may stand before it in the same word
+        const char* letter = word + 1 + strcspn(word + 1, "fl");
+        if (letter[0] != '\0' && letter[1] != '\0')
+            *argument = letter + 1;
+        return letter[0];
+    }
+    const char* name = word + 2; // its beginning is enough
+    const size_t length = strcspn(name, "=");
+    if (name[length] == '=')
+        *argument = name + length + 1;
+    const bool known = strncmp(name, "file", length) == 0 || strncmp(name, "level", length) == 0;
+    return known && length > 0 ? name[0] : '\0';
+}
+
 bool process_file_option(pid_t pid, char (&path)[PATH_MAX])
 {
     char process[32];
@@ -162,8 +183,14 @@ bool process_file_option(pid_t pid, char (&path)[PATH_MAX])
     const char* file = nullptr; // the last one counts
     const char* end = words.bytes.get() + words.size;
     for (const char* word = words.bytes.get(); word < end; word += strlen(word) + 1) {
-        if (strcmp(word, "-f") == 0)
-            file = word + sizeof "-f"; // behind the last word stands a NUL, too
+        const char* argument = nullptr;
+        const char option = option_of(word, &argument);
+        if (option != '\0' && argument == nullptr) {
+            word += strlen(word) + 1; // behind the last word stands a NUL, too
+            argument = word;
+        }
+        if (option == 'f')
+            file = argument;
     }
     if (file == nullptr || file[0] != '/')
         return false;

@@ -39,6 +39,6 @@ using ProcessTableGuard = Guard<ProcessTable, processes_free>;
 // Whether a process runs a script of that name, as "python3 /usr/sbin/wsdd".
 [[nodiscard]] bool processes_any_script(const ProcessTable* table, const char* name);
 
-// Writes the absolute path that a process was started with, the word behind the last -f. Returns
-// false without one.
+// Writes the absolute path that a service was started with, of the last -f or --file, as
+// getopt_long(3) takes them. Returns false without one.
 [[nodiscard]] bool process_file_option(pid_t pid, char (&path)[PATH_MAX]);

@@ -126,6 +126,18 @@ TEST_F(Processes, WasStartedWithAFile)
         {{"-f"}, ""},
         {{"-f", ""}, ""},
         {{"-l", "/tmp/other"}, ""},
+        {{"-f/tmp/other"}, "/tmp/other"},
+        {{"-df", "/tmp/other"}, "/tmp/other"},
+        {{"-l7", "-kf/tmp/other"}, "/tmp/other"},
+        {{"-lf/tmp/other"}, ""},
+        {{"-l", "-f", "/tmp/other"}, ""}, // is the level
+        {{"--file", "/tmp/other"}, "/tmp/other"},
+        {{"--file=/tmp/other"}, "/tmp/other"},
+        {{"--fi=/tmp/other"}, "/tmp/other"},
+        {{"--level", "-f", "/tmp/other"}, ""},
+        {{"--level=7", "--debug", "--f", "/tmp/other"}, "/tmp/other"},
+        {{"--files", "/tmp/other"}, ""},
+        {{"--", "/tmp/other"}, ""},
     };
     for (const Row& row : rows) {
         const pid_t pid = fork();
