@@ -51,6 +51,12 @@ static bool stat_directory_of(const char* path, struct stat* status)
     return stat(directory, status) == 0;
 }
 
+// What is to be done about a file that stands first in the problem's text.
+static Remedy remedy_unread(int error)
+{
+    return error == EACCES ? prose("chown root and chmod 644 it") : typed("ls -ld $0");
+}
+
 static void look_at_rights(ProblemLook* look, const char* path)
 {
     struct stat status;
@@ -58,7 +64,7 @@ static void look_at_rights(ProblemLook* look, const char* path)
     if (result == ENOENT)
         return;
     if (result != 0) {
-        problem_add(look, "open_to_others", false, prose("chown root and chmod 644 it"), "%s cannot be read: %s",
+        problem_add(look, "open_to_others", false, remedy_unread(result), "%s cannot be read: %s",
                     path, strerror(result));
     } else if (status.st_uid != 0 || (status.st_mode & 022) != 0) {
         problem_add(look, "open_to_others", false, typed("chown root:root $0 && chmod go-w $0"),
@@ -139,7 +145,7 @@ static bool find_user(const char* name, uint32_t* id)
 
 static void tell_unread(const About* about, int error)
 {
-    problem_add(about->look, about->id, false, prose("chown root and chmod 644 it"), "%s cannot be read: %s",
+    problem_add(about->look, about->id, false, remedy_unread(-error), "%s cannot be read: %s",
                 about->path, strerror(-error));
 }
 
