@@ -185,11 +185,13 @@ TEST_F(ProblemsTest, FilesThatCannotBeReadAreNotTakenForRight)
     const std::string configuration = found(PROBLEMS_CONFIGURATION);
     EXPECT_EQ(configuration,
               "configuration: /tmp/ctl/config cannot be read: No such file or directory\n");
+    EXPECT_EQ(remedy("configuration"), "ls -ld /tmp/ctl/config");
     write_file(ctl_devices, "[1:2:a:1]\nColour=red\n");
     view_.view.device_file = -EACCES;
     EXPECT_NE(found(PROBLEMS_QUICK)
                   .find("settings: /tmp/ctl/devices cannot be read: Permission denied\n"),
               std::string::npos);
+    EXPECT_EQ(remedy("settings"), "(chown root and chmod 644 it)");
     view_.view.device_file = -ENOENT;
     EXPECT_EQ(found(PROBLEMS_QUICK).find("settings: "), std::string::npos);
 }
