@@ -154,11 +154,8 @@ export function isMounted(item) {
     return ["shared", "mounted", "busy"].includes(item.state);
 }
 
-/** Problems that `status` tells of, too. */
-export const QUICK = [
-    "service_not_running", "service_replaced", "agent_not_running", "agent_replaced", "bridge_not_running", "bridge_replaced",
-    "open_to_others", "configuration", "directory_missing", "other_filesystem", "tmp_read_only", "tmp_full", "settings", "no_such_user", "name_twice", "not_mounted", "directory_gone",
-];
+/** Problems that `check` alone tells of: it asks programs. */
+export const THOROUGH = ["other_version", "samba_no_users", "ksmbd_no_users"];
 
 /**
  * The problems: those that are seen at once, as they are now, and what only a thorough look finds.
@@ -167,7 +164,7 @@ export const QUICK = [
  * @returns {Problem[]}
  */
 export function problems(model) {
-    const all = [...model.seen, ...model.found.filter(problem => !QUICK.includes(problem.id))];
+    const all = [...model.seen, ...model.found.filter(problem => THOROUGH.includes(problem.id))];
     return [...all.filter(problem => problem.severity !== "note"), ...all.filter(problem => problem.severity === "note")];
 }
 

@@ -53,24 +53,24 @@ export function adds(source) {
 export function remedies(source) {
     const rows = [...source
         .matchAll(/\.(?:remedy|start_bridge|restart_bridge|tell_avahi) =\s+(?:\w+\()?"([^"]+)"/g)].map(match => match[1]);
-    return [...new Set([...rows, ...adds(source).map(one => one.remedy)])].filter(Boolean);
+    return [...new Set([...rows, ...sentences(source), ...adds(source).map(one => one.remedy)])].filter(Boolean);
 }
 
 /**
- * The ids of what is looked at for `status`.
+ * The ids of what is not looked at for `status`; of a fault of each server they end as its name does.
  *
  * @param {string} source
  * @returns {string[]}
  */
-export function quickIds(source) {
+export function thoroughIds(source) {
     const functions = [...source.matchAll(/^(?:static )?[\w ]+\b(\w+)\([^;]*?\)\n\{\n(.*?)^\}$/gms)];
     const bodies = new Map(functions.map(([, name, body]) => [name, body]));
     const whole = name => [...bodies.get(name).matchAll(/\b(\w+)\(/g)].map(match => match[1])
-        .filter(other => bodies.has(other) && other !== name && other !== "problem_add").map(whole).join("") + bodies.get(name);
-    const rows = [...source.matchAll(/\{PROBLEMS_(\w+), (look_at_\w+)\}/g)].filter(([, scope]) => scope !== "ALL");
-    const ids = rows.flatMap(([, , name]) => [...whole(name)
-        .matchAll(/(?:problem_add\(\s*look,\s+|\.id = )"(\w+)"/g)].map(match => match[1]));
-    return [...new Set(ids)];
+        .filter(other => bodies.has(other) && other !== name && !other.startsWith("problem_add")).map(whole).join("") + bodies.get(name);
+    const all = [...source.matchAll(/\{PROBLEMS_ALL, (look_at_\w+)\}/g)].map(([, name]) => whole(name)).join("");
+    const faults = [...all.matchAll(/faults\[SERVER_(\w+)\]/g)].map(([, name]) => `_${name.toLowerCase()}`);
+    const ids = [...all.matchAll(/problem_add\(\s*look,\s+"(\w+)"/g)].map(match => match[1]);
+    return [...new Set([...ids, ...adds(source).map(one => one.id).filter(id => faults.some(fault => id.endsWith(fault)))])];
 }
 
 /**

@@ -2,9 +2,9 @@ import assert from "node:assert/strict";
 import { readdirSync, readFileSync } from "node:fs";
 import { afterEach, beforeEach, test } from "node:test";
 import { fakeCockpit, table, WEB } from "./fake_cockpit.js";
-import { QUICK } from "../../../web/model.js";
+import { THOROUGH } from "../../../web/model.js";
 import * as told from "../../../web/told.js";
-import { adds, complaints, PROBLEM_FILES, quickIds, remedies, sentences, settingFaults, SYSTEM_WORDS, toForm } from "./sources.js";
+import { adds, complaints, PROBLEM_FILES, remedies, sentences, settingFaults, SYSTEM_WORDS, thoroughIds, toForm } from "./sources.js";
 
 const source = path => readFileSync(new URL(`../${path}`, WEB), "utf8");
 const PROBLEMS = PROBLEM_FILES.map(source).join("");
@@ -205,8 +205,8 @@ test("what a container has mounted is known, and that it cannot be seen", () => 
     assert.deepEqual(say(`${unseen}Cannot allocate memory\n`), ["what else uses it cannot be seen: Cannot allocate memory"]);
 });
 
-test("what `status` tells of is known to be quick", () => {
-    assert.deepEqual([...QUICK].sort(), quickIds(PROBLEMS).sort());
+test("what `check` alone tells of is known", () => {
+    assert.deepEqual([...THOROUGH].sort(), thoroughIds(PROBLEMS).sort());
 });
 
 test("the words of the system that are translated are English ones", () => {
