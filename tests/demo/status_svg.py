@@ -73,7 +73,7 @@ def svg(command, text):
 
 
 def main():
-    around = story.Surroundings()
+    around = story.Surroundings(mountfs="ntfs,ext", fatvolumelabel="disable")  # what the machine that draws may lack
     for name, filesystem, share, settings, kilobytes in STICKS:
         plug(name, filesystem, kilobytes)
         subprocess.run([os.path.join(story.PROGRAMS, "vyhotplugctl"), "set", name, f"share={share}",

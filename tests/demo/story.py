@@ -50,12 +50,12 @@ def show_mounts():
 class Surroundings:
     """What stands around the service on an appliance: configuration, hook, file-sharing service."""
 
-    def __init__(self):
+    def __init__(self, **changes):
         for folder in (vyworld.CONFIG_DIR, vyworld.DEVICE_DIR, vyworld.MOUNT_DIR):
             os.mkdir(folder)
         config = {"smbconfigpath": vyworld.SHARE_FILE, "deviceconfigpath": vyworld.DEVICE_FILE,
                   "mountpath": vyworld.MOUNT_DIR, "devicepath": vyworld.DEVICE_DIR,
-                  "mountfs": "fat,ntfs,ext", "defaultuid": "1000"}
+                  "mountfs": "fat,ntfs,ext", "defaultuid": "1000", **changes}
         vyworld.write(vyworld.CONFIG, "".join(f"{key} = {value}\n" for key, value in config.items()))
         vyworld.write(vyworld.HOOK, f'#!/bin/sh\necho "hook: $1 $2" >> {vyworld.HOOK_RECORD}\n', 0o755)
         self.log = vyworld.SystemLog()
