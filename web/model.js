@@ -154,8 +154,8 @@ export function isMounted(item) {
     return ["shared", "mounted", "busy"].includes(item.state);
 }
 
-/** Problems that `check` alone tells of: it asks programs. */
-export const THOROUGH = ["other_version", "samba_no_users", "ksmbd_no_users"];
+/** Problems that `check` may tell of where `status` does not: it asks programs. */
+export const THOROUGH = ["samba_no_users"];
 
 /**
  * The problems: those that are seen at once, as they are now, and what only a thorough look finds.
@@ -164,7 +164,8 @@ export const THOROUGH = ["other_version", "samba_no_users", "ksmbd_no_users"];
  * @returns {Problem[]}
  */
 export function problems(model) {
-    const all = [...model.seen, ...model.found.filter(problem => THOROUGH.includes(problem.id))];
+    const isSeen = (/** @type {Problem} */ problem) => model.seen.some(seen => seen.id === problem.id);
+    const all = [...model.seen, ...model.found.filter(problem => THOROUGH.includes(problem.id) && !isSeen(problem))];
     return [...all.filter(problem => problem.severity !== "note"), ...all.filter(problem => problem.severity === "note")];
 }
 

@@ -10,6 +10,7 @@
 
 static constexpr char bridge_pid_file[] = "/var/run/vynas-fssd.pid";
 static constexpr char samba_config[] = "/etc/samba/smb.conf";
+static constexpr char samba_users[] = "/var/lib/samba/private/passdb.tdb";
 static constexpr char ksmbd_users[] = "/etc/ksmbd/ksmbdpwd.db";
 
 // ---- the servers ----
@@ -52,6 +53,25 @@ static bool ksmbd_read_users(FileBytes* lines)
     return file_read_all(ksmbd_users, 0, 1 << 20, lines) == 0;
 }
 
+// The key of each user's record begins so in Samba's own database (tdbsam), which counts unless
+// another is named. A record that was removed may lie there still.
+static bool samba_has_no_users()
+{
+    static constexpr char record[] = "USER_";
+    FileBytes config;
+    FileBytes users;
+    return file_read_all(samba_config, 0, 1 << 20, &config) == 0 &&
+           strcasestr(config.bytes.get(), "passdb backend") == nullptr &&
+           file_read_all(samba_users, 0, 1 << 24, &users) == 0 &&
+           memmem(users.bytes.get(), users.size, record, sizeof record - 1) == nullptr;
+}
+
+static bool ksmbd_has_no_users()
+{
+    FileBytes lines;
+    return ksmbd_read_users(&lines) && lines.size == 0;
+}
+
 const FileServer file_servers[file_server_count] = {
     {.name = "Samba",
      .word = "samba",
@@ -68,6 +88,7 @@ const FileServer file_servers[file_server_count] = {
      .tells_avahi = samba_tells_avahi,
      .tell_avahi = "vynas-samba-setup enable",
      .read_users = samba_read_users,
+     .has_no_users = samba_has_no_users,
      .faults = {{"samba_missing", "Samba is not installed", "apt-get install samba"},
                 {},
                 {"samba_not_running", "Samba is not running", "systemctl start smbd"},
@@ -89,6 +110,7 @@ const FileServer file_servers[file_server_count] = {
      .tells_avahi = ksmbd_tells_avahi,
      .tell_avahi = "cp /usr/share/doc/vyhotplugd/examples/avahi/smb.service /etc/avahi/services/",
      .read_users = ksmbd_read_users,
+     .has_no_users = ksmbd_has_no_users,
      .faults = {{"ksmbd_missing", "there is no ksmbd.mountd", "apt-get install ksmbd-tools"},
                 {"ksmbd_not_in_kernel", "this kernel has no ksmbd",
                  "install a kernel that has it, or vynas-samba", true},

@@ -41,6 +41,7 @@ struct FileServer {
     bool (*tells_avahi)();  // whether it does that itself
     const char* tell_avahi; // what to type, where it does not
     bool (*read_users)(FileBytes* lines);
+    bool (*has_no_users)(); // as far as its files tell without it; false where they do not
     FaultTexts faults[SERVER_FAULTS];
 };
 

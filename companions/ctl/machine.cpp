@@ -88,6 +88,14 @@ bool machine_has_own_program(const char* name)
     return find_program(name, path) && strncmp(path, own_folder, sizeof own_folder - 1) == 0;
 }
 
+bool machine_program_has(const char* name, const char* text)
+{
+    char path[PATH_MAX];
+    FileBytes content;
+    return !find_program(name, path) || file_read_all(path, 0, FILE_ANY_SIZE, &content) != 0 ||
+           memmem(content.bytes.get(), content.size, text, strlen(text) + 1) != nullptr;
+}
+
 bool machine_ask(const char* program, const char* word, FileBytes* answer)
 {
     char path[PATH_MAX];

@@ -26,6 +26,10 @@ constexpr size_t machine_name_size = 16; // of a process, in bytes with the NUL
 // Whether the service's package has a program of that name, and the service finds that one first.
 [[nodiscard]] bool machine_has_own_program(const char* name);
 
+// Whether an installed program's file holds the text, a NUL behind it; true for one that is not
+// there or cannot be read.
+[[nodiscard]] bool machine_program_has(const char* name, const char* text);
+
 // Whether the kernel has the module, loaded or not, or was built with it.
 [[nodiscard]] bool machine_has_module(const char* name);
 

@@ -53,6 +53,7 @@ struct ProblemLook {
     ProblemTable* table;
     const FileServer* server;      // that the shares are made for; null without one
     const ProcessTable* processes; // null where only the configuration is looked at
+    bool asks;                     // programs, which takes its time
 };
 
 // Adds a problem, or a note. Borrows `id`, which is to last.

@@ -364,7 +364,7 @@ constexpr Check checks[] = {
     {PROBLEMS_QUICK, look_at_service},
     {PROBLEMS_QUICK, look_at_agent},
     {PROBLEMS_QUICK, look_at_bridge},
-    {PROBLEMS_ALL, look_at_versions},
+    {PROBLEMS_QUICK, look_at_versions},
     {PROBLEMS_CONFIGURATION, look_at_own_file},
     {PROBLEMS_CONFIGURATION, look_at_keys},
     {PROBLEMS_CONFIGURATION, look_at_directories},
@@ -376,7 +376,7 @@ constexpr Check checks[] = {
     {PROBLEMS_QUICK, look_at_label_tools},
     {PROBLEMS_QUICK, look_at_filesystems},
     {PROBLEMS_QUICK, look_at_file_server},
-    {PROBLEMS_ALL, look_at_server_users},
+    {PROBLEMS_QUICK, look_at_server_users},
     {PROBLEMS_QUICK, look_at_discovery},
     {PROBLEMS_QUICK, look_at_protections},
     {PROBLEMS_QUICK, look_at_disks},
@@ -395,7 +395,8 @@ int problems_find(const Setup& setup, const View& view, ProblemScope scope, Prob
                         .view = &view,
                         .table = table,
                         .server = file_server_find(),
-                        .processes = processes.get()};
+                        .processes = processes.get(),
+                        .asks = scope == PROBLEMS_ALL};
     for (const Check& check : checks) {
         if (check.scope <= scope)
             check.look(&look);

@@ -6,7 +6,7 @@
 enum ProblemScope : uint8_t {
     PROBLEMS_CONFIGURATION, // the configuration and the paths that it names
     PROBLEMS_QUICK,         // and everything that can be seen without starting a program
-    PROBLEMS_ALL,
+    PROBLEMS_ALL,           // and what programs tell that are asked
 };
 
 // Looks for problems. Returns how many there are that are no notes; -ENOMEM, or another negated

@@ -24,12 +24,10 @@ void look_at_bridge(ProblemLook* look)
     }
 }
 
+// The text of its --version stands in its file.
 static void compare_version(ProblemLook* look, const char* program)
 {
-    FileBytes told;
-    char expected[256];
-    (void)snprintf(expected, sizeof expected, "%s %s\n", program, vy_build);
-    if (machine_ask(program, "--version", &told) && strcmp(told.bytes.get(), expected) != 0) {
+    if (!machine_program_has(program, vy_build)) {
         problem_add(look, "other_version", false, prose("install all packages of one version"),
                     "this is vyhotplugctl %s, and %s is another", vy_build, program);
     }
@@ -82,8 +80,12 @@ void look_at_file_server(ProblemLook* look)
 void look_at_server_users(ProblemLook* look)
 {
     FileBytes users;
-    if (look->server != nullptr && file_server_read_users(*look->server, &users) && users.size == 0)
-        problem_add_texts(look, false, look->server->faults[SERVER_NO_USERS]);
+    const FileServer* server = look->server;
+    if (server == nullptr)
+        return;
+    const bool told = look->asks && file_server_read_users(*server, &users);
+    if (told ? users.size == 0 : server->has_no_users())
+        problem_add_texts(look, false, server->faults[SERVER_NO_USERS]);
 }
 
 // ---- the network ----

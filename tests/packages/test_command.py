@@ -61,6 +61,16 @@ class Command(Machine):
             self.assertIsNotNone(item["settings"])
         self.assertEqual(answers[0][1]["items"], answers[1][1]["items"])
 
+    def test_nobody_has_a_password_until_somebody_has(self):
+        def told(call):
+            return [problem["id"] for problem in self.call_json(ROOT, call)[1]["problems"]]
+
+        for call in ("status", "check"):
+            self.assertIn("samba_no_users", told(call))
+        self.add_anna()
+        for call in ("status", "check"):
+            self.assertNotIn("samba_no_users", told(call))
+
     def test_everything_about_one(self):
         with open("/media/vyhotplug/sda1/a.txt", "rb"):
             answers = [self.call_json(who, "show", "WORK") for who in (ROOT, EVERYBODY)]

@@ -39,7 +39,8 @@ class ProblemLookTest : public testing::Test {
                          .view = nullptr,
                          .table = &table_,
                          .server = nullptr,
-                         .processes = nullptr};
+                         .processes = nullptr,
+                         .asks = false};
 };
 
 } // namespace

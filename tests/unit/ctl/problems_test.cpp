@@ -63,7 +63,8 @@ class ProblemsTest : public testing::Test {
     }
 
     // The same of one look.
-    std::string found_by(void (*look_at)(ProblemLook* look), const FileServer* server)
+    std::string found_by(void (*look_at)(ProblemLook* look), const FileServer* server,
+                         bool asks = false)
     {
         problems_end(&table_);
         ProcessTableGuard processes;
@@ -72,7 +73,8 @@ class ProblemsTest : public testing::Test {
                             .view = &view_.view,
                             .table = &table_,
                             .server = server,
-                            .processes = processes.get()};
+                            .processes = processes.get(),
+                            .asks = asks};
         look_at(&look);
         return told();
     }
@@ -88,10 +90,10 @@ class ProblemsTest : public testing::Test {
         return text;
     }
 
-    static void install(const std::string& name)
+    static void install(const std::string& name, const std::string& build = vy_build)
     {
         const std::string path = std::string(programs) + "/" + name;
-        write_file(path, "");
+        write_file(path, std::string("code\0", 5) + build + std::string("\0code", 5));
         EXPECT_EQ(chmod(path.c_str(), 0755), 0);
     }
 
@@ -325,15 +327,14 @@ TEST_F(ProblemsTest, WithoutABridgeThatRunsTheOneThatIsInstalledCounts)
 
 TEST_F(ProblemsTest, ProgramsOfAnotherVersion)
 {
+    const auto other = [](const std::string& program) {
+        return std::string("other_version: this is vyhotplugctl ") + vy_build + ", and " + program +
+               " is another\n";
+    };
     install("vyhotplug-agent");
-    install("vynas-samba");
-    const std::string folder = programs;
-    fake_world().programs[folder + "/vyhotplug-agent"] = {
-        {0, 0, std::string("vyhotplug-agent ") + vy_build + "\n"}};
-    fake_world().programs[folder + "/vynas-samba"] = {{0, 0, "vynas-samba 0.1\n"}};
-    EXPECT_EQ(found_by(look_at_versions, nullptr), std::string("other_version: this is "
-                                                               "vyhotplugctl ") +
-                                                       vy_build + ", and vynas-samba is another\n");
+    install("vynas-samba", "0.1");
+    install("vynas-ksmbd", std::string(vy_build) + ".1");
+    EXPECT_EQ(found_by(look_at_versions, nullptr), other("vynas-samba") + other("vynas-ksmbd"));
 }
 
 // ---- what is needed ----
@@ -397,13 +398,37 @@ TEST_F(ProblemsTest, WhatKeepsSambaFromSharing)
               "samba_not_set_up: /etc/samba/smb.conf does not include the shares\n");
     write_file("/etc/samba/smb.conf", "include = /run/vynas-samba/shares.conf\n");
     EXPECT_EQ(found_by(look_at_file_server, samba_), "");
+}
+
+TEST_F(ProblemsTest, NobodyHasASambaPassword)
+{
+    static constexpr char database[] = "/var/lib/samba/private/passdb.tdb";
+    const std::string nobody = "samba_no_users: nobody has a Samba password\n";
+    const std::string made("TDB file\0INFO/version", 21);
+    const std::string config = "[global]\ninclude = /run/vynas-samba/shares.conf\n";
+    fs::create_directories("/etc/samba");
+    fs::create_directories("/var/lib/samba/private");
+    EXPECT_EQ(found_by(look_at_server_users, samba_), "") << "there is no database yet";
+    write_file(database, made);
+    EXPECT_EQ(found_by(look_at_server_users, samba_), "") << "there is no configuration";
+    write_file("/etc/samba/smb.conf", config);
+    EXPECT_EQ(found_by(look_at_server_users, samba_), nobody);
+    write_file("/etc/samba/smb.conf", config + "Passdb Backend = smbpasswd\n");
+    EXPECT_EQ(found_by(look_at_server_users, samba_), "") << "they are elsewhere";
+    write_file("/etc/samba/smb.conf", config);
+    write_file(database, made + std::string("\0USER_anna\0", 11));
+    EXPECT_EQ(found_by(look_at_server_users, samba_), "");
+    EXPECT_EQ(found_by(look_at_server_users, nullptr), "");
+}
+
+TEST_F(ProblemsTest, SambaItselfKnowsWhetherAnybodyHasAPassword)
+{
     install("pdbedit");
     auto& asked = fake_world().programs[std::string(programs) + "/pdbedit"];
     asked = {{0, 0, ""}, {0, 0, "anna:1001:\n"}};
-    EXPECT_EQ(found_by(look_at_server_users, samba_),
+    EXPECT_EQ(found_by(look_at_server_users, samba_, true),
               "samba_no_users: nobody has a Samba password\n");
-    EXPECT_EQ(found_by(look_at_server_users, samba_), "");
-    EXPECT_EQ(found_by(look_at_server_users, nullptr), "");
+    EXPECT_EQ(found_by(look_at_server_users, samba_, true), "");
 }
 
 TEST_F(ProblemsTest, WhatKeepsKsmbdFromSharing)

@@ -57,20 +57,17 @@ export function remedies(source) {
 }
 
 /**
- * The ids of what is not looked at for `status`; of a fault of each server they end as its name does.
+ * The ids that a problem may have for which a server's program is asked, where it is asked.
  *
  * @param {string} source
  * @returns {string[]}
  */
-export function thoroughIds(source) {
-    const functions = [...source.matchAll(/^(?:static )?[\w ]+\b(\w+)\([^;]*?\)\n\{\n(.*?)^\}$/gms)];
-    const bodies = new Map(functions.map(([, name, body]) => [name, body]));
-    const whole = name => [...bodies.get(name).matchAll(/\b(\w+)\(/g)].map(match => match[1])
-        .filter(other => bodies.has(other) && other !== name && !other.startsWith("problem_add")).map(whole).join("") + bodies.get(name);
-    const all = [...source.matchAll(/\{PROBLEMS_ALL, (look_at_\w+)\}/g)].map(([, name]) => whole(name)).join("");
-    const faults = [...all.matchAll(/faults\[SERVER_(\w+)\]/g)].map(([, name]) => `_${name.toLowerCase()}`);
-    const ids = [...all.matchAll(/problem_add\(\s*look,\s+"(\w+)"/g)].map(match => match[1]);
-    return [...new Set([...ids, ...adds(source).map(one => one.id).filter(id => faults.some(fault => id.endsWith(fault)))])];
+export function askedFor(source) {
+    const functions = [...source.matchAll(/^(?:static )?[\w ]+\b\w+\([^;]*?\)\n\{\n(.*?)^\}$/gms)].map(([, body]) => body);
+    const faults = functions.filter(body => body.includes("->asks"))
+        .flatMap(body => [...body.matchAll(/faults\[SERVER_(\w+)\]/g)].map(([, name]) => name.toLowerCase()));
+    const servers = [...source.matchAll(/^static bool (\w+)_read_users\(.*\n\{\n.*machine_ask/gm)].map(([, name]) => name);
+    return servers.flatMap(server => faults.map(fault => `${server}_${fault}`));
 }
 
 /**

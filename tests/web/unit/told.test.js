@@ -4,7 +4,7 @@ import { afterEach, beforeEach, test } from "node:test";
 import { fakeCockpit, table, WEB } from "./fake_cockpit.js";
 import { THOROUGH } from "../../../web/model.js";
 import * as told from "../../../web/told.js";
-import { adds, complaints, PROBLEM_FILES, remedies, sentences, settingFaults, SYSTEM_WORDS, thoroughIds, toForm } from "./sources.js";
+import { adds, askedFor, complaints, PROBLEM_FILES, remedies, sentences, settingFaults, SYSTEM_WORDS, toForm } from "./sources.js";
 
 const source = path => readFileSync(new URL(`../${path}`, WEB), "utf8");
 const PROBLEMS = PROBLEM_FILES.map(source).join("");
@@ -205,8 +205,8 @@ test("what a container has mounted is known, and that it cannot be seen", () => 
     assert.deepEqual(say(`${unseen}Cannot allocate memory\n`), ["what else uses it cannot be seen: Cannot allocate memory"]);
 });
 
-test("what `check` alone tells of is known", () => {
-    assert.deepEqual([...THOROUGH].sort(), thoroughIds(PROBLEMS).sort());
+test("what `check` asks programs for is known", () => {
+    assert.deepEqual(askedFor(PROBLEMS).filter(id => adds(PROBLEMS).some(one => one.id === id)), THOROUGH);
 });
 
 test("the words of the system that are translated are English ones", () => {
