@@ -420,6 +420,19 @@ class Systemd(Machine):
         for path in (*places, "/tmp/vyhotplugd-evhook.sh", "/tmp/vynasmira/vyhotplugd.conf"):
             self.assertTrue(os.path.lexists(path), path)
 
+    def test_stopping_while_settings_are_saved_is_no_failure(self):
+        unit = "vyhotplugd-settings.service"
+        folder = f"/run/systemd/system/{unit}.d"
+        os.makedirs(folder)
+        self.write(folder + "/slow.conf", "[Service]\nExecStart=\nExecStart=/bin/sleep 60\n")
+        self.run_ok("systemctl", "daemon-reload")
+        self.run_ok("systemctl", "start", "--no-block", unit)
+        self.wait_until("it saves", lambda: self.show(unit, "ActiveState") == "activating" and self.show(unit, "MainPID") != "0")
+        self.run_ok("systemctl", "stop", unit)
+        self.assertEqual(self.show(unit, "ActiveState"), "inactive")
+        shutil.rmtree(folder)
+        self.run_ok("systemctl", "daemon-reload")
+
     def test_removing_ends_and_unmounts_it_all(self):
         self.run_ok("apt-get", "-qy", "purge", *PACKAGES, env=NONINTERACTIVE)
         self.stick.plugged = False
