@@ -17,7 +17,8 @@ static void put_bytes(const Json* json, const char* begin, const char* end)
         (void)fwrite(begin, 1, static_cast<size_t>(end - begin), json->out);
 }
 
-// Whether a character is none that a terminal or a browser could obey: C0, C1 and delete.
+// Whether a character stands in a string as it is: none that a terminal or a browser could obey
+// (C0, C1, delete), nor one that JSON does.
 static bool is_plain(const char* text, size_t length)
 {
     const auto first = static_cast<uint8_t>(text[0]);
