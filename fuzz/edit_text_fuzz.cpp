@@ -10,7 +10,6 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include <algorithm>
 #include <set>
 
 namespace {
